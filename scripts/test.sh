@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Builds and runs everything that has to pass: the optimised build, both sanitizer builds, format and tidy checks.
+# The last line counts what passed and what failed; the exit code is 0 when nothing failed.
+set -uo pipefail
+cd "$(dirname "$0")/.." || exit 1
+scripts/setup.sh || exit 1
+
+passed=0
+failed=0
+
+# count NAME COMMAND...: one check that passes or fails as a whole.
+count() {
+    local name=$1
+    shift
+    if "$@"; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        echo "FAILED: $name"
+    fi
+}
+
+build() {
+    cmake --preset "$1" >"build/$1.configure.log" 2>&1 || { cat "build/$1.configure.log"; return 1; }
+    cmake --build --preset "$1" >"build/$1.build.log" 2>&1 || { cat "build/$1.build.log"; return 1; }
+}
+
+# run_tests PRESET: adds the tests of one build.
+run_tests() {
+    local report=build/$1.tests.xml
+    rm -f "$report"
+    ctest --preset "$1" --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || cat "build/$1.tests.log"
+    if [ ! -f "$report" ]; then
+        failed=$((failed + 1))
+        return
+    fi
+    local tests failures
+    tests=$(grep -c '<testcase ' "$report")
+    failures=$(grep -c '<testcase .*status="\(fail\|disabled\|notrun\)"' "$report")
+    echo "$1: $tests tests, $failures failed"
+    passed=$((passed + tests - failures))
+    failed=$((failed + failures))
+}
+
+check_format() {
+    git ls-files '*.cpp' '*.c' '*.h' | xargs clang-format --dry-run --Werror
+}
+
+check_tidy() {
+    git ls-files 'src/*.cpp' | grep -v windows | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/release 2>build/tidy.log ||
+        { grep -v 'warnings generated' build/tidy.log; return 1; }
+}
+
+mkdir -p build
+for preset in release asan tsan; do
+    echo "building $preset"
+    count "build $preset" build "$preset"
+    run_tests "$preset"
+done
+count "clang-format" check_format
+count "clang-tidy" check_tidy
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,270 @@
+// The supported entry points in the order of the standard: each names itself, runs the entry sequence and calls the
+// subsystem that does the work.
+#include "cryptoki.h"
+#include "frame/entry_sequence.h"
+#include "frame/lifecycle.h"
+
+namespace
+{
+
+const CK_FUNCTION_LIST functionList = {
+    {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+#define EXPORT(name) &(name),
+#include "frame/exports.inc"
+};
+
+/// Stands for work that this version does not do yet.
+CK_RV later(SessionRecord& /*session*/)
+{
+    return CKR_FUNCTION_NOT_SUPPORTED;
+}
+
+CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
+{
+    if (ppFunctionList == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_GetFunctionList: ppFunctionList is NULL");
+    *ppFunctionList = const_cast<CK_FUNCTION_LIST_PTR>(&functionList);
+    return CKR_OK;
+}
+
+} // namespace
+
+CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/)
+{
+    const CK_RV result = enterAlways(__func__, createLibraryInstance);
+    if (result != CKR_OK)
+        return result;
+    startDeviceMonitor(); // Not guarded: a thread that cannot be created reaches the host as std::system_error.
+    return guarded(__func__, reportStart);
+}
+
+CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/)
+{
+    return enter(__func__, finalize);
+}
+
+CK_RV C_GetInfo(CK_INFO_PTR pInfo)
+{
+    return enter(__func__, [&] { return getInfo(pInfo); });
+}
+
+// Works before C_Initialize.
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
+{
+    return enterAlways(__func__, [&] { return getFunctionList(ppFunctionList); });
+}
+
+CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR /*pSlotList*/, CK_ULONG_PTR /*pulCount*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_GetSlotInfo(CK_SLOT_ID /*slotID*/, CK_SLOT_INFO_PTR /*pInfo*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_GetTokenInfo(CK_SLOT_ID /*slotID*/, CK_TOKEN_INFO_PTR /*pInfo*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_GetMechanismList(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE_PTR /*pMechanismList*/, CK_ULONG_PTR /*pulCount*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_GetMechanismInfo(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE /*type*/, CK_MECHANISM_INFO_PTR /*pInfo*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR /*pOldPin*/, CK_ULONG /*ulOldLen*/,
+               CK_UTF8CHAR_PTR /*pNewPin*/, CK_ULONG /*ulNewLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_OpenSession(CK_SLOT_ID /*slotID*/, CK_FLAGS /*flags*/, CK_VOID_PTR /*pApplication*/, CK_NOTIFY /*Notify*/,
+                    CK_SESSION_HANDLE_PTR /*phSession*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_CloseAllSessions(CK_SLOT_ID /*slotID*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR /*pInfo*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE /*userType*/, CK_UTF8CHAR_PTR /*pPin*/, CK_ULONG /*ulPinLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Logout(CK_SESSION_HANDLE hSession)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulCount*/,
+                     CK_OBJECT_HANDLE_PTR /*phObject*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ULONG_PTR /*pulSize*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ATTRIBUTE_PTR /*pTemplate*/,
+                          CK_ULONG /*ulCount*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ATTRIBUTE_PTR /*pTemplate*/,
+                          CK_ULONG /*ulCount*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulCount*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR /*phObject*/, CK_ULONG /*ulMaxObjectCount*/,
+                    CK_ULONG_PTR /*pulObjectCount*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/,
+                CK_BYTE_PTR /*pEncryptedData*/, CK_ULONG_PTR /*pulEncryptedDataLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pEncryptedData*/, CK_ULONG /*ulEncryptedDataLen*/,
+                CK_BYTE_PTR /*pData*/, CK_ULONG_PTR /*pulDataLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pDigest*/,
+               CK_ULONG_PTR /*pulDigestLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pDigest*/, CK_ULONG_PTR /*pulDigestLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pSignature*/,
+             CK_ULONG_PTR /*pulSignatureLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pSignature*/, CK_ULONG_PTR /*pulSignatureLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pSignature*/,
+               CK_ULONG /*ulSignatureLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pSignature*/, CK_ULONG /*ulSignatureLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/,
+                        CK_ATTRIBUTE_PTR /*pPublicKeyTemplate*/, CK_ULONG /*ulPublicKeyAttributeCount*/,
+                        CK_ATTRIBUTE_PTR /*pPrivateKeyTemplate*/, CK_ULONG /*ulPrivateKeyAttributeCount*/,
+                        CK_OBJECT_HANDLE_PTR /*phPublicKey*/, CK_OBJECT_HANDLE_PTR /*phPrivateKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hBaseKey*/,
+                  CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulAttributeCount*/, CK_OBJECT_HANDLE_PTR /*phKey*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*RandomData*/, CK_ULONG /*ulRandomLen*/)
+{
+    return enterSession(__func__, hSession, later);
+}
+
+CK_RV C_WaitForSlotEvent(CK_FLAGS /*flags*/, CK_SLOT_ID_PTR /*pSlot*/, CK_VOID_PTR /*pReserved*/)
+{
+    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}

@@ -1,0 +1,37 @@
+// The process-wide state of the module.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "cryptoki.h"
+#include "device/device_service.h"
+#include "sessions/session_record.h"
+#include "util/secret.h"
+
+struct ModuleState {
+    std::atomic<void*> libraryInstance = nullptr; ///< Non-null: the module is initialised.
+
+    // Guarded by `lock`, which is never held across a call of the device library, a wait or a sleep.
+    std::mutex lock;
+    SecretText cachedUserPassword; ///< Non-empty: a user is logged in.
+    std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionRecord>> sessionMap;
+    std::map<std::string, TokenInfo> slotMap; ///< By device name.
+
+    std::thread monitorThread;
+    std::atomic<bool> monitorRunning = false;
+    std::atomic<bool> stopMonitor = false;
+    std::atomic<bool> slotEventPending = false;
+    std::atomic<CK_SLOT_ID> eventSlotId = 0;
+    std::mutex deviceLock; ///< Held by the monitor while it scans the sessions.
+    std::mutex eventLock;  ///< Hands `slotEventPending` and `eventSlotId` over; paired with `slotEventCv`.
+    std::condition_variable slotEventCv;
+};
+
+/// The one state. It is never destroyed: a host may exit without C_Finalize while the monitor still runs.
+ModuleState& moduleState();

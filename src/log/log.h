@@ -1,0 +1,47 @@
+// The diagnostic log: one file per process and day in the user's temporary folder, written line by line. Whether a
+// line is written is decided afresh each time, so that tracing can be turned on while applications run.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+
+#include "util/text.h"
+
+/// Level codes of `writeLogLine`. Any other code is tagged as information.
+enum LogCode : int { LOG_EXCEPTION = 1, LOG_ERROR = 2, LOG_DEBUG = 3 };
+
+/// Writes a line when `logLevel` is exactly 3.
+void logDebug(std::string text);
+
+/// Writes a line when `logLevel` is absent, or 2 and above.
+void logError(std::string text);
+
+/// Logs an error line made of `pieces` and gives back `code`.
+template <typename Code, typename... Pieces>
+Code refuse(Code code, const Pieces&... pieces)
+{
+    logError(message(pieces...));
+    return code;
+}
+
+/// Locked around each line when it is set. Nothing in the module sets it: lines rely on the system's appending.
+extern std::mutex* logLock;
+
+// ---- The steps of a line, for its tests ----
+
+/// Appends a line to today's file. Failures go to standard output, never to the caller.
+void writeLogLine(int code, std::string text);
+
+/// Fills the buffer with the temporary folder and gives 0; zeroes it and gives -1 when there is no such folder.
+int getLogBaseFolderPath(char* buffer, std::size_t size);
+
+/// Creates the first missing folder of a path whose levels are separated by '/'. -1 when that was not the last
+/// level; else what `createFolder` says of the whole path.
+int createFolderPath(const std::string& path);
+
+/// Non-zero when the folder was created.
+int createFolder(const std::string& path);
+
+/// Name of the process's program up to its first '.'.
+std::string getProcessBaseName();

@@ -1,0 +1,45 @@
+// What the module needs of the operating system, and nothing more. One implementation per system; no other file of
+// the module asks which system it runs on.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <span>
+#include <string>
+
+namespace platform
+{
+
+struct LocalTime {
+    int year;  ///< Four digits.
+    int month; ///< 1 to 12.
+    int day;
+    int hour;
+    int minute;
+    int second;
+    int millisecond;
+};
+
+/// Reads the raw data of the machine-wide value `logLevel` into `value`. False when there is no such value, or when
+/// it does not fit; `value` is then left as it was.
+bool readLogLevel(std::span<char> value);
+
+/// The user's temporary folder with a separator at its end; it need not exist.
+std::string temporaryFolder();
+
+bool folderExists(const std::string& path);
+
+/// Creates one folder. False when it could not be created, also because it exists.
+bool createFolder(const std::string& path);
+
+/// File name of the program that this process runs; empty when the system does not tell.
+std::string processFileName();
+
+LocalTime localTime();
+
+void sleep(std::chrono::milliseconds time);
+
+/// Overwrites memory with zeros in a way that the compiler does not drop.
+void secureWipe(void* memory, std::size_t size);
+
+} // namespace platform

@@ -1,0 +1,46 @@
+// One open session: what it was opened on, how far its login goes, and the operation in progress.
+#pragma once
+
+#include <vector>
+
+#include "cryptoki.h"
+#include "device/device_service.h"
+#include "util/secret.h"
+
+/// `SessionRecord::activeOperation`. The values 6 and 8 stay unused.
+enum class ActiveOperation : CK_ULONG {
+    None = 0,
+    Find = 1,
+    Encrypt = 2,
+    Decrypt = 3,
+    Digest = 4,
+    Sign = 5,
+    Verify = 7,
+    DigestEncrypt = 9, // Nothing accepts or leaves these two.
+    DigestDecrypt = 10,
+};
+
+struct SessionRecord {
+    CK_STATE state = CKS_RO_PUBLIC_SESSION; ///< Guarded by `ModuleState::lock`: other threads log in and out.
+    CK_SLOT_ID slotID = 0;
+    TokenInfo token; ///< As it was when the session was opened; never refreshed.
+
+    ActiveOperation activeOperation = ActiveOperation::None;
+
+    std::vector<VelkorCertificate> foundCertificates;
+    std::vector<VelkorKeyPair> foundKeyPairs;
+    bool findPublicKeys = false;
+    bool findPrivateKeys = false;
+    CK_ULONG findPosition = 0; ///< Handles already handed out.
+
+    VelkorKeyPair* keyPair = nullptr; ///< The module-wide lookup record: any later lookup overwrites it.
+    SecretBytes resultBuffer;         ///< Finished output between a length query and the fetching call.
+    SecretBytes hashBuffer;           ///< Finished digest, or the data gathered by update calls.
+    void* hashContext = nullptr;      ///< The device library's; ended by its final call only.
+    CK_MECHANISM_TYPE mechanism = 0;  ///< Of signing or verification.
+    bool isPss = false;
+    CK_MECHANISM_TYPE cipherMechanism = 0; ///< Of encryption.
+
+    /// The device's name in every call of the device library.
+    const char* deviceId() const { return token.serialNumber.c_str(); }
+};

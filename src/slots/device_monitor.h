@@ -1,0 +1,11 @@
+// The device monitor: the module's one thread. It watches the device list, logs sessions out whose device has gone,
+// and raises slot events.
+#pragma once
+
+#include "util/secret.h"
+
+/// Body of the monitor thread; ends some time after `stopMonitor` is set. `password` is the cached user PIN.
+void deviceMonitorLoop(SecretText* password);
+
+/// Ends and joins the monitor, which takes up to one polling period; does nothing when none runs.
+void stopDeviceMonitor();

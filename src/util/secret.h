@@ -1,0 +1,60 @@
+// Memory for PINs, keys and plaintexts: wiped before it is released.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/platform.h"
+
+template <typename T>
+struct WipingAllocator {
+    using value_type = T;
+
+    WipingAllocator() = default;
+    template <typename U>
+    explicit WipingAllocator(const WipingAllocator<U>& /*other*/)
+    {
+    }
+
+    T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
+
+    void deallocate(T* memory, std::size_t count)
+    {
+        platform::secureWipe(memory, count * sizeof(T));
+        std::allocator<T>().deallocate(memory, count);
+    }
+
+    bool operator==(const WipingAllocator& /*other*/) const { return true; }
+};
+
+using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
+
+/// A PIN: bytes with a terminating zero behind them. Assignment wipes what was there.
+class SecretText
+{
+public:
+    SecretText() : SecretText(nullptr, 0) {}
+
+    SecretText(const unsigned char* bytes, std::size_t length) : characters_(bytes, bytes + length)
+    {
+        characters_.push_back('\0');
+    }
+
+    SecretText(const SecretText& other) = default;
+    ~SecretText() = default;
+
+    SecretText& operator=(SecretText other) noexcept
+    {
+        characters_.swap(other.characters_);
+        return *this;
+    }
+
+    bool empty() const { return characters_.size() <= 1; }
+    const char* c_str() const { return characters_.data(); }
+    bool operator==(const SecretText& other) const = default;
+
+private:
+    std::vector<char, WipingAllocator<char>> characters_;
+};

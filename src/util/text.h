@@ -1,0 +1,28 @@
+// Texts made of literal pieces and numbers.
+#pragma once
+
+#include <concepts>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+/// Signed decimal, without padding; the top bit of an unsigned number is read as its sign.
+template <std::integral Number>
+std::string decimal(Number number)
+{
+    return std::to_string(static_cast<std::make_signed_t<Number>>(number));
+}
+
+inline std::string_view decimal(std::string_view text)
+{
+    return text;
+}
+
+/// The pieces in a row: texts as they stand, numbers in decimal.
+template <typename... Pieces>
+std::string message(const Pieces&... pieces)
+{
+    std::string text;
+    (text.append(decimal(pieces)), ...);
+    return text;
+}

@@ -1,0 +1,9 @@
+// The double's own function: what stands behind the 29 operations.
+#pragma once
+
+#include <memory>
+
+#include "device_operations.h"
+
+/// Puts other operations behind the library's functions; until the first call they are a `DefaultDevice`.
+void setDeviceOperations(std::shared_ptr<DeviceOperations> newOperations);

@@ -1,0 +1,180 @@
+// Every export, before and after C_Initialize, with arguments that make no sense.
+#include <algorithm>
+#include <iterator>
+
+#include "module_fixture.h"
+
+namespace
+{
+
+enum class Arguments { Zero, Garbage };
+
+template <typename Parameter>
+Parameter makeArgument(Arguments arguments)
+{
+    const bool garbage = arguments == Arguments::Garbage;
+    if constexpr (std::is_pointer_v<Parameter>)
+        return garbage ? reinterpret_cast<Parameter>(std::uintptr_t{1}) : nullptr;
+    else
+        return garbage ? static_cast<Parameter>(~Parameter{0}) : Parameter{0};
+}
+
+template <typename... Parameters>
+CK_RV callWith(Arguments arguments, CK_RV (*function)(Parameters...))
+{
+    return function(makeArgument<Parameters>(arguments)...);
+}
+
+struct EntryPoint {
+    const char* name;
+    CK_RV (*call)(Arguments);
+    /// What zero arguments give after C_Initialize.
+    CK_RV initialized;
+    bool supported = true;
+
+    friend std::ostream& operator<<(std::ostream& out, const EntryPoint& entry) { return out << entry.name; }
+};
+
+#define SUPPORTED(name, code)                                                                                          \
+    {                                                                                                                  \
+#name, [](Arguments arguments) { return callWith(arguments, name); }, code                                     \
+    }
+#define UNSUPPORTED(name)                                                                                              \
+    {                                                                                                                  \
+#name, [](Arguments arguments) { return callWith(arguments, name); }, CKR_FUNCTION_NOT_SUPPORTED, false        \
+    }
+
+constexpr CK_RV LATER = CKR_FUNCTION_NOT_SUPPORTED;
+
+const EntryPoint entryPoints[] = {
+    SUPPORTED(C_GetInfo, CKR_ARGUMENTS_BAD),
+    SUPPORTED(C_GetSlotList, LATER),
+    SUPPORTED(C_GetSlotInfo, LATER),
+    SUPPORTED(C_GetTokenInfo, LATER),
+    SUPPORTED(C_GetMechanismList, LATER),
+    SUPPORTED(C_GetMechanismInfo, LATER),
+    UNSUPPORTED(C_InitToken),
+    UNSUPPORTED(C_InitPIN),
+    SUPPORTED(C_SetPIN, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_OpenSession, LATER),
+    SUPPORTED(C_CloseSession, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_CloseAllSessions, LATER),
+    SUPPORTED(C_GetSessionInfo, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_GetOperationState),
+    UNSUPPORTED(C_SetOperationState),
+    SUPPORTED(C_Login, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Logout, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_CreateObject, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_CopyObject),
+    SUPPORTED(C_DestroyObject, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_GetObjectSize, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_GetAttributeValue, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_SetAttributeValue, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_FindObjectsInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_FindObjects, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_FindObjectsFinal, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_EncryptInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Encrypt, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_EncryptUpdate),
+    UNSUPPORTED(C_EncryptFinal),
+    SUPPORTED(C_DecryptInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Decrypt, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_DecryptUpdate),
+    UNSUPPORTED(C_DecryptFinal),
+    SUPPORTED(C_DigestInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Digest, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_DigestUpdate, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_DigestKey),
+    SUPPORTED(C_DigestFinal, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_SignInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Sign, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_SignUpdate, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_SignFinal, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_SignRecoverInit),
+    UNSUPPORTED(C_SignRecover),
+    SUPPORTED(C_VerifyInit, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_Verify, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_VerifyUpdate, CKR_SESSION_HANDLE_INVALID),
+    SUPPORTED(C_VerifyFinal, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_VerifyRecoverInit),
+    UNSUPPORTED(C_VerifyRecover),
+    UNSUPPORTED(C_DigestEncryptUpdate),
+    UNSUPPORTED(C_DecryptDigestUpdate),
+    UNSUPPORTED(C_SignEncryptUpdate),
+    UNSUPPORTED(C_DecryptVerifyUpdate),
+    UNSUPPORTED(C_GenerateKey),
+    SUPPORTED(C_GenerateKeyPair, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_WrapKey),
+    UNSUPPORTED(C_UnwrapKey),
+    SUPPORTED(C_DeriveKey, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_SeedRandom),
+    SUPPORTED(C_GenerateRandom, CKR_SESSION_HANDLE_INVALID),
+    UNSUPPORTED(C_GetFunctionStatus),
+    UNSUPPORTED(C_CancelFunction),
+    SUPPORTED(C_WaitForSlotEvent, LATER),
+    UNSUPPORTED(C_EjectToken),
+    UNSUPPORTED(C_GetUnmanagedStructSizeList),
+    UNSUPPORTED(C_InteractiveLogin),
+};
+
+class EntryPointTest : public ModuleTest, public testing::WithParamInterface<EntryPoint>
+{
+protected:
+    Answer call(Arguments arguments) const { return answer(GetParam().call, arguments); }
+
+    Answer unsupported() const { return {CKR_FUNCTION_NOT_SUPPORTED, {std::string("DEBUG ") + GetParam().name}}; }
+
+    Answer notInitialized() const
+    {
+        const std::string name = GetParam().name;
+        return refusal(CKR_CRYPTOKI_NOT_INITIALIZED, name, name + ": not initialized");
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, EntryPointTest, testing::ValuesIn(entryPoints),
+                         [](const auto& entry) { return entry.param.name; });
+
+TEST_P(EntryPointTest, LooksAtNoArgumentBeforeInitialize)
+{
+    const Answer expected = GetParam().supported ? notInitialized() : unsupported();
+    EXPECT_EQ(call(Arguments::Zero), expected);
+    EXPECT_EQ(call(Arguments::Garbage), expected);
+}
+
+TEST_P(EntryPointTest, AnswersAfterInitialize)
+{
+    ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(call(Arguments::Zero).code, GetParam().initialized);
+    if (!GetParam().supported) {
+        EXPECT_EQ(call(Arguments::Garbage), unsupported());
+    }
+}
+
+/// Those whose first argument is a session handle.
+std::vector<EntryPoint> sessionEntryPoints()
+{
+    std::vector<EntryPoint> entries;
+    std::copy_if(std::begin(entryPoints), std::end(entryPoints), std::back_inserter(entries),
+                 [](const EntryPoint& entry) { return entry.initialized == CKR_SESSION_HANDLE_INVALID; });
+    return entries;
+}
+
+using SessionEntryPointTest = EntryPointTest;
+
+INSTANTIATE_TEST_SUITE_P(All, SessionEntryPointTest, testing::ValuesIn(sessionEntryPoints()),
+                         [](const auto& entry) { return entry.param.name; });
+
+TEST_P(SessionEntryPointTest, RefusesAnUnknownSessionBeforeItLooksAtOtherArguments)
+{
+    ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+    const std::string name = GetParam().name;
+    EXPECT_EQ(call(Arguments::Zero), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=0"));
+    EXPECT_EQ(call(Arguments::Garbage), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=-1"));
+}
+
+TEST(EntryPoints, AreAllInTheTable)
+{
+    EXPECT_EQ(std::size(entryPoints), 71u - 3u); // without C_Initialize, C_Finalize and C_GetFunctionList
+}
+
+} // namespace

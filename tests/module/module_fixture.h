@@ -1,0 +1,141 @@
+// The world of a behaviour test: the module, the double, and a temporary folder with a log in it that is read back.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cryptoki.h"
+#include "device_double.h"
+#include "mock_device.h"
+#include "velkor_extensions.h"
+
+/// What a call answered: its code, and the lines it wrote, as "DEBUG text" or "ERROR text".
+struct Answer {
+    CK_RV code;
+    std::vector<std::string> lines;
+
+    bool operator==(const Answer&) const = default;
+
+    friend std::ostream& operator<<(std::ostream& out, const Answer& answer)
+    {
+        out << "code 0x" << std::hex << answer.code << std::dec;
+        for (const std::string& line : answer.lines)
+            out << "\n    " << line;
+        return out;
+    }
+};
+
+/// A refusal: the entry line of the function, then one error line.
+inline Answer refusal(CK_RV code, const std::string& function, const std::string& text)
+{
+    return {code, {"DEBUG " + function, "ERROR " + text}};
+}
+
+class ModuleTest : public testing::Test
+{
+protected:
+    /// Fresh folder, debug log, fresh double; the module is not initialised.
+    void SetUp() override
+    {
+        const auto* info = testing::UnitTest::GetInstance()->current_test_info();
+        const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
+        folder_ = std::filesystem::current_path() / "scratch" /
+                  (program + "." + info->test_suite_name() + "." + std::string(info->name()).substr(0, 80));
+        std::filesystem::remove_all(folder_);
+        logFolder_ = folder_ / "Brenmoor" / program.substr(0, program.find('.'));
+        std::filesystem::create_directories(logFolder_);
+        setLogLevel("3");
+        setenv("VELKOR_CONFIG", configuration().c_str(), 1);
+        setenv("TMPDIR", folder_.c_str(), 1);
+        setDeviceOperations(device_);
+    }
+
+    /// A finalising takes up to a second, so the last test of a process leaves the module to the process's end.
+    void TearDown() override
+    {
+        setLogLevel("0");
+        if (testing::UnitTest::GetInstance()->test_to_run_count() > 1)
+            C_Finalize(nullptr);
+        testing::Mock::VerifyAndClearExpectations(device_.get());
+        setDeviceOperations(std::make_shared<DefaultDevice>());
+    }
+
+    void setLogLevel(const std::string& value) const
+    {
+        std::ofstream(configuration()) << "logLevel = " << value << "\n";
+    }
+
+    std::string configuration() const { return folder_ / "velkor.conf"; }
+
+    /// Every line of the log so far, without its time.
+    std::vector<std::string> wholeLog() const
+    {
+        std::vector<std::string> lines;
+        for (const auto& file : std::filesystem::directory_iterator(logFolder_)) {
+            std::ifstream stream(file.path(), std::ios::binary);
+            for (std::string line; std::getline(stream, line);)
+                lines.push_back(line.substr(24, 6) + line.substr(34));
+        }
+        return lines;
+    }
+
+    /// The log without the lines of the monitor, which come at any time.
+    std::vector<std::string> callLog() const
+    {
+        std::vector<std::string> lines = wholeLog();
+        std::erase_if(lines, [](const std::string& line) {
+            return line.starts_with("DEBUG Session monitor thread ") || line.starts_with("DEBUG Slot event: ") ||
+                   line == "DEBUG Device disconnected, clearing userPassword";
+        });
+        return lines;
+    }
+
+    /// Waits until some thread has written a line; false when it does not come.
+    bool waitForLine(const std::string& line) const
+    {
+        for (int round = 0; round < 1000; ++round) {
+            const std::vector<std::string> lines = wholeLog();
+            if (std::find(lines.begin(), lines.end(), line) != lines.end())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    /// Calls an entry point and reads what it wrote.
+    template <typename... Parameters, typename... Arguments>
+    Answer answer(CK_RV (*function)(Parameters...), Arguments... arguments) const
+    {
+        const std::size_t before = callLog().size();
+        const CK_RV code = function(static_cast<Parameters>(arguments)...);
+        std::vector<std::string> lines = callLog();
+        lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+        return {code, std::move(lines)};
+    }
+
+    std::filesystem::path folder_;
+    std::filesystem::path logFolder_;
+    std::shared_ptr<testing::NiceMock<MockDevice>> device_ = std::make_shared<testing::NiceMock<MockDevice>>();
+};
+
+class InitializedModuleTest : public ModuleTest
+{
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+    }
+};

@@ -1,0 +1,19 @@
+// A platform whose clock, folders and failures a test sets.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platform/platform.h"
+
+struct FakePlatform {
+    std::optional<std::string> logLevel;
+    std::string temporaryFolder;
+    std::string processFileName = "app.exe";
+    platform::LocalTime time{2026, 11, 15, 13, 46, 27, 123};
+    bool foldersThrow = false;
+};
+
+/// Set by the test before it calls what it tests.
+extern FakePlatform fakePlatform;
