@@ -3,6 +3,10 @@
 #include "cryptoki.h"
 #include "frame/entry_sequence.h"
 #include "frame/lifecycle.h"
+#include "sessions/login.h"
+#include "sessions/session_table.h"
+#include "slots/device_monitor.h"
+#include "slots/slot_table.h"
 
 namespace
 {
@@ -54,19 +58,19 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
     return enterAlways(__func__, [&] { return getFunctionList(ppFunctionList); });
 }
 
-CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR /*pSlotList*/, CK_ULONG_PTR /*pulCount*/)
+CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return getSlotList(pSlotList, pulCount); });
 }
 
-CK_RV C_GetSlotInfo(CK_SLOT_ID /*slotID*/, CK_SLOT_INFO_PTR /*pInfo*/)
+CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return getSlotInfo(slotID, pInfo); });
 }
 
-CK_RV C_GetTokenInfo(CK_SLOT_ID /*slotID*/, CK_TOKEN_INFO_PTR /*pInfo*/)
+CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return getTokenInfo(slotID, pInfo); });
 }
 
 CK_RV C_GetMechanismList(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE_PTR /*pMechanismList*/, CK_ULONG_PTR /*pulCount*/)
@@ -79,41 +83,43 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE /*type*/, CK_M
     return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
 }
 
-CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR /*pOldPin*/, CK_ULONG /*ulOldLen*/,
-               CK_UTF8CHAR_PTR /*pNewPin*/, CK_ULONG /*ulNewLen*/)
+CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
+               CK_ULONG ulNewLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return setPin(session, pOldPin, ulOldLen, pNewPin, ulNewLen); });
 }
 
-CK_RV C_OpenSession(CK_SLOT_ID /*slotID*/, CK_FLAGS /*flags*/, CK_VOID_PTR /*pApplication*/, CK_NOTIFY /*Notify*/,
-                    CK_SESSION_HANDLE_PTR /*phSession*/)
+CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR /*pApplication*/, CK_NOTIFY /*Notify*/,
+                    CK_SESSION_HANDLE_PTR phSession)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return openSession(slotID, flags, phSession); });
 }
 
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& /*session*/) { return closeSession(hSession); });
 }
 
-CK_RV C_CloseAllSessions(CK_SLOT_ID /*slotID*/)
+CK_RV C_CloseAllSessions(CK_SLOT_ID slotID)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return closeAllSessions(slotID); });
 }
 
-CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR /*pInfo*/)
+CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) { return getSessionInfo(session, pInfo); });
 }
 
-CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE /*userType*/, CK_UTF8CHAR_PTR /*pPin*/, CK_ULONG /*ulPinLen*/)
+CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return login(session, userType, pPin, ulPinLen); });
 }
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, logout);
 }
 
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulCount*/,
@@ -264,7 +270,7 @@ CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*RandomData*/, C
     return enterSession(__func__, hSession, later);
 }
 
-CK_RV C_WaitForSlotEvent(CK_FLAGS /*flags*/, CK_SLOT_ID_PTR /*pSlot*/, CK_VOID_PTR /*pReserved*/)
+CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pReserved*/)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return waitForSlotEvent(flags, pSlot); });
 }

@@ -29,11 +29,3 @@ CK_RV codeOfCurrentException(const char* name) noexcept
         return CKR_HOST_MEMORY; // There was no memory left even for the log line.
     }
 }
-
-std::shared_ptr<SessionRecord> findSession(CK_SESSION_HANDLE hSession)
-{
-    ModuleState& state = moduleState();
-    const std::scoped_lock lock(state.lock);
-    const auto found = state.sessionMap.find(hSession);
-    return found != state.sessionMap.end() ? found->second : nullptr;
-}

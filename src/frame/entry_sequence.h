@@ -2,17 +2,12 @@
 // lookup; and the boundary behind which no exception passes.
 #pragma once
 
-#include <memory>
-
 #include "cryptoki.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 
 /// Return code for the exception being handled; logs it under the entry point's name.
 CK_RV codeOfCurrentException(const char* name) noexcept;
-
-/// The session of a handle; null when there is none. It stays alive while the caller holds it.
-std::shared_ptr<SessionRecord> findSession(CK_SESSION_HANDLE hSession);
 
 /// Runs `work` and turns any exception into a return code.
 template <typename Work>

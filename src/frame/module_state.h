@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -35,3 +36,12 @@ struct ModuleState {
 
 /// The one state. It is never destroyed: a host may exit without C_Finalize while the monitor still runs.
 ModuleState& moduleState();
+
+/// The session of a handle; null when there is none. It stays alive while the caller holds it.
+std::shared_ptr<SessionRecord> findSession(CK_SESSION_HANDLE hSession);
+
+/// What the slot table holds for a slot ID: the entry at that position in the order of device names.
+std::optional<TokenInfo> findSlot(CK_SLOT_ID slotID);
+
+/// A session's state, which other threads may change at any time.
+CK_STATE stateOf(const SessionRecord& session);

@@ -1,5 +1,11 @@
 #include "slots/device_monitor.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "device/device_service.h"
+#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "platform/platform.h"
@@ -9,15 +15,96 @@ namespace
 
 constexpr std::chrono::milliseconds POLLING_PERIOD{1000};
 
+/// A query that fails counts as an empty list. An exception must not end the thread, and with it the host.
+std::vector<std::string> queryDevices()
+{
+    try {
+        return velkor_getConnectedDeviceList(false, moduleState().libraryInstance);
+    } catch (...) {
+        return {};
+    }
+}
+
+/// Puts user sessions of devices that are not connected back to their public state. Gives their number.
+int logOutSessionsWithoutDevice(const std::vector<std::string>& devices, SecretText* password)
+{
+    ModuleState& state = moduleState();
+    const std::scoped_lock lock(state.lock);
+    int loggedOut = 0;
+    for (const auto& [handle, session] : state.sessionMap) {
+        const bool loggedIn = session->state == CKS_RO_USER_FUNCTIONS || session->state == CKS_RW_USER_FUNCTIONS;
+        if (!loggedIn || std::find(devices.begin(), devices.end(), session->token.serialNumber) != devices.end())
+            continue;
+        *password = {};
+        session->state = session->state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
+        ++loggedOut;
+    }
+    return loggedOut;
+}
+
+/// Scans the sessions once; gives the number of connected devices.
+std::size_t scanDevices(SecretText* password)
+{
+    const std::scoped_lock scanning(moduleState().deviceLock);
+    const std::vector<std::string> devices = queryDevices();
+    const int loggedOut = logOutSessionsWithoutDevice(devices, password);
+    for (int session = 0; session < loggedOut; ++session)
+        logDebug("Device disconnected, clearing userPassword");
+    return devices.size();
+}
+
+void raiseSlotEvent()
+{
+    ModuleState& state = moduleState();
+    {
+        const std::scoped_lock lock(state.eventLock);
+        state.eventSlotId = SLOT_ID_BASE; // Whichever device came or went.
+        state.slotEventPending = true;
+    }
+    state.slotEventCv.notify_all();
+}
+
+CK_RV takeSlotEvent(CK_SLOT_ID* pSlot)
+{
+    ModuleState& state = moduleState();
+    if (!state.slotEventPending.exchange(false))
+        return refuse(CKR_NO_EVENT, "C_WaitForSlotEvent: no event pending (non-blocking)");
+    *pSlot = state.eventSlotId;
+    logDebug(message("C_WaitForSlotEvent: non-blocking, returning slot ", *pSlot));
+    return CKR_OK;
+}
+
+CK_RV awaitSlotEvent(CK_SLOT_ID* pSlot)
+{
+    ModuleState& state = moduleState();
+    std::unique_lock lock(state.eventLock);
+    state.slotEventCv.wait(lock, [&] { return state.slotEventPending || state.stopMonitor; });
+    if (state.stopMonitor) // Wins over a pending event.
+        return refuse(CKR_CRYPTOKI_NOT_INITIALIZED,
+                      "C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED");
+    state.slotEventPending = false;
+    *pSlot = state.eventSlotId;
+    logDebug(message("C_WaitForSlotEvent: blocking, returning slot ", *pSlot));
+    return CKR_OK;
+}
+
 } // namespace
 
-void deviceMonitorLoop(SecretText* /*password*/)
+void deviceMonitorLoop(SecretText* password)
 {
     ModuleState& state = moduleState();
     logDebug("Session monitor thread started.");
     state.monitorRunning = true;
-    while (!state.stopMonitor)
+    std::size_t previousCount = 0;
+    while (!state.stopMonitor) {
+        const std::size_t count = scanDevices(password);
+        if (count != previousCount) {
+            logDebug(message("Slot event: device count changed from ", previousCount, " to ", count));
+            raiseSlotEvent();
+            previousCount = count;
+        }
         platform::sleep(POLLING_PERIOD);
+    }
     logDebug("Session monitor thread stopped.");
     state.monitorRunning = false;
 }
@@ -25,11 +112,22 @@ void deviceMonitorLoop(SecretText* /*password*/)
 void stopDeviceMonitor()
 {
     ModuleState& state = moduleState();
-    state.stopMonitor = true;
+    {
+        // Under the lock, so that no waiter misses it between its test and its wait.
+        const std::scoped_lock lock(state.eventLock);
+        state.stopMonitor = true;
+    }
     state.slotEventCv.notify_all();
     if (state.monitorThread.joinable() && state.monitorThread.get_id() != std::this_thread::get_id()) {
         state.monitorThread.join();
         logDebug("Monitor thread joined (stopDeviceMonitor).");
     }
     state.monitorRunning = false;
+}
+
+CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* pSlot)
+{
+    if (pSlot == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_WaitForSlotEvent: pSlot is NULL");
+    return (flags & CKF_DONT_BLOCK) != 0 ? takeSlotEvent(pSlot) : awaitSlotEvent(pSlot);
 }

@@ -2,10 +2,14 @@
 // and raises slot events.
 #pragma once
 
+#include "cryptoki.h"
 #include "util/secret.h"
 
 /// Body of the monitor thread; ends some time after `stopMonitor` is set. `password` is the cached user PIN.
 void deviceMonitorLoop(SecretText* password);
 
-/// Ends and joins the monitor, which takes up to one polling period; does nothing when none runs.
+/// Ends and joins the monitor, which takes up to one polling period and one query of the device list; does nothing
+/// when none runs. Blocked waiters return.
 void stopDeviceMonitor();
+
+CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* pSlot);

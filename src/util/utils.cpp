@@ -1,0 +1,30 @@
+#include "util/utils.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+namespace
+{
+
+/// Saturates at 32 bits on every system, as `long` does on Windows.
+std::int32_t versionNumber(const std::string& piece)
+{
+    const long number = std::strtol(piece.c_str(), nullptr, 10);
+    return static_cast<std::int32_t>(
+        std::clamp<long>(number, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
+}
+
+} // namespace
+
+std::vector<std::int32_t> Utils::versionNumbers(std::string_view version)
+{
+    std::vector<std::int32_t> numbers;
+    while (!version.empty()) {
+        const std::string_view piece = version.substr(0, version.find('.'));
+        numbers.push_back(versionNumber(std::string(piece)));
+        version.remove_prefix(std::min(piece.size() + 1, version.size()));
+    }
+    return numbers;
+}
