@@ -3,6 +3,8 @@
 #include "cryptoki.h"
 #include "frame/entry_sequence.h"
 #include "frame/lifecycle.h"
+#include "objects/attribute_access.h"
+#include "objects/object_search.h"
 #include "sessions/login.h"
 #include "sessions/session_table.h"
 #include "slots/device_monitor.h"
@@ -133,37 +135,45 @@ CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/)
     return enterSession(__func__, hSession, later);
 }
 
-CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ULONG_PTR /*pulSize*/)
+CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return getObjectSize(session, hObject, pulSize); });
 }
 
-CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ATTRIBUTE_PTR /*pTemplate*/,
-                          CK_ULONG /*ulCount*/)
+CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                          CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return getAttributeValue(session, hObject, pTemplate, ulCount);
+    });
 }
 
-CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/, CK_ATTRIBUTE_PTR /*pTemplate*/,
-                          CK_ULONG /*ulCount*/)
+CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
+                          CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return setAttributeValue(session, hObject, pTemplate, ulCount);
+    });
 }
 
-CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulCount*/)
+CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return findObjectsInit(session, pTemplate, ulCount); });
 }
 
-CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR /*phObject*/, CK_ULONG /*ulMaxObjectCount*/,
-                    CK_ULONG_PTR /*pulObjectCount*/)
+CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMaxObjectCount,
+                    CK_ULONG_PTR pulObjectCount)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return findObjects(session, phObject, ulMaxObjectCount, pulObjectCount);
+    });
 }
 
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, findObjectsFinal);
 }
 
 CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)

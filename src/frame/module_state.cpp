@@ -2,8 +2,6 @@
 
 #include <iterator>
 
-#include "frame/limits.h"
-
 ModuleState& moduleState()
 {
     static ModuleState& state = *new ModuleState;
@@ -31,4 +29,11 @@ CK_STATE stateOf(const SessionRecord& session)
 {
     const std::scoped_lock lock(moduleState().lock);
     return session.state;
+}
+
+SecretText cachedPassword()
+{
+    ModuleState& state = moduleState();
+    const std::scoped_lock lock(state.lock);
+    return state.cachedUserPassword;
 }

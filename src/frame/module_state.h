@@ -12,6 +12,7 @@
 
 #include "cryptoki.h"
 #include "device/device_service.h"
+#include "frame/limits.h"
 #include "sessions/session_record.h"
 #include "util/secret.h"
 
@@ -23,6 +24,11 @@ struct ModuleState {
     SecretText cachedUserPassword; ///< Non-empty: a user is logged in.
     std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionRecord>> sessionMap;
     std::map<std::string, TokenInfo> slotMap; ///< By device name.
+    VelkorKeyPair foundKeyPair;               ///< Of the last key pair lookup, whoever made it.
+    VelkorCertificate foundCertificate;       ///< Of the last certificate lookup.
+    /// Derived values by handle. They outlive C_Finalize; handles are never used twice.
+    std::map<CK_OBJECT_HANDLE, SecretBytes> derivedKeys;
+    CK_OBJECT_HANDLE nextDerivedKey = DERIVED_KEY_BASE;
 
     std::thread monitorThread;
     std::atomic<bool> monitorRunning = false;
@@ -45,3 +51,6 @@ std::optional<TokenInfo> findSlot(CK_SLOT_ID slotID);
 
 /// A session's state, which other threads may change at any time.
 CK_STATE stateOf(const SessionRecord& session);
+
+/// A copy of the cached user PIN, empty when nobody is logged in.
+SecretText cachedPassword();

@@ -13,6 +13,12 @@ std::string decimal(Number number)
     return std::to_string(static_cast<std::make_signed_t<Number>>(number));
 }
 
+template <typename Enumeration>
+requires std::is_enum_v<Enumeration> std::string decimal(Enumeration value)
+{
+    return decimal(static_cast<std::underlying_type_t<Enumeration>>(value));
+}
+
 inline std::string_view decimal(std::string_view text)
 {
     return text;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
-#include <string>
 
 namespace
 {
@@ -27,4 +26,16 @@ std::vector<std::int32_t> Utils::versionNumbers(std::string_view version)
         version.remove_prefix(std::min(piece.size() + 1, version.size()));
     }
     return numbers;
+}
+
+std::string Utils::toHexadecimal(std::span<const unsigned char> bytes)
+{
+    constexpr std::string_view DIGITS = "0123456789ABCDEF";
+    std::string text;
+    text.reserve(2 * bytes.size());
+    for (const unsigned char byte : bytes) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 0xF];
+    }
+    return text;
 }

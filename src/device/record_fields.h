@@ -1,0 +1,38 @@
+// The used part of the device records' fixed-size fields. A length that the library got wrong never leads outside.
+#pragma once
+
+#include <algorithm>
+#include <span>
+#include <string_view>
+
+#include "device/device_service.h"
+
+template <std::size_t Capacity>
+std::span<const unsigned char> usedBytes(const unsigned char (&field)[Capacity], std::int32_t length)
+{
+    return {field, static_cast<std::size_t>(std::clamp<std::int32_t>(length, 0, Capacity))};
+}
+
+inline std::span<const unsigned char> publicKeyOf(const VelkorKeyPair& keyPair)
+{
+    return usedBytes(keyPair.publicKey, keyPair.publicKeyLength);
+}
+
+template <typename Record>
+std::span<const unsigned char> objectIdOf(const Record& record)
+{
+    return usedBytes(record.objectId, record.objectIdLength);
+}
+
+/// The label as the device holds it, which may be empty.
+template <typename Record>
+std::string_view storedLabelOf(const Record& record)
+{
+    const std::string_view field(record.label, sizeof record.label);
+    return field.substr(0, field.find('\0'));
+}
+
+inline bool sameBytes(std::span<const unsigned char> left, std::span<const unsigned char> right)
+{
+    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+}

@@ -1,0 +1,212 @@
+#include "objects/attribute_access.h"
+
+#include <algorithm>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "device/record_fields.h"
+#include "frame/limits.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "objects/object_attributes.h"
+#include "objects/record_lookup.h"
+#include "util/secret.h"
+
+namespace
+{
+
+/// Answers one template entry; a short buffer is refused and its length left as it was.
+CK_RV deliver(CK_ATTRIBUTE& attribute, CK_ULONG index, std::span<const unsigned char> value)
+{
+    const auto length = static_cast<CK_ULONG>(value.size());
+    if (attribute.pValue != nullptr && attribute.ulValueLen < length)
+        return refuse(CKR_BUFFER_TOO_SMALL, "C_GetAttributeValue: buffer too small at index=", index,
+                      " type=", CK_ATTRIBUTE_TYPE{attribute.type}, " provided=", CK_ULONG{attribute.ulValueLen},
+                      " required=", length);
+    if (attribute.pValue != nullptr)
+        std::copy(value.begin(), value.end(), static_cast<unsigned char*>(attribute.pValue));
+    attribute.ulValueLen = length;
+    logDebug(message("C_GetAttributeValue length : ", length));
+    return CKR_OK;
+}
+
+CK_RV answerTemplate(const ObjectView& object, std::span<CK_ATTRIBUTE> attributes)
+{
+    for (CK_ULONG index = 0; index < attributes.size(); ++index) {
+        CK_ATTRIBUTE& attribute = attributes[index];
+        const CK_ATTRIBUTE_TYPE type = attribute.type;
+        logDebug(message("C_GetAttributeValue type : ", type));
+        const CK_RV result = deliver(attribute, index, attributeValue(object, type));
+        if (result != CKR_OK)
+            return result;
+    }
+    return CKR_OK;
+}
+
+std::optional<SecretBytes> derivedKey(CK_OBJECT_HANDLE handle)
+{
+    ModuleState& state = moduleState();
+    const std::scoped_lock lock(state.lock);
+    const auto found = state.derivedKeys.find(handle);
+    return found != state.derivedKeys.end() ? std::optional(found->second) : std::nullopt;
+}
+
+/// A derived key answers its value and nothing else.
+CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
+{
+    const auto value = derivedKey(hObject);
+    if (!value)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_GetAttributeValue: derived key handle not found=", hObject);
+    for (CK_ULONG index = 0; index < attributes.size(); ++index) {
+        if (attributes[index].type != CKA_VALUE) {
+            attributes[index].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            continue;
+        }
+        const CK_RV result = deliver(attributes[index], index, *value);
+        if (result != CKR_OK)
+            return result;
+    }
+    return CKR_OK;
+}
+
+bool isPublicKey(CK_OBJECT_HANDLE hKey)
+{
+    return hKey >= PUBLIC_KEY_BASE;
+}
+
+/// Both halves of a pair select the same record.
+const VelkorKeyPair* keyPairOf(const SessionRecord& session, CK_OBJECT_HANDLE hKey)
+{
+    return findKeyPair(session, hKey - (isPublicKey(hKey) ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
+}
+
+CK_RV answerKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
+{
+    const auto* keyPair = keyPairOf(session, hObject);
+    if (keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in get attribute : ", hObject);
+    const CK_OBJECT_CLASS objectClass = isPublicKey(hObject) ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
+    return answerTemplate(viewOf(session, copyOf(*keyPair), objectClass, hObject), attributes);
+}
+
+CK_RV answerCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
+{
+    const auto* certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (certificate == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get attribute : ", hObject);
+    return answerTemplate(viewOf(copyOf(*certificate), hObject), attributes);
+}
+
+struct KeyPairChanges {
+    std::optional<std::string> label;
+    std::optional<std::vector<unsigned char>> objectId;
+};
+
+KeyPairChanges readChanges(std::span<const CK_ATTRIBUTE> attributes)
+{
+    KeyPairChanges changes;
+    for (const CK_ATTRIBUTE& attribute : attributes) {
+        const auto* value = static_cast<const unsigned char*>(attribute.pValue);
+        const CK_ULONG length = attribute.ulValueLen;
+        if (value == nullptr || length == 0)
+            continue;
+        logDebug(message("C_SetAttributeValue - attrip type : ", CK_ATTRIBUTE_TYPE{attribute.type}));
+        if (attribute.type == CKA_LABEL)
+            changes.label.emplace(value, value + length);
+        else if (attribute.type == CKA_ID)
+            changes.objectId.emplace(value, value + length);
+    }
+    return changes;
+}
+
+int updateKeyPair(const SessionRecord& session, const VelkorKeyPair& keyPair, const KeyPairChanges& changes)
+{
+    const std::string label = changes.label.value_or("");
+    const std::vector<unsigned char> objectId = changes.objectId.value_or(std::vector<unsigned char>());
+    return velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
+                                       label.c_str(), objectId.data(), static_cast<int>(objectId.size()),
+                                       moduleState().libraryInstance);
+}
+
+struct ObjectSize {
+    std::optional<CK_ULONG> size;
+    const char* notFound; ///< Error text when there is no such object.
+};
+
+ObjectSize keyPairSize(const SessionRecord& session, CK_OBJECT_HANDLE hKey, CK_ULONG factor, const char* notFound)
+{
+    const auto* keyPair = keyPairOf(session, hKey);
+    if (keyPair == nullptr)
+        return {std::nullopt, notFound};
+    return {factor * static_cast<CK_ULONG>(publicKeyOf(copyOf(*keyPair)).size()), notFound};
+}
+
+ObjectSize objectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+{
+    if (hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE) // A private key counts twice.
+        return keyPairSize(session, hObject, 2, "Private key not found in get object size : ");
+    if (hObject >= PUBLIC_KEY_BASE && hObject < CERTIFICATE_BASE)
+        return keyPairSize(session, hObject, 1, "Public key not found in get object size : ");
+    constexpr const char* NOT_FOUND = "Certificate not found in get object size : ";
+    const auto* certificate =
+        hObject >= CERTIFICATE_BASE ? findCertificate(session, hObject - CERTIFICATE_BASE) : nullptr;
+    if (certificate == nullptr)
+        return {std::nullopt, NOT_FOUND};
+    return {static_cast<CK_ULONG>(copyOf(*certificate).der.size()), NOT_FOUND};
+}
+
+} // namespace
+
+CK_RV getObjectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject, CK_ULONG* pulSize)
+{
+    const ObjectSize object = objectSize(session, hObject);
+    if (!object.size)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, object.notFound, hObject);
+    if (pulSize == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_GetObjectSize: pulSize is NULL");
+    *pulSize = *object.size;
+    return CKR_OK;
+}
+
+CK_RV getAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE* pTemplate,
+                        CK_ULONG ulCount)
+{
+    if (pTemplate == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_GetAttributeValue template is null");
+    logDebug(message("C_GetAttributeValue count : ", ulCount));
+    if (ulCount == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_GetAttributeValue: ulCount<=0");
+    // The first handle of the certificate range is refused although a certificate may have the id 0.
+    if (hObject < PRIVATE_KEY_BASE || hObject == CERTIFICATE_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Input hobject not valid in get attribute : ", hObject);
+    const std::span attributes(pTemplate, ulCount);
+    if (hObject < CERTIFICATE_BASE)
+        return answerKeyPair(session, hObject, attributes);
+    if (hObject < DERIVED_KEY_BASE)
+        return answerCertificate(session, hObject, attributes);
+    return answerDerivedKey(hObject, attributes);
+}
+
+CK_RV setAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, const CK_ATTRIBUTE* pTemplate,
+                        CK_ULONG ulCount)
+{
+    if (pTemplate == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: pTemplate is NULL");
+    if (ulCount == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: ulCount<=0");
+    if (hObject < PRIVATE_KEY_BASE || hObject >= CERTIFICATE_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue: invalid hObject=", hObject);
+    const auto* keyPair = keyPairOf(session, hObject);
+    if (keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
+    const KeyPairChanges changes = readChanges({pTemplate, ulCount});
+    if (changes.label || changes.objectId) {
+        const int result = updateKeyPair(session, copyOf(*keyPair), changes);
+        if (result != 0)
+            return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", result);
+    }
+    logDebug("Set attribute end");
+    return CKR_OK;
+}

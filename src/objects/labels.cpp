@@ -1,0 +1,69 @@
+#include "objects/labels.h"
+
+#include <optional>
+#include <vector>
+
+#include "device/record_fields.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "util/secret.h"
+
+namespace
+{
+
+/// Labels are computed without the library instance.
+std::optional<CertificateDetails> parse(const VelkorCertificate& certificate)
+{
+    CertificateDetails details;
+    const int result = velkor_getCertificateDetails(certificate.der.data(), static_cast<int>(certificate.der.size()),
+                                                    details, nullptr);
+    return result == 0 ? std::optional(details) : std::nullopt;
+}
+
+std::optional<CertificateDetails> detailsOfSameKey(const SessionRecord& session, const VelkorKeyPair& keyPair)
+{
+    for (const VelkorCertificate& certificate :
+         velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance)) {
+        auto details = parse(certificate);
+        if (details && sameBytes(details->publicKey, publicKeyOf(keyPair)))
+            return details;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::string computedLabel(const CertificateDetails& details)
+{
+    return (details.subjectCommonName + "_" + details.issuerCommonName).substr(0, LABEL_CAPACITY);
+}
+
+std::string labelOf(const VelkorCertificate& certificate)
+{
+    std::string label(storedLabelOf(certificate));
+    if (!label.empty() || certificate.der.empty())
+        return label;
+    const auto details = parse(certificate);
+    if (!details)
+        return label;
+    label = computedLabel(*details);
+    logDebug(message("Empty certificate label, computed: ", label));
+    return label;
+}
+
+std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
+{
+    std::string label(storedLabelOf(keyPair));
+    if (!label.empty())
+        return label;
+    const auto details = detailsOfSameKey(session, keyPair);
+    if (!details)
+        return label;
+    label = computedLabel(*details);
+    logDebug(message("Empty key pair label, computed: ", label));
+    const SecretText password = cachedPassword();
+    if (!password.empty())
+        velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, password.c_str(), label.c_str(), nullptr,
+                                    0, moduleState().libraryInstance);
+    return label;
+}

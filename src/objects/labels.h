@@ -1,0 +1,17 @@
+// Labels of objects, computed from certificates where the device holds none.
+#pragma once
+
+#include <string>
+
+#include "device/device_service.h"
+#include "sessions/session_record.h"
+
+/// The label that a parsed certificate gives: subject and issuer, at most 128 bytes.
+std::string computedLabel(const CertificateDetails& details);
+
+/// The stored label, or one computed from the certificate; empty when it cannot be parsed. Never written back.
+std::string labelOf(const VelkorCertificate& certificate);
+
+/// The stored label, or one computed from the first certificate of the same public key, which is then stored on the
+/// device if a user is logged in; empty when there is no such certificate.
+std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair);

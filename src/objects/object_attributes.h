@@ -1,0 +1,29 @@
+// The attribute table: what each attribute of a token object answers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "cryptoki.h"
+#include "device/device_service.h"
+#include "sessions/session_record.h"
+#include "util/key_kinds.h"
+
+/// The values of one object from which its attributes are answered.
+struct ObjectView {
+    CK_OBJECT_HANDLE handle;
+    CK_OBJECT_CLASS objectClass;
+    std::string label;
+    std::vector<unsigned char> objectId;
+    std::vector<unsigned char> value; ///< Key: public key bytes. Certificate: DER.
+    const KeyKindInfo& kind;          ///< Certificates: that of 2048-bit RSA.
+    std::uint32_t usageFlags;
+};
+
+ObjectView viewOf(const SessionRecord& session, const VelkorKeyPair& keyPair, CK_OBJECT_CLASS objectClass,
+                  CK_OBJECT_HANDLE handle);
+ObjectView viewOf(const VelkorCertificate& certificate, CK_OBJECT_HANDLE handle);
+
+/// The attribute's value; empty for what the table does not know.
+std::vector<unsigned char> attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type);

@@ -1,0 +1,33 @@
+#include "util/key_kinds.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "device/device_service.h"
+
+namespace
+{
+
+constexpr unsigned char P256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+constexpr unsigned char P384[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+constexpr unsigned char P521[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+
+constexpr KeyKindInfo RSA_2048 = {KEY_KIND_RSA_2048, CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}};
+
+constexpr KeyKindInfo KEY_KINDS[] = {
+    {KEY_KIND_RSA_1024, CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {KEY_KIND_RSA_3072, CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {KEY_KIND_RSA_4096, CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {KEY_KIND_EC_P256, CKK_EC, 256, CKM_EC_KEY_PAIR_GEN, P256},
+    {KEY_KIND_EC_P384, CKK_EC, 384, CKM_EC_KEY_PAIR_GEN, P384},
+    {KEY_KIND_EC_P521, CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, P521},
+};
+
+} // namespace
+
+const KeyKindInfo& keyKindInfo(std::uint32_t keyKind)
+{
+    const auto* const row = std::find_if(std::begin(KEY_KINDS), std::end(KEY_KINDS),
+                                         [&](const KeyKindInfo& each) { return each.keyKind == keyKind; });
+    return row != std::end(KEY_KINDS) ? *row : RSA_2048;
+}

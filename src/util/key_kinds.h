@@ -1,0 +1,18 @@
+// Key kinds of the device library in Cryptoki terms.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "cryptoki.h"
+
+struct KeyKindInfo {
+    std::uint32_t keyKind;
+    CK_KEY_TYPE keyType;
+    CK_ULONG bits;
+    CK_MECHANISM_TYPE generationMechanism;
+    std::span<const unsigned char> ecParams; ///< DER of the curve's object identifier; empty for RSA.
+};
+
+/// The kind's row; that of 2048-bit RSA for any kind that has none of its own.
+const KeyKindInfo& keyKindInfo(std::uint32_t keyKind);
