@@ -1,5 +1,8 @@
 // The supported entry points in the order of the standard: each names itself, runs the entry sequence and calls the
 // subsystem that does the work.
+#include "crypto/digest.h"
+#include "crypto/signing.h"
+#include "crypto/verification.h"
 #include "cryptoki.h"
 #include "frame/entry_sequence.h"
 #include "frame/lifecycle.h"
@@ -8,6 +11,7 @@
 #include "sessions/login.h"
 #include "sessions/session_table.h"
 #include "slots/device_monitor.h"
+#include "slots/mechanism_list.h"
 #include "slots/slot_table.h"
 
 namespace
@@ -75,14 +79,14 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
     return enter(__func__, [&] { return getTokenInfo(slotID, pInfo); });
 }
 
-CK_RV C_GetMechanismList(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE_PTR /*pMechanismList*/, CK_ULONG_PTR /*pulCount*/)
+CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return getMechanismList(slotID, pMechanismList, pulCount); });
 }
 
-CK_RV C_GetMechanismInfo(CK_SLOT_ID /*slotID*/, CK_MECHANISM_TYPE /*type*/, CK_MECHANISM_INFO_PTR /*pInfo*/)
+CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo)
 {
-    return enter(__func__, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+    return enter(__func__, [&] { return getMechanismInfo(slotID, type, pInfo); });
 }
 
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
@@ -198,67 +202,81 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pEncryptedData*/, CK_U
     return enterSession(__func__, hSession, later);
 }
 
-CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/)
+CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) { return digestInit(session, pMechanism); });
 }
 
-CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pDigest*/,
-               CK_ULONG_PTR /*pulDigestLen*/)
+CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pDigest,
+               CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return digest(session, pData, ulDataLen, pDigest, pulDigestLen);
+    });
 }
 
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return digestUpdate(session, pPart, ulPartLen); });
 }
 
-CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pDigest*/, CK_ULONG_PTR /*pulDigestLen*/)
+CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return digestFinal(session, pDigest, pulDigestLen); });
 }
 
-CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return signInit(session, pMechanism, hKey); });
 }
 
-CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pSignature*/,
-             CK_ULONG_PTR /*pulSignatureLen*/)
+CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
+             CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return sign(session, pData, ulDataLen, pSignature, pulSignatureLen);
+    });
 }
 
-CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return signUpdate(session, pPart, ulPartLen); });
 }
 
-CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pSignature*/, CK_ULONG_PTR /*pulSignatureLen*/)
+CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return signFinal(session, pSignature, pulSignatureLen); });
 }
 
-CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return verifyInit(session, pMechanism, hKey); });
 }
 
-CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/, CK_BYTE_PTR /*pSignature*/,
-               CK_ULONG /*ulSignatureLen*/)
+CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
+               CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return verify(session, pData, ulDataLen, pSignature, ulSignatureLen);
+    });
 }
 
-CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pPart*/, CK_ULONG /*ulPartLen*/)
+CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return verifyUpdate(session, pPart, ulPartLen); });
 }
 
-CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pSignature*/, CK_ULONG /*ulSignatureLen*/)
+CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return verifyFinal(session, pSignature, ulSignatureLen); });
 }
 
 CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/,

@@ -31,6 +31,12 @@ struct WipingAllocator {
 
 using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
+/// Empties the bytes and releases their memory.
+inline void wipe(SecretBytes& bytes)
+{
+    SecretBytes().swap(bytes);
+}
+
 /// A PIN: bytes with a terminating zero behind them. Assignment wipes what was there.
 class SecretText
 {

@@ -28,6 +28,18 @@ std::vector<std::int32_t> Utils::versionNumbers(std::string_view version)
     return numbers;
 }
 
+int Utils::compareFirmwareVersion(std::string_view left, std::string_view right)
+{
+    std::vector<std::int32_t> leftNumbers = versionNumbers(left);
+    std::vector<std::int32_t> rightNumbers = versionNumbers(right);
+    const std::size_t length = std::max(leftNumbers.size(), rightNumbers.size());
+    leftNumbers.resize(length);
+    rightNumbers.resize(length);
+    if (leftNumbers == rightNumbers)
+        return 0;
+    return leftNumbers < rightNumbers ? -1 : 1;
+}
+
 std::string Utils::toHexadecimal(std::span<const unsigned char> bytes)
 {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";

@@ -12,6 +12,9 @@ struct Utils {
     /// then digits up to the first other character; without digits it is 0. An empty text has no pieces.
     static std::vector<std::int32_t> versionNumbers(std::string_view version);
 
+    /// -1, 0 or 1: the left version is lower, the same, higher. A missing number counts as 0.
+    static int compareFirmwareVersion(std::string_view left, std::string_view right);
+
     /// Upper case, two digits a byte, no separators.
     static std::string toHexadecimal(std::span<const unsigned char> bytes);
 };

@@ -44,15 +44,13 @@ struct EntryPoint {
 #name, [](Arguments arguments) { return callWith(arguments, name); }, CKR_FUNCTION_NOT_SUPPORTED, false        \
     }
 
-constexpr CK_RV LATER = CKR_FUNCTION_NOT_SUPPORTED;
-
 const EntryPoint entryPoints[] = {
     SUPPORTED(C_GetInfo, CKR_ARGUMENTS_BAD),
     SUPPORTED(C_GetSlotList, CKR_ARGUMENTS_BAD),
     SUPPORTED(C_GetSlotInfo, CKR_SLOT_ID_INVALID),
     SUPPORTED(C_GetTokenInfo, CKR_SLOT_ID_INVALID),
-    SUPPORTED(C_GetMechanismList, LATER),
-    SUPPORTED(C_GetMechanismInfo, LATER),
+    SUPPORTED(C_GetMechanismList, CKR_ARGUMENTS_BAD),
+    SUPPORTED(C_GetMechanismInfo, CKR_ARGUMENTS_BAD),
     UNSUPPORTED(C_InitToken),
     UNSUPPORTED(C_InitPIN),
     SUPPORTED(C_SetPIN, CKR_SESSION_HANDLE_INVALID),

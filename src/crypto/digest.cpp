@@ -1,0 +1,101 @@
+#include "crypto/digest.h"
+
+#include "crypto/operation.h"
+#include "device/device_service.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "util/mechanism_table.h"
+
+namespace
+{
+
+/// Finishes the digest into `hashBuffer`. A failure leaves the digest active.
+CK_RV finishDigest(SessionRecord& session)
+{
+    const int status = finishHash(session.hashContext, 0, session.hashBuffer);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Final hash data in diget failed : ", status);
+    return CKR_OK;
+}
+
+CK_RV digestWholeData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
+{
+    const int status =
+        velkor_updateHash(session.hashContext, pData, deviceLength(ulDataLen), moduleState().libraryInstance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Update hash data in diget failed : ", status);
+    return finishDigest(session);
+}
+
+} // namespace
+
+CK_RV digestInit(SessionRecord& session, const CK_MECHANISM* pMechanism)
+{
+    const CK_RV stateResult = requireState(session, "C_DigestInit");
+    if (stateResult != CKR_OK)
+        return stateResult;
+    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
+        return refuse(CKR_OPERATION_ACTIVE,
+                      "C_DigestInit: operation already active, activeOperation=", session.activeOperation);
+    if (pMechanism == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_DigestInit mechanism pointer in NULL");
+    const MechanismRow* row = findMechanism(pMechanism->mechanism);
+    if (row == nullptr || (row->flags & CKF_DIGEST) == 0)
+        return refuse(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported");
+    // A context left from an earlier digest is dropped: the library has no call to release it.
+    const int status =
+        velkor_initHash(session.deviceId(), row->hash, &session.hashContext, moduleState().libraryInstance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Init hash in diges init failed : ", status);
+    wipe(session.hashBuffer);
+    session.activeOperation = ActiveOperation::Digest;
+    return CKR_OK;
+}
+
+CK_RV digest(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pDigest, CK_ULONG* pulDigestLen)
+{
+    CK_RV result = require(session, ActiveOperation::Digest, "C_Digest");
+    if (result != CKR_OK)
+        return result;
+    if (pData == nullptr || ulDataLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
+    if (pulDigestLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pulDigestLen is NULL");
+    if (session.hashBuffer.empty()) // Otherwise a length query has left the answer; the data is not looked at.
+        result = digestWholeData(session, pData, ulDataLen);
+    if (result == CKR_OK)
+        result = deliver(session, "C_Digest", session.hashBuffer, pDigest, pulDigestLen);
+    if (result == CKR_OK)
+        logDebug("C_Digest Success");
+    return result;
+}
+
+CK_RV digestUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
+{
+    const CK_RV result = require(session, ActiveOperation::Digest, "C_DigestUpdate");
+    if (result != CKR_OK)
+        return result;
+    if (pPart == nullptr || ulPartLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+    const int status =
+        velkor_updateHash(session.hashContext, pPart, deviceLength(ulPartLen), moduleState().libraryInstance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Update hash data in digest update failed : ", status);
+    return CKR_OK;
+}
+
+CK_RV digestFinal(SessionRecord& session, CK_BYTE* pDigest, CK_ULONG* pulDigestLen)
+{
+    CK_RV result = require(session, ActiveOperation::Digest, "C_DigestFinal");
+    if (result != CKR_OK)
+        return result;
+    if (pulDigestLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_DigestFinal: pulDigestLen is NULL");
+    if (session.hashBuffer.empty())
+        result = finishDigest(session);
+    if (result == CKR_OK)
+        result = deliver(session, "C_DigestFinal", session.hashBuffer, pDigest, pulDigestLen);
+    if (result == CKR_OK)
+        logDebug("C_DigestFinal Success");
+    return result;
+}

@@ -1,0 +1,94 @@
+#include "crypto/operation.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <limits>
+
+#include "device/device_service.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+
+CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
+{
+    if (session.activeOperation != operation)
+        return refuse(CKR_OPERATION_NOT_INITIALIZED, function,
+                      ": operation not initialized, activeOperation=", session.activeOperation);
+    return CKR_OK;
+}
+
+CK_RV requireState(const SessionRecord& session, const char* function)
+{
+    const CK_STATE state = stateOf(session);
+    if (state < CKS_RO_USER_FUNCTIONS || state > CKS_RW_SO_FUNCTIONS)
+        return refuse(CKR_SESSION_HANDLE_INVALID, function, ": invalid session state=", state);
+    return CKR_OK;
+}
+
+CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
+              CK_ULONG* pulOutputLen)
+{
+    const auto length = static_cast<CK_ULONG>(result.size());
+    *pulOutputLen = length;
+    if (pOutput == nullptr)
+        return CKR_OK;
+    // The caller's length is overwritten before it is compared, so this never refuses: the whole result is copied.
+    if (*pulOutputLen < length)
+        return refuse(CKR_BUFFER_TOO_SMALL, function, ": buffer too small, provided=", *pulOutputLen,
+                      " required=", length);
+    std::copy(result.begin(), result.end(), pOutput);
+    wipe(result);
+    session.activeOperation = ActiveOperation::None;
+    return CKR_OK;
+}
+
+int deviceLength(CK_ULONG length)
+{
+    if (length > std::numeric_limits<std::uint32_t>::max())
+        return -1;
+    return static_cast<int>(static_cast<std::uint32_t>(length));
+}
+
+CK_RV hashData(const SessionRecord& session, int hashAlgorithm, const CK_BYTE* pData, CK_ULONG ulDataLen,
+               const HashFailureTexts& texts, SecretBytes& hash)
+{
+    void* instance = moduleState().libraryInstance;
+    void* context = nullptr;
+    int status = velkor_initHash(session.deviceId(), hashAlgorithm, &context, instance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, texts.init, status);
+    status = velkor_updateHash(context, pData, deviceLength(ulDataLen), instance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, texts.update, status);
+    status = finishHash(context, HASH_CAPACITY, hash);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, texts.final, status);
+    return CKR_OK;
+}
+
+CK_RV hashPart(SessionRecord& session, int hashAlgorithm, const CK_BYTE* pPart, CK_ULONG ulPartLen,
+               const HashFailureTexts& texts)
+{
+    void* instance = moduleState().libraryInstance;
+    if (session.hashContext == nullptr) {
+        const int status = velkor_initHash(session.deviceId(), hashAlgorithm, &session.hashContext, instance);
+        if (status != 0)
+            return refuse(CKR_FUNCTION_FAILED, texts.init, status);
+    }
+    const int status = velkor_updateHash(session.hashContext, pPart, deviceLength(ulPartLen), instance);
+    if (status != 0) {
+        session.hashContext = nullptr;
+        return refuse(CKR_FUNCTION_FAILED, texts.update, status);
+    }
+    return CKR_OK;
+}
+
+int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash)
+{
+    std::array<unsigned char, HASH_CAPACITY> buffer{};
+    int length = lengthOnEntry;
+    const int status = velkor_finalHash(hashContext, buffer.data(), &length, moduleState().libraryInstance);
+    if (status == 0)
+        hash.assign(buffer.begin(), buffer.begin() + std::clamp(length, 0, HASH_CAPACITY));
+    return status;
+}

@@ -1,0 +1,46 @@
+// What all operations of a session share: the test for the right operation, the delivery of a result, and the hash
+// calls of the device library.
+#pragma once
+
+#include <span>
+
+#include "cryptoki.h"
+#include "sessions/session_record.h"
+#include "util/secret.h"
+
+/// CKR_OK when `operation` is in progress; the session is left as it is otherwise.
+CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function);
+
+/// CKR_OK when the session's state is one of those of `C_DigestInit`, `C_SignInit` and `C_DecryptInit`: any but that
+/// of a public read-only session.
+CK_RV requireState(const SessionRecord& session, const char* function);
+
+/// Gives a finished result out. A null `pOutput` asks for the length and keeps result and operation; otherwise the
+/// result is emptied and the operation ends.
+CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
+              CK_ULONG* pulOutputLen);
+
+/// A caller's length as the device library counts, in a signed 32-bit number. One that has no 32-bit form at all
+/// becomes negative, which the library refuses; it must not shrink to some small number.
+int deviceLength(CK_ULONG length);
+
+/// Log texts of a hash that fails at one of its steps; the library's status follows.
+struct HashFailureTexts {
+    const char* init;
+    const char* update;
+    const char* final; ///< Null where there is no such step.
+};
+
+/// Hashes data in one go with a context of its own.
+CK_RV hashData(const SessionRecord& session, int hashAlgorithm, const CK_BYTE* pData, CK_ULONG ulDataLen,
+               const HashFailureTexts& texts, SecretBytes& hash);
+
+/// Adds a part to the session's hash, which it begins where none has begun. A context that a digest has left counts
+/// as begun. A part that cannot be added leaves no context.
+CK_RV hashPart(SessionRecord& session, int hashAlgorithm, const CK_BYTE* pPart, CK_ULONG ulPartLen,
+               const HashFailureTexts& texts);
+
+/// Ends a hash; gives the library's status. `lengthOnEntry` is what the library finds in the length variable.
+int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash);
+
+inline constexpr int HASH_CAPACITY = 64;

@@ -1,0 +1,265 @@
+#include "crypto/signing.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <span>
+
+#include "crypto/operation.h"
+#include "device/device_service.h"
+#include "device/record_fields.h"
+#include "frame/limits.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "objects/record_lookup.h"
+#include "util/mechanism_table.h"
+#include "util/token_policy.h"
+#include "util/utils.h"
+
+namespace
+{
+
+using Input = std::span<const unsigned char>;
+
+constexpr int SIGNATURE_CAPACITY = 1024;
+constexpr HashFailureTexts HASH_FAILURES = {"init hash failed ", "update hash failed ", "final hash failed "};
+constexpr HashFailureTexts PART_FAILURES = {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ",
+                                            nullptr};
+
+constexpr unsigned char SHA1_IDENTIFIER[] = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
+constexpr unsigned char MD5_IDENTIFIER[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
+constexpr std::size_t DIGEST_INFO_MIN_SIZE = 11;
+constexpr unsigned char DER_SEQUENCE = 0x30;
+constexpr std::size_t SHA1_SIZE = 20;
+constexpr std::size_t MD5_SIZE = 16;
+
+/// Looks for an object identifier at every offset: the input is not parsed.
+bool isDigestInfoWith(Input input, Input identifier)
+{
+    return input.size() >= DIGEST_INFO_MIN_SIZE && input.front() == DER_SEQUENCE &&
+           std::search(input.begin(), input.end(), identifier.begin(), identifier.end()) != input.end();
+}
+
+/// Inputs of raw mechanisms that a FIPS token does not sign.
+struct FipsRule {
+    CK_MECHANISM_TYPE mechanism;
+    bool (*isRefused)(Input input);
+    const char* text;
+};
+
+constexpr FipsRule FIPS_RULES[] = {
+    {CKM_RSA_PKCS, [](Input input) { return isDigestInfoWith(input, SHA1_IDENTIFIER); },
+     "C_Sign: SHA1 DigestInfo signing not allowed on FIPS 140-3 token"},
+    {CKM_RSA_PKCS, [](Input input) { return isDigestInfoWith(input, MD5_IDENTIFIER); },
+     "C_Sign: MD5 DigestInfo signing not allowed on FIPS 140-3 token"},
+    {CKM_ECDSA, [](Input input) { return input.size() == SHA1_SIZE; },
+     "C_Sign: SHA1 hash signing via CKM_ECDSA not allowed on FIPS 140-3 token"},
+    {CKM_ECDSA, [](Input input) { return input.size() == MD5_SIZE; },
+     "C_Sign: MD5 hash signing via CKM_ECDSA not allowed on FIPS 140-3 token"},
+    {CKM_RSA_PKCS_PSS, [](Input input) { return input.size() == SHA1_SIZE; },
+     "C_Sign: SHA1 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token"},
+    {CKM_RSA_PKCS_PSS, [](Input input) { return input.size() == MD5_SIZE; },
+     "C_Sign: MD5 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token"},
+};
+
+CK_RV refuseByFipsRules(const SessionRecord& session, Input input)
+{
+    if (!isFipsToken(session.token))
+        return CKR_OK;
+    for (const FipsRule& rule : FIPS_RULES) {
+        if (rule.mechanism == session.mechanism && rule.isRefused(input))
+            return refuse(CKR_MECHANISM_INVALID, rule.text);
+    }
+    return CKR_OK;
+}
+
+/// Mechanism, its parameter and the firmware, in this order.
+CK_RV checkMechanism(const SessionRecord& session, const CK_MECHANISM& mechanism, const MechanismRow* row)
+{
+    const CK_MECHANISM_TYPE type = mechanism.mechanism;
+    if (row != nullptr && row->fipsLimited && isFipsToken(session.token))
+        return refuse(CKR_MECHANISM_INVALID, "C_SignInit: SHA1 signing not allowed on FIPS 140-3 token");
+    if (row == nullptr)
+        return refuse(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=", type);
+    if (!row->isPss) {
+        if (mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0)
+            return refuse(CKR_MECHANISM_PARAM_INVALID, "C_SignInit: mechanism param invalid for mechanism=", type);
+        return CKR_OK;
+    }
+    logDebug(message("firmware veriosn :: ", session.token.firmwareVersion));
+    if (!isFirmwareRecent(session.token))
+        return refuse(CKR_MECHANISM_INVALID, "C_SignInit: CKM_RSA_PKCS_PSS not supported on firmware ",
+                      session.token.firmwareVersion);
+    return CKR_OK;
+}
+
+/// Only the private keys' base is subtracted: the handle of a public key is the id of no key pair.
+CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
+{
+    if (hKey < PRIVATE_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SignInit: invalid hKey=", hKey);
+    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
+    if (copyOf(*session.keyPair).keyKind == KEY_KIND_RSA_1024) {
+        session.keyPair = nullptr;
+        return refuse(CKR_KEY_SIZE_RANGE,
+                      "C_SignInit: RSA-1024 signing not allowed — key size below 112-bit security strength");
+    }
+    return CKR_OK;
+}
+
+/// Has the device sign into `resultBuffer`; gives its status.
+int signHash(SessionRecord& session, Input hash)
+{
+    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    std::array<unsigned char, SIGNATURE_CAPACITY> signature{};
+    int length = SIGNATURE_CAPACITY;
+    const int status = velkor_signHash(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(), hash.data(),
+                                       deviceLength(static_cast<CK_ULONG>(hash.size())), signature.data(), &length,
+                                       false, moduleState().libraryInstance, session.isPss);
+    if (status == 0)
+        session.resultBuffer.assign(signature.begin(), signature.begin() + std::clamp(length, 0, SIGNATURE_CAPACITY));
+    return status;
+}
+
+void logInput(const SessionRecord& session, Input hash)
+{
+    logDebug(message("Sign: password empty=", cachedPassword().empty() ? 1 : 0, " hashLen=", hash.size(),
+                     " session state=", stateOf(session)));
+    logDebug(message("Sign input hash : ", hash.empty() ? "NULL or empty" : Utils::toHexadecimal(hash)));
+}
+
+/// Everything between the arguments and the kept signature. What fails here ends the operation.
+CK_RV signData(SessionRecord& session, SignatureFamily family, int hashAlgorithm, const CK_BYTE* pData,
+               CK_ULONG ulDataLen)
+{
+    Input input(pData, ulDataLen);
+    SecretBytes hash;
+    if (family == SignatureFamily::Raw) {
+        const CK_RV result = refuseByFipsRules(session, input);
+        if (result != CKR_OK)
+            return result;
+    } else {
+        const CK_RV result = hashData(session, hashAlgorithm, pData, ulDataLen, HASH_FAILURES, hash);
+        if (result != CKR_OK)
+            return result;
+        input = hash;
+    }
+    logInput(session, input);
+    const int status = signHash(session, input);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Sign hash failed : ", status);
+    return CKR_OK;
+}
+
+/// Ends the gathering of a multi-part operation: the hash is in `hashBuffer`.
+CK_RV finishGathering(SessionRecord& session)
+{
+    const MechanismRow* row = findSignatureMechanism(session.mechanism);
+    if (row->family == SignatureFamily::Raw)
+        return CKR_OK;
+    const int status = finishHash(session.hashContext, HASH_CAPACITY, session.hashBuffer);
+    session.hashContext = nullptr;
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", status);
+    return CKR_OK;
+}
+
+CK_RV signGathered(SessionRecord& session)
+{
+    CK_RV result = finishGathering(session);
+    if (result == CKR_OK) {
+        const int status = signHash(session, session.hashBuffer);
+        if (status != 0)
+            result = refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", status);
+    }
+    wipe(session.hashBuffer);
+    return result;
+}
+
+/// Hands the result of a step on; one that failed ends the operation.
+CK_RV endIfFailed(SessionRecord& session, CK_RV result)
+{
+    if (result != CKR_OK)
+        session.activeOperation = ActiveOperation::None;
+    return result;
+}
+
+} // namespace
+
+CK_RV signInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
+{
+    CK_RV result = requireState(session, "C_SignInit");
+    if (result != CKR_OK)
+        return result;
+    if (session.activeOperation != ActiveOperation::None)
+        return refuse(CKR_OPERATION_ACTIVE,
+                      "C_SignInit: operation already active, activeOperation=", session.activeOperation);
+    if (pMechanism == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_SignInit: pMechanism is NULL");
+    const MechanismRow* row = findSignatureMechanism(pMechanism->mechanism);
+    result = checkMechanism(session, *pMechanism, row);
+    if (result != CKR_OK)
+        return result;
+    session.mechanism = row->type;
+    session.isPss = row->isPss;
+    result = selectKey(session, hKey);
+    if (result != CKR_OK)
+        return result;
+    wipe(session.resultBuffer);
+    session.activeOperation = ActiveOperation::Sign;
+    return CKR_OK;
+}
+
+CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pSignature,
+           CK_ULONG* pulSignatureLen)
+{
+    CK_RV result = require(session, ActiveOperation::Sign, "C_Sign");
+    if (result != CKR_OK)
+        return result;
+    if (pData == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL");
+    if (ulDataLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=", ulDataLen);
+    if (pulSignatureLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
+    logDebug(message("sign echanism : ", session.mechanism));
+    if (session.resultBuffer.empty()) { // Otherwise a length query has left the signature.
+        const MechanismRow* row = findSignatureMechanism(session.mechanism);
+        if (row == nullptr)
+            return refuse(CKR_MECHANISM_INVALID, "C_Sign: unsupported mechanism=", session.mechanism);
+        result = endIfFailed(session, signData(session, row->family, row->hash, pData, ulDataLen));
+    }
+    if (result == CKR_OK)
+        result = deliver(session, "C_Sign", session.resultBuffer, pSignature, pulSignatureLen);
+    return result;
+}
+
+CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
+{
+    const CK_RV result = require(session, ActiveOperation::Sign, "C_SignUpdate");
+    if (result != CKR_OK)
+        return result;
+    if (pPart == nullptr || ulPartLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+    const MechanismRow* row = findSignatureMechanism(session.mechanism);
+    if (row->family == SignatureFamily::Hash)
+        return endIfFailed(session, hashPart(session, row->hash, pPart, ulPartLen, PART_FAILURES));
+    session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
+    return CKR_OK;
+}
+
+CK_RV signFinal(SessionRecord& session, CK_BYTE* pSignature, CK_ULONG* pulSignatureLen)
+{
+    CK_RV result = require(session, ActiveOperation::Sign, "C_SignFinal");
+    if (result != CKR_OK)
+        return result;
+    if (pulSignatureLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
+    if (session.resultBuffer.empty())
+        result = endIfFailed(session, signGathered(session));
+    if (result == CKR_OK)
+        result = deliver(session, "C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen);
+    return result;
+}

@@ -1,0 +1,171 @@
+#include "crypto/verification.h"
+
+#include <span>
+#include <vector>
+
+#include "crypto/operation.h"
+#include "device/device_service.h"
+#include "device/record_fields.h"
+#include "frame/limits.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "objects/record_lookup.h"
+#include "util/der.h"
+#include "util/key_kinds.h"
+#include "util/mechanism_table.h"
+#include "util/token_policy.h"
+
+namespace
+{
+
+using Input = std::span<const unsigned char>;
+
+constexpr HashFailureTexts HASH_FAILURES = {
+    "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
+constexpr HashFailureTexts PART_FAILURES = {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ",
+                                            nullptr};
+constexpr unsigned char DER_SEQUENCE = 0x30;
+
+/// Both halves of a pair select the same record.
+CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
+{
+    if (hKey < PRIVATE_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=", hKey);
+    session.keyPair = findKeyPair(session, hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in verify : ", hKey);
+    return CKR_OK;
+}
+
+/// A bare RSA modulus is wrapped; everything else is passed on as the device stores it.
+std::vector<unsigned char> publicKeyForDevice(const VelkorKeyPair& keyPair)
+{
+    const Input stored = publicKeyOf(keyPair);
+    if (keyKindInfo(keyPair.keyKind).keyType == CKK_EC || stored.empty() || stored.front() == DER_SEQUENCE) {
+        logDebug("Public key passed as-is");
+        return {stored.begin(), stored.end()};
+    }
+    logDebug("Public key is not der need to convert to the der");
+    return rsaSubjectPublicKeyInfo(stored);
+}
+
+/// Asks the device for its verdict; gives its status.
+int verifyHash(const SessionRecord& session, const VelkorKeyPair& keyPair, Input hash, Input publicKey,
+               const CK_BYTE* pSignature, CK_ULONG ulSignatureLen, bool isPss)
+{
+    return velkor_verifySignatureHash(keyPair.keyKind, session.deviceId(), hash.data(),
+                                      deviceLength(static_cast<CK_ULONG>(hash.size())), publicKey.data(),
+                                      static_cast<int>(publicKey.size()), pSignature, deviceLength(ulSignatureLen),
+                                      moduleState().libraryInstance, isPss);
+}
+
+CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen,
+                 const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
+{
+    Input input(pData, ulDataLen);
+    SecretBytes hash;
+    if (row.family == SignatureFamily::Hash) {
+        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, HASH_FAILURES, hash);
+        if (result != CKR_OK)
+            return result;
+        input = hash;
+    }
+    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const int status =
+        verifyHash(session, keyPair, input, publicKeyForDevice(keyPair), pSignature, ulSignatureLen, session.isPss);
+    if (status != 0) // Whatever its cause.
+        return refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : ", status);
+    return CKR_OK;
+}
+
+/// Unlike the single-part way: the public key as it is stored, and never as PSS.
+CK_RV verifyGathered(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
+{
+    if (findSignatureMechanism(session.mechanism)->multiPartVerifyHash != NO_HASH) {
+        const int status = finishHash(session.hashContext, HASH_CAPACITY, session.hashBuffer);
+        session.hashContext = nullptr;
+        if (status != 0)
+            return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", status);
+    }
+    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const int status =
+        verifyHash(session, keyPair, session.hashBuffer, publicKeyOf(keyPair), pSignature, ulSignatureLen, false);
+    if (status != 0)
+        return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed ", status);
+    return CKR_OK;
+}
+
+} // namespace
+
+CK_RV verifyInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
+{
+    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
+        return refuse(CKR_OPERATION_ACTIVE,
+                      "C_VerifyInit: operation already active, activeOperation=", session.activeOperation);
+    if (pMechanism == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_VerifyInit: pMechanism is NULL");
+    const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+    const MechanismRow* row = findSignatureMechanism(type);
+    if (row == nullptr)
+        return refuse(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=", type);
+    const CK_RV result = selectKey(session, hKey);
+    if (result != CKR_OK)
+        return result;
+    if (row->isPss && !isFirmwareRecent(session.token))
+        return refuse(CKR_MECHANISM_INVALID, "C_VerifyInit: CKM_RSA_PKCS_PSS not supported on firmware ",
+                      session.token.firmwareVersion);
+    session.mechanism = type;
+    session.isPss = row->isPss;
+    session.activeOperation = ActiveOperation::Verify;
+    return CKR_OK;
+}
+
+CK_RV verify(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, const CK_BYTE* pSignature,
+             CK_ULONG ulSignatureLen)
+{
+    const CK_RV result = require(session, ActiveOperation::Verify, "C_Verify");
+    if (result != CKR_OK)
+        return result;
+    if (pData == nullptr || pSignature == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL");
+    if (ulDataLen == 0 || ulSignatureLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=", ulDataLen,
+                      " ulSignatureLen=", ulSignatureLen);
+    session.activeOperation = ActiveOperation::None; // Whatever the verdict.
+    const MechanismRow* row = findSignatureMechanism(session.mechanism);
+    if (row == nullptr)
+        return CKR_MECHANISM_INVALID;
+    return verifyData(session, *row, pData, ulDataLen, pSignature, ulSignatureLen);
+}
+
+CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
+{
+    CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyUpdate");
+    if (result != CKR_OK)
+        return result;
+    if (pPart == nullptr || ulPartLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+    const int hashAlgorithm = findSignatureMechanism(session.mechanism)->multiPartVerifyHash;
+    if (hashAlgorithm == NO_HASH) {
+        session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
+        return CKR_OK;
+    }
+    result = hashPart(session, hashAlgorithm, pPart, ulPartLen, PART_FAILURES);
+    if (result != CKR_OK)
+        session.activeOperation = ActiveOperation::None;
+    return result;
+}
+
+CK_RV verifyFinal(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
+{
+    CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyFinal");
+    if (result != CKR_OK)
+        return result;
+    if (pSignature == nullptr || ulSignatureLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD,
+                      "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);
+    result = verifyGathered(session, pSignature, ulSignatureLen);
+    wipe(session.hashBuffer);
+    session.activeOperation = ActiveOperation::None;
+    return result;
+}

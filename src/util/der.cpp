@@ -1,0 +1,66 @@
+#include "util/der.h"
+
+#include <cstddef>
+
+namespace
+{
+
+using Bytes = std::vector<unsigned char>;
+
+constexpr unsigned char TAG_INTEGER = 0x02;
+constexpr unsigned char TAG_BIT_STRING = 0x03;
+constexpr unsigned char TAG_SEQUENCE = 0x30;
+
+/// rsaEncryption with a NULL parameter.
+constexpr unsigned char ALGORITHM_IDENTIFIER[] = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
+                                                  0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+constexpr unsigned char PUBLIC_EXPONENT[] = {0x01, 0x00, 0x01};
+
+void append(Bytes& bytes, std::span<const unsigned char> more)
+{
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+void appendLength(Bytes& bytes, std::size_t length)
+{
+    if (length < 0x80) {
+        bytes.push_back(static_cast<unsigned char>(length));
+        return;
+    }
+    unsigned char count = 0;
+    for (std::size_t rest = length; rest != 0; rest >>= 8)
+        ++count;
+    bytes.push_back(static_cast<unsigned char>(0x80 + count));
+    for (unsigned shift = 8U * count; shift != 0; shift -= 8)
+        bytes.push_back(static_cast<unsigned char>(length >> (shift - 8)));
+}
+
+Bytes element(unsigned char tag, std::span<const unsigned char> content)
+{
+    Bytes bytes = {tag};
+    appendLength(bytes, content.size());
+    append(bytes, content);
+    return bytes;
+}
+
+Bytes integer(std::span<const unsigned char> number)
+{
+    Bytes content;
+    if (!number.empty() && number.front() >= 0x80)
+        content.push_back(0);
+    append(content, number);
+    return element(TAG_INTEGER, content);
+}
+
+} // namespace
+
+std::vector<unsigned char> rsaSubjectPublicKeyInfo(std::span<const unsigned char> modulus)
+{
+    Bytes numbers = integer(modulus);
+    append(numbers, integer(PUBLIC_EXPONENT));
+    Bytes bitString = {0}; // No unused bits.
+    append(bitString, element(TAG_SEQUENCE, numbers));
+    Bytes content(std::begin(ALGORITHM_IDENTIFIER), std::end(ALGORITHM_IDENTIFIER));
+    append(content, element(TAG_BIT_STRING, bitString));
+    return element(TAG_SEQUENCE, content);
+}

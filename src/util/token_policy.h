@@ -1,0 +1,10 @@
+// What a token may do by its model and its firmware.
+#pragma once
+
+#include "device/device_service.h"
+
+/// A token counts as FIPS 140-3 unless the third character of its model is '1'; an empty model does too.
+bool isFipsToken(const TokenInfo& token);
+
+/// Whether the firmware is recent enough for RSA-PSS, RSA-OAEP and ECDH.
+bool isFirmwareRecent(const TokenInfo& token);
