@@ -8,6 +8,7 @@
 #include "device/device_service.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "platform/platform.h"
 
 CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
 {
@@ -90,5 +91,6 @@ int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash)
     const int status = velkor_finalHash(hashContext, buffer.data(), &length, moduleState().libraryInstance);
     if (status == 0)
         hash.assign(buffer.begin(), buffer.begin() + std::clamp(length, 0, HASH_CAPACITY));
+    platform::secureWipe(buffer.data(), buffer.size()); // A derived key may come from it.
     return status;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <iterator>
 #include <span>
 #include <string_view>
 
@@ -30,6 +31,23 @@ std::string_view storedLabelOf(const Record& record)
 {
     const std::string_view field(record.label, sizeof record.label);
     return field.substr(0, field.find('\0'));
+}
+
+/// Copies as many bytes as the field holds; gives their number.
+template <std::size_t Capacity>
+std::int32_t copyInto(unsigned char (&field)[Capacity], std::span<const unsigned char> bytes)
+{
+    bytes = bytes.first(std::min(bytes.size(), Capacity));
+    std::copy(bytes.begin(), bytes.end(), field);
+    return static_cast<std::int32_t>(bytes.size());
+}
+
+/// Sets a record's label, cut to its capacity.
+template <typename Record>
+void setLabel(Record& record, std::span<const unsigned char> label)
+{
+    label = label.first(std::min(label.size(), LABEL_CAPACITY));
+    std::fill(std::copy(label.begin(), label.end(), record.label), std::end(record.label), '\0');
 }
 
 inline bool sameBytes(std::span<const unsigned char> left, std::span<const unsigned char> right)

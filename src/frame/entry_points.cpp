@@ -1,6 +1,10 @@
 // The supported entry points in the order of the standard: each names itself, runs the entry sequence and calls the
 // subsystem that does the work.
+#include "crypto/derivation.h"
 #include "crypto/digest.h"
+#include "crypto/encryption.h"
+#include "crypto/key_generation.h"
+#include "crypto/random.h"
 #include "crypto/signing.h"
 #include "crypto/verification.h"
 #include "cryptoki.h"
@@ -180,26 +184,32 @@ CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
     return enterSession(__func__, hSession, findObjectsFinal);
 }
 
-CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return encryptInit(session, pMechanism, hKey); });
 }
 
-CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pData*/, CK_ULONG /*ulDataLen*/,
-                CK_BYTE_PTR /*pEncryptedData*/, CK_ULONG_PTR /*pulEncryptedDataLen*/)
+CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pEncryptedData,
+                CK_ULONG_PTR pulEncryptedDataLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return encrypt(session, pData, ulDataLen, pEncryptedData, pulEncryptedDataLen);
+    });
 }
 
-CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
+CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return decryptInit(session, pMechanism, hKey); });
 }
 
-CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pEncryptedData*/, CK_ULONG /*ulEncryptedDataLen*/,
-                CK_BYTE_PTR /*pData*/, CK_ULONG_PTR /*pulDataLen*/)
+CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE_PTR pData,
+                CK_ULONG_PTR pulDataLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession, [&](SessionRecord& session) {
+        return decrypt(session, pEncryptedData, ulEncryptedDataLen, pData, pulDataLen);
+    });
 }
 
 CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism)
@@ -279,23 +289,29 @@ CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG
                         [&](SessionRecord& session) { return verifyFinal(session, pSignature, ulSignatureLen); });
 }
 
-CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/,
-                        CK_ATTRIBUTE_PTR /*pPublicKeyTemplate*/, CK_ULONG /*ulPublicKeyAttributeCount*/,
-                        CK_ATTRIBUTE_PTR /*pPrivateKeyTemplate*/, CK_ULONG /*ulPrivateKeyAttributeCount*/,
-                        CK_OBJECT_HANDLE_PTR /*phPublicKey*/, CK_OBJECT_HANDLE_PTR /*phPrivateKey*/)
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pPublicKeyTemplate,
+                        CK_ULONG ulPublicKeyAttributeCount, CK_ATTRIBUTE_PTR pPrivateKeyTemplate,
+                        CK_ULONG ulPrivateKeyAttributeCount, CK_OBJECT_HANDLE_PTR phPublicKey,
+                        CK_OBJECT_HANDLE_PTR phPrivateKey)
 {
-    return enterSession(__func__, hSession, later);
+    const KeyPairRequest request = {pMechanism,          pPublicKeyTemplate,         ulPublicKeyAttributeCount,
+                                    pPrivateKeyTemplate, ulPrivateKeyAttributeCount, phPublicKey,
+                                    phPrivateKey};
+    return enterSession(__func__, hSession, [&](SessionRecord& session) { return generateKeyPair(session, request); });
 }
 
-CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hBaseKey*/,
-                  CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulAttributeCount*/, CK_OBJECT_HANDLE_PTR /*phKey*/)
+CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
+                  CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSessionSilently(__func__, hSession, [&](SessionRecord& session) {
+        return deriveKey(session, pMechanism, hBaseKey, pTemplate, ulAttributeCount, phKey);
+    });
 }
 
-CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*RandomData*/, CK_ULONG /*ulRandomLen*/)
+CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return generateRandom(session, pRandomData, ulRandomLen); });
 }
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pReserved*/)

@@ -52,3 +52,15 @@ CK_RV enterSession(const char* name, CK_SESSION_HANDLE hSession, const Work& wor
         return work(*session);
     });
 }
+
+/// As `enterSession`, but its refusals write no line.
+template <typename Work>
+CK_RV enterSessionSilently(const char* name, CK_SESSION_HANDLE hSession, const Work& work) noexcept
+{
+    return enterAlways(name, [&]() -> CK_RV {
+        if (moduleState().libraryInstance == nullptr)
+            return CKR_CRYPTOKI_NOT_INITIALIZED;
+        const auto session = findSession(hSession);
+        return session ? work(*session) : CKR_SESSION_HANDLE_INVALID;
+    });
+}

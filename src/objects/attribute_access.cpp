@@ -12,6 +12,7 @@
 #include "log/log.h"
 #include "objects/object_attributes.h"
 #include "objects/record_lookup.h"
+#include "util/attributes.h"
 #include "util/secret.h"
 
 namespace
@@ -108,15 +109,14 @@ KeyPairChanges readChanges(std::span<const CK_ATTRIBUTE> attributes)
 {
     KeyPairChanges changes;
     for (const CK_ATTRIBUTE& attribute : attributes) {
-        const auto* value = static_cast<const unsigned char*>(attribute.pValue);
-        const CK_ULONG length = attribute.ulValueLen;
-        if (value == nullptr || length == 0)
+        if (!hasValue(attribute))
             continue;
+        const auto value = bytesOf(attribute);
         logDebug(message("C_SetAttributeValue - attrip type : ", CK_ATTRIBUTE_TYPE{attribute.type}));
         if (attribute.type == CKA_LABEL)
-            changes.label.emplace(value, value + length);
+            changes.label.emplace(value.begin(), value.end());
         else if (attribute.type == CKA_ID)
-            changes.objectId.emplace(value, value + length);
+            changes.objectId.emplace(value.begin(), value.end());
     }
     return changes;
 }

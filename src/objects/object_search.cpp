@@ -11,6 +11,7 @@
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/labels.h"
+#include "util/attributes.h"
 #include "util/utils.h"
 
 namespace
@@ -29,10 +30,10 @@ struct SearchCriteria {
     std::optional<Bytes> modulus;
 };
 
-Bytes bytesOf(const CK_ATTRIBUTE& attribute)
+Bytes copyOfValue(const CK_ATTRIBUTE& attribute)
 {
-    const auto* first = static_cast<const unsigned char*>(attribute.pValue);
-    return {first, first + attribute.ulValueLen};
+    const auto value = bytesOf(attribute);
+    return {value.begin(), value.end()};
 }
 
 CK_RV readClass(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteria& criteria)
@@ -62,16 +63,16 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
         criteria.label = static_cast<const char*>(attribute.pValue);
         break;
     case CKA_VALUE:
-        criteria.value = bytesOf(attribute);
+        criteria.value = copyOfValue(attribute);
         break;
     case CKA_SUBJECT:
-        criteria.subject = bytesOf(attribute);
+        criteria.subject = copyOfValue(attribute);
         break;
     case CKA_ID:
-        criteria.id = bytesOf(attribute);
+        criteria.id = copyOfValue(attribute);
         break;
     case CKA_MODULUS:
-        criteria.modulus = bytesOf(attribute);
+        criteria.modulus = copyOfValue(attribute);
         logDebug(message("Modulus provided length : ", CK_ULONG{attribute.ulValueLen}));
         break;
     default:

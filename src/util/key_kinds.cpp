@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "device/device_service.h"
+#include "device/record_fields.h"
 
 namespace
 {
@@ -12,9 +13,9 @@ constexpr unsigned char P256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03
 constexpr unsigned char P384[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
 constexpr unsigned char P521[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
-constexpr KeyKindInfo RSA_2048 = {KEY_KIND_RSA_2048, CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}};
-
+// The first row is also that of every unknown kind.
 constexpr KeyKindInfo KEY_KINDS[] = {
+    {KEY_KIND_RSA_2048, CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
     {KEY_KIND_RSA_1024, CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
     {KEY_KIND_RSA_3072, CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
     {KEY_KIND_RSA_4096, CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
@@ -23,11 +24,28 @@ constexpr KeyKindInfo KEY_KINDS[] = {
     {KEY_KIND_EC_P521, CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, P521},
 };
 
+template <typename Condition>
+const KeyKindInfo* findKind(const Condition& condition)
+{
+    const auto* const row = std::find_if(std::begin(KEY_KINDS), std::end(KEY_KINDS), condition);
+    return row != std::end(KEY_KINDS) ? row : nullptr;
+}
+
 } // namespace
 
 const KeyKindInfo& keyKindInfo(std::uint32_t keyKind)
 {
-    const auto* const row = std::find_if(std::begin(KEY_KINDS), std::end(KEY_KINDS),
-                                         [&](const KeyKindInfo& each) { return each.keyKind == keyKind; });
-    return row != std::end(KEY_KINDS) ? *row : RSA_2048;
+    const KeyKindInfo* kind = findKind([&](const KeyKindInfo& each) { return each.keyKind == keyKind; });
+    return kind != nullptr ? *kind : KEY_KINDS[0];
+}
+
+const KeyKindInfo* findRsaKind(CK_ULONG bits)
+{
+    return findKind([&](const KeyKindInfo& each) { return each.keyType == CKK_RSA && each.bits == bits; });
+}
+
+const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams)
+{
+    return findKind(
+        [&](const KeyKindInfo& each) { return each.keyType == CKK_EC && sameBytes(each.ecParams, ecParams); });
 }

@@ -16,3 +16,9 @@ struct KeyKindInfo {
 
 /// The kind's row; that of 2048-bit RSA for any kind that has none of its own.
 const KeyKindInfo& keyKindInfo(std::uint32_t keyKind);
+
+/// The kind of RSA keys of a size; null when there is none.
+const KeyKindInfo* findRsaKind(CK_ULONG bits);
+
+/// The kind of the curve with these parameters, byte for byte; null when there is none.
+const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams);

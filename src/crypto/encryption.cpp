@@ -1,0 +1,224 @@
+#include "crypto/encryption.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "crypto/operation.h"
+#include "device/device_service.h"
+#include "device/library_buffer.h"
+#include "device/record_fields.h"
+#include "frame/limits.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "objects/record_lookup.h"
+#include "util/der.h"
+#include "util/token_policy.h"
+
+namespace
+{
+
+constexpr int CIPHERTEXT_CAPACITY = 1024;
+
+bool hasParameter(const CK_MECHANISM& mechanism)
+{
+    return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
+}
+
+/// Operation, mechanism pointer and mechanism, in this order.
+CK_RV checkInit(const SessionRecord& session, const CK_MECHANISM* pMechanism, const char* function)
+{
+    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
+        return refuse(CKR_OPERATION_ACTIVE, function,
+                      ": operation already active, activeOperation=", session.activeOperation);
+    if (pMechanism == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, function, ": pMechanism is NULL");
+    const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+    if (type != CKM_RSA_PKCS && type != CKM_RSA_PKCS_OAEP)
+        return refuse(CKR_MECHANISM_INVALID, function, ": unsupported mechanism=", type);
+    return CKR_OK;
+}
+
+/// With PKCS #1 v1.5 both halves of a pair select the same record.
+CK_RV selectPkcsEncryptionKey(SessionRecord& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey)
+{
+    if (hasParameter(mechanism))
+        return refuse(CKR_MECHANISM_PARAM_INVALID,
+                      "C_EncryptInit: mechanism param invalid for mechanism=", CK_MECHANISM_TYPE{mechanism.mechanism});
+    if (hKey < PRIVATE_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey);
+    session.keyPair = findKeyPair(session, hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in encrypt : ", hKey);
+    return CKR_OK;
+}
+
+/// With OAEP only public keys count. Its parameters are not looked at: the device has its own.
+CK_RV selectOaepEncryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
+{
+    if (!isFirmwareRecent(session.token))
+        return refuse(CKR_MECHANISM_INVALID, "C_EncryptInit: CKM_RSA_PKCS_OAEP not supported on firmware ",
+                      session.token.firmwareVersion);
+    if (hKey < PUBLIC_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
+    session.keyPair = findKeyPair(session, hKey - PUBLIC_KEY_BASE);
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid input handle for OAEP encrypt : ", hKey);
+    return CKR_OK;
+}
+
+/// Only private keys decrypt: the handle of a public key is the id of no key pair.
+CK_RV selectPkcsDecryptionKey(SessionRecord& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey)
+{
+    if (hasParameter(mechanism))
+        return refuse(CKR_MECHANISM_PARAM_INVALID, "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS");
+    if (hKey < PRIVATE_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS");
+    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt : ", hKey);
+    return CKR_OK;
+}
+
+CK_RV selectOaepDecryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
+{
+    if (!isFirmwareRecent(session.token))
+        return refuse(CKR_MECHANISM_INVALID, "CKM_RSA_PKCS_OAEP not supported on firmware ",
+                      session.token.firmwareVersion);
+    if (hKey < PRIVATE_KEY_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
+    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
+    if (session.keyPair == nullptr)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt OAEP : ", hKey);
+    return CKR_OK;
+}
+
+/// Begins the operation. From a digest it goes to a state that no call accepts.
+CK_RV begin(SessionRecord& session, const char* function, ActiveOperation fromNone, ActiveOperation fromDigest)
+{
+    if (session.activeOperation == ActiveOperation::None)
+        session.activeOperation = fromNone;
+    else if (session.activeOperation == ActiveOperation::Digest)
+        session.activeOperation = fromDigest;
+    else
+        return refuse(CKR_FUNCTION_FAILED, function, ": unexpected activeOperation=", session.activeOperation);
+    wipe(session.resultBuffer);
+    return CKR_OK;
+}
+
+EncryptionType encryptionTypeOf(std::uint32_t keyKind)
+{
+    switch (keyKind) {
+    case KEY_KIND_RSA_1024:
+        return EncryptionType::Rsa1024;
+    case KEY_KIND_RSA_3072:
+        return EncryptionType::Rsa3072;
+    case KEY_KIND_RSA_4096:
+        return EncryptionType::Rsa4096;
+    default:
+        return EncryptionType::Rsa2048;
+    }
+}
+
+/// Has the library encrypt into `resultBuffer`; gives its status.
+int encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
+{
+    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(keyPair));
+    const PaddingMode padding = session.cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::Oaep : PaddingMode::Pkcs1;
+    std::array<unsigned char, CIPHERTEXT_CAPACITY> ciphertext{};
+    int length = 0;
+    const int status =
+        velkor_encrypt(encryptionTypeOf(keyPair.keyKind), padding, pData, deviceLength(ulDataLen), ciphertext.data(),
+                       &length, publicKey.data(), static_cast<int>(publicKey.size()), moduleState().libraryInstance);
+    if (status == 0)
+        session.resultBuffer.assign(ciphertext.begin(),
+                                    ciphertext.begin() + std::clamp(length, 0, CIPHERTEXT_CAPACITY));
+    return status;
+}
+
+/// Has the device decrypt into `resultBuffer`; gives its status. The device is not told the padding.
+int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen)
+{
+    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    LibraryBuffer plaintext;
+    const int status = velkor_decrypt(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
+                                      pEncryptedData, deviceLength(ulEncryptedDataLen), &plaintext.bytes,
+                                      &plaintext.length, keyPair.deviceFlag, moduleState().libraryInstance);
+    if (status == 0)
+        session.resultBuffer.assign(plaintext.span().begin(), plaintext.span().end());
+    return status;
+}
+
+} // namespace
+
+CK_RV encryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
+{
+    CK_RV result = checkInit(session, pMechanism, "C_EncryptInit");
+    if (result != CKR_OK)
+        return result;
+    result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsEncryptionKey(session, *pMechanism, hKey)
+                                                   : selectOaepEncryptionKey(session, hKey);
+    if (result != CKR_OK)
+        return result;
+    session.cipherMechanism = pMechanism->mechanism;
+    return begin(session, "C_EncryptInit", ActiveOperation::Encrypt, ActiveOperation::DigestEncrypt);
+}
+
+CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pEncryptedData,
+              CK_ULONG* pulEncryptedDataLen)
+{
+    CK_RV result = require(session, ActiveOperation::Encrypt, "C_Encrypt");
+    if (result != CKR_OK)
+        return result;
+    if (pData == nullptr || ulDataLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
+    if (pulEncryptedDataLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
+    if (session.resultBuffer.empty()) { // Otherwise a length query has left the ciphertext.
+        const int status = encryptData(session, pData, ulDataLen);
+        if (status != 0) {
+            session.activeOperation = ActiveOperation::None;
+            session.cipherMechanism = 0;
+            return refuse(CKR_FUNCTION_FAILED, "Encrypt data failed : ", status);
+        }
+    }
+    result = deliver(session, "C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen);
+    if (session.activeOperation == ActiveOperation::None)
+        session.cipherMechanism = 0;
+    return result;
+}
+
+CK_RV decryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
+{
+    CK_RV result = requireState(session, "C_DecryptInit");
+    if (result == CKR_OK)
+        result = checkInit(session, pMechanism, "C_DecryptInit");
+    if (result != CKR_OK)
+        return result;
+    result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsDecryptionKey(session, *pMechanism, hKey)
+                                                   : selectOaepDecryptionKey(session, hKey);
+    if (result != CKR_OK)
+        return result;
+    return begin(session, "C_DecryptInit", ActiveOperation::Decrypt, ActiveOperation::DigestDecrypt);
+}
+
+CK_RV decrypt(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE* pData,
+              CK_ULONG* pulDataLen)
+{
+    const CK_RV result = require(session, ActiveOperation::Decrypt, "C_Decrypt");
+    if (result != CKR_OK)
+        return result;
+    if (pEncryptedData == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pEncryptedData is NULL");
+    if (ulEncryptedDataLen == 0)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: ulEncryptedDataLen<=0, ulEncryptedDataLen=", ulEncryptedDataLen);
+    if (pulDataLen == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pulDataLen is NULL");
+    if (session.resultBuffer.empty()) {
+        const int status = decryptData(session, pEncryptedData, ulEncryptedDataLen);
+        if (status != 0) // Unlike a failed encryption, it leaves the operation active.
+            return refuse(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
+    }
+    return deliver(session, "C_Decrypt", session.resultBuffer, pData, pulDataLen);
+}

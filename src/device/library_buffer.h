@@ -1,0 +1,26 @@
+// A buffer that the device library has allocated: wiped and released when it is dropped.
+#pragma once
+
+#include <cstdlib>
+#include <span>
+
+#include "platform/platform.h"
+
+struct LibraryBuffer {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+
+    LibraryBuffer() = default;
+    LibraryBuffer(const LibraryBuffer&) = delete;
+    LibraryBuffer& operator=(const LibraryBuffer&) = delete;
+    ~LibraryBuffer()
+    {
+        platform::secureWipe(bytes, span().size());
+        std::free(bytes);
+    }
+
+    std::span<const unsigned char> span() const
+    {
+        return {bytes, bytes != nullptr && length > 0 ? static_cast<std::size_t>(length) : 0};
+    }
+};

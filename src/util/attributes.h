@@ -1,0 +1,26 @@
+// Values of template attributes.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+#include "cryptoki.h"
+
+inline bool hasValue(const CK_ATTRIBUTE& attribute)
+{
+    return attribute.pValue != nullptr && attribute.ulValueLen != 0;
+}
+
+inline std::span<const unsigned char> bytesOf(const CK_ATTRIBUTE& attribute)
+{
+    return {static_cast<const unsigned char*>(attribute.pValue), attribute.ulValueLen};
+}
+
+/// An integer; one that is shorter than a CK_ULONG is filled up with zeros, of a longer one the rest is not read.
+inline CK_ULONG integerOf(const CK_ATTRIBUTE& attribute)
+{
+    CK_ULONG value = 0;
+    std::memcpy(&value, attribute.pValue, std::min<std::size_t>(attribute.ulValueLen, sizeof value));
+    return value;
+}
