@@ -2,7 +2,7 @@
 # Installs what the project is built and tested with from Debian's packages; does nothing when all of it is there.
 set -euo pipefail
 
-packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache binutils
+packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache binutils git
     libgtest-dev libgmock-dev libp11-kit-dev)
 
 missing=()
@@ -19,7 +19,7 @@ if [ "$(id -u)" -ne 0 ]; then
         echo "setup.sh: not root and no sudo here; ask an administrator to install: ${missing[*]}" >&2
         exit 1
     fi
-    as_root=(sudo)
+    as_root=(sudo env DEBIAN_FRONTEND=noninteractive)
 fi
 export DEBIAN_FRONTEND=noninteractive
 if ! "${as_root[@]}" apt-get update -qq || ! "${as_root[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null; then

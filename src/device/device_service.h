@@ -10,7 +10,8 @@
 // - Lengths count bytes. An `int` result is 0 on success; any other value is a status of the library.
 // - Input is borrowed for the call. Output buffers belong to the caller, except where an operation says that it
 //   allocates: such a buffer comes from `malloc`, and the module wipes it and releases it with `free`.
-// - Several threads may be inside the library at once.
+// - Several threads may be inside the library at once. Operations answer by their result, not by exceptions; one that
+//   throws all the same is answered as a failure of the module.
 #pragma once
 
 #include <cstddef>
@@ -202,10 +203,12 @@ std::vector<unsigned char> velkor_getCertificateSerialDER(const unsigned char* d
 /// Generates the key pair that the record asks for and fills the record.
 int velkor_generateKeyPair(const char* deviceId, const char* pin, VelkorKeyPair* keyPair, void* libraryInstance);
 
-/// Begins a hash. The context is ended by `velkor_finalHash`, whatever that answers; there is no other release.
+/// Begins a hash. Derivation also passes the codes 1 and 4, as codes of its own. The context is ended by
+/// `velkor_finalHash`, whatever that answers; there is no other release.
 int velkor_initHash(const char* deviceId, int hashAlgorithm, void** hashContext, void* libraryInstance);
 int velkor_updateHash(void* hashContext, const unsigned char* data, int dataLength, void* libraryInstance);
-/// Writes the hash, at most 64 bytes, to `hash` and its length to `*hashLength`, whose value on entry is not read.
+/// Writes the hash, at most 64 bytes, to `hash` and its length to `*hashLength`, which is 0 or 64 on entry: the room is
+/// 64 bytes in either case.
 int velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength, void* libraryInstance);
 
 /// Signs a hash, or the data of a mechanism that does not hash. `*signatureLength`: on entry the room in

@@ -72,8 +72,8 @@ const char* tag(int code)
 void appendLine(const std::string& path, int code, std::string text)
 {
     std::unique_lock<std::mutex> lock;
-    if (logLock != nullptr)
-        lock = std::unique_lock(*logLock);
+    if (std::mutex* installed = logLock)
+        lock = std::unique_lock(*installed);
     std::ofstream file(path, std::ios::app | std::ios::binary);
     if (!file) {
         complain("\nUnable to write log");
@@ -84,19 +84,27 @@ void appendLine(const std::string& path, int code, std::string text)
     file << text.append("\n") << std::flush;
 }
 
-} // namespace
-
-void logDebug(std::string text)
+/// A line that cannot be written, for whatever reason, is dropped.
+template <typename Condition>
+void writeIf(int code, std::string text, const Condition& isWanted) noexcept
 {
-    if (readLevel() == LOG_DEBUG)
-        writeLogLine(LOG_DEBUG, std::move(text));
+    try {
+        if (isWanted(readLevel()))
+            writeLogLine(code, std::move(text));
+    } catch (...) { // NOLINT(bugprone-empty-catch)
+    }
 }
 
-void logError(std::string text)
+} // namespace
+
+void logDebug(std::string text) noexcept
 {
-    const auto level = readLevel();
-    if (!level || *level >= LOG_ERROR)
-        writeLogLine(LOG_ERROR, std::move(text));
+    writeIf(LOG_DEBUG, std::move(text), [](const auto& level) { return level == LOG_DEBUG; });
+}
+
+void logError(std::string text) noexcept
+{
+    writeIf(LOG_ERROR, std::move(text), [](const auto& level) { return !level || *level >= LOG_ERROR; });
 }
 
 void writeLogLine(int code, std::string text)

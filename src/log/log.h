@@ -11,11 +11,11 @@
 /// Level codes of `writeLogLine`. Any other code is tagged as information.
 enum LogCode : int { LOG_EXCEPTION = 1, LOG_ERROR = 2, LOG_DEBUG = 3 };
 
-/// Writes a line when `logLevel` is exactly 3.
-void logDebug(std::string text);
+/// Writes a line when `logLevel` is exactly 3. No failure of the log reaches the caller.
+void logDebug(std::string text) noexcept;
 
 /// Writes a line when `logLevel` is absent, or 2 and above.
-void logError(std::string text);
+void logError(std::string text) noexcept;
 
 /// Logs an error line made of `pieces` and gives back `code`.
 template <typename Code, typename... Pieces>

@@ -1,7 +1,7 @@
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdlib>
@@ -119,7 +119,10 @@ std::string processFileName()
     const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
     if (length <= 0)
         return {};
-    const std::string_view whole(path.data(), static_cast<std::size_t>(length));
+    std::string_view whole(path.data(), static_cast<std::size_t>(length));
+    constexpr std::string_view REPLACED = " (deleted)"; // What the system adds once the file has been replaced.
+    if (whole.ends_with(REPLACED))
+        whole.remove_suffix(REPLACED.size());
     return std::string(whole.substr(whole.rfind('/') + 1));
 }
 

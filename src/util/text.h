@@ -19,9 +19,13 @@ requires std::is_enum_v<Enumeration> std::string decimal(Enumeration value)
     return decimal(static_cast<std::underlying_type_t<Enumeration>>(value));
 }
 
-inline std::string_view decimal(std::string_view text)
+template <typename Piece>
+auto piece(const Piece& value)
 {
-    return text;
+    if constexpr (std::is_convertible_v<Piece, std::string_view>)
+        return std::string_view(value);
+    else
+        return decimal(value);
 }
 
 /// The pieces in a row: texts as they stand, numbers in decimal.
@@ -29,6 +33,6 @@ template <typename... Pieces>
 std::string message(const Pieces&... pieces)
 {
     std::string text;
-    (text.append(decimal(pieces)), ...);
+    (text.append(piece(pieces)), ...);
     return text;
 }

@@ -72,7 +72,7 @@ void unloadAndLoadAgain(const char* path)
 void cycles(const char* path)
 {
     const Module module = load(path);
-    for (int cycle = 0; cycle < 4; ++cycle) {
+    for (int cycle = 0; cycle < 8; ++cycle) {
         REQUIRE(module.functions->C_Initialize(nullptr) == CKR_OK);
         REQUIRE(module.functions->C_Finalize(nullptr) == CKR_OK);
         REQUIRE(module.functions->C_Finalize(nullptr) == CKR_CRYPTOKI_NOT_INITIALIZED);

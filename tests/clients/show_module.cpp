@@ -25,8 +25,8 @@ int main(int argumentCount, char** arguments)
         return 1;
     }
     std::printf("Cryptoki      %d.%d\n", info.cryptokiVersion.major, info.cryptokiVersion.minor);
-    std::printf("manufacturer  %s\n", reinterpret_cast<const char*>(info.manufacturerID));
-    std::printf("library       %s %d.%d\n", reinterpret_cast<const char*>(info.libraryDescription),
+    std::printf("manufacturer  %.32s\n", reinterpret_cast<const char*>(info.manufacturerID));
+    std::printf("library       %.32s %d.%d\n", reinterpret_cast<const char*>(info.libraryDescription),
                 info.libraryVersion.major, info.libraryVersion.minor);
     return functions->C_Finalize(nullptr) == CKR_OK ? 0 : 1;
 }

@@ -195,24 +195,26 @@ std::vector<std::string> DefaultDevice::velkor_getConnectedDeviceList(bool /*ref
 
 TokenInfo DefaultDevice::velkor_getTokenInfo(const char* deviceName, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     const DeviceRecords* device = find(deviceName);
     return device != nullptr ? device->token : TokenInfo();
 }
 
 int DefaultDevice::velkor_initDevice(const char* deviceId, bool /*readContents*/, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     return find(deviceId) != nullptr ? 0 : STATUS_UNKNOWN_DEVICE;
 }
 
 int DefaultDevice::velkor_validatePassword(const char* deviceId, const char* pin, int userType, int* triesLeft,
                                            void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
     if ((userType == 1 ? device->userPin : device->soPin) == pin)
         return 0;
-    const std::scoped_lock lock(lock_);
     *triesLeft = --device->token.pinTriesLeft;
     return STATUS_WRONG_PIN;
 }
@@ -221,6 +223,7 @@ bool DefaultDevice::velkor_changeUserPassword(const char* deviceId, const char* 
                                               int* triesLeft, bool /*securityOfficer*/, bool /*force*/,
                                               void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return false;
@@ -234,6 +237,7 @@ bool DefaultDevice::velkor_changeUserPassword(const char* deviceId, const char* 
 
 std::vector<VelkorKeyPair>& DefaultDevice::velkor_getKeyPairList(const char* deviceId, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     thread_local std::vector<VelkorKeyPair> list;
     const DeviceRecords* device = find(deviceId);
     list = device != nullptr ? device->keyPairs : std::vector<VelkorKeyPair>();
@@ -243,6 +247,7 @@ std::vector<VelkorKeyPair>& DefaultDevice::velkor_getKeyPairList(const char* dev
 std::vector<VelkorCertificate>& DefaultDevice::velkor_getCertificateList(const char* deviceId,
                                                                          void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     thread_local std::vector<VelkorCertificate> list;
     const DeviceRecords* device = find(deviceId);
     list = device != nullptr ? device->certificates : std::vector<VelkorCertificate>();
@@ -253,6 +258,7 @@ int DefaultDevice::velkor_updateKeyPairDetails(const char* deviceId, const unsig
                                                const char* /*pin*/, const char* label, const unsigned char* objectId,
                                                int objectIdLength, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -271,6 +277,7 @@ int DefaultDevice::velkor_updateKeyPairDetails(const char* deviceId, const unsig
 int DefaultDevice::velkor_deleteKeyPair(const char* deviceId, const unsigned char* keyIdentifier, const char* /*pin*/,
                                         bool /*deviceFlag*/, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -281,6 +288,7 @@ int DefaultDevice::velkor_deleteKeyPair(const char* deviceId, const unsigned cha
 int DefaultDevice::velkor_deleteCertificate(const char* deviceId, const unsigned char* certificateIdentifier,
                                             const char* /*pin*/, void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -291,6 +299,7 @@ int DefaultDevice::velkor_deleteCertificate(const char* deviceId, const unsigned
 int DefaultDevice::velkor_importCertificate(const char* deviceId, const char* /*pin*/, VelkorCertificate* certificate,
                                             void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -303,6 +312,7 @@ int DefaultDevice::velkor_importCertificate(const char* deviceId, const char* /*
 int DefaultDevice::velkor_importPfx(const char* deviceId, const char* /*pin*/, ImportPFXDetails* imported,
                                     void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -351,6 +361,7 @@ std::vector<unsigned char> DefaultDevice::velkor_getCertificateSerialDER(const u
 int DefaultDevice::velkor_generateKeyPair(const char* deviceId, const char* /*pin*/, VelkorKeyPair* keyPair,
                                           void* /*libraryInstance*/)
 {
+    const std::scoped_lock lock(lock_);
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
@@ -451,7 +462,8 @@ int DefaultDevice::velkor_ecdhDerive(const char* /*deviceId*/, const unsigned ch
                                      const char* /*pin*/, const unsigned char* peerPublicKey, int peerPublicKeyLength,
                                      unsigned char** out, int* outLength, void* /*libraryInstance*/)
 {
-    return giveCopy({peerPublicKey + 1, peerPublicKey + peerPublicKeyLength}, out, outLength);
+    const std::vector<unsigned char> point(peerPublicKey, peerPublicKey + peerPublicKeyLength);
+    return giveCopy({point.begin() + (point.empty() ? 0 : 1), point.end()}, out, outLength);
 }
 
 int DefaultDevice::velkor_generateRamdomNumber(const char* /*deviceId*/, int count, unsigned char* out, bool /*flag*/,

@@ -26,6 +26,8 @@ TEST_F(LifecycleTest, InitializeIgnoresItsArgument)
     CK_C_INITIALIZE_ARGS arguments;
     std::memset(&arguments, 0xFF, sizeof arguments);
     EXPECT_EQ(C_Initialize(&arguments), CKR_OK);
+    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(C_Initialize(reinterpret_cast<void*>(1)), CKR_OK);
 }
 
 TEST_F(LifecycleTest, SecondInitializeIsRefusedAndLeavesInstanceAndMonitor)
@@ -125,6 +127,9 @@ TEST_F(LifecycleTest, AMonitorThatCannotBeCreatedLeavesAsASystemError)
         EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
     }
     ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    CK_INFO info;
+    EXPECT_EQ(C_GetInfo(&info), CKR_OK);
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
 }
 
 TEST_F(LifecycleTest, AnExceptionOfTheLibraryBecomesAReturnCode)
@@ -146,6 +151,7 @@ using GetInfoTest = InitializedModuleTest;
 TEST_F(GetInfoTest, DescribesTheModule)
 {
     CK_INFO info;
+    std::memset(&info, 0xAA, sizeof info);
     EXPECT_EQ(answer(C_GetInfo, &info), (Answer{CKR_OK, {"DEBUG C_GetInfo"}}));
     EXPECT_EQ(info.cryptokiVersion.major, 2);
     EXPECT_EQ(info.cryptokiVersion.minor, 20);

@@ -62,14 +62,22 @@ protected:
         setDeviceOperations(device_);
     }
 
-    /// A finalising takes up to a second, so the last test of a process leaves the module to the process's end.
+    /// A finalising takes up to a second, so a process with a single test leaves the module to the process's end.
     void TearDown() override
     {
         setLogLevel("0");
-        if (testing::UnitTest::GetInstance()->test_to_run_count() > 1)
-            C_Finalize(nullptr);
         testing::Mock::VerifyAndClearExpectations(device_.get());
         setDeviceOperations(std::make_shared<DefaultDevice>());
+        if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && C_Finalize(nullptr) != CKR_OK)
+            stopLeftMonitor();
+    }
+
+    /// A failed start leaves a monitor behind, which a good one ends once it has begun to run.
+    static void stopLeftMonitor()
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        C_Initialize(nullptr);
+        C_Finalize(nullptr);
     }
 
     void setLogLevel(const std::string& value) const

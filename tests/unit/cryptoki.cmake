@@ -1,14 +1,9 @@
 # Owns the tests of include/cryptoki.h: its packed layout, its agreement with p11-kit's header in the host layout, and
 # its being plain C in both.
 
-include(GoogleTest)
-enable_language(C)
-
-get_filename_component(cryptoki_include_dir "${CMAKE_CURRENT_LIST_DIR}/../../include" ABSOLUTE)
+set(cryptoki_include_dir "${PROJECT_SOURCE_DIR}/include")
 set(cryptoki_header "${cryptoki_include_dir}/cryptoki.h")
 set(cryptoki_generated_dir "${CMAKE_CURRENT_BINARY_DIR}/cryptoki_generated")
-
-set(cryptoki_options $<TARGET_NAME_IF_EXISTS:project_options>)
 
 # ---- Names taken from the header, so that the comparison cannot miss an addition ----
 
@@ -36,28 +31,22 @@ file(CONFIGURE OUTPUT "${cryptoki_generated_dir}/cryptoki_functions.inc" CONTENT
 # ---- The packed layout ----
 
 add_executable(cryptoki_layout_test "${CMAKE_CURRENT_LIST_DIR}/cryptoki_layout_test.cpp")
-target_compile_features(cryptoki_layout_test PRIVATE cxx_std_20)
 target_include_directories(cryptoki_layout_test PRIVATE "${cryptoki_include_dir}")
-target_link_libraries(cryptoki_layout_test PRIVATE ${cryptoki_options} GTest::gtest_main)
+target_link_libraries(cryptoki_layout_test PRIVATE project_options GTest::gtest_main)
 gtest_discover_tests(cryptoki_layout_test)
 
 # ---- The host layout against p11-kit ----
 
-find_package(PkgConfig QUIET)
-if(PkgConfig_FOUND)
-    pkg_check_modules(P11KIT QUIET p11-kit-1)
-endif()
-find_path(P11KIT_PKCS11_INCLUDE_DIR p11-kit/pkcs11.h HINTS ${P11KIT_INCLUDE_DIRS} PATH_SUFFIXES p11-kit-1 REQUIRED)
+find_path(P11KIT_PKCS11_INCLUDE_DIR p11-kit/pkcs11.h PATH_SUFFIXES p11-kit-1 REQUIRED)
 
 add_executable(cryptoki_p11kit_test
     "${CMAKE_CURRENT_LIST_DIR}/cryptoki_p11kit_test.cpp"
     "${CMAKE_CURRENT_LIST_DIR}/cryptoki_tables_own.cpp"
     "${CMAKE_CURRENT_LIST_DIR}/cryptoki_tables_p11kit.cpp")
-target_compile_features(cryptoki_p11kit_test PRIVATE cxx_std_20)
 target_compile_definitions(cryptoki_p11kit_test PRIVATE CRYPTOKI_HOST_LAYOUT)
 target_include_directories(cryptoki_p11kit_test PRIVATE "${cryptoki_include_dir}" "${cryptoki_generated_dir}")
 target_include_directories(cryptoki_p11kit_test SYSTEM PRIVATE "${P11KIT_PKCS11_INCLUDE_DIR}")
-target_link_libraries(cryptoki_p11kit_test PRIVATE ${cryptoki_options} GTest::gtest_main)
+target_link_libraries(cryptoki_p11kit_test PRIVATE project_options GTest::gtest_main)
 gtest_discover_tests(cryptoki_p11kit_test)
 
 # ---- C ----
@@ -67,7 +56,7 @@ foreach(layout IN ITEMS packed host)
     add_library(${target} OBJECT "${CMAKE_CURRENT_LIST_DIR}/cryptoki_header_c.c")
     set_target_properties(${target} PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
     target_include_directories(${target} PRIVATE "${cryptoki_include_dir}")
-    target_link_libraries(${target} PRIVATE ${cryptoki_options})
+    target_link_libraries(${target} PRIVATE project_options)
     if(CMAKE_C_COMPILER_ID MATCHES "GNU|Clang")
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
     endif()

@@ -11,6 +11,7 @@ namespace platform
 
 bool readLogLevel(std::span<char> value)
 {
+    ++fakePlatform.levelReads;
     if (fakePlatform.logLevel)
         std::copy(fakePlatform.logLevel->begin(), fakePlatform.logLevel->end(), value.begin());
     return fakePlatform.logLevel.has_value();
@@ -30,14 +31,17 @@ bool folderExists(const std::string& path)
 
 bool createFolder(const std::string& path)
 {
+    ++fakePlatform.folderCalls;
     if (fakePlatform.foldersThrow)
         throw std::runtime_error("no room");
     std::error_code ignored;
-    return std::filesystem::create_directory(path, ignored);
+    return path.starts_with(fakePlatform.root) && std::filesystem::create_directory(path, ignored);
 }
 
 std::string processFileName()
 {
+    if (fakePlatform.processThrows)
+        throw std::runtime_error("no name");
     return fakePlatform.processFileName;
 }
 

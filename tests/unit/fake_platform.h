@@ -9,10 +9,14 @@
 
 struct FakePlatform {
     std::optional<std::string> logLevel;
+    std::string root; ///< Folders are created below it only.
     std::string temporaryFolder;
     std::string processFileName = "app.exe";
     platform::LocalTime time{2026, 11, 15, 13, 46, 27, 123};
     bool foldersThrow = false;
+    bool processThrows = false;
+    int folderCalls = 0;
+    int levelReads = 0;
 };
 
 /// Set by the test before it calls what it tests.

@@ -23,6 +23,7 @@ protected:
         std::filesystem::remove_all(folder_);
         std::filesystem::create_directories(folder_ / "Brenmoor" / "app");
         fakePlatform = {};
+        fakePlatform.root = folder_.string();
         fakePlatform.temporaryFolder = folder_.string() + "/";
     }
 
@@ -167,10 +168,31 @@ TEST_F(LogTest, OnlySlashesSeparateLevels)
 
 TEST_F(LogTest, MissingTemporaryFolderIsToldAndTheLineIsDropped)
 {
-    // The line's folder is then /Brenmoor, which a process name of impossible length keeps from being made.
     fakePlatform.temporaryFolder += "missing/";
-    fakePlatform.processFileName = std::string(2000, 'p');
-    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }).substr(0, 31), "\nUnable to getLogBaseFolderPath");
+    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }), "\nUnable to getLogBaseFolderPath\nUnable to write log");
+}
+
+TEST_F(LogTest, FailingTemporaryFolderIsToldAndTheLineIsDropped)
+{
+    fakePlatform.foldersThrow = true;
+    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }).substr(0, 77),
+              "Exception in getLogBaseFolderPath(): no folder\nUnable to getLogBaseFolderPath");
+}
+
+TEST_F(LogTest, NoFailureReachesTheCaller)
+{
+    fakePlatform.logLevel = std::string(1, '\3');
+    fakePlatform.processThrows = true;
+    EXPECT_NO_THROW(logDebug("x"));
+    EXPECT_NO_THROW(logError("x"));
+}
+
+TEST_F(LogTest, LineThatIsNotWantedCostsOneReadOfTheLevel)
+{
+    fakePlatform.logLevel = std::string(1, '\0');
+    logError("x");
+    EXPECT_EQ(fakePlatform.levelReads, 1);
+    EXPECT_EQ(fakePlatform.folderCalls, 0);
 }
 
 TEST_F(LogTest, LogLockIsRespectedWhenItIsSet)
@@ -206,9 +228,15 @@ TEST_F(LogTest, LogLockIsReleasedWhenTheFileCannotBeOpened)
 
 TEST_F(LogTest, PathIsCutAtItsCapacity)
 {
-    fakePlatform.processFileName = std::string(2000, 'p');
-    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }), "\nUnable to write log");
-    EXPECT_TRUE(std::filesystem::is_empty(folder_ / "Brenmoor" / "app"));
+    // A temporary folder of 1010 characters leaves room for "/Brenmoor/", three letters of the name, and nothing else.
+    std::string deep = fakePlatform.temporaryFolder;
+    while (deep.size() < 1010)
+        deep.append(std::min<std::size_t>(200, 1010 - deep.size() - 1), 'd').append("/");
+    std::filesystem::create_directories(deep + "/Brenmoor");
+    fakePlatform.temporaryFolder = deep;
+    fakePlatform.processFileName = "abcdef";
+    outputOf([] { writeLogLine(LOG_ERROR, "x"); });
+    EXPECT_TRUE(std::filesystem::is_directory(deep + "/Brenmoor/abc"));
 }
 
 } // namespace
