@@ -43,10 +43,10 @@ std::int32_t copyInto(unsigned char (&field)[Capacity], std::span<const unsigned
 }
 
 /// Sets a record's label, cut to its capacity.
-template <typename Record>
-void setLabel(Record& record, std::span<const unsigned char> label)
+template <typename Record, typename Text>
+void setLabel(Record& record, const Text& text)
 {
-    label = label.first(std::min(label.size(), LABEL_CAPACITY));
+    const auto label = std::span(text).first(std::min(std::size(text), LABEL_CAPACITY));
     std::fill(std::copy(label.begin(), label.end(), record.label), std::end(record.label), '\0');
 }
 

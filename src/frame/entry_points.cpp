@@ -11,6 +11,8 @@
 #include "frame/entry_sequence.h"
 #include "frame/lifecycle.h"
 #include "objects/attribute_access.h"
+#include "objects/object_deletion.h"
+#include "objects/object_import.h"
 #include "objects/object_search.h"
 #include "sessions/login.h"
 #include "sessions/session_table.h"
@@ -26,12 +28,6 @@ const CK_FUNCTION_LIST functionList = {
 #define EXPORT(name) &(name),
 #include "frame/exports.inc"
 };
-
-/// Stands for work that this version does not do yet.
-CK_RV later(SessionRecord& /*session*/)
-{
-    return CKR_FUNCTION_NOT_SUPPORTED;
-}
 
 CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 {
@@ -132,15 +128,21 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession)
     return enterSession(__func__, hSession, logout);
 }
 
-CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR /*pTemplate*/, CK_ULONG /*ulCount*/,
-                     CK_OBJECT_HANDLE_PTR /*phObject*/)
+CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                     CK_OBJECT_HANDLE_PTR phObject)
 {
-    return enterSession(__func__, hSession, later);
+    return enterSession(__func__, hSession,
+                        [&](SessionRecord& session) { return createObject(session, pTemplate, ulCount, phObject); });
 }
 
-CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE /*hObject*/)
+CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
 {
-    return enterSession(__func__, hSession, later);
+    return enter(__func__, [&]() -> CK_RV {
+        const auto session = findSession(hSession); // Its refusal has a text of its own.
+        if (!session)
+            return refuse(CKR_SESSION_HANDLE_INVALID, "Delete session state invalid");
+        return destroyObject(*session, hObject);
+    });
 }
 
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize)

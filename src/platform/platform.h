@@ -35,6 +35,12 @@ bool createFolder(const std::string& path);
 /// File name of the program that this process runs; empty when the system does not tell.
 std::string processFileName();
 
+/// Folder of the program that this process runs, without a separator at its end.
+std::string processFolder();
+
+/// An environment variable; empty when it is not set, or when the process runs with more rights than its caller has.
+std::string environmentVariable(const char* name);
+
 LocalTime localTime();
 
 void sleep(std::chrono::milliseconds time);

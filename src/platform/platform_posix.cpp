@@ -72,6 +72,20 @@ const char* trustedEnvironment(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
+/// Path of the running program; empty when the system does not tell.
+std::string processPath()
+{
+    std::array<char, 4096> path{};
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    if (length <= 0)
+        return {};
+    std::string_view whole(path.data(), static_cast<std::size_t>(length));
+    constexpr std::string_view REPLACED = " (deleted)"; // What the system adds once the file has been replaced.
+    if (whole.ends_with(REPLACED))
+        whole.remove_suffix(REPLACED.size());
+    return std::string(whole);
+}
+
 } // namespace
 
 bool readLogLevel(std::span<char> value)
@@ -115,15 +129,20 @@ bool createFolder(const std::string& path)
 
 std::string processFileName()
 {
-    std::array<char, 1024> path{};
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    if (length <= 0)
-        return {};
-    std::string_view whole(path.data(), static_cast<std::size_t>(length));
-    constexpr std::string_view REPLACED = " (deleted)"; // What the system adds once the file has been replaced.
-    if (whole.ends_with(REPLACED))
-        whole.remove_suffix(REPLACED.size());
-    return std::string(whole.substr(whole.rfind('/') + 1));
+    const std::string path = processPath();
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string processFolder()
+{
+    const std::string path = processPath();
+    return path.substr(0, path.rfind('/'));
+}
+
+std::string environmentVariable(const char* name)
+{
+    const char* value = trustedEnvironment(name);
+    return value != nullptr ? value : "";
 }
 
 LocalTime localTime()

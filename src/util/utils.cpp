@@ -40,6 +40,28 @@ int Utils::compareFirmwareVersion(std::string_view left, std::string_view right)
     return leftNumbers < rightNumbers ? -1 : 1;
 }
 
+std::string Utils::commonName(std::string_view distinguishedName)
+{
+    constexpr std::string_view KEY = "CN=";
+    for (std::size_t key = distinguishedName.find(KEY); key != std::string_view::npos;
+         key = distinguishedName.find(KEY, key + 1)) {
+        const std::string_view rest = distinguishedName.substr(key + KEY.size());
+        const std::string_view name = rest.substr(0, rest.find_first_of(",\n\r"));
+        if (!name.empty())
+            return std::string(name);
+    }
+    return {};
+}
+
+std::string Utils::trimmed(std::string_view text)
+{
+    constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
+    const std::size_t first = text.find_first_not_of(WHITE_SPACE);
+    if (first == std::string_view::npos)
+        return {};
+    return std::string(text.substr(first, text.find_last_not_of(WHITE_SPACE) - first + 1));
+}
+
 std::string Utils::toHexadecimal(std::span<const unsigned char> bytes)
 {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";

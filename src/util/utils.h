@@ -15,6 +15,12 @@ struct Utils {
     /// -1, 0 or 1: the left version is lower, the same, higher. A missing number counts as 0.
     static int compareFirmwareVersion(std::string_view left, std::string_view right);
 
+    /// The common name of a distinguished name such as "CN=Root,O=Example"; empty when it has none.
+    static std::string commonName(std::string_view distinguishedName);
+
+    /// The text without white space at either end.
+    static std::string trimmed(std::string_view text);
+
     /// Upper case, two digits a byte, no separators.
     static std::string toHexadecimal(std::span<const unsigned char> bytes);
 };

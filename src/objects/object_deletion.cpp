@@ -1,0 +1,58 @@
+#include "objects/object_deletion.h"
+
+#include "device/device_service.h"
+#include "frame/limits.h"
+#include "frame/module_state.h"
+#include "log/log.h"
+#include "objects/record_lookup.h"
+
+namespace
+{
+
+CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+{
+    const auto* found = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
+    if (found == nullptr) {
+        logDebug(message("Input keypair not found in destroy : ", hObject));
+        return CKR_OBJECT_HANDLE_INVALID;
+    }
+    const VelkorKeyPair keyPair = copyOf(*found);
+    const int status = velkor_deleteKeyPair(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
+                                            keyPair.deviceFlag, moduleState().libraryInstance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Delete keypair in destroy object failed : ", status);
+    return CKR_OK;
+}
+
+CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+{
+    const auto* found = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (found == nullptr) {
+        logDebug(message("Input certificate not found in destroy : ", hObject));
+        return CKR_OBJECT_HANDLE_INVALID;
+    }
+    const VelkorCertificate certificate = copyOf(*found);
+    const int status = velkor_deleteCertificate(session.deviceId(), certificate.certificateIdentifier,
+                                                cachedPassword().c_str(), moduleState().libraryInstance);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Delete certificate in destroy object failed : ", status);
+    return CKR_OK;
+}
+
+} // namespace
+
+CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+{
+    const CK_STATE state = stateOf(session);
+    if (state < CKS_RW_PUBLIC_SESSION) {
+        logDebug(message("Delete session state invalid : ", state));
+        return CKR_SESSION_READ_ONLY;
+    }
+    logDebug(message("Delete key pair id : ", hObject));
+    if (hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE)
+        return destroyKeyPair(session, hObject);
+    // A key pair goes through its private key's handle only.
+    if (hObject < CERTIFICATE_BASE)
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DestroyObject: invalid hObject=", hObject);
+    return destroyCertificate(session, hObject);
+}

@@ -1,0 +1,7 @@
+// Deletion of key pairs and certificates.
+#pragma once
+
+#include "cryptoki.h"
+#include "sessions/session_record.h"
+
+CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject);
