@@ -10,6 +10,7 @@
 #include "crypto/operation.h"
 #include "device/device_service.h"
 #include "device/library_buffer.h"
+#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -59,9 +60,9 @@ CK_RV deriveSecret(const SessionRecord& session, const VelkorKeyPair& keyPair, s
                    SecretBytes& secret)
 {
     LibraryBuffer shared;
-    const int status = velkor_ecdhDerive(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
-                                         peer.data(), deviceLength(static_cast<CK_ULONG>(peer.size())), &shared.bytes,
-                                         &shared.length, moduleState().libraryInstance);
+    const int status =
+        velkor_ecdhDerive(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(), peer.data(),
+                          deviceLength(peer.size()), &shared.bytes, &shared.length, moduleState().libraryInstance);
     if (status != 0 || shared.span().empty())
         return refuse(CKR_FUNCTION_FAILED, "C_DeriveKey: velkor_ecdhDerive failed:", status, " len=", shared.length);
     secret.assign(shared.span().begin(), shared.span().end());
@@ -104,11 +105,11 @@ CK_OBJECT_HANDLE store(SecretBytes value)
     return handle;
 }
 
-const VelkorKeyPair* findBaseKey(const SessionRecord& session, CK_OBJECT_HANDLE hBaseKey)
+std::optional<VelkorKeyPair> findBaseKey(const SessionRecord& session, CK_OBJECT_HANDLE hBaseKey)
 {
     const CK_OBJECT_HANDLE id = hBaseKey - PRIVATE_KEY_BASE;
     if (id >= PUBLIC_KEY_BASE - PRIVATE_KEY_BASE) // Also where the difference has wrapped around.
-        return nullptr;
+        return std::nullopt;
     logDebug(message("key id :: ", id));
     return findKeyPair(session, id);
 }
@@ -129,15 +130,14 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     const auto parameter = readParameter(*pMechanism);
     if (!parameter)
         return CKR_MECHANISM_PARAM_INVALID;
-    const auto* baseKey = findBaseKey(session, hBaseKey);
-    if (baseKey == nullptr)
+    const auto keyPair = findBaseKey(session, hBaseKey);
+    if (!keyPair)
         return CKR_KEY_HANDLE_INVALID;
-    const VelkorKeyPair keyPair = copyOf(*baseKey);
     const std::span<const unsigned char> peer(parameter->pPublicData, parameter->ulPublicDataLen);
-    logDebug(message("base key id :: ", Utils::toHexadecimal(keyPair.keyIdentifier)));
+    logDebug(message("base key id :: ", Utils::toHexadecimal(keyPair->keyIdentifier)));
     logDebug(message("public key :: ", Utils::toHexadecimal(peer)));
     SecretBytes value;
-    CK_RV result = deriveSecret(session, keyPair, peer, value);
+    CK_RV result = deriveSecret(session, *keyPair, peer, value);
     if (result == CKR_OK)
         result = applyKdf(session, parameter->kdf, value);
     if (result != CKR_OK)

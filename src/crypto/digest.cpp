@@ -2,6 +2,7 @@
 
 #include "crypto/operation.h"
 #include "device/device_service.h"
+#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/mechanism_table.h"

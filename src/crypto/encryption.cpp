@@ -12,6 +12,7 @@
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/record_lookup.h"
+#include "util/attributes.h"
 #include "util/der.h"
 #include "util/token_policy.h"
 
@@ -20,12 +21,6 @@ namespace
 
 constexpr int CIPHERTEXT_CAPACITY = 1024;
 
-bool hasParameter(const CK_MECHANISM& mechanism)
-{
-    return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
-}
-
-/// Operation, mechanism pointer and mechanism, in this order.
 CK_RV checkInit(const SessionRecord& session, const CK_MECHANISM* pMechanism, const char* function)
 {
     if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
@@ -39,7 +34,7 @@ CK_RV checkInit(const SessionRecord& session, const CK_MECHANISM* pMechanism, co
     return CKR_OK;
 }
 
-/// With PKCS #1 v1.5 both halves of a pair select the same record.
+/// With PKCS #1 v1.5 either half of a pair will do.
 CK_RV selectPkcsEncryptionKey(SessionRecord& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey)
 {
     if (hasParameter(mechanism))
@@ -47,8 +42,7 @@ CK_RV selectPkcsEncryptionKey(SessionRecord& session, const CK_MECHANISM& mechan
                       "C_EncryptInit: mechanism param invalid for mechanism=", CK_MECHANISM_TYPE{mechanism.mechanism});
     if (hKey < PRIVATE_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey);
-    session.keyPair = findKeyPair(session, hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
-    if (session.keyPair == nullptr)
+    if (!selectKeyPair(session, keyPairIdOf(hKey)))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in encrypt : ", hKey);
     return CKR_OK;
 }
@@ -61,8 +55,7 @@ CK_RV selectOaepEncryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
                       session.token.firmwareVersion);
     if (hKey < PUBLIC_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
-    session.keyPair = findKeyPair(session, hKey - PUBLIC_KEY_BASE);
-    if (session.keyPair == nullptr)
+    if (!selectKeyPair(session, hKey - PUBLIC_KEY_BASE))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid input handle for OAEP encrypt : ", hKey);
     return CKR_OK;
 }
@@ -74,8 +67,7 @@ CK_RV selectPkcsDecryptionKey(SessionRecord& session, const CK_MECHANISM& mechan
         return refuse(CKR_MECHANISM_PARAM_INVALID, "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS");
     if (hKey < PRIVATE_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS");
-    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
-    if (session.keyPair == nullptr)
+    if (!selectKeyPair(session, hKey - PRIVATE_KEY_BASE))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt : ", hKey);
     return CKR_OK;
 }
@@ -87,8 +79,7 @@ CK_RV selectOaepDecryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
                       session.token.firmwareVersion);
     if (hKey < PRIVATE_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
-    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
-    if (session.keyPair == nullptr)
+    if (!selectKeyPair(session, hKey - PRIVATE_KEY_BASE))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt OAEP : ", hKey);
     return CKR_OK;
 }
@@ -123,14 +114,14 @@ EncryptionType encryptionTypeOf(std::uint32_t keyKind)
 /// Has the library encrypt into `resultBuffer`; gives its status.
 int encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
-    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const VelkorKeyPair keyPair = selectedKeyPair(session);
     const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(keyPair));
     const PaddingMode padding = session.cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::Oaep : PaddingMode::Pkcs1;
     std::array<unsigned char, CIPHERTEXT_CAPACITY> ciphertext{};
     int length = 0;
     const int status =
         velkor_encrypt(encryptionTypeOf(keyPair.keyKind), padding, pData, deviceLength(ulDataLen), ciphertext.data(),
-                       &length, publicKey.data(), static_cast<int>(publicKey.size()), moduleState().libraryInstance);
+                       &length, publicKey.data(), deviceLength(publicKey.size()), moduleState().libraryInstance);
     if (status == 0)
         session.resultBuffer.assign(ciphertext.begin(),
                                     ciphertext.begin() + std::clamp(length, 0, CIPHERTEXT_CAPACITY));
@@ -140,7 +131,7 @@ int encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen
 /// Has the device decrypt into `resultBuffer`; gives its status. The device is not told the padding.
 int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen)
 {
-    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const VelkorKeyPair keyPair = selectedKeyPair(session);
     LibraryBuffer plaintext;
     const int status = velkor_decrypt(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
                                       pEncryptedData, deviceLength(ulEncryptedDataLen), &plaintext.bytes,

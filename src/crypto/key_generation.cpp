@@ -1,8 +1,7 @@
 #include "crypto/key_generation.h"
 
-#include <algorithm>
-
 #include "device/device_service.h"
+#include "device/device_status.h"
 #include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
@@ -15,17 +14,15 @@ namespace
 
 using Template = std::span<const CK_ATTRIBUTE>;
 
-constexpr CK_ULONG RSA_1024_BITS = 1024;
-
-/// Session state, mechanism and pointers, in this order. The mechanism's value plays no part.
+/// The mechanism's value plays no part.
 CK_RV checkRequest(const SessionRecord& session, const KeyPairRequest& request)
 {
     const CK_STATE state = stateOf(session);
-    if (state < CKS_RW_PUBLIC_SESSION)
+    if (isReadOnly(state))
         return refuse(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=", state);
     if (request.pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pMechanism is NULL");
-    if (request.pMechanism->pParameter != nullptr || request.pMechanism->ulParameterLen != 0)
+    if (hasParameter(*request.pMechanism))
         return refuse(CKR_MECHANISM_PARAM_INVALID, "C_GenerateKeyPair: mechanism param invalid for mechanism=",
                       CK_MECHANISM_TYPE{request.pMechanism->mechanism});
     if (request.pPublicKeyTemplate == nullptr)

@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <limits>
 
 #include "device/device_service.h"
+#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "platform/platform.h"
@@ -41,13 +40,6 @@ CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result,
     wipe(result);
     session.activeOperation = ActiveOperation::None;
     return CKR_OK;
-}
-
-int deviceLength(CK_ULONG length)
-{
-    if (length > std::numeric_limits<std::uint32_t>::max())
-        return -1;
-    return static_cast<int>(static_cast<std::uint32_t>(length));
 }
 
 CK_RV hashData(const SessionRecord& session, int hashAlgorithm, const CK_BYTE* pData, CK_ULONG ulDataLen,

@@ -2,8 +2,6 @@
 // calls of the device library.
 #pragma once
 
-#include <span>
-
 #include "cryptoki.h"
 #include "sessions/session_record.h"
 #include "util/secret.h"
@@ -19,10 +17,6 @@ CK_RV requireState(const SessionRecord& session, const char* function);
 /// result is emptied and the operation ends.
 CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
               CK_ULONG* pulOutputLen);
-
-/// A caller's length as the device library counts, in a signed 32-bit number. One that has no 32-bit form at all
-/// becomes negative, which the library refuses; it must not shrink to some small number.
-int deviceLength(CK_ULONG length);
 
 /// Log texts of a hash that fails at one of its steps; the library's status follows.
 struct HashFailureTexts {

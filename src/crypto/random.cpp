@@ -1,7 +1,7 @@
 #include "crypto/random.h"
 
-#include "crypto/operation.h"
 #include "device/device_service.h"
+#include "device/record_fields.h"
 #include "log/log.h"
 
 CK_RV generateRandom(const SessionRecord& session, CK_BYTE* pRandomData, CK_ULONG ulRandomLen)

@@ -12,6 +12,8 @@
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/record_lookup.h"
+#include "util/attributes.h"
+#include "util/der.h"
 #include "util/mechanism_table.h"
 #include "util/token_policy.h"
 #include "util/utils.h"
@@ -29,14 +31,13 @@ constexpr HashFailureTexts PART_FAILURES = {"C_SignUpdate: initHash failed ", "C
 constexpr unsigned char SHA1_IDENTIFIER[] = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
 constexpr unsigned char MD5_IDENTIFIER[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
 constexpr std::size_t DIGEST_INFO_MIN_SIZE = 11;
-constexpr unsigned char DER_SEQUENCE = 0x30;
 constexpr std::size_t SHA1_SIZE = 20;
 constexpr std::size_t MD5_SIZE = 16;
 
 /// Looks for an object identifier at every offset: the input is not parsed.
 bool isDigestInfoWith(Input input, Input identifier)
 {
-    return input.size() >= DIGEST_INFO_MIN_SIZE && input.front() == DER_SEQUENCE &&
+    return input.size() >= DIGEST_INFO_MIN_SIZE && input.front() == DER_TAG_SEQUENCE &&
            std::search(input.begin(), input.end(), identifier.begin(), identifier.end()) != input.end();
 }
 
@@ -73,7 +74,6 @@ CK_RV refuseByFipsRules(const SessionRecord& session, Input input)
     return CKR_OK;
 }
 
-/// Mechanism, its parameter and the firmware, in this order.
 CK_RV checkMechanism(const SessionRecord& session, const CK_MECHANISM& mechanism, const MechanismRow* row)
 {
     const CK_MECHANISM_TYPE type = mechanism.mechanism;
@@ -82,7 +82,7 @@ CK_RV checkMechanism(const SessionRecord& session, const CK_MECHANISM& mechanism
     if (row == nullptr)
         return refuse(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=", type);
     if (!row->isPss) {
-        if (mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0)
+        if (hasParameter(mechanism))
             return refuse(CKR_MECHANISM_PARAM_INVALID, "C_SignInit: mechanism param invalid for mechanism=", type);
         return CKR_OK;
     }
@@ -98,10 +98,10 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 {
     if (hKey < PRIVATE_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SignInit: invalid hKey=", hKey);
-    session.keyPair = findKeyPair(session, hKey - PRIVATE_KEY_BASE);
-    if (session.keyPair == nullptr)
+    const auto keyPair = selectKeyPair(session, hKey - PRIVATE_KEY_BASE);
+    if (!keyPair)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
-    if (copyOf(*session.keyPair).keyKind == KEY_KIND_RSA_1024) {
+    if (keyPair->keyKind == KEY_KIND_RSA_1024) {
         session.keyPair = nullptr;
         return refuse(CKR_KEY_SIZE_RANGE,
                       "C_SignInit: RSA-1024 signing not allowed — key size below 112-bit security strength");
@@ -112,12 +112,12 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 /// Has the device sign into `resultBuffer`; gives its status.
 int signHash(SessionRecord& session, Input hash)
 {
-    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const VelkorKeyPair keyPair = selectedKeyPair(session);
     std::array<unsigned char, SIGNATURE_CAPACITY> signature{};
     int length = SIGNATURE_CAPACITY;
     const int status = velkor_signHash(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(), hash.data(),
-                                       deviceLength(static_cast<CK_ULONG>(hash.size())), signature.data(), &length,
-                                       false, moduleState().libraryInstance, session.isPss);
+                                       deviceLength(hash.size()), signature.data(), &length, false,
+                                       moduleState().libraryInstance, session.isPss);
     if (status == 0)
         session.resultBuffer.assign(signature.begin(), signature.begin() + std::clamp(length, 0, SIGNATURE_CAPACITY));
     return status;
@@ -131,17 +131,16 @@ void logInput(const SessionRecord& session, Input hash)
 }
 
 /// Everything between the arguments and the kept signature. What fails here ends the operation.
-CK_RV signData(SessionRecord& session, SignatureFamily family, int hashAlgorithm, const CK_BYTE* pData,
-               CK_ULONG ulDataLen)
+CK_RV signData(SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
     Input input(pData, ulDataLen);
     SecretBytes hash;
-    if (family == SignatureFamily::Raw) {
+    if (row.family == SignatureFamily::Raw) {
         const CK_RV result = refuseByFipsRules(session, input);
         if (result != CKR_OK)
             return result;
     } else {
-        const CK_RV result = hashData(session, hashAlgorithm, pData, ulDataLen, HASH_FAILURES, hash);
+        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, HASH_FAILURES, hash);
         if (result != CKR_OK)
             return result;
         input = hash;
@@ -229,7 +228,7 @@ CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_
         const MechanismRow* row = findSignatureMechanism(session.mechanism);
         if (row == nullptr)
             return refuse(CKR_MECHANISM_INVALID, "C_Sign: unsupported mechanism=", session.mechanism);
-        result = endIfFailed(session, signData(session, row->family, row->hash, pData, ulDataLen));
+        result = endIfFailed(session, signData(session, *row, pData, ulDataLen));
     }
     if (result == CKR_OK)
         result = deliver(session, "C_Sign", session.resultBuffer, pSignature, pulSignatureLen);

@@ -24,15 +24,13 @@ constexpr HashFailureTexts HASH_FAILURES = {
     "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
 constexpr HashFailureTexts PART_FAILURES = {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ",
                                             nullptr};
-constexpr unsigned char DER_SEQUENCE = 0x30;
 
-/// Both halves of a pair select the same record.
+/// Either half of a pair will do.
 CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 {
     if (hKey < PRIVATE_KEY_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=", hKey);
-    session.keyPair = findKeyPair(session, hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
-    if (session.keyPair == nullptr)
+    if (!selectKeyPair(session, keyPairIdOf(hKey)))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in verify : ", hKey);
     return CKR_OK;
 }
@@ -41,7 +39,7 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 std::vector<unsigned char> publicKeyForDevice(const VelkorKeyPair& keyPair)
 {
     const Input stored = publicKeyOf(keyPair);
-    if (keyKindInfo(keyPair.keyKind).keyType == CKK_EC || stored.empty() || stored.front() == DER_SEQUENCE) {
+    if (keyKindInfo(keyPair.keyKind).keyType == CKK_EC || stored.empty() || stored.front() == DER_TAG_SEQUENCE) {
         logDebug("Public key passed as-is");
         return {stored.begin(), stored.end()};
     }
@@ -53,10 +51,9 @@ std::vector<unsigned char> publicKeyForDevice(const VelkorKeyPair& keyPair)
 int verifyHash(const SessionRecord& session, const VelkorKeyPair& keyPair, Input hash, Input publicKey,
                const CK_BYTE* pSignature, CK_ULONG ulSignatureLen, bool isPss)
 {
-    return velkor_verifySignatureHash(keyPair.keyKind, session.deviceId(), hash.data(),
-                                      deviceLength(static_cast<CK_ULONG>(hash.size())), publicKey.data(),
-                                      static_cast<int>(publicKey.size()), pSignature, deviceLength(ulSignatureLen),
-                                      moduleState().libraryInstance, isPss);
+    return velkor_verifySignatureHash(keyPair.keyKind, session.deviceId(), hash.data(), deviceLength(hash.size()),
+                                      publicKey.data(), deviceLength(publicKey.size()), pSignature,
+                                      deviceLength(ulSignatureLen), moduleState().libraryInstance, isPss);
 }
 
 CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen,
@@ -70,7 +67,7 @@ CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK
             return result;
         input = hash;
     }
-    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const VelkorKeyPair keyPair = selectedKeyPair(session);
     const int status =
         verifyHash(session, keyPair, input, publicKeyForDevice(keyPair), pSignature, ulSignatureLen, session.isPss);
     if (status != 0) // Whatever its cause.
@@ -87,7 +84,7 @@ CK_RV verifyGathered(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG
         if (status != 0)
             return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", status);
     }
-    const VelkorKeyPair keyPair = copyOf(*session.keyPair);
+    const VelkorKeyPair keyPair = selectedKeyPair(session);
     const int status =
         verifyHash(session, keyPair, session.hashBuffer, publicKeyOf(keyPair), pSignature, ulSignatureLen, false);
     if (status != 0)

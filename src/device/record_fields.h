@@ -1,12 +1,23 @@
-// The used part of the device records' fixed-size fields. A length that the library got wrong never leads outside.
+// Lengths to and from the device library: the used part of the records' fixed-size fields, where a wrong length never
+// leads outside, and counts of bytes as the library takes them.
 #pragma once
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <span>
 #include <string_view>
 
 #include "device/device_service.h"
+
+/// A length as the device library counts, in a signed 32-bit number. One that has no 32-bit form at all becomes
+/// negative, which the library refuses; it must not shrink to some small number.
+inline int deviceLength(std::size_t length)
+{
+    if (length > std::numeric_limits<std::uint32_t>::max())
+        return -1;
+    return static_cast<int>(static_cast<std::uint32_t>(length));
+}
 
 template <std::size_t Capacity>
 std::span<const unsigned char> usedBytes(const unsigned char (&field)[Capacity], std::int32_t length)

@@ -37,9 +37,3 @@ SecretText cachedPassword()
     const std::scoped_lock lock(state.lock);
     return state.cachedUserPassword;
 }
-
-CK_RV codeOfDeviceStatus(int status)
-{
-    const bool removed = status == STATUS_DEVICE_REMOVED || status == STATUS_DEVICE_UNREACHABLE;
-    return removed ? CKR_DEVICE_REMOVED : CKR_FUNCTION_FAILED;
-}

@@ -54,6 +54,3 @@ CK_STATE stateOf(const SessionRecord& session);
 
 /// A copy of the cached user PIN, empty when nobody is logged in.
 SecretText cachedPassword();
-
-/// Return code for a status of the device library where a device that is gone is told apart.
-CK_RV codeOfDeviceStatus(int status);

@@ -61,6 +61,7 @@ CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attribu
     if (!value)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_GetAttributeValue: derived key handle not found=", hObject);
     for (CK_ULONG index = 0; index < attributes.size(); ++index) {
+        logDebug(message("C_GetAttributeValue type : ", CK_ATTRIBUTE_TYPE{attributes[index].type}));
         if (attributes[index].type != CKA_VALUE) {
             attributes[index].ulValueLen = CK_UNAVAILABLE_INFORMATION;
             continue;
@@ -72,32 +73,21 @@ CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attribu
     return CKR_OK;
 }
 
-bool isPublicKey(CK_OBJECT_HANDLE hKey)
-{
-    return hKey >= PUBLIC_KEY_BASE;
-}
-
-/// Both halves of a pair select the same record.
-const VelkorKeyPair* keyPairOf(const SessionRecord& session, CK_OBJECT_HANDLE hKey)
-{
-    return findKeyPair(session, hKey - (isPublicKey(hKey) ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE));
-}
-
 CK_RV answerKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
 {
-    const auto* keyPair = keyPairOf(session, hObject);
-    if (keyPair == nullptr)
+    const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
+    if (!keyPair)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in get attribute : ", hObject);
-    const CK_OBJECT_CLASS objectClass = isPublicKey(hObject) ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
-    return answerTemplate(viewOf(session, copyOf(*keyPair), objectClass, hObject), attributes);
+    const CK_OBJECT_CLASS objectClass = hObject >= PUBLIC_KEY_BASE ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
+    return answerTemplate(viewOf(session, *keyPair, objectClass, hObject), attributes);
 }
 
 CK_RV answerCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
 {
-    const auto* certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
-    if (certificate == nullptr)
+    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (!certificate)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get attribute : ", hObject);
-    return answerTemplate(viewOf(copyOf(*certificate), hObject), attributes);
+    return answerTemplate(viewOf(*certificate, hObject), attributes);
 }
 
 struct KeyPairChanges {
@@ -126,47 +116,54 @@ int updateKeyPair(const SessionRecord& session, const VelkorKeyPair& keyPair, co
     const std::string label = changes.label.value_or("");
     const std::vector<unsigned char> objectId = changes.objectId.value_or(std::vector<unsigned char>());
     return velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
-                                       label.c_str(), objectId.data(), static_cast<int>(objectId.size()),
+                                       label.c_str(), objectId.data(), deviceLength(objectId.size()),
                                        moduleState().libraryInstance);
 }
 
-struct ObjectSize {
-    std::optional<CK_ULONG> size;
-    const char* notFound; ///< Error text when there is no such object.
-};
-
-ObjectSize keyPairSize(const SessionRecord& session, CK_OBJECT_HANDLE hKey, CK_ULONG factor, const char* notFound)
+bool isPrivateKey(CK_OBJECT_HANDLE hObject)
 {
-    const auto* keyPair = keyPairOf(session, hKey);
-    if (keyPair == nullptr)
-        return {std::nullopt, notFound};
-    return {factor * static_cast<CK_ULONG>(publicKeyOf(copyOf(*keyPair)).size()), notFound};
+    return hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE;
 }
 
-ObjectSize objectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+bool isPublicKey(CK_OBJECT_HANDLE hObject)
 {
-    if (hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE) // A private key counts twice.
-        return keyPairSize(session, hObject, 2, "Private key not found in get object size : ");
-    if (hObject >= PUBLIC_KEY_BASE && hObject < CERTIFICATE_BASE)
-        return keyPairSize(session, hObject, 1, "Public key not found in get object size : ");
-    constexpr const char* NOT_FOUND = "Certificate not found in get object size : ";
-    const auto* certificate =
-        hObject >= CERTIFICATE_BASE ? findCertificate(session, hObject - CERTIFICATE_BASE) : nullptr;
-    if (certificate == nullptr)
-        return {std::nullopt, NOT_FOUND};
-    return {static_cast<CK_ULONG>(copyOf(*certificate).der.size()), NOT_FOUND};
+    return hObject >= PUBLIC_KEY_BASE && hObject < CERTIFICATE_BASE;
+}
+
+/// Bytes of the object; nothing when there is none.
+std::optional<std::size_t> objectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+{
+    if (isPrivateKey(hObject) || isPublicKey(hObject)) {
+        const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
+        if (!keyPair)
+            return std::nullopt;
+        return publicKeyOf(*keyPair).size() * (isPrivateKey(hObject) ? 2 : 1); // A private key counts twice.
+    }
+    if (hObject < CERTIFICATE_BASE)
+        return std::nullopt;
+    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    return certificate ? std::optional(certificate->der.size()) : std::nullopt;
+}
+
+CK_RV refuseSize(CK_OBJECT_HANDLE hObject)
+{
+    if (isPrivateKey(hObject))
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Private key not found in get object size : ", hObject);
+    if (isPublicKey(hObject))
+        return refuse(CKR_OBJECT_HANDLE_INVALID, "Public key not found in get object size : ", hObject);
+    return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get object size : ", hObject);
 }
 
 } // namespace
 
 CK_RV getObjectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject, CK_ULONG* pulSize)
 {
-    const ObjectSize object = objectSize(session, hObject);
-    if (!object.size)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, object.notFound, hObject);
+    const auto size = objectSize(session, hObject);
+    if (!size)
+        return refuseSize(hObject);
     if (pulSize == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GetObjectSize: pulSize is NULL");
-    *pulSize = *object.size;
+    *pulSize = static_cast<CK_ULONG>(*size);
     return CKR_OK;
 }
 
@@ -198,12 +195,12 @@ CK_RV setAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
         return refuse(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: ulCount<=0");
     if (hObject < PRIVATE_KEY_BASE || hObject >= CERTIFICATE_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue: invalid hObject=", hObject);
-    const auto* keyPair = keyPairOf(session, hObject);
-    if (keyPair == nullptr)
+    const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
+    if (!keyPair)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
     const KeyPairChanges changes = readChanges({pTemplate, ulCount});
     if (changes.label || changes.objectId) {
-        const int result = updateKeyPair(session, copyOf(*keyPair), changes);
+        const int result = updateKeyPair(session, *keyPair, changes);
         if (result != 0)
             return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", result);
     }

@@ -49,7 +49,7 @@ std::map<std::string, Issuer> readIssuers(const std::vector<std::pair<std::strin
     std::map<std::string, Issuer> issuers;
     for (const auto& [name, der] : files) {
         CertificateDetails details;
-        if (der.empty() || velkor_getCertificateDetails(der.data(), static_cast<int>(der.size()), details,
+        if (der.empty() || velkor_getCertificateDetails(der.data(), deviceLength(der.size()), details,
                                                         moduleState().libraryInstance) != 0)
             continue;
         const std::string subjectName = Utils::commonName(details.subject);

@@ -15,8 +15,8 @@ namespace
 std::optional<CertificateDetails> parse(const VelkorCertificate& certificate)
 {
     CertificateDetails details;
-    const int result = velkor_getCertificateDetails(certificate.der.data(), static_cast<int>(certificate.der.size()),
-                                                    details, nullptr);
+    const int result =
+        velkor_getCertificateDetails(certificate.der.data(), deviceLength(certificate.der.size()), details, nullptr);
     return result == 0 ? std::optional(details) : std::nullopt;
 }
 

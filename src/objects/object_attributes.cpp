@@ -6,13 +6,13 @@
 #include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "objects/labels.h"
+#include "util/der.h"
 
 namespace
 {
 
 using Bytes = std::vector<unsigned char>;
 
-constexpr unsigned char PUBLIC_EXPONENT[] = {0x01, 0x00, 0x01};
 constexpr unsigned char TAG_OCTET_STRING = 0x04;
 constexpr unsigned char ONE_LENGTH_BYTE = 0x81;
 
@@ -59,7 +59,7 @@ Bytes parsedFrom(const ObjectView& object, Parser parser)
 {
     if (!isCertificate(object))
         return {};
-    return parser(object.value.data(), static_cast<int>(object.value.size()), moduleState().libraryInstance);
+    return parser(object.value.data(), deviceLength(object.value.size()), moduleState().libraryInstance);
 }
 
 /// The public key as a DER OCTET STRING, whose length never takes more than one byte behind 0x81.
@@ -106,7 +106,7 @@ constexpr AttributeRow ATTRIBUTES[] = {
     {CKA_DERIVE,            [](const ObjectView&)        { return boolean(false); }},
     {CKA_MODULUS,           [](const ObjectView& object) { return object.value; }},
     {CKA_MODULUS_BITS,      [](const ObjectView& object) { return integer(object.kind.bits); }},
-    {CKA_PUBLIC_EXPONENT,   [](const ObjectView&)        { return toBytes(PUBLIC_EXPONENT); }},
+    {CKA_PUBLIC_EXPONENT,   [](const ObjectView&)        { return toBytes(RSA_PUBLIC_EXPONENT); }},
     {CKA_EXTRACTABLE,       [](const ObjectView& object) { return boolean(!isPrivate(object)); }},
     {CKA_LOCAL,             [](const ObjectView&)        { return boolean(true); }},
     {CKA_KEY_GEN_MECHANISM, [](const ObjectView& object) { return integer(object.kind.generationMechanism); }},

@@ -11,14 +11,13 @@ namespace
 
 CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    const auto* found = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
-    if (found == nullptr) {
+    const auto keyPair = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
+    if (!keyPair) {
         logDebug(message("Input keypair not found in destroy : ", hObject));
         return CKR_OBJECT_HANDLE_INVALID;
     }
-    const VelkorKeyPair keyPair = copyOf(*found);
-    const int status = velkor_deleteKeyPair(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
-                                            keyPair.deviceFlag, moduleState().libraryInstance);
+    const int status = velkor_deleteKeyPair(session.deviceId(), keyPair->keyIdentifier, cachedPassword().c_str(),
+                                            keyPair->deviceFlag, moduleState().libraryInstance);
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Delete keypair in destroy object failed : ", status);
     return CKR_OK;
@@ -26,13 +25,12 @@ CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 
 CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    const auto* found = findCertificate(session, hObject - CERTIFICATE_BASE);
-    if (found == nullptr) {
+    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (!certificate) {
         logDebug(message("Input certificate not found in destroy : ", hObject));
         return CKR_OBJECT_HANDLE_INVALID;
     }
-    const VelkorCertificate certificate = copyOf(*found);
-    const int status = velkor_deleteCertificate(session.deviceId(), certificate.certificateIdentifier,
+    const int status = velkor_deleteCertificate(session.deviceId(), certificate->certificateIdentifier,
                                                 cachedPassword().c_str(), moduleState().libraryInstance);
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Delete certificate in destroy object failed : ", status);
@@ -44,7 +42,7 @@ CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
     const CK_STATE state = stateOf(session);
-    if (state < CKS_RW_PUBLIC_SESSION) {
+    if (isReadOnly(state)) {
         logDebug(message("Delete session state invalid : ", state));
         return CKR_SESSION_READ_ONLY;
     }

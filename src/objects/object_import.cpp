@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "device/device_service.h"
+#include "device/device_status.h"
 #include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
@@ -180,7 +180,7 @@ CK_RV createCertificate(const SessionRecord& session, const NewObject& object, C
     if (object.value.empty())
         return refuse(CKR_FUNCTION_FAILED, "Certificate data not available in create object");
     CertificateDetails details;
-    if (velkor_getCertificateDetails(object.value.data(), static_cast<int>(object.value.size()), details,
+    if (velkor_getCertificateDetails(object.value.data(), deviceLength(object.value.size()), details,
                                      moduleState().libraryInstance) != 0) {
         logDebug("certificate parsing failed");
         return CKR_DATA_INVALID;
@@ -194,7 +194,10 @@ CK_RV createCertificate(const SessionRecord& session, const NewObject& object, C
 
 /// The request of a private key import, whose secret parts are wiped when it ends.
 struct PrivateKeyImport : ImportPFXDetails {
-    explicit PrivateKeyImport(const NewObject& object)
+    PrivateKeyImport() = default;
+
+    /// By way of the other constructor, so that the wiping is due from here on.
+    explicit PrivateKeyImport(const NewObject& object) : PrivateKeyImport()
     {
         kind = IMPORT_KIND_RSA_COMPONENTS;
         label = toText(object.label);

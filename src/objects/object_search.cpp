@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -101,7 +102,7 @@ bool matches(const SearchCriteria& criteria, const VelkorCertificate& certificat
     if (criteria.value)
         return sameBytes(certificate.der, *criteria.value);
     if (criteria.subject)
-        return velkor_getCertificateSubject(certificate.der.data(), static_cast<int>(certificate.der.size()),
+        return velkor_getCertificateSubject(certificate.der.data(), deviceLength(certificate.der.size()),
                                             moduleState().libraryInstance) == *criteria.subject;
     if (criteria.id)
         return sameBytes(objectIdOf(certificate), *criteria.id);
@@ -134,19 +135,13 @@ DeviceContents fetchInitializedContents(const SessionRecord& session)
     return contents;
 }
 
-bool isUserLoggedIn(const SessionRecord& session)
-{
-    const CK_STATE state = stateOf(session);
-    return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS;
-}
-
 /// Without a class everything is found, and the other criteria do not apply.
 void selectAll(SessionRecord& session, DeviceContents contents)
 {
     session.foundCertificates = std::move(contents.certificates);
     session.foundKeyPairs = std::move(contents.keyPairs);
     session.findPublicKeys = true;
-    session.findPrivateKeys = isUserLoggedIn(session);
+    session.findPrivateKeys = isUserState(stateOf(session));
 }
 
 void selectKeys(SessionRecord& session, const SearchCriteria& criteria, const DeviceContents& contents)
@@ -155,7 +150,7 @@ void selectKeys(SessionRecord& session, const SearchCriteria& criteria, const De
                  [&](const VelkorKeyPair& each) { return matches(criteria, session, each); });
     const bool found = !session.foundKeyPairs.empty();
     session.findPublicKeys = found && criteria.objectClass == CKO_PUBLIC_KEY;
-    session.findPrivateKeys = found && criteria.objectClass == CKO_PRIVATE_KEY && isUserLoggedIn(session);
+    session.findPrivateKeys = found && criteria.objectClass == CKO_PRIVATE_KEY && isUserState(stateOf(session));
 }
 
 void selectCertificates(SessionRecord& session, const SearchCriteria& criteria, const DeviceContents& contents)
@@ -211,10 +206,10 @@ CK_ULONG handOut(SessionRecord& session, const std::vector<CK_OBJECT_HANDLE>& ha
 {
     const auto total = static_cast<CK_ULONG>(handles.size());
     const CK_ULONG count = std::min(ulMaxObjectCount, total - session.findPosition);
-    std::string line = "Find object return :";
+    std::string line = "Find object return : ";
     for (CK_ULONG index = 0; index < count; ++index) {
         phObject[index] = handles[session.findPosition + index];
-        line.append(" ").append(decimal(phObject[index]));
+        line.append(decimal(phObject[index])).append(index + 1 < count ? " " : "");
     }
     session.findPosition += count;
     logDebug(line);

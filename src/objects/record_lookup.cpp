@@ -3,49 +3,51 @@
 #include <algorithm>
 #include <vector>
 
+#include "frame/limits.h"
 #include "frame/module_state.h"
 
 namespace
 {
 
 template <typename Record>
-Record* keep(const std::vector<Record>& records, CK_ULONG id, Record& moduleWideRecord)
+std::optional<Record> find(const std::vector<Record>& records, CK_ULONG id, Record& moduleWideRecord)
 {
     const auto found = std::find_if(records.begin(), records.end(), [&](const Record& each) { return each.id == id; });
     if (found == records.end())
-        return nullptr;
+        return std::nullopt;
     const std::scoped_lock lock(moduleState().lock);
     moduleWideRecord = *found;
-    return &moduleWideRecord;
-}
-
-template <typename Record>
-Record lockedCopy(const Record& record)
-{
-    const std::scoped_lock lock(moduleState().lock);
-    return record;
+    return *found;
 }
 
 } // namespace
 
-VelkorKeyPair* findKeyPair(const SessionRecord& session, CK_ULONG id)
+CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey)
+{
+    return hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE);
+}
+
+std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id)
 {
     ModuleState& state = moduleState();
-    return keep(velkor_getKeyPairList(session.deviceId(), state.libraryInstance), id, state.foundKeyPair);
+    return find(velkor_getKeyPairList(session.deviceId(), state.libraryInstance), id, state.foundKeyPair);
 }
 
-VelkorCertificate* findCertificate(const SessionRecord& session, CK_ULONG id)
+std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id)
 {
     ModuleState& state = moduleState();
-    return keep(velkor_getCertificateList(session.deviceId(), state.libraryInstance), id, state.foundCertificate);
+    return find(velkor_getCertificateList(session.deviceId(), state.libraryInstance), id, state.foundCertificate);
 }
 
-VelkorKeyPair copyOf(const VelkorKeyPair& record)
+std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id)
 {
-    return lockedCopy(record);
+    auto keyPair = findKeyPair(session, id);
+    session.keyPair = keyPair ? &moduleState().foundKeyPair : nullptr;
+    return keyPair;
 }
 
-VelkorCertificate copyOf(const VelkorCertificate& record)
+VelkorKeyPair selectedKeyPair(const SessionRecord& session)
 {
-    return lockedCopy(record);
+    const std::scoped_lock lock(moduleState().lock);
+    return *session.keyPair;
 }

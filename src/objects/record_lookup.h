@@ -1,17 +1,24 @@
-// From an object's id to its device record. Nothing is cached: each lookup fetches the device's list anew and copies
-// the found record into the one module-wide record of its kind, over what was there.
+// From an object's handle to its device record. Nothing is cached: each lookup fetches the device's list anew and
+// copies the found record into the one module-wide record of its kind, over what was there.
 #pragma once
+
+#include <optional>
 
 #include "cryptoki.h"
 #include "device/device_service.h"
 #include "sessions/session_record.h"
 
-/// The module-wide key pair record; null when the device has no key pair of that id.
-VelkorKeyPair* findKeyPair(const SessionRecord& session, CK_ULONG id);
+/// The id of a key pair by the handle of either of its halves.
+CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey);
 
-/// The module-wide certificate record; null when the device has no certificate of that id.
-VelkorCertificate* findCertificate(const SessionRecord& session, CK_ULONG id);
+/// The key pair of an id, as a copy that no later lookup changes.
+std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id);
 
-/// What a module-wide record holds now. A lookup of another thread changes the record, not the copy.
-VelkorKeyPair copyOf(const VelkorKeyPair& record);
-VelkorCertificate copyOf(const VelkorCertificate& record);
+/// The certificate of an id, as a copy that no later lookup changes.
+std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id);
+
+/// Finds the key pair of an operation and makes the session refer to the module-wide record, or to none.
+std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id);
+
+/// What the module-wide record that the session refers to holds now.
+VelkorKeyPair selectedKeyPair(const SessionRecord& session);

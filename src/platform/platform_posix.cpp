@@ -167,7 +167,8 @@ void sleep(std::chrono::milliseconds time)
 
 void secureWipe(void* memory, std::size_t size)
 {
-    explicit_bzero(memory, size);
+    if (size != 0) // Then the memory may be null.
+        explicit_bzero(memory, size);
 }
 
 } // namespace platform

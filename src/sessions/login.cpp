@@ -77,6 +77,7 @@ template <std::size_t States>
 std::vector<Transition> moveSessionsOfSameToken(const SessionRecord& session, const Transition (&transitions)[States])
 {
     std::vector<Transition> taken;
+    taken.reserve(moduleState().sessionMap.size()); // Nothing fails half-way.
     for (const auto& [handle, each] : moduleState().sessionMap) {
         if (each->token.serialNumber != session.token.serialNumber)
             continue;
@@ -121,7 +122,7 @@ CK_RV setPin(const SessionRecord& session, const CK_UTF8CHAR* pOldPin, CK_ULONG 
              CK_ULONG ulNewLen)
 {
     const CK_STATE sessionState = stateOf(session);
-    if (sessionState < CKS_RW_PUBLIC_SESSION)
+    if (isReadOnly(sessionState))
         return refuse(CKR_SESSION_READ_ONLY, "C_SetPIN: session is read-only, state=", sessionState);
     if (pOldPin == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_SetPIN: pOldPin is NULL");
@@ -150,7 +151,7 @@ CK_RV login(const SessionRecord& session, CK_USER_TYPE userType, const CK_UTF8CH
         return refuse(CKR_USER_TYPE_INVALID, "C_Login: unsupported userType=", userType);
     const bool asUser = userType == CKU_USER;
     const CK_STATE sessionState = stateOf(session);
-    if (asUser && (sessionState == CKS_RO_USER_FUNCTIONS || sessionState == CKS_RW_USER_FUNCTIONS)) {
+    if (asUser && isUserState(sessionState)) {
         logDebug("C_Login: User already logged in");
         return CKR_USER_ALREADY_LOGGED_IN;
     }

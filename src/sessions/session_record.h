@@ -20,6 +20,16 @@ enum class ActiveOperation : CK_ULONG {
     DigestDecrypt = 10,
 };
 
+inline bool isUserState(CK_STATE state)
+{
+    return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS;
+}
+
+inline bool isReadOnly(CK_STATE state)
+{
+    return state < CKS_RW_PUBLIC_SESSION;
+}
+
 struct SessionRecord {
     CK_STATE state = CKS_RO_PUBLIC_SESSION; ///< Guarded by `ModuleState::lock`: other threads log in and out.
     CK_SLOT_ID slotID = 0;

@@ -70,7 +70,7 @@ CK_RV getSessionInfo(const SessionRecord& session, CK_SESSION_INFO* pInfo)
     pInfo->slotID = session.slotID;
     pInfo->state = stateOf(session);
     pInfo->flags = CKF_SERIAL_SESSION;
-    if (pInfo->state >= CKS_RW_PUBLIC_SESSION)
+    if (!isReadOnly(pInfo->state))
         pInfo->flags |= CKF_RW_SESSION;
     pInfo->ulDeviceError = 0;
     return CKR_OK;

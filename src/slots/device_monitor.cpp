@@ -1,6 +1,7 @@
 #include "slots/device_monitor.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace
 
 constexpr std::chrono::milliseconds POLLING_PERIOD{1000};
 
-/// A query that fails counts as an empty list. An exception must not end the thread, and with it the host.
+/// A query that fails counts as an empty list.
 std::vector<std::string> queryDevices()
 {
     try {
@@ -32,8 +33,8 @@ int logOutSessionsWithoutDevice(const std::vector<std::string>& devices, SecretT
     const std::scoped_lock lock(state.lock);
     int loggedOut = 0;
     for (const auto& [handle, session] : state.sessionMap) {
-        const bool loggedIn = session->state == CKS_RO_USER_FUNCTIONS || session->state == CKS_RW_USER_FUNCTIONS;
-        if (!loggedIn || std::find(devices.begin(), devices.end(), session->token.serialNumber) != devices.end())
+        if (!isUserState(session->state) ||
+            std::find(devices.begin(), devices.end(), session->token.serialNumber) != devices.end())
             continue;
         *password = {};
         session->state = session->state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
@@ -62,6 +63,20 @@ void raiseSlotEvent()
         state.slotEventPending = true;
     }
     state.slotEventCv.notify_all();
+}
+
+/// One look at the devices. A lack of memory must not end the thread, and with it the host: the next cycle looks again.
+void runCycle(SecretText* password, std::size_t& previousCount)
+{
+    try {
+        const std::size_t count = scanDevices(password);
+        if (count == previousCount)
+            return;
+        logDebug(message("Slot event: device count changed from ", previousCount, " to ", count));
+        raiseSlotEvent();
+        previousCount = count;
+    } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+    }
 }
 
 CK_RV takeSlotEvent(CK_SLOT_ID* pSlot)
@@ -97,12 +112,7 @@ void deviceMonitorLoop(SecretText* password)
     state.monitorRunning = true;
     std::size_t previousCount = 0;
     while (!state.stopMonitor) {
-        const std::size_t count = scanDevices(password);
-        if (count != previousCount) {
-            logDebug(message("Slot event: device count changed from ", previousCount, " to ", count));
-            raiseSlotEvent();
-            previousCount = count;
-        }
+        runCycle(password, previousCount);
         platform::sleep(POLLING_PERIOD);
     }
     logDebug("Session monitor thread stopped.");

@@ -5,14 +5,12 @@
 
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "util/key_kinds.h"
 #include "util/mechanism_table.h"
 #include "util/token_policy.h"
 
 namespace
 {
-
-constexpr CK_ULONG RSA_1024_BITS = 1024;
-constexpr CK_ULONG RSA_2048_BITS = 2048;
 
 std::vector<CK_MECHANISM_TYPE> offeredMechanisms(CK_SLOT_ID slotID)
 {

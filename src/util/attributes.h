@@ -1,4 +1,4 @@
-// Values of template attributes.
+// What callers give: mechanism parameters and values of template attributes.
 #pragma once
 
 #include <algorithm>
@@ -6,6 +6,11 @@
 #include <span>
 
 #include "cryptoki.h"
+
+inline bool hasParameter(const CK_MECHANISM& mechanism)
+{
+    return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
+}
 
 inline bool hasValue(const CK_ATTRIBUTE& attribute)
 {

@@ -1,6 +1,7 @@
 #include "util/der.h"
 
 #include <cstddef>
+#include <iterator>
 
 namespace
 {
@@ -9,12 +10,10 @@ using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char TAG_INTEGER = 0x02;
 constexpr unsigned char TAG_BIT_STRING = 0x03;
-constexpr unsigned char TAG_SEQUENCE = 0x30;
 
 /// rsaEncryption with a NULL parameter.
 constexpr unsigned char ALGORITHM_IDENTIFIER[] = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
                                                   0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-constexpr unsigned char PUBLIC_EXPONENT[] = {0x01, 0x00, 0x01};
 
 void append(Bytes& bytes, std::span<const unsigned char> more)
 {
@@ -57,10 +56,10 @@ Bytes integer(std::span<const unsigned char> number)
 std::vector<unsigned char> rsaSubjectPublicKeyInfo(std::span<const unsigned char> modulus)
 {
     Bytes numbers = integer(modulus);
-    append(numbers, integer(PUBLIC_EXPONENT));
+    append(numbers, integer(RSA_PUBLIC_EXPONENT));
     Bytes bitString = {0}; // No unused bits.
-    append(bitString, element(TAG_SEQUENCE, numbers));
+    append(bitString, element(DER_TAG_SEQUENCE, numbers));
     Bytes content(std::begin(ALGORITHM_IDENTIFIER), std::end(ALGORITHM_IDENTIFIER));
     append(content, element(TAG_BIT_STRING, bitString));
-    return element(TAG_SEQUENCE, content);
+    return element(DER_TAG_SEQUENCE, content);
 }

@@ -6,6 +6,9 @@
 
 #include "cryptoki.h"
 
+inline constexpr CK_ULONG RSA_1024_BITS = 1024;
+inline constexpr CK_ULONG RSA_2048_BITS = 2048;
+
 struct KeyKindInfo {
     std::uint32_t keyKind;
     CK_KEY_TYPE keyType;

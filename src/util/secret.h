@@ -41,11 +41,12 @@ inline void wipe(SecretBytes& bytes)
 class SecretText
 {
 public:
-    SecretText() : SecretText(nullptr, 0) {}
+    SecretText() = default;
 
     SecretText(const unsigned char* bytes, std::size_t length) : characters_(bytes, bytes + length)
     {
-        characters_.push_back('\0');
+        if (length != 0)
+            characters_.push_back('\0');
     }
 
     SecretText(const SecretText& other) = default;
@@ -57,10 +58,10 @@ public:
         return *this;
     }
 
-    bool empty() const { return characters_.size() <= 1; }
-    const char* c_str() const { return characters_.data(); }
+    bool empty() const { return characters_.empty(); }
+    const char* c_str() const { return empty() ? "" : characters_.data(); }
     bool operator==(const SecretText& other) const = default;
 
 private:
-    std::vector<char, WipingAllocator<char>> characters_;
+    std::vector<char, WipingAllocator<char>> characters_; ///< With the zero; an empty text allocates nothing.
 };

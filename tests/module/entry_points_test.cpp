@@ -185,7 +185,7 @@ TEST(EntryPoints, AreAllInTheTableButThoseOfTheLifecycle)
     std::vector<std::string> expected = {
 #define EXPORT(name) #name,
 #define EXTENSION(name) #name,
-#include "exports.inc"
+#include "frame/exports.inc"
     };
     std::erase_if(expected, [](const std::string& name) {
         return name == "C_Initialize" || name == "C_Finalize" || name == "C_GetFunctionList";

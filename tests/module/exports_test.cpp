@@ -13,13 +13,13 @@ namespace
 
 const std::vector<std::string> standardNames = {
 #define EXPORT(name) #name,
-#include "exports.inc"
+#include "frame/exports.inc"
 };
 
 const std::vector<std::string> extensionNames = {
 #define EXPORT(name)
 #define EXTENSION(name) #name,
-#include "exports.inc"
+#include "frame/exports.inc"
 };
 
 /// Names that the module defines for others; C++ names without their parameters.
@@ -72,7 +72,7 @@ TEST_F(FunctionTableTest, HoldsInEverySlotTheExportOfThatName)
     ASSERT_NE(module, nullptr);
     const CK_FUNCTION_LIST_PTR functions = table();
 #define EXPORT(name) EXPECT_EQ(reinterpret_cast<void*>(functions->name), dlsym(module, #name)) << #name;
-#include "exports.inc"
+#include "frame/exports.inc"
 }
 
 TEST_F(FunctionTableTest, FollowsTheOrderOfTheListWithoutNullSlots)

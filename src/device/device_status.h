@@ -1,0 +1,12 @@
+// Statuses of the device library as return codes.
+#pragma once
+
+#include "cryptoki.h"
+#include "device/device_service.h"
+
+/// The code for a failure, where a device that is gone is told apart.
+inline CK_RV codeOfDeviceStatus(int status)
+{
+    const bool removed = status == STATUS_DEVICE_REMOVED || status == STATUS_DEVICE_UNREACHABLE;
+    return removed ? CKR_DEVICE_REMOVED : CKR_FUNCTION_FAILED;
+}
