@@ -1,5 +1,6 @@
 // C_Initialize, C_Finalize and C_GetInfo.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <system_error>
 #include <thread>
@@ -100,10 +101,15 @@ TEST_F(LifecycleTest, InitializeAfterAFailedStartStopsTheOldMonitorAndTriesAgain
     EXPECT_CALL(*device_, velkor_createInstance(_))
         .WillOnce(testing::SetArgPointee<0>(nullptr))
         .WillOnce(testing::SetArgPointee<0>(&instance));
+    // The monitor's first look at the devices comes after it has said that it runs.
+    const auto monitorRuns = std::make_shared<std::atomic<bool>>(false);
+    ON_CALL(*device_, velkor_getConnectedDeviceList).WillByDefault([monitorRuns](bool, void*) {
+        *monitorRuns = true;
+        return std::vector<std::string>();
+    });
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
-    ASSERT_TRUE(waitForLine("DEBUG Session monitor thread started."));
-    // The monitor says that it runs just after it has logged so.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    while (!*monitorRuns)
+        std::this_thread::yield();
     EXPECT_EQ(answer(C_Initialize, nullptr),
               (Answer{CKR_OK,
                       {"DEBUG C_Initialize", "DEBUG Monitor already running. Stopping old thread.",

@@ -60,6 +60,8 @@ protected:
         setenv("VELKOR_CONFIG", configuration().c_str(), 1);
         setenv("TMPDIR", folder_.c_str(), 1);
         setDeviceOperations(device_);
+        // The monitor may be in a call of it when the process ends; what it expects is verified before.
+        testing::Mock::AllowLeak(device_.get());
     }
 
     /// A finalising takes up to a second, so a process with a single test leaves the module to the process's end.
@@ -131,6 +133,14 @@ protected:
         std::vector<std::string> lines = callLog();
         lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
         return {code, std::move(lines)};
+    }
+
+    /// What the module passes to the library from C_Initialize on.
+    void* instance() const
+    {
+        void* libraryInstance = nullptr;
+        device_->defaults.velkor_createInstance(&libraryInstance);
+        return libraryInstance;
     }
 
     std::filesystem::path folder_;

@@ -1,0 +1,296 @@
+// Several application threads beside the monitor, and device calls that take their time.
+#include <chrono>
+#include <functional>
+#include <future>
+#include <utility>
+
+#include "session_fixture.h"
+
+namespace
+{
+
+using testing::_;
+using testing::AnyOf;
+using testing::StrEq;
+
+constexpr std::chrono::seconds LONG_ENOUGH{30};
+
+// ---- Threads on sessions of their own ----
+
+/// Takes every PIN and keeps none, so that it has nothing for which calls would have to wait for each other.
+class TolerantDevice : public DefaultDevice
+{
+public:
+    int velkor_validatePassword(const char*, const char*, int, int*, void*) override { return 0; }
+    bool velkor_changeUserPassword(const char*, const char*, const char*, int*, bool, bool, void*) override
+    {
+        return true;
+    }
+};
+
+/// The threads run until the monitor has scanned a second time. Nothing is logged: writing would keep them in step.
+class ThreadsTest : public SessionTest
+{
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        setLogLevel("0");
+        setDeviceOperations(tolerantDevice_);
+        ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+        listSlots();
+    }
+
+    static void runFor(std::chrono::milliseconds time, const std::vector<std::function<void()>>& works)
+    {
+        const auto end = std::chrono::steady_clock::now() + time;
+        std::vector<std::thread> threads;
+        for (const auto& work : works) {
+            threads.emplace_back([&work, end] {
+                while (std::chrono::steady_clock::now() < end)
+                    work();
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    /// One session's life. Other threads and the monitor may log it in and out meanwhile, but nobody closes it.
+    static void useSession(CK_SLOT_ID slotID, CK_FLAGS flags)
+    {
+        const CK_STATE publicState = flags & CKF_RW_SESSION;
+        const auto eitherState = AnyOf(publicState, publicState + 1);
+        const CK_SESSION_HANDLE handle = openSession(flags, slotID);
+        EXPECT_THAT(stateOf(handle), eitherState);
+        EXPECT_THAT(loginAs(CKU_USER, handle), AnyOf(CKR_OK, CKR_USER_ALREADY_LOGGED_IN));
+        EXPECT_THAT(stateOf(handle), eitherState);
+        EXPECT_EQ(C_SetPIN(handle, characters(USER_PIN), 4, characters(SO_PIN), 8),
+                  publicState == CKS_RW_PUBLIC_SESSION ? CKR_OK : CKR_SESSION_READ_ONLY);
+        EXPECT_THAT(C_Logout(handle), AnyOf(CKR_OK, CKR_USER_NOT_LOGGED_IN));
+        EXPECT_EQ(C_CloseSession(handle), CKR_OK);
+    }
+
+    static void describeSlot(CK_SLOT_ID slotID, const char* label)
+    {
+        CK_SLOT_INFO slot{};
+        CK_TOKEN_INFO token{};
+        EXPECT_EQ(C_GetSlotInfo(slotID, &slot), CKR_OK);
+        EXPECT_EQ(C_GetTokenInfo(slotID, &token), CKR_OK);
+        EXPECT_STREQ(reinterpret_cast<const char*>(slot.slotDescription), label);
+        EXPECT_STREQ(reinterpret_cast<const char*>(token.label), label);
+    }
+
+    static void pollForEvent()
+    {
+        CK_SLOT_ID slot = 0;
+        EXPECT_THAT(C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr), AnyOf(CKR_OK, CKR_NO_EVENT));
+    }
+
+    const std::shared_ptr<TolerantDevice> tolerantDevice_ = std::make_shared<TolerantDevice>();
+};
+
+TEST_F(ThreadsTest, SessionsComeAndGoWhileDevicesDo)
+{
+    bool plugged = true;
+    runFor(std::chrono::milliseconds(2500),
+           {[] { useSession(FIRST_SLOT, READ_WRITE); }, [] { useSession(FIRST_SLOT, READ_ONLY); },
+            [] { useSession(SECOND_SLOT, READ_WRITE); }, [] { useSession(SECOND_SLOT, READ_ONLY); }, pollForEvent,
+            [&] {
+                plugged = !plugged;
+                tolerantDevice_->setConnected(plugged ? std::vector<std::string>{FIRST_DEVICE, SECOND_DEVICE}
+                                                      : std::vector<std::string>{});
+            }});
+    EXPECT_EQ(openSession(READ_ONLY), FIRST_SESSION); // All others are closed.
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+}
+
+TEST_F(ThreadsTest, SlotsAreListedWhileTheyAreUsed)
+{
+    runFor(std::chrono::milliseconds(1500),
+           {[] { listSlots(); }, [] { listSlots(); }, [] { useSession(FIRST_SLOT, READ_WRITE); },
+            [] { describeSlot(FIRST_SLOT, "First key"); }, [] { describeSlot(SECOND_SLOT, "Second key"); }});
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+}
+
+TEST_F(ThreadsTest, ClosingAllSessionsMeetsCallsOnThem)
+{
+    const auto openAndUse = [] {
+        const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
+        CK_SESSION_INFO info;
+        const auto known = AnyOf(CKR_OK, CKR_SESSION_HANDLE_INVALID);
+        EXPECT_THAT(C_GetSessionInfo(handle, &info), known);
+        EXPECT_THAT(loginAs(CKU_USER, handle), AnyOf(known, CKR_USER_ALREADY_LOGGED_IN));
+        EXPECT_THAT(C_Logout(handle), AnyOf(known, CKR_USER_NOT_LOGGED_IN));
+        EXPECT_THAT(C_CloseSession(handle), known);
+    };
+    runFor(std::chrono::milliseconds(1500),
+           {openAndUse, openAndUse, [] { EXPECT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK); }});
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+}
+
+// ---- Device calls that block ----
+
+/// Holds a call until it is let go.
+class Gate
+{
+public:
+    void hold()
+    {
+        entered_.set_value();
+        released_.get_future().wait();
+    }
+
+    void waitUntilHeld() { entered_.get_future().wait(); }
+    void letGo() { released_.set_value(); }
+
+private:
+    std::promise<void> entered_;
+    std::promise<void> released_;
+};
+
+class BlockedDeviceTest : public SessionTest
+{
+protected:
+    /// Runs `call`, which gets stuck at the gate, and meanwhile `others`; then lets the call go and gives its result.
+    CK_RV runBeside(const std::function<CK_RV()>& call, const std::function<void()>& others)
+    {
+        std::future<CK_RV> held = std::async(std::launch::async, call);
+        gate_.waitUntilHeld();
+        std::future<void> free = std::async(std::launch::async, others);
+        EXPECT_EQ(free.wait_for(LONG_ENOUGH), std::future_status::ready);
+        EXPECT_EQ(held.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+        gate_.letGo();
+        return held.get();
+    }
+
+    /// Everything that does not need the first device.
+    void useOtherDevice() const
+    {
+        const CK_SESSION_HANDLE handle = openSession(READ_WRITE, SECOND_SLOT);
+        EXPECT_EQ(loginAs(CKU_SO, handle), CKR_OK);
+        EXPECT_EQ(stateOf(handle), CKS_RW_SO_FUNCTIONS);
+        EXPECT_EQ(C_SetPIN(handle, characters(USER_PIN), 4, characters(USER_PIN), 4), CKR_OK);
+        EXPECT_EQ(C_Logout(handle), CKR_OK);
+        EXPECT_EQ(C_CloseSession(handle), CKR_OK);
+        CK_SLOT_INFO slot;
+        CK_TOKEN_INFO token;
+        EXPECT_EQ(C_GetSlotInfo(FIRST_SLOT, &slot), CKR_OK);
+        EXPECT_EQ(C_GetTokenInfo(FIRST_SLOT, &token), CKR_OK);
+    }
+
+    void waitForAChange() const
+    {
+        CK_SLOT_ID slot = 0;
+        EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK); // Both devices, at the start.
+        device_->defaults.setConnected({FIRST_DEVICE, SECOND_DEVICE, "VK100003"});
+        EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK);
+    }
+
+    Gate gate_;
+};
+
+TEST_F(BlockedDeviceTest, LoginStopsNeitherEventsNorOtherSessions)
+{
+    const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
+    EXPECT_CALL(*device_, velkor_validatePassword(StrEq(SECOND_DEVICE), _, _, _, _));
+    EXPECT_CALL(*device_, velkor_validatePassword(StrEq(FIRST_DEVICE), _, _, _, _)).WillOnce([&] {
+        gate_.hold();
+        return 0;
+    });
+    const CK_RV result = runBeside([&] { return loginAs(CKU_USER, handle); },
+                                   [&] {
+                                       useOtherDevice();
+                                       waitForAChange();
+                                       EXPECT_EQ(stateOf(handle), CKS_RW_PUBLIC_SESSION);
+                                   });
+    EXPECT_EQ(result, CKR_OK);
+    EXPECT_EQ(stateOf(handle), CKS_RW_USER_FUNCTIONS);
+}
+
+TEST_F(BlockedDeviceTest, PinChangeStopsNeitherEventsNorOtherSessions)
+{
+    const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
+    EXPECT_CALL(*device_, velkor_changeUserPassword(StrEq(SECOND_DEVICE), _, _, _, _, _, _));
+    EXPECT_CALL(*device_, velkor_changeUserPassword(StrEq(FIRST_DEVICE), _, _, _, _, _, _)).WillOnce([&] {
+        gate_.hold();
+        return true;
+    });
+    const CK_RV result = runBeside([&] { return C_SetPIN(handle, characters(USER_PIN), 4, characters(SO_PIN), 8); },
+                                   [&] {
+                                       useOtherDevice();
+                                       waitForAChange();
+                                   });
+    EXPECT_EQ(result, CKR_OK);
+}
+
+TEST_F(BlockedDeviceTest, SlotListStopsNeitherEventsNorSessions)
+{
+    EXPECT_CALL(*device_, velkor_getTokenInfo(StrEq(SECOND_DEVICE), _));
+    EXPECT_CALL(*device_, velkor_getTokenInfo(StrEq(FIRST_DEVICE), _)).WillOnce([&] {
+        gate_.hold();
+        return first().token;
+    });
+    std::array<CK_SLOT_ID, 2> slots{};
+    CK_ULONG count = slots.size();
+    const CK_RV result = runBeside([&] { return C_GetSlotList(CK_TRUE, slots.data(), &count); },
+                                   [&] {
+                                       useOtherDevice();
+                                       waitForAChange();
+                                   });
+    EXPECT_EQ(result, CKR_OK);
+    EXPECT_EQ(count, 2u);
+}
+
+TEST_F(BlockedDeviceTest, SessionThatIsClosedMeanwhileLetsItsCallEnd)
+{
+    const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
+    EXPECT_CALL(*device_, velkor_validatePassword(StrEq(FIRST_DEVICE), _, _, _, _)).WillOnce([&] {
+        gate_.hold();
+        return 0;
+    });
+    const CK_RV result =
+        runBeside([&] { return loginAs(CKU_USER, handle); }, [&] { EXPECT_EQ(C_CloseSession(handle), CKR_OK); });
+    EXPECT_EQ(result, CKR_OK);
+    EXPECT_EQ(stateOf(openSession(READ_WRITE)), CKS_RW_USER_FUNCTIONS);
+}
+
+/// The monitor's first query of the device list blocks; those of the application do not.
+class BlockedMonitorTest : public BlockedDeviceTest
+{
+protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        EXPECT_CALL(*device_, velkor_getConnectedDeviceList)
+            .WillRepeatedly([this, held = false, test = std::this_thread::get_id()](bool, void*) mutable {
+                if (std::this_thread::get_id() != test && !std::exchange(held, true))
+                    gate_.hold();
+                return std::vector<std::string>{FIRST_DEVICE, SECOND_DEVICE};
+            });
+        ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+        gate_.waitUntilHeld();
+        listSlots();
+    }
+
+    /// Ends the monitor before the gate.
+    void TearDown() override
+    {
+        C_Finalize(nullptr);
+        BlockedDeviceTest::TearDown();
+    }
+};
+
+TEST_F(BlockedMonitorTest, StopsNoEntryPoint)
+{
+    std::future<void> free = std::async(std::launch::async, [&] {
+        useOtherDevice();
+        CK_SLOT_ID slot = 0;
+        EXPECT_EQ(C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr), CKR_NO_EVENT);
+    });
+    EXPECT_EQ(free.wait_for(LONG_ENOUGH), std::future_status::ready);
+    gate_.letGo();
+    CK_SLOT_ID slot = 0;
+    EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK);
+}
+
+} // namespace
