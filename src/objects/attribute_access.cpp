@@ -61,7 +61,6 @@ CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attribu
     if (!value)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_GetAttributeValue: derived key handle not found=", hObject);
     for (CK_ULONG index = 0; index < attributes.size(); ++index) {
-        logDebug(message("C_GetAttributeValue type : ", CK_ATTRIBUTE_TYPE{attributes[index].type}));
         if (attributes[index].type != CKA_VALUE) {
             attributes[index].ulValueLen = CK_UNAVAILABLE_INFORMATION;
             continue;

@@ -60,8 +60,6 @@ protected:
         setenv("VELKOR_CONFIG", configuration().c_str(), 1);
         setenv("TMPDIR", folder_.c_str(), 1);
         setDeviceOperations(device_);
-        // The monitor may be in a call of it when the process ends; what it expects is verified before.
-        testing::Mock::AllowLeak(device_.get());
     }
 
     /// A finalising takes up to a second, so a process with a single test leaves the module to the process's end.
@@ -70,8 +68,17 @@ protected:
         setLogLevel("0");
         testing::Mock::VerifyAndClearExpectations(device_.get());
         setDeviceOperations(std::make_shared<DefaultDevice>());
+        waitForMonitorToLeaveTheDevice();
         if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && C_Finalize(nullptr) != CKR_OK)
             stopLeftMonitor();
+    }
+
+    /// The monitor keeps the mock while it is in a call of it, and a mock that is left at the process's end is an
+    /// error.
+    void waitForMonitorToLeaveTheDevice() const
+    {
+        while (device_.use_count() > 1)
+            std::this_thread::yield();
     }
 
     /// A failed start leaves a monitor behind, which a good one ends once it has begun to run.

@@ -27,6 +27,22 @@ inline CK_ULONG lengthOf(const std::string& text)
     return static_cast<CK_ULONG>(text.size());
 }
 
+/// Handles of a key pair's halves and of a certificate.
+constexpr CK_OBJECT_HANDLE privateKey(CK_ULONG id)
+{
+    return 0x70000000 + id;
+}
+
+constexpr CK_OBJECT_HANDLE publicKey(CK_ULONG id)
+{
+    return 0x70001000 + id;
+}
+
+constexpr CK_OBJECT_HANDLE certificate(CK_ULONG id)
+{
+    return 0x70002000 + id;
+}
+
 /// A number as the log has it: the top bit is its sign.
 inline std::string logged(CK_ULONG number)
 {

@@ -289,9 +289,7 @@ TEST_F(SlotListTest, ExceptionOfTheLibraryBecomesAReturnCode)
     EXPECT_EQ(answer_, refusal(CKR_GENERAL_ERROR, "C_GetSlotList", "C_GetSlotList: unexpected exception: broken"));
 }
 
-class SlotListQueryTest : public ModuleTest
-{
-};
+using SlotListQueryTest = ModuleTest;
 
 TEST_F(SlotListQueryTest, AsksForTheDevicesAsTheLibraryKnowsThem)
 {

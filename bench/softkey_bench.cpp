@@ -1,0 +1,183 @@
+// What the software key costs over OpenSSL itself, with ten key pairs on the device. Each `...Overhead` run makes
+// signatures directly and through the library in turn, so that both see the same machine, and reports the difference.
+#include "crypto/keys.h"
+#include "device/device_service.h"
+#include "store/key_settings.h"
+#include "store/keys_folder.h"
+
+#include <benchmark/benchmark.h>
+#include <openssl/rsa.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+
+namespace
+{
+
+using namespace softkey;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* SERIAL = "BENCH1";
+constexpr const char* PIN = "123456";
+
+/// A key in a folder of its own, with five RSA-2048 and five P-256 key pairs.
+struct Device {
+    std::filesystem::path folder;
+    void* instance = nullptr;
+    VelkorKeyPair rsa;
+    VelkorKeyPair ec;
+
+    Device()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "softkey-bench-XXXXXX").string();
+        folder = mkdtemp(pattern.data());
+        setenv("VELKOR_SOFTKEY_HOME", folder.c_str(), 1);
+        KeySettings settings;
+        settings.serialNumber = SERIAL;
+        createKeyFile(folder, settings, PIN, "87654321");
+        velkor_createInstance(&instance);
+        for (int pair = 0; pair < 5; ++pair) {
+            rsa = generated(KEY_KIND_RSA_2048);
+            ec = generated(KEY_KIND_EC_P256);
+        }
+    }
+    ~Device()
+    {
+        velkor_releaseInstance(instance);
+        std::filesystem::remove_all(folder);
+    }
+
+    VelkorKeyPair generated(KeyKind kind) const
+    {
+        VelkorKeyPair keyPair;
+        keyPair.keyKind = kind;
+        if (velkor_generateKeyPair(SERIAL, PIN, &keyPair, instance) != 0)
+            std::abort();
+        return keyPair;
+    }
+};
+
+Device& device()
+{
+    static Device instance;
+    return instance;
+}
+
+using Hash = std::array<unsigned char, 32>;
+using Signature = std::array<unsigned char, 1024>;
+
+/// The same signature by OpenSSL alone, set up for every call as an application would.
+bool signDirectly(EVP_PKEY* key, bool isRsa, const Hash& hash, Signature& signature)
+{
+    const EvpKeyContext context(EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key, nullptr));
+    std::size_t size = signature.size();
+    const EVP_MD* sha256 = CryptoContext::get().digestOfSize(32)->algorithm;
+    return EVP_PKEY_sign_init(context.get()) == 1 &&
+           (!isRsa || (EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+                       EVP_PKEY_CTX_set_signature_md(context.get(), sha256) == 1)) &&
+           EVP_PKEY_sign(context.get(), signature.data(), &size, hash.data(), hash.size()) == 1;
+}
+
+bool signWithLibrary(const VelkorKeyPair& keyPair, const Hash& hash, Signature& signature)
+{
+    int size = static_cast<int>(signature.size());
+    return velkor_signHash(SERIAL, keyPair.keyIdentifier, PIN, hash.data(), static_cast<int>(hash.size()),
+                           signature.data(), &size, false, device().instance, false) == 0;
+}
+
+void compare(benchmark::State& state, KeyKind kind)
+{
+    const bool isRsa = kind == KEY_KIND_RSA_2048;
+    const VelkorKeyPair& keyPair = isRsa ? device().rsa : device().ec;
+    const EvpKey direct = generateKey(traitsOf(kind));
+    const Hash hash{1, 2, 3};
+    Signature signature{};
+    Clock::duration directTime{}, libraryTime{};
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        const bool directDone = signDirectly(direct.get(), isRsa, hash, signature);
+        const auto middle = Clock::now();
+        const bool libraryDone = signWithLibrary(keyPair, hash, signature);
+        const auto end = Clock::now();
+        if (!directDone || !libraryDone)
+            state.SkipWithError("a signature failed");
+        directTime += middle - start;
+        libraryTime += end - middle;
+    }
+    const auto perCall = [&](Clock::duration total) {
+        return std::chrono::duration<double, std::micro>(total).count() / static_cast<double>(state.iterations());
+    };
+    state.counters["direct_us"] = perCall(directTime);
+    state.counters["library_us"] = perCall(libraryTime);
+    state.counters["overhead_percent"] = 100 * (perCall(libraryTime) / perCall(directTime) - 1);
+}
+
+void Rsa2048SignatureOverhead(benchmark::State& state)
+{
+    compare(state, KEY_KIND_RSA_2048);
+}
+BENCHMARK(Rsa2048SignatureOverhead);
+
+void P256SignatureOverhead(benchmark::State& state)
+{
+    compare(state, KEY_KIND_EC_P256);
+}
+BENCHMARK(P256SignatureOverhead);
+
+void KeyPairListOfTen(benchmark::State& state)
+{
+    for (auto _ : state) {
+        if (velkor_getKeyPairList(SERIAL, device().instance).size() != 10)
+            state.SkipWithError("the list is not complete");
+    }
+}
+BENCHMARK(KeyPairListOfTen);
+
+void ConnectedDeviceList(benchmark::State& state)
+{
+    device();
+    // Past the time in which a fresh folder's time stamp is not trusted yet.
+    static const bool settled = [] {
+        struct timespec pause = {3, 0};
+        return nanosleep(&pause, nullptr) == 0;
+    }();
+    benchmark::DoNotOptimize(settled);
+    for (auto _ : state) {
+        if (velkor_getConnectedDeviceList(false, device().instance).size() != 1)
+            state.SkipWithError("the device is missing");
+    }
+}
+BENCHMARK(ConnectedDeviceList);
+
+void PinCheckFirstTime(benchmark::State& state)
+{
+    for (auto _ : state) {
+        // A wrong PIN is never remembered; the right one gives the try back.
+        int triesLeft = 0;
+        velkor_validatePassword(SERIAL, "wrong", 1, &triesLeft, device().instance);
+        state.PauseTiming();
+        velkor_validatePassword(SERIAL, PIN, 1, &triesLeft, device().instance);
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(PinCheckFirstTime)->Unit(benchmark::kMillisecond);
+
+void VerifyRsa2048(benchmark::State& state)
+{
+    const VelkorKeyPair& keyPair = device().rsa;
+    const Hash hash{1, 2, 3};
+    Signature signature{};
+    signWithLibrary(keyPair, hash, signature);
+    for (auto _ : state) {
+        if (velkor_verifySignatureHash(keyPair.keyKind, SERIAL, hash.data(), 32, keyPair.publicKey,
+                                       keyPair.publicKeyLength, signature.data(), 256, device().instance, false) != 0)
+            state.SkipWithError("the signature does not verify");
+    }
+}
+BENCHMARK(VerifyRsa2048);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,44 @@
+// Key pairs outside of storage: generating, building from components, and the byte forms of both halves.
+#pragma once
+
+#include "crypto/key_kinds.h"
+#include "crypto/openssl.h"
+#include "crypto/secret.h"
+
+#include <functional>
+
+namespace softkey
+{
+
+/// Of every RSA key that is generated or imported.
+inline constexpr unsigned long PUBLIC_EXPONENT = 65537;
+
+/// Called now and then while a key is generated; must not throw.
+using Progress = std::function<void()>;
+
+EvpKey generateKey(const KeyKindTraits& traits, const Progress& progress = {});
+
+/// An RSA key from big-endian components and the public exponent 65537. The rest is computed, and everything is
+/// checked; throws BadPrivateKey.
+EvpKey rsaKeyFromComponents(Bytes modulus, Bytes privateExponent, Bytes prime1);
+
+/// Checks a private key that came from outside: consistent, and for RSA with the public exponent 65537.
+void checkPrivateKey(const EVP_PKEY* key);
+
+/// As `VelkorKeyPair::publicKey` has it: the modulus without leading zeros, or the uncompressed point.
+ByteVector publicKeyValue(const EVP_PKEY* key);
+
+/// Private key as DER of PKCS #8.
+SecretBytes encodePrivateKey(const EVP_PKEY* key);
+EvpKey decodePrivateKey(Bytes pkcs8);
+/// A key file's content: PEM or DER, PKCS #8 or the older forms, not encrypted. Null when there is no such key.
+EvpKey privateKeyFromFileContent(Bytes content);
+
+/// A public key of that kind from a modulus, a point or a SubjectPublicKeyInfo; throws BadPublicKey.
+EvpKey publicKeyFrom(const KeyKindTraits& traits, Bytes encoded);
+/// A public key of that kind from a SubjectPublicKeyInfo alone; throws BadPublicKey.
+EvpKey publicKeyFromInfo(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo);
+/// A public key from an uncompressed point; throws BadPublicKey.
+EvpKey publicKeyFromPoint(const KeyKindTraits& traits, Bytes point);
+
+} // namespace softkey

@@ -1,0 +1,88 @@
+#include "crypto/openssl.h"
+
+#include "fork_guard.h"
+
+#include <openssl/provider.h>
+#include <openssl/rand.h>
+
+#include <atomic>
+
+namespace softkey
+{
+namespace
+{
+
+std::atomic<bool> openSslCleanedUp{false};
+
+bool startOnce()
+{
+#ifdef SOFTKEY_BUNDLED_LIBCRYPTO
+    // This copy of libcrypto is the library's own: without a cleanup at exit, calls stay safe to the very end.
+    return OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
+#else
+    // Shared with the host, whose exit cleans it up; from then on no call may enter it.
+    return OPENSSL_atexit([] { openSslCleanedUp = true; }) == 1;
+#endif
+}
+
+} // namespace
+
+bool startOpenSsl()
+{
+    static const bool started = startOnce();
+    return started;
+}
+
+const CryptoContext& CryptoContext::get()
+{
+    static PerProcess<CryptoContext>* const contexts = new PerProcess<CryptoContext>;
+    require(!openSslCleanedUp, SoftkeyStatus::ShuttingDown);
+    require(startOpenSsl());
+    return contexts->get();
+}
+
+CryptoContext::CryptoContext() : library_(OSSL_LIB_CTX_new())
+{
+    require(library_ != nullptr);
+    // Named, so that nothing else is ever loaded as a fallback.
+    require(OSSL_PROVIDER_load(library_, "default") != nullptr);
+    aes256Gcm_ = EVP_CIPHER_fetch(library_, "AES-256-GCM", nullptr);
+    require(aes256Gcm_ != nullptr);
+    for (const char* name : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
+        const EVP_MD* algorithm = EVP_MD_fetch(library_, name, nullptr);
+        require(algorithm != nullptr);
+        digests_.push_back({algorithm, name, static_cast<std::size_t>(EVP_MD_get_size(algorithm))});
+    }
+}
+
+CryptoContext::~CryptoContext()
+{
+    for (const Digest& digest : digests_)
+        EVP_MD_free(const_cast<EVP_MD*>(digest.algorithm));
+    EVP_CIPHER_free(aes256Gcm_);
+    OSSL_LIB_CTX_free(library_);
+}
+
+const Digest* CryptoContext::digestOfSize(std::size_t size) const
+{
+    for (const Digest& digest : digests_) {
+        if (digest.size == size)
+            return &digest;
+    }
+    return nullptr;
+}
+
+void randomBytes(std::span<unsigned char> out)
+{
+    require(RAND_bytes_ex(CryptoContext::get().library(), out.data(), out.size(), 0) == 1);
+}
+
+ByteVector sha256(Bytes data)
+{
+    const Digest* digest = CryptoContext::get().digestOfSize(32);
+    ByteVector hash(digest->size);
+    require(EVP_Digest(data.data(), data.size(), hash.data(), nullptr, digest->algorithm, nullptr) == 1);
+    return hash;
+}
+
+} // namespace softkey

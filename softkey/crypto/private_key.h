@@ -1,0 +1,60 @@
+// A private key that has been unlocked, with the signing contexts that earlier signatures left ready.
+#pragma once
+
+#include "crypto/key_kinds.h"
+#include "crypto/openssl.h"
+#include "crypto/secret.h"
+
+#include <array>
+#include <mutex>
+#include <vector>
+
+namespace softkey
+{
+
+class PrivateKey
+{
+public:
+    PrivateKey(EvpKey key, const KeyKindTraits& traits) : key_(std::move(key)), traits_(traits) {}
+
+    const KeyKindTraits& traits() const { return traits_; }
+
+    /// Signs as `velkor_signHash` does; returns the length. Several threads may sign at once.
+    std::size_t sign(Bytes input, bool isPss, std::span<unsigned char> signature) const;
+
+    /// Plaintext of an OAEP or PKCS #1 v1.5 block; throws DecryptionFailed for neither.
+    SecretBytes decrypt(Bytes ciphertext) const;
+
+    /// The X coordinate of the product with a peer's point, which is bare or a DER OCTET STRING.
+    SecretBytes agree(Bytes peerPoint) const;
+
+private:
+    // Signing as ECDSA or PKCS #1 v1.5, or as PSS with one of the five hashes. Setting up a context takes a good
+    // part of the time of an EC signature, so it is kept for the next one.
+    static constexpr std::size_t SCHEMES = 6;
+    static constexpr std::size_t CONTEXTS_KEPT = 4;
+
+    EvpKeyContext newContext() const;
+    EvpKeyContext takeContext(std::size_t scheme) const;
+    void keepContext(std::size_t scheme, EvpKeyContext context) const;
+    EvpKeyContext signingContext(std::size_t scheme) const;
+    std::size_t signRsa(Bytes input, bool isPss, std::span<unsigned char> signature) const;
+    std::size_t signEc(Bytes input, std::span<unsigned char> signature) const;
+    std::size_t runSigning(std::size_t scheme, Bytes input, std::span<unsigned char> signature) const;
+
+    EvpKey key_;
+    const KeyKindTraits& traits_;
+    mutable std::mutex mutex_;
+    mutable std::array<std::vector<EvpKeyContext>, SCHEMES> ready_;
+};
+
+/// Whether a signature verifies; throws for a key or a length that no signature of that kind can have.
+bool verifySignature(const KeyKindTraits& traits, Bytes publicKey, Bytes input, Bytes signature, bool isPss);
+
+enum class RsaPadding { Pkcs1, Oaep };
+
+/// Encrypts for a public key; returns the length of the ciphertext.
+std::size_t encrypt(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo, RsaPadding padding, Bytes plaintext,
+                    std::span<unsigned char> ciphertext);
+
+} // namespace softkey

@@ -1,0 +1,115 @@
+#include "crypto/ecdsa_form.h"
+#include "crypto/keys.h"
+#include "crypto/private_key.h"
+#include "crypto/signature_input.h"
+
+#include <openssl/rsa.h>
+
+namespace softkey
+{
+namespace
+{
+
+constexpr std::size_t PLAIN_SCHEME = 0;     // ECDSA or PKCS #1 v1.5
+constexpr std::size_t FIRST_PSS_SCHEME = 1; // followed by the schemes of the other hashes
+
+// DER of the largest ECDSA signature, P-521: two integers of up to 66 bytes and their headers.
+constexpr std::size_t ECDSA_DER_MAX = 3 + 2 * (2 + 66 + 1);
+
+} // namespace
+
+EvpKeyContext PrivateKey::newContext() const
+{
+    return requireObject<EvpKeyContext>(
+        EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key_.get(), nullptr));
+}
+
+EvpKeyContext PrivateKey::takeContext(std::size_t scheme) const
+{
+    const std::lock_guard lock(mutex_);
+    if (ready_[scheme].empty())
+        return nullptr;
+    EvpKeyContext context = std::move(ready_[scheme].back());
+    ready_[scheme].pop_back();
+    return context;
+}
+
+void PrivateKey::keepContext(std::size_t scheme, EvpKeyContext context) const
+{
+    const std::lock_guard lock(mutex_);
+    if (ready_[scheme].size() < CONTEXTS_KEPT)
+        ready_[scheme].push_back(std::move(context));
+}
+
+EvpKeyContext PrivateKey::signingContext(std::size_t scheme) const
+{
+    if (EvpKeyContext ready = takeContext(scheme))
+        return ready;
+    EvpKeyContext context = newContext();
+    require(EVP_PKEY_sign_init(context.get()) == 1);
+    if (scheme >= FIRST_PSS_SCHEME)
+        setPssPadding(context.get(), CryptoContext::get().digests()[scheme - FIRST_PSS_SCHEME]);
+    else if (traits_.isRsa())
+        require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
+    return context;
+}
+
+std::size_t PrivateKey::runSigning(std::size_t scheme, Bytes input, std::span<unsigned char> signature) const
+{
+    EvpKeyContext context = signingContext(scheme);
+    std::size_t size = signature.size();
+    require(EVP_PKEY_sign(context.get(), signature.data(), &size, input.data(), input.size()) == 1);
+    keepContext(scheme, std::move(context));
+    return size;
+}
+
+std::size_t PrivateKey::signRsa(Bytes input, bool isPss, std::span<unsigned char> signature) const
+{
+    if (isPss)
+        return runSigning(FIRST_PSS_SCHEME + pssDigestFor(traits_, input.size()), input, signature);
+    const DigestInfo digestInfo(input);
+    requireRoomForPkcs1(traits_, digestInfo.bytes().size());
+    return runSigning(PLAIN_SCHEME, digestInfo.bytes(), signature);
+}
+
+std::size_t PrivateKey::signEc(Bytes input, std::span<unsigned char> signature) const
+{
+    std::array<unsigned char, ECDSA_DER_MAX> der{};
+    const std::size_t size = runSigning(PLAIN_SCHEME, input, der);
+    fixedFromDer(Bytes(der).first(size), signature);
+    return signature.size();
+}
+
+std::size_t PrivateKey::sign(Bytes input, bool isPss, std::span<unsigned char> signature) const
+{
+    require(!isPss || traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
+    require(signature.size() >= traits_.signatureSize(), SoftkeyStatus::BufferTooSmall);
+    const std::span<unsigned char> out = signature.first(traits_.signatureSize());
+    return traits_.isRsa() ? signRsa(input, isPss, out) : signEc(input, out);
+}
+
+bool verifySignature(const KeyKindTraits& traits, Bytes publicKey, Bytes input, Bytes signature, bool isPss)
+{
+    require(!isPss || traits.isRsa(), SoftkeyStatus::WrongKeyKind);
+    const EvpKey key = publicKeyFrom(traits, publicKey);
+    if (signature.size() != traits.signatureSize())
+        return false;
+    const auto context =
+        requireObject<EvpKeyContext>(EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key.get(), nullptr));
+    require(EVP_PKEY_verify_init(context.get()) == 1);
+
+    const DigestInfo digestInfo(input);
+    ByteVector der;
+    if (!traits.isRsa()) {
+        der = derFromFixed(signature);
+        signature = der;
+    } else if (isPss) {
+        setPssPadding(context.get(), CryptoContext::get().digests()[pssDigestFor(traits, input.size())]);
+    } else {
+        require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
+        input = digestInfo.bytes();
+    }
+    return EVP_PKEY_verify(context.get(), signature.data(), signature.size(), input.data(), input.size()) == 1;
+}
+
+} // namespace softkey

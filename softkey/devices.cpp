@@ -1,0 +1,73 @@
+// Instance, device list, and what a device says of itself.
+#include "boundary.h"
+
+using namespace softkey;
+
+namespace
+{
+
+TokenInfo tokenInfoOf(SoftKey& key)
+{
+    const std::shared_ptr<const Contents> contents = key.pluggedContents();
+    TokenInfo info;
+    info.serialNumber = contents->device.serialNumber;
+    info.manufacturer = "Brenmoor";
+    info.label = contents->device.label;
+    info.productName = "Velkor software key";
+    info.model = contents->device.model;
+    info.firmwareVersion = contents->device.firmwareVersion;
+    info.hardwareVersion = "1.0";
+    info.pinChanged = contents->userPin.changed;
+    info.pinTriesMax = contents->userPin.triesMax;
+    info.pinTriesLeft = contents->userPin.triesLeft;
+    info.soPinChanged = contents->soPin.changed;
+    info.soPinTriesMax = contents->soPin.triesMax;
+    info.soPinTriesLeft = contents->soPin.triesLeft;
+    info.keyPairCount = static_cast<std::int32_t>(contents->keyPairs.size());
+    info.certificateCount = static_cast<std::int32_t>(contents->certificates.size());
+    info.readerName = "Velkor software key";
+    info.devicePath = key.file().path().string();
+    return info;
+}
+
+} // namespace
+
+void velkor_createInstance(void** libraryInstance)
+{
+    if (libraryInstance == nullptr)
+        return;
+    *libraryInstance = nullptr;
+    answer([&] { *libraryInstance = createInstance(); });
+}
+
+void velkor_releaseInstance(void* libraryInstance)
+{
+    answer([&] { releaseInstance(libraryInstance); });
+}
+
+std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libraryInstance)
+{
+    // Without OpenSSL: a host's monitor thread asks for the list while the process is already exiting.
+    try {
+        requireInstance(libraryInstance);
+        return keysFolder().pluggedKeys(refresh);
+    } catch (...) {
+        return {};
+    }
+}
+
+TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance)
+{
+    TokenInfo info;
+    answer([&] { info = tokenInfoOf(*pluggedKey(deviceName, libraryInstance)); });
+    return info;
+}
+
+int velkor_initDevice(const char* deviceId, bool readContents, void* libraryInstance)
+{
+    return answer([&] {
+        const std::shared_ptr<SoftKey> key = pluggedKey(deviceId, libraryInstance);
+        if (readContents)
+            key->file().reload();
+    });
+}

@@ -1,0 +1,140 @@
+#include "store/contents.h"
+
+#include "crypto/key_kinds.h"
+#include "store/schema.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace softkey
+{
+namespace
+{
+
+/// Copies a value into a field of a record; returns its length.
+std::int32_t copyInto(std::span<unsigned char> field, Bytes value)
+{
+    require(value.size() <= field.size(), SoftkeyStatus::FileDamaged);
+    std::copy(value.begin(), value.end(), field.begin());
+    return static_cast<std::int32_t>(value.size());
+}
+
+void copyIdentifier(std::span<unsigned char, KEY_IDENTIFIER_SIZE> field, Bytes value)
+{
+    require(value.size() == field.size(), SoftkeyStatus::FileDamaged);
+    std::copy(value.begin(), value.end(), field.begin());
+}
+
+template <std::size_t Size>
+void copyLabel(char (&field)[Size], Bytes value)
+{
+    require(value.size() < Size, SoftkeyStatus::FileDamaged);
+    std::copy(value.begin(), value.end(), field);
+}
+
+std::uint32_t readId(const Statement& row)
+{
+    const std::int64_t id = row.number(0);
+    require(id >= 1 && id <= 4095, SoftkeyStatus::FileDamaged);
+    return static_cast<std::uint32_t>(id);
+}
+
+DeviceRecord readDevice(Database& database)
+{
+    Statement row(database,
+                  "SELECT serial_number, label, model, firmware_version, plugged, times_unplugged FROM device");
+    require(row.step(), SoftkeyStatus::FileDamaged);
+    return {row.text(0), row.text(1), row.text(2), row.text(3), row.number(4) != 0, row.number(5)};
+}
+
+std::vector<VelkorKeyPair> readKeyPairs(Database& database)
+{
+    std::vector<VelkorKeyPair> keyPairs;
+    Statement row(database, "SELECT id, identifier, kind, object_id, label, public_key, usage_flags FROM key_pair "
+                            "ORDER BY id");
+    while (row.step()) {
+        VelkorKeyPair& keyPair = keyPairs.emplace_back();
+        keyPair.id = readId(row);
+        copyIdentifier(keyPair.keyIdentifier, row.bytes(1));
+        keyPair.keyKind = traitsOf(static_cast<std::uint32_t>(row.number(2))).kind;
+        keyPair.objectIdLength = copyInto(keyPair.objectId, row.bytes(3));
+        copyLabel(keyPair.label, row.bytes(4));
+        keyPair.publicKeyLength = copyInto(keyPair.publicKey, row.bytes(5));
+        keyPair.usageFlags = static_cast<std::uint32_t>(row.number(6));
+    }
+    return keyPairs;
+}
+
+std::vector<VelkorCertificate> readCertificates(Database& database)
+{
+    std::vector<VelkorCertificate> certificates;
+    Statement row(database, "SELECT id, identifier, object_id, label, der FROM certificate ORDER BY id");
+    while (row.step()) {
+        VelkorCertificate& certificate = certificates.emplace_back();
+        certificate.id = readId(row);
+        copyIdentifier(certificate.certificateIdentifier, row.bytes(1));
+        certificate.objectIdLength = copyInto(certificate.objectId, row.bytes(2));
+        copyLabel(certificate.label, row.bytes(3));
+        const Bytes der = row.bytes(4);
+        certificate.der.assign(der.begin(), der.end());
+    }
+    return certificates;
+}
+
+} // namespace
+
+const VelkorKeyPair* Contents::findKeyPair(const Identifier& identifier) const
+{
+    for (const VelkorKeyPair& keyPair : keyPairs) {
+        if (std::memcmp(keyPair.keyIdentifier, identifier.data(), identifier.size()) == 0)
+            return &keyPair;
+    }
+    return nullptr;
+}
+
+const VelkorCertificate* Contents::findCertificate(const Identifier& identifier) const
+{
+    for (const VelkorCertificate& certificate : certificates) {
+        if (std::memcmp(certificate.certificateIdentifier, identifier.data(), identifier.size()) == 0)
+            return &certificate;
+    }
+    return nullptr;
+}
+
+PinRecord readPin(Database& database, PinRole role)
+{
+    Statement row(database, "SELECT changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, scrypt_lanes, "
+                            "salt, wrapped_master_key FROM pin WHERE role = ?");
+    row.bind(static_cast<std::int64_t>(role));
+    require(row.step(), SoftkeyStatus::FileDamaged);
+    PinRecord pin;
+    pin.role = role;
+    pin.changed = row.number(0) != 0;
+    pin.triesMax = static_cast<int>(row.number(1));
+    pin.triesLeft = static_cast<int>(row.number(2));
+    pin.cost = {static_cast<std::uint32_t>(row.number(3)), static_cast<std::uint32_t>(row.number(4)),
+                static_cast<std::uint32_t>(row.number(5))};
+    const Bytes salt = row.bytes(6);
+    pin.salt.assign(salt.begin(), salt.end());
+    const Bytes wrapped = row.bytes(7);
+    pin.wrappedMasterKey.assign(wrapped.begin(), wrapped.end());
+    const bool sound = pin.triesMax >= 1 && pin.triesMax <= 255 && pin.triesLeft >= 0 &&
+                       pin.triesLeft <= pin.triesMax && isAcceptable(pin.cost);
+    require(sound, SoftkeyStatus::FileDamaged);
+    return pin;
+}
+
+Contents readContents(Database& database)
+{
+    Contents contents;
+    contents.device = readDevice(database);
+    contents.userPin = readPin(database, PinRole::User);
+    contents.soPin = readPin(database, PinRole::SecurityOfficer);
+    contents.keyPairs = readKeyPairs(database);
+    contents.certificates = readCertificates(database);
+    // Read last, under the lock that the queries took: no writer is at work, so the count belongs to the rows.
+    contents.changeCounter = changeCounter(database);
+    return contents;
+}
+
+} // namespace softkey

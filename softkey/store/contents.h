@@ -1,0 +1,56 @@
+// What a key's file says, read at one moment and never changed afterwards.
+#pragma once
+
+#include "crypto/protection.h"
+#include "device/device_service.h"
+#include "store/sqlite.h"
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace softkey
+{
+
+using Identifier = std::array<unsigned char, KEY_IDENTIFIER_SIZE>;
+
+enum class PinRole : int { User = 1, SecurityOfficer = 2 };
+
+struct DeviceRecord {
+    std::string serialNumber;
+    std::string label;
+    std::string model;
+    std::string firmwareVersion;
+    bool plugged = true;
+    std::int64_t timesUnplugged = 0;
+};
+
+struct PinRecord {
+    PinRole role = PinRole::User;
+    bool changed = false;
+    int triesMax = 0;
+    int triesLeft = 0;
+    ScryptCost cost;
+    ByteVector salt;
+    ByteVector wrappedMasterKey;
+};
+
+struct Contents {
+    std::uint32_t changeCounter = 0;
+    DeviceRecord device;
+    PinRecord userPin;
+    PinRecord soPin;
+    std::vector<VelkorKeyPair> keyPairs;         ///< In the order of their numbers.
+    std::vector<VelkorCertificate> certificates; ///< In the order of their numbers.
+
+    const PinRecord& pin(PinRole role) const { return role == PinRole::User ? userPin : soPin; }
+    /// Null when there is none.
+    const VelkorKeyPair* findKeyPair(const Identifier& identifier) const;
+    const VelkorCertificate* findCertificate(const Identifier& identifier) const;
+};
+
+/// Reads everything. The caller holds a transaction. Throws FileDamaged.
+Contents readContents(Database& database);
+PinRecord readPin(Database& database, PinRole role);
+
+} // namespace softkey

@@ -1,0 +1,101 @@
+#include "store/key_file.h"
+
+#include "fork_guard.h"
+#include "store/schema.h"
+
+namespace softkey
+{
+
+KeyFile::KeyFile(const std::filesystem::path& path) : path_(path), database_(path, Database::Mode::Existing)
+{
+    requireKeyFileHeader(database_);
+}
+
+KeyFile::~KeyFile()
+{
+    const ForkSafeSection section;
+    const Database closing = std::move(database_);
+}
+
+std::shared_ptr<const Contents> KeyFile::lastContents() const
+{
+    const std::lock_guard lock(contentsMutex_);
+    return contents_;
+}
+
+std::shared_ptr<const Contents> KeyFile::contents()
+{
+    if (std::shared_ptr<const Contents> known = lastContents();
+        known && known->changeCounter == changeCounter(database_))
+        return known;
+    return readAnew();
+}
+
+void KeyFile::reload()
+{
+    {
+        const std::lock_guard lock(connectionMutex_);
+        verified_ = false;
+    }
+    readAnew();
+}
+
+void KeyFile::verify()
+{
+    if (verified_)
+        return;
+    configureConnection(database_);
+    verifyAndMigrate(database_);
+    verified_ = true;
+}
+
+std::shared_ptr<const Contents> KeyFile::readAnew()
+{
+    std::shared_ptr<const Contents> fresh;
+    read([&](Database& database) { fresh = std::make_shared<const Contents>(readContents(database)); });
+    // A copy under another name would be a second device with the same serial number.
+    require(fresh->device.serialNumber == path_.stem(), SoftkeyStatus::FileForeign);
+    const std::lock_guard lock(contentsMutex_);
+    contents_ = fresh;
+    return fresh;
+}
+
+void KeyFile::read(const std::function<void(Database&)>& work)
+{
+    const ForkSafeSection section;
+    const std::lock_guard lock(connectionMutex_);
+    verify();
+    Transaction transaction(database_, Transaction::Kind::Read);
+    work(database_);
+    transaction.commit();
+}
+
+void KeyFile::transact(const std::function<void(Database&)>& work)
+{
+    const ForkSafeSection section;
+    const std::lock_guard lock(connectionMutex_);
+    verify();
+    Transaction transaction(database_, Transaction::Kind::Write);
+    // A file that was taken away would swallow the change.
+    require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);
+    work(database_);
+    transaction.commit();
+}
+
+void KeyFile::change(const std::function<void(Database&)>& work)
+{
+    transact([&](Database& database) {
+        require(database.number("SELECT plugged FROM device") == 1, SoftkeyStatus::DeviceRemoved);
+        work(database);
+    });
+}
+
+void KeyFile::setPlugged(bool plugged)
+{
+    transact([&](Database& database) {
+        database.execute(plugged ? "UPDATE device SET plugged = 1"
+                                 : "UPDATE device SET plugged = 0, times_unplugged = times_unplugged + 1");
+    });
+}
+
+} // namespace softkey

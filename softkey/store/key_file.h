@@ -1,0 +1,55 @@
+// One key's file, opened: what it says now, and changes to it that are whole or not at all. Many threads and
+// processes may have one file open.
+#pragma once
+
+#include "store/contents.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace softkey
+{
+
+class KeyFile
+{
+public:
+    /// Throws FileForeign, FileDamaged, FileNewer or DeviceUnreachable; such a file is left as it is.
+    explicit KeyFile(const std::filesystem::path& path);
+    ~KeyFile();
+    KeyFile(const KeyFile&) = delete;
+    KeyFile& operator=(const KeyFile&) = delete;
+
+    /// What the file says now. The same object as long as nothing changed; finding that out is one short read.
+    std::shared_ptr<const Contents> contents();
+    /// What was read last; null before the first reading.
+    std::shared_ptr<const Contents> lastContents() const;
+    /// Forgets what was read and checks the file anew.
+    void reload();
+
+    /// Runs `work` in a transaction that is on disk when this returns, or leaves no trace when it throws. Throws
+    /// DeviceRemoved when the key is not plugged in.
+    void change(const std::function<void(Database&)>& work);
+    /// Runs `work` on rows that belong together.
+    void read(const std::function<void(Database&)>& work);
+    void setPlugged(bool plugged);
+
+    /// Whether the path leads to another file now, or to none.
+    bool wasReplaced() const { return database_.fileWasReplaced(); }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::shared_ptr<const Contents> readAnew();
+    void verify();
+    void transact(const std::function<void(Database&)>& work);
+
+    std::filesystem::path path_;
+    std::mutex connectionMutex_; ///< Held while `database_` works; taken before the other one.
+    Database database_;
+    bool verified_ = false;
+    mutable std::mutex contentsMutex_;
+    std::shared_ptr<const Contents> contents_;
+};
+
+} // namespace softkey

@@ -1,0 +1,182 @@
+#include "store/keys_folder.h"
+
+#include "store/key_settings.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace softkey
+{
+namespace
+{
+
+using std::chrono::nanoseconds;
+
+constexpr std::chrono::milliseconds IDENTITY_TRUSTED{100};
+// Two changes of a folder can bear the same time when they follow each other closely.
+constexpr std::chrono::seconds TIMESTAMP_TRUSTED_AFTER{2};
+
+nanoseconds fromTimespec(const timespec& time)
+{
+    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+}
+
+nanoseconds coarseNow(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return fromTimespec(now);
+}
+
+std::filesystem::path environmentPath(const char* name)
+{
+    const char* value = secure_getenv(name); // Ignored in privileged processes.
+    return value != nullptr ? std::filesystem::path(value) : std::filesystem::path();
+}
+
+std::filesystem::path homeFolder()
+{
+    if (const std::filesystem::path home = environmentPath("HOME"); home.is_absolute())
+        return home;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
+        return {};
+    return found->pw_dir;
+}
+
+std::vector<std::string> listKeyNames(const std::filesystem::path& folder)
+{
+    std::vector<std::string> names;
+    std::error_code failure;
+    for (const auto& file : std::filesystem::directory_iterator(folder, failure)) {
+        const std::filesystem::path& path = file.path();
+        if (path.extension() == KEY_FILE_SUFFIX && isSerialNumber(path.stem().string()))
+            names.push_back(path.stem().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+/// What a key says; while other processes keep it busy, what it said before.
+std::shared_ptr<const Contents> contentsOrLast(SoftKey& key)
+{
+    try {
+        return key.contents();
+    } catch (const Refusal& refusal) {
+        return refusal.status() == SoftkeyStatus::StorageBusy ? key.file().lastContents() : nullptr;
+    }
+}
+
+} // namespace
+
+std::filesystem::path defaultKeysFolder()
+{
+    if (const std::filesystem::path chosen = environmentPath("VELKOR_SOFTKEY_HOME"); !chosen.empty())
+        return std::filesystem::absolute(chosen);
+    if (const std::filesystem::path data = environmentPath("XDG_DATA_HOME"); data.is_absolute())
+        return data / "velkor-softkey";
+    const std::filesystem::path home = homeFolder();
+    return home.empty() ? home : home / ".local" / "share" / "velkor-softkey";
+}
+
+bool ensureFolder(const std::filesystem::path& folder)
+{
+    std::error_code failure;
+    if (std::filesystem::is_directory(folder, failure))
+        return true;
+    std::filesystem::create_directories(folder.parent_path(), failure);
+    return mkdir(folder.c_str(), 0700) == 0 || std::filesystem::is_directory(folder, failure);
+}
+
+void KeysFolder::open(const std::filesystem::path& folder)
+{
+    const std::lock_guard lock(mutex_);
+    folder_ = folder;
+    entries_.clear();
+    namesChangedAt_ = nanoseconds{-1};
+}
+
+void KeysFolder::close()
+{
+    open({});
+}
+
+std::vector<std::string> KeysFolder::keyNames(bool refresh)
+{
+    const std::lock_guard lock(mutex_);
+    struct stat status = {};
+    if (stat(folder_.c_str(), &status) != 0)
+        return {};
+    const nanoseconds changedAt = fromTimespec(status.st_mtim);
+    if (!refresh && changedAt == namesChangedAt_)
+        return names_;
+    const nanoseconds age = coarseNow(CLOCK_REALTIME_COARSE) - changedAt;
+    names_ = listKeyNames(folder_);
+    namesChangedAt_ = age > TIMESTAMP_TRUSTED_AFTER ? changedAt : nanoseconds{-1};
+    std::erase_if(entries_,
+                  [&](const auto& entry) { return !std::binary_search(names_.begin(), names_.end(), entry.first); });
+    return names_;
+}
+
+std::vector<std::string> KeysFolder::pluggedKeys(bool refresh)
+{
+    std::vector<std::string> plugged;
+    for (const std::string& name : keyNames(refresh)) {
+        try {
+            const std::shared_ptr<SoftKey> key = find(name, Identity::Checked);
+            const std::shared_ptr<const Contents> contents = contentsOrLast(*key);
+            if (contents && contents->device.plugged)
+                plugged.push_back(name);
+        } catch (const Refusal&) {
+            continue; // Not a key's file, or gone already.
+        }
+    }
+    return plugged;
+}
+
+std::shared_ptr<SoftKey> KeysFolder::find(std::string_view name, Identity identity)
+{
+    const nanoseconds now = coarseNow(CLOCK_MONOTONIC_COARSE);
+    const std::lock_guard lock(mutex_);
+    const auto known = entries_.find(name);
+    if (known == entries_.end())
+        return reopen(name);
+    if (identity == Identity::Trusted && now - known->second.checkedAt < IDENTITY_TRUSTED)
+        return known->second.key;
+    if (known->second.key->file().wasReplaced()) {
+        entries_.erase(known);
+        return reopen(name);
+    }
+    known->second.checkedAt = now;
+    return known->second.key;
+}
+
+std::shared_ptr<SoftKey> KeysFolder::findPlugged(std::string_view name)
+{
+    std::shared_ptr<SoftKey> key = find(name, Identity::Trusted);
+    if (key->contents()->device.plugged)
+        return key;
+    // It may have been removed, and another one made in its place.
+    key = find(name, Identity::Checked);
+    key->pluggedContents();
+    return key;
+}
+
+std::shared_ptr<SoftKey> KeysFolder::reopen(std::string_view name)
+{
+    require(isSerialNumber(name), SoftkeyStatus::DeviceRemoved);
+    const std::filesystem::path path = folder_ / (std::string(name) + std::string(KEY_FILE_SUFFIX));
+    struct stat status = {};
+    require(!folder_.empty() && stat(path.c_str(), &status) == 0, SoftkeyStatus::DeviceRemoved);
+    require(S_ISREG(status.st_mode), SoftkeyStatus::FileForeign);
+    const nanoseconds now = coarseNow(CLOCK_MONOTONIC_COARSE);
+    return entries_.insert_or_assign(std::string(name), Entry{std::make_shared<SoftKey>(path), now}).first->second.key;
+}
+
+} // namespace softkey

@@ -1,0 +1,43 @@
+// Key pairs and certificates in a key's file. The functions that take a database run inside the caller's change.
+#pragma once
+
+#include "crypto/private_key.h"
+#include "crypto/secret.h"
+#include "store/contents.h"
+
+namespace softkey
+{
+
+/// What a caller may choose of an object. An empty field leaves an existing object's as it is.
+struct ObjectAttributes {
+    Bytes objectId;
+    std::string_view label;
+};
+
+/// A key pair in the form in which it is stored.
+struct NewKeyPair {
+    VelkorKeyPair record; ///< All but the number.
+    ByteVector sealedPrivateKey;
+};
+
+/// Identifiers are derived from the content, so that the same key or certificate is known again.
+Identifier identifierOf(Bytes content);
+
+NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, std::uint32_t usageFlags,
+                          Bytes masterKey, std::string_view serialNumber);
+/// Opens a stored private key; throws FileDamaged when it does not belong to the record.
+std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
+                                                 std::string_view serialNumber);
+
+/// Stores a key pair under the smallest free number, or updates the attributes of the same key pair that is already
+/// there. Fills the record's number; throws DeviceFull.
+void storeKeyPair(Database& database, NewKeyPair& keyPair);
+/// The same for a certificate, whose identifier is filled too.
+void storeCertificate(Database& database, VelkorCertificate& certificate);
+
+/// These throw NoSuchObject.
+void updateKeyPair(Database& database, const Identifier& identifier, const ObjectAttributes& attributes);
+void deleteKeyPair(Database& database, const Identifier& identifier);
+void deleteCertificate(Database& database, const Identifier& identifier);
+
+} // namespace softkey

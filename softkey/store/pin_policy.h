@@ -1,0 +1,37 @@
+// The rules of PINs: tries are counted down on disk before a PIN is looked at and given back after the right one; at
+// zero the PIN is locked. Each of the two PINs wraps the master key of the file.
+#pragma once
+
+#include "store/key_file.h"
+
+#include <string_view>
+
+namespace softkey
+{
+
+inline constexpr std::size_t PIN_LENGTH_MIN = 4;
+inline constexpr std::size_t PIN_LENGTH_MAX = 63;
+
+/// Throws PinLength for a text that cannot become a PIN.
+void requirePinLength(std::string_view newPin);
+
+/// A PIN that was right: what it opens, and the record that it was right for.
+struct CheckedPin {
+    SecretBytes masterKey;
+    PinRecord record;
+};
+
+/// Throws PinRequired for an empty PIN, which costs nothing, PinIncorrect or PinLocked, each with the tries left.
+CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
+
+/// Replaces a PIN; the old one is checked first.
+void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin);
+
+/// Gives the user a new initial PIN and all tries, on the word of the security officer. Nothing else is lost.
+void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUserPin);
+
+/// Puts a PIN around the master key. `record` has its role, tries and cost; salt and wrapped key are filled.
+void wrapMasterKey(PinRecord& record, std::string_view pin, Bytes masterKey, std::string_view serialNumber);
+void insertPin(Database& database, const PinRecord& record);
+
+} // namespace softkey

@@ -1,0 +1,27 @@
+// The layout of a key's file: its marks, its tables, and the way from an older layout to the present one.
+#pragma once
+
+#include "store/sqlite.h"
+
+namespace softkey
+{
+
+inline constexpr std::int64_t APPLICATION_ID = 0x564b4559; // "VKEY"
+inline constexpr std::int64_t SCHEMA_VERSION = 2;
+
+/// Looks at the first bytes of the file alone, so that a file that is not a key's is left exactly as it is. Throws
+/// FileForeign, FileDamaged or FileNewer.
+void requireKeyFileHeader(const Database& database);
+
+/// Settings of every connection: a committed change is on disk, deleted content is overwritten.
+void configureConnection(Database& database);
+
+void createSchema(Database& database);
+
+/// Checks the file as a whole and brings an older layout up to date; throws FileDamaged or FileNewer.
+void verifyAndMigrate(Database& database);
+
+/// SQLite's count of the changes of the file, from its header: it differs after every committed change.
+std::uint32_t changeCounter(const Database& database);
+
+} // namespace softkey

@@ -1,0 +1,196 @@
+#include "store/soft_key.h"
+
+#include <openssl/crypto.h>
+
+namespace softkey
+{
+
+Unlocked::Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord& device)
+    : masterKey_(std::move(checked.masterKey)),
+      digestKey_(SEALING_KEY_SIZE),
+      salt_(std::move(checked.record.salt)),
+      timesUnplugged_(device.timesUnplugged)
+{
+    randomBytes({digestKey_.data(), digestKey_.size()});
+    pinDigest_ = digest(pin);
+}
+
+ByteVector Unlocked::digest(std::string_view pin) const
+{
+    const Digest* sha256 = CryptoContext::get().digestOfSize(32);
+    const auto context = requireObject<EvpDigestContext>(EVP_MD_CTX_new());
+    ByteVector result(sha256->size);
+    require(EVP_DigestInit_ex2(context.get(), sha256->algorithm, nullptr) == 1 &&
+            EVP_DigestUpdate(context.get(), digestKey_.data(), digestKey_.size()) == 1 &&
+            EVP_DigestUpdate(context.get(), pin.data(), pin.size()) == 1 &&
+            EVP_DigestFinal_ex(context.get(), result.data(), nullptr) == 1);
+    return result;
+}
+
+bool Unlocked::fits(const Contents& contents) const
+{
+    return contents.device.plugged && contents.device.timesUnplugged == timesUnplugged_ &&
+           contents.userPin.triesLeft > 0 && contents.userPin.salt == salt_;
+}
+
+bool Unlocked::isOpenedBy(std::string_view pin) const
+{
+    const ByteVector offered = digest(pin);
+    return CRYPTO_memcmp(offered.data(), pinDigest_.data(), pinDigest_.size()) == 0;
+}
+
+std::shared_ptr<const PrivateKey> Unlocked::find(const Identifier& identifier) const
+{
+    const std::lock_guard lock(mutex_);
+    const auto found = keys_.find(identifier);
+    return found == keys_.end() ? nullptr : found->second;
+}
+
+void Unlocked::keep(const Identifier& identifier, std::shared_ptr<const PrivateKey> key)
+{
+    const std::lock_guard lock(mutex_);
+    keys_[identifier] = std::move(key);
+}
+
+void Unlocked::keepOnly(const Contents& contents)
+{
+    const std::lock_guard lock(mutex_);
+    std::erase_if(keys_, [&](const auto& entry) { return contents.findKeyPair(entry.first) == nullptr; });
+}
+
+std::shared_ptr<const Contents> SoftKey::contents()
+{
+    std::shared_ptr<const Contents> now = file_.contents();
+    const std::lock_guard lock(unlockedMutex_);
+    if (now != seen_ && unlocked_ != nullptr) {
+        if (unlocked_->fits(*now))
+            unlocked_->keepOnly(*now);
+        else
+            unlocked_.reset();
+    }
+    seen_ = now;
+    return now;
+}
+
+std::shared_ptr<const Contents> SoftKey::pluggedContents()
+{
+    std::shared_ptr<const Contents> now = contents();
+    require(now->device.plugged, SoftkeyStatus::DeviceRemoved);
+    return now;
+}
+
+std::shared_ptr<Unlocked> SoftKey::openedBy(std::string_view pin, const Contents& contents) const
+{
+    std::shared_ptr<Unlocked> unlocked;
+    {
+        const std::lock_guard lock(unlockedMutex_);
+        unlocked = unlocked_;
+    }
+    const bool usable = unlocked && unlocked->fits(contents) && unlocked->isOpenedBy(pin);
+    return usable ? unlocked : nullptr;
+}
+
+std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
+{
+    // Read before the check: a key that is unplugged meanwhile has to be unlocked again.
+    const std::shared_ptr<const Contents> before = pluggedContents();
+    auto unlocked = std::make_shared<Unlocked>(pin, checkPin(file_, PinRole::User, pin), before->device);
+    const std::lock_guard lock(unlockedMutex_);
+    unlocked_ = unlocked;
+    return unlocked;
+}
+
+std::shared_ptr<Unlocked> SoftKey::authorise(const Contents& contents, std::string_view pin)
+{
+    if (pin.empty())
+        throw Refusal::ofPin(SoftkeyStatus::PinRequired, contents.userPin.triesLeft);
+    if (contents.userPin.triesLeft == 0)
+        throw Refusal::ofPin(SoftkeyStatus::PinLocked, 0);
+    if (std::shared_ptr<Unlocked> known = openedBy(pin, contents))
+        return known;
+    const std::lock_guard lock(checkMutex_);
+    // Another thread may have unlocked the key while this one waited.
+    if (std::shared_ptr<Unlocked> known = openedBy(pin, *pluggedContents()))
+        return known;
+    return unlock(pin);
+}
+
+void SoftKey::login(PinRole role, std::string_view pin)
+{
+    const std::shared_ptr<const Contents> now = pluggedContents();
+    if (role == PinRole::SecurityOfficer) {
+        checkPin(file_, role, pin);
+        return;
+    }
+    authorise(*now, pin);
+    // A right PIN gives back tries that others have spent, which a remembered one alone does not.
+    if (now->userPin.triesLeft < now->userPin.triesMax && contents()->userPin.triesLeft < now->userPin.triesMax)
+        checkPin(file_, role, pin);
+}
+
+void SoftKey::changePin(PinRole role, std::string_view oldPin, std::string_view newPin)
+{
+    pluggedContents();
+    softkey::changePin(file_, role, oldPin, newPin);
+}
+
+void SoftKey::resetUserPin(std::string_view soPin, std::string_view newUserPin)
+{
+    pluggedContents();
+    softkey::resetUserPin(file_, soPin, newUserPin);
+}
+
+std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifier, std::string_view pin,
+                                                      std::uint32_t usage)
+{
+    const std::shared_ptr<const Contents> now = pluggedContents();
+    const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
+    const VelkorKeyPair* record = now->findKeyPair(identifier);
+    require(record != nullptr, SoftkeyStatus::NoSuchObject);
+    require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);
+    if (std::shared_ptr<const PrivateKey> known = unlocked->find(identifier))
+        return known;
+    std::shared_ptr<const PrivateKey> key;
+    file_.read([&](Database& database) {
+        key = loadPrivateKey(database, *record, unlocked->masterKey(), now->device.serialNumber);
+    });
+    unlocked->keep(identifier, key);
+    return key;
+}
+
+void SoftKey::requireUser(std::string_view pin)
+{
+    authorise(*pluggedContents(), pin);
+}
+
+void SoftKey::change(std::string_view pin, const std::function<void(Database&)>& work)
+{
+    requireUser(pin);
+    file_.change(work);
+}
+
+VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
+                                  std::uint32_t usageFlags)
+{
+    const std::shared_ptr<const Contents> now = pluggedContents();
+    const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
+    NewKeyPair keyPair = prepareKeyPair(key, attributes, usageFlags, unlocked->masterKey(), now->device.serialNumber);
+    file_.change([&](Database& database) { storeKeyPair(database, keyPair); });
+    const std::shared_ptr<const Contents> after = contents();
+    // As stored: a key pair that was there before keeps what the request left empty.
+    const VelkorKeyPair* stored = after->findKeyPair(std::to_array(keyPair.record.keyIdentifier));
+    return stored != nullptr ? *stored : keyPair.record;
+}
+
+void SoftKey::addCertificate(std::string_view pin, VelkorCertificate& certificate)
+{
+    change(pin, [&](Database& database) { storeCertificate(database, certificate); });
+}
+
+void SoftKey::lock()
+{
+    const std::lock_guard lock(unlockedMutex_);
+    unlocked_.reset();
+}
+
+} // namespace softkey

@@ -1,0 +1,83 @@
+// One software key: its file, and what the right PIN has unlocked in this process. Every use of a private key and
+// every change asks for the PIN; the file is asked only when this process has not seen that PIN be right, or the
+// file has a new PIN since.
+#pragma once
+
+#include "store/object_store.h"
+#include "store/pin_policy.h"
+
+#include <map>
+
+namespace softkey
+{
+
+/// What a right PIN opens, kept while the file's PIN stays the same and the key stays plugged in.
+class Unlocked
+{
+public:
+    Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord& device);
+
+    /// Whether the PIN is still the one that opened this and not locked, and the key was not unplugged since.
+    bool fits(const Contents& contents) const;
+    bool isOpenedBy(std::string_view pin) const;
+    const SecretBytes& masterKey() const { return masterKey_; }
+
+    std::shared_ptr<const PrivateKey> find(const Identifier& identifier) const;
+    void keep(const Identifier& identifier, std::shared_ptr<const PrivateKey> key);
+    void keepOnly(const Contents& contents);
+
+private:
+    ByteVector digest(std::string_view pin) const;
+
+    SecretBytes masterKey_;
+    SecretBytes digestKey_;
+    ByteVector pinDigest_; ///< Not the PIN: its digest under a key of this object alone.
+    ByteVector salt_;
+    std::int64_t timesUnplugged_;
+    mutable std::mutex mutex_;
+    std::map<Identifier, std::shared_ptr<const PrivateKey>> keys_;
+};
+
+class SoftKey
+{
+public:
+    explicit SoftKey(const std::filesystem::path& path) : file_(path) {}
+
+    KeyFile& file() { return file_; }
+    std::shared_ptr<const Contents> contents();
+    /// The same, or throws DeviceRemoved when the key is not plugged in.
+    std::shared_ptr<const Contents> pluggedContents();
+
+    /// Throws the statuses of `checkPin`.
+    void login(PinRole role, std::string_view pin);
+    void changePin(PinRole role, std::string_view oldPin, std::string_view newPin);
+    void resetUserPin(std::string_view soPin, std::string_view newUserPin);
+
+    /// `usage`: a bit of the usage flags that the key must have; 0 for none.
+    std::shared_ptr<const PrivateKey> privateKey(const Identifier& identifier, std::string_view pin,
+                                                 std::uint32_t usage);
+
+    /// Refuses unless the PIN is right.
+    void requireUser(std::string_view pin);
+    VelkorKeyPair addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
+                             std::uint32_t usageFlags);
+    void addCertificate(std::string_view pin, VelkorCertificate& certificate);
+    /// Runs a change of the file for which the user PIN is needed.
+    void change(std::string_view pin, const std::function<void(Database&)>& work);
+
+    /// Drops everything that was unlocked.
+    void lock();
+
+private:
+    std::shared_ptr<Unlocked> authorise(const Contents& contents, std::string_view pin);
+    std::shared_ptr<Unlocked> openedBy(std::string_view pin, const Contents& contents) const;
+    std::shared_ptr<Unlocked> unlock(std::string_view pin);
+
+    KeyFile file_;
+    std::mutex checkMutex_; ///< One PIN check at a time; taken before the other one.
+    mutable std::mutex unlockedMutex_;
+    std::shared_ptr<Unlocked> unlocked_;
+    std::shared_ptr<const Contents> seen_; ///< Contents that `unlocked_` was last fitted to.
+};
+
+} // namespace softkey

@@ -1,0 +1,226 @@
+// Commands about keys as a whole: create, list, info, plug, unplug, remove.
+#include "tool/secret_input.h"
+#include "tool/session.h"
+
+#include "crypto/key_kinds.h"
+#include "store/key_settings.h"
+
+#include <iostream>
+#include <unistd.h>
+
+namespace softkey
+{
+namespace
+{
+
+using nlohmann::json;
+
+struct CreateOptions {
+    KeySettings settings;
+    int triesLeft = -1;
+    int soTriesLeft = -1;
+    PinSource pin{"pin", "user PIN"};
+    PinSource soPin{"so-pin", "SO PIN"};
+};
+
+void create(Session& session, CreateOptions& options)
+{
+    KeySettings& settings = options.settings;
+    if (settings.serialNumber.empty())
+        settings.serialNumber = randomSerialNumber();
+    settings.userPin.triesLeft = options.triesLeft >= 0 ? options.triesLeft : settings.userPin.triesMax;
+    settings.soPin.triesLeft = options.soTriesLeft >= 0 ? options.soTriesLeft : settings.soPin.triesMax;
+    const std::filesystem::path folder = session.folder();
+    const Pin pin = options.pin.readNew();
+    const Pin soPin = options.soPin.readNew();
+    createKeyFile(folder, settings, pin, soPin);
+    const std::string path = (folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX))).string();
+    session.print({{"serial", settings.serialNumber}, {"file", path}}, settings.serialNumber);
+}
+
+void addCreate(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("create", "Make a new software key and plug it in");
+    const auto options = std::make_shared<CreateOptions>();
+    KeySettings& settings = options->settings;
+    command->add_option("--serial", settings.serialNumber, "Serial number, up to 16 characters (default: random)");
+    command->add_option("--label", settings.label, "Label")->capture_default_str();
+    command->add_option("--model", settings.model, "Model; '1' as third character: not FIPS 140-3")
+        ->capture_default_str();
+    command->add_option("--firmware", settings.firmwareVersion, "Firmware version")->capture_default_str();
+    command->add_option("--tries", settings.userPin.triesMax, "Tries of the user PIN")->capture_default_str();
+    command->add_option("--tries-left", options->triesLeft, "Tries that are left of them (default: all)");
+    command->add_option("--so-tries", settings.soPin.triesMax, "Tries of the SO PIN")->capture_default_str();
+    command->add_option("--so-tries-left", options->soTriesLeft, "Tries that are left of them (default: all)");
+    command->add_flag("--pin-changed", settings.userPin.changed, "The user PIN counts as changed");
+    command->add_flag("--so-pin-changed", settings.soPin.changed, "The SO PIN counts as changed");
+    command->add_option("--scrypt-cost", settings.cost.logN, "Cost of checking a PIN, as a power of two")
+        ->capture_default_str()
+        ->check(CLI::Range(SCRYPT_LOG_N_MIN, SCRYPT_LOG_N_MAX));
+    options->pin.addTo(*command);
+    options->soPin.addTo(*command);
+    command->callback([&session, options] { create(session, *options); });
+}
+
+json pinJson(const PinRecord& pin)
+{
+    return {{"changed", pin.changed}, {"triesMax", pin.triesMax}, {"triesLeft", pin.triesLeft}};
+}
+
+json deviceJson(const Contents& contents)
+{
+    const DeviceRecord& device = contents.device;
+    return {{"serial", device.serialNumber},      {"label", device.label},     {"model", device.model},
+            {"firmware", device.firmwareVersion}, {"plugged", device.plugged}, {"userPin", pinJson(contents.userPin)},
+            {"soPin", pinJson(contents.soPin)}};
+}
+
+/// One line of the list; a file that cannot be used says why.
+void describe(Session& session, const std::string& name, json& keys, std::string& lines)
+{
+    try {
+        const std::shared_ptr<const Contents> contents = session.key(name)->contents();
+        keys.push_back(deviceJson(*contents));
+        lines += name + (contents->device.plugged ? "  plugged    " : "  unplugged  ");
+        lines += printable(contents->device.label) + "\n";
+    } catch (const Refusal& refusal) {
+        keys.push_back({{"serial", name}, {"error", statusText(refusal.status())}});
+        lines += name + "  unusable   " + statusText(refusal.status()) + "\n";
+    }
+}
+
+void addList(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("list", "List all keys");
+    command->callback([&session] {
+        json keys = json::array();
+        std::string lines;
+        for (const std::string& name : session.keys().keyNames())
+            describe(session, name, keys, lines);
+        if (!lines.empty())
+            lines.pop_back();
+        if (session.json || !lines.empty())
+            session.print(keys, lines);
+    });
+}
+
+template <class Record>
+Bytes objectIdOf(const Record& record)
+{
+    return Bytes(record.objectId).first(static_cast<std::size_t>(record.objectIdLength));
+}
+
+json objectsJson(const Contents& contents)
+{
+    json objects = {{"keyPairs", json::array()}, {"certificates", json::array()}};
+    for (const VelkorKeyPair& keyPair : contents.keyPairs)
+        objects["keyPairs"].push_back({{"number", keyPair.id},
+                                       {"kind", traitsOf(keyPair.keyKind).name},
+                                       {"label", keyPair.label},
+                                       {"id", hexText(objectIdOf(keyPair))},
+                                       {"usage", keyPair.usageFlags},
+                                       {"identifier", hexText(keyPair.keyIdentifier)}});
+    for (const VelkorCertificate& certificate : contents.certificates)
+        objects["certificates"].push_back({{"number", certificate.id},
+                                           {"label", certificate.label},
+                                           {"id", hexText(objectIdOf(certificate))},
+                                           {"size", certificate.der.size()},
+                                           {"identifier", hexText(certificate.certificateIdentifier)}});
+    return objects;
+}
+
+std::string pinText(const PinRecord& pin)
+{
+    return std::to_string(pin.triesLeft) + " of " + std::to_string(pin.triesMax) + " tries left" +
+           (pin.changed ? "" : ", initial");
+}
+
+std::string infoText(const Contents& contents, const std::filesystem::path& path)
+{
+    const DeviceRecord& device = contents.device;
+    std::string text = "serial    " + device.serialNumber + "\nlabel     " + printable(device.label) + "\nmodel     " +
+                       printable(device.model) + "\nfirmware  " + printable(device.firmwareVersion) + "\nstate     " +
+                       (device.plugged ? "plugged" : "unplugged") + "\nuser PIN  " + pinText(contents.userPin) +
+                       "\nSO PIN    " + pinText(contents.soPin) + "\nfile      " + path.string();
+    for (const VelkorKeyPair& keyPair : contents.keyPairs)
+        text += "\nkey pair " + std::to_string(keyPair.id) + "  " + traitsOf(keyPair.keyKind).name + "  id " +
+                hexText(objectIdOf(keyPair)) + "  " + printable(keyPair.label);
+    for (const VelkorCertificate& certificate : contents.certificates)
+        text += "\ncertificate " + std::to_string(certificate.id) + "  id " + hexText(objectIdOf(certificate)) + "  " +
+                printable(certificate.label);
+    return text;
+}
+
+/// A command that takes a serial number and nothing else.
+template <class Work>
+void addCommandOnKey(CLI::App& app, const char* name, const char* description, Work work)
+{
+    CLI::App* command = app.add_subcommand(name, description);
+    const auto serialNumber = std::make_shared<std::string>();
+    addSerialNumber(*command, *serialNumber);
+    command->callback([serialNumber, work] { work(*serialNumber); });
+}
+
+void info(Session& session, const std::string& serialNumber)
+{
+    const std::shared_ptr<SoftKey> key = session.key(serialNumber);
+    const std::shared_ptr<const Contents> contents = key->contents();
+    json result = deviceJson(*contents);
+    result["file"] = key->file().path().string();
+    result.update(objectsJson(*contents));
+    session.print(result, infoText(*contents, key->file().path()));
+}
+
+void confirmRemoval(const std::string& serialNumber)
+{
+    if (isatty(STDIN_FILENO) == 0)
+        throw Refusal(SoftkeyStatus::BadArgument, "removing a key needs --yes");
+    std::cerr << "This destroys all keys on it. Type " << serialNumber << " to remove it: ";
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != serialNumber)
+        throw Refusal(SoftkeyStatus::BadArgument, "not removed");
+}
+
+void remove(Session& session, const std::string& serialNumber, bool confirmed)
+{
+    const std::filesystem::path path = session.key(serialNumber)->file().path();
+    if (!confirmed)
+        confirmRemoval(serialNumber);
+    session.key(serialNumber)->file().setPlugged(false); // Running processes see it go before the file is away.
+    std::filesystem::remove(path);
+    std::filesystem::remove(path.string() + "-journal");
+    session.print({{"serial", serialNumber}}, serialNumber + " removed");
+}
+
+void addRemove(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("remove", "Destroy a key and everything on it");
+    const auto serialNumber = std::make_shared<std::string>();
+    const auto confirmed = std::make_shared<bool>(false);
+    addSerialNumber(*command, *serialNumber);
+    command->add_flag("--yes", *confirmed, "Do not ask");
+    command->callback([&session, serialNumber, confirmed] { remove(session, *serialNumber, *confirmed); });
+}
+
+} // namespace
+
+void addManagementCommands(CLI::App& app, Session& session)
+{
+    const auto setPlugged = [&session](const std::string& serialNumber, bool plugged) {
+        session.key(serialNumber)->file().setPlugged(plugged);
+        session.print({{"serial", serialNumber}, {"plugged", plugged}},
+                      serialNumber + (plugged ? " plugged" : " unplugged"));
+    };
+    addCreate(app, session);
+    addList(app, session);
+    addCommandOnKey(app, "info", "Show a key and what is on it",
+                    [&session](const std::string& serialNumber) { info(session, serialNumber); });
+    addCommandOnKey(app, "plug", "Plug a key in",
+                    [setPlugged](const std::string& serialNumber) { setPlugged(serialNumber, true); });
+    addCommandOnKey(app, "unplug", "Unplug a key",
+                    [setPlugged](const std::string& serialNumber) { setPlugged(serialNumber, false); });
+    addRemove(app, session);
+}
+
+} // namespace softkey

@@ -1,0 +1,65 @@
+// Commands about PINs: set-pin, unlock.
+#include "tool/secret_input.h"
+#include "tool/session.h"
+
+namespace softkey
+{
+namespace
+{
+
+struct SetPinOptions {
+    std::string serialNumber;
+    bool securityOfficer = false;
+    PinSource oldPin{"pin", "present PIN"};
+    PinSource newPin{"new-pin", "new PIN"};
+};
+
+void addSetPin(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("set-pin", "Change the user PIN, or with --so the SO PIN");
+    const auto options = std::make_shared<SetPinOptions>();
+    addSerialNumber(*command, options->serialNumber);
+    command->add_flag("--so", options->securityOfficer, "Change the SO PIN");
+    options->oldPin.addTo(*command);
+    options->newPin.addTo(*command);
+    command->callback([&session, options] {
+        const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
+        const Pin oldPin = options->oldPin.read();
+        const Pin newPin = options->newPin.readNew();
+        const PinRole role = options->securityOfficer ? PinRole::SecurityOfficer : PinRole::User;
+        key->changePin(role, oldPin, newPin);
+        session.print({{"serial", options->serialNumber}}, "PIN changed");
+    });
+}
+
+struct UnlockOptions {
+    std::string serialNumber;
+    PinSource soPin{"so-pin", "SO PIN"};
+    PinSource newPin{"new-pin", "new user PIN"};
+};
+
+void addUnlock(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("unlock", "Set a new user PIN with the SO PIN; nothing on the key is lost");
+    const auto options = std::make_shared<UnlockOptions>();
+    addSerialNumber(*command, options->serialNumber);
+    options->soPin.addTo(*command);
+    options->newPin.addTo(*command);
+    command->callback([&session, options] {
+        const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
+        const Pin soPin = options->soPin.read();
+        const Pin newPin = options->newPin.readNew();
+        key->resetUserPin(soPin, newPin);
+        session.print({{"serial", options->serialNumber}}, "user PIN set");
+    });
+}
+
+} // namespace
+
+void addPinCommands(CLI::App& app, Session& session)
+{
+    addSetPin(app, session);
+    addUnlock(app, session);
+}
+
+} // namespace softkey

@@ -1,0 +1,137 @@
+#include "tool/secret_input.h"
+
+#include "status.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace softkey
+{
+namespace
+{
+
+constexpr std::size_t LINE_MAX_SIZE = 256; // Longer than any PIN.
+
+volatile std::sig_atomic_t caughtSignal = 0;
+
+/// The controlling terminal with echo off. A signal ends the reading, so that the echo is always restored first.
+class QuietTerminal
+{
+public:
+    QuietTerminal() : descriptor_(open("/dev/tty", O_RDWR | O_CLOEXEC))
+    {
+        if (descriptor_ < 0 || tcgetattr(descriptor_, &before_) != 0)
+            throw Refusal(SoftkeyStatus::PinRequired, "there is no terminal to ask on");
+        struct sigaction action = {};
+        action.sa_handler = [](int signal) { caughtSignal = signal; };
+        for (std::size_t i = 0; i < SIGNALS.size(); ++i)
+            sigaction(SIGNALS[i], &action, &previousActions_[i]);
+        termios quiet = before_;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(descriptor_, TCSAFLUSH, &quiet);
+    }
+    ~QuietTerminal()
+    {
+        tcsetattr(descriptor_, TCSAFLUSH, &before_);
+        close(descriptor_);
+        for (std::size_t i = 0; i < SIGNALS.size(); ++i)
+            sigaction(SIGNALS[i], &previousActions_[i], nullptr);
+        if (caughtSignal != 0)
+            std::raise(caughtSignal);
+    }
+    QuietTerminal(const QuietTerminal&) = delete;
+    QuietTerminal& operator=(const QuietTerminal&) = delete;
+
+    int descriptor() const { return descriptor_; }
+    void say(std::string_view text) const
+    {
+        [[maybe_unused]] const auto n = write(descriptor_, text.data(), text.size());
+    }
+
+private:
+    static constexpr std::array<int, 4> SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    int descriptor_;
+    termios before_{};
+    std::array<struct sigaction, SIGNALS.size()> previousActions_{};
+};
+
+/// Up to the end of the line, byte by byte: what follows belongs to the next PIN.
+Pin readLine(int descriptor)
+{
+    SecretBytes line(LINE_MAX_SIZE);
+    std::size_t size = 0;
+    for (;;) {
+        unsigned char byte = 0;
+        const ssize_t count = ::read(descriptor, &byte, 1);
+        if (count < 0)
+            throw Refusal(SoftkeyStatus::PinRequired, errno == EINTR ? "interrupted" : "the PIN cannot be read");
+        if (count == 0 || byte == '\n')
+            break;
+        if (size == line.size())
+            throw Refusal(SoftkeyStatus::PinLength);
+        line.data()[size++] = byte;
+    }
+    return Pin({reinterpret_cast<const char*>(line.data()), size});
+}
+
+} // namespace
+
+Pin::Pin(std::string_view text) : bytes_(text.size())
+{
+    std::copy(text.begin(), text.end(), bytes_.data());
+}
+
+Pin::operator std::string_view() const
+{
+    return {reinterpret_cast<const char*>(bytes_.data()), bytes_.size()};
+}
+
+void PinSource::addTo(CLI::App& command)
+{
+    CLI::Option* variable = command.add_option("--" + option_ + "-env", environmentVariable_,
+                                               "Environment variable that holds the " + name_);
+    variable->type_name("NAME");
+    command.add_option("--" + option_ + "-fd", descriptor_, "File descriptor to read the " + name_ + " from, one line")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber)
+        ->excludes(variable);
+}
+
+Pin PinSource::readOnce(const std::string& prompt) const
+{
+    if (!environmentVariable_.empty()) {
+        const char* value = std::getenv(environmentVariable_.c_str());
+        if (value == nullptr)
+            throw Refusal(SoftkeyStatus::PinRequired, "environment variable " + environmentVariable_ + " is not set");
+        return Pin(value);
+    }
+    if (descriptor_ >= 0)
+        return readLine(descriptor_);
+    const QuietTerminal terminal;
+    terminal.say(prompt + ": ");
+    Pin pin = readLine(terminal.descriptor());
+    terminal.say("\n");
+    return pin;
+}
+
+Pin PinSource::read() const
+{
+    return readOnce(name_);
+}
+
+Pin PinSource::readNew() const
+{
+    Pin pin = readOnce(name_);
+    const bool fromPrompt = environmentVariable_.empty() && descriptor_ < 0;
+    if (fromPrompt && std::string_view(pin) != std::string_view(readOnce(name_ + " again")))
+        throw Refusal(SoftkeyStatus::PinRequired, "the two entries differ");
+    return pin;
+}
+
+} // namespace softkey

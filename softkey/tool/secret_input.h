@@ -1,0 +1,47 @@
+// Where PINs come from: an environment variable, a file descriptor, or a prompt without echo. Never the command line,
+// which other users can read.
+#pragma once
+
+#include "crypto/secret.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <string_view>
+
+namespace softkey
+{
+
+/// A PIN in memory, wiped when it is dropped.
+class Pin
+{
+public:
+    explicit Pin(std::string_view text);
+    operator std::string_view() const;
+
+private:
+    SecretBytes bytes_;
+};
+
+/// One PIN that a command needs, with its two options.
+class PinSource
+{
+public:
+    /// `option` without dashes, such as "pin"; `name` as the prompt and the help call it.
+    PinSource(std::string option, std::string name) : option_(std::move(option)), name_(std::move(name)) {}
+
+    void addTo(CLI::App& command);
+    Pin read() const;
+    /// A prompt asks twice.
+    Pin readNew() const;
+
+private:
+    Pin readOnce(const std::string& prompt) const;
+
+    std::string option_;
+    std::string name_;
+    std::string environmentVariable_;
+    int descriptor_ = -1;
+};
+
+} // namespace softkey

@@ -1,0 +1,125 @@
+#include "tool/session.h"
+
+#include "store/key_settings.h"
+
+#include <cstdio>
+
+namespace softkey
+{
+
+ExitCode exitCodeOf(SoftkeyStatus status)
+{
+    switch (status) {
+    case SoftkeyStatus::Ok:
+        return EXIT_DONE;
+    case SoftkeyStatus::BadArgument:
+    case SoftkeyStatus::PinLength:
+        return EXIT_USAGE;
+    case SoftkeyStatus::PinRequired:
+    case SoftkeyStatus::PinIncorrect:
+        return EXIT_PIN_REFUSED;
+    case SoftkeyStatus::PinLocked:
+        return EXIT_PIN_LOCKED;
+    case SoftkeyStatus::DeviceRemoved:
+    case SoftkeyStatus::NoSuchObject:
+        return EXIT_NOT_FOUND;
+    case SoftkeyStatus::AlreadyExists:
+        return EXIT_EXISTS;
+    case SoftkeyStatus::DeviceUnreachable:
+    case SoftkeyStatus::FileDamaged:
+    case SoftkeyStatus::FileForeign:
+    case SoftkeyStatus::FileNewer:
+        return EXIT_KEY_FILE_UNUSABLE;
+    case SoftkeyStatus::BadCertificate:
+    case SoftkeyStatus::BadPrivateKey:
+        return EXIT_BAD_INPUT;
+    default:
+        return EXIT_FAILED;
+    }
+}
+
+const std::filesystem::path& Session::folder()
+{
+    if (!folder_.empty())
+        return folder_;
+    const std::filesystem::path wanted = home.empty() ? defaultKeysFolder() : std::filesystem::absolute(home);
+    if (wanted.empty())
+        throw Refusal(SoftkeyStatus::StorageFailed, "there is no home folder; set VELKOR_SOFTKEY_HOME");
+    if (!ensureFolder(wanted))
+        throw Refusal(SoftkeyStatus::StorageFailed, "cannot make the folder " + wanted.string());
+    folder_ = wanted;
+    keys_.open(folder_);
+    return folder_;
+}
+
+KeysFolder& Session::keys()
+{
+    folder();
+    return keys_;
+}
+
+std::shared_ptr<SoftKey> Session::key(const std::string& serialNumber)
+{
+    const std::filesystem::path path = folder() / (serialNumber + std::string(KEY_FILE_SUFFIX));
+    try {
+        return keys().find(serialNumber, KeysFolder::Identity::Checked);
+    } catch (const Refusal& refusal) {
+        if (refusal.status() == SoftkeyStatus::DeviceRemoved)
+            throw Refusal(refusal.status(), "there is no " + path.string());
+        throw Refusal(refusal.status(), path.string());
+    }
+}
+
+std::shared_ptr<SoftKey> Session::pluggedKey(const std::string& serialNumber)
+{
+    std::shared_ptr<SoftKey> found = key(serialNumber);
+    if (!found->contents()->device.plugged)
+        throw Refusal(SoftkeyStatus::DeviceRemoved, serialNumber + " is unplugged");
+    return found;
+}
+
+void Session::print(const nlohmann::json& result, const std::string& text) const
+{
+    using Handler = nlohmann::json::error_handler_t; // Labels may hold any bytes.
+    std::puts(json ? result.dump(2, ' ', false, Handler::replace).c_str() : text.c_str());
+}
+
+void addSerialNumber(CLI::App& command, std::string& serialNumber)
+{
+    command.add_option("serial", serialNumber, "Serial number of the key")->required()->type_name("SERIAL");
+}
+
+std::string hexText(Bytes bytes)
+{
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
+ByteVector bytesFromHex(const std::string& text)
+{
+    const bool sound = text.size() % 2 == 0 && text.size() <= 2 * OBJECT_ID_CAPACITY &&
+                       text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (!sound)
+        throw Refusal(SoftkeyStatus::BadArgument, "an object ID is up to 128 bytes in hexadecimal");
+    ByteVector bytes;
+    for (std::size_t position = 0; position < text.size(); position += 2)
+        bytes.push_back(static_cast<unsigned char>(std::stoul(text.substr(position, 2), nullptr, 16)));
+    return bytes;
+}
+
+std::string printable(std::string_view text)
+{
+    std::string shown(text);
+    for (char& character : shown) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7f)
+            character = '?';
+    }
+    return shown;
+}
+
+} // namespace softkey

@@ -1,0 +1,186 @@
+// Objects of the double's devices: their handles, templates, searches and attributes.
+#pragma once
+
+#include <initializer_list>
+#include <list>
+#include <string_view>
+#include <type_traits>
+
+#include "session_fixture.h"
+
+using Bytes = std::vector<unsigned char>;
+using Handles = std::vector<CK_OBJECT_HANDLE>;
+
+constexpr CK_OBJECT_HANDLE FIRST_DERIVED_KEY = 0x70003000;
+constexpr CK_ULONG MAX_ULONG = static_cast<CK_ULONG>(-1);
+
+inline Bytes bytesOfText(std::string_view text)
+{
+    return {text.begin(), text.end()};
+}
+
+inline Bytes bytesOfNumber(CK_ULONG number)
+{
+    const auto* first = reinterpret_cast<const unsigned char*>(&number);
+    return {first, first + sizeof number};
+}
+
+inline Bytes publicKeyBytes(const VelkorKeyPair& keyPair)
+{
+    return {keyPair.publicKey, keyPair.publicKey + keyPair.publicKeyLength};
+}
+
+inline Bytes identifierBytes(const VelkorKeyPair& keyPair)
+{
+    return {keyPair.keyIdentifier, keyPair.keyIdentifier + KEY_IDENTIFIER_SIZE};
+}
+
+MATCHER_P(PointsTo, bytes, "points to bytes " + testing::PrintToString(bytes))
+{
+    return std::equal(bytes.begin(), bytes.end(), arg);
+}
+
+/// An attribute template that owns its values.
+class Template
+{
+public:
+    Template() = default;
+    Template(const Template& other) = delete;
+    Template& operator=(const Template& other) = delete;
+
+    Template& add(CK_ATTRIBUTE_TYPE type, Bytes value)
+    {
+        Bytes& kept = values_.emplace_back(std::move(value));
+        return addRaw(type, kept.data(), static_cast<CK_ULONG>(kept.size()));
+    }
+
+    Template& add(CK_ATTRIBUTE_TYPE type, CK_ULONG value) { return add(type, bytesOfNumber(value)); }
+
+    /// A text with a zero byte behind it that is not counted.
+    Template& add(CK_ATTRIBUTE_TYPE type, const char* text)
+    {
+        const std::string_view counted(text);
+        Bytes& kept = values_.emplace_back(counted.begin(), counted.end());
+        kept.push_back(0);
+        return addRaw(type, kept.data(), static_cast<CK_ULONG>(counted.size()));
+    }
+
+    /// Room for an answer, every byte of it 0xEE.
+    Template& addRoom(CK_ATTRIBUTE_TYPE type, CK_ULONG size) { return add(type, Bytes(size, 0xEE)); }
+
+    Template& addRaw(CK_ATTRIBUTE_TYPE type, void* value, CK_ULONG length)
+    {
+        entries_.push_back({type, value, length});
+        return *this;
+    }
+
+    CK_ATTRIBUTE* data() { return entries_.data(); }
+    CK_ULONG size() const { return static_cast<CK_ULONG>(entries_.size()); }
+    CK_ULONG length(std::size_t index) const { return entries_.at(index).ulValueLen; }
+    const Bytes& value(std::size_t index) const { return *std::next(values_.begin(), static_cast<long>(index)); }
+
+private:
+    std::list<Bytes> values_; ///< Each stays where it is.
+    std::vector<CK_ATTRIBUTE> entries_;
+};
+
+class ObjectTest : public OpenSessionTest
+{
+protected:
+    ObjectTest()
+    {
+        ON_CALL(*device_, velkor_createInstance(testing::_)).WillByDefault(testing::SetArgPointee<0>(instance_));
+    }
+
+    /// Brings the session into a state; read-only ones need another session.
+    void enterState(CK_STATE state)
+    {
+        if (state < CKS_RW_PUBLIC_SESSION) {
+            ASSERT_EQ(C_CloseSession(hSession_), CKR_OK);
+            hSession_ = openSession(CKF_SERIAL_SESSION);
+        }
+        if (state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS)
+            login();
+        if (state == CKS_RW_SO_FUNCTIONS)
+            login(CKU_SO);
+        CK_SESSION_INFO info;
+        ASSERT_EQ(C_GetSessionInfo(hSession_, &info), CKR_OK);
+        ASSERT_EQ(CK_STATE{info.state}, state);
+    }
+
+    VelkorKeyPair& keyPair(std::uint32_t id) const { return withId(first().keyPairs, id); }
+    VelkorCertificate& certificateRecord(std::uint32_t id) const { return withId(first().certificates, id); }
+
+    /// What parsing a certificate of the first device gives.
+    CertificateDetails& detailsOf(std::uint32_t certificateId) const
+    {
+        return device_->defaults.detailsOf(certificateRecord(certificateId).der);
+    }
+
+    static void clearLabel(auto& record) { std::fill(std::begin(record.label), std::end(record.label), '\0'); }
+
+    /// Makes a second certificate that parses to a public key and the two halves of a label.
+    CertificateDetails& addCertificate(std::uint32_t id, const Bytes& publicKeyOfIt)
+    {
+        first().certificates.push_back(makeCertificate(id, "certificate " + std::to_string(id)));
+        CertificateDetails& details = detailsOf(id);
+        details.subjectCommonName = "Subject " + std::to_string(id);
+        details.issuerCommonName = "Issuer";
+        details.publicKey = publicKeyOfIt;
+        return details;
+    }
+
+    /// One page of the search in progress.
+    Handles page(CK_ULONG size) const
+    {
+        Handles handles(size);
+        CK_ULONG count = 0;
+        EXPECT_EQ(C_FindObjects(hSession_, handles.data(), size, &count), CKR_OK);
+        handles.resize(count);
+        return handles;
+    }
+
+    /// All that a search finds.
+    Handles search(Template& criteria) const
+    {
+        EXPECT_EQ(C_FindObjectsInit(hSession_, criteria.data(), criteria.size()), CKR_OK);
+        return page(100);
+    }
+
+    /// An attribute's value, fetched as an application does: length first, then a buffer of that length.
+    Bytes attribute(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type) const
+    {
+        CK_ATTRIBUTE entry = {type, nullptr, 0};
+        EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, &entry, 1), CKR_OK);
+        const CK_ULONG length = entry.ulValueLen;
+        Bytes value(length);
+        entry.pValue = value.data();
+        EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, &entry, 1), CKR_OK);
+        EXPECT_EQ(CK_ULONG{entry.ulValueLen}, length);
+        return value;
+    }
+
+    /// Derives the bytes as a new key with the first device's key pair, whose "ECDH" gives the point behind its tag.
+    static CK_OBJECT_HANDLE derive(CK_SESSION_HANDLE hSession, CK_ULONG baseKeyId, const Bytes& secret)
+    {
+        Bytes point = {0x04};
+        point.insert(point.end(), secret.begin(), secret.end());
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, static_cast<CK_ULONG>(point.size()), point.data()};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        CK_OBJECT_HANDLE handle = 0;
+        EXPECT_EQ(C_DeriveKey(hSession, &mechanism, privateKey(baseKeyId), nullptr, 0, &handle), CKR_OK);
+        return handle;
+    }
+
+    /// The library instance, for exact expectations of device calls.
+    void* const instance_ = &instanceObject_;
+
+private:
+    template <typename Record>
+    static Record& withId(std::vector<Record>& records, std::uint32_t id)
+    {
+        return *std::find_if(records.begin(), records.end(), [&](const Record& each) { return each.id == id; });
+    }
+
+    static inline int instanceObject_ = 0;
+};

@@ -1,0 +1,220 @@
+// Instances, the device list, and what a device says of itself.
+#include "world.h"
+
+#include <cstdlib>
+#include <sys/stat.h>
+#include <thread>
+
+namespace softkey::test
+{
+namespace
+{
+
+using Names = std::vector<std::string>;
+
+class DevicesTest : public SoftkeyTest
+{
+};
+
+mode_t permissionsOf(const std::filesystem::path& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 0777;
+}
+
+TEST_F(DevicesTest, ListNamesPluggedKeysInOrder)
+{
+    createKey(cheapSettings("B2"));
+    createKey(cheapSettings("A1"));
+    EXPECT_EQ(devices(), (Names{"A1", "B2", "KEY1"}));
+}
+
+TEST_F(DevicesTest, UnpluggingAndPluggingByAnotherProcessIsSeenByTheNextCall)
+{
+    EXPECT_EQ(devices(), Names{SERIAL});
+    otherProcess()->file().setPlugged(false);
+    EXPECT_EQ(devices(), Names{});
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).serialNumber, "");
+    otherProcess()->file().setPlugged(true);
+    EXPECT_EQ(devices(), Names{SERIAL});
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).serialNumber, SERIAL);
+}
+
+TEST_F(DevicesTest, KeysMadeAndRemovedByHandAreSeen)
+{
+    EXPECT_EQ(devices(), Names{SERIAL});
+    createKey(cheapSettings("NEW"));
+    EXPECT_EQ(devices(), (Names{SERIAL, "NEW"}));
+    std::filesystem::remove(keyPath());
+    EXPECT_EQ(devices(), Names{"NEW"});
+}
+
+TEST_F(DevicesTest, AKeyThatIsExchangedIsReadAnew)
+{
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Velkor Soft Key");
+    otherProcess()->file().setPlugged(false);
+    std::filesystem::remove(keyPath());
+    KeySettings settings = cheapSettings(SERIAL);
+    settings.label = "Another";
+    createKey(settings);
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Another");
+}
+
+TEST_F(DevicesTest, AKeyThatIsExchangedByHandIsNoticedShortly)
+{
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Velkor Soft Key");
+    std::filesystem::remove(keyPath());
+    KeySettings settings = cheapSettings(SERIAL);
+    settings.label = "Another";
+    createKey(settings);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Another");
+}
+
+TEST_F(DevicesTest, TokenInformationIsWhatWasChosen)
+{
+    KeySettings settings = cheapSettings("FULL");
+    settings.label = "Label of mine";
+    settings.model = "VK2 FIPS";
+    settings.firmwareVersion = "1.9.9";
+    settings.userPin = {true, 7, 2};
+    settings.soPin = {false, 9, 0};
+    createKey(settings);
+    const TokenInfo info = velkor_getTokenInfo("FULL", instance);
+    EXPECT_EQ(info.serialNumber, "FULL");
+    EXPECT_EQ(info.manufacturer, "Brenmoor");
+    EXPECT_EQ(info.label, "Label of mine");
+    EXPECT_EQ(info.model, "VK2 FIPS");
+    EXPECT_EQ(info.firmwareVersion, "1.9.9");
+    EXPECT_EQ(info.pinChanged, 1);
+    EXPECT_EQ(info.pinTriesMax, 7);
+    EXPECT_EQ(info.pinTriesLeft, 2);
+    EXPECT_EQ(info.soPinChanged, 0);
+    EXPECT_EQ(info.soPinTriesMax, 9);
+    EXPECT_EQ(info.soPinTriesLeft, 0);
+    EXPECT_EQ(info.devicePath, keyPath("FULL").string());
+}
+
+TEST_F(DevicesTest, DefaultsLetEveryMechanismWork)
+{
+    const TokenInfo info = velkor_getTokenInfo(SERIAL, instance);
+    EXPECT_EQ(info.model.at(2), '1');
+    EXPECT_GE(info.firmwareVersion, "2.0.0");
+    EXPECT_EQ(info.pinChanged, 0);
+}
+
+TEST_F(DevicesTest, CountsFollowTheContents)
+{
+    generate(KEY_KIND_EC_P256);
+    generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).keyPairCount, 2);
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).certificateCount, 0);
+}
+
+TEST_F(DevicesTest, SettingsOutOfRangeAreRefused)
+{
+    const auto refused = [&](auto change) {
+        KeySettings settings = cheapSettings("X");
+        change(settings);
+        EXPECT_THROW(createKey(settings), Refusal);
+        EXPECT_FALSE(std::filesystem::exists(keyPath("X")));
+    };
+    refused([](KeySettings& s) { s.serialNumber = "12345678901234567"; });
+    refused([](KeySettings& s) { s.serialNumber = "../up"; });
+    refused([](KeySettings& s) { s.serialNumber = ".hidden"; });
+    refused([](KeySettings& s) { s.serialNumber = ""; });
+    refused([](KeySettings& s) { s.model = "sixteen letters!"; });
+    refused([](KeySettings& s) { s.label = std::string(64, 'x'); });
+    refused([](KeySettings& s) { s.label = "two\nlines"; });
+    refused([](KeySettings& s) { s.userPin.triesMax = 0; });
+    refused([](KeySettings& s) { s.userPin.triesLeft = 6; });
+    refused([](KeySettings& s) { s.soPin.triesMax = 256; });
+    refused([](KeySettings& s) { s.cost.logN = 40; });
+    EXPECT_THROW(createKeyFile(home.path(), cheapSettings("X"), "123", SO_PIN), Refusal);
+}
+
+TEST_F(DevicesTest, AnExistingKeyIsNeverReplaced)
+{
+    const Data before = readFile(keyPath());
+    try {
+        createKey(cheapSettings(SERIAL));
+        FAIL() << "the key was replaced";
+    } catch (const Refusal& refusal) {
+        EXPECT_EQ(refusal.status(), SoftkeyStatus::AlreadyExists);
+    }
+    EXPECT_EQ(readFile(keyPath()), before);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home.path()), {}), 1) << "a draft was left behind";
+}
+
+TEST_F(DevicesTest, FilesAndFolderAreTheOwnersAlone)
+{
+    const std::filesystem::path fresh = scratch.path() / "deep" / "keys";
+    const mode_t before = umask(0);
+    EXPECT_TRUE(ensureFolder(fresh));
+    createKeyFile(fresh, cheapSettings("M1"), PIN, SO_PIN);
+    SoftKey(fresh / "M1.velkorkey").file().setPlugged(false);
+    umask(before);
+    EXPECT_EQ(permissionsOf(fresh), 0700U);
+    EXPECT_EQ(permissionsOf(fresh / "M1.velkorkey"), 0600U);
+    EXPECT_EQ(permissionsOf(fresh / "M1.velkorkey-journal"), 0600U);
+}
+
+TEST_F(DevicesTest, TheFolderFollowsTheEnvironmentOfTheFirstInstance)
+{
+    velkor_releaseInstance(instance);
+    unsetenv("VELKOR_SOFTKEY_HOME");
+    setenv("XDG_DATA_HOME", (scratch.path() / "data").c_str(), 1);
+    velkor_createInstance(&instance);
+    EXPECT_EQ(devices(), Names{});
+    EXPECT_EQ(permissionsOf(scratch.path() / "data" / "velkor-softkey"), 0700U);
+    unsetenv("XDG_DATA_HOME");
+    setenv("HOME", scratch.path().c_str(), 1);
+    EXPECT_EQ(defaultKeysFolder(), scratch.path() / ".local/share/velkor-softkey");
+}
+
+TEST_F(DevicesTest, SeveralInstancesShareTheKeysAndAReleasedOneIsRefused)
+{
+    void* second = nullptr;
+    velkor_createInstance(&second);
+    ASSERT_NE(second, nullptr);
+    velkor_releaseInstance(second);
+    EXPECT_EQ(velkor_getConnectedDeviceList(false, second), Names{});
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, second), code(SoftkeyStatus::BadInstance));
+    EXPECT_EQ(devices(), Names{SERIAL});
+    velkor_releaseInstance(second); // Twice is harmless.
+    velkor_createInstance(nullptr);
+    EXPECT_EQ(devices(), Names{SERIAL});
+}
+
+TEST_F(DevicesTest, InitDeviceReadsAgainAndRefusesWhatIsNotThere)
+{
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+    EXPECT_EQ(velkor_initDevice(SERIAL, false, instance), 0);
+    EXPECT_EQ(velkor_initDevice("NONE", true, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_initDevice("../KEY1", true, instance), STATUS_DEVICE_REMOVED);
+    otherProcess()->file().setPlugged(false);
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), STATUS_DEVICE_REMOVED);
+}
+
+TEST_F(DevicesTest, EveryOperationOnAnUnpluggedKeySaysThatItHasGone)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    const Data hash(32, 1);
+    EXPECT_EQ(trySign(key, hash), 0);
+    otherProcess()->file().setPlugged(false);
+    int tries = 0;
+    void* context = nullptr;
+    unsigned char random[4];
+    VelkorKeyPair request;
+    EXPECT_EQ(trySign(key, hash), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_initHash(SERIAL, HASH_SHA256, &context, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_generateRamdomNumber(SERIAL, 4, random, true, nullptr), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_generateKeyPair(SERIAL, PIN, &request, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_TRUE(keyPairs().empty());
+}
+
+} // namespace
+} // namespace softkey::test

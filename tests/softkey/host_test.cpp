@@ -1,0 +1,91 @@
+// The key inside hosts that use OpenSSL themselves, fork, or end in an awkward order.
+#include "world.h"
+
+#include <sstream>
+
+namespace softkey::test
+{
+namespace
+{
+
+class HostTest : public SoftkeyTest
+{
+protected:
+    HostTest()
+    {
+        generate(KEY_KIND_RSA_2048);
+        generate(KEY_KIND_EC_P256);
+    }
+    /// Exit code of a host, or 124 when it hangs.
+    static int host(const std::string& mode, const std::string& environment = {})
+    {
+        const Outcome outcome =
+            run("ulimit -c 0; " + environment + " timeout 60 " + SOFTKEY_HOST + " " + mode + " KEY1 " + PIN);
+        EXPECT_EQ(outcome.error, "");
+        return outcome.exitCode;
+    }
+};
+
+TEST_F(HostTest, AnEngineThatTheHostMadeTheDefaultIsNotUsed)
+{
+#ifndef SOFTKEY_BUNDLED_LIBCRYPTO
+    GTEST_SKIP() << "a shared libcrypto lets the host's default engines take part";
+#endif
+    EXPECT_EQ(host("engine"), 0);
+}
+
+TEST_F(HostTest, AConfigurationThatSpoilsTheHostsOpensslIsNotRead)
+{
+    const std::string file = scratch.file("openssl.cnf", bytesOf("openssl_conf = o\n[o]\nproviders = p\n"
+                                                                 "alg_section = a\n[p]\nnull = n\n[n]\nactivate = 1\n"
+                                                                 "[a]\ndefault_properties = fips=yes\n"));
+    EXPECT_EQ(host("configuration", "OPENSSL_CONF=" + file), 0);
+}
+
+TEST_F(HostTest, TheHostsErrorQueueStaysAsItWas)
+{
+    EXPECT_EQ(host("errors"), 0);
+}
+
+TEST_F(HostTest, CallsDuringStaticDestructionDoNotCrash)
+{
+    EXPECT_EQ(host("late"), 0);
+}
+
+TEST_F(HostTest, CallsAfterTheHostCleanedUpOpensslDoNotCrash)
+{
+    EXPECT_EQ(host("cleaned-up"), 0);
+}
+
+TEST_F(HostTest, AProcessMayEndWhileThreadsAreInside)
+{
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(host("busy"), 0);
+}
+
+TEST_F(HostTest, AForkedChildUsesTheKeyWhileTheParentIsBusy)
+{
+    EXPECT_EQ(host("fork"), 0);
+    EXPECT_EQ(keyPairs().size(), 2U) << "nothing was left behind or lost";
+}
+
+TEST_F(HostTest, LoadingAndUnloadingWhileAThreadHoldsAListDoesNotCrash)
+{
+    const Outcome outcome = run("timeout 60 " + std::string(SOFTKEY_LOADER) + " " + SOFTKEY_LIBRARY + " KEY1");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
+}
+
+TEST_F(HostTest, TheLibraryExportsTheOperationsAndNothingElse)
+{
+    const Outcome outcome = run("nm -D --defined-only " + std::string(SOFTKEY_LIBRARY) + " | c++filt");
+    int operations = 0;
+    std::istringstream lines(outcome.out);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_NE(line.find(" T velkor_"), std::string::npos) << line;
+        ++operations;
+    }
+    EXPECT_EQ(operations, 29);
+}
+
+} // namespace
+} // namespace softkey::test

@@ -1,0 +1,234 @@
+// PIN policy: tries, locking, changing, unlocking, and the end of a remembered PIN.
+#include "world.h"
+
+namespace softkey::test
+{
+namespace
+{
+
+class PinsTest : public SoftkeyTest
+{
+protected:
+    int check(const char* pin, int userType = 1)
+    {
+        return velkor_validatePassword(SERIAL, pin, userType, &tries, instance);
+    }
+    bool change(const char* oldPin, const char* newPin)
+    {
+        return velkor_changeUserPassword(SERIAL, oldPin, newPin, &tries, false, false, instance);
+    }
+    TokenInfo info() const { return velkor_getTokenInfo(SERIAL, instance); }
+
+    int tries = 0;
+    const Data hash = Data(32, 7);
+};
+
+TEST_F(PinsTest, TheRightPinsAreRight)
+{
+    EXPECT_EQ(check(PIN), 0);
+    EXPECT_EQ(tries, 5);
+    EXPECT_EQ(check(SO_PIN, 2), 0);
+    EXPECT_EQ(tries, 5);
+}
+
+TEST_F(PinsTest, AWrongPinCostsATryAndTheRightOneGivesAllBack)
+{
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 4);
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 3);
+    EXPECT_EQ(info().pinTriesLeft, 3);
+    EXPECT_EQ(check(PIN), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+}
+
+TEST_F(PinsTest, ARememberedPinGivesTriesBackToo)
+{
+    EXPECT_EQ(check(PIN), 0);
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check(PIN), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+}
+
+TEST_F(PinsTest, TheTwoPinsCountApart)
+{
+    EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(info().soPinTriesLeft, 4);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+    EXPECT_EQ(check(PIN, 2), code(SoftkeyStatus::PinIncorrect)) << "the user PIN is not the SO PIN";
+    EXPECT_EQ(check(SO_PIN, 1), code(SoftkeyStatus::PinIncorrect)) << "the SO PIN is not the user PIN";
+}
+
+TEST_F(PinsTest, AtZeroThePinIsLockedEvenForTheRightPin)
+{
+    for (int left = 4; left > 0; --left) {
+        EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+        EXPECT_EQ(tries, left);
+    }
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(tries, 0);
+    EXPECT_EQ(check(PIN), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(tries, 0);
+    EXPECT_EQ(info().pinTriesLeft, 0);
+    EXPECT_FALSE(change(PIN, "newpin"));
+}
+
+TEST_F(PinsTest, AnEmptyPinIsRefusedWithoutCost)
+{
+    EXPECT_EQ(check(""), code(SoftkeyStatus::PinRequired));
+    EXPECT_EQ(tries, 5);
+    EXPECT_EQ(check("", 2), code(SoftkeyStatus::PinRequired));
+    EXPECT_EQ(info().pinTriesLeft, 5);
+    EXPECT_EQ(info().soPinTriesLeft, 5);
+}
+
+TEST_F(PinsTest, APinThatIsNotCheckedSaysSo)
+{
+    EXPECT_EQ(check(PIN, 0), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(check(PIN, 3), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, nullptr, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, nullptr), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(nullptr, PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword("NONE", PIN, 1, &tries, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(tries, -1) << "nothing is known of the tries, least of all that none is left";
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, nullptr, instance), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+}
+
+TEST_F(PinsTest, AChangedPinReplacesTheOldOne)
+{
+    EXPECT_TRUE(change(PIN, "new-pin"));
+    EXPECT_EQ(info().pinChanged, 1);
+    EXPECT_EQ(check(PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check("new-pin"), 0);
+    EXPECT_TRUE(change("new-pin", PIN));
+    EXPECT_EQ(info().pinChanged, 1);
+}
+
+TEST_F(PinsTest, ChangingToTheSamePinLeavesItInitial)
+{
+    EXPECT_TRUE(change(PIN, PIN));
+    EXPECT_EQ(info().pinChanged, 0);
+}
+
+TEST_F(PinsTest, AChangeNeedsTheOldPin)
+{
+    EXPECT_FALSE(change(WRONG_PIN, "new-pin"));
+    EXPECT_EQ(tries, 4);
+    EXPECT_FALSE(change("", "new-pin"));
+    EXPECT_EQ(tries, 4);
+    EXPECT_EQ(check(PIN), 0);
+}
+
+TEST_F(PinsTest, ANewPinHasFourToSixtyThreeBytes)
+{
+    EXPECT_FALSE(change(PIN, "123"));
+    EXPECT_FALSE(change(PIN, std::string(64, '1').c_str()));
+    EXPECT_FALSE(change(PIN, ""));
+    EXPECT_FALSE(change(PIN, nullptr));
+    EXPECT_FALSE(change(nullptr, "new-pin"));
+    EXPECT_FALSE(velkor_changeUserPassword(SERIAL, PIN, "new-pin", &tries, true, false, instance));
+    EXPECT_FALSE(velkor_changeUserPassword(SERIAL, PIN, "new-pin", &tries, false, true, instance));
+    EXPECT_EQ(info().pinTriesLeft, 5) << "none of these may cost a try";
+    EXPECT_TRUE(change(PIN, std::string(63, '1').c_str()));
+    EXPECT_TRUE(change(std::string(63, '1').c_str(), "1234"));
+}
+
+TEST_F(PinsTest, AWrongPinOfAnyLengthCostsATry)
+{
+    EXPECT_EQ(check("1"), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check(std::string(100'000, 'x').c_str()), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 3);
+}
+
+TEST_F(PinsTest, UnlockingSetsANewInitialPinAndLosesNoKey)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    change(PIN, "changed");
+    while (check(WRONG_PIN) != code(SoftkeyStatus::PinLocked)) {
+    }
+    EXPECT_EQ(trySign(key, hash, false, "changed"), code(SoftkeyStatus::PinLocked));
+    otherProcess()->resetUserPin(SO_PIN, PIN);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+    EXPECT_EQ(info().pinChanged, 0);
+    EXPECT_EQ(verify(key, hash, sign(key, hash)), 0);
+}
+
+TEST_F(PinsTest, UnlockingNeedsTheSoPinWhichLocksToo)
+{
+    for (int i = 0; i < 5; ++i)
+        EXPECT_THROW(otherProcess()->resetUserPin(WRONG_PIN, "new-pin"), Refusal);
+    EXPECT_EQ(info().soPinTriesLeft, 0);
+    EXPECT_THROW(otherProcess()->resetUserPin(SO_PIN, "new-pin"), Refusal);
+    EXPECT_EQ(check(PIN), 0);
+}
+
+TEST_F(PinsTest, TheSoPinCanBeChanged)
+{
+    otherProcess()->changePin(PinRole::SecurityOfficer, SO_PIN, "another");
+    EXPECT_EQ(info().soPinChanged, 1);
+    EXPECT_EQ(info().pinChanged, 0);
+    EXPECT_EQ(check("another", 2), 0);
+    EXPECT_EQ(check(SO_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+}
+
+TEST_F(PinsTest, KeyUseNeedsTheRightPin)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, hash, false, ""), code(SoftkeyStatus::PinRequired));
+    EXPECT_EQ(info().pinTriesLeft, 5);
+    EXPECT_EQ(trySign(key, hash, false, WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(info().pinTriesLeft, 4) << "a wrong PIN costs a try here as well";
+    EXPECT_EQ(trySign(key, hash, false, PIN), 0);
+    EXPECT_EQ(trySign(key, hash, false, nullptr), code(SoftkeyStatus::BadArgument));
+    EXPECT_EQ(trySign(key, hash, false, SO_PIN), code(SoftkeyStatus::PinIncorrect)) << "the SO uses no keys";
+}
+
+TEST_F(PinsTest, ARememberedPinCostsNoWrite)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(check(PIN), 0);
+    const Data before = readFile(keyPath());
+    const auto writtenAt = std::filesystem::last_write_time(keyPath());
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(trySign(key, hash), 0);
+    EXPECT_EQ(check(PIN), 0);
+    EXPECT_EQ(readFile(keyPath()), before);
+    EXPECT_EQ(std::filesystem::last_write_time(keyPath()), writtenAt);
+}
+
+TEST_F(PinsTest, AChangeByAnotherProcessEndsTheUseOfTheOldPin)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, hash), 0);
+    otherProcess()->changePin(PinRole::User, PIN, "new-pin");
+    EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(trySign(key, hash, false, "new-pin"), 0);
+}
+
+TEST_F(PinsTest, LockingByAnotherProcessEndsTheUseOfThePin)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, hash), 0);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_THROW(otherProcess()->login(PinRole::User, WRONG_PIN), Refusal);
+    EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::PinLocked));
+}
+
+TEST_F(PinsTest, UnpluggingForgetsWhatWasUnlockedEvenUnseen)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, hash), 0);
+    // A try that another process spent is given back only by a check of the PIN.
+    EXPECT_THROW(otherProcess()->login(PinRole::User, WRONG_PIN), Refusal);
+    EXPECT_EQ(trySign(key, hash), 0);
+    EXPECT_EQ(info().pinTriesLeft, 4) << "the PIN was remembered";
+    otherProcess()->file().setPlugged(false);
+    otherProcess()->file().setPlugged(true);
+    EXPECT_EQ(trySign(key, hash), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5) << "the PIN was checked again";
+}
+
+} // namespace
+} // namespace softkey::test
