@@ -38,7 +38,7 @@ std::string baseFolder()
 /// The same text on every system, separators included.
 std::string certificateFolder()
 {
-    const std::string folder = baseFolder() + "\\VelkorDSC" + "\\Certificates";
+    std::string folder = baseFolder() + "\\VelkorDSC" + "\\Certificates";
     logDebug(message("CA Folder: ", folder));
     return folder;
 }
