@@ -104,12 +104,11 @@ std::shared_ptr<Unlocked> SoftKey::authorise(const Contents& contents, std::stri
 {
     if (pin.empty())
         throw Refusal::ofPin(SoftkeyStatus::PinRequired, contents.userPin.triesLeft);
-    if (contents.userPin.triesLeft == 0)
-        throw Refusal::ofPin(SoftkeyStatus::PinLocked, 0);
     if (std::shared_ptr<Unlocked> known = openedBy(pin, contents))
         return known;
     const std::lock_guard lock(checkMutex_);
-    // Another thread may have unlocked the key while this one waited.
+    // Another thread may have unlocked the key while this one waited. Only the check itself tells that a PIN is
+    // locked: while someone else's last try is being checked, no tries are left either.
     if (std::shared_ptr<Unlocked> known = openedBy(pin, *pluggedContents()))
         return known;
     return unlock(pin);
