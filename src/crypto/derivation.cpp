@@ -110,7 +110,7 @@ std::optional<VelkorKeyPair> findBaseKey(const SessionRecord& session, CK_OBJECT
     const CK_OBJECT_HANDLE id = hBaseKey - PRIVATE_KEY_BASE;
     if (id >= PUBLIC_KEY_BASE - PRIVATE_KEY_BASE) // Also where the difference has wrapped around.
         return std::nullopt;
-    logDebug(message("key id :: ", id));
+    logDebug("key id :: ", id);
     return findKeyPair(session, id);
 }
 
@@ -134,8 +134,8 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     if (!keyPair)
         return CKR_KEY_HANDLE_INVALID;
     const std::span<const unsigned char> peer(parameter->pPublicData, parameter->ulPublicDataLen);
-    logDebug(message("base key id :: ", Utils::toHexadecimal(keyPair->keyIdentifier)));
-    logDebug(message("public key :: ", Utils::toHexadecimal(peer)));
+    logDebug("base key id :: ", Utils::toHexadecimal(keyPair->keyIdentifier));
+    logDebug("public key :: ", [&] { return Utils::toHexadecimal(peer); });
     SecretBytes value;
     CK_RV result = deriveSecret(session, *keyPair, peer, value);
     if (result == CKR_OK)
@@ -145,6 +145,6 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     if (const CK_ULONG length = requestedLength(pTemplate, ulAttributeCount); length != 0)
         cut(value, length);
     *phKey = store(std::move(value));
-    logDebug(message("C_DeriveKey: done, handle=", *phKey));
+    logDebug("C_DeriveKey: done, handle=", *phKey);
     return CKR_OK;
 }

@@ -111,8 +111,8 @@ EncryptionType encryptionTypeOf(std::uint32_t keyKind)
     }
 }
 
-/// Has the library encrypt into `resultBuffer`; gives its status.
-int encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
+/// Has the library encrypt into `resultBuffer`.
+CK_RV encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
     const VelkorKeyPair keyPair = selectedKeyPair(session);
     const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(keyPair));
@@ -122,10 +122,10 @@ int encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen
     const int status =
         velkor_encrypt(encryptionTypeOf(keyPair.keyKind), padding, pData, deviceLength(ulDataLen), ciphertext.data(),
                        &length, publicKey.data(), deviceLength(publicKey.size()), moduleState().libraryInstance);
-    if (status == 0)
-        session.resultBuffer.assign(ciphertext.begin(),
-                                    ciphertext.begin() + std::clamp(length, 0, CIPHERTEXT_CAPACITY));
-    return status;
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Encrypt data failed : ", status);
+    session.resultBuffer.assign(ciphertext.begin(), ciphertext.begin() + std::clamp(length, 0, CIPHERTEXT_CAPACITY));
+    return CKR_OK;
 }
 
 /// Has the device decrypt into `resultBuffer`; gives its status. The device is not told the padding.
@@ -166,15 +166,10 @@ CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, 
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulEncryptedDataLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
-    if (session.resultBuffer.empty()) { // Otherwise a length query has left the ciphertext.
-        const int status = encryptData(session, pData, ulDataLen);
-        if (status != 0) {
-            session.activeOperation = ActiveOperation::None;
-            session.cipherMechanism = 0;
-            return refuse(CKR_FUNCTION_FAILED, "Encrypt data failed : ", status);
-        }
-    }
-    result = deliver(session, "C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen);
+    if (session.resultBuffer.empty()) // Otherwise a length query has left the ciphertext.
+        result = endIfFailed(session, [&] { return encryptData(session, pData, ulDataLen); });
+    if (result == CKR_OK)
+        result = deliver(session, "C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen);
     if (session.activeOperation == ActiveOperation::None)
         session.cipherMechanism = 0;
     return result;

@@ -67,7 +67,7 @@ CK_KEY_TYPE readPrivateTemplate(Template attributes, VelkorKeyPair& keyPair)
 CK_RV readModulusBits(const CK_ATTRIBUTE& attribute, VelkorKeyPair& keyPair)
 {
     const CK_ULONG bits = integerOf(attribute);
-    logDebug(message("C_GenerateKeyPair - modulusBits : ", bits));
+    logDebug("C_GenerateKeyPair - modulusBits : ", bits);
     if (bits == RSA_1024_BITS)
         return refuse(
             CKR_KEY_SIZE_RANGE,
@@ -117,7 +117,7 @@ CK_RV generateKeyPair(const SessionRecord& session, const KeyPairRequest& reques
     keyPair.keyKind = KEY_KIND_RSA_2048;
     const CK_KEY_TYPE keyType =
         readPrivateTemplate({request.pPrivateKeyTemplate, request.ulPrivateKeyAttributeCount}, keyPair);
-    logDebug(message("C_GenerateKeyPair - keytype : ", keyType));
+    logDebug("C_GenerateKeyPair - keytype : ", keyType);
     result = readPublicTemplate({request.pPublicKeyTemplate, request.ulPublicKeyAttributeCount}, keyType, keyPair);
     if (result != CKR_OK)
         return result;

@@ -1,13 +1,11 @@
 #include "crypto/operation.h"
 
 #include <algorithm>
-#include <array>
 
 #include "device/device_service.h"
 #include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
-#include "platform/platform.h"
 
 CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
 {
@@ -63,26 +61,25 @@ CK_RV hashPart(SessionRecord& session, int hashAlgorithm, const CK_BYTE* pPart, 
                const HashFailureTexts& texts)
 {
     void* instance = moduleState().libraryInstance;
-    if (session.hashContext == nullptr) {
-        const int status = velkor_initHash(session.deviceId(), hashAlgorithm, &session.hashContext, instance);
+    void* context = std::exchange(session.hashContext, nullptr);
+    if (context == nullptr) {
+        const int status = velkor_initHash(session.deviceId(), hashAlgorithm, &context, instance);
         if (status != 0)
             return refuse(CKR_FUNCTION_FAILED, texts.init, status);
     }
-    const int status = velkor_updateHash(session.hashContext, pPart, deviceLength(ulPartLen), instance);
-    if (status != 0) {
-        session.hashContext = nullptr;
+    const int status = velkor_updateHash(context, pPart, deviceLength(ulPartLen), instance);
+    if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, texts.update, status);
-    }
+    session.hashContext = context;
     return CKR_OK;
 }
 
 int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash)
 {
-    std::array<unsigned char, HASH_CAPACITY> buffer{};
+    SecretBytes buffer(HASH_CAPACITY); // A derived key may come from it.
     int length = lengthOnEntry;
     const int status = velkor_finalHash(hashContext, buffer.data(), &length, moduleState().libraryInstance);
     if (status == 0)
         hash.assign(buffer.begin(), buffer.begin() + std::clamp(length, 0, HASH_CAPACITY));
-    platform::secureWipe(buffer.data(), buffer.size()); // A derived key may come from it.
     return status;
 }

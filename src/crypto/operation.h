@@ -2,6 +2,8 @@
 // calls of the device library.
 #pragma once
 
+#include <utility>
+
 #include "cryptoki.h"
 #include "sessions/session_record.h"
 #include "util/secret.h"
@@ -17,6 +19,17 @@ CK_RV requireState(const SessionRecord& session, const char* function);
 /// result is emptied and the operation ends.
 CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
               CK_ULONG* pulOutputLen);
+
+/// Takes a step that ends the operation when it fails, be it by an exception.
+template <typename Step>
+CK_RV endIfFailed(SessionRecord& session, const Step& step)
+{
+    const ActiveOperation operation = std::exchange(session.activeOperation, ActiveOperation::None);
+    const CK_RV result = step();
+    if (result == CKR_OK)
+        session.activeOperation = operation;
+    return result;
+}
 
 /// Log texts of a hash that fails at one of its steps; the library's status follows.
 struct HashFailureTexts {

@@ -4,6 +4,7 @@
 #include <array>
 #include <iterator>
 #include <span>
+#include <utility>
 
 #include "crypto/operation.h"
 #include "device/device_service.h"
@@ -86,7 +87,7 @@ CK_RV checkMechanism(const SessionRecord& session, const CK_MECHANISM& mechanism
             return refuse(CKR_MECHANISM_PARAM_INVALID, "C_SignInit: mechanism param invalid for mechanism=", type);
         return CKR_OK;
     }
-    logDebug(message("firmware veriosn :: ", session.token.firmwareVersion));
+    logDebug("firmware veriosn :: ", session.token.firmwareVersion);
     if (!isFirmwareRecent(session.token))
         return refuse(CKR_MECHANISM_INVALID, "C_SignInit: CKM_RSA_PKCS_PSS not supported on firmware ",
                       session.token.firmwareVersion);
@@ -125,9 +126,9 @@ int signHash(SessionRecord& session, Input hash)
 
 void logInput(const SessionRecord& session, Input hash)
 {
-    logDebug(message("Sign: password empty=", cachedPassword().empty() ? 1 : 0, " hashLen=", hash.size(),
-                     " session state=", stateOf(session)));
-    logDebug(message("Sign input hash : ", hash.empty() ? "NULL or empty" : Utils::toHexadecimal(hash)));
+    logDebug("Sign: password empty=", cachedPassword().empty() ? 1 : 0, " hashLen=", hash.size(),
+             " session state=", stateOf(session));
+    logDebug("Sign input hash : ", [&] { return hash.empty() ? "NULL or empty" : Utils::toHexadecimal(hash); });
 }
 
 /// Everything between the arguments and the kept signature. What fails here ends the operation.
@@ -158,8 +159,7 @@ CK_RV finishGathering(SessionRecord& session)
     const MechanismRow* row = findSignatureMechanism(session.mechanism);
     if (row->family == SignatureFamily::Raw)
         return CKR_OK;
-    const int status = finishHash(session.hashContext, HASH_CAPACITY, session.hashBuffer);
-    session.hashContext = nullptr;
+    const int status = finishHash(std::exchange(session.hashContext, nullptr), HASH_CAPACITY, session.hashBuffer);
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", status);
     return CKR_OK;
@@ -167,22 +167,14 @@ CK_RV finishGathering(SessionRecord& session)
 
 CK_RV signGathered(SessionRecord& session)
 {
-    CK_RV result = finishGathering(session);
-    if (result == CKR_OK) {
-        const int status = signHash(session, session.hashBuffer);
-        if (status != 0)
-            result = refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", status);
-    }
-    wipe(session.hashBuffer);
-    return result;
-}
-
-/// Hands the result of a step on; one that failed ends the operation.
-CK_RV endIfFailed(SessionRecord& session, CK_RV result)
-{
+    const CK_RV result = finishGathering(session);
+    const SecretBytes hash = std::exchange(session.hashBuffer, {});
     if (result != CKR_OK)
-        session.activeOperation = ActiveOperation::None;
-    return result;
+        return result;
+    const int status = signHash(session, hash);
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", status);
+    return CKR_OK;
 }
 
 } // namespace
@@ -223,12 +215,12 @@ CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_
         return refuse(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
-    logDebug(message("sign echanism : ", session.mechanism));
+    logDebug("sign echanism : ", session.mechanism);
     if (session.resultBuffer.empty()) { // Otherwise a length query has left the signature.
         const MechanismRow* row = findSignatureMechanism(session.mechanism);
         if (row == nullptr)
             return refuse(CKR_MECHANISM_INVALID, "C_Sign: unsupported mechanism=", session.mechanism);
-        result = endIfFailed(session, signData(session, *row, pData, ulDataLen));
+        result = endIfFailed(session, [&] { return signData(session, *row, pData, ulDataLen); });
     }
     if (result == CKR_OK)
         result = deliver(session, "C_Sign", session.resultBuffer, pSignature, pulSignatureLen);
@@ -244,7 +236,7 @@ CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLe
         return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     const MechanismRow* row = findSignatureMechanism(session.mechanism);
     if (row->family == SignatureFamily::Hash)
-        return endIfFailed(session, hashPart(session, row->hash, pPart, ulPartLen, PART_FAILURES));
+        return endIfFailed(session, [&] { return hashPart(session, row->hash, pPart, ulPartLen, PART_FAILURES); });
     session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
     return CKR_OK;
 }
@@ -257,7 +249,7 @@ CK_RV signFinal(SessionRecord& session, CK_BYTE* pSignature, CK_ULONG* pulSignat
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
     if (session.resultBuffer.empty())
-        result = endIfFailed(session, signGathered(session));
+        result = endIfFailed(session, [&] { return signGathered(session); });
     if (result == CKR_OK)
         result = deliver(session, "C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen);
     return result;

@@ -1,6 +1,7 @@
 #include "crypto/verification.h"
 
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "crypto/operation.h"
@@ -35,16 +36,10 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
     return CKR_OK;
 }
 
-/// A bare RSA modulus is wrapped; everything else is passed on as the device stores it.
-std::vector<unsigned char> publicKeyForDevice(const VelkorKeyPair& keyPair)
+bool isBareModulus(const VelkorKeyPair& keyPair)
 {
     const Input stored = publicKeyOf(keyPair);
-    if (keyKindInfo(keyPair.keyKind).keyType == CKK_EC || stored.empty() || stored.front() == DER_TAG_SEQUENCE) {
-        logDebug("Public key passed as-is");
-        return {stored.begin(), stored.end()};
-    }
-    logDebug("Public key is not der need to convert to the der");
-    return rsaSubjectPublicKeyInfo(stored);
+    return keyKindInfo(keyPair.keyKind).keyType != CKK_EC && !stored.empty() && stored.front() != DER_TAG_SEQUENCE;
 }
 
 /// Asks the device for its verdict; gives its status.
@@ -68,8 +63,16 @@ CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK
         input = hash;
     }
     const VelkorKeyPair keyPair = selectedKeyPair(session);
-    const int status =
-        verifyHash(session, keyPair, input, publicKeyForDevice(keyPair), pSignature, ulSignatureLen, session.isPss);
+    Input publicKey = publicKeyOf(keyPair);
+    std::vector<unsigned char> wrapped;
+    if (isBareModulus(keyPair)) {
+        logDebug("Public key is not der need to convert to the der");
+        wrapped = rsaSubjectPublicKeyInfo(publicKey);
+        publicKey = wrapped;
+    } else {
+        logDebug("Public key passed as-is");
+    }
+    const int status = verifyHash(session, keyPair, input, publicKey, pSignature, ulSignatureLen, session.isPss);
     if (status != 0) // Whatever its cause.
         return refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : ", status);
     return CKR_OK;
@@ -78,15 +81,14 @@ CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK
 /// Unlike the single-part way: the public key as it is stored, and never as PSS.
 CK_RV verifyGathered(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
 {
+    SecretBytes hash = std::exchange(session.hashBuffer, {});
     if (findSignatureMechanism(session.mechanism)->multiPartVerifyHash != NO_HASH) {
-        const int status = finishHash(session.hashContext, HASH_CAPACITY, session.hashBuffer);
-        session.hashContext = nullptr;
+        const int status = finishHash(std::exchange(session.hashContext, nullptr), HASH_CAPACITY, hash);
         if (status != 0)
             return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", status);
     }
     const VelkorKeyPair keyPair = selectedKeyPair(session);
-    const int status =
-        verifyHash(session, keyPair, session.hashBuffer, publicKeyOf(keyPair), pSignature, ulSignatureLen, false);
+    const int status = verifyHash(session, keyPair, hash, publicKeyOf(keyPair), pSignature, ulSignatureLen, false);
     if (status != 0)
         return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed ", status);
     return CKR_OK;
@@ -137,7 +139,7 @@ CK_RV verify(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, c
 
 CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
 {
-    CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyUpdate");
+    const CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyUpdate");
     if (result != CKR_OK)
         return result;
     if (pPart == nullptr || ulPartLen == 0)
@@ -147,22 +149,17 @@ CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPart
         session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
         return CKR_OK;
     }
-    result = hashPart(session, hashAlgorithm, pPart, ulPartLen, PART_FAILURES);
-    if (result != CKR_OK)
-        session.activeOperation = ActiveOperation::None;
-    return result;
+    return endIfFailed(session, [&] { return hashPart(session, hashAlgorithm, pPart, ulPartLen, PART_FAILURES); });
 }
 
 CK_RV verifyFinal(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
 {
-    CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyFinal");
+    const CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyFinal");
     if (result != CKR_OK)
         return result;
     if (pSignature == nullptr || ulSignatureLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);
-    result = verifyGathered(session, pSignature, ulSignatureLen);
-    wipe(session.hashBuffer);
-    session.activeOperation = ActiveOperation::None;
-    return result;
+    session.activeOperation = ActiveOperation::None; // Whatever the verdict.
+    return verifyGathered(session, pSignature, ulSignatureLen);
 }

@@ -35,7 +35,7 @@ struct ModuleState {
     std::atomic<bool> stopMonitor = false;
     std::atomic<bool> slotEventPending = false;
     std::atomic<CK_SLOT_ID> eventSlotId = 0;
-    std::mutex deviceLock; ///< Held by the monitor while it scans the sessions.
+    std::mutex deviceLock; ///< Held by the monitor while it asks for the devices and scans the sessions.
     std::mutex eventLock;  ///< Hands `slotEventPending` and `eventSlotId` over; paired with `slotEventCv`.
     std::condition_variable slotEventCv;
 };

@@ -84,27 +84,12 @@ void appendLine(const std::string& path, int code, std::string text)
     file << text.append("\n") << std::flush;
 }
 
-/// A line that cannot be written, for whatever reason, is dropped.
-template <typename Condition>
-void writeIf(int code, std::string text, const Condition& isWanted) noexcept
-{
-    try {
-        if (isWanted(readLevel()))
-            writeLogLine(code, std::move(text));
-    } catch (...) { // NOLINT(bugprone-empty-catch)
-    }
-}
-
 } // namespace
 
-void logDebug(std::string text) noexcept
+bool isLogged(LogCode code)
 {
-    writeIf(LOG_DEBUG, std::move(text), [](const auto& level) { return level == LOG_DEBUG; });
-}
-
-void logError(std::string text) noexcept
-{
-    writeIf(LOG_ERROR, std::move(text), [](const auto& level) { return !level || *level >= LOG_ERROR; });
+    const std::optional<signed char> level = readLevel();
+    return code == LOG_DEBUG ? level == LOG_DEBUG : !level || *level >= LOG_ERROR;
 }
 
 void writeLogLine(int code, std::string text)

@@ -11,17 +11,42 @@
 /// Level codes of `writeLogLine`. Any other code is tagged as information.
 enum LogCode : int { LOG_EXCEPTION = 1, LOG_ERROR = 2, LOG_DEBUG = 3 };
 
-/// Writes a line when `logLevel` is exactly 3. No failure of the log reaches the caller.
-void logDebug(std::string text) noexcept;
+/// Appends a line to today's file. Failures go to standard output, never to the caller.
+void writeLogLine(int code, std::string text);
 
-/// Writes a line when `logLevel` is absent, or 2 and above.
-void logError(std::string text) noexcept;
+/// Whether lines of a level, LOG_DEBUG or LOG_ERROR, are written at this moment.
+bool isLogged(LogCode code);
+
+/// Writes a line when its level is logged. Its text is composed only then. No failure of the log reaches the caller.
+template <typename... Pieces>
+void logLine(LogCode code, const Pieces&... pieces) noexcept
+{
+    try {
+        if (isLogged(code))
+            writeLogLine(code, message(pieces...));
+    } catch (...) { // NOLINT(bugprone-empty-catch)
+    }
+}
+
+/// Writes a line made of `pieces` when `logLevel` is exactly 3.
+template <typename... Pieces>
+void logDebug(const Pieces&... pieces) noexcept
+{
+    logLine(LOG_DEBUG, pieces...);
+}
+
+/// Writes a line made of `pieces` when `logLevel` is absent, or 2 and above.
+template <typename... Pieces>
+void logError(const Pieces&... pieces) noexcept
+{
+    logLine(LOG_ERROR, pieces...);
+}
 
 /// Logs an error line made of `pieces` and gives back `code`.
 template <typename Code, typename... Pieces>
-Code refuse(Code code, const Pieces&... pieces)
+Code refuse(Code code, const Pieces&... pieces) noexcept
 {
-    logError(message(pieces...));
+    logError(pieces...);
     return code;
 }
 
@@ -29,9 +54,6 @@ Code refuse(Code code, const Pieces&... pieces)
 extern std::mutex* logLock;
 
 // ---- The steps of a line, for its tests ----
-
-/// Appends a line to today's file. Failures go to standard output, never to the caller.
-void writeLogLine(int code, std::string text);
 
 /// Fills the buffer with the temporary folder and gives 0; zeroes it and gives -1 when there is no such folder.
 int getLogBaseFolderPath(char* buffer, std::size_t size);

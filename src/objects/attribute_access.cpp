@@ -29,7 +29,7 @@ CK_RV deliver(CK_ATTRIBUTE& attribute, CK_ULONG index, std::span<const unsigned 
     if (attribute.pValue != nullptr)
         std::copy(value.begin(), value.end(), static_cast<unsigned char*>(attribute.pValue));
     attribute.ulValueLen = length;
-    logDebug(message("C_GetAttributeValue length : ", length));
+    logDebug("C_GetAttributeValue length : ", length);
     return CKR_OK;
 }
 
@@ -38,7 +38,7 @@ CK_RV answerTemplate(const ObjectView& object, std::span<CK_ATTRIBUTE> attribute
     for (CK_ULONG index = 0; index < attributes.size(); ++index) {
         CK_ATTRIBUTE& attribute = attributes[index];
         const CK_ATTRIBUTE_TYPE type = attribute.type;
-        logDebug(message("C_GetAttributeValue type : ", type));
+        logDebug("C_GetAttributeValue type : ", type);
         const CK_RV result = deliver(attribute, index, attributeValue(object, type));
         if (result != CKR_OK)
             return result;
@@ -101,7 +101,7 @@ KeyPairChanges readChanges(std::span<const CK_ATTRIBUTE> attributes)
         if (!hasValue(attribute))
             continue;
         const auto value = bytesOf(attribute);
-        logDebug(message("C_SetAttributeValue - attrip type : ", CK_ATTRIBUTE_TYPE{attribute.type}));
+        logDebug("C_SetAttributeValue - attrip type : ", CK_ATTRIBUTE_TYPE{attribute.type});
         if (attribute.type == CKA_LABEL)
             changes.label.emplace(value.begin(), value.end());
         else if (attribute.type == CKA_ID)
@@ -171,7 +171,7 @@ CK_RV getAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
 {
     if (pTemplate == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GetAttributeValue template is null");
-    logDebug(message("C_GetAttributeValue count : ", ulCount));
+    logDebug("C_GetAttributeValue count : ", ulCount);
     if (ulCount == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_GetAttributeValue: ulCount<=0");
     // The first handle of the certificate range is refused although a certificate may have the id 0.

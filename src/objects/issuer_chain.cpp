@@ -39,7 +39,7 @@ std::string baseFolder()
 std::string certificateFolder()
 {
     std::string folder = baseFolder() + "\\VelkorDSC" + "\\Certificates";
-    logDebug(message("CA Folder: ", folder));
+    logDebug("CA Folder: ", folder);
     return folder;
 }
 
@@ -78,7 +78,7 @@ std::vector<VelkorCertificate> issuerChain(const VelkorCertificate& leaf, const 
         const auto found = issuers.find(current);
         // Issuers that name each other in a circle never reach a root: as good as missing.
         if (found == issuers.end() || !visited.insert(current).second) {
-            logDebug(message("Issuer '", current, "' NOT found — skipping chain import"));
+            logDebug("Issuer '", current, "' NOT found — skipping chain import");
             return {};
         }
         chain.push_back(found->second.certificate);

@@ -22,8 +22,10 @@ std::optional<CertificateDetails> parse(const VelkorCertificate& certificate)
 
 std::optional<CertificateDetails> detailsOfSameKey(const SessionRecord& session, const VelkorKeyPair& keyPair)
 {
-    for (const VelkorCertificate& certificate :
-         velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance)) {
+    // A copy: parsing calls the library, which may change its list meanwhile.
+    const std::vector<VelkorCertificate> certificates =
+        velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance);
+    for (const VelkorCertificate& certificate : certificates) {
         auto details = parse(certificate);
         if (details && sameBytes(details->publicKey, publicKeyOf(keyPair)))
             return details;
@@ -47,7 +49,7 @@ std::string labelOf(const VelkorCertificate& certificate)
     if (!details)
         return label;
     label = computedLabel(*details);
-    logDebug(message("Empty certificate label, computed: ", label));
+    logDebug("Empty certificate label, computed: ", label);
     return label;
 }
 
@@ -60,7 +62,7 @@ std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
     if (!details)
         return label;
     label = computedLabel(*details);
-    logDebug(message("Empty key pair label, computed: ", label));
+    logDebug("Empty key pair label, computed: ", label);
     const SecretText password = cachedPassword();
     if (!password.empty())
         velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, password.c_str(), label.c_str(), nullptr,

@@ -13,7 +13,7 @@ CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
     const auto keyPair = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
     if (!keyPair) {
-        logDebug(message("Input keypair not found in destroy : ", hObject));
+        logDebug("Input keypair not found in destroy : ", hObject);
         return CKR_OBJECT_HANDLE_INVALID;
     }
     const int status = velkor_deleteKeyPair(session.deviceId(), keyPair->keyIdentifier, cachedPassword().c_str(),
@@ -27,7 +27,7 @@ CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
     const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
     if (!certificate) {
-        logDebug(message("Input certificate not found in destroy : ", hObject));
+        logDebug("Input certificate not found in destroy : ", hObject);
         return CKR_OBJECT_HANDLE_INVALID;
     }
     const int status = velkor_deleteCertificate(session.deviceId(), certificate->certificateIdentifier,
@@ -43,10 +43,10 @@ CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
     const CK_STATE state = stateOf(session);
     if (isReadOnly(state)) {
-        logDebug(message("Delete session state invalid : ", state));
+        logDebug("Delete session state invalid : ", state);
         return CKR_SESSION_READ_ONLY;
     }
-    logDebug(message("Delete key pair id : ", hObject));
+    logDebug("Delete key pair id : ", hObject);
     if (hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE)
         return destroyKeyPair(session, hObject);
     // A key pair goes through its private key's handle only.

@@ -44,7 +44,7 @@ NewObject readTemplate(std::span<const CK_ATTRIBUTE> attributes)
         if (!hasValue(attribute))
             continue;
         const CK_ATTRIBUTE_TYPE type = attribute.type;
-        logDebug(message("C_CreateObject - attrip type : ", type));
+        logDebug("C_CreateObject - attrip type : ", type);
         switch (type) {
         case CKA_CLASS:
             object.objectClass = integerOf(attribute);
@@ -104,7 +104,7 @@ std::string labelFor(const NewObject& object, const CertificateDetails& details)
     if (!label.empty())
         return label;
     label = computedLabel(details);
-    logDebug(message("Label not provided, using: ", label));
+    logDebug("Label not provided, using: ", label);
     return label;
 }
 
@@ -168,7 +168,7 @@ void updateKeyPairAlias(const SessionRecord& session, const CertificateDetails& 
     });
     if (keyPair == keyPairs.end() || !Utils::trimmed(storedLabelOf(*keyPair)).empty())
         return;
-    logDebug(message("Updating empty key pair alias to: ", label));
+    logDebug("Updating empty key pair alias to: ", label);
     const SecretText password = cachedPassword();
     if (!password.empty())
         velkor_updateKeyPairDetails(session.deviceId(), keyPair->keyIdentifier, password.c_str(), label.c_str(),

@@ -43,7 +43,7 @@ CK_RV readClass(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteria& c
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, "C_FindObjectsInit: wrong size for CKA_CLASS at index=", index,
                       " ulValueLen=", CK_ULONG{attribute.ulValueLen});
     std::memcpy(&criteria.objectClass, attribute.pValue, sizeof criteria.objectClass);
-    logDebug(message("Find object class : ", criteria.objectClass));
+    logDebug("Find object class : ", criteria.objectClass);
     return CKR_OK;
 }
 
@@ -56,7 +56,7 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
     if (attribute.ulValueLen == 0)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, "C_FindObjectsInit: ulValueLen<=0 at attribute index=", index,
                       " type=", type);
-    logDebug(message("Find object init type : ", type));
+    logDebug("Find object init type : ", type);
     switch (type) {
     case CKA_CLASS:
         return readClass(attribute, index, criteria);
@@ -74,7 +74,7 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
         break;
     case CKA_MODULUS:
         criteria.modulus = copyOfValue(attribute);
-        logDebug(message("Modulus provided length : ", CK_ULONG{attribute.ulValueLen}));
+        logDebug("Modulus provided length : ", CK_ULONG{attribute.ulValueLen});
         break;
     default:
         break;
@@ -131,7 +131,7 @@ DeviceContents fetchInitializedContents(const SessionRecord& session)
     const int result = velkor_initDevice(session.deviceId(), true, moduleState().libraryInstance);
     if (result == 0)
         return fetchContents(session);
-    logError(message("Init device for certificates in find objects failed : ", result));
+    logError("Init device for certificates in find objects failed : ", result);
     return contents;
 }
 
@@ -223,7 +223,7 @@ CK_RV findObjectsInit(SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_
     if (pTemplate == nullptr && ulCount != 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_FindObjectsInit: pTemplate is NULL with ulCount=", ulCount);
     resetSearch(session); // Also where the template is refused; an operation in progress is not asked about.
-    logDebug(message("Find object init count : ", ulCount));
+    logDebug("Find object init count : ", ulCount);
     SearchCriteria criteria;
     for (CK_ULONG index = 0; index < ulCount; ++index) {
         const CK_RV result = readCriterion(pTemplate[index], index, criteria);
@@ -232,7 +232,7 @@ CK_RV findObjectsInit(SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_
     }
     DeviceContents contents = fetchInitializedContents(session);
     if (criteria.id)
-        logDebug(message("Find init id : ", Utils::toHexadecimal(*criteria.id)));
+        logDebug("Find init id : ", Utils::toHexadecimal(*criteria.id));
     select(session, criteria, std::move(contents));
     session.activeOperation = ActiveOperation::Find;
     return CKR_OK;
@@ -250,17 +250,17 @@ CK_RV findObjects(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG u
         return refuse(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL");
     *pulObjectCount = 0;
     const std::vector<CK_OBJECT_HANDLE> handles = foundHandles(session);
-    logDebug(message("C_FindObjects find object count : ", handles.size()));
+    logDebug("C_FindObjects find object count : ", handles.size());
     if (handles.empty()) {
         logDebug("C_FindObjects find object count 0");
         return CKR_OK;
     }
     if (ulMaxObjectCount == 0) {
-        logDebug(message("C_FindObjects find object max count is 0 : ", ulMaxObjectCount));
+        logDebug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
         return CKR_OK;
     }
     *pulObjectCount = handOut(session, handles, phObject, ulMaxObjectCount);
-    logDebug(message("C_FindObjects find object count return : ", *pulObjectCount));
+    logDebug("C_FindObjects find object count return : ", *pulObjectCount);
     return CKR_OK;
 }
 

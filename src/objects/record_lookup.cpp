@@ -30,13 +30,16 @@ CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey)
 std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id)
 {
     ModuleState& state = moduleState();
-    return find(velkor_getKeyPairList(session.deviceId(), state.libraryInstance), id, state.foundKeyPair);
+    const std::vector<VelkorKeyPair> keyPairs = velkor_getKeyPairList(session.deviceId(), state.libraryInstance);
+    return find(keyPairs, id, state.foundKeyPair);
 }
 
 std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id)
 {
     ModuleState& state = moduleState();
-    return find(velkor_getCertificateList(session.deviceId(), state.libraryInstance), id, state.foundCertificate);
+    const std::vector<VelkorCertificate> certificates =
+        velkor_getCertificateList(session.deviceId(), state.libraryInstance);
+    return find(certificates, id, state.foundCertificate);
 }
 
 std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id)

@@ -1,5 +1,6 @@
 #include "sessions/login.h"
 
+#include <utility>
 #include <vector>
 
 #include "device/device_service.h"
@@ -65,7 +66,7 @@ CK_RV validatePin(const SessionRecord& session, const SecretText& pin, int userK
         velkor_validatePassword(session.deviceId(), pin.c_str(), userKind, &retryCount, moduleState().libraryInstance);
     if (result == 0)
         return CKR_OK;
-    logError(message("Token password validation failed : ", result));
+    logError("Token password validation failed : ", result);
     if (result == STATUS_CHECK_NOT_POSSIBLE)
         return CKR_FUNCTION_FAILED;
     return refuse(retryCount != 0 ? CKR_PIN_INCORRECT : CKR_PIN_LOCKED,
@@ -94,17 +95,17 @@ std::vector<Transition> raiseSessions(const SessionRecord& session, CK_USER_TYPE
                                 : moveSessionsOfSameToken(session, SO_LOGIN);
 }
 
-void cachePin(const SecretText& pin)
+void cachePin(SecretText pin)
 {
     ModuleState& state = moduleState();
     const std::scoped_lock lock(state.lock);
-    state.cachedUserPassword = pin;
+    state.cachedUserPassword = std::move(pin);
 }
 
 /// The states change even where a session makes the result an error; the last such session decides.
 CK_RV finishLogin(const SessionRecord& session, CK_USER_TYPE userType)
 {
-    logDebug(message("Login state : ", stateOf(session)));
+    logDebug("Login state : ", stateOf(session));
     CK_RV result = CKR_OK;
     for (const Transition& transition : raiseSessions(session, userType)) {
         if (transition.error != nullptr)
@@ -112,7 +113,7 @@ CK_RV finishLogin(const SessionRecord& session, CK_USER_TYPE userType)
         if (transition.result != CKR_OK)
             result = transition.result;
     }
-    logDebug(message("Login end result : ", result));
+    logDebug("Login end result : ", result);
     return result;
 }
 
@@ -134,14 +135,14 @@ CK_RV setPin(const SessionRecord& session, const CK_UTF8CHAR* pOldPin, CK_ULONG 
         return refuse(CKR_PIN_LEN_RANGE, "C_SetPIN: new pin length out of range, ulNewLen=", ulNewLen);
     ModuleState& state = moduleState();
     const SecretText oldPin(pOldPin, ulOldLen);
-    const SecretText newPin(pNewPin, ulNewLen);
+    SecretText newPin(pNewPin, ulNewLen);
     int failureCount = 0;
     if (!velkor_changeUserPassword(session.deviceId(), oldPin.c_str(), newPin.c_str(), &failureCount, false, false,
                                    state.libraryInstance))
         return refuse(CKR_FUNCTION_FAILED, "C_SetPIN: velkor_changeUserPassword failed, failureCount=", failureCount);
     const std::scoped_lock lock(state.lock);
     if (!state.cachedUserPassword.empty())
-        state.cachedUserPassword = newPin;
+        state.cachedUserPassword = std::move(newPin);
     return CKR_OK;
 }
 
@@ -159,14 +160,14 @@ CK_RV login(const SessionRecord& session, CK_USER_TYPE userType, const CK_UTF8CH
         return refuse(CKR_ARGUMENTS_BAD, "C_Login: pPin is NULL");
     if (!isPinLengthAccepted(ulPinLen))
         return refuse(CKR_PIN_LEN_RANGE, "C_Login: pin length out of range, ulPinLen=", ulPinLen);
-    const SecretText pin(pPin, ulPinLen);
+    SecretText pin(pPin, ulPinLen);
     if (!asUser || !isCachedPin(pin)) {
         const CK_RV result = validatePin(session, pin, asUser ? DEVICE_USER : DEVICE_SECURITY_OFFICER);
         if (result != CKR_OK)
             return result;
     }
     if (asUser)
-        cachePin(pin);
+        cachePin(std::move(pin));
     return finishLogin(session, userType);
 }
 

@@ -16,7 +16,7 @@ enum class ActiveOperation : CK_ULONG {
     Digest = 4,
     Sign = 5,
     Verify = 7,
-    DigestEncrypt = 9, // Nothing accepts or leaves these two.
+    DigestEncrypt = 9, // No call accepts these two; only a search takes their place.
     DigestDecrypt = 10,
 };
 

@@ -38,7 +38,7 @@ CK_RV openSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_SESSION_HANDLE* phSessio
     session->slotID = slotID;
     session->token = std::move(*token);
     *phSession = insertSession(std::move(session));
-    logDebug(message("Opensession  : ", *phSession));
+    logDebug("Opensession  : ", *phSession);
     return CKR_OK;
 }
 

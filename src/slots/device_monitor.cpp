@@ -49,6 +49,7 @@ std::size_t scanDevices(SecretText* password)
     const std::scoped_lock scanning(moduleState().deviceLock);
     const std::vector<std::string> devices = queryDevices();
     const int loggedOut = logOutSessionsWithoutDevice(devices, password);
+    // Written when the sessions are free again: a slow disk must not keep the application's calls waiting.
     for (int session = 0; session < loggedOut; ++session)
         logDebug("Device disconnected, clearing userPassword");
     return devices.size();
@@ -72,7 +73,7 @@ void runCycle(SecretText* password, std::size_t& previousCount)
         const std::size_t count = scanDevices(password);
         if (count == previousCount)
             return;
-        logDebug(message("Slot event: device count changed from ", previousCount, " to ", count));
+        logDebug("Slot event: device count changed from ", previousCount, " to ", count);
         raiseSlotEvent();
         previousCount = count;
     } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
@@ -85,7 +86,7 @@ CK_RV takeSlotEvent(CK_SLOT_ID* pSlot)
     if (!state.slotEventPending.exchange(false))
         return refuse(CKR_NO_EVENT, "C_WaitForSlotEvent: no event pending (non-blocking)");
     *pSlot = state.eventSlotId;
-    logDebug(message("C_WaitForSlotEvent: non-blocking, returning slot ", *pSlot));
+    logDebug("C_WaitForSlotEvent: non-blocking, returning slot ", *pSlot);
     return CKR_OK;
 }
 
@@ -99,7 +100,7 @@ CK_RV awaitSlotEvent(CK_SLOT_ID* pSlot)
                       "C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED");
     state.slotEventPending = false;
     *pSlot = state.eventSlotId;
-    logDebug(message("C_WaitForSlotEvent: blocking, returning slot ", *pSlot));
+    logDebug("C_WaitForSlotEvent: blocking, returning slot ", *pSlot);
     return CKR_OK;
 }
 

@@ -55,7 +55,7 @@ CK_RV getMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_I
 {
     if (pInfo == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GetMechanismInfo: pInfo is NULL");
-    logDebug(message("C_GetMechanismInfo -- type : ", type));
+    logDebug("C_GetMechanismInfo -- type : ", type);
     const MechanismRow* row = findMechanism(type);
     if (row == nullptr)
         return refuse(CKR_MECHANISM_INVALID, "C_GetMechanismInfo: unsupported mechanism type=", type);

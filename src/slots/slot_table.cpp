@@ -45,7 +45,7 @@ CK_VERSION parseVersion(const std::string& text)
 CK_ULONG rebuildSlotTable(const std::vector<std::string>& deviceNames, CK_SLOT_ID* pSlotList)
 {
     ModuleState& state = moduleState();
-    std::map<std::string, TokenInfo> slots;
+    std::map<std::string, TokenInfo> slots; // Apart, so that no other thread finds it half full.
     CK_ULONG count = 0;
     for (const std::string& name : deviceNames) {
         TokenInfo token = velkor_getTokenInfo(name.c_str(), state.libraryInstance);

@@ -50,6 +50,7 @@ public:
     }
 
     SecretText(const SecretText& other) = default;
+    SecretText(SecretText&& other) noexcept = default;
     ~SecretText() = default;
 
     SecretText& operator=(SecretText other) noexcept

@@ -24,11 +24,13 @@ auto piece(const Piece& value)
 {
     if constexpr (std::is_convertible_v<Piece, std::string_view>)
         return std::string_view(value);
+    else if constexpr (std::is_invocable_v<Piece>)
+        return value();
     else
         return decimal(value);
 }
 
-/// The pieces in a row: texts as they stand, numbers in decimal.
+/// The pieces in a row: texts as they stand, numbers in decimal. A long text may be a function that composes it.
 template <typename... Pieces>
 std::string message(const Pieces&... pieces)
 {
