@@ -90,12 +90,6 @@ protected:
         return answer(C_WaitForSlotEvent, CKF_DONT_BLOCK, &slot_, nullptr);
     }
 
-    long timesLogged(const std::string& line) const
-    {
-        const std::vector<std::string> lines = wholeLog();
-        return std::count(lines.begin(), lines.end(), line);
-    }
-
     std::atomic<bool> queriesFail_ = false;
     CK_SLOT_ID slot_ = UNTOUCHED;
 

@@ -119,12 +119,17 @@ protected:
         return lines;
     }
 
-    /// Waits until some thread has written a line; false when it does not come.
-    bool waitForLine(const std::string& line) const
+    long timesLogged(const std::string& line) const
+    {
+        const std::vector<std::string> lines = wholeLog();
+        return std::count(lines.begin(), lines.end(), line);
+    }
+
+    /// Waits until threads have written a line that often; false when it does not come.
+    bool waitForLine(const std::string& line, long times = 1) const
     {
         for (int round = 0; round < 1000; ++round) {
-            const std::vector<std::string> lines = wholeLog();
-            if (std::find(lines.begin(), lines.end(), line) != lines.end())
+            if (timesLogged(line) >= times)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }

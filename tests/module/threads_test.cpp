@@ -1,4 +1,5 @@
 // Several application threads beside the monitor, and device calls that take their time.
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -278,6 +279,17 @@ protected:
         C_Finalize(nullptr);
         BlockedDeviceTest::TearDown();
     }
+
+    /// Starts C_Finalize beside the test; it does not come to its end before the gate is open.
+    std::future<CK_RV> finalizeBeside() const
+    {
+        std::future<CK_RV> finalize = std::async(std::launch::async, C_Finalize, nullptr);
+        EXPECT_TRUE(waitForLine("DEBUG C_Finalize"));
+        return finalize;
+    }
+
+    /// A waiter that nothing wakes gets the event of the next start, which ends the test.
+    std::vector<std::future<CK_RV>> waiters_;
 };
 
 TEST_F(BlockedMonitorTest, StopsNoEntryPoint)
@@ -291,6 +303,39 @@ TEST_F(BlockedMonitorTest, StopsNoEntryPoint)
     gate_.letGo();
     CK_SLOT_ID slot = 0;
     EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK);
+}
+
+TEST_F(BlockedMonitorTest, FinalizeWakesEveryWaiterBeforeItJoins)
+{
+    for (int waiter = 0; waiter < 2; ++waiter) {
+        waiters_.push_back(std::async(std::launch::async, [] {
+            CK_SLOT_ID slot = 0;
+            return C_WaitForSlotEvent(0, &slot, nullptr);
+        }));
+    }
+    EXPECT_TRUE(waitForLine("DEBUG C_WaitForSlotEvent", 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // From the entry line to the wait.
+    std::future<CK_RV> finalize = finalizeBeside();
+    for (std::future<CK_RV>& waiter : waiters_) {
+        EXPECT_TRUE(waiter.wait_for(LONG_ENOUGH) == std::future_status::ready &&
+                    waiter.get() == CKR_CRYPTOKI_NOT_INITIALIZED);
+    }
+    EXPECT_EQ(timesLogged("ERROR C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED"), 2);
+    EXPECT_EQ(timesLogged("DEBUG Session monitor thread stopped."), 0);
+    gate_.letGo();
+    EXPECT_EQ(finalize.get(), CKR_OK);
+}
+
+TEST_F(BlockedMonitorTest, FinalizeWaitsForTheQueryOfTheMonitor)
+{
+    std::atomic<int> releases = 0;
+    EXPECT_CALL(*device_, velkor_releaseInstance).WillRepeatedly([&](void*) { ++releases; });
+    std::future<CK_RV> finalize = finalizeBeside();
+    EXPECT_EQ(finalize.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    EXPECT_EQ(releases, 0);
+    gate_.letGo();
+    EXPECT_EQ(finalize.get(), CKR_OK);
+    EXPECT_EQ(releases, 1);
 }
 
 } // namespace
