@@ -69,11 +69,11 @@ class SlotTest : public InitializedModuleTest
 {
 protected:
     /// Asks for the slot list with room for some IDs; gives the array as the call left it.
-    Slots fillList(CK_ULONG room)
+    Slots fillList(CK_ULONG room, int tokenPresent = CK_TRUE)
     {
         Slots slots(4, UNTOUCHED);
         count_ = room;
-        answer_ = answer(C_GetSlotList, CK_TRUE, slots.data(), &count_);
+        answer_ = answer(C_GetSlotList, tokenPresent, slots.data(), &count_);
         return slots;
     }
 
@@ -119,10 +119,15 @@ TEST_F(SlotListTest, AcceptsABufferOfExactlyTheRightSize)
 
 TEST_F(SlotListTest, IgnoresTokenPresent)
 {
+    tokenOf(FIRST_DEVICE).serialNumber = "";
     for (const int tokenPresent : {0, 1, 255}) {
         CK_ULONG count = 0;
         EXPECT_EQ(answer(C_GetSlotList, tokenPresent, nullptr, &count), LISTED);
         EXPECT_EQ(count, 2u);
+        EXPECT_EQ(fillList(4, tokenPresent), (Slots{FIRST_SLOT, UNTOUCHED, UNTOUCHED, UNTOUCHED}));
+        EXPECT_EQ(answer_, LISTED);
+        EXPECT_EQ(count_, 1u);
+        EXPECT_EQ(descriptionOf(FIRST_SLOT), "Second key");
     }
 }
 
@@ -143,12 +148,14 @@ TEST_F(SlotListTest, CountQueryWithoutDevicesGivesZero)
     EXPECT_EQ(count_, 0u);
 }
 
-TEST_F(SlotListTest, FillingWithoutDevicesGivesZero)
+TEST_F(SlotListTest, FillingWithoutDevicesGivesZeroAndEmptiesTheTable)
 {
+    fillList(4);
     setConnected({});
     EXPECT_EQ(fillList(4), Slots(4, UNTOUCHED));
     EXPECT_EQ(answer_, NONE_FOUND);
     EXPECT_EQ(count_, 0u);
+    EXPECT_EQ(slotInfo(FIRST_SLOT), CKR_SLOT_ID_INVALID);
 }
 
 TEST_F(SlotListTest, CountQueryWithoutDevicesEmptiesTheTable)
@@ -173,11 +180,13 @@ TEST_F(SlotListTest, CountQueryCountsUnusableDevicesAndFillingSkipsThem)
 
 TEST_F(SlotListTest, OnlyUnusableDevicesGiveAnEmptyListWithoutAnError)
 {
+    fillList(4);
     tokenOf(FIRST_DEVICE).serialNumber = "";
     tokenOf(SECOND_DEVICE).serialNumber = "";
     EXPECT_EQ(fillList(4), Slots(4, UNTOUCHED));
     EXPECT_EQ(answer_, LISTED);
     EXPECT_EQ(count_, 0u);
+    EXPECT_EQ(slotInfo(FIRST_SLOT), CKR_SLOT_ID_INVALID);
 }
 
 TEST_F(SlotListTest, CountQueryReadsNoTokenAndLeavesTheTable)
@@ -282,11 +291,45 @@ TEST_F(SlotListTest, FinalizeEmptiesTheTable)
     EXPECT_EQ(slotInfo(FIRST_SLOT), CKR_SLOT_ID_INVALID);
 }
 
-TEST_F(SlotListTest, ExceptionOfTheLibraryBecomesAReturnCode)
+TEST_F(SlotListTest, NameThatIsListedTwiceHasTwoIdsAndOneSlot)
 {
-    EXPECT_CALL(*device_, velkor_getTokenInfo(_, _)).WillOnce(testing::Throw(std::runtime_error("broken")));
+    setConnected({FIRST_DEVICE, FIRST_DEVICE});
+    EXPECT_EQ(fillList(4), (Slots{FIRST_SLOT, SECOND_SLOT, UNTOUCHED, UNTOUCHED}));
+    EXPECT_EQ(count_, 2u);
+    EXPECT_EQ(descriptionOf(FIRST_SLOT), "First key");
+    EXPECT_EQ(slotInfo(SECOND_SLOT), CKR_SLOT_ID_INVALID);
+}
+
+const Answer BROKEN = refusal(CKR_GENERAL_ERROR, "C_GetSlotList", "C_GetSlotList: unexpected exception: broken");
+
+TEST_F(SlotListTest, ExceptionWhileTokensAreReadLeavesCountAndTable)
+{
     fillList(4);
-    EXPECT_EQ(answer_, refusal(CKR_GENERAL_ERROR, "C_GetSlotList", "C_GetSlotList: unexpected exception: broken"));
+    tokenOf(FIRST_DEVICE).label = "Renamed";
+    EXPECT_CALL(*device_, velkor_getTokenInfo(StrEq(FIRST_DEVICE), _));
+    EXPECT_CALL(*device_, velkor_getTokenInfo(StrEq(SECOND_DEVICE), _))
+        .WillOnce(testing::Throw(std::runtime_error("broken")));
+    fillList(4);
+    EXPECT_EQ(answer_, BROKEN);
+    EXPECT_EQ(count_, 4u);
+    EXPECT_EQ(descriptionOf(FIRST_SLOT), "First key");
+    EXPECT_EQ(descriptionOf(SECOND_SLOT), "Second key");
+}
+
+TEST_F(SlotListTest, ExceptionWhileDevicesAreListedLeavesCountAndTable)
+{
+    fillList(4);
+    EXPECT_CALL(*device_, velkor_getConnectedDeviceList)
+        .WillRepeatedly([test = std::this_thread::get_id()](bool, void*) -> std::vector<std::string> {
+            if (std::this_thread::get_id() == test)
+                throw std::runtime_error("broken");
+            return {FIRST_DEVICE, SECOND_DEVICE};
+        });
+    EXPECT_EQ(fillList(4), Slots(4, UNTOUCHED));
+    EXPECT_EQ(answer_, BROKEN);
+    EXPECT_EQ(answer(C_GetSlotList, CK_TRUE, nullptr, &count_), BROKEN);
+    EXPECT_EQ(count_, 4u);
+    EXPECT_EQ(descriptionOf(SECOND_SLOT), "Second key");
 }
 
 using SlotListQueryTest = ModuleTest;
