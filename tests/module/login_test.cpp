@@ -1,5 +1,6 @@
 // C_Login, C_Logout and C_SetPIN.
 #include <new>
+#include <stdexcept>
 
 #include "session_fixture.h"
 
@@ -120,6 +121,11 @@ TEST_P(PinLengthTest, IsRefusedByPinChange)
                       "C_SetPIN: new pin length out of range, ulNewLen=" + logged(GetParam())));
 }
 
+#ifdef CRYPTOKI_HOST_LAYOUT
+INSTANTIATE_TEST_SUITE_P(RefusedAlsoWhereTheLowerHalfIsGood, PinLengthTest,
+                         testing::Values(0x100000004, 0x10000003F, 0x8000000000000004));
+#endif
+
 TEST_F(LoginTest, UnknownUserTypesAreRefusedFirst)
 {
     expectNoDeviceCall();
@@ -196,6 +202,7 @@ TEST_F(LoginTest, SecurityOfficerLoginLeavesACachedUserPin)
     ASSERT_EQ(loginAs(CKU_USER, handles[0]), CKR_OK);
     ASSERT_EQ(loginAs(CKU_SO, handles[0]), CKR_OK);
     EXPECT_EQ(stateOf(handles[0]), CKS_RW_SO_FUNCTIONS);
+    EXPECT_TRUE(isUserLoggedIn());
     EXPECT_TRUE(isCached(USER_PIN));
 }
 
@@ -286,10 +293,13 @@ TEST_P(RejectionTest, LeavesSessionsPublic)
 TEST_P(RejectionTest, LeavesTheCachedPin)
 {
     ASSERT_EQ(loginAs(CKU_USER, witness_), CKR_OK);
-    rejectNextPin();
-    EXPECT_EQ(login(handles_[1], CKU_USER, "wrong pin"), expected_);
-    EXPECT_EQ(stateOf(witness_), CKS_RW_USER_FUNCTIONS);
-    ASSERT_EQ(loginAs(CKU_USER, handles_[1]), CKR_OK); // By the cached PIN: the mock would not be asked again.
+    for (const CK_USER_TYPE userType : {CKU_USER, CKU_SO}) {
+        rejectNextPin();
+        EXPECT_EQ(login(handles_[1], userType, "wrong pin"), expected_);
+        EXPECT_EQ(stateOf(witness_), CKS_RW_USER_FUNCTIONS);
+        EXPECT_TRUE(isUserLoggedIn());
+    }
+    EXPECT_EQ(loginAs(CKU_USER, handles_[1]), CKR_OK); // By the cached PIN: the mock would not be asked again.
 }
 
 // ---- C_Login: the cached PIN ----
@@ -657,6 +667,19 @@ TEST_F(SetPinTest, RefusedChangeLeavesStatesAndCachedPin)
                   refusal(CKR_FUNCTION_FAILED, "C_SetPIN",
                           "C_SetPIN: velkor_changeUserPassword failed, failureCount=" + std::to_string(failureCount)));
     }
+    EXPECT_EQ(stateOf(handle), CKS_RW_USER_FUNCTIONS);
+    EXPECT_FALSE(isCached(NEW_PIN));
+    EXPECT_TRUE(isCached(USER_PIN));
+}
+
+TEST_F(SetPinTest, ExceptionOfTheLibraryLeavesStatesAndCachedPin)
+{
+    const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
+    ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
+    EXPECT_CALL(*device_, velkor_changeUserPassword(_, _, _, _, _, _, _))
+        .WillOnce(testing::Throw(std::runtime_error("broken")));
+    EXPECT_EQ(setPin(handle, USER_PIN, NEW_PIN),
+              refusal(CKR_GENERAL_ERROR, "C_SetPIN", "C_SetPIN: unexpected exception: broken"));
     EXPECT_EQ(stateOf(handle), CKS_RW_USER_FUNCTIONS);
     EXPECT_FALSE(isCached(NEW_PIN));
     EXPECT_TRUE(isCached(USER_PIN));

@@ -111,6 +111,14 @@ TEST_F(PinMemoryTest, RefusedPinChangeReleasesNeitherPin)
     EXPECT_EQ(found([&] { ASSERT_EQ(setPin(handle_, OTHER_PIN, OLD_PIN), CKR_FUNCTION_FAILED); }), 0);
 }
 
+TEST_F(PinMemoryTest, PinChangeThatTheLibraryBreaksReleasesNeitherPin)
+{
+    EXPECT_CALL(*device_, velkor_changeUserPassword(_, _, _, _, _, _, _))
+        .WillOnce(testing::Throw(std::runtime_error("broken")));
+    login();
+    EXPECT_EQ(found([&] { ASSERT_EQ(setPin(handle_, OLD_PIN, OTHER_PIN), CKR_GENERAL_ERROR); }), 0);
+}
+
 TEST_F(PinMemoryTest, VanishedDeviceWipesThePin)
 {
     CK_SLOT_ID slot = 0;
