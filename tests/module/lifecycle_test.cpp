@@ -81,7 +81,7 @@ TEST_F(LifecycleTest, InitializeAfterFinalizeStartsAfresh)
     EXPECT_CALL(*device_, velkor_createInstance(_)).Times(2);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(answer(C_Initialize, nullptr), (Answer{CKR_OK, {"DEBUG C_Initialize"}}));
     CK_INFO info;
     EXPECT_EQ(C_GetInfo(&info), CKR_OK);
 }
@@ -135,7 +135,8 @@ TEST_F(LifecycleTest, AMonitorThatCannotBeCreatedLeavesAsASystemError)
     ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
     CK_INFO info;
     EXPECT_EQ(C_GetInfo(&info), CKR_OK);
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(answer(C_Finalize, nullptr),
+              (Answer{CKR_OK, {"DEBUG C_Finalize", "DEBUG C_Finalize completed successfully."}}));
 }
 
 TEST_F(LifecycleTest, AnExceptionOfTheLibraryBecomesAReturnCode)
