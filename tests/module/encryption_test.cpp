@@ -857,6 +857,16 @@ TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWithItsSession)
     EXPECT_EQ(leftBlocks([&](auto...) { EXPECT_EQ(C_CloseSession(hSession_), CKR_OK); }), 0);
 }
 
+TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWithAllSessions)
+{
+    EXPECT_EQ(leftBlocks([](auto...) { EXPECT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK); }), 0);
+}
+
+TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWhenTheModuleIsFinalised)
+{
+    EXPECT_EQ(leftBlocks([](auto...) { EXPECT_EQ(C_Finalize(nullptr), CKR_OK); }), 0);
+}
+
 TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWithTheNextInitialisation)
 {
     EXPECT_EQ(leftBlocks([&](auto...) {

@@ -184,6 +184,18 @@ TEST_F(SessionTableTest, ClosingRemovesThatSessionOnly)
     EXPECT_EQ(C_CloseSession(FIRST_SESSION), CKR_SESSION_HANDLE_INVALID);
 }
 
+TEST_F(SessionTableTest, ReopenedHandleHasNoOperation)
+{
+    openSession(READ_WRITE);
+    ASSERT_EQ(C_FindObjectsInit(FIRST_SESSION, nullptr, 0), CKR_OK);
+    ASSERT_EQ(C_CloseSession(FIRST_SESSION), CKR_OK);
+    ASSERT_EQ(openSession(READ_WRITE), FIRST_SESSION);
+    CK_OBJECT_HANDLE object = 0;
+    CK_ULONG count = 0;
+    EXPECT_EQ(C_FindObjects(FIRST_SESSION, &object, 1, &count), CKR_OPERATION_NOT_INITIALIZED);
+    EXPECT_EQ(C_FindObjectsFinal(FIRST_SESSION), CKR_OPERATION_NOT_INITIALIZED);
+}
+
 TEST_F(SessionTableTest, ClosingTheLastSessionLeavesTheUserLoggedIn)
 {
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
