@@ -43,6 +43,17 @@ inline Answer refusal(CK_RV code, const std::string& function, const std::string
     return {code, {"DEBUG " + function, "ERROR " + text}};
 }
 
+/// Takes the slot event that a test leaves behind, which would otherwise be the first one of the next test.
+class LastDevice : public DefaultDevice
+{
+public:
+    void velkor_releaseInstance(void* /*libraryInstance*/) override
+    {
+        CK_SLOT_ID slot = 0;
+        C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr); // The monitor has ended and the module has not.
+    }
+};
+
 class ModuleTest : public testing::Test
 {
 protected:
@@ -67,7 +78,7 @@ protected:
     {
         setLogLevel("0");
         testing::Mock::VerifyAndClearExpectations(device_.get());
-        setDeviceOperations(std::make_shared<DefaultDevice>());
+        setDeviceOperations(std::make_shared<LastDevice>());
         waitForMonitorToLeaveTheDevice();
         if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && C_Finalize(nullptr) != CKR_OK)
             stopLeftMonitor();
