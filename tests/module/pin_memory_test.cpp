@@ -14,6 +14,12 @@ constexpr std::string_view MARKER = "-what-no-released-memory-may-hold";
 const std::string OLD_PIN = "old" + std::string(MARKER);
 const std::string OTHER_PIN = "other" + std::string(MARKER);
 
+/// Unlike `StrEq` it makes no copy of the text.
+MATCHER_P(Spells, text, "")
+{
+    return std::string_view(arg) == text;
+}
+
 /// The first device has OLD_PIN, the second OTHER_PIN, both for user and security officer.
 class PinMemoryTest : public SessionTest
 {
@@ -32,6 +38,59 @@ protected:
 
     void login() const { ASSERT_EQ(loginAs(CKU_USER, handle_, OLD_PIN), CKR_OK); }
 
+    VelkorKeyPair& keyPair() const { return first().keyPairs.at(KEY - 1); }
+
+    void clearLabel() const { std::fill(std::begin(keyPair().label), std::end(keyPair().label), '\0'); }
+
+    CK_RV setLabel() const
+    {
+        char label[] = "new";
+        CK_ATTRIBUTE change = {CKA_LABEL, label, 3};
+        return C_SetAttributeValue(handle_, privateKey(KEY), &change, 1);
+    }
+
+    /// Reads an attribute, for which an empty label is computed and written back.
+    CK_RV readKeyType() const
+    {
+        CK_ATTRIBUTE entry = {CKA_KEY_TYPE, nullptr, 0};
+        return C_GetAttributeValue(handle_, privateKey(KEY), &entry, 1);
+    }
+
+    /// As `readKeyType`.
+    CK_RV searchByLabel() const
+    {
+        CK_OBJECT_CLASS objectClass = CKO_PUBLIC_KEY;
+        char label[] = "label";
+        CK_ATTRIBUTE criteria[] = {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_LABEL, label, 5}};
+        return C_FindObjectsInit(handle_, criteria, 2);
+    }
+
+    CK_RV sign() const
+    {
+        CK_BYTE signature[1024];
+        CK_ULONG length = sizeof signature;
+        return beginSigning() != CKR_OK ? CKR_GENERAL_ERROR : C_Sign(handle_, DATA, sizeof DATA, signature, &length);
+    }
+
+    CK_RV signInParts() const
+    {
+        CK_BYTE signature[1024];
+        CK_ULONG length = sizeof signature;
+        if (beginSigning() != CKR_OK || C_SignUpdate(handle_, DATA, sizeof DATA) != CKR_OK)
+            return CKR_GENERAL_ERROR;
+        return C_SignFinal(handle_, signature, &length);
+    }
+
+    auto& expectUpdate() const
+    {
+        return EXPECT_CALL(*device_, velkor_updateKeyPairDetails(_, _, Spells(OLD_PIN), _, _, _, _));
+    }
+
+    auto& expectSignature() const
+    {
+        return EXPECT_CALL(*device_, velkor_signHash(_, _, Spells(OLD_PIN), _, _, _, _, _, _, _));
+    }
+
     static CK_RV setPin(CK_SESSION_HANDLE hSession, const std::string& oldPin, const std::string& newPin)
     {
         return C_SetPIN(hSession, characters(oldPin), lengthOf(oldPin), characters(newPin), lengthOf(newPin));
@@ -39,6 +98,16 @@ protected:
 
     CK_SESSION_HANDLE handle_ = 0;
     CK_SESSION_HANDLE otherHandle_ = 0;
+
+private:
+    CK_RV beginSigning() const
+    {
+        CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+        return C_SignInit(handle_, &mechanism, privateKey(KEY));
+    }
+
+    static constexpr CK_ULONG KEY = 2; ///< A certificate of the double has its public key.
+    static inline CK_BYTE DATA[] = {1, 2, 3};
 };
 
 using WatchedModuleTest = PinMemoryTest;
@@ -119,6 +188,46 @@ TEST_F(PinMemoryTest, PinChangeThatTheLibraryBreaksReleasesNeitherPin)
     EXPECT_EQ(found([&] { ASSERT_EQ(setPin(handle_, OLD_PIN, OTHER_PIN), CKR_GENERAL_ERROR); }), 0);
 }
 
+TEST_F(PinMemoryTest, ChangingAKeyPairReleasesNone)
+{
+    login();
+    expectUpdate();
+    EXPECT_EQ(found([&] { ASSERT_EQ(setLabel(), CKR_OK); }), 0);
+}
+
+TEST_F(PinMemoryTest, RefusedChangeReleasesNone)
+{
+    login();
+    expectUpdate().WillOnce(testing::Return(7));
+    EXPECT_EQ(found([&] { ASSERT_EQ(setLabel(), CKR_FUNCTION_FAILED); }), 0);
+}
+
+TEST_F(PinMemoryTest, WritingALabelBackReleasesNone)
+{
+    login();
+    expectUpdate().Times(2);
+    clearLabel();
+    EXPECT_EQ(found([&] { ASSERT_EQ(readKeyType(), CKR_OK); }), 0);
+    clearLabel();
+    EXPECT_EQ(found([&] { ASSERT_EQ(searchByLabel(), CKR_OK); }), 0);
+}
+
+TEST_F(PinMemoryTest, SigningReleasesNone)
+{
+    login();
+    expectSignature().Times(2);
+    EXPECT_EQ(found([&] { ASSERT_EQ(sign(), CKR_OK); }), 0);
+    EXPECT_EQ(found([&] { ASSERT_EQ(signInParts(), CKR_OK); }), 0);
+}
+
+TEST_F(PinMemoryTest, FailedSigningReleasesNone)
+{
+    login();
+    expectSignature().Times(2).WillRepeatedly(testing::Return(7));
+    EXPECT_EQ(found([&] { ASSERT_EQ(sign(), CKR_FUNCTION_FAILED); }), 0);
+    EXPECT_EQ(found([&] { ASSERT_EQ(signInParts(), CKR_FUNCTION_FAILED); }), 0);
+}
+
 TEST_F(PinMemoryTest, VanishedDeviceWipesThePin)
 {
     CK_SLOT_ID slot = 0;
@@ -145,6 +254,18 @@ TEST_F(PinMemoryTest, NoPinIsLogged)
     loginAs(CKU_SO, otherHandle_, OTHER_PIN);
     loginAs(CKU_CONTEXT_SPECIFIC, otherHandle_, OTHER_PIN);
     setPin(handle_, OTHER_PIN, OLD_PIN);
+    ASSERT_EQ(setLabel(), CKR_OK);
+    clearLabel();
+    ASSERT_EQ(readKeyType(), CKR_OK);
+    clearLabel();
+    ASSERT_EQ(searchByLabel(), CKR_OK);
+    ASSERT_EQ(C_FindObjectsFinal(handle_), CKR_OK);
+    ASSERT_EQ(sign(), CKR_OK);
+    ASSERT_EQ(signInParts(), CKR_OK);
+    expectUpdate().WillOnce(testing::Return(7));
+    ASSERT_EQ(setLabel(), CKR_FUNCTION_FAILED);
+    expectSignature().WillOnce(testing::Return(7));
+    ASSERT_EQ(sign(), CKR_FUNCTION_FAILED);
     setPin(handle_, OLD_PIN, OTHER_PIN);
     ASSERT_EQ(C_Logout(handle_), CKR_OK);
     EXPECT_THAT(wholeLog(), testing::Each(testing::Not(testing::HasSubstr(std::string(MARKER)))));
