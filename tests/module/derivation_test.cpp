@@ -580,15 +580,66 @@ TEST_F(DerivedKeyTest, SetTheLengthOfALargerBufferAndLeaveItsRest)
     EXPECT_EQ(Bytes(bytes + 66, bytes + 70), Bytes(4, 9));
 }
 
-TEST_F(DerivedKeyTest, HaveNoOtherAttributeAndSaySoWithoutAnError)
+/// What other objects answer, and types that no object does. Not CKA_VALUE.
+constexpr CK_ATTRIBUTE_TYPE OTHER_TYPES[] = {CKA_CLASS,
+                                             CKA_TOKEN,
+                                             CKA_PRIVATE,
+                                             CKA_LABEL,
+                                             CKA_CERTIFICATE_TYPE,
+                                             CKA_OBJECT_ID,
+                                             CKA_ISSUER,
+                                             CKA_SERIAL_NUMBER,
+                                             CKA_SUBJECT,
+                                             CKA_TRUSTED,
+                                             CKA_KEY_TYPE,
+                                             CKA_ID,
+                                             CKA_SENSITIVE,
+                                             CKA_ENCRYPT,
+                                             CKA_DECRYPT,
+                                             CKA_WRAP,
+                                             CKA_SIGN,
+                                             CKA_VERIFY,
+                                             CKA_VERIFY_RECOVER,
+                                             CKA_DERIVE,
+                                             CKA_MODULUS,
+                                             CKA_MODULUS_BITS,
+                                             CKA_PUBLIC_EXPONENT,
+                                             CKA_EXTRACTABLE,
+                                             CKA_LOCAL,
+                                             CKA_KEY_GEN_MECHANISM,
+                                             CKA_MODIFIABLE,
+                                             CKA_EC_PARAMS,
+                                             CKA_EC_POINT,
+                                             CKA_VALUE_LEN,
+                                             CKA_APPLICATION,
+                                             CKA_UNWRAP,
+                                             CKA_NEVER_EXTRACTABLE,
+                                             CKA_VENDOR_DEFINED,
+                                             ALL_BITS};
+
+TEST_F(DerivedKeyTest, AnswerNoRowOfTheTableButTheirValueAndSaySoWithoutAnError)
 {
-    for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_TOKEN, CKA_LABEL, CKA_KEY_TYPE, CKA_ID, CKA_VALUE_LEN,
-                                         CKA_EXTRACTABLE, CKA_EC_POINT, ALL_BITS}) {
-        Template attributes = {{type, Bytes(8, 9)}};
-        EXPECT_EQ(attributesOf(hKey_, attributes), attributesAnswer(CKR_OK, 1, {}));
-        EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION);
-        EXPECT_EQ(std::memcmp(attributes[0].pValue, Bytes(8, 9).data(), 8), 0);
+    const CK_ULONG roomLength = 8;
+    for (const CK_ATTRIBUTE_TYPE type : OTHER_TYPES) {
+        Template attributes = {{type, Bytes(roomLength, 9)}, {type, {}}};
+        attributes[1].pValue = nullptr;
+        EXPECT_EQ(attributesOf(hKey_, attributes), attributesAnswer(CKR_OK, 2, {})) << logged(type);
+        EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
+        EXPECT_EQ(CK_ULONG{attributes[1].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
+        EXPECT_EQ(std::memcmp(attributes[0].pValue, Bytes(roomLength, 9).data(), roomLength), 0) << logged(type);
     }
+}
+
+TEST_F(DerivedKeyTest, DoNotFitIntoABufferOfNoBytes)
+{
+    CK_BYTE room = 9;
+    CK_ATTRIBUTE entry = {CKA_VALUE, &room, 0};
+    EXPECT_EQ(
+        answer(C_GetAttributeValue, hSession_, hKey_, &entry, 1),
+        attributesAnswer(CKR_BUFFER_TOO_SMALL, 1,
+                         {"ERROR C_GetAttributeValue: buffer too small at index=0 type=17 provided=0 required=66"}));
+    EXPECT_EQ(CK_ULONG{entry.ulValueLen}, 0U);
+    EXPECT_EQ(room, 9);
 }
 
 TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
@@ -657,7 +708,10 @@ TEST_F(DerivedKeyTest, OutliveALogout)
 
 TEST_F(DerivedKeyTest, CannotBeDestroyed)
 {
-    EXPECT_NE(C_DestroyObject(hSession_, FIRST_DERIVED), CKR_OK);
+    EXPECT_EQ(answer(C_DestroyObject, hSession_, FIRST_DERIVED),
+              (Answer{CKR_OBJECT_HANDLE_INVALID,
+                      {"DEBUG C_DestroyObject", "DEBUG Delete key pair id : " + logged(FIRST_DERIVED),
+                       "DEBUG Input certificate not found in destroy : " + logged(FIRST_DERIVED)}}));
     EXPECT_EQ(valueOf(FIRST_DERIVED), bytesOf(SECRET));
 }
 
