@@ -56,6 +56,19 @@ protected:
             thread.join();
     }
 
+    static void runRounds(int rounds, const std::vector<std::function<void()>>& works)
+    {
+        std::vector<std::thread> threads;
+        for (const auto& work : works) {
+            threads.emplace_back([&work, rounds] {
+                for (int round = 0; round < rounds; ++round)
+                    work();
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
     /// One session's life. Other threads and the monitor may log it in and out meanwhile, but nobody closes it.
     static void useSession(CK_SLOT_ID slotID, CK_FLAGS flags)
     {
@@ -110,6 +123,85 @@ TEST_F(ThreadsTest, SlotsAreListedWhileTheyAreUsed)
     runFor(std::chrono::milliseconds(1500),
            {[] { listSlots(); }, [] { listSlots(); }, [] { useSession(FIRST_SLOT, READ_WRITE); },
             [] { describeSlot(FIRST_SLOT, "First key"); }, [] { describeSlot(SECOND_SLOT, "Second key"); }});
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+}
+
+/// One thread's session and the objects that it looks at, again and again.
+class ObjectUser
+{
+public:
+    explicit ObjectUser(CK_SLOT_ID slotID)
+    {
+        EXPECT_EQ(C_OpenSession(slotID, READ_ONLY, nullptr, nullptr, &handle_), CKR_OK);
+    }
+
+    void expectFound(CK_OBJECT_CLASS objectClass, const std::vector<CK_OBJECT_HANDLE>& expected) const
+    {
+        CK_ATTRIBUTE criterion = {CKA_CLASS, &objectClass, sizeof objectClass};
+        EXPECT_EQ(C_FindObjectsInit(handle_, &criterion, 1), CKR_OK);
+        std::vector<CK_OBJECT_HANDLE> found(100);
+        CK_ULONG count = 0;
+        EXPECT_EQ(C_FindObjects(handle_, found.data(), 100, &count), CKR_OK);
+        EXPECT_EQ(C_FindObjectsFinal(handle_), CKR_OK);
+        found.resize(count);
+        EXPECT_EQ(found, expected);
+    }
+
+    void expectAttribute(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type, const std::string& expected) const
+    {
+        char value[100];
+        CK_ATTRIBUTE entry = {type, value, sizeof value};
+        EXPECT_EQ(C_GetAttributeValue(handle_, hObject, &entry, 1), CKR_OK);
+        ASSERT_LE(CK_ULONG{entry.ulValueLen}, sizeof value);
+        EXPECT_EQ(std::string(value, entry.ulValueLen), expected);
+    }
+
+    void expectSize(CK_OBJECT_HANDLE hObject, CK_ULONG expected) const
+    {
+        CK_ULONG size = 0;
+        EXPECT_EQ(C_GetObjectSize(handle_, hObject, &size), CKR_OK);
+        EXPECT_EQ(size, expected);
+    }
+
+    /// The double's shared secret is what follows the first byte of the peer's point.
+    CK_OBJECT_HANDLE derive(std::string secret) const
+    {
+        secret.insert(secret.begin(), '\x04');
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, lengthOf(secret), characters(secret)};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        CK_OBJECT_HANDLE handle = 0;
+        EXPECT_EQ(C_DeriveKey(handle_, &mechanism, privateKey(5), nullptr, 0, &handle), CKR_OK);
+        return handle;
+    }
+
+private:
+    CK_SESSION_HANDLE handle_ = 0;
+};
+
+TEST_F(ThreadsTest, ObjectsAreFoundReadAndDerivedBySeveralThreads)
+{
+    const auto read = [](CK_SLOT_ID slotID, const std::vector<CK_OBJECT_HANDLE>& publicKeys, CK_ULONG id,
+                         const std::string& label, CK_ULONG size) {
+        return [=, user = ObjectUser(slotID)] {
+            user.expectFound(CKO_PUBLIC_KEY, publicKeys);
+            user.expectAttribute(privateKey(id), CKA_LABEL, label);
+            user.expectAttribute(publicKey(id), CKA_ID, std::string(1, static_cast<char>(id)));
+            user.expectSize(privateKey(id), size);
+        };
+    };
+    const auto readCertificate = [user = ObjectUser(FIRST_SLOT)] {
+        user.expectFound(CKO_CERTIFICATE, {certificate(1), certificate(2), certificate(3)});
+        user.expectAttribute(certificate(3), CKA_LABEL, "certificate 3");
+        user.expectSize(certificate(3), 5);
+    };
+    const auto deriveAnew = [user = ObjectUser(FIRST_SLOT), round = 0]() mutable {
+        const std::string secret = "secret of round " + std::to_string(round++);
+        user.expectAttribute(user.derive(secret), CKA_VALUE, secret);
+    };
+    const std::vector<CK_OBJECT_HANDLE> ofFirst = {publicKey(1), publicKey(2), publicKey(3), publicKey(4),
+                                                   publicKey(5), publicKey(6), publicKey(7)};
+    runRounds(1000, {read(FIRST_SLOT, ofFirst, 2, "pair 2", 512), read(FIRST_SLOT, ofFirst, 7, "pair 7", 266),
+                     read(SECOND_SLOT, {publicKey(1)}, 1, "other pair", 512), readCertificate, deriveAnew});
     EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
 }
 
