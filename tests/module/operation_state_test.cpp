@@ -220,7 +220,7 @@ TEST_F(OperationStateTest, AFailedVerifyInitKeepsTheDigestAndItsResult)
     EXPECT_EQ(output.written(), digestOf(3));
 }
 
-/// No call accepts or leaves the state that an encryption or decryption begun during a digest leads to.
+/// No cryptographic call accepts or leaves the state that an encryption or decryption begun during a digest leads to.
 TEST_F(OperationStateTest, AnEncryptionOrDecryptionBegunDuringADigestIsADeadEnd)
 {
     const auto expectDeadEnd = [&](int state) {
@@ -245,6 +245,25 @@ TEST_F(OperationStateTest, AnEncryptionOrDecryptionBegunDuringADigestIsADeadEnd)
     expectKeyLookup();
     ASSERT_EQ(C_DecryptInit(hSession_, &mechanism, privateKey(2)), CKR_OK);
     expectDeadEnd(10);
+}
+
+TEST_F(OperationStateTest, ASearchReplacesADeadEnd)
+{
+    const auto expectWayOut = [&](int state) {
+        EXPECT_EQ(activeOperation(), state);
+        startSearch();
+        EXPECT_EQ(activeOperation(), FIND);
+        ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+        startDigest();
+    };
+    CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
+    startDigest();
+    expectKeyLookup();
+    ASSERT_EQ(C_EncryptInit(hSession_, &mechanism, publicKey(2)), CKR_OK);
+    expectWayOut(9);
+    expectKeyLookup();
+    ASSERT_EQ(C_DecryptInit(hSession_, &mechanism, privateKey(2)), CKR_OK);
+    expectWayOut(10);
 }
 
 TEST_F(OperationStateTest, TheKeyOfAnOperationIsTheOneLookedUpLast)
