@@ -37,7 +37,7 @@ inline Bytes identifierBytes(const VelkorKeyPair& keyPair)
 
 MATCHER_P(PointsTo, bytes, "points to bytes " + testing::PrintToString(bytes))
 {
-    return std::equal(bytes.begin(), bytes.end(), arg);
+    return bytes.empty() || (arg != nullptr && std::equal(bytes.begin(), bytes.end(), arg));
 }
 
 /// An attribute template that owns its values.
@@ -106,6 +106,29 @@ protected:
         CK_SESSION_INFO info;
         ASSERT_EQ(C_GetSessionInfo(hSession_, &info), CKR_OK);
         ASSERT_EQ(CK_STATE{info.state}, state);
+    }
+
+    /// Makes the module hold the user's PIN while the session stays public: the login is on the other token.
+    void logInOnTheOtherToken() const
+    {
+        ASSERT_EQ(loginAs(CKU_USER, openSession(READ_WRITE, SECOND_SLOT)), CKR_OK);
+        ASSERT_EQ(stateOf(hSession_), CKS_RW_PUBLIC_SESSION);
+    }
+
+    /// Makes the session a user's while the module holds no PIN: the logout on the other token drops it.
+    void logInAndLoseThePin() const
+    {
+        login();
+        ASSERT_EQ(C_Logout(openSession(READ_WRITE, SECOND_SLOT)), CKR_OK);
+        ASSERT_EQ(stateOf(hSession_), CKS_RW_USER_FUNCTIONS);
+    }
+
+    /// Makes the session the security officer's while the module still holds the user's PIN.
+    void logInAsUserThenAsSecurityOfficer() const
+    {
+        login();
+        login(CKU_SO);
+        ASSERT_EQ(stateOf(hSession_), CKS_RW_SO_FUNCTIONS);
     }
 
     VelkorKeyPair& keyPair(std::uint32_t id) const { return withId(first().keyPairs, id); }

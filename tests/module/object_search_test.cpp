@@ -77,6 +77,14 @@ TEST_F(ObjectSearchTest, BeginningFetchesEachListOnce)
               (Answer{CKR_OK, {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"}}));
 }
 
+TEST_F(ObjectSearchTest, ATemplateOfWhichNoEntryCountsFindsEverything)
+{
+    CK_ATTRIBUTE unread = {CKA_CLASS, nullptr, 0};
+    EXPECT_EQ(answer(C_FindObjectsInit, hSession_, &unread, 0),
+              (Answer{CKR_OK, {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"}}));
+    EXPECT_EQ(page(100), joined({PUBLIC_KEYS, CERTIFICATES}));
+}
+
 TEST_F(ObjectSearchTest, EveryEntryIsLoggedAndSomeValuesAre)
 {
     Template criteria;
@@ -212,7 +220,8 @@ TEST_F(ObjectSearchTest, BeginningSilentlyReplacesASignature)
 {
     CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(C_SignInit(hSession_, &mechanism, privateKey(2)), CKR_OK);
-    EXPECT_EQ(answer(C_FindObjectsInit, hSession_, nullptr, 0).code, CKR_OK);
+    EXPECT_EQ(answer(C_FindObjectsInit, hSession_, nullptr, 0),
+              (Answer{CKR_OK, {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"}}));
     CK_BYTE data = 1;
     CK_ULONG length = 0;
     EXPECT_EQ(answer(C_Sign, hSession_, &data, 1, nullptr, &length),
@@ -331,6 +340,17 @@ TEST_P(EmptyListsTest, AreSearchedAsTheyAreWhenTheInitializationFails)
     EXPECT_EQ(page(100), rest());
 }
 
+TEST_P(EmptyListsTest, InitializeTheDeviceWhateverClassIsSearched)
+{
+    for (const CK_OBJECT_CLASS objectClass : {CKO_CERTIFICATE, CKO_PUBLIC_KEY, CKO_PRIVATE_KEY, CKO_DATA}) {
+        EXPECT_CALL(*device_, velkor_getCertificateList(StrEq(FIRST_DEVICE), instance_)).Times(2);
+        EXPECT_CALL(*device_, velkor_getKeyPairList(StrEq(FIRST_DEVICE), instance_)).Times(2);
+        expectInitialization().Times(1);
+        searchClass(objectClass);
+        testing::Mock::VerifyAndClearExpectations(device_.get());
+    }
+}
+
 // ---- Classes and session states ----
 
 class SearchStateTest : public ObjectSearchTest, public testing::WithParamInterface<CK_STATE>
@@ -368,6 +388,27 @@ TEST_P(SearchStateTest, PublicKeysAndCertificatesAreFoundInEveryState)
 {
     EXPECT_EQ(searchClass(CKO_PUBLIC_KEY), PUBLIC_KEYS);
     EXPECT_EQ(searchClass(CKO_CERTIFICATE), CERTIFICATES);
+}
+
+TEST_F(ObjectSearchTest, PrivateKeysAreHiddenFromAPublicSessionThoughAPinIsCached)
+{
+    logInOnTheOtherToken();
+    EXPECT_THAT(searchClass(CKO_PRIVATE_KEY), IsEmpty());
+    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+}
+
+TEST_F(ObjectSearchTest, PrivateKeysAreHiddenFromASecurityOfficerThoughAPinIsCached)
+{
+    logInAsUserThenAsSecurityOfficer();
+    EXPECT_THAT(searchClass(CKO_PRIVATE_KEY), IsEmpty());
+    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+}
+
+TEST_F(ObjectSearchTest, PrivateKeysAreFoundInAUserSessionWithoutAPin)
+{
+    logInAndLoseThePin();
+    EXPECT_EQ(searchClass(CKO_PRIVATE_KEY), PRIVATE_KEYS);
+    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, PRIVATE_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, OtherClassesFindNothing)
@@ -626,6 +667,27 @@ protected:
         return begin(criteria_);
     }
 
+    Handles searchLabel(CK_OBJECT_CLASS objectClass, const std::string& label) const
+    {
+        Template criteria;
+        return search(criteria.add(CKA_CLASS, objectClass).add(CKA_LABEL, label.c_str()));
+    }
+
+    auto& expectUpdate() const
+    {
+        return EXPECT_CALL(*device_, velkor_updateKeyPairDetails(StrEq(FIRST_DEVICE),
+                                                                 PointsTo(identifierBytes(keyPair(2))), StrEq("1234"),
+                                                                 StrEq("Subject 1_Issuer"), nullptr, 0, instance_));
+    }
+
+    /// A parsing of the first certificate, which is done without the instance.
+    auto& expectParsing() const
+    {
+        const Bytes der = certificateRecord(1).der;
+        return EXPECT_CALL(*device_,
+                           velkor_getCertificateDetails(PointsTo(der), static_cast<int>(der.size()), _, nullptr));
+    }
+
     static Answer begunAndLogged(CK_OBJECT_CLASS objectClass, const std::string& line)
     {
         return {CKR_OK,
@@ -639,27 +701,61 @@ protected:
 TEST_F(ComputedLabelSearchTest, AKeyPairIsFoundByIt)
 {
     EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
+    // One for the search, one for the label.
+    EXPECT_CALL(*device_, velkor_getCertificateList(StrEq(FIRST_DEVICE), instance_)).Times(2);
+    expectParsing();
     EXPECT_EQ(beginWithLabel(CKO_PUBLIC_KEY),
               begunAndLogged(CKO_PUBLIC_KEY, "DEBUG Empty key pair label, computed: Subject 1_Issuer"));
     EXPECT_EQ(page(100), Handles{publicKey(2)});
 }
 
+TEST_F(ComputedLabelSearchTest, AComputedLabelIsComparedAfterTheCut)
+{
+    detailsOf(1).subjectCommonName = std::string(64, 's');
+    detailsOf(1).issuerCommonName = std::string(65, 'i');
+    const std::string whole = std::string(64, 's') + "_" + std::string(65, 'i');
+    const std::string cut = whole.substr(0, 128);
+    EXPECT_EQ(searchLabel(CKO_PUBLIC_KEY, cut), Handles{publicKey(2)});
+    EXPECT_EQ(searchLabel(CKO_CERTIFICATE, cut), Handles{certificate(1)});
+    EXPECT_THAT(searchLabel(CKO_PUBLIC_KEY, whole), IsEmpty());
+    EXPECT_THAT(searchLabel(CKO_CERTIFICATE, whole), IsEmpty());
+}
+
 TEST_F(ComputedLabelSearchTest, AKeyPairsIsWrittenBackForAUserEvenWhenItDoesNotMatch)
 {
     login();
-    EXPECT_CALL(*device_, velkor_updateKeyPairDetails(StrEq(FIRST_DEVICE), PointsTo(identifierBytes(keyPair(2))),
-                                                      StrEq("1234"), StrEq("Subject 1_Issuer"), nullptr, 0, instance_))
-        .WillOnce(testing::Return(7));
+    expectUpdate().WillOnce(testing::Return(STATUS_DEVICE_REMOVED));
     EXPECT_EQ(beginWithLabel(CKO_PRIVATE_KEY, "another").code, CKR_OK);
     EXPECT_THAT(page(100), IsEmpty());
+}
+
+TEST_F(ComputedLabelSearchTest, ALabelIsWrittenBackFromAPublicSessionWithTheCachedPin)
+{
+    logInOnTheOtherToken();
+    expectUpdate().Times(1);
+    EXPECT_EQ(searchLabel(CKO_PUBLIC_KEY, "Subject 1_Issuer"), Handles{publicKey(2)});
+}
+
+TEST_F(ComputedLabelSearchTest, ALabelIsWrittenBackForASecurityOfficerWithTheCachedPin)
+{
+    logInAsUserThenAsSecurityOfficer();
+    expectUpdate().Times(1);
+    EXPECT_EQ(searchLabel(CKO_PUBLIC_KEY, "Subject 1_Issuer"), Handles{publicKey(2)});
+}
+
+TEST_F(ComputedLabelSearchTest, ALabelIsNotWrittenBackFromAUserSessionWithoutAPin)
+{
+    logInAndLoseThePin();
+    EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
+    EXPECT_EQ(searchLabel(CKO_PRIVATE_KEY, "Subject 1_Issuer"), Handles{privateKey(2)});
 }
 
 TEST_F(ComputedLabelSearchTest, ACertificateIsFoundByItAndItIsNotWrittenBack)
 {
     login();
     EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
-    const Bytes der = certificateRecord(1).der;
-    EXPECT_CALL(*device_, velkor_getCertificateDetails(PointsTo(der), static_cast<int>(der.size()), _, nullptr));
+    EXPECT_CALL(*device_, velkor_getCertificateList(StrEq(FIRST_DEVICE), instance_)).Times(1);
+    expectParsing();
     EXPECT_EQ(beginWithLabel(CKO_CERTIFICATE),
               begunAndLogged(CKO_CERTIFICATE, "DEBUG Empty certificate label, computed: Subject 1_Issuer"));
     EXPECT_EQ(page(100), Handles{certificate(1)});
@@ -716,6 +812,18 @@ TEST_F(ObjectSearchTest, NothingIsWrittenBehindThePage)
     ASSERT_EQ(C_FindObjects(hSession_, room.data(), 6, &count), CKR_OK);
     EXPECT_EQ(count, 3u);
     EXPECT_THAT(room, ElementsAre(publicKey(3), certificate(1), certificate(2), 0xEE, 0xEE, 0xEE));
+}
+
+TEST_F(ObjectSearchTest, APageMayBeAskedForWithoutALimit)
+{
+    beginAll();
+    EXPECT_EQ(page(4).size(), 4u);
+    Handles room(10, 0xEE);
+    CK_ULONG count = 77;
+    ASSERT_EQ(C_FindObjects(hSession_, room.data(), MAX_ULONG, &count), CKR_OK);
+    EXPECT_EQ(count, 6u);
+    EXPECT_THAT(room, ElementsAre(publicKey(5), publicKey(6), publicKey(7), certificate(1), certificate(2),
+                                  certificate(3), 0xEE, 0xEE, 0xEE, 0xEE));
 }
 
 TEST_F(ObjectSearchTest, HandlesAreFormedFromIds)
