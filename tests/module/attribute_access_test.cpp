@@ -405,6 +405,15 @@ TEST_F(AttributeTest, OneLookupAnswersTheWholeTemplate)
     EXPECT_EQ(get(publicKey(2), attributes).code, CKR_OK);
 }
 
+TEST_F(CertificateAttributeTest, OneLookupAnswersTheWholeTemplate)
+{
+    EXPECT_CALL(*device_, velkor_getCertificateList(StrEq(FIRST_DEVICE), instance_)).Times(1);
+    EXPECT_CALL(*device_, velkor_getKeyPairList).Times(0);
+    Template attributes;
+    attributes.addRoom(CKA_LABEL, 20).addRoom(CKA_SUBJECT, 20).addRoom(CKA_VALUE, 20);
+    EXPECT_EQ(get(certificate(2), attributes).code, CKR_OK);
+}
+
 TEST_F(AttributeTest, ANullTemplateIsRefusedBeforeItsCount)
 {
     for (const CK_ULONG count : {0u, 3u})

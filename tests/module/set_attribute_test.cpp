@@ -90,6 +90,20 @@ TEST_F(SetAttributeTest, ALabelHasTheBytesOfItsLength)
     EXPECT_EQ(set(privateKey(2), changes.addRaw(CKA_LABEL, label, 3)).code, CKR_OK);
 }
 
+TEST_F(SetAttributeTest, ALabelIsCutAtItsZeroByte)
+{
+    expectUpdate("ab", {});
+    Template changes;
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, Bytes{'a', 'b', 0, 'c', 'd'})).code, CKR_OK);
+}
+
+TEST_F(SetAttributeTest, ALabelOfOneZeroByteIsSentEmpty)
+{
+    expectUpdate("", {}).Times(1);
+    Template changes;
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, Bytes{0})), (Answer{CKR_OK, {SET, typeLine(CKA_LABEL), END}}));
+}
+
 TEST_F(SetAttributeTest, LongValuesGoToTheDeviceWhole)
 {
     const std::string label(300, 'x');
@@ -138,10 +152,14 @@ TEST_F(SetAttributeTest, TenThousandEntriesAreRead)
 
 TEST_F(SetAttributeTest, AnUpdateThatTheDeviceRefusesFails)
 {
-    expectUpdate("new", {}).WillOnce(testing::Return(-3));
-    Template changes;
-    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new")),
-              (Answer{CKR_FUNCTION_FAILED, {SET, typeLine(CKA_LABEL), "ERROR Update key pair details failed : -3"}}));
+    for (const int status : {1, -3, STATUS_DEVICE_REMOVED, STATUS_DEVICE_UNREACHABLE}) {
+        expectUpdate("new", {}).WillOnce(testing::Return(status));
+        Template changes;
+        EXPECT_EQ(
+            set(privateKey(2), changes.add(CKA_LABEL, "new")),
+            (Answer{CKR_FUNCTION_FAILED,
+                    {SET, typeLine(CKA_LABEL), "ERROR Update key pair details failed : " + std::to_string(status)}}));
+    }
 }
 
 TEST_F(SetAttributeTest, ANullTemplateIsRefusedBeforeItsCount)
@@ -171,6 +189,30 @@ TEST_P(SetAttributeStateTest, AttributesAreChangedInEveryState)
     enterState(GetParam());
     const bool user = GetParam() == CKS_RO_USER_FUNCTIONS || GetParam() == CKS_RW_USER_FUNCTIONS;
     expectUpdate("new", {}, user ? "1234" : "");
+    Template changes;
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new")).code, CKR_OK);
+}
+
+TEST_F(SetAttributeTest, ChangesFromAPublicSessionAreSentWithTheCachedPin)
+{
+    logInOnTheOtherToken();
+    expectUpdate("new", {}, "1234");
+    Template changes;
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new")).code, CKR_OK);
+}
+
+TEST_F(SetAttributeTest, ChangesFromAUserSessionAreSentWithoutAPinThatIsNotCached)
+{
+    logInAndLoseThePin();
+    expectUpdate("new", {}, "");
+    Template changes;
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new")).code, CKR_OK);
+}
+
+TEST_F(SetAttributeTest, ChangesOfASecurityOfficerAreSentWithTheCachedPin)
+{
+    logInAsUserThenAsSecurityOfficer();
+    expectUpdate("new", {}, "1234");
     Template changes;
     EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new")).code, CKR_OK);
 }
