@@ -80,12 +80,20 @@ TEST_F(DerivedKeyTest, OutlivesItsSessionAndTheModulesFinalizing)
 TEST_F(DerivedKeyTest, CannotBeDestroyedChangedOrMeasured)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
-    EXPECT_NE(C_DestroyObject(hSession_, hKey), CKR_OK);
+    EXPECT_EQ(answer(C_DestroyObject, hSession_, hKey),
+              (Answer{CKR_OBJECT_HANDLE_INVALID,
+                      {"DEBUG C_DestroyObject", "DEBUG Delete key pair id : " + logged(hKey),
+                       "DEBUG Input certificate not found in destroy : " + logged(hKey)}}));
     Template changes;
     changes.add(CKA_LABEL, "label");
-    EXPECT_EQ(C_SetAttributeValue(hSession_, hKey, changes.data(), changes.size()), CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(answer(C_SetAttributeValue, hSession_, hKey, changes.data(), changes.size()),
+              refusal(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue",
+                      "C_SetAttributeValue: invalid hObject=" + logged(hKey)));
     CK_ULONG size = 77;
-    EXPECT_EQ(C_GetObjectSize(hSession_, hKey, &size), CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(answer(C_GetObjectSize, hSession_, hKey, &size),
+              refusal(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
+                      "Certificate not found in get object size : " + logged(hKey)));
+    EXPECT_EQ(size, 77u);
     EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
 }
 
@@ -101,12 +109,19 @@ const std::string NO_PRIVATE_SIZE = "Private key not found in get object size : 
 const std::string NO_PUBLIC_SIZE = "Public key not found in get object size : ";
 const std::string NO_CERTIFICATE_SIZE = "Certificate not found in get object size : ";
 
+struct Object {
+    CK_OBJECT_CLASS objectClass = CKO_DATA;
+    std::uint32_t id = 0;
+    CK_ULONG size = 0;
+};
+
 /// The error of each function for a handle, without the handle; empty where the object is there.
 struct HandleCase {
     CK_OBJECT_HANDLE handle;
     std::string get;
     std::string set;
     std::string size;
+    Object object = {}; ///< What the handle stands for, where any function answers.
 
     friend std::ostream& operator<<(std::ostream& out, const HandleCase& each)
     {
@@ -114,24 +129,24 @@ struct HandleCase {
     }
 };
 
-/// On a device with key pairs and certificates of the ids 0, 1, 4095 and 4096.
+/// On a device with key pairs and certificates of the ids 0, 1, 4095 and 4096, told apart by object ID and DER length.
 const HandleCase handleCases[] = {
     {0, NO_OBJECT, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
     {0x50000001, NO_OBJECT, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
     {0x6FFFFFFF, NO_OBJECT, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
-    {0x70000000, "", "", ""},
-    {0x70000001, "", "", ""},
+    {0x70000000, "", "", "", {CKO_PRIVATE_KEY, 0, 512}},
+    {0x70000001, "", "", "", {CKO_PRIVATE_KEY, 1, 512}},
     {0x70000002, NO_KEY, NO_KEY_TO_CHANGE, NO_PRIVATE_SIZE},
     {0x70000FFE, NO_KEY, NO_KEY_TO_CHANGE, NO_PRIVATE_SIZE},
-    {0x70000FFF, "", "", ""},
-    {0x70001000, "", "", ""},
-    {0x70001001, "", "", ""},
+    {0x70000FFF, "", "", "", {CKO_PRIVATE_KEY, 4095, 512}},
+    {0x70001000, "", "", "", {CKO_PUBLIC_KEY, 0, 256}},
+    {0x70001001, "", "", "", {CKO_PUBLIC_KEY, 1, 256}},
     {0x70001002, NO_KEY, NO_KEY_TO_CHANGE, NO_PUBLIC_SIZE},
-    {0x70001FFF, "", "", ""},
-    {0x70002000, NO_OBJECT, CANNOT_CHANGE, ""},
-    {0x70002001, "", CANNOT_CHANGE, ""},
+    {0x70001FFF, "", "", "", {CKO_PUBLIC_KEY, 4095, 256}},
+    {0x70002000, NO_OBJECT, CANNOT_CHANGE, "", {CKO_CERTIFICATE, 0, 100}},
+    {0x70002001, "", CANNOT_CHANGE, "", {CKO_CERTIFICATE, 1, 101}},
     {0x70002002, NO_CERTIFICATE, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
-    {0x70002FFF, "", CANNOT_CHANGE, ""},
+    {0x70002FFF, "", CANNOT_CHANGE, "", {CKO_CERTIFICATE, 4095, 4195}},
     {0x70003FFF, NO_DERIVED_KEY, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
     {0x80000000, NO_DERIVED_KEY, CANNOT_CHANGE, NO_CERTIFICATE_SIZE},
 #ifdef CRYPTOKI_HOST_LAYOUT
@@ -152,7 +167,16 @@ protected:
         for (const std::uint32_t id : {0u, 1u, 4095u, 4096u}) {
             first().keyPairs.push_back(makeKeyPair(id, KEY_KIND_RSA_2048, "pair " + std::to_string(id)));
             first().certificates.push_back(makeCertificate(id, "certificate " + std::to_string(id)));
+            first().keyPairs.back().objectIdLength = copyInto(first().keyPairs.back().objectId, objectIdFor(id));
+            first().certificates.back().objectIdLength =
+                copyInto(first().certificates.back().objectId, objectIdFor(id));
+            first().certificates.back().der.resize(100 + id);
         }
+    }
+
+    static Bytes objectIdFor(std::uint32_t id)
+    {
+        return {static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id)};
     }
 
     static CK_RV code(const std::string& error) { return error.empty() ? CKR_OK : CKR_OBJECT_HANDLE_INVALID; }
@@ -170,6 +194,8 @@ TEST_P(HandleRangeTest, DecideWhatIsRead)
     EXPECT_EQ(read.code, code(GetParam().get));
     if (GetParam().get.empty()) {
         EXPECT_EQ(attributes.length(0), 1u);
+        EXPECT_EQ(attribute(GetParam().handle, CKA_CLASS), bytesOfNumber(GetParam().object.objectClass));
+        EXPECT_EQ(attribute(GetParam().handle, CKA_ID), objectIdFor(GetParam().object.id));
         return;
     }
     EXPECT_THAT(read.lines, testing::ElementsAre("DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",
@@ -180,7 +206,12 @@ TEST_P(HandleRangeTest, DecideWhatIsRead)
 
 TEST_P(HandleRangeTest, DecideWhatIsChanged)
 {
-    EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(GetParam().set.empty() ? 1 : 0);
+    EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
+    if (GetParam().set.empty()) {
+        const Bytes identifier = identifierBytes(keyPair(GetParam().object.id));
+        EXPECT_CALL(*device_, velkor_updateKeyPairDetails(StrEq(FIRST_DEVICE), PointsTo(identifier), StrEq(""),
+                                                          StrEq("new"), _, 0, instance_));
+    }
     Template changes;
     changes.add(CKA_LABEL, "new");
     const Answer changed = answer(C_SetAttributeValue, hSession_, GetParam().handle, changes.data(), 1);
@@ -197,7 +228,7 @@ TEST_P(HandleRangeTest, DecideWhatIsMeasured)
     EXPECT_EQ(measured.code, code(GetParam().size));
     if (GetParam().size.empty()) {
         EXPECT_THAT(measured.lines, testing::ElementsAre("DEBUG C_GetObjectSize"));
-        EXPECT_NE(size, 77u);
+        EXPECT_EQ(size, GetParam().object.size);
         return;
     }
     EXPECT_THAT(measured.lines, testing::ElementsAre("DEBUG C_GetObjectSize", errorLine(GetParam().size)));
@@ -303,6 +334,91 @@ TEST_F(ObjectHandleTest, AHandleIsLookedUpOnItsSessionsDevice)
     hSession_ = openSession(CKF_SERIAL_SESSION, SECOND_SLOT);
     EXPECT_CALL(*device_, velkor_getKeyPairList(StrEq(SECOND_DEVICE), instance_)).Times(2);
     expectLabel(privateKey(1), "other pair");
+}
+
+TEST_F(ObjectHandleTest, EveryObjectCallAsksItsSessionsDevice)
+{
+    second().keyPairs.push_back(makeKeyPair(2, KEY_KIND_EC_P256, ""));
+    second().certificates.push_back(makeCertificate(9, "other certificate"));
+    CertificateDetails& details = device_->defaults.detailsOf(second().certificates.front().der);
+    details.subjectCommonName = "Other";
+    details.issuerCommonName = "Issuer";
+    details.publicKey = publicKeyBytes(second().keyPairs.back());
+    hSession_ = openSession(READ_WRITE, SECOND_SLOT);
+    login();
+    const auto expectUpdate = [&](const VelkorKeyPair& record, const char* label) {
+        EXPECT_CALL(*device_, velkor_updateKeyPairDetails(StrEq(SECOND_DEVICE), PointsTo(identifierBytes(record)),
+                                                          StrEq("1234"), StrEq(label), _, 0, instance_));
+    };
+    EXPECT_CALL(*device_, velkor_getKeyPairList).Times(0);
+    EXPECT_CALL(*device_, velkor_getCertificateList).Times(0);
+    EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
+    EXPECT_CALL(*device_, velkor_getKeyPairList(StrEq(SECOND_DEVICE), instance_)).Times(6);
+    EXPECT_CALL(*device_, velkor_getCertificateList(StrEq(SECOND_DEVICE), instance_)).Times(4);
+    expectUpdate(second().keyPairs.back(), "Other_Issuer");
+    expectUpdate(second().keyPairs.front(), "new");
+    expectLabel(privateKey(1), "other pair");
+    expectLabel(certificate(9), "other certificate");
+    expectLabel(publicKey(2), "Other_Issuer");
+    Template changes;
+    EXPECT_EQ(C_SetAttributeValue(hSession_, privateKey(1), changes.add(CKA_LABEL, "new").data(), 1), CKR_OK);
+    expectSize(privateKey(1), 512);
+    expectSize(certificate(9), 5);
+}
+
+TEST_F(ObjectHandleTest, RefusedArgumentsAskNoDevice)
+{
+    const CK_OBJECT_HANDLE derivedKey = derive(hSession_, 5, {1});
+    EXPECT_CALL(*device_, velkor_getKeyPairList).Times(0);
+    EXPECT_CALL(*device_, velkor_getCertificateList).Times(0);
+    Template attributes;
+    attributes.add(CKA_LABEL, "new");
+    for (const CK_OBJECT_HANDLE hObject : {privateKey(2), certificate(2)}) {
+        EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, nullptr, 1), CKR_ARGUMENTS_BAD);
+        EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, attributes.data(), 0), CKR_ARGUMENTS_BAD);
+        EXPECT_EQ(C_SetAttributeValue(hSession_, hObject, nullptr, 1), CKR_ARGUMENTS_BAD);
+        EXPECT_EQ(C_SetAttributeValue(hSession_, hObject, attributes.data(), 0), CKR_ARGUMENTS_BAD);
+    }
+    for (const CK_OBJECT_HANDLE hObject : {CK_OBJECT_HANDLE{0}, CK_OBJECT_HANDLE{0x6FFFFFFF}, certificate(0)})
+        EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, attributes.data(), 1), CKR_OBJECT_HANDLE_INVALID);
+    for (const CK_OBJECT_HANDLE hObject : {CK_OBJECT_HANDLE{0x6FFFFFFF}, certificate(0), certificate(1), derivedKey})
+        EXPECT_EQ(C_SetAttributeValue(hSession_, hObject, attributes.data(), 1), CKR_OBJECT_HANDLE_INVALID);
+    CK_ULONG size = 77;
+    for (const CK_OBJECT_HANDLE hObject : {CK_OBJECT_HANDLE{0}, CK_OBJECT_HANDLE{0x6FFFFFFF}})
+        EXPECT_EQ(C_GetObjectSize(hSession_, hObject, &size), CKR_OBJECT_HANDLE_INVALID);
+}
+
+TEST_F(ObjectHandleTest, OnAnEmptyDeviceNothingIsFoundAndItIsNotInitialized)
+{
+    first().keyPairs.clear();
+    first().certificates.clear();
+    EXPECT_CALL(*device_, velkor_initDevice).Times(0);
+    Template attributes;
+    attributes.add(CKA_LABEL, "new");
+    const auto read = [&](CK_OBJECT_HANDLE hObject, const std::string& error) {
+        EXPECT_EQ(answer(C_GetAttributeValue, hSession_, hObject, attributes.data(), 1),
+                  (Answer{CKR_OBJECT_HANDLE_INVALID,
+                          {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",
+                           "ERROR " + error + logged(hObject)}}));
+    };
+    const auto change = [&](CK_OBJECT_HANDLE hObject) {
+        EXPECT_EQ(answer(C_SetAttributeValue, hSession_, hObject, attributes.data(), 1),
+                  refusal(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue", NO_KEY_TO_CHANGE + logged(hObject)));
+    };
+    const auto measure = [&](CK_OBJECT_HANDLE hObject, const std::string& error) {
+        CK_ULONG size = 77;
+        EXPECT_EQ(answer(C_GetObjectSize, hSession_, hObject, &size),
+                  refusal(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize", error + logged(hObject)));
+        EXPECT_EQ(size, 77u);
+    };
+    read(privateKey(1), NO_KEY);
+    read(publicKey(1), NO_KEY);
+    read(certificate(1), NO_CERTIFICATE);
+    change(privateKey(1));
+    change(publicKey(1));
+    measure(privateKey(1), NO_PRIVATE_SIZE);
+    measure(publicKey(1), NO_PUBLIC_SIZE);
+    measure(certificate(1), NO_CERTIFICATE_SIZE);
 }
 
 TEST_F(ObjectHandleTest, AnExceptionOfTheLibraryBecomesAReturnCode)
@@ -487,8 +603,10 @@ TEST_F(ObjectLabelTest, OfAKeyPairIsWrittenBackForAUser)
 TEST_F(ObjectLabelTest, OfAKeyPairIsAnsweredThoughItCannotBeWrittenBack)
 {
     login();
-    expectUpdate("Subject 1_Issuer").Times(2).WillRepeatedly(testing::Return(7));
-    expectLabel(privateKey(2), "Subject 1_Issuer");
+    for (const int status : {7, STATUS_DEVICE_REMOVED}) {
+        expectUpdate("Subject 1_Issuer").Times(2).WillRepeatedly(testing::Return(status));
+        expectLabel(privateKey(2), "Subject 1_Issuer");
+    }
 }
 
 TEST_F(ObjectLabelTest, OfAKeyPairIsWrittenBackWhateverAttributeIsRead)
@@ -503,6 +621,27 @@ TEST_F(ObjectLabelTest, OfAKeyPairIsNotWrittenBackForASecurityOfficer)
     expectNoUpdate();
     login(CKU_SO);
     expectLabel(privateKey(2), "Subject 1_Issuer");
+}
+
+TEST_F(ObjectLabelTest, ALabelIsWrittenBackFromAPublicSessionWithTheCachedPin)
+{
+    logInOnTheOtherToken();
+    expectUpdate("Subject 1_Issuer").Times(1);
+    EXPECT_EQ(read(publicKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 1_Issuer"}, 16));
+}
+
+TEST_F(ObjectLabelTest, ALabelIsWrittenBackForASecurityOfficerWithTheCachedPin)
+{
+    logInAsUserThenAsSecurityOfficer();
+    expectUpdate("Subject 1_Issuer").Times(1);
+    EXPECT_EQ(read(publicKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 1_Issuer"}, 16));
+}
+
+TEST_F(ObjectLabelTest, ALabelIsNotWrittenBackFromAUserSessionWithoutAPin)
+{
+    logInAndLoseThePin();
+    expectNoUpdate();
+    EXPECT_EQ(read(privateKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 1_Issuer"}, 16));
 }
 
 TEST_F(ObjectLabelTest, OfAKeyPairThatIsNotEmptyIsNotComputed)
@@ -536,6 +675,29 @@ TEST_F(ObjectLabelTest, OfAKeyPairComesFromTheFirstCertificateThatParsesAndMatch
     expectParsing(13);
     expectParsing(14);
     EXPECT_EQ(read(privateKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 14_Issuer"}, 17));
+}
+
+TEST_F(ObjectLabelTest, ACertificateWithoutDerIsParsedAndPassedOver)
+{
+    login();
+    certificateRecord(1).der.clear();
+    addCertificate(11, publicKeyBytes(keyPair(2)));
+    const testing::InSequence order;
+    expectParsing(1).WillOnce(testing::Return(7));
+    expectParsing(2);
+    expectParsing(3);
+    expectParsing(11);
+    expectUpdate("Subject 11_Issuer");
+    EXPECT_EQ(read(privateKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 11_Issuer"}, 17));
+}
+
+TEST_F(ObjectLabelTest, AnEmptyPublicKeyMatchesAnEmptyOne)
+{
+    login();
+    keyPair(2).publicKeyLength = 0;
+    addCertificate(11, {});
+    expectUpdate("Subject 11_Issuer");
+    EXPECT_EQ(read(privateKey(2)), readWith({"DEBUG Empty key pair label, computed: Subject 11_Issuer"}, 17));
 }
 
 struct LabelCase {
@@ -622,6 +784,22 @@ TEST_F(ObjectHandleTest, ANullSizeIsRefusedBehindTheHandle)
     EXPECT_EQ(answer(C_GetObjectSize, hSession_, privateKey(99), nullptr),
               refusal(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
                       "Private key not found in get object size : " + logged(privateKey(99))));
+}
+
+class ObjectSizeStateTest : public ObjectHandleTest, public testing::WithParamInterface<CK_STATE>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(All, ObjectSizeStateTest,
+                         testing::Values(CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                         CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS));
+
+TEST_P(ObjectSizeStateTest, SizesAreAnsweredInEveryState)
+{
+    enterState(GetParam());
+    expectSize(privateKey(2), 512);
+    expectSize(publicKey(2), 256);
+    expectSize(certificate(2), 5);
 }
 
 TEST_F(ObjectHandleTest, MeasuringLeavesTheSearchInProgress)
