@@ -200,7 +200,7 @@ TEST_F(ThreadsTest, ObjectsAreFoundReadAndDerivedBySeveralThreads)
     };
     const std::vector<CK_OBJECT_HANDLE> ofFirst = {publicKey(1), publicKey(2), publicKey(3), publicKey(4),
                                                    publicKey(5), publicKey(6), publicKey(7)};
-    runRounds(1000, {read(FIRST_SLOT, ofFirst, 2, "pair 2", 512), read(FIRST_SLOT, ofFirst, 7, "pair 7", 266),
+    runRounds(3000, {read(FIRST_SLOT, ofFirst, 2, "pair 2", 512), read(FIRST_SLOT, ofFirst, 7, "pair 7", 266),
                      read(SECOND_SLOT, {publicKey(1)}, 1, "other pair", 512), readCertificate, deriveAnew});
     EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
 }
