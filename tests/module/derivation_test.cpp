@@ -632,14 +632,14 @@ TEST_F(DerivedKeyTest, AnswerNoRowOfTheTableButTheirValueAndSaySoWithoutAnError)
 
 TEST_F(DerivedKeyTest, DoNotFitIntoABufferOfNoBytes)
 {
-    CK_BYTE room = 9;
-    CK_ATTRIBUTE entry = {CKA_VALUE, &room, 0};
+    Bytes room(SECRET.size(), 9); // There is more, but the length does not say so.
+    CK_ATTRIBUTE entry = {CKA_VALUE, room.data(), 0};
     EXPECT_EQ(
         answer(C_GetAttributeValue, hSession_, hKey_, &entry, 1),
         attributesAnswer(CKR_BUFFER_TOO_SMALL, 1,
                          {"ERROR C_GetAttributeValue: buffer too small at index=0 type=17 provided=0 required=66"}));
     EXPECT_EQ(CK_ULONG{entry.ulValueLen}, 0U);
-    EXPECT_EQ(room, 9);
+    EXPECT_EQ(room, Bytes(SECRET.size(), 9));
 }
 
 TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
