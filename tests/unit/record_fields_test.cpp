@@ -46,6 +46,23 @@ TEST_P(RecordLengthTest, NeverLeadsOutsideTheField)
     EXPECT_EQ(objectIdOf(certificate).size(), GetParam().objectId);
 }
 
+TEST(DeviceLength, KeepsTheLow32BitsAndMakesLargerOnesNegative)
+{
+    constexpr int LARGEST = std::numeric_limits<int>::max();
+    constexpr int SMALLEST = std::numeric_limits<int>::min();
+    EXPECT_EQ(deviceLength(0), 0);
+    EXPECT_EQ(deviceLength(1), 1);
+    EXPECT_EQ(deviceLength(0x7FFFFFFF), LARGEST);
+    EXPECT_EQ(deviceLength(0x80000000), SMALLEST);
+    EXPECT_EQ(deviceLength(0x80000001), SMALLEST + 1);
+    EXPECT_EQ(deviceLength(0xFFFFFFFF), -1);
+    if constexpr (sizeof(std::size_t) > 4) {
+        EXPECT_EQ(deviceLength(static_cast<std::size_t>(0x100000000ULL)), -1);
+        EXPECT_EQ(deviceLength(static_cast<std::size_t>(0x100000001ULL)), -1);
+    }
+    EXPECT_EQ(deviceLength(std::numeric_limits<std::size_t>::max()), -1);
+}
+
 TEST(StoredLabel, EndsAtItsZeroByte)
 {
     VelkorKeyPair keyPair;
