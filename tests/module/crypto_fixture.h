@@ -81,6 +81,9 @@ inline constexpr SignatureMechanism SIGNATURE_MECHANISMS[] = {
 inline constexpr CK_MECHANISM_TYPE NO_SIGNATURE_MECHANISMS[] = {0x0,   0x3,    0x5,    0x9,    0x210,      0x220,
                                                                 0x250, 0x1040, 0x1046, 0x1050, 0xFFFFFFFF, 0x80000001};
 
+/// What looks negative in the device's count and in the log of a module with 32-bit numbers.
+constexpr CK_ULONG TOO_LARGE_FOR_INT = 0x80000000;
+
 /// A caller's length and the count that the device is given for it.
 struct LargeLength {
     CK_ULONG length;
@@ -100,6 +103,23 @@ inline std::vector<LargeLength> largeLengths()
     }
     return lengths;
 }
+
+/// `handles`, and where a handle has more than 32 bits also those whose lower 32 bits are a handle of key pair 2.
+inline std::vector<CK_OBJECT_HANDLE> withLargeHandles(std::vector<CK_OBJECT_HANDLE> handles)
+{
+    if (sizeof(CK_OBJECT_HANDLE) > 4) {
+        for (const unsigned long long handle : {0x170000002ULL, 0x170001002ULL})
+            handles.push_back(static_cast<CK_OBJECT_HANDLE>(handle));
+    }
+    return handles;
+}
+
+/// DER of a hash with its algorithm, as the raw RSA mechanism is given it.
+inline const Bytes SHA1_DIGEST_INFO =
+    joined({0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14}, Bytes(20, 0xAA));
+inline const Bytes MD5_DIGEST_INFO =
+    joined({0x30, 0x20, 0x30, 0x0C, 0x06, 0x08, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10},
+           Bytes(16, 0xAA));
 
 /// Where a result goes; larger than any result, so that what is written behind the caller's length can be seen.
 class Output
@@ -165,7 +185,7 @@ protected:
 
     void expectKeyLookup()
     {
-        EXPECT_CALL(*device_, velkor_getKeyPairList(testing::StrEq(FIRST_DEVICE), instance_)).InSequence(script_);
+        EXPECT_CALL(*device_, velkor_getKeyPairList(testing::StrEq(deviceId_), instance_)).InSequence(script_);
     }
 
     /// Begins a hash whose context the calls scripted next are to be given, unless it fails.
@@ -174,7 +194,7 @@ protected:
         if (status == 0)
             context_ = &contexts_.at(nextContext_++);
         EXPECT_CALL(*device_,
-                    velkor_initHash(testing::StrEq(FIRST_DEVICE), hashCode, testing::Pointee(testing::_), instance_))
+                    velkor_initHash(testing::StrEq(deviceId_), hashCode, testing::Pointee(testing::_), instance_))
             .InSequence(script_)
             .WillOnce([given = context_, status](const char*, int, void** hashContext, void*) {
                 if (status == 0)
@@ -211,6 +231,20 @@ protected:
             });
     }
 
+    /// A final step that fills the whole room and tells a length of its own choice.
+    void expectFinalHashOfLength(int lengthOnEntry, int lengthTold)
+    {
+        EXPECT_CALL(*device_,
+                    velkor_finalHash(context_, testing::NotNull(), testing::Pointee(lengthOnEntry), instance_))
+            .InSequence(script_)
+            .WillOnce([lengthTold](void*, unsigned char* out, int* length, void*) {
+                const Bytes whole = digestOf(5);
+                std::copy(whole.begin(), whole.end(), out);
+                *length = lengthTold;
+                return 0;
+            });
+    }
+
     /// A whole hash, made in one go by a mechanism that has one.
     void expectHash(int hashCode, const Bytes& data, const Bytes& hash)
     {
@@ -221,7 +255,7 @@ protected:
 
     void expectSignHash(const SignRequest& request, const Bytes& signature, int status = 0)
     {
-        EXPECT_CALL(*device_, velkor_signHash(testing::StrEq(FIRST_DEVICE), IsKeyIdentifierOf(keyPair(request.keyId)),
+        EXPECT_CALL(*device_, velkor_signHash(testing::StrEq(deviceId_), IsKeyIdentifierOf(keyPair(request.keyId)),
                                               testing::StrEq(request.pin), testing::_, testing::_, testing::NotNull(),
                                               testing::Pointee(1024), false, instance_, request.isPss))
             .With(testing::Args<3, 4>(testing::ElementsAreArray(request.hash)))
@@ -237,7 +271,7 @@ protected:
 
     void expectVerifySignatureHash(const VerifyRequest& request, int status = 0)
     {
-        EXPECT_CALL(*device_, velkor_verifySignatureHash(request.keyKind, testing::StrEq(FIRST_DEVICE), testing::_,
+        EXPECT_CALL(*device_, velkor_verifySignatureHash(request.keyKind, testing::StrEq(deviceId_), testing::_,
                                                          testing::_, testing::_, testing::_, testing::_, testing::_,
                                                          instance_, request.isPss))
             .With(testing::AllOf(testing::Args<2, 3>(testing::ElementsAreArray(request.hash)),
@@ -247,7 +281,10 @@ protected:
             .WillOnce(testing::Return(status));
     }
 
-    VelkorKeyPair& keyPair(std::uint32_t id) const { return first().keyPairs.at(id - 1); }
+    VelkorKeyPair& keyPair(std::uint32_t id) const
+    {
+        return device_->defaults.devices.at(deviceId_).keyPairs.at(id - 1);
+    }
 
     Bytes storedPublicKey(std::uint32_t id) const
     {
@@ -297,6 +334,13 @@ protected:
         ASSERT_EQ(C_FindObjectsInit(hSession_, nullptr, 0), CKR_OK);
     }
 
+    /// A search ends every operation, but not what the operation leaves behind.
+    void abandonOperation()
+    {
+        startSearch();
+        ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+    }
+
     void setModel(const std::string& model)
     {
         reopenWithToken([&](TokenInfo& token) { token.model = model; });
@@ -320,10 +364,15 @@ protected:
 
     static constexpr int NONE = 0;
     static constexpr int FIND = 1;
+    static constexpr int ENCRYPT = 2;
+    static constexpr int DECRYPT = 3;
     static constexpr int DIGEST = 4;
     static constexpr int SIGN = 5;
     static constexpr int VERIFY = 7;
+    static constexpr int DIGEST_ENCRYPT = 9;
+    static constexpr int DIGEST_DECRYPT = 10;
 
+    std::string deviceId_ = FIRST_DEVICE; ///< Whom the session's calls are scripted for.
     void* instance_ = nullptr;
     void* context_ = nullptr; ///< What the hash calls that are scripted next are to be given.
     testing::Sequence script_;

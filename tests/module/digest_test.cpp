@@ -93,7 +93,11 @@ TEST_P(EveryDigest, IsMadeOnFipsTokensAndOldFirmware)
     setModel("");
     setFirmware("");
     startDigest(GetParam().type, GetParam().hash);
-    EXPECT_EQ(activeOperation(), DIGEST);
+    expectUpdateHash(DATA);
+    expectFinalHash(0, digestOf(GetParam().hash));
+    Output output;
+    EXPECT_EQ(digest(DATA, output), DIGESTED);
+    EXPECT_EQ(output.written(), digestOf(GetParam().hash));
 }
 
 TEST_F(DigestTest, OtherMechanismsAreRefused)
@@ -133,6 +137,32 @@ TEST_F(DigestTest, ARestartThatFailsKeepsTheDigestAndItsResult)
     EXPECT_EQ(activeOperation(), DIGEST);
     Output output;
     EXPECT_EQ(finish(output), FINISHED);
+    EXPECT_EQ(output.written(), digestOf(3));
+}
+
+TEST_F(DigestTest, ARestartThatFailsKeepsTheContext)
+{
+    startDigest();
+    expectInitHash(5, -7);
+    ASSERT_EQ(digestInit(CKM_SHA512).code, CKR_FUNCTION_FAILED);
+    expectUpdateHash(DATA);
+    expectFinalHash(0, digestOf(3));
+    EXPECT_EQ(update(DATA), UPDATED);
+    Output output;
+    EXPECT_EQ(finish(output), FINISHED);
+    EXPECT_EQ(output.written(), digestOf(3));
+}
+
+TEST_F(DigestTest, DataGatheredForASignatureIsNoKeptDigest)
+{
+    startSigning(CKM_ECDSA);
+    ASSERT_EQ(C_SignUpdate(hSession_, pointerTo(OTHER_DATA), sizeOf(OTHER_DATA)), CKR_OK);
+    abandonOperation();
+    startDigest();
+    expectUpdateHash(DATA);
+    expectFinalHash(0, digestOf(3));
+    Output output;
+    EXPECT_EQ(digest(DATA, output), DIGESTED);
     EXPECT_EQ(output.written(), digestOf(3));
 }
 
@@ -203,6 +233,35 @@ TEST_F(DigestTest, DigestAfterAnUpdateAddsItsData)
     EXPECT_EQ(digest(OTHER_DATA, output), DIGESTED);
 }
 
+TEST_F(DigestTest, AnEmptyDigestIsNotKeptAfterALengthQuery)
+{
+    startDigest();
+    expectUpdateHash(DATA);
+    expectFinalHash(0, {});
+    CK_ULONG length = 5;
+    EXPECT_EQ(askDigestLength(DATA, length), DIGESTED);
+    EXPECT_EQ(length, 0u);
+    expectUpdateHash(OTHER_DATA);
+    expectFinalHash(0, digestOf(3));
+    Output output;
+    EXPECT_EQ(digest(OTHER_DATA, output), DIGESTED);
+    EXPECT_EQ(output.written(), digestOf(3));
+}
+
+TEST_F(DigestTest, ALengthThatADigestCannotHaveIsCutToItsRoom)
+{
+    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    for (const auto& [told, delivered] : lengths) {
+        startDigest(CKM_SHA512, 5);
+        expectUpdateHash(DATA);
+        expectFinalHashOfLength(0, told);
+        Output output;
+        EXPECT_EQ(digest(DATA, output), DIGESTED);
+        EXPECT_EQ(output.length, delivered.size());
+        EXPECT_EQ(output.written(), delivered);
+    }
+}
+
 TEST_F(DigestTest, ALengthThatIsTooShortStillGetsTheWholeDigest)
 {
     for (const CK_ULONG tooShort : {0u, 1u, 63u}) {
@@ -231,6 +290,8 @@ TEST_F(DigestTest, BadArgumentsOfDigestAreRefusedInTheirOrderAndKeepTheDigest)
     const auto refused = [](const std::string& text) { return refusal(CKR_ARGUMENTS_BAD, "C_Digest", text); };
     const std::string dataText = "C_Digest: pData is NULL or ulDataLen<=0, ulDataLen=";
     EXPECT_EQ(answer(C_Digest, hSession_, nullptr, 8, output.data(), nullptr), refused(dataText + "8"));
+    EXPECT_EQ(answer(C_Digest, hSession_, nullptr, TOO_LARGE_FOR_INT, output.data(), &output.length),
+              refused(dataText + logged(TOO_LARGE_FOR_INT)));
     EXPECT_EQ(answer(C_Digest, hSession_, nullptr, 0, output.data(), &output.length), refused(dataText + "0"));
     EXPECT_EQ(answer(C_Digest, hSession_, &byte, 0, output.data(), nullptr), refused(dataText + "0"));
     EXPECT_EQ(answer(C_Digest, hSession_, &byte, 1, output.data(), nullptr), refused("C_Digest: pulDigestLen is NULL"));
@@ -260,6 +321,8 @@ TEST_F(DigestTest, BadArgumentsOfUpdateKeepTheDigest)
     CK_BYTE byte = 1;
     const std::string text = "C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=";
     EXPECT_EQ(answer(C_DigestUpdate, hSession_, nullptr, 3), refusal(CKR_ARGUMENTS_BAD, "C_DigestUpdate", text + "3"));
+    EXPECT_EQ(answer(C_DigestUpdate, hSession_, nullptr, TOO_LARGE_FOR_INT),
+              refusal(CKR_ARGUMENTS_BAD, "C_DigestUpdate", text + logged(TOO_LARGE_FOR_INT)));
     EXPECT_EQ(answer(C_DigestUpdate, hSession_, &byte, 0), refusal(CKR_ARGUMENTS_BAD, "C_DigestUpdate", text + "0"));
     EXPECT_EQ(activeOperation(), DIGEST);
 }
@@ -288,6 +351,7 @@ TEST_F(DigestTest, AfterAFailedFinalStepBothStepsAreDoneAgainOnTheSameContext)
     expectFinalHash(0, digestOf(3));
     Output output;
     EXPECT_EQ(digest(DATA, output), refusal(CKR_FUNCTION_FAILED, "C_Digest", "Final hash data in diget failed : 41"));
+    EXPECT_EQ(output.length, 2048u);
     EXPECT_EQ(output.written(), Bytes());
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(digest(DATA, output), DIGESTED);
@@ -312,6 +376,8 @@ TEST_F(DigestTest, AFailedDigestFinalKeepsTheDigestForAnotherTry)
     expectFinalHash(0, digestOf(3));
     Output output;
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_DigestFinal", "Final hash data in diget failed : 43"));
+    EXPECT_EQ(output.length, 2048u);
+    EXPECT_EQ(output.written(), Bytes());
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(finish(output), FINISHED);
     EXPECT_EQ(output.written(), digestOf(3));

@@ -68,6 +68,14 @@ protected:
         EXPECT_EQ(output.written(), signature);
     }
 
+    /// Leaves data in the session that no operation has signed.
+    void gatherAndAbandon(const Bytes& data)
+    {
+        startSigning(CKM_ECDSA);
+        ASSERT_EQ(update(data), UPDATED);
+        abandonOperation();
+    }
+
     const Answer UPDATED = success("C_SignUpdate");
     const Answer FINISHED = success("C_SignFinal");
 };
@@ -152,8 +160,7 @@ TEST_P(EverySignature, TakesParametersForPssOnly)
                       initRefused(CKR_MECHANISM_PARAM_INVALID,
                                   "C_SignInit: mechanism param invalid for mechanism=" + logged(mechanism_.type)));
         EXPECT_EQ(activeOperation(), mechanism_.isPss ? SIGN : NONE);
-        startSearch();
-        ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+        abandonOperation();
     }
 }
 
@@ -217,8 +224,8 @@ TEST_F(SigningTest, HandlesBelowThePrivateKeysAreRefusedWithoutALookup)
 
 TEST_F(SigningTest, HandlesWithoutAKeyPairAreRefused)
 {
-    for (const CK_OBJECT_HANDLE hKey :
-         {0x70000000u, 0x70000008u, 0x70000FFFu, 0x70001002u, 0x70002002u, 0x70003000u, 0x80000002u, 0xFFFFFFFFu}) {
+    for (const CK_OBJECT_HANDLE hKey : withLargeHandles(
+             {0x70000000, 0x70000008, 0x70000FFF, 0x70001002, 0x70002002, 0x70003000, 0x80000002, 0xFFFFFFFF})) {
         expectKeyLookup();
         EXPECT_EQ(signInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : " + logged(hKey)));
@@ -233,8 +240,7 @@ TEST_F(SigningTest, AHandleOfAnotherRangeIsTheIdThatItsDistanceGives)
     for (const CK_OBJECT_HANDLE hKey : {0x70000000u, 0x70001002u}) {
         expectKeyLookup();
         EXPECT_EQ(signInit(CKM_ECDSA, hKey).code, CKR_OK);
-        startSearch();
-        ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+        abandonOperation();
     }
 }
 
@@ -266,8 +272,7 @@ TEST_F(SigningTest, EveryOtherKeyIsTakenForEveryMechanism)
     for (std::uint32_t id = 2; id <= 9; ++id) {
         for (const CK_MECHANISM_TYPE type : {CKM_SHA256_RSA_PKCS, CKM_ECDSA}) {
             startSigning(type, id);
-            startSearch();
-            ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+            abandonOperation();
         }
     }
 }
@@ -305,6 +310,20 @@ TEST_F(SigningTest, TheDeviceIsToldTheKeyByItsIdentifier)
         Output output;
         EXPECT_EQ(sign(DATA, output).code, CKR_OK);
     }
+}
+
+TEST_F(SigningTest, TheDeviceFlagOfTheRecordIsNotPassed)
+{
+    keyPair(2).deviceFlag = true;
+    startSigning(CKM_ECDSA);
+    expectSignHash({.hash = DATA}, SIGNATURE);
+    Output output;
+    EXPECT_EQ(sign(DATA, output), computed(CKM_ECDSA, DATA));
+
+    startSigning(CKM_ECDSA);
+    expectSignHash({.hash = DATA}, SIGNATURE);
+    ASSERT_EQ(update(DATA), UPDATED);
+    EXPECT_EQ(finish(output), FINISHED);
 }
 
 TEST_F(SigningTest, AnEmptyHashIsLoggedAsSuch)
@@ -381,8 +400,7 @@ TEST_F(SigningTest, ANewOperationDropsTheKeptSignature)
     startSigning(CKM_ECDSA);
     expectSignHash({.hash = DATA}, SIGNATURE);
     ASSERT_EQ(askSignLength(DATA, length).code, CKR_OK);
-    startSearch();
-    ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+    abandonOperation();
     startSigning(CKM_ECDSA);
     expectSignHash({.hash = OTHER_DATA}, OTHER_SIGNATURE);
     Output output;
@@ -428,6 +446,46 @@ TEST_F(SigningTest, ASignatureMayFillTheWholeRoomOfTheDevice)
     expectDelivered(output, largest);
 }
 
+TEST_F(SigningTest, ALengthThatTheSignatureCannotHaveIsCutToItsRoom)
+{
+    const std::pair<int, std::size_t> lengths[] = {{1025, 1024}, {-1, 0}};
+    for (const auto& [told, delivered] : lengths) {
+        startSigning(CKM_ECDSA);
+        EXPECT_CALL(*device_, velkor_signHash)
+            .WillOnce(testing::DoAll(testing::SetArgPointee<6>(told), testing::Return(0)));
+        Output output;
+        EXPECT_EQ(sign(DATA, output), computed(CKM_ECDSA, DATA));
+        expectDelivered(output, Bytes(delivered));
+    }
+}
+
+TEST_F(SigningTest, ALengthThatTheHashCannotHaveIsCutToItsRoom)
+{
+    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    for (const auto& [told, hash] : lengths) {
+        startSigning(CKM_SHA512_RSA_PKCS);
+        expectInitHash(5);
+        expectUpdateHash(DATA);
+        expectFinalHashOfLength(HASH_ROOM, told);
+        expectSignHash({.hash = hash}, SIGNATURE);
+        Output output;
+        EXPECT_EQ(sign(DATA, output).code, CKR_OK);
+    }
+}
+
+TEST_F(SigningTest, AnEmptySignatureIsNotKeptAfterALengthQuery)
+{
+    startSigning(CKM_ECDSA);
+    expectSignHash({.hash = DATA}, {});
+    CK_ULONG length = 5;
+    EXPECT_EQ(askSignLength(DATA, length), computed(CKM_ECDSA, DATA));
+    EXPECT_EQ(length, 0u);
+    expectSignHash({.hash = OTHER_DATA}, SIGNATURE);
+    Output output;
+    EXPECT_EQ(sign(OTHER_DATA, output), computed(CKM_ECDSA, OTHER_DATA));
+    expectDelivered(output, SIGNATURE);
+}
+
 TEST_F(SigningTest, BadArgumentsOfSignAreRefusedInTheirOrderAndKeepTheOperation)
 {
     startSigning(CKM_ECDSA);
@@ -465,6 +523,8 @@ TEST_F(SigningTest, BadArgumentsOfUpdateAndFinalKeepWhatIsGathered)
     CK_BYTE byte = 1;
     const std::string text = "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=";
     EXPECT_EQ(answer(C_SignUpdate, hSession_, nullptr, 3), refusal(CKR_ARGUMENTS_BAD, "C_SignUpdate", text + "3"));
+    EXPECT_EQ(answer(C_SignUpdate, hSession_, nullptr, TOO_LARGE_FOR_INT),
+              refusal(CKR_ARGUMENTS_BAD, "C_SignUpdate", text + logged(TOO_LARGE_FOR_INT)));
     EXPECT_EQ(answer(C_SignUpdate, hSession_, &byte, 0), refusal(CKR_ARGUMENTS_BAD, "C_SignUpdate", text + "0"));
     EXPECT_EQ(answer(C_SignFinal, hSession_, &byte, nullptr).code, CKR_ARGUMENTS_BAD);
     expectSignHash({.hash = DATA}, SIGNATURE);
@@ -537,8 +597,9 @@ TEST_F(SigningTest, AFailedUpdateEndsTheOperationAndDropsItsContext)
     EXPECT_EQ(update(DATA), UPDATED);
 }
 
-TEST_F(SigningTest, AFailedFinalHashEndsTheOperationAndDropsItsContext)
+TEST_F(SigningTest, AFailedFinalHashEndsTheOperationAndDropsContextAndData)
 {
+    gatherAndAbandon(OTHER_DATA);
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
     expectUpdateHash(DATA);
@@ -549,10 +610,29 @@ TEST_F(SigningTest, AFailedFinalHashEndsTheOperationAndDropsItsContext)
     EXPECT_EQ(output.length, 5u);
     EXPECT_EQ(activeOperation(), NONE);
 
+    startSigning(CKM_ECDSA);
+    expectSignHash({.hash = {}}, SIGNATURE);
+    EXPECT_EQ(finish(output), FINISHED);
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
     expectUpdateHash(DATA);
     EXPECT_EQ(update(DATA), UPDATED);
+}
+
+TEST_F(SigningTest, AFinalHashTakesThePlaceOfGatheredData)
+{
+    gatherAndAbandon(OTHER_DATA);
+    startSigning(CKM_SHA256_RSA_PKCS);
+    expectHash(3, DATA, digestOf(3));
+    expectSignHash({.hash = digestOf(3)}, SIGNATURE);
+    ASSERT_EQ(update(DATA), UPDATED);
+    Output output;
+    EXPECT_EQ(finish(output), FINISHED);
+
+    startSigning(CKM_ECDSA);
+    ASSERT_EQ(update(DATA), UPDATED);
+    expectSignHash({.hash = DATA}, SIGNATURE);
+    EXPECT_EQ(finish(output), FINISHED);
 }
 
 TEST_F(SigningTest, AFailedSignatureOfFinalEndsTheOperationAndDropsWhatWasGathered)
@@ -583,16 +663,36 @@ TEST_F(SigningTest, WhatWasGatheredIsGoneAfterFinal)
     }
 }
 
-TEST_F(SigningTest, SignAfterUpdateSignsItsOwnDataOnly)
+TEST_F(SigningTest, SignAfterUpdateSignsItsOwnDataOnlyAndLeavesTheUpdatesContext)
 {
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
     expectUpdateHash(OTHER_DATA);
+    void* const left = context_;
     expectHash(3, DATA, digestOf(3));
     expectSignHash({.hash = digestOf(3)}, SIGNATURE);
     ASSERT_EQ(update(OTHER_DATA), UPDATED);
     Output output;
     EXPECT_EQ(sign(DATA, output).code, CKR_OK);
+
+    startSigning(CKM_SHA256_RSA_PKCS);
+    context_ = left;
+    expectUpdateHash(DATA);
+    EXPECT_EQ(update(DATA), UPDATED);
+}
+
+TEST_F(SigningTest, TheContextOfSignIsNotLeftToTheNextOperation)
+{
+    startSigning(CKM_SHA256_RSA_PKCS);
+    expectHash(3, DATA, digestOf(3));
+    expectSignHash({.hash = digestOf(3)}, SIGNATURE);
+    Output output;
+    ASSERT_EQ(sign(DATA, output).code, CKR_OK);
+
+    startSigning(CKM_SHA256_RSA_PKCS);
+    expectInitHash(3);
+    expectUpdateHash(DATA);
+    EXPECT_EQ(update(DATA), UPDATED);
 }
 
 TEST_F(SigningTest, GatheredDataThatWasNotSignedGoesBeforeThatOfTheNextOperation)
@@ -664,8 +764,7 @@ TEST_F(SigningTest, AContextThatAnAbandonedUpdateHasLeftIsTakenForABegunHash)
     expectInitHash(3);
     expectUpdateHash(DATA);
     ASSERT_EQ(update(DATA), UPDATED);
-    startSearch();
-    ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+    abandonOperation();
     startSigning(CKM_SHA512_RSA_PKCS);
     expectUpdateHash(OTHER_DATA);
     EXPECT_EQ(update(OTHER_DATA), UPDATED);
@@ -716,11 +815,6 @@ TEST_F(SigningTest, ALengthBeyondTheDevicesCountIsPassedAsANegativeOne)
 
 const Bytes SHA1_IDENTIFIER = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
 const Bytes MD5_IDENTIFIER = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
-const Bytes SHA1_DIGEST_INFO =
-    joined({0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14}, Bytes(20, 0xAA));
-const Bytes MD5_DIGEST_INFO =
-    joined({0x30, 0x20, 0x30, 0x0C, 0x06, 0x08, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10},
-           Bytes(16, 0xAA));
 const Bytes SHA256_DIGEST_INFO = joined(
     {0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20},
     Bytes(32, 0xAA));

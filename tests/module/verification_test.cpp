@@ -106,6 +106,30 @@ TEST_P(EveryVerification, BeginsWithAnyParametersAlsoOnAFipsToken)
     EXPECT_EQ(activeOperation(), VERIFY);
 }
 
+TEST_F(VerificationTest, AFipsTokenVerifiesWhatItDoesNotSign)
+{
+    setModel("VK3 Key");
+    const auto expectVerified = [&](CK_MECHANISM_TYPE type, const Bytes& data, const Bytes& hash) {
+        VerifyRequest request = ecRequest(hash);
+        request.isPss = type == CKM_RSA_PKCS_PSS;
+        expectVerifySignatureHash(request);
+        EXPECT_EQ(verify(data, SIGNATURE), AS_IS);
+    };
+    for (const CK_MECHANISM_TYPE type : {CKM_ECDSA, CKM_RSA_PKCS_PSS}) {
+        for (const std::size_t size : {20u, 16u}) {
+            startVerification(type, EC_KEY);
+            expectVerified(type, Bytes(size, 0xAA), Bytes(size, 0xAA));
+        }
+    }
+    for (const Bytes& digestInfo : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO}) {
+        startVerification(CKM_RSA_PKCS, EC_KEY);
+        expectVerified(CKM_RSA_PKCS, digestInfo, digestInfo);
+    }
+    startVerification(CKM_SHA1_RSA_PKCS, EC_KEY);
+    expectHash(2, DATA, digestOf(2));
+    expectVerified(CKM_SHA1_RSA_PKCS, DATA, digestOf(2));
+}
+
 TEST_F(VerificationTest, OtherMechanismsAreRefused)
 {
     for (const CK_MECHANISM_TYPE type : NO_SIGNATURE_MECHANISMS) {
@@ -126,8 +150,8 @@ TEST_F(VerificationTest, HandlesBelowTheKeysAreRefusedWithoutALookup)
 
 TEST_F(VerificationTest, HandlesWithoutAKeyPairAreRefused)
 {
-    for (const CK_OBJECT_HANDLE hKey : {0x70000000u, 0x70000008u, 0x70000FFFu, 0x70001000u, 0x70001008u, 0x70002002u,
-                                        0x70003000u, 0x80000002u, 0xFFFFFFFFu}) {
+    for (const CK_OBJECT_HANDLE hKey : withLargeHandles({0x70000000, 0x70000008, 0x70000FFF, 0x70001000, 0x70001008,
+                                                         0x70002002, 0x70003000, 0x80000002, 0xFFFFFFFF})) {
         expectKeyLookup();
         EXPECT_EQ(verifyInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in verify : " + logged(hKey)));
@@ -333,8 +357,7 @@ TEST_F(VerificationTest, AFailedFinalHashEndsTheOperationAndDropsContextAndData)
 {
     startVerification(CKM_ECDSA, EC_KEY);
     ASSERT_EQ(update(OTHER_DATA), UPDATED);
-    startSearch();
-    ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
+    abandonOperation();
 
     startVerification(CKM_SHA384_RSA_PKCS);
     expectInitHash(4);
@@ -351,6 +374,37 @@ TEST_F(VerificationTest, AFailedFinalHashEndsTheOperationAndDropsContextAndData)
     expectInitHash(4);
     expectUpdateHash(DATA);
     EXPECT_EQ(update(DATA), UPDATED);
+}
+
+TEST_F(VerificationTest, AFinalHashTakesThePlaceOfGatheredData)
+{
+    startVerification(CKM_ECDSA, EC_KEY);
+    ASSERT_EQ(update(OTHER_DATA), UPDATED);
+    abandonOperation();
+
+    startVerification(CKM_ECDSA_SHA256, EC_KEY);
+    expectHash(3, DATA, digestOf(3));
+    expectVerifySignatureHash(ecRequest(digestOf(3)));
+    ASSERT_EQ(update(DATA), UPDATED);
+    EXPECT_EQ(finish(SIGNATURE), VERIFIED);
+
+    startVerification(CKM_ECDSA, EC_KEY);
+    ASSERT_EQ(update(DATA), UPDATED);
+    expectVerifySignatureHash(ecRequest(DATA));
+    EXPECT_EQ(finish(SIGNATURE), VERIFIED);
+}
+
+TEST_F(VerificationTest, ALengthThatTheHashCannotHaveIsCutToItsRoom)
+{
+    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    for (const auto& [told, hash] : lengths) {
+        startVerification(CKM_SHA512_RSA_PKCS, EC_KEY);
+        expectInitHash(5);
+        expectUpdateHash(DATA);
+        expectFinalHashOfLength(HASH_ROOM, told);
+        expectVerifySignatureHash(ecRequest(hash));
+        EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
+    }
 }
 
 TEST_F(VerificationTest, WhatWasGatheredIsGoneAfterAnyVerdict)
@@ -375,6 +429,11 @@ TEST_F(VerificationTest, BadArgumentsOfVerifyAreRefusedInTheirOrderAndKeepTheOpe
     EXPECT_EQ(answer(C_Verify, hSession_, &byte, 0, &byte, 9), refused(zeroText + "0 ulSignatureLen=9"));
     EXPECT_EQ(answer(C_Verify, hSession_, &byte, 8, &byte, 0), refused(zeroText + "8 ulSignatureLen=0"));
     EXPECT_EQ(answer(C_Verify, hSession_, &byte, 0, &byte, 0), refused(zeroText + "0 ulSignatureLen=0"));
+    const std::string tooLarge = logged(TOO_LARGE_FOR_INT);
+    EXPECT_EQ(answer(C_Verify, hSession_, &byte, 0, &byte, TOO_LARGE_FOR_INT),
+              refused(zeroText + "0 ulSignatureLen=" + tooLarge));
+    EXPECT_EQ(answer(C_Verify, hSession_, &byte, TOO_LARGE_FOR_INT, &byte, 0),
+              refused(zeroText + tooLarge + " ulSignatureLen=0"));
     EXPECT_EQ(activeOperation(), VERIFY);
     expectVerifySignatureHash(ecRequest(DATA));
     EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
@@ -389,10 +448,14 @@ TEST_F(VerificationTest, BadArgumentsOfUpdateAndFinalKeepWhatIsGathered)
     const std::string finalText = "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=";
     EXPECT_EQ(answer(C_VerifyUpdate, hSession_, nullptr, 3),
               refusal(CKR_ARGUMENTS_BAD, "C_VerifyUpdate", partText + "3"));
+    EXPECT_EQ(answer(C_VerifyUpdate, hSession_, nullptr, TOO_LARGE_FOR_INT),
+              refusal(CKR_ARGUMENTS_BAD, "C_VerifyUpdate", partText + logged(TOO_LARGE_FOR_INT)));
     EXPECT_EQ(answer(C_VerifyUpdate, hSession_, &byte, 0),
               refusal(CKR_ARGUMENTS_BAD, "C_VerifyUpdate", partText + "0"));
     EXPECT_EQ(answer(C_VerifyFinal, hSession_, nullptr, 3),
               refusal(CKR_ARGUMENTS_BAD, "C_VerifyFinal", finalText + "3"));
+    EXPECT_EQ(answer(C_VerifyFinal, hSession_, nullptr, TOO_LARGE_FOR_INT),
+              refusal(CKR_ARGUMENTS_BAD, "C_VerifyFinal", finalText + logged(TOO_LARGE_FOR_INT)));
     EXPECT_EQ(answer(C_VerifyFinal, hSession_, &byte, 0), refusal(CKR_ARGUMENTS_BAD, "C_VerifyFinal", finalText + "0"));
     EXPECT_EQ(activeOperation(), VERIFY);
     expectVerifySignatureHash(ecRequest(DATA));
@@ -407,6 +470,36 @@ TEST_F(VerificationTest, VerifyAfterUpdateVerifiesItsOwnDataOnly)
     ASSERT_EQ(update(OTHER_DATA), UPDATED);
     expectVerifySignatureHash(ecRequest(DATA));
     EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
+}
+
+TEST_F(VerificationTest, VerifyAfterUpdateLeavesTheUpdatesContext)
+{
+    startVerification(CKM_ECDSA_SHA256, EC_KEY);
+    expectInitHash(3);
+    expectUpdateHash(OTHER_DATA);
+    void* const left = context_;
+    ASSERT_EQ(update(OTHER_DATA), UPDATED);
+    expectHash(3, DATA, digestOf(3));
+    expectVerifySignatureHash(ecRequest(digestOf(3)));
+    EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
+
+    startVerification(CKM_ECDSA_SHA256, EC_KEY);
+    context_ = left;
+    expectUpdateHash(DATA);
+    EXPECT_EQ(update(DATA), UPDATED);
+}
+
+TEST_F(VerificationTest, TheContextOfVerifyIsNotLeftToTheNextOperation)
+{
+    startVerification(CKM_ECDSA_SHA256, EC_KEY);
+    expectHash(3, DATA, digestOf(3));
+    expectVerifySignatureHash(ecRequest(digestOf(3)));
+    EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
+
+    startVerification(CKM_ECDSA_SHA256, EC_KEY);
+    expectInitHash(3);
+    expectUpdateHash(DATA);
+    EXPECT_EQ(update(DATA), UPDATED);
 }
 
 TEST_F(VerificationTest, AKeptDigestGoesBeforeTheGatheredData)
@@ -460,6 +553,33 @@ TEST_F(VerificationTest, LengthsBeyondTheDevicesCountArePassedAsNegativeOnes)
             .InSequence(script_)
             .WillOnce(testing::Return(6));
         EXPECT_EQ(answer(C_Verify, hSession_, &data, each.length, &signature, each.length).code, CKR_SIGNATURE_INVALID);
+    }
+}
+
+TEST_F(VerificationTest, ASignatureBeyondTheDevicesCountReachesFinalAsANegativeOne)
+{
+    CK_BYTE signature = 2;
+    for (const LargeLength& each : largeLengths()) {
+        startVerification(CKM_ECDSA, EC_KEY);
+        ASSERT_EQ(update(DATA), UPDATED);
+        EXPECT_CALL(*device_, velkor_verifySignatureHash(KEY_KIND_EC_P256, testing::StrEq(FIRST_DEVICE), testing::_, 40,
+                                                         testing::_, 65, &signature, each.count, instance_, false))
+            .InSequence(script_)
+            .WillOnce(testing::Return(6));
+        EXPECT_EQ(answer(C_VerifyFinal, hSession_, &signature, each.length).code, CKR_SIGNATURE_INVALID);
+    }
+}
+
+TEST_F(VerificationTest, DataToBeHashedBeyondTheDevicesCountIsPassedAsANegativeOne)
+{
+    CK_BYTE byte = 1;
+    for (const LargeLength& each : largeLengths()) {
+        startVerification(CKM_ECDSA_SHA256, EC_KEY);
+        expectInitHash(3);
+        expectUpdateHash(&byte, each.count);
+        expectFinalHash(HASH_ROOM, digestOf(3));
+        expectVerifySignatureHash(ecRequest(digestOf(3)));
+        EXPECT_EQ(answer(C_Verify, hSession_, &byte, each.length, pointerTo(SIGNATURE), sizeOf(SIGNATURE)), AS_IS);
     }
 }
 
