@@ -246,4 +246,15 @@ TEST_P(EveryDeviceFailure, OfAStatusLeavesTheStateOfItsStep)
     expectStateLeft();
 }
 
+TEST_P(EveryDeviceFailure, OfAnExceptionLeavesTheSameState)
+{
+    const auto thrown = testing::Throw(std::runtime_error("broken"));
+    failOnce(thrown, thrown);
+    const std::string function = GetParam().step.function;
+    const Answer answered = failingStep();
+    EXPECT_EQ(answered.code, CKR_GENERAL_ERROR);
+    EXPECT_EQ(answered.lines.back(), "ERROR " + function + ": unexpected exception: broken");
+    expectStateLeft();
+}
+
 } // namespace
