@@ -811,6 +811,21 @@ TEST_F(SigningTest, ALengthBeyondTheDevicesCountIsPassedAsANegativeOne)
     }
 }
 
+/// No text of the data is made that nobody reads: there is one byte behind the pointer.
+TEST_F(SigningTest, AnEnormousRawInputReachesTheDeviceWhenNothingIsLogged)
+{
+    setLogLevel("2");
+    startSigning(CKM_ECDSA);
+    CK_BYTE byte = 1;
+    EXPECT_CALL(*device_,
+                velkor_signHash(testing::StrEq(FIRST_DEVICE), testing::_, testing::_, &byte,
+                                std::numeric_limits<int>::min(), testing::_, testing::_, false, instance_, false))
+        .InSequence(script_)
+        .WillOnce(testing::Return(6));
+    Output output;
+    EXPECT_EQ(C_Sign(hSession_, &byte, TOO_LARGE_FOR_INT, output.data(), &output.length), CKR_FUNCTION_FAILED);
+}
+
 // ---- What a FIPS token does not sign ----
 
 const Bytes SHA1_IDENTIFIER = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
