@@ -105,9 +105,48 @@ protected:
         return answer;
     }
 
+    /// Makes the call during each kind of operation, in a session of its own, and looks at the operation again.
+    template <typename Call>
+    void expectOperationsGoOn(const Call& call)
+    {
+        EXPECT_CALL(*device_, velkor_getKeyPairList).WillRepeatedly(testing::DoDefault());
+        EXPECT_CALL(*device_, velkor_getCertificateList).WillRepeatedly(testing::DoDefault());
+        for (const Operation& operation : OPERATIONS) {
+            SCOPED_TRACE(operation.number);
+            hSession_ = openSession(READ_WRITE);
+            ASSERT_EQ(operation.begin(hSession_), CKR_OK);
+            call();
+            EXPECT_EQ(operationInProgress(), operation.number);
+        }
+    }
+
+    /// The number of the operation in progress, asked for by a call that changes nothing.
+    std::string operationInProgress() const
+    {
+        const Answer probe = answer(C_DigestFinal, hSession_, nullptr, nullptr);
+        const std::string& line = probe.lines.back();
+        return probe.code == CKR_ARGUMENTS_BAD ? "4" : line.substr(line.rfind('=') + 1);
+    }
+
     testing::Sequence script_; ///< The device calls in the order in which the test expects them.
 
 private:
+    struct Operation {
+        std::string number;
+        CK_RV (*begin)(CK_SESSION_HANDLE hSession);
+    };
+
+    static inline CK_MECHANISM rsa_ = {CKM_RSA_PKCS, nullptr, 0};
+    static inline CK_MECHANISM sha256_ = {CKM_SHA256, nullptr, 0};
+    static inline const Operation OPERATIONS[] = {
+        {"0", [](CK_SESSION_HANDLE) { return CKR_OK; }},
+        {"1", [](CK_SESSION_HANDLE hSession) { return C_FindObjectsInit(hSession, nullptr, 0); }},
+        {"2", [](CK_SESSION_HANDLE hSession) { return C_EncryptInit(hSession, &rsa_, publicKey(3)); }},
+        {"3", [](CK_SESSION_HANDLE hSession) { return C_DecryptInit(hSession, &rsa_, privateKey(3)); }},
+        {"4", [](CK_SESSION_HANDLE hSession) { return C_DigestInit(hSession, &sha256_); }},
+        {"5", [](CK_SESSION_HANDLE hSession) { return C_SignInit(hSession, &rsa_, privateKey(3)); }},
+        {"7", [](CK_SESSION_HANDLE hSession) { return C_VerifyInit(hSession, &rsa_, publicKey(3)); }}};
+
     static void numberBytes(unsigned char (&field)[KEY_IDENTIFIER_SIZE], std::uint32_t firstByte)
     {
         std::iota(std::begin(field), std::end(field), static_cast<unsigned char>(firstByte));

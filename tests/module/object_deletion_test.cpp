@@ -1,4 +1,6 @@
 // C_DestroyObject.
+#include <stdexcept>
+
 #include "object_change_fixture.h"
 
 namespace
@@ -6,8 +8,10 @@ namespace
 
 using testing::Return;
 using testing::StrEq;
+using testing::Throw;
 
 const std::string FUNCTION = "C_DestroyObject";
+const std::string BROKEN_LINE = "C_DestroyObject: unexpected exception: broken";
 
 constexpr CK_OBJECT_HANDLE KEY_PAIR_2 = 0x70000002;
 constexpr CK_OBJECT_HANDLE CERTIFICATE_2 = 0x70002002;
@@ -243,6 +247,20 @@ TEST_P(DeletionFailureTest, OfACertificateIsLoggedWithItsStatus)
                        "Delete certificate in destroy object failed : " + std::to_string(GetParam())));
 }
 
+TEST_F(DeletionTest, OfAKeyPairByAThrowingLibraryIsAFailureOfTheModule)
+{
+    expectKeyPairList();
+    EXPECT_CALL(*device_, velkor_deleteKeyPair).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
+    EXPECT_EQ(destroy(KEY_PAIR_2), answerOn(KEY_PAIR_2, CKR_GENERAL_ERROR, {}, BROKEN_LINE));
+}
+
+TEST_F(DeletionTest, OfACertificateByAThrowingLibraryIsAFailureOfTheModule)
+{
+    expectCertificateList();
+    EXPECT_CALL(*device_, velkor_deleteCertificate).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
+    EXPECT_EQ(destroy(CERTIFICATE_2), answerOn(CERTIFICATE_2, CKR_GENERAL_ERROR, {}, BROKEN_LINE));
+}
+
 TEST_F(DeletionTest, OfAKeyPairLeavesTheOtherObjects)
 {
     expectKeyPairList();
@@ -262,6 +280,16 @@ TEST_F(DeletionTest, ASecondTimeFindsNothing)
     ASSERT_EQ(destroy(CERTIFICATE_2).code, CKR_OK);
     expectCertificateList();
     EXPECT_EQ(destroy(CERTIFICATE_2).code, CKR_OBJECT_HANDLE_INVALID);
+}
+
+TEST_F(DeletionTest, AnOperationInProgressGoesOn)
+{
+    EXPECT_CALL(*device_, velkor_deleteKeyPair).WillRepeatedly(Return(0));
+    EXPECT_CALL(*device_, velkor_deleteCertificate).WillRepeatedly(Return(0));
+    expectOperationsGoOn([&] {
+        EXPECT_EQ(destroy(KEY_PAIR_2).code, CKR_OK);
+        EXPECT_EQ(destroy(CERTIFICATE_2).code, CKR_OK);
+    });
 }
 
 TEST_F(DeletionTest, GoesToTheDeviceOfTheSession)

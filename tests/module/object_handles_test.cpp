@@ -477,6 +477,13 @@ TEST_F(LookupRecordTest, IsOverwrittenWhenAnotherKeyIsChanged)
     expectSignatureWith(keyPair(6));
 }
 
+TEST_F(LookupRecordTest, IsOverwrittenWhenAnotherKeyIsDeleted)
+{
+    const VelkorKeyPair deleted = keyPair(6);
+    EXPECT_EQ(C_DestroyObject(hSession_, privateKey(6)), CKR_OK);
+    expectSignatureWith(deleted);
+}
+
 TEST_F(LookupRecordTest, IsSharedByAllSessionsAndDevices)
 {
     VelkorKeyPair& other = device_->defaults.devices.at(SECOND_DEVICE).keyPairs.front();
@@ -496,6 +503,17 @@ TEST_F(LookupRecordTest, StaysAsItIsWhenNothingIsFound)
 TEST_F(LookupRecordTest, StaysAsItIsWhenACertificateIsRead)
 {
     EXPECT_EQ(attribute(certificate(1), CKA_ID), Bytes{1});
+    expectSignatureWith(keyPair(5));
+}
+
+TEST_F(LookupRecordTest, StaysAsItIsWhenACertificateIsImported)
+{
+    const Bytes der = {1, 2, 3};
+    device_->defaults.detailsOf(der).publicKey = publicKeyBytes(keyPair(6)); // The import looks for this key pair.
+    Template entries;
+    entries.add(CKA_VALUE, der);
+    CK_OBJECT_HANDLE hObject = 0;
+    EXPECT_EQ(C_CreateObject(hSession_, entries.data(), entries.size(), &hObject), CKR_OK);
     expectSignatureWith(keyPair(5));
 }
 

@@ -1,4 +1,6 @@
 // C_CreateObject.
+#include <stdexcept>
+
 #include "object_change_fixture.h"
 
 namespace
@@ -14,6 +16,7 @@ using testing::IsNull;
 using testing::Pointee;
 using testing::Return;
 using testing::StrEq;
+using testing::Throw;
 
 const std::string FUNCTION = "C_CreateObject";
 const std::string HOME = "/some where";
@@ -23,6 +26,7 @@ const std::string ENTRY_LINE = "C_CreateObject - attrip type : ";
 const std::string NO_HOME_LINE = "VELKOR_HOME not set — Using Windows defaults";
 const std::string FOLDER_LINE = "CA Folder: " + FOLDER;
 const std::string STORED_LINE = "Certificate imported successfully";
+const std::string BROKEN_LINE = "C_CreateObject: unexpected exception: broken";
 const std::string ALONE_LINE = "Chain import skipped or failed — Performing normal leaf import";
 
 constexpr CK_OBJECT_HANDLE UNTOUCHED = 0xABCDEF;
@@ -294,11 +298,17 @@ TEST_F(UnparsableCertificateTest, OfTextGoesToTheParserAsItStands)
     expectRefusal(pem);
 }
 
-TEST_F(UnparsableCertificateTest, IsRefusedWhereverItWasCut)
+TEST_F(UnparsableCertificateTest, GoesToTheParserWhereverItWasCutAndNoByteMore)
 {
     const Bytes whole = certificate("Leaf", "Nobody");
-    for (Bytes cut = {whole.begin(), whole.end() - 1}; !cut.empty(); cut.pop_back())
+    for (Bytes cut = {whole.begin(), whole.end() - 1}; !cut.empty(); cut.pop_back()) {
+        SCOPED_TRACE(cut.size());
+        EXPECT_CALL(*device_, velkor_getCertificateDetails(_, _, _, instance()))
+            .With(Args<0, 1>(ElementsAreArray(cut)))
+            .InSequence(script_)
+            .WillOnce(Return(1));
         expectRefusal(cut);
+    }
 }
 
 // ---- The template ----
@@ -499,7 +509,7 @@ INSTANTIATE_TEST_SUITE_P(Values, HomeTest,
                          testing::Values(Home{"/home", true}, Home{"C:/Keys/", true}, Home{" ", true}, Home{"", false},
                                          Home{nullptr, false}));
 
-// The folders that are looked for otherwise exist on Windows only; behind them comes the program's.
+// Where this runs there is none of the folders that are looked for otherwise; behind them comes the program's.
 TEST_P(HomeTest, HasTheFolderOfTheIssuersOrElseTheProgramsFolderHasIt)
 {
     const std::string base = GetParam().isUsed ? GetParam().value : programFolder();
@@ -512,6 +522,74 @@ TEST_P(HomeTest, HasTheFolderOfTheIssuersOrElseTheProgramsFolderHasIt)
     expectImport(newRecord(der, "leaf"));
     expectLookups();
     EXPECT_EQ(create(templateOf(der)), success(lines));
+}
+
+const std::string DEFAULT_FOLDERS[] = {"C:/Program Files (x86)/Brenmoor/Velkor", "C:/Program Files/Brenmoor/Velkor"};
+
+enum class Found { Nothing, Folder, File };
+
+struct DefaultFolders {
+    const char* name;
+    Found found[2]; ///< In the place of each.
+    int used;       ///< Which of them; -1: neither.
+
+    friend std::ostream& operator<<(std::ostream& out, const DefaultFolders& each) { return out << each.name; }
+};
+
+/// On this system the default folders are relative paths, so the test makes them in a current folder of its own.
+class DefaultFolderTest : public CertificateImportTest, public testing::WithParamInterface<DefaultFolders>
+{
+protected:
+    /// Before the module starts: the folder and the environment are the whole process's.
+    void setHome() const override
+    {
+        unsetenv("VELKOR_HOME");
+        const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
+        const auto folder = std::filesystem::current_path() / "scratch" / (program + ".default." + GetParam().name);
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directories(folder);
+        std::filesystem::current_path(folder);
+        for (std::size_t index = 0; index < std::size(DEFAULT_FOLDERS); ++index)
+            make(DEFAULT_FOLDERS[index], GetParam().found[index]);
+    }
+
+    void TearDown() override
+    {
+        CertificateImportTest::TearDown();
+        std::filesystem::current_path(before_);
+    }
+
+    static void make(const std::filesystem::path& path, Found found)
+    {
+        if (found == Found::Folder)
+            std::filesystem::create_directories(path);
+        if (found == Found::File) {
+            std::filesystem::create_directories(path.parent_path());
+            std::ofstream(path) << "a file";
+        }
+    }
+
+    const std::filesystem::path before_ = std::filesystem::current_path();
+};
+
+INSTANTIATE_TEST_SUITE_P(Folders, DefaultFolderTest,
+                         testing::Values(DefaultFolders{"First", {Found::Folder, Found::Nothing}, 0},
+                                         DefaultFolders{"Second", {Found::Nothing, Found::Folder}, 1},
+                                         DefaultFolders{"Both", {Found::Folder, Found::Folder}, 0},
+                                         DefaultFolders{"FileBeforeSecond", {Found::File, Found::Folder}, 1},
+                                         DefaultFolders{"Files", {Found::File, Found::File}, -1}),
+                         [](const auto& each) { return each.param.name; });
+
+TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolder)
+{
+    const int used = GetParam().used;
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const std::string folder = (used < 0 ? program : DEFAULT_FOLDERS[used]) + "\\VelkorDSC\\Certificates";
+    const Bytes der = certificate("Leaf", "Nobody");
+    expectFolderRead(folder);
+    expectImport(newRecord(der, "leaf"));
+    expectLookups();
+    EXPECT_EQ(create(templateOf(der)), success({NO_HOME_LINE, "CA Folder: " + folder, ALONE_LINE}));
 }
 
 // ---- Leaves without a chain ----
@@ -648,6 +726,21 @@ TEST_F(ChainImportTest, PassesOverFilesThatCannotBeParsed)
     EXPECT_EQ(create(templateOf(leaf)), success({FOLDER_LINE, STORED_LINE, STORED_LINE}));
 }
 
+TEST_F(ChainImportTest, OfTwoFilesWithOneNameTheLaterCounts)
+{
+    const Bytes leaf = certificate("Leaf", "Intermediate");
+    issuerOnDisk("Root", "Root");
+    issuerOnDisk("Intermediate", "Root");
+    const Bytes otherRoot = issuerOnDisk("Other Root", "Other Root");
+    const Bytes later = issuerOnDisk("Intermediate", "Other Root");
+    expectFolderRead();
+    expectImport(newRecord(otherRoot, "Other Root"));
+    expectImport(newRecord(later, "Intermediate"));
+    expectImport(newRecord(leaf, "leaf"));
+    expectLookups();
+    EXPECT_EQ(create(templateOf(leaf)), success({FOLDER_LINE, STORED_LINE, STORED_LINE, STORED_LINE}));
+}
+
 TEST_F(ChainImportTest, OfASelfSignedLeafThatIsOnDiskStoresItTwice)
 {
     const Bytes leaf = issuerOnDisk("Self", "Self");
@@ -765,6 +858,23 @@ TEST_P(ChainFailureTest, EndsTheCallAndLeavesWhatWasStoredBefore)
     EXPECT_EQ(first().certificates.size(), 3 + position);
 }
 
+TEST_F(CertificateImportTest, WithAThrowingLibraryIsAFailureOfTheModule)
+{
+    const Bytes leaf = certificate("Leaf", "Nobody");
+    expectFolderRead();
+    EXPECT_CALL(*device_, velkor_importCertificate).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
+    EXPECT_EQ(create(templateOf(leaf)), answerOf(FUNCTION, CKR_GENERAL_ERROR, {FOLDER_LINE, ALONE_LINE}, BROKEN_LINE));
+    EXPECT_EQ(hObject_, UNTOUCHED);
+}
+
+TEST_F(CertificateImportTest, WithAFolderThatThrowsIsAFailureOfTheModule)
+{
+    const Bytes leaf = certificate("Leaf", "Nobody");
+    EXPECT_CALL(*device_, velkor_getFilesWithExtensionsAndConvertDER).WillOnce(Throw(std::runtime_error("broken")));
+    EXPECT_EQ(create(templateOf(leaf)), answerOf(FUNCTION, CKR_GENERAL_ERROR, {FOLDER_LINE}, BROKEN_LINE));
+    EXPECT_EQ(hObject_, UNTOUCHED);
+}
+
 TEST_F(CertificateImportTest, ThatTheDeviceDoesNotListLeavesTheHandleAlone)
 {
     const Bytes leaf = certificate("Leaf", "Nobody");
@@ -801,6 +911,14 @@ TEST_F(CertificateImportTest, FindsTheHandleByTheIdentifierThatTheDeviceGave)
     expectLookups();
     EXPECT_EQ(create(templateOf(leaf)).code, CKR_OK);
     EXPECT_EQ(hObject_, 0x70002002u);
+}
+
+TEST_F(CertificateImportTest, AnOperationInProgressGoesOn)
+{
+    const Bytes leaf = certificate("Leaf", "Nobody");
+    EXPECT_CALL(*device_, velkor_getFilesWithExtensionsAndConvertDER).WillRepeatedly(testing::DoDefault());
+    EXPECT_CALL(*device_, velkor_importCertificate).WillRepeatedly(testing::DoDefault());
+    expectOperationsGoOn([&] { EXPECT_EQ(create(templateOf(leaf)).code, CKR_OK); });
 }
 
 // ---- The label of the key pair ----
@@ -1116,6 +1234,22 @@ TEST_P(KeyIdentifierSizeTest, IsPassedWhole)
     EXPECT_EQ(create(entries).code, CKR_OK);
 }
 
+class KeyLabelTest : public KeyImportTest, public testing::WithParamInterface<std::string>
+{
+};
+
+// Unlike that of a certificate, it is neither trimmed nor cut.
+INSTANTIATE_TEST_SUITE_P(Labels, KeyLabelTest, testing::Values(" ", std::string(128, 'a'), std::string(129, 'a')));
+
+TEST_P(KeyLabelTest, IsPassedWhole)
+{
+    Template entries = keyTemplate();
+    entries.add(CKA_LABEL, GetParam());
+    expectImport(request(GetParam(), {}));
+    expectKeyPairList();
+    EXPECT_EQ(create(entries).code, CKR_OK);
+}
+
 class KeyFailureTest : public KeyImportTest, public testing::WithParamInterface<DeviceFailure>
 {
 };
@@ -1128,6 +1262,13 @@ TEST_P(KeyFailureTest, EndsTheCallWithoutAHandle)
     EXPECT_EQ(create(keyTemplate()),
               refusal(GetParam().code, FUNCTION,
                       "Import private key into device failed : " + std::to_string(GetParam().status)));
+    EXPECT_EQ(hObject_, UNTOUCHED);
+}
+
+TEST_F(KeyImportTest, WithAThrowingLibraryIsAFailureOfTheModule)
+{
+    EXPECT_CALL(*device_, velkor_importPfx).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
+    EXPECT_EQ(create(keyTemplate()), refusal(CKR_GENERAL_ERROR, FUNCTION, BROKEN_LINE));
     EXPECT_EQ(hObject_, UNTOUCHED);
 }
 
@@ -1150,6 +1291,12 @@ TEST_F(KeyImportTest, FindsTheHandleByTheIdentifierThatTheDeviceGave)
     expectKeyPairList();
     EXPECT_EQ(create(keyTemplate()).code, CKR_OK);
     EXPECT_EQ(hObject_, 0x70000005u);
+}
+
+TEST_F(KeyImportTest, AnOperationInProgressGoesOn)
+{
+    EXPECT_CALL(*device_, velkor_importPfx).WillRepeatedly(testing::DoDefault());
+    expectOperationsGoOn([&] { EXPECT_EQ(create(keyTemplate()).code, CKR_OK); });
 }
 
 // ---- Other classes ----
