@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <set>
 #include <utility>
 
 #include "session_fixture.h"
@@ -102,6 +103,92 @@ protected:
 
     const std::shared_ptr<TolerantDevice> tolerantDevice_ = std::make_shared<TolerantDevice>();
 };
+
+/// Works with the keys of one device, in a session of its own.
+class KeyUser
+{
+public:
+    KeyUser(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey, unsigned char number)
+        : hSession_(hSession), hPrivateKey_(hKey), number_(number)
+    {
+    }
+
+    void sign() const
+    {
+        CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
+        CK_BYTE hash[32];
+        std::fill(std::begin(hash), std::end(hash), number_);
+        CK_BYTE signature[1024];
+        CK_ULONG length = sizeof signature;
+        ASSERT_EQ(C_SignInit(hSession_, &mechanism, hPrivateKey_), CKR_OK);
+        ASSERT_EQ(C_Sign(hSession_, hash, sizeof hash, signature, &length), CKR_OK);
+        EXPECT_EQ(length, CK_ULONG{sizeof hash + 2});
+        EXPECT_TRUE(std::equal(std::begin(hash), std::end(hash), signature + 2)); // The double's signature.
+    }
+
+    void derive()
+    {
+        CK_BYTE point[] = {0x04, number_, static_cast<CK_BYTE>(handles_.size())};
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeof point, point};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        CK_OBJECT_HANDLE hKey = 0;
+        ASSERT_EQ(C_DeriveKey(hSession_, &mechanism, hPrivateKey_, nullptr, 0, &hKey), CKR_OK);
+        handles_.push_back(hKey);
+        CK_BYTE value[2];
+        CK_ATTRIBUTE attribute = {CKA_VALUE, value, sizeof value};
+        ASSERT_EQ(C_GetAttributeValue(hSession_, hKey, &attribute, 1), CKR_OK);
+        EXPECT_TRUE(std::equal(std::begin(value), std::end(value), point + 1)); // The double's secret.
+    }
+
+    void generateAndDelete() const
+    {
+        CK_MECHANISM mechanism = {CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+        CK_BBOOL yes = CK_TRUE;
+        CK_ATTRIBUTE entry = {CKA_TOKEN, &yes, sizeof yes};
+        CK_OBJECT_HANDLE hPublic = 0;
+        CK_OBJECT_HANDLE hPrivate = 0;
+        ASSERT_EQ(C_GenerateKeyPair(hSession_, &mechanism, &entry, 1, &entry, 1, &hPublic, &hPrivate), CKR_OK);
+        EXPECT_EQ(C_DestroyObject(hSession_, hPrivate), CKR_OK);
+        EXPECT_EQ(C_DestroyObject(hSession_, hPrivate), CKR_OBJECT_HANDLE_INVALID);
+    }
+
+    const std::vector<CK_OBJECT_HANDLE>& derived() const { return handles_; }
+
+private:
+    CK_SESSION_HANDLE hSession_;
+    CK_OBJECT_HANDLE hPrivateKey_;
+    unsigned char number_;
+    std::vector<CK_OBJECT_HANDLE> handles_;
+};
+
+TEST_F(ThreadsTest, KeysAreUsedDerivedGeneratedAndDeletedAtOnce)
+{
+    std::vector<KeyUser> users;
+    for (unsigned char number = 0; number < 6; number += 2) {
+        users.emplace_back(openSession(READ_WRITE, FIRST_SLOT), privateKey(2), number);
+        users.emplace_back(openSession(READ_WRITE, SECOND_SLOT), privateKey(1), number + 1);
+    }
+    std::vector<std::function<void()>> works;
+    for (KeyUser& user : users) {
+        const bool generates = works.size() < 2; // One on each device, as numbers there go on with several.
+        works.emplace_back([&user, generates] {
+            user.sign();
+            user.derive();
+            if (generates)
+                user.generateAndDelete();
+        });
+    }
+    runFor(std::chrono::milliseconds(2500), works);
+    std::size_t derivations = 0;
+    std::set<CK_OBJECT_HANDLE> handles;
+    for (const KeyUser& user : users) {
+        derivations += user.derived().size();
+        handles.insert(user.derived().begin(), user.derived().end());
+    }
+    EXPECT_GE(derivations, users.size());
+    EXPECT_EQ(handles.size(), derivations);
+    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+}
 
 TEST_F(ThreadsTest, SessionsComeAndGoWhileDevicesDo)
 {
