@@ -24,10 +24,13 @@ const Answer SILENTLY_INVALID_KEY = {CKR_KEY_HANDLE_INVALID, {"DEBUG C_DeriveKey
 class DerivationTest : public CryptoTest
 {
 protected:
+    /// Handles go on from test to test, so a first derivation tells which one is next.
     void SetUp() override
     {
         CryptoTest::SetUp();
         ON_CALL(*device_, velkor_ecdhDerive).WillByDefault(GivesBuffer(SECRET, 0));
+        next_ = mustDerive() + 1;
+        hKey_ = UNTOUCHED;
     }
 
     void setPeer(const Bytes& peer)
@@ -68,7 +71,7 @@ protected:
     void expectNoKeyWasMade()
     {
         EXPECT_EQ(hKey_, UNTOUCHED);
-        EXPECT_EQ(mustDerive(), FIRST_DERIVED + derivedBefore_);
+        EXPECT_EQ(mustDerive(), next_);
     }
 
     Answer attributesOf(CK_OBJECT_HANDLE hKey, Template& attributes) const
@@ -89,28 +92,34 @@ protected:
     CK_ECDH1_DERIVE_PARAMS parameter_ = {CKD_NULL, 0, nullptr, 4, peer_.data()};
     CK_MECHANISM mechanism_ = {CKM_ECDH1_DERIVE, &parameter_, sizeof parameter_};
     CK_OBJECT_HANDLE hKey_ = UNTOUCHED;
-    CK_ULONG derivedBefore_ = 0;
+    CK_OBJECT_HANDLE next_ = 0;
 };
 
 // ---- Handles and the device's part ----
 
-TEST_F(DerivationTest, HandlesCountUpFromTheFirstAcrossSessionsAndSlots)
+// Comes before every other test of this program: the handles go on until the process ends.
+TEST_F(DerivationTest, HandlesCountUpFromTheFirst)
 {
-    EXPECT_EQ(mustDerive(), FIRST_DERIVED);
-    EXPECT_EQ(mustDerive(), FIRST_DERIVED + 1);
+    EXPECT_EQ(next_, FIRST_DERIVED + 1);
+}
+
+TEST_F(DerivationTest, HandlesCountUpAcrossSessionsAndSlots)
+{
+    EXPECT_EQ(mustDerive(), next_);
+    EXPECT_EQ(mustDerive(), next_ + 1);
     reopenSession();
-    EXPECT_EQ(mustDerive(), FIRST_DERIVED + 2);
+    EXPECT_EQ(mustDerive(), next_ + 2);
     reopenSession(CKF_SERIAL_SESSION, SECOND_SLOT);
     EXPECT_EQ(derive(privateKey(1)).code, CKR_OK);
-    EXPECT_EQ(hKey_, FIRST_DERIVED + 3);
+    EXPECT_EQ(hKey_, next_ + 3);
 }
 
 TEST_F(DerivationTest, ADerivationTellsKeyPeerAndHandle)
 {
     EXPECT_EQ(derive(), (Answer{CKR_OK,
                                 {"DEBUG C_DeriveKey", "DEBUG key id :: 5", "DEBUG base key id :: " + KEY_IDENTIFIER,
-                                 "DEBUG public key :: 04010203", "DEBUG C_DeriveKey: done, handle=1879060480"}}));
-    EXPECT_EQ(derive().lines.back(), "DEBUG C_DeriveKey: done, handle=1879060481");
+                                 "DEBUG public key :: 04010203", "DEBUG C_DeriveKey: done, handle=" + logged(next_)}}));
+    EXPECT_EQ(derive().lines.back(), "DEBUG C_DeriveKey: done, handle=" + logged(next_ + 1));
 }
 
 TEST_F(DerivationTest, TheDeviceGetsKeyPasswordAndPeer)
@@ -382,6 +391,14 @@ TEST_F(ValueLengthTest, AFirstOneOfZeroHidesTheOthers)
     EXPECT_EQ(valueOf(hKey_), bytesOf(SECRET));
 }
 
+TEST_F(ValueLengthTest, AnEntryOfNoLengthCountsAsZero)
+{
+    Template attributes = {{CKA_VALUE_LEN, bytesOf(8)}, {CKA_VALUE_LEN, bytesOf(8)}};
+    attributes[0].ulValueLen = 0;
+    EXPECT_EQ(C_DeriveKey(hSession_, &mechanism_, privateKey(5), attributes.data(), attributes.size(), &hKey_), CKR_OK);
+    EXPECT_EQ(valueOf(hKey_), bytesOf(SECRET));
+}
+
 TEST_F(ValueLengthTest, AShortNumberIsNotReadBeyondItsEnd)
 {
     EXPECT_EQ(deriveWith({{CKA_VALUE_LEN, {16}}}).code, CKR_OK);
@@ -543,8 +560,7 @@ protected:
     void SetUp() override
     {
         DerivationTest::SetUp();
-        mustDerive();
-        derivedBefore_ = 1;
+        derived_ = mustDerive();
     }
 
     static Answer attributesAnswer(CK_RV code, CK_ULONG count, std::vector<std::string> lines)
@@ -553,12 +569,14 @@ protected:
                      {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : " + logged(count)});
         return {code, lines};
     }
+
+    CK_OBJECT_HANDLE derived_ = 0;
 };
 
 TEST_F(DerivedKeyTest, AnswerTheirValue)
 {
     Template value = {{CKA_VALUE, Bytes(SECRET.size(), 0)}};
-    EXPECT_EQ(attributesOf(hKey_, value), attributesAnswer(CKR_OK, 1, {"DEBUG C_GetAttributeValue length : 66"}));
+    EXPECT_EQ(attributesOf(derived_, value), attributesAnswer(CKR_OK, 1, {"DEBUG C_GetAttributeValue length : 66"}));
     EXPECT_EQ(CK_ULONG{value[0].ulValueLen}, 66U);
     EXPECT_EQ(std::memcmp(value[0].pValue, SECRET.data(), SECRET.size()), 0);
 }
@@ -567,14 +585,14 @@ TEST_F(DerivedKeyTest, AnswerALengthQuery)
 {
     Template value = {{CKA_VALUE, {}}};
     value[0].pValue = nullptr;
-    EXPECT_EQ(attributesOf(hKey_, value).code, CKR_OK);
+    EXPECT_EQ(attributesOf(derived_, value).code, CKR_OK);
     EXPECT_EQ(CK_ULONG{value[0].ulValueLen}, 66U);
 }
 
 TEST_F(DerivedKeyTest, SetTheLengthOfALargerBufferAndLeaveItsRest)
 {
     Template value = {{CKA_VALUE, Bytes(70, 9)}};
-    EXPECT_EQ(attributesOf(hKey_, value).code, CKR_OK);
+    EXPECT_EQ(attributesOf(derived_, value).code, CKR_OK);
     EXPECT_EQ(CK_ULONG{value[0].ulValueLen}, 66U);
     const auto* bytes = static_cast<const unsigned char*>(value[0].pValue);
     EXPECT_EQ(Bytes(bytes + 66, bytes + 70), Bytes(4, 9));
@@ -623,7 +641,7 @@ TEST_F(DerivedKeyTest, AnswerNoRowOfTheTableButTheirValueAndSaySoWithoutAnError)
     for (const CK_ATTRIBUTE_TYPE type : OTHER_TYPES) {
         Template attributes = {{type, Bytes(roomLength, 9)}, {type, {}}};
         attributes[1].pValue = nullptr;
-        EXPECT_EQ(attributesOf(hKey_, attributes), attributesAnswer(CKR_OK, 2, {})) << logged(type);
+        EXPECT_EQ(attributesOf(derived_, attributes), attributesAnswer(CKR_OK, 2, {})) << logged(type);
         EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
         EXPECT_EQ(CK_ULONG{attributes[1].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
         EXPECT_EQ(std::memcmp(attributes[0].pValue, Bytes(roomLength, 9).data(), roomLength), 0) << logged(type);
@@ -646,7 +664,7 @@ TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
 {
     Template attributes = {{CKA_CLASS, Bytes(8, 9)}, {CKA_VALUE, Bytes(66, 0)}, {CKA_LABEL, {}}, {CKA_VALUE, {}}};
     attributes[3].pValue = nullptr;
-    EXPECT_EQ(attributesOf(hKey_, attributes).code, CKR_OK);
+    EXPECT_EQ(attributesOf(derived_, attributes).code, CKR_OK);
     EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION);
     EXPECT_EQ(CK_ULONG{attributes[1].ulValueLen}, 66U);
     EXPECT_EQ(CK_ULONG{attributes[2].ulValueLen}, CK_UNAVAILABLE_INFORMATION);
@@ -656,7 +674,7 @@ TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
 TEST_F(DerivedKeyTest, AShortBufferEndsTheAnswerAtOnce)
 {
     Template attributes = {{CKA_CLASS, Bytes(8, 9)}, {CKA_VALUE, Bytes(65, 9)}, {CKA_LABEL, Bytes(5, 9)}};
-    EXPECT_EQ(attributesOf(hKey_, attributes),
+    EXPECT_EQ(attributesOf(derived_, attributes),
               attributesAnswer(CKR_BUFFER_TOO_SMALL, 3,
                                {"ERROR C_GetAttributeValue: buffer too small at index=1 type=17 provided=65 "
                                 "required=66"}));
@@ -668,7 +686,7 @@ TEST_F(DerivedKeyTest, AShortBufferEndsTheAnswerAtOnce)
 
 TEST_F(DerivedKeyTest, AreUnknownUnderEveryOtherHandle)
 {
-    for (const CK_OBJECT_HANDLE hObject : {FIRST_DERIVED + 1, FIRST_DERIVED + 0x1000, ALL_BITS}) {
+    for (const CK_OBJECT_HANDLE hObject : {derived_ + 1, derived_ + 0x1000, ALL_BITS}) {
         Template value = {{CKA_VALUE, Bytes(66, 0)}};
         EXPECT_EQ(attributesOf(hObject, value),
                   attributesAnswer(CKR_OBJECT_HANDLE_INVALID, 1,
@@ -679,9 +697,8 @@ TEST_F(DerivedKeyTest, AreUnknownUnderEveryOtherHandle)
 
 TEST_F(DerivedKeyTest, KeepTheirOwnValuesSideBySide)
 {
-    const CK_OBJECT_HANDLE firstKey = hKey_;
     EXPECT_EQ(deriveWith({{CKA_VALUE_LEN, bytesOf(16)}}).code, CKR_OK);
-    EXPECT_EQ(valueOf(firstKey), bytesOf(SECRET));
+    EXPECT_EQ(valueOf(derived_), bytesOf(SECRET));
     EXPECT_EQ(valueOf(hKey_), bytesOf(SECRET.substr(0, 16)));
 }
 
@@ -696,23 +713,23 @@ TEST_F(DerivedKeyTest, OutliveTheirSessionAndAreReadOnOtherSlots)
 {
     ASSERT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK);
     hSession_ = openSession(CKF_SERIAL_SESSION, SECOND_SLOT);
-    EXPECT_EQ(valueOf(FIRST_DERIVED), bytesOf(SECRET));
+    EXPECT_EQ(valueOf(derived_), bytesOf(SECRET));
 }
 
 TEST_F(DerivedKeyTest, OutliveALogout)
 {
     login();
     ASSERT_EQ(C_Logout(hSession_), CKR_OK);
-    EXPECT_EQ(valueOf(FIRST_DERIVED), bytesOf(SECRET));
+    EXPECT_EQ(valueOf(derived_), bytesOf(SECRET));
 }
 
 TEST_F(DerivedKeyTest, CannotBeDestroyed)
 {
-    EXPECT_EQ(answer(C_DestroyObject, hSession_, FIRST_DERIVED),
+    EXPECT_EQ(answer(C_DestroyObject, hSession_, derived_),
               (Answer{CKR_OBJECT_HANDLE_INVALID,
-                      {"DEBUG C_DestroyObject", "DEBUG Delete key pair id : " + logged(FIRST_DERIVED),
-                       "DEBUG Input certificate not found in destroy : " + logged(FIRST_DERIVED)}}));
-    EXPECT_EQ(valueOf(FIRST_DERIVED), bytesOf(SECRET));
+                      {"DEBUG C_DestroyObject", "DEBUG Delete key pair id : " + logged(derived_),
+                       "DEBUG Input certificate not found in destroy : " + logged(derived_)}}));
+    EXPECT_EQ(valueOf(derived_), bytesOf(SECRET));
 }
 
 TEST_F(DerivedKeyTest, OutliveTheFinalisationOfTheModuleAndSoDoesTheCount)
@@ -721,8 +738,8 @@ TEST_F(DerivedKeyTest, OutliveTheFinalisationOfTheModuleAndSoDoesTheCount)
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     listSlots();
     hSession_ = openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION);
-    EXPECT_EQ(valueOf(FIRST_DERIVED), bytesOf(SECRET));
-    EXPECT_EQ(mustDerive(), FIRST_DERIVED + 1);
+    EXPECT_EQ(valueOf(derived_), bytesOf(SECRET));
+    EXPECT_EQ(mustDerive(), derived_ + 1);
 }
 
 TEST_F(DerivedKeyTest, LeaveNoValueInMemoryThatWasReleasedAfterReading)

@@ -191,6 +191,16 @@ TEST_P(CipherTest, OaepParametersAreNotLookedAt)
     }
 }
 
+TEST_P(CipherTest, OaepTakesParametersOfEveryLength)
+{
+    for (CK_ULONG length = 0; length <= 64; ++length) {
+        const auto block = std::make_unique<unsigned char[]>(length); // Sanitizers guard its end.
+        reopenSession();
+        EXPECT_EQ(init(GetParam(), CK_MECHANISM{CKM_RSA_PKCS_OAEP, block.get(), length}, GetParam().hKey).code, CKR_OK)
+            << length;
+    }
+}
+
 TEST_P(CipherTest, InitDuringADigestLeadsToADeadEnd)
 {
     expectDeviceCalls(GetParam(), 0);
@@ -392,6 +402,18 @@ TEST_F(CipherInitTest, EncryptInitRefusesAParameterOfPkcs)
 TEST_F(CipherInitTest, DecryptInitRefusesAParameterOfPkcs)
 {
     expectRefusals(DECRYPTION, givenParameters("C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS"));
+}
+
+TEST_F(CipherInitTest, ParametersOfPkcsAreRefusedWhateverTheirLength)
+{
+    for (CK_ULONG length = 0; length <= 64; ++length) {
+        const auto block = std::make_unique<unsigned char[]>(length); // Sanitizers guard its end.
+        const CK_MECHANISM mechanism = {CKM_RSA_PKCS, block.get(), length};
+        expectRefusals(ENCRYPTION, {{mechanism, publicKey(2), CKR_MECHANISM_PARAM_INVALID,
+                                     "C_EncryptInit: mechanism param invalid for mechanism=1"}});
+        expectRefusals(DECRYPTION, {{mechanism, privateKey(2), CKR_MECHANISM_PARAM_INVALID,
+                                     "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS"}});
+    }
 }
 
 TEST_F(CipherInitTest, EncryptInitRefusesHandlesBelowTheKeys)
@@ -721,9 +743,10 @@ TEST_F(DecryptionTest, TheDeviceGetsKeyPasswordDataAndFlag)
     const int dataLength = sizeof SOME_DATA;
     for (const bool flag : {false, true}) {
         keyPair(2).deviceFlag = flag;
-        EXPECT_CALL(*device_, velkor_decrypt(StrEq(FIRST_DEVICE), PointsToBytes(Bytes(16, 0xA2)), StrEq(""),
-                                             PointsToBytes(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength, _, _,
-                                             flag, &instance_));
+        EXPECT_CALL(*device_,
+                    velkor_decrypt(StrEq(FIRST_DEVICE), PointsToBytes(Bytes(16, 0xA2)), StrEq(""),
+                                   PointsToBytes(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength,
+                                   testing::Pointee(testing::IsNull()), testing::Pointee(0), flag, &instance_));
         mustInit(DECRYPTION);
         EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
     }

@@ -492,6 +492,17 @@ TEST_F(KeyGenerationArgumentsTest, AMechanismTakesNoParameterOfAnyForm)
     expectUntouched();
 }
 
+TEST_F(KeyGenerationArgumentsTest, AParameterIsRefusedWhateverItsLength)
+{
+    for (CK_ULONG length = 0; length <= 64; ++length) {
+        const auto block = std::make_unique<unsigned char[]>(length); // Sanitizers guard its end.
+        mechanism_ = {CKM_RSA_PKCS_KEY_PAIR_GEN, block.get(), length};
+        EXPECT_EQ(generateRsa(2048), refused(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=0"))
+            << length;
+    }
+    expectUntouched();
+}
+
 TEST_F(KeyGenerationArgumentsTest, AnUnknownSessionIsRefusedFirst)
 {
     for (const CK_SESSION_HANDLE handle : {CK_SESSION_HANDLE{0}, hSession_ + 1, ALL_BITS})
