@@ -153,24 +153,14 @@ CK_RV signData(SessionRecord& session, const MechanismRow& row, const CK_BYTE* p
     return CKR_OK;
 }
 
-/// Ends the gathering of a multi-part operation: the hash is in `hashBuffer`.
-CK_RV finishGathering(SessionRecord& session)
-{
-    const MechanismRow* row = findSignatureMechanism(session.mechanism);
-    if (row->family == SignatureFamily::Raw)
-        return CKR_OK;
-    const int status = finishHash(std::exchange(session.hashContext, nullptr), HASH_CAPACITY, session.hashBuffer);
-    if (status != 0)
-        return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", status);
-    return CKR_OK;
-}
-
 CK_RV signGathered(SessionRecord& session)
 {
-    const CK_RV result = finishGathering(session);
-    const SecretBytes hash = std::exchange(session.hashBuffer, {});
-    if (result != CKR_OK)
-        return result;
+    SecretBytes hash = std::exchange(session.hashBuffer, {});
+    if (findSignatureMechanism(session.mechanism)->family == SignatureFamily::Hash) {
+        const int status = finishHash(std::exchange(session.hashContext, nullptr), HASH_CAPACITY, hash);
+        if (status != 0)
+            return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", status);
+    }
     const int status = signHash(session, hash);
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", status);
