@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache binutils git
     libgtest-dev libgmock-dev libp11-kit-dev libbenchmark-dev libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
-    openssl opensc)
+    openssl opensc sqlite3)
 
 missing=()
 for package in "${packages[@]}"; do
