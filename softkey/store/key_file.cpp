@@ -45,16 +45,22 @@ void KeyFile::verify()
     if (verified_)
         return;
     configureConnection(database_);
-    verifyAndMigrate(database_);
+    verifyAndMigrate(database_, [this](Database& database) { requireOwnContents(database); });
     verified_ = true;
+}
+
+Contents KeyFile::requireOwnContents(Database& database) const
+{
+    Contents fresh = readContents(database);
+    // A copy under another name would be a second device with the same serial number.
+    require(fresh.device.serialNumber == path_.stem(), SoftkeyStatus::FileForeign);
+    return fresh;
 }
 
 std::shared_ptr<const Contents> KeyFile::readAnew()
 {
     std::shared_ptr<const Contents> fresh;
-    read([&](Database& database) { fresh = std::make_shared<const Contents>(readContents(database)); });
-    // A copy under another name would be a second device with the same serial number.
-    require(fresh->device.serialNumber == path_.stem(), SoftkeyStatus::FileForeign);
+    read([&](Database& database) { fresh = std::make_shared<const Contents>(requireOwnContents(database)); });
     const std::lock_guard lock(contentsMutex_);
     contents_ = fresh;
     return fresh;
@@ -62,22 +68,26 @@ std::shared_ptr<const Contents> KeyFile::readAnew()
 
 void KeyFile::read(const std::function<void(Database&)>& work)
 {
-    const ForkSafeSection section;
-    const std::lock_guard lock(connectionMutex_);
-    verify();
-    Transaction transaction(database_, Transaction::Kind::Read);
-    work(database_);
-    transaction.commit();
+    inTransaction(Transaction::Kind::Read, work);
 }
 
 void KeyFile::transact(const std::function<void(Database&)>& work)
 {
+    inTransaction(Transaction::Kind::Write, [&](Database& database) {
+        // A file that was taken away would swallow the change.
+        require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);
+        work(database);
+    });
+}
+
+void KeyFile::inTransaction(Transaction::Kind kind, const std::function<void(Database&)>& work)
+{
     const ForkSafeSection section;
     const std::lock_guard lock(connectionMutex_);
+    requireKeyFileHeader(database_); // Before SQLite acts on what a newer version may have written.
     verify();
-    Transaction transaction(database_, Transaction::Kind::Write);
-    // A file that was taken away would swallow the change.
-    require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);
+    Transaction transaction(database_, kind);
+    requirePresentLayout(database_);
     work(database_);
     transaction.commit();
 }

@@ -42,6 +42,9 @@ public:
 private:
     std::shared_ptr<const Contents> readAnew();
     void verify();
+    /// What the file says, which must be of the key that its name names.
+    Contents requireOwnContents(Database& database) const;
+    void inTransaction(Transaction::Kind kind, const std::function<void(Database&)>& work);
     void transact(const std::function<void(Database&)>& work);
 
     std::filesystem::path path_;

@@ -88,17 +88,34 @@ void requireKnownVersion(std::int64_t version)
     require(version <= SCHEMA_VERSION, SoftkeyStatus::FileNewer);
 }
 
-void migrate(Database& database)
+/// Takes the lock of the transaction that is open.
+std::int64_t layoutOf(Database& database)
+{
+    const std::int64_t version = database.number("PRAGMA user_version");
+    requireKnownVersion(version);
+    return version;
+}
+
+/// Refused or not sound, nothing of it reaches the file.
+void migrate(Database& database, const std::function<void(Database&)>& requireSound)
 {
     Transaction transaction(database, Transaction::Kind::Write);
     // Another process may have been faster, perhaps one of a newer version.
-    const std::int64_t version = database.number("PRAGMA user_version");
-    requireKnownVersion(version);
-    if (version < SCHEMA_VERSION) {
+    if (layoutOf(database) < SCHEMA_VERSION) {
         database.execute(MIGRATE_FROM_1);
         setMarks(database);
     }
+    requireSound(database);
     transaction.commit();
+}
+
+void requireSoundStructure(Database& database)
+{
+    Statement check(database, "PRAGMA quick_check(1)");
+    require(check.step() && check.text(0) == "ok", SoftkeyStatus::FileDamaged);
+    // Only tables: a trigger of someone else's making could change what an update does.
+    require(database.number("SELECT count(*) FROM sqlite_schema WHERE type IN ('trigger', 'view')") == 0,
+            SoftkeyStatus::FileDamaged);
 }
 
 } // namespace
@@ -111,9 +128,9 @@ void requireKeyFileHeader(const Database& database)
     const Bytes fields(header);
     require(complete && magic == MAGIC && bigEndian(fields.subspan(APPLICATION_ID_OFFSET)) == APPLICATION_ID,
             SoftkeyStatus::FileForeign);
+    requireKnownVersion(bigEndian(fields.subspan(USER_VERSION_OFFSET)));
     require(header[WRITE_FORMAT_OFFSET] == ROLLBACK_JOURNAL && header[READ_FORMAT_OFFSET] == ROLLBACK_JOURNAL,
             SoftkeyStatus::FileDamaged);
-    requireKnownVersion(bigEndian(fields.subspan(USER_VERSION_OFFSET)));
 }
 
 void configureConnection(Database& database)
@@ -130,20 +147,23 @@ void createSchema(Database& database)
     setMarks(database);
 }
 
-void verifyAndMigrate(Database& database)
+void requirePresentLayout(Database& database)
+{
+    // An older one can only be another file in the place of the one that was migrated.
+    require(layoutOf(database) == SCHEMA_VERSION, SoftkeyStatus::FileDamaged);
+}
+
+void verifyAndMigrate(Database& database, const std::function<void(Database&)>& requireSound)
 {
     {
         Transaction transaction(database, Transaction::Kind::Read);
-        Statement check(database, "PRAGMA quick_check(1)");
-        require(check.step() && check.text(0) == "ok", SoftkeyStatus::FileDamaged);
-        // Only tables: a trigger of someone else's making could change what an update does.
-        require(database.number("SELECT count(*) FROM sqlite_schema WHERE type IN ('trigger', 'view')") == 0,
-                SoftkeyStatus::FileDamaged);
+        requireSoundStructure(database);
+        if (layoutOf(database) == SCHEMA_VERSION) {
+            requireSound(database);
+            return;
+        }
     }
-    const std::int64_t version = database.number("PRAGMA user_version");
-    requireKnownVersion(version);
-    if (version < SCHEMA_VERSION)
-        migrate(database);
+    migrate(database, requireSound);
 }
 
 std::uint32_t changeCounter(const Database& database)

@@ -3,6 +3,8 @@
 
 #include "store/sqlite.h"
 
+#include <functional>
+
 namespace softkey
 {
 
@@ -18,8 +20,12 @@ void configureConnection(Database& database);
 
 void createSchema(Database& database);
 
-/// Checks the file as a whole and brings an older layout up to date; throws FileDamaged or FileNewer.
-void verifyAndMigrate(Database& database);
+/// Checks the file as a whole and brings an older layout up to date; throws FileDamaged or FileNewer. `requireSound`
+/// looks at the rows in the present layout, inside the transaction: when it throws, nothing was changed.
+void verifyAndMigrate(Database& database, const std::function<void(Database&)>& requireSound);
+
+/// The file may have got a newer layout since it was opened. The caller holds a transaction. Throws FileNewer.
+void requirePresentLayout(Database& database);
 
 /// SQLite's count of the changes of the file, from its header: it differs after every committed change.
 std::uint32_t changeCounter(const Database& database);

@@ -111,6 +111,62 @@ TEST_F(StorageTest, TwoOpenersMigrateOnce)
     EXPECT_EQ(failures, 0);
 }
 
+TEST_F(StorageTest, AFileOfLayout1ThatIsDamagedOrForeignIsNotMigrated)
+{
+    const struct {
+        const char* damage;
+        SoftkeyStatus status;
+    } cases[] = {
+        {"UPDATE pin SET scrypt_log_n = 60", SoftkeyStatus::FileDamaged},
+        {"DELETE FROM pin WHERE role = 2", SoftkeyStatus::FileDamaged},
+        {"DELETE FROM device", SoftkeyStatus::FileDamaged},
+        {"DROP TABLE certificate", SoftkeyStatus::FileDamaged},
+        {"ALTER TABLE key_pair ADD COLUMN usage_flags INTEGER", SoftkeyStatus::FileDamaged},
+        {"CREATE VIEW v AS SELECT 1", SoftkeyStatus::FileDamaged},
+        {"UPDATE device SET serial_number = 'OTHER'", SoftkeyStatus::FileForeign},
+    };
+    for (const auto& [damage, status] : cases) {
+        SCOPED_TRACE(damage);
+        sqlite(std::string(LAYOUT_1) + damage, "OLD1");
+        expectRefused("OLD1", status);
+        EXPECT_THROW(otherProcess("OLD1")->file().setPlugged(false), Refusal);
+        EXPECT_EQ(sqlite("PRAGMA user_version", "OLD1"), "1\n");
+        std::filesystem::remove(keyPath("OLD1"));
+    }
+}
+
+TEST_F(StorageTest, AChangeNeverStartsWithAFileThatIsRefused)
+{
+    std::filesystem::copy_file(keyPath(), keyPath("COPY"));
+    const Data before = readFile(keyPath("COPY"));
+    EXPECT_THROW(otherProcess("COPY")->file().setPlugged(false), Refusal);
+    EXPECT_EQ(readFile(keyPath("COPY")), before);
+}
+
+TEST_F(StorageTest, AFileThatBecomesNewerWhileOpenIsRefused)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    const std::unique_ptr<SoftKey> open = otherProcess();
+    open->contents();
+    sqlite("ALTER TABLE device ADD COLUMN newer INTEGER; PRAGMA user_version = 3");
+    const Data before = readFile(keyPath());
+    EXPECT_EQ(trySign(key, Data(32, 1)), code(SoftkeyStatus::FileNewer));
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), code(SoftkeyStatus::FileNewer));
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::FileNewer));
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_TRUE(keyPairs().empty());
+    EXPECT_TRUE(devices().empty());
+    try {
+        open->file().setPlugged(false); // Straight into a change, without a look at the contents.
+        FAIL() << "the newer file was written";
+    } catch (const Refusal& refusal) {
+        EXPECT_EQ(refusal.status(), SoftkeyStatus::FileNewer);
+    }
+    EXPECT_EQ(readFile(keyPath()), before);
+}
+
 TEST_F(StorageTest, AFileOfANewerLayoutIsRefused)
 {
     createKey(cheapSettings("NEWER"));
