@@ -20,8 +20,11 @@ count() {
     fi
 }
 
+# The benchmarks are compiled with the optimised build; running them is up to the reader of their figures.
 build() {
-    cmake --preset "$1" >"build/$1.configure.log" 2>&1 || { cat "build/$1.configure.log"; return 1; }
+    local options=()
+    [ "$1" = release ] && options=(-D VELKOR_BUILD_BENCHMARKS=ON)
+    cmake --preset "$1" "${options[@]}" >"build/$1.configure.log" 2>&1 || { cat "build/$1.configure.log"; return 1; }
     cmake --build --preset "$1" >"build/$1.build.log" 2>&1 || { cat "build/$1.build.log"; return 1; }
 }
 
@@ -50,8 +53,12 @@ check_format() {
 }
 
 check_tidy() {
-    git ls-files 'src/*.cpp' | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/release 2>build/tidy.log ||
+    git ls-files 'src/*.cpp' 'softkey/*.cpp' | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/release 2>build/tidy.log ||
         { grep -v 'warnings generated' build/tidy.log; return 1; }
+}
+
+demo() {
+    scripts/demo.sh >build/demo.log 2>&1 || { cat build/demo.log; return 1; }
 }
 
 mkdir -p build
@@ -61,6 +68,7 @@ for preset in release asan tsan; do
     count "build $preset" build "$preset"
     [ "$failed" -gt "$before" ] || run_tests "$preset"
 done
+count "demo" demo
 count "clang-format" check_format
 count "clang-tidy" check_tidy
 
