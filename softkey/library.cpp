@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <pthread.h>
+#include <set>
 
 namespace softkey
 {
@@ -50,9 +51,9 @@ void openKeysFolder()
 {
     const std::filesystem::path path = defaultKeysFolder();
     ensureFolder(path); // A folder that cannot be made holds no keys.
-    const std::filesystem::path* previous = openFolder.load();
-    if (previous == nullptr || *previous != path)
-        openFolder = new std::filesystem::path(path); // Kept: a forking thread may be reading the old one.
+    // Paths are kept: a forking thread may be reading the old one.
+    static auto* const opened = new std::set<std::filesystem::path>;
+    openFolder = &*opened->insert(path).first;
     keysFolder().open(path);
 }
 

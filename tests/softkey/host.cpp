@@ -143,7 +143,8 @@ int cleanedUpMode()
 int busyMode()
 {
     std::atomic<int> calls{0};
-    static const std::vector<VelkorKeyPair> keyPairs = velkor_getKeyPairList(serialNumber, instance);
+    // Without a destructor: the threads outlive static objects.
+    static const VelkorKeyPair keyPair = velkor_getKeyPairList(serialNumber, instance).at(0);
     std::thread([&calls] {
         for (;;) {
             velkor_getConnectedDeviceList(false, instance);
@@ -153,7 +154,7 @@ int busyMode()
     for (int i = 0; i < 2; ++i)
         std::thread([] {
             for (;;)
-                signStatus(keyPairs.front());
+                signStatus(keyPair);
         }).detach();
     while (calls < 200)
         std::this_thread::yield();

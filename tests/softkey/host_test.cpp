@@ -26,13 +26,12 @@ protected:
     }
 };
 
+#ifdef SOFTKEY_BUNDLED_LIBCRYPTO // A shared one lets the host's default engines take part.
 TEST_F(HostTest, AnEngineThatTheHostMadeTheDefaultIsNotUsed)
 {
-#ifndef SOFTKEY_BUNDLED_LIBCRYPTO
-    GTEST_SKIP() << "a shared libcrypto lets the host's default engines take part";
-#endif
     EXPECT_EQ(host("engine"), 0);
 }
+#endif
 
 TEST_F(HostTest, AConfigurationThatSpoilsTheHostsOpensslIsNotRead)
 {
@@ -63,11 +62,13 @@ TEST_F(HostTest, AProcessMayEndWhileThreadsAreInside)
         ASSERT_EQ(host("busy"), 0);
 }
 
+#if !SANITIZED // Their allocator stays locked in a child that is forked while another thread allocates.
 TEST_F(HostTest, AForkedChildUsesTheKeyWhileTheParentIsBusy)
 {
     EXPECT_EQ(host("fork"), 0);
     EXPECT_EQ(keyPairs().size(), 2U) << "nothing was left behind or lost";
 }
+#endif
 
 TEST_F(HostTest, LoadingAndUnloadingWhileAThreadHoldsAListDoesNotCrash)
 {

@@ -18,17 +18,7 @@ namespace softkey::test
 namespace
 {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int KILLS = 60; // A process takes several times as long to start.
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-constexpr int KILLS = 60;
-#else
-constexpr int KILLS = 200;
-#endif
-#else
-constexpr int KILLS = 200;
-#endif
+constexpr int KILLS = SANITIZED ? 60 : 200; // A sanitized process takes several times as long to start.
 
 /// A child process with its standard output at hand.
 class Child
