@@ -5,6 +5,8 @@
 
 #include <openssl/rsa.h>
 
+#include <algorithm>
+
 namespace softkey
 {
 namespace
@@ -15,6 +17,12 @@ constexpr std::size_t FIRST_PSS_SCHEME = 1; // followed by the schemes of the ot
 
 // DER of the largest ECDSA signature, P-521: two integers of up to 66 bytes and their headers.
 constexpr std::size_t ECDSA_DER_MAX = 3 + 2 * (2 + 66 + 1);
+
+/// The leftmost bytes count; lengths that a host made up never reach OpenSSL, which multiplies them.
+Bytes ecdsaInput(const KeyKindTraits& traits, Bytes input)
+{
+    return input.first(std::min(input.size(), traits.size()));
+}
 
 } // namespace
 
@@ -75,7 +83,7 @@ std::size_t PrivateKey::signRsa(Bytes input, bool isPss, std::span<unsigned char
 std::size_t PrivateKey::signEc(Bytes input, std::span<unsigned char> signature) const
 {
     std::array<unsigned char, ECDSA_DER_MAX> der{};
-    const std::size_t size = runSigning(PLAIN_SCHEME, input, der);
+    const std::size_t size = runSigning(PLAIN_SCHEME, ecdsaInput(traits_, input), der);
     fixedFromDer(Bytes(der).first(size), signature);
     return signature.size();
 }
@@ -103,6 +111,7 @@ bool verifySignature(const KeyKindTraits& traits, Bytes publicKey, Bytes input, 
     if (!traits.isRsa()) {
         der = derFromFixed(signature);
         signature = der;
+        input = ecdsaInput(traits, input);
     } else if (isPss) {
         setPssPadding(context.get(), CryptoContext::get().digests()[pssDigestFor(traits, input.size())]);
     } else {

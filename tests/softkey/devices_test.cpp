@@ -197,24 +197,5 @@ TEST_F(DevicesTest, InitDeviceReadsAgainAndRefusesWhatIsNotThere)
     EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), STATUS_DEVICE_REMOVED);
 }
 
-TEST_F(DevicesTest, EveryOperationOnAnUnpluggedKeySaysThatItHasGone)
-{
-    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
-    const Data hash(32, 1);
-    EXPECT_EQ(trySign(key, hash), 0);
-    otherProcess()->file().setPlugged(false);
-    int tries = 0;
-    void* context = nullptr;
-    unsigned char random[4];
-    VelkorKeyPair request;
-    EXPECT_EQ(trySign(key, hash), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(velkor_initHash(SERIAL, HASH_SHA256, &context, instance), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(velkor_generateRamdomNumber(SERIAL, 4, random, true, nullptr), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(velkor_generateKeyPair(SERIAL, PIN, &request, instance), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), STATUS_DEVICE_REMOVED);
-    EXPECT_TRUE(keyPairs().empty());
-}
-
 } // namespace
 } // namespace softkey::test
