@@ -9,6 +9,8 @@ constexpr int BUSY_TIMEOUT_MS = 10'000;
 
 [[noreturn]] void refuse(int code)
 {
+    if (code == SQLITE_READONLY_DBMOVED)
+        throw Refusal(SoftkeyStatus::DeviceRemoved);
     switch (code & 0xff) {
     case SQLITE_NOMEM:
         throw std::bad_alloc();

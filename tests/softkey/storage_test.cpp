@@ -34,7 +34,7 @@ protected:
         EXPECT_EQ(velkor_getTokenInfo(serialNumber.c_str(), instance).serialNumber, "");
         EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
         int tries = 0;
-        EXPECT_NE(velkor_validatePassword(serialNumber.c_str(), PIN, 1, &tries, instance), 0);
+        EXPECT_EQ(velkor_validatePassword(serialNumber.c_str(), PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
         EXPECT_EQ(readFile(keyPath(serialNumber)), before);
     }
 
@@ -132,6 +132,7 @@ TEST_F(StorageTest, AFileOfLayout1ThatIsDamagedOrForeignIsNotMigrated)
         EXPECT_THROW(otherProcess("OLD1")->file().setPlugged(false), Refusal);
         EXPECT_EQ(sqlite("PRAGMA user_version", "OLD1"), "1\n");
         std::filesystem::remove(keyPath("OLD1"));
+        devices(true); // Forget the file that was there.
     }
 }
 
