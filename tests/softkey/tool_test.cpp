@@ -5,6 +5,7 @@
 
 #include <array>
 #include <pty.h>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -104,6 +105,65 @@ TEST_F(ToolTest, ACreatedKeyHasWhatWasChosen)
     EXPECT_EQ(info.pinChanged, 1);
     EXPECT_EQ(info.soPinChanged, 0);
     expectFailure("create --serial T1" + WITH_PINS, 6);
+}
+
+using Fields = std::set<std::string>;
+
+Fields fieldsOf(const json& object)
+{
+    Fields names;
+    for (const auto& [name, value] : object.items())
+        names.insert(name);
+    return names;
+}
+
+/// Every field is in the section of the manual page about JSON.
+void expectDocumented(const Fields& names)
+{
+    const Data page = readFile(SOFTKEY_MANUAL);
+    std::string section(page.begin(), page.end());
+    section = section.substr(section.find(".SH JSON OUTPUT"));
+    section.resize(section.find(".SH EXIT STATUS"));
+    for (const std::string& name : names) {
+        const bool found = section.find(".I " + name + "\n") != std::string::npos ||
+                           section.find(".IR " + name + " ") != std::string::npos;
+        EXPECT_TRUE(found) << name << " is not in the manual page";
+    }
+}
+
+TEST_F(ToolTest, JsonDocumentsHaveTheDocumentedFields)
+{
+    makeKeyAndCertificate();
+    const auto expectFields = [](const json& document, const Fields& names) {
+        EXPECT_EQ(fieldsOf(document), names) << document;
+        expectDocumented(names);
+    };
+    const Fields stored{"number", "kind", "identifier"};
+    const Fields pin{"changed", "triesMax", "triesLeft"};
+    Fields key{"serial", "label", "model", "firmware", "plugged", "userPin", "soPin"};
+    expectFields(result("create --serial J1" + WITH_PINS), {"serial", "file"});
+    expectFields(result("generate J1 P-256" + WITH_PIN), stored);
+    expectFields(result("import-key J1 " + path("k.pem") + WITH_PIN), stored);
+    expectFields(result("import-certificate J1 " + path("c.pem") + WITH_PIN), {"number", "identifier"});
+    writeFile(keyPath("JUNK"), bytesOf("junk"));
+    const json list = result("list");
+    ASSERT_EQ(list.size(), 3U);
+    expectFields(list[0], key);
+    expectFields(list[0]["userPin"], pin);
+    expectFields(list[0]["soPin"], pin);
+    expectFields(list[1], {"serial", "error"});
+    const json info = result("info J1");
+    key.insert({"file", "keyPairs", "certificates"});
+    expectFields(info, key);
+    expectFields(info["keyPairs"][0], {"number", "kind", "label", "id", "usage", "identifier"});
+    expectFields(info["certificates"][0], {"number", "label", "id", "size", "identifier"});
+    EXPECT_EQ(info["certificates"][0]["size"], readFile(path("c.der")).size());
+    expectFields(result("delete J1 --key 1" + WITH_PIN), {"serial"});
+    expectFields(result("set-pin J1 --pin-env USER_PIN --new-pin-env USER_PIN"), {"serial"});
+    expectFields(result("unlock J1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN"), {"serial"});
+    expectFields(result("unplug J1"), {"serial", "plugged"});
+    expectFields(result("plug J1"), {"serial", "plugged"});
+    expectFields(result("remove J1 --yes"), {"serial"});
 }
 
 TEST_F(ToolTest, SerialNumbersAreMadeUpWhenNoneIsGiven)
