@@ -28,7 +28,7 @@ struct ForkGate {
 
     static ForkGate& gate()
     {
-        static ForkGate* const instance = new ForkGate; // Never destroyed: threads outlive static destruction.
+        static auto* const instance = new ForkGate; // Never destroyed: threads outlive static destruction.
         return *instance;
     }
 };

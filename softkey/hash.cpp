@@ -22,7 +22,7 @@ class HashContexts
 public:
     static HashContexts& all()
     {
-        static HashContexts* const contexts = new HashContexts; // Never destroyed: hosts call in to the very end.
+        static auto* const contexts = new HashContexts; // Never destroyed: hosts call in to the very end.
         return *contexts;
     }
 
@@ -31,7 +31,7 @@ public:
         const ForkSafeSection section;
         const std::lock_guard lock(mutex_);
         contexts_.emplace(++last_, std::move(context));
-        return reinterpret_cast<void*>(last_);
+        return reinterpret_cast<void*>(last_); // NOLINT(performance-no-int-to-ptr): never followed
     }
 
     std::shared_ptr<HashContext> find(void* handle)

@@ -20,7 +20,7 @@ std::atomic<const std::filesystem::path*> openFolder{nullptr};
 
 std::mutex& instancesMutex()
 {
-    static std::mutex* const mutex = new std::mutex;
+    static auto* const mutex = new std::mutex;
     return *mutex;
 }
 
@@ -99,7 +99,7 @@ void requireInstance(const void* instance)
 
 KeysFolder& keysFolder()
 {
-    static PerProcess<ProcessKeys>* const keys = new PerProcess<ProcessKeys>;
+    static auto* const keys = new PerProcess<ProcessKeys>;
     return keys->get().folder;
 }
 

@@ -61,7 +61,7 @@ ByteVector derFromFixed(Bytes fixed)
     const int size = i2d_ECDSA_SIG(signature.get(), &der);
     const OpenSslBytes owner(der);
     require(size > 0);
-    return ByteVector(der, der + size);
+    return {der, der + size};
 }
 
 } // namespace softkey

@@ -13,14 +13,15 @@ namespace
 constexpr EncryptionType NONE{}; // EC keys do not encrypt.
 
 constexpr KeyKindTraits KINDS[] = {
-    {KEY_KIND_RSA_1024, "RSA-1024", 1024, nullptr, EncryptionType::Rsa1024},
-    {KEY_KIND_RSA_2048, "RSA-2048", 2048, nullptr, EncryptionType::Rsa2048},
-    {KEY_KIND_RSA_3072, "RSA-3072", 3072, nullptr, EncryptionType::Rsa3072},
-    {KEY_KIND_RSA_4096, "RSA-4096", 4096, nullptr, EncryptionType::Rsa4096},
-    {KEY_KIND_EC_P256, "P-256", 256, "prime256v1", NONE},
-    {KEY_KIND_EC_P384, "P-384", 384, "secp384r1", NONE},
-    {KEY_KIND_EC_P521, "P-521", 521, "secp521r1", NONE},
+    {KEY_KIND_RSA_1024, EncryptionType::Rsa1024, "RSA-1024", 1024, nullptr},
+    {KEY_KIND_RSA_2048, EncryptionType::Rsa2048, "RSA-2048", 2048, nullptr},
+    {KEY_KIND_RSA_3072, EncryptionType::Rsa3072, "RSA-3072", 3072, nullptr},
+    {KEY_KIND_RSA_4096, EncryptionType::Rsa4096, "RSA-4096", 4096, nullptr},
+    {KEY_KIND_EC_P256, NONE, "P-256", 256, "prime256v1"},
+    {KEY_KIND_EC_P384, NONE, "P-384", 384, "secp384r1"},
+    {KEY_KIND_EC_P521, NONE, "P-521", 521, "secp521r1"},
 };
+constexpr const KeyKindTraits& RSA_2048 = KINDS[1];
 
 } // namespace
 
@@ -31,11 +32,12 @@ std::span<const KeyKindTraits> keyKinds()
 
 const KeyKindTraits& traitsOf(std::uint32_t keyKind)
 {
+    const KeyKindTraits* found = &RSA_2048;
     for (const KeyKindTraits& traits : KINDS) {
         if (traits.kind == keyKind)
-            return traits;
+            found = &traits;
     }
-    return traitsOf(KEY_KIND_RSA_2048);
+    return *found;
 }
 
 const KeyKindTraits* keyKindNamed(std::string_view name)

@@ -15,10 +15,10 @@ namespace softkey
 
 struct KeyKindTraits {
     KeyKind kind;
+    EncryptionType encryptionType; ///< RSA only.
     const char* name;              ///< As the tool spells it.
     std::size_t bits;              ///< Of the modulus or of the field.
     const char* curve;             ///< OpenSSL's name of the curve; null for RSA.
-    EncryptionType encryptionType; ///< RSA only.
 
     bool isRsa() const { return curve == nullptr; }
     /// Bytes of the modulus, or of a coordinate.

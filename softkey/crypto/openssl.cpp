@@ -35,7 +35,7 @@ bool startOpenSsl()
 
 const CryptoContext& CryptoContext::get()
 {
-    static PerProcess<CryptoContext>* const contexts = new PerProcess<CryptoContext>;
+    static auto* const contexts = new PerProcess<CryptoContext>;
     require(!openSslCleanedUp, SoftkeyStatus::ShuttingDown);
     require(startOpenSsl());
     return contexts->get();

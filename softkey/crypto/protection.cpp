@@ -36,7 +36,7 @@ SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost)
     std::uint32_t blockSize = cost.blockSize;
     std::uint32_t lanes = cost.lanes;
     // Twice what these costs need, so that the bound never refuses an acceptable cost.
-    std::uint64_t memoryLimit = 256 * blockSize * (rounds + lanes + 2);
+    std::uint64_t memoryLimit = std::uint64_t{256} * blockSize * (rounds + lanes + 2);
     OSSL_PARAM parameters[] = {
         OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_PASSWORD, const_cast<char*>(pin.data()), pin.size()),
         OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, const_cast<unsigned char*>(salt.data()), salt.size()),

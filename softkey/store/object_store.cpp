@@ -24,7 +24,7 @@ Bytes publicKeyOf(const VelkorKeyPair& record)
 
 Bytes bytesOf(std::string_view text)
 {
-    return Bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
 /// What a sealed private key belongs to: this file, this record, this public key.
