@@ -78,7 +78,7 @@ ByteVector certifiedKey(const X509* certificate)
     // A key of no kind that a device holds: its bits as they are.
     const ASN1_BIT_STRING* bits = X509_get0_pubkey_bitstr(certificate);
     const unsigned char* data = ASN1_STRING_get0_data(bits);
-    return ByteVector(data, data + ASN1_STRING_length(bits));
+    return {data, data + ASN1_STRING_length(bits)};
 }
 
 template <class Encode, class Object>
@@ -88,7 +88,7 @@ ByteVector derOf(Encode encode, Object* object)
     const int size = encode(object, &der);
     const OpenSslBytes owner(der);
     require(size > 0);
-    return ByteVector(der, der + size);
+    return {der, der + size};
 }
 
 ByteVector derFromPem(Bytes content)
@@ -107,7 +107,7 @@ ByteVector derFromPem(Bytes content)
         const OpenSslBytes dataOwner(data);
         const std::string_view kind(name);
         if (kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD)
-            return ByteVector(data, data + size);
+            return {data, data + size};
     }
 }
 
@@ -119,6 +119,27 @@ bool isCertificate(Bytes der)
     } catch (const Refusal&) {
         return false;
     }
+}
+
+/// Straight into the buffer, so that no other one holds what may be secret.
+template <class Buffer>
+std::optional<Buffer> contentOf(const std::filesystem::path& path)
+{
+    std::error_code failure;
+    // Nothing but regular files: reading a pipe could wait for ever.
+    if (!std::filesystem::is_regular_file(path, failure))
+        return std::nullopt;
+    const std::uintmax_t size = std::filesystem::file_size(path, failure);
+    if (failure || size > FILE_SIZE_MAX)
+        return std::nullopt;
+    Buffer content(static_cast<std::size_t>(size));
+    std::ifstream in;
+    in.rdbuf()->pubsetbuf(nullptr, 0);
+    in.open(path, std::ios::binary);
+    in.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
+    if (!in)
+        return std::nullopt;
+    return content;
 }
 
 } // namespace
@@ -173,16 +194,12 @@ ByteVector certificateFromFileContent(Bytes content)
 
 std::optional<ByteVector> readSmallFile(const std::filesystem::path& path)
 {
-    std::error_code failure;
-    // Nothing but regular files: reading a pipe could wait for ever.
-    if (!std::filesystem::is_regular_file(path, failure) || std::filesystem::file_size(path, failure) > FILE_SIZE_MAX ||
-        failure)
-        return std::nullopt;
-    std::ifstream in(path, std::ios::binary);
-    ByteVector content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!in.is_open() || in.bad())
-        return std::nullopt;
-    return content;
+    return contentOf<ByteVector>(path);
+}
+
+std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path)
+{
+    return contentOf<SecretBytes>(path);
 }
 
 } // namespace softkey

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "crypto/openssl.h"
+#include "crypto/secret.h"
 
 #include "device/device_service.h"
 
@@ -24,5 +25,7 @@ ByteVector certificateFromFileContent(Bytes content);
 
 /// A regular file's content; nothing when it cannot be read or is larger than a certificate file can be.
 std::optional<ByteVector> readSmallFile(const std::filesystem::path& path);
+/// The same in memory that is wiped.
+std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path);
 
 } // namespace softkey

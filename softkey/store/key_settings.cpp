@@ -1,5 +1,6 @@
 #include "store/key_settings.h"
 
+#include "store/folder_lock.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 
@@ -18,6 +19,8 @@ constexpr std::size_t LABEL_MAX = 63;         // A slot's description, with its 
 constexpr std::size_t MODEL_MAX = 15;
 constexpr std::size_t FIRMWARE_MAX = 31;
 constexpr int TRIES_MAX = 255;
+
+constexpr std::string_view DRAFT_SUFFIX = ".draft";
 
 class Descriptor
 {
@@ -42,7 +45,7 @@ class Draft
 {
 public:
     Draft(const std::filesystem::path& folder, const std::string& serialNumber)
-        : path_(folder / ("." + serialNumber + "." + randomSerialNumber() + ".draft"))
+        : path_(folder / ("." + serialNumber + "." + randomSerialNumber() + std::string(DRAFT_SUFFIX)))
     {
         // Made here, so that it never exists with wider permissions.
         require(Descriptor(path_, O_RDWR | O_CREAT | O_EXCL).isOpen(), SoftkeyStatus::StorageFailed);
@@ -53,9 +56,13 @@ public:
 
     const std::filesystem::path& path() const { return path_; }
 
+    /// The caller holds the folder's lock.
     void publish(const std::filesystem::path& destination) const
     {
         require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
+        // A journal without its file, which was taken away by hand, would be played into the new one.
+        if (access(destination.c_str(), F_OK) != 0)
+            unlink((destination.string() + "-journal").c_str());
         // A link, unlike a renaming, never replaces a key that is there.
         const int failure = link(path_.c_str(), destination.c_str()) == 0 ? 0 : errno;
         require(failure != EEXIST, SoftkeyStatus::AlreadyExists);
@@ -67,6 +74,18 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+/// Removes what processes left behind that were killed while they made a key.
+void sweepDrafts(const std::filesystem::path& folder)
+{
+    std::error_code failure;
+    for (std::filesystem::directory_iterator file(folder, failure), end; !failure && file != end;
+         file.increment(failure)) {
+        const std::filesystem::path& path = file->path();
+        if (path.extension() == DRAFT_SUFFIX && path.filename().string().starts_with('.'))
+            unlink(path.c_str());
+    }
+}
 
 bool isPlainText(std::string_view text, std::size_t sizeMax)
 {
@@ -122,6 +141,16 @@ PinRecord wrappedPin(PinRole role, const PinSettings& settings, const KeySetting
 
 } // namespace
 
+void removeKeyFile(const std::filesystem::path& path)
+{
+    const FolderLock lock(path.parent_path());
+    sweepDrafts(path.parent_path());
+    KeyFile(path).setPlugged(false); // Running processes see it go before the file is away.
+    // The file first: a file without its journal is whole, a journal without its file would be another key's.
+    require(unlink(path.c_str()) == 0, SoftkeyStatus::StorageFailed);
+    unlink((path.string() + "-journal").c_str());
+}
+
 bool isSerialNumber(std::string_view text)
 {
     const auto isAllowed = [](char character) {
@@ -152,6 +181,9 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     requirePinLength(soPin);
     SecretBytes masterKey(SEALING_KEY_SIZE);
     randomBytes({masterKey.data(), masterKey.size()});
+    // Whoever makes or removes a key holds the lock: a draft that is there belongs to nobody any more.
+    const FolderLock lock(folder);
+    sweepDrafts(folder);
     const Draft draft(folder, settings.serialNumber);
     {
         Database database(draft.path(), Database::Mode::Existing);

@@ -35,4 +35,7 @@ std::string randomSerialNumber();
 void createKeyFile(const std::filesystem::path& folder, const KeySettings& settings, std::string_view userPin,
                    std::string_view soPin);
 
+/// Unplugs a key and destroys its file. Throws the statuses of `KeyFile`, and StorageFailed.
+void removeKeyFile(const std::filesystem::path& path);
+
 } // namespace softkey

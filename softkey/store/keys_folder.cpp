@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,15 +51,19 @@ std::filesystem::path homeFolder()
     return found->pw_dir;
 }
 
-std::vector<std::string> listKeyNames(const std::filesystem::path& folder)
+/// Nothing when the folder cannot be read to its end.
+std::optional<std::vector<std::string>> listKeyNames(const std::filesystem::path& folder)
 {
     std::vector<std::string> names;
     std::error_code failure;
-    for (const auto& file : std::filesystem::directory_iterator(folder, failure)) {
-        const std::filesystem::path& path = file.path();
+    std::filesystem::directory_iterator file(folder, failure);
+    for (; !failure && file != std::filesystem::directory_iterator(); file.increment(failure)) {
+        const std::filesystem::path& path = file->path();
         if (path.extension() == KEY_FILE_SUFFIX && isSerialNumber(path.stem().string()))
             names.push_back(path.stem().string());
     }
+    if (failure)
+        return std::nullopt;
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -117,7 +122,10 @@ std::vector<std::string> KeysFolder::keyNames(bool refresh)
     if (!refresh && changedAt == namesChangedAt_)
         return names_;
     const nanoseconds age = coarseNow(CLOCK_REALTIME_COARSE) - changedAt;
-    names_ = listKeyNames(folder_);
+    std::optional<std::vector<std::string>> names = listKeyNames(folder_);
+    if (!names)
+        return names_; // Keys do not go because a listing failed.
+    names_ = std::move(*names);
     namesChangedAt_ = age > TIMESTAMP_TRUSTED_AFTER ? changedAt : nanoseconds{-1};
     std::erase_if(entries_,
                   [&](const auto& entry) { return !std::binary_search(names_.begin(), names_.end(), entry.first); });

@@ -7,10 +7,27 @@ namespace
 
 constexpr int BUSY_TIMEOUT_MS = 10'000;
 
+/// Failures of the file system while a change is written.
+bool isWriteFailure(int code)
+{
+    switch (code) {
+    case SQLITE_IOERR_WRITE:
+    case SQLITE_IOERR_FSYNC:
+    case SQLITE_IOERR_DIR_FSYNC:
+    case SQLITE_IOERR_TRUNCATE:
+    case SQLITE_IOERR_DELETE:
+        return true;
+    default:
+        return false;
+    }
+}
+
 [[noreturn]] void refuse(int code)
 {
     if (code == SQLITE_READONLY_DBMOVED)
         throw Refusal(SoftkeyStatus::DeviceRemoved);
+    if (isWriteFailure(code))
+        throw Refusal(SoftkeyStatus::StorageFailed);
     switch (code & 0xff) {
     case SQLITE_NOMEM:
         throw std::bad_alloc();
@@ -22,7 +39,6 @@ constexpr int BUSY_TIMEOUT_MS = 10'000;
     case SQLITE_ERROR: // A statement does not fit the schema that the file claims to have.
     case SQLITE_FORMAT:
         throw Refusal(SoftkeyStatus::FileDamaged);
-    case SQLITE_CANTOPEN:
     case SQLITE_IOERR:
     case SQLITE_PERM:
     case SQLITE_AUTH:
@@ -47,6 +63,9 @@ sqlite3* openConnection(const std::string& path, Database::Mode mode)
     const int code = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
     if (code != SQLITE_OK) {
         sqlite3_close_v2(handle);
+        // Later it is the journal that cannot be opened, and writing that fails.
+        if ((code & 0xff) == SQLITE_CANTOPEN)
+            throw Refusal(SoftkeyStatus::DeviceUnreachable);
         refuse(code);
     }
     return handle;
@@ -139,13 +158,13 @@ std::int64_t Statement::number(int column) const
 std::string Statement::text(int column) const
 {
     const Bytes content = bytes(column);
-    return std::string(content.begin(), content.end());
+    return {content.begin(), content.end()};
 }
 
 Bytes Statement::bytes(int column) const
 {
     const auto* data = static_cast<const unsigned char*>(sqlite3_column_blob(statement_.get(), column));
-    return Bytes(data, static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column)));
+    return {data, static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
 }
 
 Transaction::Transaction(Database& database, Kind kind) : database_(database)

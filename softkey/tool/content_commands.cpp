@@ -105,9 +105,10 @@ void addGenerate(CLI::App& app, Session& session)
 
 EvpKey readKeyFile(const std::string& file)
 {
-    ByteVector content = contentOf(file);
-    EvpKey key = privateKeyFromFileContent(content);
-    OPENSSL_cleanse(content.data(), content.size());
+    const std::optional<SecretBytes> content = readSmallSecretFile(file);
+    if (!content)
+        throw Refusal(SoftkeyStatus::BadArgument, "cannot read " + file);
+    EvpKey key = privateKeyFromFileContent(*content);
     if (!key)
         throw Refusal(SoftkeyStatus::BadPrivateKey, file + " holds no unencrypted private key");
     if (keyKindOf(key.get()) == nullptr)
@@ -196,7 +197,7 @@ std::string pemOf(const ByteVector& der)
     require(PEM_write_bio(out.get(), PEM_STRING_X509, "", der.data(), static_cast<long>(der.size())) > 0);
     char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
-    return std::string(text, static_cast<std::size_t>(size));
+    return {text, static_cast<std::size_t>(size)};
 }
 
 struct ExportOptions {
@@ -216,7 +217,7 @@ void exportCertificate(Session& session, const ExportOptions& options)
         file.open(options.file, std::ios::binary);
     std::ostream& out = options.file.empty() ? std::cout : file;
     if (!out.write(content.data(), static_cast<std::streamsize>(content.size())).flush())
-        throw Refusal(SoftkeyStatus::BadArgument, "cannot write " + options.file);
+        throw WriteFailure(options.file.empty() ? "standard output" : options.file);
 }
 
 void addExportCertificate(CLI::App& app, Session& session)

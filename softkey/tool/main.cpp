@@ -34,6 +34,8 @@ int run(CLI::App& app, int argc, char** argv)
         return fail(error.what(), EXIT_USAGE);
     } catch (const Refusal& refusal) {
         return failPin(refusal);
+    } catch (const WriteFailure& failure) {
+        return fail(failure.what(), EXIT_NOT_WRITTEN);
     } catch (const std::exception& error) {
         return fail(error.what(), EXIT_FAILED);
     }

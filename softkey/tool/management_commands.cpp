@@ -49,9 +49,11 @@ void addCreate(CLI::App& app, Session& session)
         ->capture_default_str();
     command->add_option("--firmware", settings.firmwareVersion, "Firmware version")->capture_default_str();
     command->add_option("--tries", settings.userPin.triesMax, "Tries of the user PIN")->capture_default_str();
-    command->add_option("--tries-left", options->triesLeft, "Tries that are left of them (default: all)");
+    command->add_option("--tries-left", options->triesLeft, "Tries that are left of them (default: all)")
+        ->check(CLI::NonNegativeNumber);
     command->add_option("--so-tries", settings.soPin.triesMax, "Tries of the SO PIN")->capture_default_str();
-    command->add_option("--so-tries-left", options->soTriesLeft, "Tries that are left of them (default: all)");
+    command->add_option("--so-tries-left", options->soTriesLeft, "Tries that are left of them (default: all)")
+        ->check(CLI::NonNegativeNumber);
     command->add_flag("--pin-changed", settings.userPin.changed, "The user PIN counts as changed");
     command->add_flag("--so-pin-changed", settings.soPin.changed, "The SO PIN counts as changed");
     command->add_option("--scrypt-cost", settings.cost.logN, "Cost of checking a PIN, as a power of two")
@@ -187,9 +189,7 @@ void remove(Session& session, const std::string& serialNumber, bool confirmed)
     const std::filesystem::path path = session.key(serialNumber)->file().path();
     if (!confirmed)
         confirmRemoval(serialNumber);
-    session.key(serialNumber)->file().setPlugged(false); // Running processes see it go before the file is away.
-    std::filesystem::remove(path);
-    std::filesystem::remove(path.string() + "-journal");
+    removeKeyFile(path);
     session.print({{"serial", serialNumber}}, serialNumber + " removed");
 }
 

@@ -73,6 +73,8 @@ Pin readLine(int descriptor)
             throw Refusal(SoftkeyStatus::PinRequired, errno == EINTR ? "interrupted" : "the PIN cannot be read");
         if (count == 0 || byte == '\n')
             break;
+        if (byte == '\0') // The library takes PINs as texts that end with it.
+            throw Refusal(SoftkeyStatus::BadArgument, "a PIN holds no zero byte");
         if (size == line.size())
             throw Refusal(SoftkeyStatus::PinLength);
         line.data()[size++] = byte;

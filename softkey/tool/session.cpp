@@ -33,6 +33,8 @@ ExitCode exitCodeOf(SoftkeyStatus status)
     case SoftkeyStatus::BadCertificate:
     case SoftkeyStatus::BadPrivateKey:
         return EXIT_BAD_INPUT;
+    case SoftkeyStatus::StorageFailed:
+        return EXIT_NOT_WRITTEN;
     default:
         return EXIT_FAILED;
     }
@@ -81,7 +83,9 @@ std::shared_ptr<SoftKey> Session::pluggedKey(const std::string& serialNumber)
 void Session::print(const nlohmann::json& result, const std::string& text) const
 {
     using Handler = nlohmann::json::error_handler_t; // Labels may hold any bytes.
-    std::puts(json ? result.dump(2, ' ', false, Handler::replace).c_str() : text.c_str());
+    const std::string line = json ? result.dump(2, ' ', false, Handler::replace) : text;
+    if (std::puts(line.c_str()) < 0 || std::fflush(stdout) != 0)
+        throw WriteFailure("standard output");
 }
 
 void addSerialNumber(CLI::App& command, std::string& serialNumber)

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <stdexcept>
 #include <string>
 
 namespace softkey
@@ -22,8 +23,16 @@ enum ExitCode : int {
     EXIT_EXISTS = 6,
     EXIT_KEY_FILE_UNUSABLE = 7,
     EXIT_BAD_INPUT = 8,
+    EXIT_NOT_WRITTEN = 9,
 };
 ExitCode exitCodeOf(SoftkeyStatus status);
+
+/// An output that could not be written to its end.
+class WriteFailure : public std::runtime_error
+{
+public:
+    explicit WriteFailure(const std::string& name) : std::runtime_error("cannot write " + name) {}
+};
 
 class Session
 {
@@ -39,7 +48,7 @@ public:
     /// A key that is plugged in, or DeviceRemoved.
     std::shared_ptr<SoftKey> pluggedKey(const std::string& serialNumber);
 
-    /// Prints a result: JSON, or `text` as a line of its own.
+    /// Prints a result: JSON, or `text` as a line of its own. Throws WriteFailure.
     void print(const nlohmann::json& result, const std::string& text) const;
 
 private:

@@ -1,5 +1,5 @@
 // A process of its own that uses a software key, for tests with several processes and with processes that are killed.
-// Usage: child MODE SERIAL PIN [FILE]. It knows nothing but the interface of the library.
+// Usage: child MODE SERIAL PIN [FILE...]. It knows nothing but the interface of the library.
 #include "device/device_service.h"
 
 #include <cstdio>
@@ -9,6 +9,8 @@
 #include <iterator>
 #include <string>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -60,40 +62,114 @@ int repeat(int times, const std::function<bool()>& work)
     return 0;
 }
 
-/// Announces each step before it and reports it after it, until killed.
-[[noreturn]] void workUntilKilled(const char* certificateFile)
+using Bytes = std::vector<unsigned char>;
+
+Bytes contentOf(const char* file)
 {
-    std::ifstream in(certificateFile, std::ios::binary);
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void checkPins(int userType, const std::string& role)
+{
+    const char* right = userType == 1 ? pin : "87654321";
+    int tries = 0;
+    tell("try wrong " + role);
+    velkor_validatePassword(serialNumber, "wrong-pin", userType, &tries, instance);
+    tell("tries " + role + " " + std::to_string(tries));
+    tell("try right " + role); // Checked on disk, since a try is missing.
+    velkor_validatePassword(serialNumber, right, userType, &tries, instance);
+    tell("tries " + role + " " + std::to_string(tries));
+}
+
+/// Deletes what it stored before.
+void deleteKeyPair(const unsigned char (&identifier)[KEY_IDENTIFIER_SIZE])
+{
+    tell("try delete " + hexOf(identifier));
+    if (velkor_deleteKeyPair(serialNumber, identifier, pin, false, instance) != 0)
+        std::exit(4);
+    tell("deleted " + hexOf(identifier));
+}
+
+/// A certificate that was never there: another signature makes it another one.
+void storeFreshCertificate(VelkorCertificate& certificate)
+{
+    static unsigned round = 0;
+    const unsigned fresh = static_cast<unsigned>(getpid()) * 1'000 + ++round;
+    for (std::size_t i = 0; i < 4; ++i)
+        certificate.der[certificate.der.size() - 1 - i] = static_cast<unsigned char>(fresh >> (8 * i));
+    if (velkor_importCertificate(serialNumber, pin, &certificate, instance) != 0)
+        std::exit(3);
+    tell("certificate " + hexOf(certificate.certificateIdentifier));
+}
+
+/// The file has the modulus, the private exponent and the first prime of an RSA-1024 key, one after the other.
+void importRsaKey(const Bytes& components)
+{
+    ImportPFXDetails details;
+    details.kind = IMPORT_KIND_RSA_COMPONENTS;
+    details.modulus.assign(components.begin(), components.begin() + 128);
+    details.privateExponent.assign(components.begin() + 128, components.begin() + 256);
+    details.prime1.assign(components.begin() + 256, components.end());
+    if (velkor_importPfx(serialNumber, pin, &details, instance) != 0)
+        std::exit(8);
+    tell("stored " + hexOf(details.keyIdentifier));
+    deleteKeyPair(details.keyIdentifier);
+}
+
+/// Announces each step before it and reports it after it, until killed.
+[[noreturn]] void workUntilKilled(const char* certificateFile, const char* componentsFile)
+{
     VelkorCertificate certificate;
-    certificate.der.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    certificate.der = contentOf(certificateFile);
+    const Bytes components = contentOf(componentsFile);
     tell("ready");
     for (;;) {
-        int tries = 0;
-        tell("try wrong");
-        velkor_validatePassword(serialNumber, "wrong-pin", 1, &tries, instance);
-        tell("tries " + std::to_string(tries));
-        tell("try right"); // Checked on disk, since a try is missing.
-        velkor_validatePassword(serialNumber, pin, 1, &tries, instance);
-        tell("tries " + std::to_string(tries));
+        checkPins(1, "user");
+        checkPins(2, "so");
         VelkorKeyPair keyPair;
         if (!generate(keyPair))
             std::exit(2);
         tell("stored " + hexOf(keyPair.keyIdentifier));
-        if (velkor_importCertificate(serialNumber, pin, &certificate, instance) != 0)
-            std::exit(3);
-        tell("certificate");
-        tell("try delete " + hexOf(keyPair.keyIdentifier));
-        if (velkor_deleteKeyPair(serialNumber, keyPair.keyIdentifier, pin, false, instance) != 0)
-            std::exit(4);
-        tell("deleted " + hexOf(keyPair.keyIdentifier));
+        storeFreshCertificate(certificate);
+        importRsaKey(components);
+        deleteKeyPair(keyPair.keyIdentifier);
     }
 }
 
-int runMode(const std::string& mode, const char* file)
+/// Changes the PIN to another one and back, until killed.
+[[noreturn]] void changePinUntilKilled(const char* otherPin)
+{
+    int tries = 0;
+    const bool isFirst = velkor_validatePassword(serialNumber, pin, 1, &tries, instance) == 0;
+    const char* now = isFirst ? pin : otherPin;
+    const char* next = isFirst ? otherPin : pin;
+    tell("ready");
+    for (;; std::swap(now, next)) {
+        if (!velkor_changeUserPassword(serialNumber, now, next, &tries, false, false, instance))
+            std::exit(2);
+        tell(std::string("now ") + next);
+    }
+}
+
+int runMode(const std::string& mode, const char* file, const char* secondFile)
 {
     int tries = 0;
     if (mode == "crash")
-        workUntilKilled(file);
+        workUntilKilled(file, secondFile);
+    if (mode == "change-pin")
+        changePinUntilKilled(file);
+    if (mode == "list")
+        return velkor_getKeyPairList(serialNumber, instance).size() == 1 ? 0 : 1;
+    if (mode == "rename")
+        return repeat(60, [] {
+            static int round = 0;
+            const std::string label = "label " + std::to_string(++round);
+            const std::vector<VelkorKeyPair> keyPairs = velkor_getKeyPairList(serialNumber, instance);
+            const unsigned char id = static_cast<unsigned char>(round);
+            return !keyPairs.empty() && velkor_updateKeyPairDetails(serialNumber, keyPairs.front().keyIdentifier, pin,
+                                                                    label.c_str(), &id, 1, instance) == 0;
+        });
     if (mode == "check")
         return repeat(5, [&] {
             // A new instance has seen no PIN.
@@ -123,7 +199,7 @@ int main(int argc, char** argv)
     serialNumber = argv[2];
     pin = argv[3];
     velkor_createInstance(&instance);
-    const int result = instance == nullptr ? 7 : runMode(argv[1], argc > 4 ? argv[4] : "");
+    const int result = instance == nullptr ? 7 : runMode(argv[1], argc > 4 ? argv[4] : "", argc > 5 ? argv[5] : "");
     velkor_releaseInstance(instance);
     return result;
 }

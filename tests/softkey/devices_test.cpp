@@ -187,6 +187,24 @@ TEST_F(DevicesTest, SeveralInstancesShareTheKeysAndAReleasedOneIsRefused)
     EXPECT_EQ(devices(), Names{SERIAL});
 }
 
+TEST_F(DevicesTest, TheSixtyFifthInstanceIsNull)
+{
+    std::vector<void*> instances(63);
+    for (void*& another : instances) {
+        velkor_createInstance(&another);
+        EXPECT_NE(another, nullptr);
+    }
+    void* tooMany = this;
+    velkor_createInstance(&tooMany);
+    EXPECT_EQ(tooMany, nullptr);
+    velkor_releaseInstance(instances.back());
+    velkor_createInstance(&instances.back());
+    EXPECT_NE(instances.back(), nullptr);
+    for (void* another : instances)
+        velkor_releaseInstance(another);
+    EXPECT_EQ(devices(), Names{SERIAL});
+}
+
 TEST_F(DevicesTest, InitDeviceReadsAgainAndRefusesWhatIsNotThere)
 {
     EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);

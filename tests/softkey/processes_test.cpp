@@ -3,6 +3,7 @@
 
 #include "store/schema.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstring>
@@ -24,7 +25,8 @@ constexpr int KILLS = SANITIZED ? 60 : 200; // A sanitized process takes several
 class Child
 {
 public:
-    Child(const std::string& mode, const std::string& serialNumber, const char* pin, const std::string& file = {})
+    Child(const std::string& mode, const std::string& serialNumber, const char* pin, const std::string& file = {},
+          const std::string& secondFile = {})
     {
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe(ends.data()), 0);
@@ -34,7 +36,8 @@ public:
             dup2(ends[1], STDOUT_FILENO);
             close(ends[0]);
             close(ends[1]);
-            execl(SOFTKEY_CHILD, SOFTKEY_CHILD, mode.c_str(), serialNumber.c_str(), pin, file.c_str(), nullptr);
+            execl(SOFTKEY_CHILD, SOFTKEY_CHILD, mode.c_str(), serialNumber.c_str(), pin, file.c_str(),
+                  secondFile.c_str(), nullptr);
             _exit(99);
         }
         close(ends[1]);
@@ -115,27 +118,34 @@ TEST_F(ProcessesTest, TwoProcessesStoreWithoutLosingAnything)
 TEST_F(ProcessesTest, OneProcessUsesWhatOthersChange)
 {
     EXPECT_EQ(runAll({"generate"}, SERIAL), 0);
-    EXPECT_EQ(runAll({"use", "use", "generate"}, SERIAL), 0);
-    EXPECT_EQ(otherProcess()->contents()->keyPairs.size(), 30U);
+    EXPECT_EQ(runAll({"use", "use", "rename", "rename", "generate"}, SERIAL), 0);
+    const auto contents = otherProcess()->contents();
+    ASSERT_EQ(contents->keyPairs.size(), 30U);
+    EXPECT_STREQ(contents->keyPairs[0].label, "label 60") << "the key that all of them signed with";
+    EXPECT_EQ(contents->keyPairs[0].objectId[0], 60);
 }
 
 /// What a file must hold, given what a process reported before it was killed.
 class Expectation
 {
 public:
-    explicit Expectation(const Contents& before) : triesMax_(before.userPin.triesMax), tries_(before.userPin.triesLeft)
+    explicit Expectation(const Contents& before)
+        : user_{"user", before.userPin.triesLeft}, securityOfficer_{"so", before.soPin.triesLeft}
     {
         for (const VelkorKeyPair& key : before.keyPairs)
             stored_.insert(toHex(key.keyIdentifier));
-        certificates_ = before.certificates.size();
+        for (const VelkorCertificate& certificate : before.certificates)
+            certificates_.insert(toHex(certificate.certificateIdentifier));
     }
 
     void follow(const std::vector<std::string>& lines)
     {
         for (const std::string& line : lines) {
             pending_ = line;
-            if (line.starts_with("tries "))
-                tries_ = std::stoi(line.substr(6));
+            if (line.starts_with("tries user "))
+                user_.tries = std::stoi(line.substr(11));
+            else if (line.starts_with("tries so "))
+                securityOfficer_.tries = std::stoi(line.substr(9));
             else if (line.starts_with("stored "))
                 stored_.insert(line.substr(7));
             else if (line.starts_with("try delete "))
@@ -144,18 +154,15 @@ public:
                 stored_.erase(line.substr(8));
                 gone_.insert(line.substr(8));
                 inDoubt_.clear();
-            } else if (line == "certificate")
-                certificates_ = 1;
+            } else if (line.starts_with("certificate "))
+                certificates_.insert(line.substr(12));
         }
     }
 
     void hold(const Contents& after) const
     {
-        const bool rightPinPending = pending_ == "try right";
-        const bool wrongPinPending = pending_ == "try wrong";
-        EXPECT_TRUE(after.userPin.triesLeft <= tries_ || (rightPinPending && after.userPin.triesLeft == triesMax_))
-            << "a try was gained: " << tries_ << " became " << after.userPin.triesLeft << " after " << pending_;
-        EXPECT_GE(after.userPin.triesLeft, tries_ - (rightPinPending || wrongPinPending ? 1 : 0)) << pending_;
+        holdTries(user_, after.userPin);
+        holdTries(securityOfficer_, after.soPin);
         std::set<std::string> found;
         for (const VelkorKeyPair& key : after.keyPairs)
             found.insert(toHex(key.keyIdentifier));
@@ -163,15 +170,34 @@ public:
             EXPECT_TRUE(found.count(key) == 1 || key == inDoubt_) << "a stored key pair was lost";
         for (const std::string& key : gone_)
             EXPECT_EQ(found.count(key), 0U) << "a deleted key pair came back";
-        EXPECT_GE(after.certificates.size(), certificates_);
+        for (const std::string& certificate : certificates_)
+            EXPECT_EQ(std::ranges::count(after.certificates, certificate,
+                                         [](const auto& each) { return toHex(each.certificateIdentifier); }),
+                      1)
+                << "a certificate was lost";
     }
 
 private:
-    int triesMax_;
-    int tries_;
+    /// Tries of a PIN that were reported last.
+    struct Tries {
+        std::string role;
+        int tries;
+    };
+
+    void holdTries(const Tries& reported, const PinRecord& after) const
+    {
+        const bool rightPinPending = pending_ == "try right " + reported.role;
+        const bool wrongPinPending = pending_ == "try wrong " + reported.role;
+        EXPECT_TRUE(after.triesLeft <= reported.tries || (rightPinPending && after.triesLeft == after.triesMax))
+            << "a try was gained: " << reported.tries << " became " << after.triesLeft << " after " << pending_;
+        EXPECT_GE(after.triesLeft, reported.tries - (rightPinPending || wrongPinPending ? 1 : 0)) << pending_;
+    }
+
+    Tries user_;
+    Tries securityOfficer_;
     std::set<std::string> stored_;
     std::set<std::string> gone_;
-    std::size_t certificates_ = 0;
+    std::set<std::string> certificates_;
     std::string pending_;
     std::string inDoubt_;
 };
@@ -180,16 +206,22 @@ TEST_F(ProcessesTest, KilledAtAnyMomentNothingReportedIsLostAndNoTryIsGained)
 {
     KeySettings settings = cheapSettings("CRASH");
     settings.userPin = {false, 255, 255};
+    settings.soPin = {false, 255, 255};
     createKey(settings);
+    const RsaVectorKey rsa = signatureVectorKey();
+    Data components = rsa.modulus;
+    components.insert(components.end(), rsa.privateExponent.begin(), rsa.privateExponent.end());
+    components.insert(components.end(), rsa.prime1.begin(), rsa.prime1.end());
+    const std::string componentsFile = scratch.file("rsa", components);
     const std::string certificate =
         scratch.file("c.der", certificateFor(scratch, "/CN=Crash", "ec -pkeyopt ec_paramgen_curve:P-256"));
     std::mt19937 random(20240229);
-    // A round of the process has eight lines; the moment of the kill is in any of its steps.
-    std::uniform_int_distribution<std::size_t> linesBefore(1, 9);
+    // A round of the process has fifteen lines; the moment of the kill is in any of its steps.
+    std::uniform_int_distribution<std::size_t> linesBefore(1, 16);
     std::uniform_int_distribution<int> microseconds(0, 3'000);
     for (int kill = 0; kill < KILLS && !HasFailure(); ++kill) {
         Expectation expectation(*otherProcess("CRASH")->contents());
-        const Child child("crash", "CRASH", PIN, certificate);
+        const Child child("crash", "CRASH", PIN, certificate, componentsFile);
         expectation.follow(child.lines(linesBefore(random)));
         std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random)));
         child.kill();
@@ -200,11 +232,69 @@ TEST_F(ProcessesTest, KilledAtAnyMomentNothingReportedIsLostAndNoTryIsGained)
         expectation.hold(*after);
         if (after->userPin.triesLeft < 100)
             otherProcess("CRASH")->login(PinRole::User, PIN);
+        if (after->soPin.triesLeft < 100)
+            otherProcess("CRASH")->login(PinRole::SecurityOfficer, SO_PIN);
     }
     const std::unique_ptr<SoftKey> key = otherProcess("CRASH");
     const std::shared_ptr<const Contents> contents = key->contents();
     for (const VelkorKeyPair& record : contents->keyPairs)
         EXPECT_NE(key->privateKey(std::to_array(record.keyIdentifier), PIN, USAGE_SIGN_VERIFY), nullptr);
+}
+
+TEST_F(ProcessesTest, KilledWhileThePinChangesExactlyOneOfTheTwoOpensTheKey)
+{
+    KeySettings settings = cheapSettings("CHANGE");
+    settings.userPin = {false, 255, 255};
+    createKey(settings);
+    const char* const otherPin = "other-pin";
+    otherProcess("CHANGE")->addKeyPair(PIN, keyOf(signatureVectorKey()).get(), {}, USAGE_SIGN_VERIFY);
+    const VelkorKeyPair key = otherProcess("CHANGE")->contents()->keyPairs.at(0);
+    const auto opens = [&](const std::string& pin) {
+        try {
+            otherProcess("CHANGE")->privateKey(std::to_array(key.keyIdentifier), pin, USAGE_SIGN_VERIFY);
+            return true;
+        } catch (const Refusal& refusal) {
+            EXPECT_EQ(refusal.status(), SoftkeyStatus::PinIncorrect);
+            return false;
+        }
+    };
+    std::mt19937 random(20240301);
+    std::uniform_int_distribution<std::size_t> linesBefore(1, 4);
+    std::uniform_int_distribution<int> microseconds(0, 2'000);
+    for (int kill = 0; kill < KILLS / 2 && !HasFailure(); ++kill) {
+        const Child child("change-pin", "CHANGE", PIN, otherPin);
+        child.lines(linesBefore(random));
+        std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random)));
+        child.kill();
+        ASSERT_EQ(child.wait(), -SIGKILL);
+        const bool first = opens(PIN);
+        EXPECT_NE(first, opens(otherPin));
+        EXPECT_TRUE(opens(first ? PIN : otherPin)); // Gives back the tries that these questions cost.
+        otherProcess("CHANGE")->login(PinRole::User, first ? PIN : otherPin);
+    }
+}
+
+TEST_F(ProcessesTest, KilledWhileItIsBroughtUpToDateAFileOfLayout1StaysWhole)
+{
+    std::mt19937 random(20240302);
+    std::uniform_int_distribution<int> microseconds(0, 12'000);
+    int untouched = 0;
+    for (int kill = 0; kill < KILLS / 2 && !HasFailure(); ++kill) {
+        ASSERT_EQ(run("sqlite3 " + keyPath("OLD1").string(), LAYOUT_1).exitCode, 0);
+        const Child child("list", "OLD1", PIN);
+        std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random)));
+        child.kill();
+        child.wait();
+        const Outcome layout = run("sqlite3 " + keyPath("OLD1").string(), "PRAGMA user_version");
+        untouched += layout.out == "1\n" ? 1 : 0;
+        const std::unique_ptr<SoftKey> key = otherProcess("OLD1");
+        ASSERT_EQ(key->contents()->keyPairs.size(), 1U);
+        const Identifier identifier = std::to_array(key->contents()->keyPairs[0].keyIdentifier);
+        EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT), nullptr);
+        std::filesystem::remove(keyPath("OLD1"));
+        std::filesystem::remove(keyPath("OLD1").string() + "-journal");
+    }
+    EXPECT_GT(untouched, 0) << "no process was killed early enough";
 }
 
 } // namespace

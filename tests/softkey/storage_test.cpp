@@ -45,36 +45,6 @@ protected:
     }
 };
 
-// A file of layout 1, which knew no usage flags, with one P-256 key pair under the usual PINs.
-constexpr const char* LAYOUT_1 = R"sql(
-PRAGMA application_id = 1447773529;
-PRAGMA user_version = 1;
-CREATE TABLE device (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), serial_number TEXT NOT NULL,
-    label TEXT NOT NULL, model TEXT NOT NULL, firmware_version TEXT NOT NULL,
-    plugged INTEGER NOT NULL CHECK (plugged IN (0, 1))) STRICT;
-CREATE TABLE pin (role INTEGER PRIMARY KEY CHECK (role IN (1, 2)), changed INTEGER NOT NULL CHECK (changed IN (0, 1)),
-    tries_max INTEGER NOT NULL CHECK (tries_max BETWEEN 1 AND 255),
-    tries_left INTEGER NOT NULL CHECK (tries_left BETWEEN 0 AND tries_max), scrypt_log_n INTEGER NOT NULL,
-    scrypt_block_size INTEGER NOT NULL, scrypt_lanes INTEGER NOT NULL, salt BLOB NOT NULL,
-    wrapped_master_key BLOB NOT NULL) STRICT;
-CREATE TABLE key_pair (id INTEGER PRIMARY KEY CHECK (id BETWEEN 1 AND 4095),
-    identifier BLOB NOT NULL UNIQUE CHECK (length(identifier) = 16), kind INTEGER NOT NULL CHECK (kind BETWEEN 1 AND 7),
-    object_id BLOB NOT NULL CHECK (length(object_id) <= 128), label BLOB NOT NULL CHECK (length(label) <= 128),
-    public_key BLOB NOT NULL CHECK (length(public_key) BETWEEN 1 AND 1024), sealed_private_key BLOB NOT NULL) STRICT;
-CREATE TABLE certificate (id INTEGER PRIMARY KEY CHECK (id BETWEEN 1 AND 4095),
-    identifier BLOB NOT NULL UNIQUE CHECK (length(identifier) = 16),
-    object_id BLOB NOT NULL CHECK (length(object_id) <= 128), label BLOB NOT NULL CHECK (length(label) <= 128),
-    der BLOB NOT NULL) STRICT;
-INSERT INTO device VALUES(1,'OLD1','Old key','VK1 Soft','2.1.0',1);
-INSERT INTO pin VALUES(1,0,5,5,4,8,1,X'976eb89533e45fa4fc7d044e9565e591',
-    X'09fdecbff3b4c1ee71bfee39daf308344455a1ea40be0f0f316e0fc17fee8f3a9dd5c47ae3297b4f97ce69a6d8049c24523609debfd2faaef6156bdc');
-INSERT INTO pin VALUES(2,0,5,5,4,8,1,X'4b1768837d8eb565099219d70bab9d80',
-    X'ca46ed64868e5f424ee43756803a3bb617fe4ac58d9d691409dae5c68df68eb268946527cc889e1ce84ecedcca505faf490427595abebf405a0d4a62');
-INSERT INTO key_pair VALUES(1,X'1382089c8cd807a8febfb3c6ca36fefb',5,X'0102',X'6f6c642070616972',
-    X'043bb070a1b610f594bab899dee88a18503e1d43f269bbf3e373274e0f0dc6efc8055547bcd199f25184e2e02bbd88a0e1d85b43f5442f3259de52fdfac1427568',
-    X'ff689c3bea058d9cc4d8359fe609cd1e69c40b1ae6cc57a5f7fd68eea4ccf6f62cbfb3f60180a0457b3d5b9b28c0f27d7743093dc3789232dd4ca42e61a7d305d8ae34200263cad3d8aa7d4741a36b7ecea5f771824ef948701a11cb90eab877bef5346dbeaa731cfd4424ac5184b6fe9fa325703c966ea2652459256af7b63ed3b6b6a554d5004161d469607e7d90a3c24cfd0f75a1176e06ca926a1855873c452f24950ed9');
-)sql";
-
 TEST_F(StorageTest, AFileOfLayout1IsBroughtUpToDateAndItsKeySigns)
 {
     sqlite(LAYOUT_1, "OLD1");
@@ -213,24 +183,75 @@ TEST_F(StorageTest, DamagedFilesAreRefused)
     }
 }
 
-TEST_F(StorageTest, BytesChangedAnywhereNeverCrashAndAreNeverWritten)
+/// Every operation that reads or changes goes on with a file in which bytes were changed.
+class ChangedBytesTest : public StorageTest
 {
-    generate(KEY_KIND_EC_P256);
-    const Data good = readFile(keyPath());
-    for (std::size_t i = 0; i < good.size(); i += 61) {
+protected:
+    ChangedBytesTest() : key(generate(KEY_KIND_EC_P256, "label")), good(readFile(keyPath()))
+    {
+        // Under its own name, in a folder without the good one.
+        velkor_releaseInstance(instance);
+        setenv("VELKOR_SOFTKEY_HOME", folder.path().c_str(), 1);
+        velkor_createInstance(&instance);
+    }
+
+    /// Whether the file was refused as a whole.
+    bool isRefused() const { return velkor_initDevice(SERIAL, true, instance) != 0; }
+
+    void use()
+    {
+        const std::filesystem::path path = folder.path() / keyPath().filename();
+        const Data changed = readFile(path);
+        const bool refused = isRefused();
+        const auto expectAnswer = [&](int status) {
+            EXPECT_TRUE(status >= 0 && status <= code(SoftkeyStatus::InternalError)) << status;
+            EXPECT_NE(status, code(SoftkeyStatus::InternalError));
+            EXPECT_TRUE(!refused || status != 0);
+        };
+        int tries = 0;
+        expectAnswer(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance));
+        expectAnswer(trySign(key, Data(32, 1)));
+        expectAnswer(velkor_updateKeyPairDetails(SERIAL, key.keyIdentifier, PIN, "new", nullptr, 0, instance));
+        EXPECT_TRUE(!refused || devices(true).empty());
+        if (refused) {
+            EXPECT_EQ(readFile(path), changed) << "a refused file was written";
+        }
+    }
+
+    const VelkorKeyPair key;
+    const Data good;
+    const TemporaryFolder folder;
+};
+
+TEST_F(ChangedBytesTest, NeverCrashAndARefusedFileIsNeverWritten)
+{
+    int refusals = 0;
+    for (std::size_t i = 0; i < good.size() && !HasFailure(); i += 61) {
+        SCOPED_TRACE(i);
         Data changed = good;
         for (std::size_t j = i; j < std::min(i + 3, changed.size()); ++j)
             changed[j] ^= 0xff;
-        writeFile(keyPath("KEY2"), changed);
-        velkor_initDevice("KEY2", true, instance);
-        velkor_getKeyPairList("KEY2", instance);
-        ASSERT_EQ(readFile(keyPath("KEY2")), changed);
-        std::filesystem::remove(keyPath("KEY2"));
+        folder.file(keyPath().filename().string(), changed);
+        refusals += isRefused() ? 1 : 0;
+        use();
+        std::filesystem::remove(folder.path() / keyPath().filename());
+        devices(true); // Forget the file that was there.
     }
+    EXPECT_GT(refusals, 10);
+    folder.file(keyPath().filename().string(), good);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+}
+
+TEST_F(ChangedBytesTest, ATruncatedFileIsRefused)
+{
     for (const std::size_t size : {1U, 99U, 100U, 4095U, 4096U, 8192U}) {
-        writeFile(keyPath("KEY2"), Bytes(good).first(size));
-        EXPECT_NE(velkor_initDevice("KEY2", true, instance), 0);
-        std::filesystem::remove(keyPath("KEY2"));
+        SCOPED_TRACE(size);
+        folder.file(keyPath().filename().string(), Bytes(good).first(size));
+        EXPECT_EQ(velkor_initDevice(SERIAL, true, instance),
+                  code(size < 100 ? SoftkeyStatus::FileForeign : SoftkeyStatus::FileDamaged));
+        use();
+        std::filesystem::remove(folder.path() / keyPath().filename());
+        devices(true);
     }
 }
 
@@ -239,21 +260,141 @@ TEST_F(StorageTest, AFileTruncatedWhileInUseIsRefused)
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     EXPECT_EQ(trySign(key, Data(32, 1)), 0);
     std::filesystem::resize_file(keyPath(), 0);
-    EXPECT_NE(trySign(key, Data(32, 1)), 0);
+    EXPECT_EQ(trySign(key, Data(32, 1)), code(SoftkeyStatus::FileDamaged));
     EXPECT_TRUE(devices().empty());
 }
+
+/// Nothing is out of reach for root, so such a test goes on as somebody else.
+class AsNobody
+{
+public:
+    AsNobody() : self_(geteuid()) { EXPECT_TRUE(self_ != 0 || seteuid(NOBODY) == 0); }
+    ~AsNobody() { EXPECT_TRUE(self_ != 0 || seteuid(self_) == 0); }
+    AsNobody(const AsNobody&) = delete;
+    AsNobody& operator=(const AsNobody&) = delete;
+
+private:
+    static constexpr uid_t NOBODY = 65534;
+    uid_t self_;
+};
 
 TEST_F(StorageTest, AFileThatMayNotBeReadIsUnreachable)
 {
     createKey(cheapSettings("SHUT"));
     chmod(keyPath("SHUT").c_str(), 0);
     chmod(home.path().c_str(), 0755);
-    const uid_t self = geteuid();
-    const uid_t nobody = 65534; // Nothing is unreadable for root.
-    ASSERT_TRUE(self != 0 || seteuid(nobody) == 0);
-    const int status = velkor_initDevice("SHUT", true, instance);
-    ASSERT_TRUE(self != 0 || seteuid(self) == 0);
-    EXPECT_EQ(status, STATUS_DEVICE_UNREACHABLE);
+    const AsNobody nobody;
+    EXPECT_EQ(velkor_initDevice("SHUT", true, instance), STATUS_DEVICE_UNREACHABLE);
+}
+
+TEST_F(StorageTest, AReadOnlyFileIsNotChanged)
+{
+    createKey(cheapSettings("FIXED"));
+    chmod(keyPath("FIXED").c_str(), 0444);
+    chmod(home.path().c_str(), 0555);
+    const Data before = readFile(keyPath("FIXED"));
+    {
+        const AsNobody nobody;
+        EXPECT_EQ(velkor_getTokenInfo("FIXED", instance).serialNumber, "FIXED") << "it can be read";
+        VelkorKeyPair request;
+        request.keyKind = KEY_KIND_EC_P256;
+        EXPECT_EQ(velkor_generateKeyPair("FIXED", PIN, &request, instance), code(SoftkeyStatus::StorageFailed));
+        int tries = 0;
+        EXPECT_EQ(velkor_validatePassword("FIXED", PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+        EXPECT_EQ(tries, -1);
+    }
+    chmod(home.path().c_str(), 0755);
+    EXPECT_EQ(readFile(keyPath("FIXED")), before);
+}
+
+TEST_F(StorageTest, WithoutRoomForAJournalNothingIsChanged)
+{
+    createKey(cheapSettings("FIXED"));
+    chmod(keyPath("FIXED").c_str(), 0666);
+    chmod(home.path().c_str(), 0555); // A journal cannot be made.
+    const Data before = readFile(keyPath("FIXED"));
+    {
+        const AsNobody nobody;
+        VelkorKeyPair request;
+        request.keyKind = KEY_KIND_EC_P256;
+        EXPECT_EQ(velkor_generateKeyPair("FIXED", PIN, &request, instance), code(SoftkeyStatus::StorageFailed));
+    }
+    chmod(home.path().c_str(), 0755);
+    EXPECT_EQ(readFile(keyPath("FIXED")), before);
+}
+
+TEST_F(StorageTest, KeysStayListedWhileTheFolderCannotBeListed)
+{
+    EXPECT_EQ(devices(), std::vector<std::string>{SERIAL});
+    chmod(home.path().c_str(), 0111);
+    {
+        const AsNobody nobody;
+        EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
+    }
+    chmod(home.path().c_str(), 0755);
+    EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
+}
+
+TEST_F(StorageTest, AFileKeptLockedIsBusy)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    Database other(keyPath().string(), Database::Mode::Existing);
+    other.execute("BEGIN EXCLUSIVE");
+    const Data before = readFile(keyPath());
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0) << "what is unlocked is used without the file";
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::StorageBusy));
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(readFile(keyPath()), before);
+    other.execute("ROLLBACK");
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), 0);
+}
+
+TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
+{
+    generate(KEY_KIND_EC_P256);
+    const std::filesystem::path journal = keyPath().string() + "-journal";
+    {
+        Database writer(keyPath().string(), Database::Mode::Existing);
+        // So small a cache that pages are written before the end of the change.
+        writer.execute("PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN; UPDATE device SET label = 'half';"
+                       "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+                       "INSERT INTO key_pair SELECT n.i, randomblob(16), kind, object_id, label, public_key, "
+                       "sealed_private_key, usage_flags FROM n, key_pair WHERE id = 1");
+        std::filesystem::copy_file(journal, scratch.path() / "journal",
+                                   std::filesystem::copy_options::overwrite_existing);
+        writer.execute("ROLLBACK");
+    }
+    KeySettings settings = cheapSettings(SERIAL);
+    settings.label = "Second";
+    const auto isSound = [&] {
+        try {
+            const auto contents = SoftKey(keyPath()).contents();
+            return contents->device.label == "Second" && contents->keyPairs.empty();
+        } catch (const Refusal&) {
+            return false;
+        }
+    };
+    std::filesystem::remove(keyPath());
+    std::filesystem::copy_file(scratch.path() / "journal", journal, std::filesystem::copy_options::overwrite_existing);
+    createKey(settings);
+    EXPECT_TRUE(isSound());
+    std::filesystem::copy_file(scratch.path() / "journal", journal, std::filesystem::copy_options::overwrite_existing);
+    EXPECT_FALSE(isSound()) << "the journal was not one that is played";
+}
+
+TEST_F(StorageTest, DraftsOfKilledProcessesAreSwept)
+{
+    const std::filesystem::path draft = home.path() / ".GONE.SK0123456789.draft";
+    writeFile(draft, Data(100, 1));
+    createKey(cheapSettings("NEW"));
+    EXPECT_FALSE(std::filesystem::exists(draft));
+    writeFile(draft, Data(100, 1));
+    removeKeyFile(keyPath("NEW"));
+    EXPECT_FALSE(std::filesystem::exists(draft));
+    EXPECT_FALSE(std::filesystem::exists(keyPath("NEW")));
+    EXPECT_TRUE(std::filesystem::exists(keyPath()));
 }
 
 TEST_F(StorageTest, AChangeOfAFileThatWasTakenAwayIsNotReportedDone)
@@ -302,6 +443,50 @@ TEST_F(StorageTest, ASealedKeyBelongsToItsRecordAlone)
     velkor_releaseInstance(instance);
     velkor_createInstance(&instance);
     EXPECT_EQ(trySign(one, Data(32, 1)), code(SoftkeyStatus::FileDamaged));
+}
+
+TEST_F(StorageTest, ASealedKeyBelongsToItsFileAlone)
+{
+    const SecretBytes masterKey(SEALING_KEY_SIZE); // The same for both files, which two keys never have.
+    NewKeyPair keyPair =
+        prepareKeyPair(keyOf(signatureVectorKey()).get(), {}, USAGE_SIGN_VERIFY, masterKey, "ELSEWHERE");
+    const std::unique_ptr<SoftKey> key = otherProcess();
+    key->change(PIN, [&](Database& database) { storeKeyPair(database, keyPair); });
+    key->file().read([&](Database& database) {
+        EXPECT_NE(loadPrivateKey(database, keyPair.record, masterKey, "ELSEWHERE"), nullptr);
+        try {
+            loadPrivateKey(database, keyPair.record, masterKey, SERIAL);
+            ADD_FAILURE() << "the key of another file was opened";
+        } catch (const Refusal& refusal) {
+            EXPECT_EQ(refusal.status(), SoftkeyStatus::FileDamaged);
+        }
+    });
+}
+
+TEST_F(StorageTest, ConnectionsAreFullySynchronised)
+{
+    otherProcess()->file().read([](Database& database) {
+        EXPECT_EQ(database.number("PRAGMA synchronous"), 2) << "a committed change may be lost";
+        EXPECT_EQ(database.number("PRAGMA secure_delete"), 1);
+        EXPECT_EQ(database.number("PRAGMA mmap_size"), 0);
+        Statement mode(database, "PRAGMA journal_mode");
+        ASSERT_TRUE(mode.step());
+        EXPECT_EQ(mode.text(0), "truncate");
+    });
+}
+
+TEST_F(StorageTest, ANewKeyHasTheDocumentedScryptCost)
+{
+    KeySettings settings;
+    settings.serialNumber = "USUAL";
+    createKey(settings);
+    const auto contents = otherProcess("USUAL")->contents();
+    for (const PinRole role : {PinRole::User, PinRole::SecurityOfficer}) {
+        EXPECT_EQ(contents->pin(role).cost.logN, 15U);
+        EXPECT_EQ(contents->pin(role).cost.blockSize, 8U);
+        EXPECT_EQ(contents->pin(role).cost.lanes, 1U);
+    }
+    EXPECT_NE(contents->userPin.salt, contents->soPin.salt);
 }
 
 TEST_F(StorageTest, AWrappedMasterKeyBelongsToItsPinAlone)

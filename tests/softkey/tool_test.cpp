@@ -4,9 +4,11 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <csignal>
 #include <pty.h>
 #include <set>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace softkey::test
@@ -181,7 +183,7 @@ TEST_F(ToolTest, TheFolderMayBeNamed)
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(folder) / "H1.velkorkey"));
     EXPECT_EQ(result("list --home '" + folder + "'").size(), 1U);
     const Outcome failed = tool("--home /proc/none create" + WITH_PINS);
-    EXPECT_EQ(failed.exitCode, 1);
+    EXPECT_EQ(failed.exitCode, 9);
     EXPECT_NE(failed.error.find("/proc/none"), std::string::npos) << "the path that was tried is named";
 }
 
@@ -195,6 +197,34 @@ TEST_F(ToolTest, PluggingIsSeenByARunningLibrary)
     EXPECT_EQ(tool("plug KEY1").out, "KEY1 plugged\n");
     EXPECT_EQ(devices().size(), 1U);
     expectFailure("plug NONE", 5);
+}
+
+TEST_F(ToolTest, ARunningLibrarySeesWhatTheToolChanges)
+{
+    makeKeyAndCertificate();
+    setenv("NEW", "new-pin", 1);
+    const Data hash(32, 1);
+    const std::string importing = "import-key KEY1 " + path("k.pem") + WITH_PIN;
+    EXPECT_EQ(tool(importing + " --label before").exitCode, 0);
+    const VelkorKeyPair key = keyPairs().at(0);
+    EXPECT_EQ(trySign(key, hash), 0);
+
+    EXPECT_EQ(tool(importing + " --label after --id 0a").exitCode, 0);
+    EXPECT_STREQ(keyPairs().at(0).label, "after");
+    EXPECT_EQ(keyPairs().at(0).objectId[0], 0x0a);
+
+    EXPECT_EQ(tool("set-pin KEY1 --pin-env USER_PIN --new-pin-env NEW").exitCode, 0);
+    EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(trySign(key, hash, false, "new-pin"), 0);
+
+    for (int i = 0; i < 5; ++i)
+        tool("generate KEY1 P-256 --pin-env WRONG");
+    EXPECT_EQ(trySign(key, hash, false, "new-pin"), code(SoftkeyStatus::PinLocked));
+
+    EXPECT_EQ(tool("unlock KEY1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN").exitCode, 0);
+    EXPECT_EQ(trySign(key, hash), 0);
+    EXPECT_EQ(tool("delete KEY1 --key 1" + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::NoSuchObject));
 }
 
 TEST_F(ToolTest, ListShowsFilesThatCannotBeUsed)
@@ -246,6 +276,8 @@ TEST_F(ToolTest, PinsComeFromADescriptorLineByLine)
     EXPECT_EQ(tool("generate KEY1 P-256 --pin-fd 0", "second-pin").exitCode, 0);
     expectFailure("generate KEY1 P-256 --pin-fd 99", 3);
     expectFailure("generate KEY1 P-256 --pin-fd 0", 3, "\n");
+    expectFailure("generate KEY1 P-256 --pin-fd 0", 2, std::string("second-pin\0\n", 12));
+    expectFailure("generate KEY1 P-256 --pin-fd 0", 2, std::string("\0second-pin\n", 12));
     expectFailure("generate KEY1 P-256 --pin-env NOT_SET", 3);
     expectFailure("set-pin KEY1 --pin-fd 0 --new-pin-fd 0", 2, "second-pin\nabc\n");
     EXPECT_EQ(result("info KEY1")["userPin"]["triesLeft"], 5);
@@ -336,6 +368,9 @@ TEST_F(ToolTest, MistakesOfUseAreTold)
     expectFailure("delete KEY1 --key 1 --certificate 1" + WITH_PIN, 2);
     expectFailure("create --serial ../x" + WITH_PINS, 2);
     expectFailure("create --scrypt-cost 99" + WITH_PIN, 2);
+    expectFailure("create --tries-left -5" + WITH_PINS, 2);
+    expectFailure("create --so-tries-left -1" + WITH_PINS, 2);
+    EXPECT_EQ(devices().size(), 1U);
     EXPECT_TRUE(keyPairs().empty());
 }
 
@@ -390,6 +425,45 @@ TEST_F(ToolTest, PromptsShowNoPinAndAskTwiceForANewOne)
     EXPECT_EQ(velkor_validatePassword("ASKED", "secret-2", 2, &tries, instance), 0);
     onTerminal({"create", "--serial", "DIFF"}, {"secret-1", "secret-x"}, exitCode);
     EXPECT_EQ(exitCode, 3);
+}
+
+TEST_F(ToolTest, AnOutputThatCannotBeWrittenIsAFailure)
+{
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    expectFailure("export-certificate KEY1 1 --out /dev/full", 9);
+    expectFailure("export-certificate KEY1 1 --out " + path("no/such/folder"), 9);
+    for (const std::string arguments : {"export-certificate KEY1 1", "list", "info KEY1 --json"})
+        expectFailure(arguments + " >/dev/full", 9);
+}
+
+TEST_F(ToolTest, AnInterruptedPromptLeavesTheTerminalAsItWas)
+{
+    int terminal = -1;
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (process == 0) {
+        execl(SOFTKEY_TOOL, SOFTKEY_TOOL, "generate", "KEY1", "P-256", nullptr);
+        _exit(99);
+    }
+    const auto echoes = [&] {
+        termios settings{};
+        EXPECT_EQ(tcgetattr(terminal, &settings), 0);
+        return (settings.c_lflag & ECHO) != 0;
+    };
+    std::string shown;
+    std::array<char, 256> buffer{};
+    while (!shown.ends_with(": ")) {
+        const ssize_t size = read(terminal, buffer.data(), buffer.size());
+        ASSERT_GT(size, 0) << shown;
+        shown.append(buffer.data(), static_cast<std::size_t>(size));
+    }
+    EXPECT_FALSE(echoes());
+    EXPECT_EQ(write(terminal, "12\x03", 3), 3);
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT);
+    EXPECT_TRUE(echoes());
+    close(terminal);
 }
 
 TEST_F(ToolTest, LongWorkShowsProgressOnATerminalOnly)

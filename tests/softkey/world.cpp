@@ -280,4 +280,33 @@ Data certificateFor(const TemporaryFolder& scratch, const std::string& subject, 
     return readFile(base + ".der");
 }
 
+const char* const LAYOUT_1 = R"sql(
+PRAGMA application_id = 1447773529;
+PRAGMA user_version = 1;
+CREATE TABLE device (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), serial_number TEXT NOT NULL,
+    label TEXT NOT NULL, model TEXT NOT NULL, firmware_version TEXT NOT NULL,
+    plugged INTEGER NOT NULL CHECK (plugged IN (0, 1))) STRICT;
+CREATE TABLE pin (role INTEGER PRIMARY KEY CHECK (role IN (1, 2)), changed INTEGER NOT NULL CHECK (changed IN (0, 1)),
+    tries_max INTEGER NOT NULL CHECK (tries_max BETWEEN 1 AND 255),
+    tries_left INTEGER NOT NULL CHECK (tries_left BETWEEN 0 AND tries_max), scrypt_log_n INTEGER NOT NULL,
+    scrypt_block_size INTEGER NOT NULL, scrypt_lanes INTEGER NOT NULL, salt BLOB NOT NULL,
+    wrapped_master_key BLOB NOT NULL) STRICT;
+CREATE TABLE key_pair (id INTEGER PRIMARY KEY CHECK (id BETWEEN 1 AND 4095),
+    identifier BLOB NOT NULL UNIQUE CHECK (length(identifier) = 16), kind INTEGER NOT NULL CHECK (kind BETWEEN 1 AND 7),
+    object_id BLOB NOT NULL CHECK (length(object_id) <= 128), label BLOB NOT NULL CHECK (length(label) <= 128),
+    public_key BLOB NOT NULL CHECK (length(public_key) BETWEEN 1 AND 1024), sealed_private_key BLOB NOT NULL) STRICT;
+CREATE TABLE certificate (id INTEGER PRIMARY KEY CHECK (id BETWEEN 1 AND 4095),
+    identifier BLOB NOT NULL UNIQUE CHECK (length(identifier) = 16),
+    object_id BLOB NOT NULL CHECK (length(object_id) <= 128), label BLOB NOT NULL CHECK (length(label) <= 128),
+    der BLOB NOT NULL) STRICT;
+INSERT INTO device VALUES(1,'OLD1','Old key','VK1 Soft','2.1.0',1);
+INSERT INTO pin VALUES(1,0,5,5,4,8,1,X'976eb89533e45fa4fc7d044e9565e591',
+    X'09fdecbff3b4c1ee71bfee39daf308344455a1ea40be0f0f316e0fc17fee8f3a9dd5c47ae3297b4f97ce69a6d8049c24523609debfd2faaef6156bdc');
+INSERT INTO pin VALUES(2,0,5,5,4,8,1,X'4b1768837d8eb565099219d70bab9d80',
+    X'ca46ed64868e5f424ee43756803a3bb617fe4ac58d9d691409dae5c68df68eb268946527cc889e1ce84ecedcca505faf490427595abebf405a0d4a62');
+INSERT INTO key_pair VALUES(1,X'1382089c8cd807a8febfb3c6ca36fefb',5,X'0102',X'6f6c642070616972',
+    X'043bb070a1b610f594bab899dee88a18503e1d43f269bbf3e373274e0f0dc6efc8055547bcd199f25184e2e02bbd88a0e1d85b43f5442f3259de52fdfac1427568',
+    X'ff689c3bea058d9cc4d8359fe609cd1e69c40b1ae6cc57a5f7fd68eea4ccf6f62cbfb3f60180a0457b3d5b9b28c0f27d7743093dc3789232dd4ca42e61a7d305d8ae34200263cad3d8aa7d4741a36b7ecea5f771824ef948701a11cb90eab877bef5346dbeaa731cfd4424ac5184b6fe9fa325703c966ea2652459256af7b63ed3b6b6a554d5004161d469607e7d90a3c24cfd0f75a1176e06ca926a1855873c452f24950ed9');
+)sql";
+
 } // namespace softkey::test

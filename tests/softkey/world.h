@@ -91,6 +91,9 @@ protected:
     void* instance = nullptr;
 };
 
+/// SQL that makes a file of layout 1, which knew no usage flags: OLD1 with one P-256 key pair under the usual PINs.
+extern const char* const LAYOUT_1;
+
 /// 1024-bit RSA keys of published test vectors, with the public exponent 65537.
 struct RsaVectorKey {
     Data modulus, privateExponent, prime1;
