@@ -48,6 +48,33 @@ TEST_F(CertificatesTest, DetailsAreWhatOpensslSays)
     EXPECT_EQ("notAfter=" + parsed.notAfter + "Z", openssl(der, "-enddate -dateopt iso_8601"));
 }
 
+TEST_F(CertificatesTest, IssuerAndSubjectAreToldApart)
+{
+    const std::string base = scratch.path().string() + "/";
+    ASSERT_EQ(run("cd " + base +
+                  " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 9 -keyout ca.key "
+                  "-subj '/O=Upper/CN=Issuing CA' -out ca.pem && openssl req -newkey ec "
+                  "-pkeyopt ec_paramgen_curve:P-256 -nodes -keyout leaf.key -subj '/C=DE/CN=Some Leaf' -out leaf.csr "
+                  "&& openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -days 9 -outform DER -out leaf.der "
+                  "&& openssl x509 -in ca.pem -outform DER -out ca.der")
+                  .exitCode,
+              0);
+    const Data ca = readFile(base + "ca.der");
+    const Data leaf = readFile(base + "leaf.der");
+    const CertificateDetails parsed = details(leaf);
+    EXPECT_EQ("subject=" + parsed.subject, openssl(leaf, "-subject -nameopt RFC2253"));
+    EXPECT_EQ("issuer=" + parsed.issuer, openssl(leaf, "-issuer -nameopt RFC2253"));
+    EXPECT_EQ(parsed.subjectCommonName, "Some Leaf");
+    EXPECT_EQ(parsed.issuerCommonName, "Issuing CA");
+    const auto subjectOf = [](const Data& der) {
+        return velkor_getCertificateSubject(der.data(), length(der), nullptr);
+    };
+    const auto issuerOf = [](const Data& der) { return velkor_getCertificateIssuer(der.data(), length(der), nullptr); };
+    EXPECT_EQ(issuerOf(leaf), subjectOf(ca));
+    EXPECT_NE(issuerOf(leaf), subjectOf(leaf));
+    EXPECT_FALSE(subjectOf(leaf).empty());
+}
+
 TEST_F(CertificatesTest, TheKeyHasTheFormOfKeyPairs)
 {
     const CertificateDetails rsa = details(certificateFor(scratch, "/CN=R", "rsa:1024"));

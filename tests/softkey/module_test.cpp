@@ -395,6 +395,29 @@ TEST_F(ModuleOverSoftkeyTest, TwoKeyPairsDeriveTheSameSecret)
     EXPECT_EQ(secret, derive(second.privateKey, first.publicKey));
 }
 
+TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
+{
+    const CK_SESSION_HANDLE session = loggedInSession();
+    const KeyPair keys = generateP256(session);
+    Bytes point = attribute(session, keys.publicKey, CKA_VALUE);
+    const auto derive = [&](CK_ULONG function, CK_OBJECT_HANDLE& secret) {
+        CK_ECDH1_DERIVE_PARAMS parameter = {function, 0, nullptr, point.size(), point.data()};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        return C_DeriveKey(session, &mechanism, keys.privateKey, nullptr, 0, &secret);
+    };
+    CK_OBJECT_HANDLE raw = 0;
+    CK_OBJECT_HANDLE hashed = 0;
+    ASSERT_EQ(derive(CKD_NULL, raw), CKR_OK);
+    ASSERT_EQ(derive(CKD_SHA256_KDF, hashed), CKR_OK);
+    write("secret", attribute(session, raw, CKA_VALUE));
+    Bytes sha384 = output("openssl dgst -sha384 -binary " + path("secret"));
+    sha384.resize(32);
+    EXPECT_EQ(attribute(session, hashed, CKA_VALUE), sha384);
+    CK_OBJECT_HANDLE none = 77;
+    EXPECT_EQ(derive(CKD_SHA1_KDF, none), CKR_FUNCTION_FAILED);
+    EXPECT_EQ(none, 77u);
+}
+
 TEST_F(ModuleOverSoftkeyTest, WrongPinsCountDownAndLock)
 {
     const CK_SESSION_HANDLE session = openSession();

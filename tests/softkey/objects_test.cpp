@@ -4,6 +4,9 @@
 #include "crypto/keys.h"
 #include "store/schema.h"
 
+#include <openssl/core_names.h>
+
+#include <cstdlib>
 #include <cstring>
 
 namespace softkey::test
@@ -53,6 +56,17 @@ protected:
 Data objectIdOf(const VelkorKeyPair& key)
 {
     return Data(key.objectId, key.objectId + key.objectIdLength);
+}
+
+/// One of the numbers of an RSA key.
+Data numberOf(const EVP_PKEY* key, const char* name)
+{
+    BIGNUM* number = nullptr;
+    EXPECT_EQ(EVP_PKEY_get_bn_param(key, name, &number), 1);
+    Data bytes(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    BN_free(number);
+    return bytes;
 }
 
 class GenerationTest : public ObjectsTest, public ::testing::WithParamInterface<KeyKind>
@@ -197,7 +211,51 @@ TEST_F(ObjectsTest, LeadingZerosAndTheOtherPrimeDoNotMatter)
     details.prime1.insert(details.prime1.begin(), 0);
     EXPECT_EQ(import(details), 0);
     EXPECT_EQ(keyPairs().at(0).publicKeyLength, 128);
+    EXPECT_EQ(remove(keyPairs().at(0)), 0);
+    details = importOf(signatureVectorKey());
+    details.prime1 = numberOf(keyOf(signatureVectorKey()).get(), OSSL_PKEY_PARAM_RSA_FACTOR2);
+    EXPECT_NE(details.prime1, signatureVectorKey().prime1);
+    ASSERT_EQ(import(details), 0);
+    const Data hash(32, 3);
+    EXPECT_EQ(verify(keyPairs().at(0), hash, sign(keyPairs().at(0), hash)), 0);
 }
+
+class ImportTest : public ObjectsTest, public ::testing::WithParamInterface<KeyKind>
+{
+};
+
+TEST_P(ImportTest, AnImportedKeySignsAndDecrypts)
+{
+    const KeyKindTraits& traits = traitsOf(GetParam());
+    const EvpKey fresh = generateKey(traits);
+    ImportPFXDetails details =
+        importOf({numberOf(fresh.get(), OSSL_PKEY_PARAM_RSA_N), numberOf(fresh.get(), OSSL_PKEY_PARAM_RSA_D),
+                  numberOf(fresh.get(), OSSL_PKEY_PARAM_RSA_FACTOR1)});
+    ASSERT_EQ(import(details), 0);
+    const VelkorKeyPair key = keyPairs().at(0);
+    EXPECT_EQ(key.keyKind, static_cast<std::uint32_t>(GetParam()));
+    const Data hash(32, 3);
+    EXPECT_EQ(verify(key, hash, sign(key, hash)), 0);
+    EXPECT_EQ(verify(key, hash, sign(key, hash, true), true), 0);
+    const Data publicKey = publicKeyInfo(key);
+    for (const PaddingMode padding : {PaddingMode::Pkcs1, PaddingMode::Oaep}) {
+        Data ciphertext(1024);
+        int size = 0;
+        ASSERT_EQ(velkor_encrypt(traits.encryptionType, padding, hash.data(), length(hash), ciphertext.data(), &size,
+                                 publicKey.data(), length(publicKey), instance),
+                  0);
+        EXPECT_EQ(static_cast<std::size_t>(size), traits.size());
+        unsigned char* plaintext = nullptr;
+        int plaintextLength = 0;
+        ASSERT_EQ(velkor_decrypt(SERIAL, key.keyIdentifier, PIN, ciphertext.data(), size, &plaintext, &plaintextLength,
+                                 false, instance),
+                  0);
+        EXPECT_EQ(Data(plaintext, plaintext + plaintextLength), hash);
+        std::free(plaintext);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ImportTest, ::testing::Values(KEY_KIND_RSA_2048, KEY_KIND_RSA_3072, KEY_KIND_RSA_4096));
 
 TEST_F(ObjectsTest, TheSameKeyTwiceIsOneKeyPair)
 {
