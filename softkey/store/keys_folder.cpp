@@ -101,9 +101,10 @@ bool ensureFolder(const std::filesystem::path& folder)
 
 void KeysFolder::open(const std::filesystem::path& folder)
 {
+    decltype(entries_) dropped; // Here and below: closed without the lock, since closing a file waits for forks.
     const std::lock_guard lock(mutex_);
     folder_ = folder;
-    entries_.clear();
+    dropped.swap(entries_);
     namesChangedAt_ = nanoseconds{-1};
 }
 
@@ -114,6 +115,7 @@ void KeysFolder::close()
 
 std::vector<std::string> KeysFolder::keyNames(bool refresh)
 {
+    decltype(entries_) dropped;
     const std::lock_guard lock(mutex_);
     struct stat status = {};
     if (stat(folder_.c_str(), &status) != 0)
@@ -127,8 +129,12 @@ std::vector<std::string> KeysFolder::keyNames(bool refresh)
         return names_; // Keys do not go because a listing failed.
     names_ = std::move(*names);
     namesChangedAt_ = age > TIMESTAMP_TRUSTED_AFTER ? changedAt : nanoseconds{-1};
-    std::erase_if(entries_,
-                  [&](const auto& entry) { return !std::binary_search(names_.begin(), names_.end(), entry.first); });
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+        const auto next = std::next(entry);
+        if (!std::binary_search(names_.begin(), names_.end(), entry->first))
+            dropped.insert(entries_.extract(entry));
+        entry = next;
+    }
     return names_;
 }
 
@@ -151,6 +157,7 @@ std::vector<std::string> KeysFolder::pluggedKeys(bool refresh)
 std::shared_ptr<SoftKey> KeysFolder::find(std::string_view name, Identity identity)
 {
     const nanoseconds now = coarseNow(CLOCK_MONOTONIC_COARSE);
+    decltype(entries_) dropped;
     const std::lock_guard lock(mutex_);
     const auto known = entries_.find(name);
     if (known == entries_.end())
@@ -158,7 +165,7 @@ std::shared_ptr<SoftKey> KeysFolder::find(std::string_view name, Identity identi
     if (identity == Identity::Trusted && now - known->second.checkedAt < IDENTITY_TRUSTED)
         return known->second.key;
     if (known->second.key->file().wasReplaced()) {
-        entries_.erase(known);
+        dropped.insert(entries_.extract(known));
         return reopen(name);
     }
     known->second.checkedAt = now;
