@@ -41,7 +41,7 @@ std::filesystem::path environmentPath(const char* name)
 
 std::filesystem::path homeFolder()
 {
-    if (const std::filesystem::path home = environmentPath("HOME"); home.is_absolute())
+    if (std::filesystem::path home = environmentPath("HOME"); home.is_absolute())
         return home;
     passwd entry{};
     passwd* found = nullptr;

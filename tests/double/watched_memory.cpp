@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 namespace
@@ -10,8 +11,16 @@ namespace
 constexpr std::size_t HEADER_SIZE = 16; // Holds the block's size and keeps its alignment.
 
 std::atomic<bool> watching = false;
-std::atomic<int> blocksWithBytes = 0;
+std::mutex watchLock; ///< Another thread may be looking at a block when the watch ends, and the bytes with it.
+int blocksWithBytes = 0;
 std::string_view watchedBytes;
+
+void look(std::string_view block)
+{
+    const std::scoped_lock lock(watchLock);
+    if (watching && block.find(watchedBytes) != std::string_view::npos)
+        ++blocksWithBytes;
+}
 
 } // namespace
 
@@ -29,9 +38,8 @@ void operator delete(void* memory) noexcept
     if (memory == nullptr)
         return;
     char* block = static_cast<char*>(memory) - HEADER_SIZE;
-    const std::string_view bytes(block + HEADER_SIZE, *reinterpret_cast<std::size_t*>(block));
-    if (watching && bytes.find(watchedBytes) != std::string_view::npos)
-        ++blocksWithBytes;
+    if (watching)
+        look({block + HEADER_SIZE, *reinterpret_cast<std::size_t*>(block)});
     std::free(block);
 }
 
@@ -42,10 +50,14 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept
 
 int releasedBlocksWith(std::string_view bytes, const std::function<void()>& work)
 {
-    watchedBytes = bytes;
-    blocksWithBytes = 0;
-    watching = true;
+    {
+        const std::scoped_lock lock(watchLock);
+        watchedBytes = bytes;
+        blocksWithBytes = 0;
+        watching = true;
+    }
     work();
+    const std::scoped_lock lock(watchLock);
     watching = false;
     return blocksWithBytes;
 }
