@@ -20,6 +20,11 @@
 #include <utility>
 #include <vector>
 
+/// What a compiler wants before a function that a library defines for others.
+#ifndef VELKOR_DEVICE_OPERATION
+#define VELKOR_DEVICE_OPERATION
+#endif
+
 inline constexpr std::size_t KEY_IDENTIFIER_SIZE = 16;
 inline constexpr std::size_t PUBLIC_KEY_CAPACITY = 1024;
 inline constexpr std::size_t OBJECT_ID_CAPACITY = 128;
@@ -141,97 +146,114 @@ enum HashAlgorithm : int {
 // ---- Instance ----
 
 /// Starts the library. `*libraryInstance` stays null when that fails.
-void velkor_createInstance(void** libraryInstance);
+VELKOR_DEVICE_OPERATION void velkor_createInstance(void** libraryInstance);
 /// Ends the library; the pointer is invalid afterwards.
-void velkor_releaseInstance(void* libraryInstance);
+VELKOR_DEVICE_OPERATION void velkor_releaseInstance(void* libraryInstance);
 
 // ---- Devices and PINs ----
 
 /// Names of the connected devices. `refresh` false: as the library knows them.
-std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libraryInstance);
 /// What a device says of itself; all fields empty when it cannot be read.
-TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance);
+VELKOR_DEVICE_OPERATION TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance);
 /// Makes the library read a device's contents again.
-int velkor_initDevice(const char* deviceId, bool readContents, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_initDevice(const char* deviceId, bool readContents, void* libraryInstance);
 /// Checks a PIN. `userType` 1: user, 2: security officer. `*triesLeft`: tries left after a refusal.
 /// STATUS_CHECK_NOT_POSSIBLE: the PIN was not checked.
-int velkor_validatePassword(const char* deviceId, const char* pin, int userType, int* triesLeft, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_validatePassword(const char* deviceId, const char* pin, int userType, int* triesLeft,
+                                                    void* libraryInstance);
 /// Changes the user PIN; true on success. `*triesLeft`: tries left after a refusal. The two flags are always false.
-bool velkor_changeUserPassword(const char* deviceId, const char* oldPin, const char* newPin, int* triesLeft,
-                               bool securityOfficer, bool force, void* libraryInstance);
+VELKOR_DEVICE_OPERATION bool velkor_changeUserPassword(const char* deviceId, const char* oldPin, const char* newPin,
+                                                       int* triesLeft, bool securityOfficer, bool force,
+                                                       void* libraryInstance);
 
 // ---- Contents of a device ----
 
 /// A device's key pairs. The reference is valid until the same thread's next call of this function.
-std::vector<VelkorKeyPair>& velkor_getKeyPairList(const char* deviceId, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<VelkorKeyPair>& velkor_getKeyPairList(const char* deviceId, void* libraryInstance);
 /// A device's certificates. The reference is valid until the same thread's next call of this function.
-std::vector<VelkorCertificate>& velkor_getCertificateList(const char* deviceId, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<VelkorCertificate>& velkor_getCertificateList(const char* deviceId,
+                                                                                  void* libraryInstance);
 /// Changes a key pair's label and object ID. An empty label, or a length of 0, leaves that field as it is.
-int velkor_updateKeyPairDetails(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
-                                const char* label, const unsigned char* objectId, int objectIdLength,
-                                void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_updateKeyPairDetails(const char* deviceId, const unsigned char* keyIdentifier,
+                                                        const char* pin, const char* label,
+                                                        const unsigned char* objectId, int objectIdLength,
+                                                        void* libraryInstance);
 /// Deletes a key pair. `deviceFlag` is the record's.
-int velkor_deleteKeyPair(const char* deviceId, const unsigned char* keyIdentifier, const char* pin, bool deviceFlag,
-                         void* libraryInstance);
-int velkor_deleteCertificate(const char* deviceId, const unsigned char* certificateIdentifier, const char* pin,
-                             void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_deleteKeyPair(const char* deviceId, const unsigned char* keyIdentifier,
+                                                 const char* pin, bool deviceFlag, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_deleteCertificate(const char* deviceId, const unsigned char* certificateIdentifier,
+                                                     const char* pin, void* libraryInstance);
 /// Stores a certificate; fills the record's `id` and `certificateIdentifier`.
-int velkor_importCertificate(const char* deviceId, const char* pin, VelkorCertificate* certificate,
-                             void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_importCertificate(const char* deviceId, const char* pin,
+                                                     VelkorCertificate* certificate, void* libraryInstance);
 /// Stores a private key; fills the record's `keyIdentifier`.
-int velkor_importPfx(const char* deviceId, const char* pin, ImportPFXDetails* details, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_importPfx(const char* deviceId, const char* pin, ImportPFXDetails* details,
+                                             void* libraryInstance);
 
 // ---- Certificates, no device involved ----
 
 /// Files of a folder whose names end in one of the extensions (with their dot), as (file name, DER) pairs. PEM is
 /// converted; a file that cannot be read or converted has empty DER. `recursive` false: that folder only.
-std::vector<std::pair<std::string, std::vector<unsigned char>>> velkor_getFilesWithExtensionsAndConvertDER(
-    const char* folder, const std::vector<std::string>& extensions, bool recursive, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<std::pair<std::string, std::vector<unsigned char>>>
+velkor_getFilesWithExtensionsAndConvertDER(const char* folder, const std::vector<std::string>& extensions,
+                                           bool recursive, void* libraryInstance);
 /// Parses a certificate. The instance may be null.
-int velkor_getCertificateDetails(const unsigned char* der, int derLength, CertificateDetails& details,
-                                 void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_getCertificateDetails(const unsigned char* der, int derLength,
+                                                         CertificateDetails& details, void* libraryInstance);
 /// The subject as a DER Name; empty when the certificate cannot be parsed.
-std::vector<unsigned char> velkor_getCertificateSubject(const unsigned char* der, int derLength, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<unsigned char> velkor_getCertificateSubject(const unsigned char* der, int derLength,
+                                                                                void* libraryInstance);
 /// The issuer as a DER Name; empty when the certificate cannot be parsed.
-std::vector<unsigned char> velkor_getCertificateIssuer(const unsigned char* der, int derLength, void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<unsigned char> velkor_getCertificateIssuer(const unsigned char* der, int derLength,
+                                                                               void* libraryInstance);
 /// The serial number as a DER INTEGER; empty when the certificate cannot be parsed.
-std::vector<unsigned char> velkor_getCertificateSerialDER(const unsigned char* der, int derLength,
-                                                          void* libraryInstance);
+VELKOR_DEVICE_OPERATION std::vector<unsigned char> velkor_getCertificateSerialDER(const unsigned char* der,
+                                                                                  int derLength, void* libraryInstance);
 
 // ---- Cryptography ----
 
 /// Generates the key pair that the record asks for and fills the record.
-int velkor_generateKeyPair(const char* deviceId, const char* pin, VelkorKeyPair* keyPair, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_generateKeyPair(const char* deviceId, const char* pin, VelkorKeyPair* keyPair,
+                                                   void* libraryInstance);
 
 /// Begins a hash. Derivation also passes the codes 1 and 4, as codes of its own. The context is ended by
 /// `velkor_finalHash`, whatever that answers; there is no other release.
-int velkor_initHash(const char* deviceId, int hashAlgorithm, void** hashContext, void* libraryInstance);
-int velkor_updateHash(void* hashContext, const unsigned char* data, int dataLength, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_initHash(const char* deviceId, int hashAlgorithm, void** hashContext,
+                                            void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_updateHash(void* hashContext, const unsigned char* data, int dataLength,
+                                              void* libraryInstance);
 /// Writes the hash, at most 64 bytes, to `hash` and its length to `*hashLength`, which is 0 or 64 on entry: the room is
 /// 64 bytes in either case.
-int velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength,
+                                             void* libraryInstance);
 
 /// Signs a hash, or the data of a mechanism that does not hash. `*signatureLength`: on entry the room in
 /// `signature`, on success the length of the signature. `flag` is always false.
-int velkor_signHash(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
-                    const unsigned char* hash, int hashLength, unsigned char* signature, int* signatureLength,
-                    bool flag, void* libraryInstance, bool isPss);
+VELKOR_DEVICE_OPERATION int velkor_signHash(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
+                                            const unsigned char* hash, int hashLength, unsigned char* signature,
+                                            int* signatureLength, bool flag, void* libraryInstance, bool isPss);
 /// Verifies a signature; 0 when it is valid. `keyKind` as in `VelkorKeyPair`. `publicKey` is an EC point, an RSA
 /// modulus, or a DER SubjectPublicKeyInfo.
-int velkor_verifySignatureHash(unsigned int keyKind, const char* deviceId, const unsigned char* hash, int hashLength,
-                               const unsigned char* publicKey, int publicKeyLength, const unsigned char* signature,
-                               int signatureLength, void* libraryInstance, bool isPss);
+VELKOR_DEVICE_OPERATION int velkor_verifySignatureHash(unsigned int keyKind, const char* deviceId,
+                                                       const unsigned char* hash, int hashLength,
+                                                       const unsigned char* publicKey, int publicKeyLength,
+                                                       const unsigned char* signature, int signatureLength,
+                                                       void* libraryInstance, bool isPss);
 /// Encrypts for an RSA key, given as DER SubjectPublicKeyInfo. `out` has room for 1024 bytes; `*outLength` is 0 on
 /// entry and the length of the ciphertext on success.
-int velkor_encrypt(EncryptionType encryptionType, PaddingMode paddingMode, const unsigned char* data, int dataLength,
-                   unsigned char* out, int* outLength, const unsigned char* publicKeyDer, int publicKeyDerLength,
-                   void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_encrypt(EncryptionType encryptionType, PaddingMode paddingMode,
+                                           const unsigned char* data, int dataLength, unsigned char* out,
+                                           int* outLength, const unsigned char* publicKeyDer, int publicKeyDerLength,
+                                           void* libraryInstance);
 /// Decrypts. The library allocates `*out`. `deviceFlag` is the key pair record's.
-int velkor_decrypt(const char* deviceId, const unsigned char* keyIdentifier, const char* pin, const unsigned char* data,
-                   int dataLength, unsigned char** out, int* outLength, bool deviceFlag, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_decrypt(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
+                                           const unsigned char* data, int dataLength, unsigned char** out,
+                                           int* outLength, bool deviceFlag, void* libraryInstance);
 /// ECDH: the shared secret of a private key and a peer's public point. The library allocates `*out`.
-int velkor_ecdhDerive(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
-                      const unsigned char* peerPublicKey, int peerPublicKeyLength, unsigned char** out, int* outLength,
-                      void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_ecdhDerive(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
+                                              const unsigned char* peerPublicKey, int peerPublicKeyLength,
+                                              unsigned char** out, int* outLength, void* libraryInstance);
 /// Fills `out` with random bytes. `flag` is always true; the instance may be null. (The library spells it so.)
-int velkor_generateRamdomNumber(const char* deviceId, int count, unsigned char* out, bool flag, void* libraryInstance);
+VELKOR_DEVICE_OPERATION int velkor_generateRamdomNumber(const char* deviceId, int count, unsigned char* out, bool flag,
+                                                        void* libraryInstance);

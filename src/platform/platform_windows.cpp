@@ -1,0 +1,91 @@
+#include "platform/platform.h"
+
+#include <array>
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+// Behind windows.h, which it needs.
+#include <psapi.h>
+
+namespace platform
+{
+namespace
+{
+
+constexpr const char* CONFIGURATION_KEY = "Software\\Brenmoor\\Velkor";
+
+/// Room for what the system tells: the longest path that it takes, and more.
+constexpr DWORD TEXT_CAPACITY = 1024;
+
+/// The text that a call of the system fills; empty when it fails or the text does not fit.
+template <typename Call>
+std::string systemText(const Call& call)
+{
+    std::array<char, TEXT_CAPACITY> text{};
+    const DWORD length = call(text.data(), TEXT_CAPACITY);
+    return length < TEXT_CAPACITY ? std::string(text.data(), length) : std::string();
+}
+
+} // namespace
+
+bool readLogLevel(std::span<char> value)
+{
+    DWORD size = static_cast<DWORD>(value.size());
+    return RegGetValueA(HKEY_LOCAL_MACHINE, CONFIGURATION_KEY, "logLevel", RRF_RT_ANY, nullptr, value.data(), &size) ==
+           ERROR_SUCCESS;
+}
+
+std::string temporaryFolder()
+{
+    return systemText([](char* text, DWORD capacity) { return GetTempPathA(capacity, text); });
+}
+
+bool folderExists(const std::string& path)
+{
+    const DWORD attributes = GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool createFolder(const std::string& path)
+{
+    return CreateDirectoryA(path.c_str(), nullptr) != 0;
+}
+
+std::string processFileName()
+{
+    return systemText(
+        [](char* text, DWORD capacity) { return K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, text, capacity); });
+}
+
+std::string processFolder()
+{
+    const std::string path =
+        systemText([](char* text, DWORD capacity) { return GetModuleFileNameA(nullptr, text, capacity); });
+    return path.substr(0, path.rfind('\\'));
+}
+
+std::string environmentVariable(const char* name)
+{
+    // Not from the C runtime, whose copy does not follow a host that changes its environment.
+    return systemText([=](char* text, DWORD capacity) { return GetEnvironmentVariableA(name, text, capacity); });
+}
+
+LocalTime localTime()
+{
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    return {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds};
+}
+
+void sleep(std::chrono::milliseconds time)
+{
+    Sleep(static_cast<DWORD>(time.count()));
+}
+
+void secureWipe(void* memory, std::size_t size)
+{
+    if (size != 0) // Then the memory may be null.
+        SecureZeroMemory(memory, size);
+}
+
+} // namespace platform
