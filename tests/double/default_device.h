@@ -23,12 +23,12 @@ constexpr const char* FIRST_DEVICE = "VK100001";
 constexpr const char* SECOND_DEVICE = "VK100002";
 
 /// A key pair record whose public key has the length of its kind and starts with 0xC5 (RSA) or 0x04 (EC).
-VelkorKeyPair makeKeyPair(std::uint32_t id, std::uint32_t keyKind, const std::string& label);
+DOUBLE_EXPORT VelkorKeyPair makeKeyPair(std::uint32_t id, std::uint32_t keyKind, const std::string& label);
 
 /// A certificate record; its DER is no real DER, but is different for each id.
-VelkorCertificate makeCertificate(std::uint32_t id, const std::string& label);
+DOUBLE_EXPORT VelkorCertificate makeCertificate(std::uint32_t id, const std::string& label);
 
-class DefaultDevice : public DeviceOperations
+class DOUBLE_EXPORT DefaultDevice : public DeviceOperations
 {
 public:
     DefaultDevice();

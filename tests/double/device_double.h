@@ -6,4 +6,4 @@
 #include "device_operations.h"
 
 /// Puts other operations behind the library's functions; until the first call they are a `DefaultDevice`.
-void setDeviceOperations(std::shared_ptr<DeviceOperations> newOperations);
+DOUBLE_EXPORT void setDeviceOperations(std::shared_ptr<DeviceOperations> newOperations);

@@ -3,6 +3,11 @@
 
 #include "device/device_service.h"
 
+// What a compiler wants before the double's own functions.
+#ifndef DOUBLE_EXPORT
+#define DOUBLE_EXPORT
+#endif
+
 struct DeviceOperations {
     DeviceOperations() = default;
     DeviceOperations(const DeviceOperations&) = delete;

@@ -1,10 +1,7 @@
-// The function table and the dynamic symbols of the built library, held against the one list of exports.
+// The dynamic symbols of the built library, held against the one list of exports.
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
-
-#include <dlfcn.h>
 
 #include "module_fixture.h"
 
@@ -47,68 +44,10 @@ TEST(Exports, AreExactlyTheListedNames)
 
 TEST(Exports, HaveCNamesForTheStandardAndCxxNamesForTheExtensions)
 {
-    void* module = dlopen(MODULE_FILE, RTLD_NOW | RTLD_NOLOAD);
-    ASSERT_NE(module, nullptr);
     for (const std::string& name : standardNames)
-        EXPECT_NE(dlsym(module, name.c_str()), nullptr) << name;
+        EXPECT_NE(test_system::moduleSymbol(MODULE_FILE, name.c_str()), nullptr) << name;
     for (const std::string& name : extensionNames)
-        EXPECT_EQ(dlsym(module, name.c_str()), nullptr) << name;
-}
-
-class FunctionTableTest : public ModuleTest
-{
-protected:
-    static CK_FUNCTION_LIST_PTR table()
-    {
-        CK_FUNCTION_LIST_PTR functions = nullptr;
-        EXPECT_EQ(C_GetFunctionList(&functions), CKR_OK);
-        return functions;
-    }
-};
-
-TEST_F(FunctionTableTest, HoldsInEverySlotTheExportOfThatName)
-{
-    void* module = dlopen(MODULE_FILE, RTLD_NOW | RTLD_NOLOAD);
-    ASSERT_NE(module, nullptr);
-    const CK_FUNCTION_LIST_PTR functions = table();
-#define EXPORT(name) EXPECT_EQ(reinterpret_cast<void*>(functions->name), dlsym(module, #name)) << #name;
-#include "frame/exports.inc"
-}
-
-TEST_F(FunctionTableTest, FollowsTheOrderOfTheListWithoutNullSlots)
-{
-    const auto* bytes = reinterpret_cast<const unsigned char*>(table());
-    const std::size_t first = sizeof(CK_FUNCTION_LIST) - standardNames.size() * sizeof(void*);
-    for (std::size_t index = 0; index < standardNames.size(); ++index) {
-        void* slot = nullptr;
-        std::memcpy(&slot, bytes + first + index * sizeof slot, sizeof slot);
-        Dl_info symbol{};
-        ASSERT_NE(dladdr(slot, &symbol), 0);
-        EXPECT_EQ(symbol.dli_sname, standardNames[index]);
-    }
-}
-
-TEST_F(FunctionTableTest, SaysVersion220)
-{
-    EXPECT_EQ(table()->version.major, 2);
-    EXPECT_EQ(table()->version.minor, 20);
-}
-
-TEST_F(FunctionTableTest, IsGivenBeforeInitialize)
-{
-    CK_FUNCTION_LIST_PTR functions = nullptr;
-    EXPECT_EQ(answer(C_GetFunctionList, &functions), (Answer{CKR_OK, {"DEBUG C_GetFunctionList"}}));
-}
-
-TEST_F(FunctionTableTest, IsRefusedForANullPointer)
-{
-    EXPECT_EQ(answer(C_GetFunctionList, nullptr),
-              refusal(CKR_ARGUMENTS_BAD, "C_GetFunctionList", "C_GetFunctionList: ppFunctionList is NULL"));
-}
-
-TEST_F(FunctionTableTest, IsOneAndTheSameObject)
-{
-    EXPECT_EQ(table(), table());
+        EXPECT_EQ(test_system::moduleSymbol(MODULE_FILE, name.c_str()), nullptr) << name;
 }
 
 } // namespace

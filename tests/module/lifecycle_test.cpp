@@ -5,8 +5,6 @@
 #include <system_error>
 #include <thread>
 
-#include <pthread.h>
-
 #include "module_fixture.h"
 
 namespace
@@ -120,19 +118,14 @@ TEST_F(LifecycleTest, InitializeAfterAFailedStartStopsTheOldMonitorAndTriesAgain
 
 TEST_F(LifecycleTest, AMonitorThatCannotBeCreatedLeavesAsASystemError)
 {
-    pthread_attr_t usual;
-    pthread_attr_t tooLarge;
-    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
-    ASSERT_EQ(pthread_getattr_default_np(&tooLarge), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&tooLarge, std::size_t{1} << 47), 0);
-    ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
-    try {
-        C_Initialize(nullptr);
-        ADD_FAILURE() << "the thread was created";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
-    }
-    ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+    test_system::withoutNewThreads([] {
+        try {
+            C_Initialize(nullptr);
+            ADD_FAILURE() << "the thread was created";
+        } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
+        }
+    });
     CK_INFO info;
     EXPECT_EQ(C_GetInfo(&info), CKR_OK);
     EXPECT_EQ(answer(C_Finalize, nullptr),

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "cryptoki.h"
 #include "device_double.h"
 #include "mock_device.h"
+#include "test_system.h"
 #include "velkor_extensions.h"
 
 /// What a call answered: its code, and the lines it wrote, as "DEBUG text" or "ERROR text".
@@ -61,15 +61,15 @@ protected:
     void SetUp() override
     {
         const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-        const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
-        folder_ = std::filesystem::current_path() / "scratch" /
-                  (program + "." + info->test_suite_name() + "." + std::string(info->name()).substr(0, 80));
+        const std::string program = test_system::program().filename().string();
+        folder_ = test_system::scratchFolder(program + "." + info->test_suite_name() + "." +
+                                             std::string(info->name()).substr(0, 80));
         std::filesystem::remove_all(folder_);
-        logFolder_ = folder_ / "Brenmoor" / program.substr(0, program.find('.'));
+        logFolder_ = folder_ / "Brenmoor" / test_system::loggedProgramName();
         std::filesystem::create_directories(logFolder_);
+        logLevel_ = std::make_unique<test_system::LogLevel>(folder_);
         setLogLevel("3");
-        setenv("VELKOR_CONFIG", configuration().c_str(), 1);
-        setenv("TMPDIR", folder_.c_str(), 1);
+        test_system::setTemporaryFolder(folder_);
         setDeviceOperations(device_);
     }
 
@@ -100,12 +100,7 @@ protected:
         C_Finalize(nullptr);
     }
 
-    void setLogLevel(const std::string& value) const
-    {
-        std::ofstream(configuration()) << "logLevel = " << value << "\n";
-    }
-
-    std::string configuration() const { return folder_ / "velkor.conf"; }
+    void setLogLevel(const std::string& value) const { logLevel_->set(value); }
 
     /// Every line of the log so far, without its time.
     std::vector<std::string> wholeLog() const
@@ -168,6 +163,7 @@ protected:
 
     std::filesystem::path folder_;
     std::filesystem::path logFolder_;
+    std::unique_ptr<test_system::LogLevel> logLevel_;
     std::shared_ptr<testing::NiceMock<MockDevice>> device_ = std::make_shared<testing::NiceMock<MockDevice>>();
 };
 

@@ -68,7 +68,7 @@ protected:
         ObjectTest::SetUp();
     }
 
-    virtual void setHome() const { setenv("VELKOR_HOME", HOME.c_str(), 1); }
+    virtual void setHome() const { test_system::setEnvironment("VELKOR_HOME", HOME); }
 
     Answer createWithEntryLines(const Template& entries)
     {
@@ -497,12 +497,12 @@ protected:
     void setHome() const override
     {
         if (GetParam().value != nullptr)
-            setenv("VELKOR_HOME", GetParam().value, 1);
+            test_system::setEnvironment("VELKOR_HOME", GetParam().value);
         else
-            unsetenv("VELKOR_HOME");
+            test_system::removeEnvironment("VELKOR_HOME");
     }
 
-    static std::string programFolder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path(); }
+    static std::string programFolder() { return test_system::program().parent_path().string(); }
 };
 
 INSTANTIATE_TEST_SUITE_P(Values, HomeTest,

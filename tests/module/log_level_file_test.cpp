@@ -1,0 +1,41 @@
+// The configuration file that stands in for the registry where there is none.
+#include <fstream>
+
+#include "log_fixture.h"
+
+namespace
+{
+
+class UnreadableLevelTest : public LogLinesTest, public testing::WithParamInterface<const char*>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Values, UnreadableLevelTest,
+                         testing::Values("", "three", "3 4", "-1", "4294967296", "\"3",
+                                         "\"a text that is longer than the 31 bytes of room\""));
+
+TEST_P(UnreadableLevelTest, CountsAsAbsent)
+{
+    EXPECT_EQ(linesAt(GetParam()), std::vector{ERROR_LINE});
+}
+
+TEST_F(LogLinesTest, AnotherValueCountsAsAbsent)
+{
+    std::ofstream(folder_ / "velkor.conf") << "# nothing here\nlogLevels = 3\n";
+    writeBothKinds();
+    EXPECT_EQ(wholeLog(), std::vector{ERROR_LINE});
+}
+
+TEST_F(LogLinesTest, MissingFileCountsAsAbsent)
+{
+    std::filesystem::remove(folder_ / "velkor.conf");
+    writeBothKinds();
+    EXPECT_EQ(wholeLog(), std::vector{ERROR_LINE});
+}
+
+TEST_F(LogLinesTest, CommentBehindTheValueIsNoPartOfIt)
+{
+    EXPECT_EQ(linesAt("3 # trace"), (std::vector{DEBUG_LINE, ERROR_LINE}));
+}
+
+} // namespace

@@ -1,0 +1,79 @@
+// The registry value in each of its types: only the first byte of its data counts.
+#include <cstdint>
+
+#include "log_fixture.h"
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+namespace
+{
+
+class RegistryValueTest : public LogLinesTest
+{
+protected:
+    /// The lines that a value of these bytes lets through.
+    std::vector<std::string> linesOf(DWORD type, const std::string& bytes) const
+    {
+        EXPECT_EQ(RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Brenmoor\\Velkor", "logLevel", type, bytes.data(),
+                                  static_cast<DWORD>(bytes.size())),
+                  ERROR_SUCCESS);
+        writeBothKinds();
+        return wholeLog();
+    }
+};
+
+const std::vector<std::string> ERRORS = {ERROR_LINE};
+const std::vector<std::string> ALL = {DEBUG_LINE, ERROR_LINE};
+
+TEST_F(RegistryValueTest, MayBeANumber)
+{
+    EXPECT_EQ(linesOf(REG_DWORD, {3, 0, 0, 0}), ALL);
+}
+
+TEST_F(RegistryValueTest, MayBeALongNumber)
+{
+    EXPECT_EQ(linesOf(REG_QWORD, {3, 0, 0, 0, 0, 0, 0, 1}), ALL);
+}
+
+TEST_F(RegistryValueTest, MayBeBytes)
+{
+    EXPECT_EQ(linesOf(REG_BINARY, {3}), ALL);
+    EXPECT_EQ(linesOf(REG_BINARY, {0, 3}), ALL);
+}
+
+TEST_F(RegistryValueTest, OfATextCountsAsItsFirstCharacter)
+{
+    EXPECT_EQ(linesOf(REG_SZ, "3"), ERRORS);
+}
+
+TEST_F(RegistryValueTest, MayBeATextWithVariablesOrSeveralTexts)
+{
+    EXPECT_EQ(linesOf(REG_EXPAND_SZ, std::string("3%PATHS%\0", 9)), ERRORS);
+    EXPECT_EQ(linesOf(REG_MULTI_SZ, std::string("\3\0\0", 3)), (std::vector{ERROR_LINE, DEBUG_LINE, ERROR_LINE}));
+}
+
+TEST_F(RegistryValueTest, FitsWith32Bytes)
+{
+    EXPECT_EQ(linesOf(REG_BINARY, std::string(32, '\0')), std::vector<std::string>());
+}
+
+TEST_F(RegistryValueTest, ThatDoesNotFitCountsAsAbsent)
+{
+    EXPECT_EQ(linesOf(REG_BINARY, std::string(33, '\0')), ERRORS);
+    EXPECT_EQ(linesOf(REG_SZ, std::string(40, '\3')), (std::vector{ERROR_LINE, ERROR_LINE}));
+}
+
+TEST_F(RegistryValueTest, OfAUserDoesNotCount)
+{
+    logLevel_->remove();
+    const DWORD level = 0;
+    ASSERT_EQ(
+        RegSetKeyValueA(HKEY_CURRENT_USER, "Software\\Brenmoor\\Velkor", "logLevel", REG_DWORD, &level, sizeof level),
+        ERROR_SUCCESS);
+    writeBothKinds();
+    RegDeleteKeyValueA(HKEY_CURRENT_USER, "Software\\Brenmoor\\Velkor", "logLevel");
+    EXPECT_EQ(wholeLog(), ERRORS);
+}
+
+} // namespace

@@ -1,0 +1,150 @@
+#include "test_system.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+
+#include "imported_function.h"
+// Behind windows.h, which it needs.
+#include <process.h>
+#include <psapi.h>
+
+namespace test_system
+{
+namespace
+{
+
+constexpr const char* MACHINE_KEY = "Software\\Brenmoor\\Velkor";
+
+void require(bool condition, const char* what)
+{
+    if (!condition)
+        throw std::runtime_error(what);
+}
+
+HKEY createKey(HKEY parent, const std::string& path, DWORD options)
+{
+    HKEY key = nullptr;
+    require(RegCreateKeyExA(parent, path.c_str(), 0, nullptr, options, KEY_ALL_ACCESS, nullptr, &key, nullptr) ==
+                ERROR_SUCCESS,
+            "a key of the registry");
+    return key;
+}
+
+/// What this process finds under HKEY_LOCAL_MACHINE becomes a fresh key that is gone when the user logs off.
+void useOwnRegistry()
+{
+    const std::string path = "Software\\VelkorModuleTests\\" + std::to_string(GetCurrentProcessId());
+    RegDeleteTreeA(HKEY_CURRENT_USER, path.c_str());
+    const HKEY key = createKey(HKEY_CURRENT_USER, path, REG_OPTION_VOLATILE);
+    require(RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) == ERROR_SUCCESS, "a registry of the process");
+    RegCloseKey(key);
+    RegCloseKey(createKey(HKEY_LOCAL_MACHINE, MACHINE_KEY, REG_OPTION_VOLATILE)); // As whatever lies below the first.
+}
+
+void setValue(DWORD type, const void* data, std::size_t size)
+{
+    require(RegSetKeyValueA(HKEY_LOCAL_MACHINE, MACHINE_KEY, "logLevel", type, data, static_cast<DWORD>(size)) ==
+                ERROR_SUCCESS,
+            "logLevel");
+}
+
+std::optional<std::uint32_t> number(const std::string& value)
+{
+    std::uint32_t result = 0;
+    const char* last = value.data() + value.size();
+    const auto [end, error] = std::from_chars(value.data(), last, result);
+    return error == std::errc() && end == last && !value.empty() ? std::optional(result) : std::nullopt;
+}
+
+using ThreadStart = decltype(&_beginthreadex);
+
+} // namespace
+
+std::filesystem::path program()
+{
+    std::array<wchar_t, 1024> path{};
+    GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    return path.data();
+}
+
+void setEnvironment(const char* name, const std::string& value)
+{
+    SetEnvironmentVariableA(name, value.c_str());
+}
+
+void removeEnvironment(const char* name)
+{
+    SetEnvironmentVariableA(name, nullptr);
+}
+
+std::filesystem::path scratchFolder(const std::string& testName)
+{
+    return std::filesystem::current_path() / "scratch" / std::to_string(std::hash<std::string>()(testName));
+}
+
+void setTemporaryFolder(const std::filesystem::path& folder)
+{
+    setEnvironment("TMP", folder.string());
+}
+
+std::string loggedProgramName()
+{
+    std::array<char, 1024> text{};
+    K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, text.data(), static_cast<DWORD>(text.size()));
+    const std::string name = text.data();
+    return name.substr(0, name.find('.'));
+}
+
+LogLevel::LogLevel(const std::filesystem::path& /*folder*/)
+{
+    useOwnRegistry();
+}
+
+void LogLevel::set(const std::string& value) const
+{
+    if (const auto level = number(value))
+        setValue(REG_DWORD, &*level, sizeof *level);
+    else if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"'))
+        setValue(REG_SZ, (value.substr(1, value.size() - 2)).c_str(), value.size() - 1);
+    else
+        remove();
+}
+
+void LogLevel::remove() const
+{
+    RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, MACHINE_KEY, "logLevel");
+}
+
+void useMachineWideRegistry()
+{
+    require(RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr) == ERROR_SUCCESS, "the machine's registry");
+}
+
+void* moduleSymbol(const std::filesystem::path& file, const char* name)
+{
+    const HMODULE module = GetModuleHandleW(file.filename().c_str());
+    require(module != nullptr, "the module is not loaded");
+    return reinterpret_cast<void*>(GetProcAddress(module, name));
+}
+
+void withoutNewThreads(const std::function<void()>& work)
+{
+    const ThreadStart failing = [](void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*) -> uintptr_t {
+        errno = EAGAIN;
+        return 0;
+    };
+    require(replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(failing)) != 0, "the start of threads");
+    work();
+    replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(&_beginthreadex));
+}
+
+bool setTimeZone(const char* /*zone*/)
+{
+    return false;
+}
+
+} // namespace test_system
