@@ -133,6 +133,8 @@ TEST_F(LogLinesTest, DayIsTheLocalOne)
 
 TEST_F(LogLinesTest, LinesOfSeveralThreadsStayWhole)
 {
+    if (!test_system::appendingIsOneStep())
+        GTEST_SKIP() << "the system's C runtime seeks the end of a file, then writes there";
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([] {

@@ -47,6 +47,9 @@ void* moduleSymbol(const std::filesystem::path& file, const char* name);
 /// Does `work` while no thread can be created.
 void withoutNewThreads(const std::function<void()>& work);
 
+/// Whether what several threads append to a file at once comes out whole. Where not, that needs a lock of the host.
+bool appendingIsOneStep();
+
 /// Sets the time zone of this process. False where a process has none of its own.
 bool setTimeZone(const char* zone);
 

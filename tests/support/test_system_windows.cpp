@@ -142,6 +142,11 @@ void withoutNewThreads(const std::function<void()>& work)
     replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(&_beginthreadex));
 }
 
+bool appendingIsOneStep()
+{
+    return false;
+}
+
 bool setTimeZone(const char* /*zone*/)
 {
     return false;

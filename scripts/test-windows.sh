@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Cross-compiles the module for Windows on x86-64 and ARM64 and runs its tests as Windows programs under Wine.
+# The last line counts what passed, failed and was skipped; the exit code is 0 when nothing failed.
+#   scripts/test-windows.sh [x64] [arm64]      both when none is named
+set -uo pipefail
+cd "$(dirname "$0")/.." || exit 1
+scripts/setup-windows.sh || exit 1
+
+passed=0
+failed=0
+skipped=0
+summary=()
+
+fail() {
+    failed=$((failed + 1))
+    echo "FAILED: $1"
+}
+
+build() {
+    cmake --preset "$1" >"build/$1.configure.log" 2>&1 || { cat "build/$1.configure.log"; return 1; }
+    cmake --build --preset "$1" -j 2 >"build/$1.build.log" 2>&1 || { cat "build/$1.build.log"; return 1; }
+}
+
+count() { grep -c "$1" "$2" 2>/dev/null || true; }
+
+# run_tests PRESET NAME: adds the tests of one build, each of which is reported by itself.
+run_tests() {
+    local report=build/$1.tests.xml status=0 tests good left
+    rm -f "$report"
+    ctest --preset "$1" --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || status=$?
+    [ "$status" -eq 0 ] || cat "build/$1.tests.log"
+    tests=$(count '<testcase ' "$report") good=$(count '<testcase .*status="run"' "$report")
+    left=$(count '<skipped message="SKIP_REGULAR_EXPRESSION_MATCHED"' "$report")
+    # A run that failed, or ran nothing, never counts as good; what did not run for no reason of its own failed.
+    if [ "${tests:-0}" -eq 0 ] || { [ "$status" -ne 0 ] && [ $((tests - good - left)) -eq 0 ]; }; then
+        fail "tests of $1"
+        return
+    fi
+    [ "$left" -eq 0 ] || { echo "skipped on $2:"; skip_reasons "$report"; }
+    passed=$((passed + good)) skipped=$((skipped + left)) failed=$((failed + tests - good - left))
+    summary+=("$2: $good tests passed, $((tests - good - left)) failed, $left skipped")
+}
+
+# Name and reason of each skipped test.
+skip_reasons() {
+    sed -n -e 's/.*<testcase name="\([^"]*\)".*status="notrun".*/\1/p' -e '/: Skipped$/{n;s/^/    /p}' "$1"
+}
+
+test_architecture() { # ARCHITECTURE NAME
+    local preset=windows-$1
+    echo "building $preset"
+    SECONDS=0
+    build "$preset" || { fail "build $preset"; return; }
+    echo "testing $preset (built in $SECONDS s)"
+    SECONDS=0
+    scripts/wine.sh "$1" --start || { fail "Wine for $1"; return; }
+    run_tests "$preset" "$2"
+    scripts/wine.sh "$1" --stop
+    echo "tested $preset in $SECONDS s"
+}
+
+mkdir -p build
+[ $# -ne 0 ] || set -- x64 arm64
+for architecture; do
+    case $architecture in
+    x64) test_architecture x64 "x86-64 Wine" ;;
+    arm64) test_architecture arm64 "ARM64 Wine, emulated" ;;
+    *) fail "there is no architecture '$architecture'" ;;
+    esac
+done
+
+[ ${#summary[@]} -eq 0 ] || printf '%s\n' "${summary[@]}"
+echo "windows: $passed passed, $failed failed, $skipped skipped"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,157 @@
+// A host on Windows: loads the module from another folder in one of the ways that hosts do, walks the function table
+// and signs with a key of the device library. Ends with 0 when everything was as the way promises.
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
+
+#include "cryptoki.h"
+
+namespace
+{
+
+#define REQUIRE(condition)                                                                                             \
+    if (!(condition)) {                                                                                                \
+        std::fprintf(stderr, "line %d: %s (error %lu)\n", __LINE__, #condition, GetLastError());                       \
+        std::_Exit(1);                                                                                                 \
+    }
+
+constexpr CK_OBJECT_HANDLE FIRST_PRIVATE_KEY = 0x70000001;
+
+/// The folder beside this program's own, in which the module and the device library lie.
+std::string moduleFolder()
+{
+    std::array<char, MAX_PATH> program{};
+    REQUIRE(GetModuleFileNameA(nullptr, program.data(), MAX_PATH) != 0);
+    std::string folder = program.data();
+    folder.resize(folder.rfind('\\'));
+    return folder.substr(0, folder.rfind('\\')) + "\\module";
+}
+
+std::string modulePath()
+{
+    return moduleFolder() + "\\velkor-pkcs11.dll";
+}
+
+/// Every slot of the table is the export of that name.
+CK_FUNCTION_LIST_PTR functionTable(HMODULE module)
+{
+    const auto getFunctionList =
+        reinterpret_cast<CK_C_GetFunctionList>(reinterpret_cast<void*>(GetProcAddress(module, "C_GetFunctionList")));
+    REQUIRE(getFunctionList != nullptr);
+    CK_FUNCTION_LIST_PTR functions = nullptr;
+    REQUIRE(getFunctionList(&functions) == CKR_OK);
+#define EXPORT(name)                                                                                                   \
+    REQUIRE(functions->name != nullptr);                                                                               \
+    REQUIRE(reinterpret_cast<void*>(functions->name) == reinterpret_cast<void*>(GetProcAddress(module, #name)));
+#include "frame/exports.inc"
+    return functions;
+}
+
+/// From the start to the end of a session with a login, a signature and its verification.
+void sign(CK_FUNCTION_LIST_PTR functions)
+{
+    REQUIRE(functions->C_Initialize(nullptr) == CKR_OK);
+    std::array<CK_SLOT_ID, 8> slots{};
+    CK_ULONG slotCount = slots.size();
+    REQUIRE(functions->C_GetSlotList(CK_TRUE, slots.data(), &slotCount) == CKR_OK && slotCount == 2);
+    CK_SESSION_HANDLE session = 0;
+    REQUIRE(functions->C_OpenSession(slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session) ==
+            CKR_OK);
+    CK_UTF8CHAR pin[] = {'1', '2', '3', '4'};
+    REQUIRE(functions->C_Login(session, CKU_USER, pin, sizeof pin) == CKR_OK);
+
+    CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
+    CK_ATTRIBUTE wanted = {CKA_CLASS, &privateKey, sizeof privateKey};
+    std::array<CK_OBJECT_HANDLE, 16> keys{};
+    CK_ULONG keyCount = 0;
+    REQUIRE(functions->C_FindObjectsInit(session, &wanted, 1) == CKR_OK);
+    REQUIRE(functions->C_FindObjects(session, keys.data(), keys.size(), &keyCount) == CKR_OK && keyCount != 0);
+    REQUIRE(functions->C_FindObjectsFinal(session) == CKR_OK);
+
+    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+    CK_BYTE data[] = {'d', 'a', 't', 'a'};
+    std::array<CK_BYTE, 512> signature{};
+    CK_ULONG length = signature.size();
+    CK_OBJECT_HANDLE signingKey = 0;
+    for (CK_ULONG index = 0; index < keyCount && signingKey == 0; ++index) {
+        if (functions->C_SignInit(session, &mechanism, keys[index]) == CKR_OK)
+            signingKey = keys[index];
+    }
+    REQUIRE(signingKey >= FIRST_PRIVATE_KEY);
+    REQUIRE(functions->C_Sign(session, data, sizeof data, signature.data(), &length) == CKR_OK && length == 256);
+    REQUIRE(functions->C_VerifyInit(session, &mechanism, signingKey + 0x1000) == CKR_OK);
+    REQUIRE(functions->C_Verify(session, data, sizeof data, signature.data(), length) == CKR_OK);
+    data[0] ^= 1;
+    REQUIRE(functions->C_VerifyInit(session, &mechanism, signingKey + 0x1000) == CKR_OK);
+    REQUIRE(functions->C_Verify(session, data, sizeof data, signature.data(), length) == CKR_SIGNATURE_INVALID);
+    REQUIRE(functions->C_Logout(session) == CKR_OK);
+    REQUIRE(functions->C_CloseSession(session) == CKR_OK);
+}
+
+void use(HMODULE module)
+{
+    REQUIRE(module != nullptr);
+    const CK_FUNCTION_LIST_PTR functions = functionTable(module);
+    sign(functions);
+    REQUIRE(functions->C_Finalize(nullptr) == CKR_OK);
+    REQUIRE(FreeLibrary(module));
+}
+
+void loadWithAlteredSearchPath()
+{
+    use(LoadLibraryExA(modulePath().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+}
+
+void loadWithTheFolderOnTheSearchPath()
+{
+    SetEnvironmentVariableA("PATH", moduleFolder().c_str());
+    use(LoadLibraryA(modulePath().c_str()));
+}
+
+void loadWithTheDllFolderSet()
+{
+    REQUIRE(SetDllDirectoryA(moduleFolder().c_str()));
+    use(LoadLibraryA("velkor-pkcs11.dll"));
+}
+
+/// The way that does not work: the device library's folder is none that is searched.
+void loadByFullPathAlone()
+{
+    REQUIRE(LoadLibraryA(modulePath().c_str()) == nullptr);
+    REQUIRE(GetLastError() == ERROR_MOD_NOT_FOUND);
+}
+
+/// The end of a process with the monitor still running.
+void exitWithoutFinalize()
+{
+    const HMODULE module = LoadLibraryExA(modulePath().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    REQUIRE(module != nullptr);
+    sign(functionTable(module));
+}
+
+const std::map<std::string, std::function<void()>> ways = {
+    {"altered-search-path", loadWithAlteredSearchPath},
+    {"search-path", loadWithTheFolderOnTheSearchPath},
+    {"dll-folder", loadWithTheDllFolderSet},
+    {"full-path-alone", loadByFullPathAlone},
+    {"exit-without-finalize", exitWithoutFinalize},
+};
+
+} // namespace
+
+int main(int argumentCount, char** arguments)
+{
+    REQUIRE(argumentCount == 2);
+    const auto way = ways.find(arguments[1]);
+    REQUIRE(way != ways.end());
+    way->second();
+    return 0;
+}
