@@ -4,11 +4,14 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 
 #include "imported_function.h"
 // Behind windows.h, which it needs.
+#include <io.h>
 #include <process.h>
 #include <psapi.h>
 
@@ -60,6 +63,40 @@ std::optional<std::uint32_t> number(const std::string& value)
     return error == std::errc() && end == last && !value.empty() ? std::optional(result) : std::nullopt;
 }
 
+/// One of the functions by which the C++ runtime brings text into a file, called by one thread at a time.
+template <typename Function>
+struct OneAtATime;
+
+std::mutex fileLock;
+
+template <typename Result, typename... Parameters>
+struct OneAtATime<Result(Parameters...)> {
+    static inline Result (*original)(Parameters...) = nullptr;
+
+    static Result call(Parameters... parameters)
+    {
+        const std::scoped_lock lock(fileLock);
+        return original(parameters...);
+    }
+
+    static void replace(const char* name)
+    {
+        void** address = importedFunction(GetModuleHandleA(nullptr), name);
+        if (address == nullptr || original != nullptr)
+            return;
+        original = reinterpret_cast<Result (*)(Parameters...)>(*address);
+        replaceImportedFunction(name, reinterpret_cast<void*>(&call));
+    }
+};
+
+/// The C runtime appends by a seek and a write, between which the monitor's line can come. Tests read whole lines.
+void keepLinesWhole()
+{
+    OneAtATime<decltype(_write)>::replace("_write");
+    OneAtATime<decltype(std::fflush)>::replace("fflush");
+    OneAtATime<decltype(std::fclose)>::replace("fclose");
+}
+
 using ThreadStart = decltype(&_beginthreadex);
 
 } // namespace
@@ -101,6 +138,7 @@ std::string loggedProgramName()
 
 LogLevel::LogLevel(const std::filesystem::path& /*folder*/)
 {
+    keepLinesWhole();
     useOwnRegistry();
 }
 
