@@ -86,7 +86,8 @@ void sign(CK_FUNCTION_LIST_PTR functions)
             signingKey = keys[index];
     }
     REQUIRE(signingKey >= FIRST_PRIVATE_KEY);
-    REQUIRE(functions->C_Sign(session, data, sizeof data, signature.data(), &length) == CKR_OK && length == 256);
+    REQUIRE(functions->C_Sign(session, data, sizeof data, signature.data(), &length) == CKR_OK);
+    REQUIRE(length > 2 && signature[0] == 's'); // As the double signs.
     REQUIRE(functions->C_VerifyInit(session, &mechanism, signingKey + 0x1000) == CKR_OK);
     REQUIRE(functions->C_Verify(session, data, sizeof data, signature.data(), length) == CKR_OK);
     data[0] ^= 1;

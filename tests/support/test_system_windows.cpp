@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -67,7 +68,7 @@ std::optional<std::uint32_t> number(const std::string& value)
 template <typename Function>
 struct OneAtATime;
 
-std::mutex fileLock;
+std::timed_mutex fileLock;
 
 template <typename Result, typename... Parameters>
 struct OneAtATime<Result(Parameters...)> {
@@ -75,7 +76,8 @@ struct OneAtATime<Result(Parameters...)> {
 
     static Result call(Parameters... parameters)
     {
-        const std::scoped_lock lock(fileLock);
+        // The end of the process may have stopped a thread inside: nobody waits for that one for ever.
+        const std::unique_lock lock(fileLock, std::chrono::seconds(1));
         return original(parameters...);
     }
 
@@ -92,6 +94,7 @@ struct OneAtATime<Result(Parameters...)> {
 /// The C runtime appends by a seek and a write, between which the monitor's line can come. Tests read whole lines.
 void keepLinesWhole()
 {
+    // By `_write` with one C++ runtime, by the two others with the other.
     OneAtATime<decltype(_write)>::replace("_write");
     OneAtATime<decltype(std::fflush)>::replace("fflush");
     OneAtATime<decltype(std::fclose)>::replace("fclose");
