@@ -125,7 +125,7 @@ protected:
         return lines;
     }
 
-    long timesLogged(const std::string& line) const
+    std::ptrdiff_t timesLogged(const std::string& line) const
     {
         const std::vector<std::string> lines = wholeLog();
         return std::count(lines.begin(), lines.end(), line);
