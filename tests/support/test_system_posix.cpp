@@ -71,8 +71,8 @@ void useMachineWideRegistry() {}
 
 void* moduleSymbol(const std::filesystem::path& file, const char* name)
 {
-    void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    require(module != nullptr, "the module is not loaded");
+    void* module = dlopen(file.c_str(), RTLD_NOW); // A program that calls nothing of it is not linked with it.
+    require(module != nullptr, "the module cannot be loaded");
     return dlsym(module, name);
 }
 
