@@ -33,5 +33,10 @@ case ${1:-} in
     "$wine/wine64" wineboot </dev/null >/dev/null 2>&1
     ;;
 --stop) "$wine/wineserver64" -k || true ;;
-*) exec "$wine/wine64" "$@" ;;
+*)
+    # By its Windows path: the emulated Wine cannot tell the one of a file that it is given by ours.
+    program=$(realpath "$1")
+    shift
+    exec "$wine/wine64" "Z:${program//\//\\}" "$@"
+    ;;
 esac

@@ -123,7 +123,8 @@ void removeEnvironment(const char* name)
 
 std::filesystem::path scratchFolder(const std::string& testName)
 {
-    return std::filesystem::current_path() / "scratch" / std::to_string(std::hash<std::string>()(testName));
+    // Not the working folder, whose path the emulated Wine does not know.
+    return program().parent_path() / "scratch" / std::to_string(std::hash<std::string>()(testName));
 }
 
 void setTemporaryFolder(const std::filesystem::path& folder)

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_platform.h"
+#include "test_system.h"
 
 namespace
 {
@@ -42,7 +43,7 @@ protected:
     }
 
     std::filesystem::path folder_ =
-        std::filesystem::current_path() / "scratch" / testing::UnitTest::GetInstance()->current_test_info()->name();
+        test_system::scratchFolder(testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
 TEST_F(LogTest, LineIsTimeTagAndText)
