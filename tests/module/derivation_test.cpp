@@ -1,4 +1,6 @@
 // C_DeriveKey, and the keys that it makes as C_GetAttributeValue shows them.
+#include <limits>
+
 #include "cipher_fixture.h"
 #include "watched_memory.h"
 
@@ -133,6 +135,15 @@ TEST_F(DerivationTest, TheDeviceGetsKeyPasswordAndPeer)
             login();
         mustDerive();
     }
+}
+
+TEST_F(DerivationTest, AnEnormousPeerReachesTheDeviceWhenNothingIsLogged)
+{
+    setLogLevel("2");
+    parameter_.ulPublicDataLen = 0x80000000;
+    EXPECT_CALL(*device_, velkor_ecdhDerive(_, _, _, peer_.data(), std::numeric_limits<int>::min(), _, _, &instance_))
+        .WillOnce(Return(1));
+    EXPECT_EQ(derive(), (Answer{CKR_FUNCTION_FAILED, {"ERROR C_DeriveKey: velkor_ecdhDerive failed:1 len=0"}}));
 }
 
 TEST_F(DerivationTest, TheKeyIsLookedUpOnTheSessionsDevice)

@@ -31,6 +31,16 @@ protected:
             .keyKind = KEY_KIND_EC_P256, .hash = hash, .publicKey = storedPublicKey(EC_KEY), .signature = SIGNATURE};
     }
 
+    /// A verification whose data reaches the device's hash in one piece.
+    void startHashedVerification(const CK_BYTE* data, int count)
+    {
+        startVerification(CKM_ECDSA_SHA256, EC_KEY);
+        expectInitHash(3);
+        expectUpdateHash(data, count);
+        expectFinalHash(HASH_ROOM, digestOf(3));
+        expectVerifySignatureHash(ecRequest(digestOf(3)));
+    }
+
     static Answer initRefused(CK_RV code, const std::string& text) { return refusal(code, "C_VerifyInit", text); }
 
     /// Single-part verification with a key, the public key that the device is to be given, and how the log tells it.
@@ -574,11 +584,7 @@ TEST_F(VerificationTest, DataToBeHashedBeyondTheDevicesCountIsPassedAsANegativeO
 {
     CK_BYTE byte = 1;
     for (const LargeLength& each : largeLengths()) {
-        startVerification(CKM_ECDSA_SHA256, EC_KEY);
-        expectInitHash(3);
-        expectUpdateHash(&byte, each.count);
-        expectFinalHash(HASH_ROOM, digestOf(3));
-        expectVerifySignatureHash(ecRequest(digestOf(3)));
+        startHashedVerification(&byte, each.count);
         EXPECT_EQ(answer(C_Verify, hSession_, &byte, each.length, pointerTo(SIGNATURE), sizeOf(SIGNATURE)), AS_IS);
     }
 }
@@ -587,11 +593,7 @@ TEST_F(VerificationTest, PartsBeyondTheDevicesCountArePassedAsNegativeOnes)
 {
     CK_BYTE byte = 1;
     for (const LargeLength& each : largeLengths()) {
-        startVerification(CKM_ECDSA_SHA256, EC_KEY);
-        expectInitHash(3);
-        expectUpdateHash(&byte, each.count);
-        expectFinalHash(HASH_ROOM, digestOf(3));
-        expectVerifySignatureHash(ecRequest(digestOf(3)));
+        startHashedVerification(&byte, each.count);
         EXPECT_EQ(answer(C_VerifyUpdate, hSession_, &byte, each.length), UPDATED);
         EXPECT_EQ(finish(SIGNATURE), VERIFIED);
     }
