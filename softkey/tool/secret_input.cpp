@@ -8,6 +8,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/signalfd.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -18,9 +20,8 @@ namespace
 
 constexpr std::size_t LINE_MAX_SIZE = 256; // Longer than any PIN.
 
-volatile std::sig_atomic_t caughtSignal = 0;
-
-/// The controlling terminal with echo off. A signal ends the reading, so that the echo is always restored first.
+/// The controlling terminal with echo off. Signals that would end the program wait until the echo is back, so that
+/// none of them leaves the terminal silent; the first of them ends the reading.
 class QuietTerminal
 {
 public:
@@ -28,10 +29,12 @@ public:
     {
         if (descriptor_ < 0 || tcgetattr(descriptor_, &before_) != 0)
             throw Refusal(SoftkeyStatus::PinRequired, "there is no terminal to ask on");
-        struct sigaction action = {};
-        action.sa_handler = [](int signal) { caughtSignal = signal; };
-        for (std::size_t i = 0; i < SIGNALS.size(); ++i)
-            sigaction(SIGNALS[i], &action, &previousActions_[i]);
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            sigaddset(&ending, signal);
+        pthread_sigmask(SIG_BLOCK, &ending, &previousMask_);
+        signals_ = signalfd(-1, &ending, SFD_CLOEXEC);
         termios quiet = before_;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(descriptor_, TCSAFLUSH, &quiet);
@@ -40,37 +43,46 @@ public:
     {
         tcsetattr(descriptor_, TCSAFLUSH, &before_);
         close(descriptor_);
-        for (std::size_t i = 0; i < SIGNALS.size(); ++i)
-            sigaction(SIGNALS[i], &previousActions_[i], nullptr);
-        if (caughtSignal != 0)
-            std::raise(caughtSignal);
+        close(signals_);
+        pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
     }
     QuietTerminal(const QuietTerminal&) = delete;
     QuietTerminal& operator=(const QuietTerminal&) = delete;
 
-    int descriptor() const { return descriptor_; }
     void say(std::string_view text) const
     {
         [[maybe_unused]] const auto n = write(descriptor_, text.data(), text.size());
     }
+    int descriptor() const { return descriptor_; }
+    /// Waits until input, or its end, can be read. Throws `Refusal` when a signal came.
+    void awaitInput() const
+    {
+        std::array<pollfd, 2> awaited{{{descriptor_, POLLIN, 0}, {signals_, POLLIN, 0}}};
+        while (poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
+        }
+        if (awaited[1].revents != 0)
+            throw Refusal(SoftkeyStatus::PinRequired, "interrupted");
+    }
 
 private:
-    static constexpr std::array<int, 4> SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     int descriptor_;
+    int signals_ = -1;
     termios before_{};
-    std::array<struct sigaction, SIGNALS.size()> previousActions_{};
+    sigset_t previousMask_{};
 };
 
 /// Up to the end of the line, byte by byte: what follows belongs to the next PIN.
-Pin readLine(int descriptor)
+Pin readLine(int descriptor, const QuietTerminal* terminal = nullptr)
 {
     SecretBytes line(LINE_MAX_SIZE);
     std::size_t size = 0;
     for (;;) {
+        if (terminal != nullptr)
+            terminal->awaitInput();
         unsigned char byte = 0;
         const ssize_t count = ::read(descriptor, &byte, 1);
         if (count < 0)
-            throw Refusal(SoftkeyStatus::PinRequired, errno == EINTR ? "interrupted" : "the PIN cannot be read");
+            throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
         if (count == 0 || byte == '\n')
             break;
         if (byte == '\0') // The library takes PINs as texts that end with it.
@@ -117,7 +129,7 @@ Pin PinSource::readOnce(const std::string& prompt) const
         return readLine(descriptor_);
     const QuietTerminal terminal;
     terminal.say(prompt + ": ");
-    Pin pin = readLine(terminal.descriptor());
+    Pin pin = readLine(terminal.descriptor(), &terminal);
     terminal.say("\n");
     return pin;
 }
