@@ -238,7 +238,7 @@ bool DefaultDevice::velkor_changeUserPassword(const char* deviceId, const char* 
 std::vector<VelkorKeyPair>& DefaultDevice::velkor_getKeyPairList(const char* deviceId, void* /*libraryInstance*/)
 {
     const std::scoped_lock lock(lock_);
-    thread_local std::vector<VelkorKeyPair> list;
+    std::vector<VelkorKeyPair>& list = keyPairLists_[std::this_thread::get_id()];
     const DeviceRecords* device = find(deviceId);
     list = device != nullptr ? device->keyPairs : std::vector<VelkorKeyPair>();
     return list;
@@ -248,7 +248,7 @@ std::vector<VelkorCertificate>& DefaultDevice::velkor_getCertificateList(const c
                                                                          void* /*libraryInstance*/)
 {
     const std::scoped_lock lock(lock_);
-    thread_local std::vector<VelkorCertificate> list;
+    std::vector<VelkorCertificate>& list = certificateLists_[std::this_thread::get_id()];
     const DeviceRecords* device = find(deviceId);
     list = device != nullptr ? device->certificates : std::vector<VelkorCertificate>();
     return list;

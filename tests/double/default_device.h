@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "device_operations.h"
@@ -107,5 +108,8 @@ private:
     std::mutex lock_;
     std::map<std::string, CertificateDetails> details_; ///< By DER.
     std::vector<std::unique_ptr<HashContext>> hashContexts_;
+    /// Each thread's own, until its next call.
+    std::map<std::thread::id, std::vector<VelkorKeyPair>> keyPairLists_;
+    std::map<std::thread::id, std::vector<VelkorCertificate>> certificateLists_;
     std::vector<std::string> connected_{FIRST_DEVICE, SECOND_DEVICE};
 };

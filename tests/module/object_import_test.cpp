@@ -524,7 +524,8 @@ TEST_P(HomeTest, HasTheFolderOfTheIssuersOrElseTheProgramsFolderHasIt)
     EXPECT_EQ(create(templateOf(der)), success(lines));
 }
 
-const std::string DEFAULT_FOLDERS[] = {"C:/Program Files (x86)/Brenmoor/Velkor", "C:/Program Files/Brenmoor/Velkor"};
+constexpr const char* DEFAULT_FOLDERS[] = {"C:/Program Files (x86)/Brenmoor/Velkor",
+                                           "C:/Program Files/Brenmoor/Velkor"};
 
 enum class Found { Nothing, Folder, File };
 
@@ -536,16 +537,17 @@ struct DefaultFolders {
     friend std::ostream& operator<<(std::ostream& out, const DefaultFolders& each) { return out << each.name; }
 };
 
-/// On this system the default folders are relative paths, so the test makes them in a current folder of its own.
+/// Makes the default folders, which on Windows are where they say, and elsewhere below a current folder of the test's.
 class DefaultFolderTest : public CertificateImportTest, public testing::WithParamInterface<DefaultFolders>
 {
 protected:
     /// Before the module starts: the folder and the environment are the whole process's.
     void setHome() const override
     {
-        unsetenv("VELKOR_HOME");
-        const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
-        const auto folder = std::filesystem::current_path() / "scratch" / (program + ".default." + GetParam().name);
+        test_system::removeEnvironment("VELKOR_HOME");
+        const std::string program = test_system::program().filename().string();
+        const auto folder =
+            std::filesystem::absolute(test_system::scratchFolder(program + ".default." + GetParam().name));
         std::filesystem::remove_all(folder);
         std::filesystem::create_directories(folder);
         std::filesystem::current_path(folder);
@@ -556,6 +558,11 @@ protected:
     void TearDown() override
     {
         CertificateImportTest::TearDown();
+        // Not what an installed product has there.
+        for (const char* folder : DEFAULT_FOLDERS) {
+            std::error_code notEmpty;
+            std::filesystem::remove(folder, notEmpty);
+        }
         std::filesystem::current_path(before_);
     }
 
@@ -583,8 +590,8 @@ INSTANTIATE_TEST_SUITE_P(Folders, DefaultFolderTest,
 TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolder)
 {
     const int used = GetParam().used;
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    const std::string folder = (used < 0 ? program : DEFAULT_FOLDERS[used]) + "\\VelkorDSC\\Certificates";
+    const std::string program = test_system::program().parent_path().string();
+    const std::string folder = (used < 0 ? program : std::string(DEFAULT_FOLDERS[used])) + "\\VelkorDSC\\Certificates";
     const Bytes der = certificate("Leaf", "Nobody");
     expectFolderRead(folder);
     expectImport(newRecord(der, "leaf"));
