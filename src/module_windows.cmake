@@ -22,4 +22,4 @@ set_source_files_properties(frame/unsupported.cpp PROPERTIES COMPILE_DEFINITIONS
 target_include_directories(velkor-pkcs11 PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE .)
 target_link_libraries(velkor-pkcs11 PRIVATE project_options device_interface
                       $<IF:$<BOOL:${VELKOR_DEVICE_LIBRARY}>,${VELKOR_DEVICE_LIBRARY},device_double>)
-install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -138,12 +138,40 @@ void exitWithoutFinalize()
     sign(functionTable(module));
 }
 
+/// A text of the version resource, which is language neutral and in Unicode.
+std::string versionText(std::vector<char>& resource, const std::string& name)
+{
+    void* text = nullptr;
+    UINT size = 0;
+    const std::string path = "\\StringFileInfo\\000004B0\\" + name;
+    REQUIRE(VerQueryValueA(resource.data(), path.c_str(), &text, &size));
+    return static_cast<const char*>(text);
+}
+
+/// What Windows shows of the file.
+void readVersion()
+{
+    DWORD unused = 0;
+    std::vector<char> resource(GetFileVersionInfoSizeA(modulePath().c_str(), &unused));
+    REQUIRE(!resource.empty());
+    REQUIRE(GetFileVersionInfoA(modulePath().c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()));
+    REQUIRE(versionText(resource, "CompanyName") == "Brenmoor");
+    REQUIRE(versionText(resource, "ProductName") == "Velkor PKCS11 Library");
+    REQUIRE(versionText(resource, "ProductVersion") == "3.6");
+    REQUIRE(versionText(resource, "FileVersion") == "3.6");
+    void* fixed = nullptr;
+    UINT size = 0;
+    REQUIRE(VerQueryValueA(resource.data(), "\\", &fixed, &size) && size == sizeof(VS_FIXEDFILEINFO));
+    REQUIRE(static_cast<VS_FIXEDFILEINFO*>(fixed)->dwProductVersionMS == MAKELONG(6, 3));
+}
+
 const std::map<std::string, std::function<void()>> ways = {
     {"altered-search-path", loadWithAlteredSearchPath},
     {"search-path", loadWithTheFolderOnTheSearchPath},
     {"dll-folder", loadWithTheDllFolderSet},
     {"full-path-alone", loadByFullPathAlone},
     {"exit-without-finalize", exitWithoutFinalize},
+    {"version", readVersion},
 };
 
 } // namespace

@@ -21,35 +21,35 @@ protected:
         writeBothKinds();
         return wholeLog();
     }
-};
 
-const std::vector<std::string> ERRORS = {ERROR_LINE};
-const std::vector<std::string> ALL = {DEBUG_LINE, ERROR_LINE};
+    const std::vector<std::string> errors_ = {ERROR_LINE};
+    const std::vector<std::string> all_ = {DEBUG_LINE, ERROR_LINE};
+};
 
 TEST_F(RegistryValueTest, MayBeANumber)
 {
-    EXPECT_EQ(linesOf(REG_DWORD, {3, 0, 0, 0}), ALL);
+    EXPECT_EQ(linesOf(REG_DWORD, {3, 0, 0, 0}), all_);
 }
 
 TEST_F(RegistryValueTest, MayBeALongNumber)
 {
-    EXPECT_EQ(linesOf(REG_QWORD, {3, 0, 0, 0, 0, 0, 0, 1}), ALL);
+    EXPECT_EQ(linesOf(REG_QWORD, {3, 0, 0, 0, 0, 0, 0, 1}), all_);
 }
 
 TEST_F(RegistryValueTest, MayBeBytes)
 {
-    EXPECT_EQ(linesOf(REG_BINARY, {3}), ALL);
-    EXPECT_EQ(linesOf(REG_BINARY, {0, 3}), ALL);
+    EXPECT_EQ(linesOf(REG_BINARY, {3}), all_);
+    EXPECT_EQ(linesOf(REG_BINARY, {0, 3}), all_);
 }
 
 TEST_F(RegistryValueTest, OfATextCountsAsItsFirstCharacter)
 {
-    EXPECT_EQ(linesOf(REG_SZ, "3"), ERRORS);
+    EXPECT_EQ(linesOf(REG_SZ, "3"), errors_);
 }
 
 TEST_F(RegistryValueTest, MayBeATextWithVariablesOrSeveralTexts)
 {
-    EXPECT_EQ(linesOf(REG_EXPAND_SZ, std::string("3%PATHS%\0", 9)), ERRORS);
+    EXPECT_EQ(linesOf(REG_EXPAND_SZ, std::string("3%PATHS%\0", 9)), errors_);
     EXPECT_EQ(linesOf(REG_MULTI_SZ, std::string("\3\0\0", 3)), (std::vector{ERROR_LINE, DEBUG_LINE, ERROR_LINE}));
 }
 
@@ -60,7 +60,7 @@ TEST_F(RegistryValueTest, FitsWith32Bytes)
 
 TEST_F(RegistryValueTest, ThatDoesNotFitCountsAsAbsent)
 {
-    EXPECT_EQ(linesOf(REG_BINARY, std::string(33, '\0')), ERRORS);
+    EXPECT_EQ(linesOf(REG_BINARY, std::string(33, '\0')), errors_);
     EXPECT_EQ(linesOf(REG_SZ, std::string(40, '\3')), (std::vector{ERROR_LINE, ERROR_LINE}));
 }
 
@@ -73,7 +73,7 @@ TEST_F(RegistryValueTest, OfAUserDoesNotCount)
         ERROR_SUCCESS);
     writeBothKinds();
     RegDeleteKeyValueA(HKEY_CURRENT_USER, "Software\\Brenmoor\\Velkor", "logLevel");
-    EXPECT_EQ(wholeLog(), ERRORS);
+    EXPECT_EQ(wholeLog(), errors_);
 }
 
 } // namespace

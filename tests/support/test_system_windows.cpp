@@ -176,7 +176,8 @@ void* moduleSymbol(const std::filesystem::path& file, const char* name)
 void withoutNewThreads(const std::function<void()>& work)
 {
     const ThreadStart failing = [](void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*) -> uintptr_t {
-        errno = EAGAIN;
+        errno = EAGAIN; // C++ runtimes go by the one or the other.
+        SetLastError(ERROR_MAX_THRDS_REACHED);
         return 0;
     };
     require(replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(failing)) != 0, "the start of threads");

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "free_watch.h"
+
 namespace
 {
 
@@ -23,16 +25,6 @@ void platform::secureWipe(void* memory, std::size_t size)
         events.push_back((memory == watched ? "wiped " : "something else wiped ") + std::to_string(size));
 }
 
-extern "C" void __real_free(void* memory);
-
-/// The linker puts this in the place of `free`.
-extern "C" void __wrap_free(void* memory)
-{
-    if (memory != nullptr && memory == watched)
-        events.emplace_back("freed");
-    __real_free(memory);
-}
-
 namespace
 {
 
@@ -44,6 +36,10 @@ Events endOf(unsigned char* bytes, int length)
     events.clear();
     events.reserve(8);
     watched = bytes;
+    watchFree([](void* memory) {
+        if (memory != nullptr && memory == watched)
+            events.emplace_back("freed");
+    });
     {
         LibraryBuffer buffer;
         buffer.bytes = bytes;

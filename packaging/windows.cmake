@@ -1,0 +1,10 @@
+# A zip of what a user of the DLL gets, with the checksums of its files inside, and its own beside it.
+install(FILES packaging/windows-readme.txt DESTINATION . RENAME README.txt)
+install(SCRIPT packaging/windows_checksums.cmake)
+
+string(TOLOWER ${CMAKE_SYSTEM_PROCESSOR} ARCHITECTURE)
+string(REPLACE amd64 x64 ARCHITECTURE ${ARCHITECTURE})
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_FILE_NAME velkor-pkcs11-${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}-windows-${ARCHITECTURE})
+set(CPACK_PACKAGE_CHECKSUM SHA256)
+include(CPack)

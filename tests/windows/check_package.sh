@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Makes the zip, unpacks it and looks at what is in it.
+#   check_package.sh BUILD-FOLDER DLL
+set -euo pipefail
+build=$1 dll=$2
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+cpack --config "$build/CPackConfig.cmake" -B "$build/package" >"$folder/log" || { cat "$folder/log"; exit 1; }
+cd "$build/package"
+zip=$(basename velkor-pkcs11-*-windows-*.zip)
+sha256sum --check --quiet "$zip.sha256"
+
+unzip -q "$zip" -d "$folder"
+cd "$folder/${zip%.zip}"
+diff --unified=0 - <(find . -type f | sort) <<END
+./README.txt
+./SHA256SUMS
+./bin/velkor-pkcs11.dll
+./include/velkor/cryptoki.h
+./include/velkor/velkor_extensions.h
+END
+sha256sum --check --quiet --strict SHA256SUMS
+[ "$(wc -l <SHA256SUMS)" -eq 4 ]
+
+# Packing leaves the module what it is.
+exports() { llvm-readobj --coff-exports "$1" | grep 'Name:'; }
+[ "$(exports bin/velkor-pkcs11.dll)" = "$(exports "$dll")" ]
