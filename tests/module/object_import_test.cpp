@@ -537,7 +537,8 @@ struct DefaultFolders {
     friend std::ostream& operator<<(std::ostream& out, const DefaultFolders& each) { return out << each.name; }
 };
 
-/// Makes the default folders, which on Windows are where they say, and elsewhere below a current folder of the test's.
+/// Makes the default folders. They are relative paths where drives have no letters; then it does so in a current folder
+/// of its own.
 class DefaultFolderTest : public CertificateImportTest, public testing::WithParamInterface<DefaultFolders>
 {
 protected:
@@ -545,12 +546,14 @@ protected:
     void setHome() const override
     {
         test_system::removeEnvironment("VELKOR_HOME");
-        const std::string program = test_system::program().filename().string();
-        const auto folder =
-            std::filesystem::absolute(test_system::scratchFolder(program + ".default." + GetParam().name));
-        std::filesystem::remove_all(folder);
-        std::filesystem::create_directories(folder);
-        std::filesystem::current_path(folder);
+        if (!std::filesystem::path(DEFAULT_FOLDERS[0]).is_absolute()) {
+            const std::string program = test_system::program().filename().string();
+            const auto folder = test_system::scratchFolder(program + ".default." + GetParam().name);
+            std::filesystem::remove_all(folder);
+            std::filesystem::create_directories(folder);
+            before_ = std::filesystem::current_path();
+            std::filesystem::current_path(folder);
+        }
         for (std::size_t index = 0; index < std::size(DEFAULT_FOLDERS); ++index)
             make(DEFAULT_FOLDERS[index], GetParam().found[index]);
     }
@@ -558,12 +561,12 @@ protected:
     void TearDown() override
     {
         CertificateImportTest::TearDown();
-        // Not what an installed product has there.
         for (const char* folder : DEFAULT_FOLDERS) {
-            std::error_code notEmpty;
+            std::error_code notEmpty; // What an installed product has there stays.
             std::filesystem::remove(folder, notEmpty);
         }
-        std::filesystem::current_path(before_);
+        if (!before_.empty())
+            std::filesystem::current_path(before_);
     }
 
     static void make(const std::filesystem::path& path, Found found)
@@ -576,7 +579,7 @@ protected:
         }
     }
 
-    const std::filesystem::path before_ = std::filesystem::current_path();
+    mutable std::filesystem::path before_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Folders, DefaultFolderTest,
