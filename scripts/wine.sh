@@ -21,16 +21,18 @@ arm64)
     ;;
 esac
 
-export WINEPREFIX=${VELKOR_WINE_PREFIX:-$here/build/wine-$architecture}
+export WINEPREFIX=$here/build/wine-$architecture
 export WINEDEBUG=-all WINEDLLOVERRIDES='mscoree,mshtml=d;winemenubuilder.exe=d'
 unset DISPLAY WAYLAND_DISPLAY
 
 case ${1:-} in
 --start)
     mkdir -p "$WINEPREFIX"
+    # One that an interrupted run has left would refuse the next.
+    "$wine/wineserver64" -k 2>/dev/null && "$wine/wineserver64" -w || true
     # The server is started first and by itself, so that it outlives the programs and none of them waits for it.
     "$wine/wineserver64" -p600
-    "$wine/wine64" wineboot </dev/null >/dev/null 2>&1
+    timeout 300 "$wine/wine64" wineboot </dev/null >"$WINEPREFIX.log" 2>&1 || { cat "$WINEPREFIX.log" >&2; exit 1; }
     ;;
 --stop) "$wine/wineserver64" -k || true ;;
 *)

@@ -14,30 +14,32 @@ namespace
 
 constexpr const char* CONFIGURATION_KEY = "Software\\Brenmoor\\Velkor";
 
-/// Room for what the system tells: the longest path that it takes, and more.
-constexpr DWORD TEXT_CAPACITY = 1024;
+/// Room for folders and file names that the log asks for with every line.
+constexpr DWORD NAME_CAPACITY = 1024;
+/// The longest path and the longest variable that the system has.
+constexpr DWORD TEXT_CAPACITY = 32768;
 
 /// The text that a call of the system fills; empty when it fails or the text does not fit.
-template <typename Call>
+template <DWORD CAPACITY, typename Call>
 std::string systemText(const Call& call)
 {
-    std::array<char, TEXT_CAPACITY> text{};
-    const DWORD length = call(text.data(), TEXT_CAPACITY);
-    return length < TEXT_CAPACITY ? std::string(text.data(), length) : std::string();
+    std::array<char, CAPACITY> text;
+    const DWORD length = call(text.data(), CAPACITY);
+    return length < CAPACITY ? std::string(text.data(), length) : std::string();
 }
 
 } // namespace
 
 bool readLogLevel(std::span<char> value)
 {
-    DWORD size = static_cast<DWORD>(value.size());
+    auto size = static_cast<DWORD>(value.size());
     return RegGetValueA(HKEY_LOCAL_MACHINE, CONFIGURATION_KEY, "logLevel", RRF_RT_ANY, nullptr, value.data(), &size) ==
            ERROR_SUCCESS;
 }
 
 std::string temporaryFolder()
 {
-    return systemText([](char* text, DWORD capacity) { return GetTempPathA(capacity, text); });
+    return systemText<NAME_CAPACITY>([](char* text, DWORD capacity) { return GetTempPathA(capacity, text); });
 }
 
 bool folderExists(const std::string& path)
@@ -53,21 +55,22 @@ bool createFolder(const std::string& path)
 
 std::string processFileName()
 {
-    return systemText(
+    return systemText<NAME_CAPACITY>(
         [](char* text, DWORD capacity) { return K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, text, capacity); });
 }
 
 std::string processFolder()
 {
-    const std::string path =
-        systemText([](char* text, DWORD capacity) { return GetModuleFileNameA(nullptr, text, capacity); });
+    const std::string path = systemText<TEXT_CAPACITY>(
+        [](char* text, DWORD capacity) { return GetModuleFileNameA(nullptr, text, capacity); });
     return path.substr(0, path.rfind('\\'));
 }
 
 std::string environmentVariable(const char* name)
 {
     // Not from the C runtime, whose copy does not follow a host that changes its environment.
-    return systemText([=](char* text, DWORD capacity) { return GetEnvironmentVariableA(name, text, capacity); });
+    return systemText<TEXT_CAPACITY>(
+        [=](char* text, DWORD capacity) { return GetEnvironmentVariableA(name, text, capacity); });
 }
 
 LocalTime localTime()

@@ -1,12 +1,14 @@
 // A host on Windows: loads the module from another folder in one of the ways that hosts do, walks the function table
 // and signs with a key of the device library. Ends with 0 when everything was as the way promises.
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #define WIN32_LEAN_AND_MEAN
@@ -24,6 +26,9 @@ namespace
     }
 
 constexpr CK_OBJECT_HANDLE FIRST_PRIVATE_KEY = 0x70000001;
+constexpr CK_OBJECT_HANDLE FIRST_EC_KEY = 0x70000005;
+constexpr CK_OBJECT_HANDLE FIRST_DERIVED_KEY = 0x70003000;
+constexpr CK_ULONG KEY_SIZE = 8 * 1024 * 1024;
 
 /// The folder beside this program's own, in which the module and the device library lie.
 std::string moduleFolder()
@@ -55,10 +60,8 @@ CK_FUNCTION_LIST_PTR functionTable(HMODULE module)
     return functions;
 }
 
-/// From the start to the end of a session with a login, a signature and its verification.
-void sign(CK_FUNCTION_LIST_PTR functions)
+CK_SESSION_HANDLE openSession(CK_FUNCTION_LIST_PTR functions)
 {
-    REQUIRE(functions->C_Initialize(nullptr) == CKR_OK);
     std::array<CK_SLOT_ID, 8> slots{};
     CK_ULONG slotCount = slots.size();
     REQUIRE(functions->C_GetSlotList(CK_TRUE, slots.data(), &slotCount) == CKR_OK && slotCount == 2);
@@ -67,6 +70,14 @@ void sign(CK_FUNCTION_LIST_PTR functions)
             CKR_OK);
     CK_UTF8CHAR pin[] = {'1', '2', '3', '4'};
     REQUIRE(functions->C_Login(session, CKU_USER, pin, sizeof pin) == CKR_OK);
+    return session;
+}
+
+/// From the start to the end of a session with a login, a signature and its verification.
+void sign(CK_FUNCTION_LIST_PTR functions)
+{
+    REQUIRE(functions->C_Initialize(nullptr) == CKR_OK);
+    const CK_SESSION_HANDLE session = openSession(functions);
 
     CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
     CK_ATTRIBUTE wanted = {CKA_CLASS, &privateKey, sizeof privateKey};
@@ -120,6 +131,12 @@ void loadWithTheFolderOnTheSearchPath()
 void loadWithTheDllFolderSet()
 {
     REQUIRE(SetDllDirectoryA(moduleFolder().c_str()));
+    use(LoadLibraryA(modulePath().c_str()));
+}
+
+/// Both lie beside the program, of which there is a second copy for that.
+void loadFromTheProgramsFolder()
+{
     use(LoadLibraryA("velkor-pkcs11.dll"));
 }
 
@@ -130,12 +147,81 @@ void loadByFullPathAlone()
     REQUIRE(GetLastError() == ERROR_MOD_NOT_FOUND);
 }
 
-/// The end of a process with the monitor still running.
-void exitWithoutFinalize()
+HMODULE load()
 {
     const HMODULE module = LoadLibraryExA(modulePath().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     REQUIRE(module != nullptr);
-    sign(functionTable(module));
+    return module;
+}
+
+/// The end of a process with the monitor still running.
+void exitWithoutFinalize()
+{
+    sign(functionTable(load()));
+}
+
+void exitInThread()
+{
+    sign(functionTable(load()));
+    std::thread([] { std::exit(0); }).detach();
+    std::this_thread::sleep_for(std::chrono::minutes(1));
+}
+
+void quickExit()
+{
+    sign(functionTable(load()));
+    std::_Exit(0);
+}
+
+/// The last calls of a host whose own static objects hold the module.
+void finalizeAfterMain()
+{
+    static const CK_FUNCTION_LIST_PTR functions = functionTable(load());
+    sign(functions);
+    std::atexit([] {
+        CK_INFO info;
+        REQUIRE(functions->C_GetInfo(&info) == CKR_OK);
+        REQUIRE(functions->C_Finalize(nullptr) == CKR_OK);
+    });
+}
+
+/// Makes a key of a long value, which the module keeps until it is unloaded.
+CK_OBJECT_HANDLE deriveLongKey(CK_FUNCTION_LIST_PTR functions)
+{
+    REQUIRE(functions->C_Initialize(nullptr) == CKR_OK);
+    std::vector<CK_BYTE> peer(KEY_SIZE + 1, 4);
+    CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, KEY_SIZE + 1, peer.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_OBJECT_HANDLE key = 0;
+    REQUIRE(functions->C_DeriveKey(openSession(functions), &mechanism, FIRST_EC_KEY, nullptr, 0, &key) == CKR_OK);
+    REQUIRE(functions->C_Finalize(nullptr) == CKR_OK);
+    return key;
+}
+
+SIZE_T committedMemory()
+{
+    SIZE_T total = 0;
+    MEMORY_BASIC_INFORMATION region;
+    for (char* address = nullptr; VirtualQuery(address, &region, sizeof region) != 0; address += region.RegionSize) {
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+            total += region.RegionSize;
+    }
+    return total;
+}
+
+/// Each load begins anew, and each unloading takes everything along.
+void unloadAndLoadAgain()
+{
+    SIZE_T before = 0;
+    for (int round = 0; round < 5; ++round) {
+        const HMODULE module = load();
+        REQUIRE(deriveLongKey(functionTable(module)) == FIRST_DERIVED_KEY);
+        REQUIRE(FreeLibrary(module));
+        REQUIRE(GetModuleHandleA("velkor-pkcs11.dll") == nullptr);
+        if (round == 0)
+            before = committedMemory();
+    }
+    REQUIRE(committedMemory() < before + 2 * KEY_SIZE);
 }
 
 /// A text of the version resource, which is language neutral and in Unicode.
@@ -170,7 +256,12 @@ const std::map<std::string, std::function<void()>> ways = {
     {"search-path", loadWithTheFolderOnTheSearchPath},
     {"dll-folder", loadWithTheDllFolderSet},
     {"full-path-alone", loadByFullPathAlone},
+    {"program-folder", loadFromTheProgramsFolder},
     {"exit-without-finalize", exitWithoutFinalize},
+    {"exit-in-thread", exitInThread},
+    {"quick-exit", quickExit},
+    {"finalize-after-main", finalizeAfterMain},
+    {"unload-and-load-again", unloadAndLoadAgain},
     {"version", readVersion},
 };
 

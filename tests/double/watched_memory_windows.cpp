@@ -2,48 +2,43 @@
 // runtime's `free`. So that is what is watched, in the program, the module and the device library.
 #include "watched_memory.h"
 
-#include <atomic>
+#include <mutex>
 
 #include <malloc.h>
 
-#include "imported_function.h"
+#include "free_watch.h"
 
 namespace
 {
 
-std::atomic<bool> watching = false;
-std::atomic<int> blocksWithBytes = 0;
+std::mutex watchLock; ///< Another thread may be looking at a block when the watch ends, and the bytes with it.
+bool watching = false;
+int blocksWithBytes = 0;
 std::string_view watchedBytes;
 
-using Release = void (*)(void*);
-Release systemRelease = nullptr;
-
-void release(void* memory)
+void look(void* memory)
 {
-    if (watching && memory != nullptr &&
+    if (memory == nullptr)
+        return;
+    const std::scoped_lock lock(watchLock);
+    if (watching &&
         std::string_view(static_cast<char*>(memory), _msize(memory)).find(watchedBytes) != std::string_view::npos)
         ++blocksWithBytes;
-    systemRelease(memory);
-}
-
-void replaceRelease()
-{
-    if (systemRelease != nullptr)
-        return;
-    void** address = test_system::importedFunction(GetModuleHandleA(nullptr), "free");
-    systemRelease = reinterpret_cast<Release>(*address);
-    test_system::replaceImportedFunction("free", reinterpret_cast<void*>(&release));
 }
 
 } // namespace
 
 int releasedBlocksWith(std::string_view bytes, const std::function<void()>& work)
 {
-    replaceRelease();
-    watchedBytes = bytes;
-    blocksWithBytes = 0;
-    watching = true;
+    {
+        const std::scoped_lock lock(watchLock);
+        watchedBytes = bytes;
+        blocksWithBytes = 0;
+        watching = true;
+    }
+    watchFree(look);
     work();
+    const std::scoped_lock lock(watchLock);
     watching = false;
     return blocksWithBytes;
 }

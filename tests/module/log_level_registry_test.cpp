@@ -53,6 +53,18 @@ TEST_F(RegistryValueTest, MayBeATextWithVariablesOrSeveralTexts)
     EXPECT_EQ(linesOf(REG_MULTI_SZ, std::string("\3\0\0", 3)), (std::vector{ERROR_LINE, DEBUG_LINE, ERROR_LINE}));
 }
 
+TEST_F(RegistryValueTest, OfNoBytesCountsAsZero)
+{
+    EXPECT_EQ(linesOf(REG_BINARY, ""), std::vector<std::string>());
+}
+
+TEST_F(RegistryValueTest, WithoutItsKeyCountsAsAbsent)
+{
+    ASSERT_EQ(RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Brenmoor"), ERROR_SUCCESS);
+    writeBothKinds();
+    EXPECT_EQ(wholeLog(), errors_);
+}
+
 TEST_F(RegistryValueTest, FitsWith32Bytes)
 {
     EXPECT_EQ(linesOf(REG_BINARY, std::string(32, '\0')), std::vector<std::string>());
@@ -74,6 +86,18 @@ TEST_F(RegistryValueTest, OfAUserDoesNotCount)
     writeBothKinds();
     RegDeleteKeyValueA(HKEY_CURRENT_USER, "Software\\Brenmoor\\Velkor", "logLevel");
     EXPECT_EQ(wholeLog(), errors_);
+}
+
+TEST_F(LogLinesTest, AFileThatAnotherReadsAndWritesIsWrittenTo)
+{
+    writeBothKinds();
+    const HANDLE other =
+        CreateFileW(logFiles().front().c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(other, INVALID_HANDLE_VALUE);
+    writeBothKinds();
+    CloseHandle(other);
+    EXPECT_EQ(wholeLog().size(), 4U);
 }
 
 } // namespace

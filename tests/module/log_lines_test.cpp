@@ -124,8 +124,7 @@ TEST_F(LogLinesTest, DayIsTheLocalOne)
 {
     // Two time zones that are 26 hours apart never have the same date.
     for (const char* zone : {"EAST-14", "WEST+12"}) {
-        if (!test_system::setTimeZone(zone))
-            GTEST_SKIP() << "the time zone is the machine's, not the process's";
+        test_system::setTimeZone(zone);
         writeBothKinds();
     }
     test_system::setTimeZone(nullptr);

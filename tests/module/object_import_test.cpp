@@ -571,6 +571,8 @@ protected:
 
     static void make(const std::filesystem::path& path, Found found)
     {
+        std::error_code notEmpty; // A run that was stopped may have left one.
+        std::filesystem::remove(path, notEmpty);
         if (found == Found::Folder)
             std::filesystem::create_directories(path);
         if (found == Found::File) {

@@ -11,6 +11,10 @@ namespace
 constexpr unsigned char UNTOUCHED = 0xEE;
 constexpr CK_ULONG KEY_COUNT = 7;
 
+const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+
 /// Attributes that applications ask for, and some that nothing has.
 constexpr CK_ATTRIBUTE_TYPE ATTRIBUTES[] = {
     CKA_CLASS,    CKA_TOKEN,   CKA_PRIVATE,      CKA_LABEL,           CKA_VALUE,     CKA_CERTIFICATE_TYPE, CKA_ISSUER,
@@ -57,6 +61,12 @@ Structure untouched()
     Structure structure;
     std::memset(&structure, UNTOUCHED, sizeof structure);
     return structure;
+}
+
+/// A label as the module reads it in some places, up to its zero byte.
+Bytes terminated(std::string_view text)
+{
+    return joined({bytesOf(text), {0}});
 }
 
 /// Calls a function with null and zero for everything.
@@ -213,7 +223,7 @@ protected:
                 recordAttributes(object);
         }
         recordSearch({CKA_ID, {2}});
-        recordSearch({CKA_LABEL, bytesOf("pair 3")});
+        recordSearch({CKA_LABEL, terminated("pair 3")});
         recordSearch({CKA_TOKEN, {1}});
     }
 
@@ -293,12 +303,23 @@ protected:
         for (const CK_ULONG bits : {512U, 1024U, 2048U, 3072U, 4096U, 8192U}) {
             Template publicHalf = {{CKA_MODULUS_BITS, bytesOf(CK_ULONG{bits})}, {CKA_ID, {7, 7}}};
             Template privateHalf = {{CKA_LABEL, bytesOf("generated")}, {CKA_SIGN, {1}}};
-            std::array<CK_OBJECT_HANDLE, 2> keys = untouched<std::array<CK_OBJECT_HANDLE, 2>>();
+            auto keys = untouched<std::array<CK_OBJECT_HANDLE, 2>>();
             record("C_GenerateKeyPair",
                    C_GenerateKeyPair(session_, &rsa, publicHalf.data(), publicHalf.size(), privateHalf.data(),
                                      privateHalf.size(), &keys[0], &keys[1]),
                    keys);
             recordAttributes(keys[1]);
+        }
+        CK_MECHANISM ec = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+        for (const Bytes& parameters : {P256, P384, P521, bytesOf("no curve")}) {
+            Template publicHalf = {{CKA_EC_PARAMS, parameters}};
+            Template privateHalf = {{CKA_KEY_TYPE, bytesOf(CK_ULONG{CKK_EC})}, {CKA_ID, {8}}, {CKA_DECRYPT, {1}}};
+            auto keys = untouched<std::array<CK_OBJECT_HANDLE, 2>>();
+            record("C_GenerateKeyPair",
+                   C_GenerateKeyPair(session_, &ec, publicHalf.data(), publicHalf.size(), privateHalf.data(),
+                                     privateHalf.size(), &keys[0], &keys[1]),
+                   keys);
+            recordAttributes(keys[0]);
         }
         for (CK_ULONG key = 1; key <= KEY_COUNT; ++key) {
             CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, 65, data_.data()};
@@ -314,8 +335,7 @@ protected:
     void recordChanges()
     {
         for (const CK_OBJECT_HANDLE object : {privateKey(2), publicKey(2), certificate(1), privateKey(99)}) {
-            Bytes label = bytesOf("renamed");
-            label.push_back(0);
+            Bytes label = terminated("renamed");
             CK_ATTRIBUTE attribute = {CKA_LABEL, label.data(), 7};
             record("C_SetAttributeValue", C_SetAttributeValue(session_, object, &attribute, 1), object);
             recordAttributes(object);
@@ -337,6 +357,17 @@ protected:
         for (const CK_OBJECT_HANDLE object : {privateKey(3), publicKey(4), certificate(2), privateKey(99)})
             record("C_DestroyObject", C_DestroyObject(session_, object), object);
         recordSearch({CKA_TOKEN, {1}});
+    }
+
+    void recordTheSecurityOfficer()
+    {
+        const std::string pin = "12345678";
+        record("C_Logout", C_Logout(session_));
+        record("C_Login", C_Login(session_, CKU_SO, characters(pin), lengthOf(pin)));
+        recordSessionInfo(session_);
+        recordSearch({CKA_TOKEN, {1}});
+        record("C_Logout", C_Logout(session_));
+        recordSessionInfo(session_);
     }
 
     void recordTheEndOfADevice()
@@ -387,6 +418,7 @@ TEST_F(RecordedRunTest, IsTheSameOnEverySystem)
     recordEncryptions();
     recordNewKeys();
     recordChanges();
+    recordTheSecurityOfficer();
     recordTheEndOfADevice();
     record("C_Finalize", C_Finalize(nullptr));
     record("C_Finalize", C_Finalize(nullptr));

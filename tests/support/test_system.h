@@ -50,7 +50,7 @@ void withoutNewThreads(const std::function<void()>& work);
 /// Whether what several threads append to a file at once comes out whole. Where not, that needs a lock of the host.
 bool appendingIsOneStep();
 
-/// Sets the time zone of this process. False where a process has none of its own.
-bool setTimeZone(const char* zone);
+/// Sets the time zone of this process, as "NAME-14" for one that is 14 hours ahead; null: the machine's.
+void setTimeZone(const char* zone);
 
 } // namespace test_system

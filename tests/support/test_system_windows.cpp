@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -100,6 +102,22 @@ void keepLinesWhole()
     OneAtATime<decltype(std::fclose)>::replace("fclose");
 }
 
+/// The time zone is the machine's, so one that a test chooses takes the place of the call.
+int hoursAhead = 0;
+
+void WINAPI chosenTime(SYSTEMTIME* time)
+{
+    constexpr std::int64_t TICKS_OF_AN_HOUR = 36'000'000'000;
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    ULARGE_INTEGER ticks;
+    ticks.LowPart = now.dwLowDateTime;
+    ticks.HighPart = now.dwHighDateTime;
+    ticks.QuadPart += static_cast<ULONGLONG>(hoursAhead * TICKS_OF_AN_HOUR);
+    now = {ticks.LowPart, ticks.HighPart};
+    FileTimeToSystemTime(&now, time);
+}
+
 using ThreadStart = decltype(&_beginthreadex);
 
 } // namespace
@@ -190,9 +208,11 @@ bool appendingIsOneStep()
     return false;
 }
 
-bool setTimeZone(const char* /*zone*/)
+void setTimeZone(const char* zone)
 {
-    return false;
+    if (zone != nullptr)
+        hoursAhead = -std::atoi(std::strpbrk(zone, "+-"));
+    replaceImportedFunction("GetLocalTime", reinterpret_cast<void*>(zone != nullptr ? &chosenTime : &GetLocalTime));
 }
 
 } // namespace test_system

@@ -33,7 +33,7 @@ file(CONFIGURE OUTPUT "${cryptoki_generated_dir}/cryptoki_functions.inc" CONTENT
 add_executable(cryptoki_layout_test "${CMAKE_CURRENT_LIST_DIR}/cryptoki_layout_test.cpp")
 target_include_directories(cryptoki_layout_test PRIVATE "${cryptoki_include_dir}")
 target_link_libraries(cryptoki_layout_test PRIVATE project_options GTest::gtest_main)
-gtest_discover_tests(cryptoki_layout_test)
+gtest_discover_tests(cryptoki_layout_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 # ---- The host layout against p11-kit ----
 

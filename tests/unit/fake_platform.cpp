@@ -26,14 +26,17 @@ std::string temporaryFolder()
 
 bool folderExists(const std::string& path)
 {
-    return std::filesystem::is_directory(path);
+    return fakePlatform.foldersAreThere || std::filesystem::is_directory(path);
 }
 
 bool createFolder(const std::string& path)
 {
     ++fakePlatform.folderCalls;
+    fakePlatform.lastFolder = path;
     if (fakePlatform.foldersThrow)
         throw std::runtime_error("no room");
+    if (fakePlatform.foldersAreThere)
+        return false;
     std::error_code ignored;
     return path.starts_with(fakePlatform.root) && std::filesystem::create_directory(path, ignored);
 }

@@ -14,8 +14,10 @@ struct FakePlatform {
     std::string processFileName = "app.exe";
     platform::LocalTime time{2026, 11, 15, 13, 46, 27, 123};
     bool foldersThrow = false;
+    bool foldersAreThere = false; ///< All of them: nothing is looked up or created.
     bool processThrows = false;
     int folderCalls = 0;
+    std::string lastFolder; ///< That was to be created.
     int levelReads = 0;
 };
 

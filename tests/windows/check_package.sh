@@ -6,9 +6,10 @@ build=$1 dll=$2
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
+rm -rf "$build/package"
 cpack --config "$build/CPackConfig.cmake" -B "$build/package" >"$folder/log" || { cat "$folder/log"; exit 1; }
 cd "$build/package"
-zip=$(basename velkor-pkcs11-*-windows-*.zip)
+zip=$(echo velkor-pkcs11-*-windows-*.zip)
 sha256sum --check --quiet "$zip.sha256"
 
 unzip -q "$zip" -d "$folder"

@@ -26,6 +26,9 @@ exports)
     names=$(exported)
     same "C names" "$(listed EXPORT)" "$(grep '^C_' <<<"$names")"
     same "C++ names" "$(listed EXTENSION)" "$(grep -v '^C_' <<<"$names" | without_parameters)"
+    same "their parameters" '(unsigned long)
+(unsigned long)
+(unsigned long*, unsigned long*)' "$(grep -v '^C_' <<<"$names" | llvm-cxxfilt | sed 's/^[^(]*//')"
     [ "$(wc -l <<<"$names")" -eq 71 ]
     ;;
 libraries)

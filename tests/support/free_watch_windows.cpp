@@ -1,17 +1,19 @@
+#include "free_watch.h"
+
+#include <atomic>
 #include <cstdlib>
 
-#include "free_watch.h"
 #include "imported_function.h"
 
 namespace
 {
 
-void (*tell)(void* memory) = nullptr;
+std::atomic<void (*)(void*)> tell = nullptr;
 void (*realFree)(void* memory) = nullptr;
 
 void watchedFree(void* memory)
 {
-    tell(memory);
+    tell.load()(memory);
     realFree(memory);
 }
 
