@@ -27,7 +27,7 @@ as_root() {
 }
 
 install_packages() {
-    local packages=(llvm lld clang-tidy cmake ninja-build ccache googletest unzip)
+    local packages=(llvm clang-tidy cmake ninja-build ccache googletest unzip)
     case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64) ;; esac
     case $wanted in *' arm64 '*)
         packages+=(mmdebstrap qemu-user-static)
