@@ -34,7 +34,7 @@ run_tests() {
     rm -f "$report"
     local status=0 tests failures
     ctest --preset "$1" --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || status=$?
-    [ "$status" -eq 0 ] || cat "build/$1.tests.log"
+    [ "$status" -eq 0 ] || grep -v -e ' Passed ' -e '^ *Start ' "build/$1.tests.log"
     tests=$(grep -c '<testcase ' "$report" 2>/dev/null)
     failures=$(grep -c '<testcase .*status="\(fail\|disabled\|notrun\)"' "$report" 2>/dev/null)
     tests=${tests:-0} failures=${failures:-0}
