@@ -40,7 +40,7 @@ struct ModuleState {
     std::condition_variable slotEventCv;
 };
 
-/// The one state. It is never destroyed: a host may exit without C_Finalize while the monitor still runs.
+/// The one state. It is not destroyed at exit: a host may exit without C_Finalize while the monitor still runs.
 ModuleState& moduleState();
 
 /// The session of a handle; null when there is none. It stays alive while the caller holds it.

@@ -487,7 +487,7 @@ struct Home {
 
     friend std::ostream& operator<<(std::ostream& out, const Home& home)
     {
-        return out << (home.value != nullptr ? home.value : "not set");
+        return out << std::string_view(home.value != nullptr ? home.value : "not set").substr(0, 40);
     }
 };
 
@@ -505,9 +505,11 @@ protected:
     static std::string programFolder() { return test_system::program().parent_path().string(); }
 };
 
+const std::string LONG_HOME(2000, 'h');
+
 INSTANTIATE_TEST_SUITE_P(Values, HomeTest,
-                         testing::Values(Home{"/home", true}, Home{"C:/Keys/", true}, Home{" ", true}, Home{"", false},
-                                         Home{nullptr, false}));
+                         testing::Values(Home{LONG_HOME.c_str(), true}, Home{"/home", true}, Home{"C:/Keys/", true},
+                                         Home{" ", true}, Home{"", false}, Home{nullptr, false}));
 
 // Where this runs there is none of the folders that are looked for otherwise; behind them comes the program's.
 TEST_P(HomeTest, HasTheFolderOfTheIssuersOrElseTheProgramsFolderHasIt)

@@ -195,7 +195,7 @@ void withoutNewThreads(const std::function<void()>& work)
 {
     const ThreadStart failing = [](void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*) -> uintptr_t {
         errno = EAGAIN; // C++ runtimes go by the one or the other.
-        SetLastError(ERROR_MAX_THRDS_REACHED);
+        SetLastError(EAGAIN);
         return 0;
     };
     require(replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(failing)) != 0, "the start of threads");
