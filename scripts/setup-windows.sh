@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the Windows builds are made and tested with: Debian's cross compiler and Wine for x86-64; a compiler
-# from npm packages and, run by an emulator, Debian's Wine for ARM64. Does nothing when all of it is there.
+# from npm packages and, run by an emulator, Debian's Wine for ARM64; for both, the libraries of the software key, which
+# it goes without when they cannot be had. Does nothing when all of it is there.
 #   scripts/setup-windows.sh [x64] [arm64]      both when none is named
 # What is not a package of this machine goes to VELKOR_WINDOWS_TOOLS, by default ~/.cache/velkor-windows.
 set -euo pipefail
@@ -28,6 +29,7 @@ as_root() {
 
 install_packages() {
     local packages=(llvm clang-tidy cmake ninja-build ccache googletest unzip)
+    packages+=(dpkg-dev make tcl libcli11-dev nlohmann-json3-dev) # For the libraries of the software key.
     case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64) ;; esac
     case $wanted in *' arm64 '*)
         packages+=(mmdebstrap qemu-user-static)
@@ -121,3 +123,7 @@ case $wanted in *' arm64 '*)
     register_emulator
     ;;
 esac
+for architecture; do
+    scripts/build-windows-libraries.sh "$architecture" "$tools" ||
+        echo "setup-windows.sh: no libraries for the software key on $architecture; it will not be built" >&2
+done

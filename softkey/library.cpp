@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <pthread.h>
 #include <set>
 
 namespace softkey
@@ -57,13 +56,6 @@ void openKeysFolder()
     keysFolder().open(path);
 }
 
-pthread_key_t makeThreadKey()
-{
-    pthread_key_t key{};
-    pthread_key_create(&key, [](void* lists) { delete static_cast<ThreadLists*>(lists); });
-    return key;
-}
-
 } // namespace
 
 void* createInstance()
@@ -101,18 +93,6 @@ KeysFolder& keysFolder()
 {
     static auto* const keys = new PerProcess<ProcessKeys>;
     return keys->get().folder;
-}
-
-ThreadLists& threadLists()
-{
-    // Not thread_local: the main thread's would be destroyed before the host's last calls.
-    static const pthread_key_t key = makeThreadKey();
-    auto* lists = static_cast<ThreadLists*>(pthread_getspecific(key));
-    if (lists == nullptr) {
-        lists = new ThreadLists;
-        pthread_setspecific(key, lists);
-    }
-    return *lists;
 }
 
 } // namespace softkey

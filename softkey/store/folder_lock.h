@@ -17,7 +17,11 @@ public:
     FolderLock& operator=(const FolderLock&) = delete;
 
 private:
+#ifdef _WIN32
+    void* file_;
+#else
     int descriptor_;
+#endif
 };
 
 } // namespace softkey

@@ -1,13 +1,11 @@
 #include "store/key_settings.h"
 
+#include "store/draft.h"
 #include "store/folder_lock.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace softkey
 {
@@ -20,61 +18,6 @@ constexpr std::size_t MODEL_MAX = 15;
 constexpr std::size_t FIRMWARE_MAX = 31;
 constexpr int TRIES_MAX = 255;
 
-constexpr std::string_view DRAFT_SUFFIX = ".draft";
-
-class Descriptor
-{
-public:
-    Descriptor(const std::filesystem::path& path, int flags) : value_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
-    ~Descriptor()
-    {
-        if (value_ >= 0)
-            close(value_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    bool isOpen() const { return value_ >= 0; }
-    bool synchronise() const { return fsync(value_) == 0; }
-
-private:
-    int value_;
-};
-
-/// A file under construction, out of sight of every reader; removed unless it is published.
-class Draft
-{
-public:
-    Draft(const std::filesystem::path& folder, const std::string& serialNumber)
-        : path_(folder / ("." + serialNumber + "." + randomSerialNumber() + std::string(DRAFT_SUFFIX)))
-    {
-        // Made here, so that it never exists with wider permissions.
-        require(Descriptor(path_, O_RDWR | O_CREAT | O_EXCL).isOpen(), SoftkeyStatus::StorageFailed);
-    }
-    ~Draft() { unlink(path_.c_str()); }
-    Draft(const Draft&) = delete;
-    Draft& operator=(const Draft&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-
-    /// The caller holds the folder's lock.
-    void publish(const std::filesystem::path& destination) const
-    {
-        require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
-        // A journal without its file, which was taken away by hand, would be played into the new one.
-        if (access(destination.c_str(), F_OK) != 0)
-            unlink((destination.string() + "-journal").c_str());
-        // A link, unlike a renaming, never replaces a key that is there.
-        const int failure = link(path_.c_str(), destination.c_str()) == 0 ? 0 : errno;
-        require(failure != EEXIST, SoftkeyStatus::AlreadyExists);
-        require(failure == 0, SoftkeyStatus::StorageFailed);
-        const Descriptor folder(destination.parent_path(), O_RDONLY | O_DIRECTORY);
-        require(folder.synchronise(), SoftkeyStatus::StorageFailed);
-    }
-
-private:
-    std::filesystem::path path_;
-};
-
 /// Removes what processes left behind that were killed while they made a key.
 void sweepDrafts(const std::filesystem::path& folder)
 {
@@ -83,7 +26,7 @@ void sweepDrafts(const std::filesystem::path& folder)
          file.increment(failure)) {
         const std::filesystem::path& path = file->path();
         if (path.extension() == DRAFT_SUFFIX && path.filename().string().starts_with('.'))
-            unlink(path.c_str());
+            std::filesystem::remove(path, failure);
     }
 }
 
@@ -145,10 +88,15 @@ void removeKeyFile(const std::filesystem::path& path)
 {
     const FolderLock lock(path.parent_path());
     sweepDrafts(path.parent_path());
+    const bool wasPlugged = KeyFile(path).contents()->device.plugged;
     KeyFile(path).setPlugged(false); // Running processes see it go before the file is away.
     // The file first: a file without its journal is whole, a journal without its file would be another key's.
-    require(unlink(path.c_str()) == 0, SoftkeyStatus::StorageFailed);
-    unlink((path.string() + "-journal").c_str());
+    std::error_code failure;
+    if (!std::filesystem::remove(path, failure)) {
+        KeyFile(path).setPlugged(wasPlugged);
+        throw Refusal(SoftkeyStatus::StorageFailed);
+    }
+    std::filesystem::remove(journalOf(path), failure);
 }
 
 bool isSerialNumber(std::string_view text)
@@ -184,7 +132,7 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     // Whoever makes or removes a key holds the lock: a draft that is there belongs to nobody any more.
     const FolderLock lock(folder);
     sweepDrafts(folder);
-    const Draft draft(folder, settings.serialNumber);
+    const Draft draft(folder / ("." + settings.serialNumber + "." + randomSerialNumber() + std::string(DRAFT_SUFFIX)));
     {
         Database database(draft.path(), Database::Mode::Existing);
         // Nobody else sees the draft: it needs no journal and is synchronised once, as a whole.

@@ -3,53 +3,19 @@
 #include "store/key_settings.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <ctime>
 #include <optional>
-#include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace softkey
 {
 namespace
 {
 
-using std::chrono::nanoseconds;
+using FolderTime = std::filesystem::file_time_type;
+using std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds IDENTITY_TRUSTED{100};
 // Two changes of a folder can bear the same time when they follow each other closely.
 constexpr std::chrono::seconds TIMESTAMP_TRUSTED_AFTER{2};
-
-nanoseconds fromTimespec(const timespec& time)
-{
-    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
-}
-
-nanoseconds coarseNow(clockid_t clock)
-{
-    timespec now{};
-    clock_gettime(clock, &now);
-    return fromTimespec(now);
-}
-
-std::filesystem::path environmentPath(const char* name)
-{
-    const char* value = secure_getenv(name); // Ignored in privileged processes.
-    return value != nullptr ? std::filesystem::path(value) : std::filesystem::path();
-}
-
-std::filesystem::path homeFolder()
-{
-    if (std::filesystem::path home = environmentPath("HOME"); home.is_absolute())
-        return home;
-    passwd entry{};
-    passwd* found = nullptr;
-    std::vector<char> buffer(16384);
-    if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
-        return {};
-    return found->pw_dir;
-}
 
 /// Nothing when the folder cannot be read to its end.
 std::optional<std::vector<std::string>> listKeyNames(const std::filesystem::path& folder)
@@ -80,32 +46,13 @@ std::shared_ptr<const Contents> contentsOrLast(SoftKey& key)
 
 } // namespace
 
-std::filesystem::path defaultKeysFolder()
-{
-    if (const std::filesystem::path chosen = environmentPath("VELKOR_SOFTKEY_HOME"); !chosen.empty())
-        return std::filesystem::absolute(chosen);
-    if (const std::filesystem::path data = environmentPath("XDG_DATA_HOME"); data.is_absolute())
-        return data / "velkor-softkey";
-    const std::filesystem::path home = homeFolder();
-    return home.empty() ? home : home / ".local" / "share" / "velkor-softkey";
-}
-
-bool ensureFolder(const std::filesystem::path& folder)
-{
-    std::error_code failure;
-    if (std::filesystem::is_directory(folder, failure))
-        return true;
-    std::filesystem::create_directories(folder.parent_path(), failure);
-    return mkdir(folder.c_str(), 0700) == 0 || std::filesystem::is_directory(folder, failure);
-}
-
 void KeysFolder::open(const std::filesystem::path& folder)
 {
     decltype(entries_) dropped; // Here and below: closed without the lock, since closing a file waits for forks.
     const std::lock_guard lock(mutex_);
     folder_ = folder;
     dropped.swap(entries_);
-    namesChangedAt_ = nanoseconds{-1};
+    namesChangedAt_ = {};
 }
 
 void KeysFolder::close()
@@ -117,18 +64,18 @@ std::vector<std::string> KeysFolder::keyNames(bool refresh)
 {
     decltype(entries_) dropped;
     const std::lock_guard lock(mutex_);
-    struct stat status = {};
-    if (stat(folder_.c_str(), &status) != 0)
+    std::error_code failure;
+    const FolderTime changedAt = std::filesystem::last_write_time(folder_, failure);
+    if (failure)
         return {};
-    const nanoseconds changedAt = fromTimespec(status.st_mtim);
     if (!refresh && changedAt == namesChangedAt_)
         return names_;
-    const nanoseconds age = coarseNow(CLOCK_REALTIME_COARSE) - changedAt;
+    const auto age = FolderTime::clock::now() - changedAt;
     std::optional<std::vector<std::string>> names = listKeyNames(folder_);
     if (!names)
         return names_; // Keys do not go because a listing failed.
     names_ = std::move(*names);
-    namesChangedAt_ = age > TIMESTAMP_TRUSTED_AFTER ? changedAt : nanoseconds{-1};
+    namesChangedAt_ = age > TIMESTAMP_TRUSTED_AFTER ? std::optional(changedAt) : std::nullopt;
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         const auto next = std::next(entry);
         if (!std::binary_search(names_.begin(), names_.end(), entry->first))
@@ -156,7 +103,7 @@ std::vector<std::string> KeysFolder::pluggedKeys(bool refresh)
 
 std::shared_ptr<SoftKey> KeysFolder::find(std::string_view name, Identity identity)
 {
-    const nanoseconds now = coarseNow(CLOCK_MONOTONIC_COARSE);
+    const auto now = steady_clock::now();
     decltype(entries_) dropped;
     const std::lock_guard lock(mutex_);
     const auto known = entries_.find(name);
@@ -187,10 +134,11 @@ std::shared_ptr<SoftKey> KeysFolder::reopen(std::string_view name)
 {
     require(isSerialNumber(name), SoftkeyStatus::DeviceRemoved);
     const std::filesystem::path path = folder_ / (std::string(name) + std::string(KEY_FILE_SUFFIX));
-    struct stat status = {};
-    require(!folder_.empty() && stat(path.c_str(), &status) == 0, SoftkeyStatus::DeviceRemoved);
-    require(S_ISREG(status.st_mode), SoftkeyStatus::FileForeign);
-    const nanoseconds now = coarseNow(CLOCK_MONOTONIC_COARSE);
+    std::error_code failure;
+    const std::filesystem::file_status status = std::filesystem::status(path, failure);
+    require(!folder_.empty() && std::filesystem::exists(status), SoftkeyStatus::DeviceRemoved);
+    require(std::filesystem::is_regular_file(status), SoftkeyStatus::FileForeign);
+    const auto now = steady_clock::now();
     return entries_.insert_or_assign(std::string(name), Entry{std::make_shared<SoftKey>(path), now}).first->second.key;
 }
 

@@ -7,13 +7,15 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace softkey
 {
 
-/// VELKOR_SOFTKEY_HOME, else the user's data folder with "velkor-softkey" behind it; empty when there is neither.
+/// VELKOR_SOFTKEY_HOME, else the user's data folder (on Windows the local application data) with "velkor-softkey"
+/// behind it; empty when there is neither.
 std::filesystem::path defaultKeysFolder();
 /// Makes the folder, for its owner alone. False when it is not there and cannot be made.
 bool ensureFolder(const std::filesystem::path& folder);
@@ -39,7 +41,7 @@ public:
 private:
     struct Entry {
         std::shared_ptr<SoftKey> key;
-        std::chrono::nanoseconds checkedAt{}; ///< When the file was last seen to be the one that is open.
+        std::chrono::steady_clock::time_point checkedAt; ///< When the file was last seen to be the one that is open.
     };
 
     std::shared_ptr<SoftKey> reopen(std::string_view name);
@@ -48,7 +50,8 @@ private:
     std::filesystem::path folder_;
     std::map<std::string, Entry, std::less<>> entries_;
     std::vector<std::string> names_;
-    std::chrono::nanoseconds namesChangedAt_{-1}; ///< The folder's time of change that `names_` belong to.
+    std::optional<std::filesystem::file_time_type>
+        namesChangedAt_; ///< The folder's time of change that `names_` belong to.
 };
 
 } // namespace softkey

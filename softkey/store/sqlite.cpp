@@ -54,13 +54,14 @@ void check(int code)
         refuse(code);
 }
 
-sqlite3* openConnection(const std::string& path, Database::Mode mode)
+sqlite3* openConnection(const std::filesystem::path& path, Database::Mode mode)
 {
     const int create = mode == Database::Mode::Create ? SQLITE_OPEN_CREATE : 0;
     // Every connection is used by one thread at a time, under its key's lock.
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE | create;
     sqlite3* handle = nullptr;
-    const int code = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+    const std::u8string name = path.u8string();
+    const int code = sqlite3_open_v2(reinterpret_cast<const char*>(name.c_str()), &handle, flags, nullptr);
     if (code != SQLITE_OK) {
         sqlite3_close_v2(handle);
         // Later it is the journal that cannot be opened, and writing that fails.
@@ -73,7 +74,7 @@ sqlite3* openConnection(const std::string& path, Database::Mode mode)
 
 } // namespace
 
-Database::Database(const std::string& path, Mode mode) : handle_(openConnection(path, mode))
+Database::Database(const std::filesystem::path& path, Mode mode) : handle_(openConnection(path, mode))
 {
     sqlite3_extended_result_codes(handle(), 1);
     sqlite3_busy_timeout(handle(), BUSY_TIMEOUT_MS);
@@ -107,7 +108,8 @@ bool Database::fileWasReplaced() const
 {
     int moved = 0;
     const int code = file_->pMethods->xFileControl(file_, SQLITE_FCNTL_HAS_MOVED, &moved);
-    return code != SQLITE_OK || moved != 0;
+    // Where an open file cannot be replaced, the question is not known.
+    return code != SQLITE_NOTFOUND && (code != SQLITE_OK || moved != 0);
 }
 
 Statement::Statement(const Database& database, const char* sql)

@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,7 +19,7 @@ class Database
 {
 public:
     enum class Mode { Existing, Create };
-    Database(const std::string& path, Mode mode);
+    Database(const std::filesystem::path& path, Mode mode);
 
     void execute(const char* sql);
     /// First column of the first row.

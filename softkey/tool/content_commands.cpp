@@ -1,4 +1,5 @@
 // Commands about what is on a key: generate, import-key, import-certificate, export-certificate, delete.
+#include "tool/quiet_terminal.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
@@ -9,7 +10,6 @@
 #include <fstream>
 #include <iostream>
 #include <openssl/pem.h>
-#include <unistd.h>
 
 namespace softkey
 {
@@ -74,7 +74,7 @@ void storeKey(Session& session, const ObjectOptions& options, SoftKey& device, c
 /// Dots on a terminal, since a large RSA key takes its time.
 EvpKey generateWithProgress(const KeyKindTraits& traits)
 {
-    if (isatty(STDERR_FILENO) == 0 || !traits.isRsa())
+    if (!isTerminal(STANDARD_ERROR) || !traits.isRsa())
         return generateKey(traits);
     std::cerr << "generating " << traits.name << ' ';
     EvpKey key = generateKey(traits, [] { std::cerr << '.'; });

@@ -1,4 +1,5 @@
 // Commands about keys as a whole: create, list, info, plug, unplug, remove.
+#include "tool/quiet_terminal.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
@@ -6,7 +7,6 @@
 #include "store/key_settings.h"
 
 #include <iostream>
-#include <unistd.h>
 
 namespace softkey
 {
@@ -175,7 +175,7 @@ void info(Session& session, const std::string& serialNumber)
 
 void confirmRemoval(const std::string& serialNumber)
 {
-    if (isatty(STDIN_FILENO) == 0)
+    if (!isTerminal(STANDARD_INPUT))
         throw Refusal(SoftkeyStatus::BadArgument, "removing a key needs --yes");
     std::cerr << "This destroys all keys on it. Type " << serialNumber << " to remove it: ";
     std::string answer;
@@ -189,6 +189,7 @@ void remove(Session& session, const std::string& serialNumber, bool confirmed)
     const std::filesystem::path path = session.key(serialNumber)->file().path();
     if (!confirmed)
         confirmRemoval(serialNumber);
+    session.keys().close(); // Windows does not remove an open file.
     removeKeyFile(path);
     session.print({{"serial", serialNumber}}, serialNumber + " removed");
 }

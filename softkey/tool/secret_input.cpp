@@ -1,16 +1,10 @@
 #include "tool/secret_input.h"
 
 #include "status.h"
+#include "tool/quiet_terminal.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <termios.h>
 #include <unistd.h>
 
 namespace softkey
@@ -19,57 +13,6 @@ namespace
 {
 
 constexpr std::size_t LINE_MAX_SIZE = 256; // Longer than any PIN.
-
-/// The controlling terminal with echo off. Signals that would end the program wait until the echo is back, so that
-/// none of them leaves the terminal silent; the first of them ends the reading.
-class QuietTerminal
-{
-public:
-    QuietTerminal() : descriptor_(open("/dev/tty", O_RDWR | O_CLOEXEC))
-    {
-        if (descriptor_ < 0 || tcgetattr(descriptor_, &before_) != 0)
-            throw Refusal(SoftkeyStatus::PinRequired, "there is no terminal to ask on");
-        sigset_t ending;
-        sigemptyset(&ending);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-            sigaddset(&ending, signal);
-        pthread_sigmask(SIG_BLOCK, &ending, &previousMask_);
-        signals_ = signalfd(-1, &ending, SFD_CLOEXEC);
-        termios quiet = before_;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(descriptor_, TCSAFLUSH, &quiet);
-    }
-    ~QuietTerminal()
-    {
-        tcsetattr(descriptor_, TCSAFLUSH, &before_);
-        close(descriptor_);
-        close(signals_);
-        pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
-    }
-    QuietTerminal(const QuietTerminal&) = delete;
-    QuietTerminal& operator=(const QuietTerminal&) = delete;
-
-    void say(std::string_view text) const
-    {
-        [[maybe_unused]] const auto n = write(descriptor_, text.data(), text.size());
-    }
-    int descriptor() const { return descriptor_; }
-    /// Waits until input, or its end, can be read. Throws `Refusal` when a signal came.
-    void awaitInput() const
-    {
-        std::array<pollfd, 2> awaited{{{descriptor_, POLLIN, 0}, {signals_, POLLIN, 0}}};
-        while (poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
-        }
-        if (awaited[1].revents != 0)
-            throw Refusal(SoftkeyStatus::PinRequired, "interrupted");
-    }
-
-private:
-    int descriptor_;
-    int signals_ = -1;
-    termios before_{};
-    sigset_t previousMask_{};
-};
 
 /// Up to the end of the line, byte by byte: what follows belongs to the next PIN.
 Pin readLine(int descriptor, const QuietTerminal* terminal = nullptr)
@@ -80,7 +23,7 @@ Pin readLine(int descriptor, const QuietTerminal* terminal = nullptr)
         if (terminal != nullptr)
             terminal->awaitInput();
         unsigned char byte = 0;
-        const ssize_t count = ::read(descriptor, &byte, 1);
+        const auto count = ::read(descriptor, &byte, 1);
         if (count < 0)
             throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
         if (count == 0 || byte == '\n')

@@ -32,6 +32,16 @@ protected:
     }
 };
 
+/// A self-signed certificate for a key, as DER; made with the openssl command line.
+Data certificateFor(const TemporaryFolder& scratch, const std::string& subject, const std::string& keyOption)
+{
+    const std::string base = (scratch.path() / "certificate").string();
+    const Outcome made = run("openssl req -x509 -newkey " + keyOption + " -nodes -days 30 -outform DER -out " + base +
+                             ".der -keyout " + base + ".key -subj '" + subject + "'");
+    EXPECT_EQ(made.exitCode, 0) << made.error;
+    return readFile(base + ".der");
+}
+
 const std::string EC_KEY = "ec -pkeyopt ec_paramgen_curve:P-384";
 
 TEST_F(CertificatesTest, DetailsAreWhatOpensslSays)

@@ -2,17 +2,58 @@
 #include "device/device_service.h"
 
 #include <condition_variable>
-#include <dlfcn.h>
 #include <mutex>
 #include <thread>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
 
 namespace
 {
 
-template <class Function>
-Function* symbol(void* library, const char* name)
+#ifdef _WIN32
+using Library = HMODULE;
+
+Library load(const char* file)
 {
-    return reinterpret_cast<Function*>(dlsym(library, name));
+    return LoadLibraryA(file);
+}
+
+void* address(Library library, const char* name)
+{
+    return reinterpret_cast<void*>(GetProcAddress(library, name));
+}
+
+void unload(Library library)
+{
+    FreeLibrary(library);
+}
+#else
+using Library = void*;
+
+Library load(const char* file)
+{
+    return dlopen(file, RTLD_NOW | RTLD_LOCAL);
+}
+
+void* address(Library library, const char* name)
+{
+    return dlsym(library, name);
+}
+
+void unload(Library library)
+{
+    dlclose(library);
+}
+#endif
+
+template <class Function>
+Function* symbol(Library library, const char* name)
+{
+    return reinterpret_cast<Function*>(address(library, name));
 }
 
 } // namespace
@@ -22,7 +63,7 @@ int main(int argc, char** argv)
     if (argc < 3)
         return 2;
     for (int round = 0; round < 20; ++round) {
-        void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+        const Library library = load(argv[1]);
         if (library == nullptr)
             return 3;
         const auto create = symbol<void(void**)>(library, "_Z21velkor_createInstancePPv");
@@ -45,7 +86,7 @@ int main(int argc, char** argv)
         std::unique_lock lock(mutex);
         changed.wait(lock, [&] { return listed; });
         release(instance);
-        dlclose(library);
+        unload(library);
         unloaded = true;
         changed.notify_all();
         lock.unlock();

@@ -15,10 +15,13 @@
 #include <gtest/gtest.h>
 
 #include "cryptoki.h"
+#include "programs.h"
 
 namespace
 {
 
+using softkey::test::NULL_DEVICE;
+using softkey::test::softkeyTool;
 using Bytes = std::vector<unsigned char>;
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
@@ -42,9 +45,16 @@ Bytes bytesOf(const std::string& text)
     return Bytes(text.begin(), text.end());
 }
 
+/// Of bytes or a text; packed structures count with 32 bits.
+template <class Container>
+CK_ULONG sizeOf(const Container& container)
+{
+    return static_cast<CK_ULONG>(container.size());
+}
+
 CK_ATTRIBUTE attributeOf(CK_ATTRIBUTE_TYPE type, Bytes& value)
 {
-    return {type, value.data(), value.size()};
+    return {type, value.data(), sizeOf(value)};
 }
 
 CK_ATTRIBUTE attributeOf(CK_ATTRIBUTE_TYPE type, CK_ULONG& value)
@@ -89,12 +99,12 @@ protected:
     {
         std::filesystem::remove_all(folder_);
         std::filesystem::create_directories(folder_ / "tmp");
-        setenv("VELKOR_SOFTKEY_HOME", (folder_ / "keys").c_str(), 1);
-        setenv("TMPDIR", (folder_ / "tmp").c_str(), 1);
-        setenv("PIN", PIN.c_str(), 1);
-        setenv("SO_PIN", "module-so-pin", 1);
+        test_system::setEnvironment("VELKOR_SOFTKEY_HOME", (folder_ / "keys").string());
+        test_system::setTemporaryFolder(folder_ / "tmp");
+        test_system::setEnvironment("PIN", PIN);
+        test_system::setEnvironment("SO_PIN", "module-so-pin");
         std::ofstream(folder_ / "velkor.conf") << "logLevel = 0\n";
-        setenv("VELKOR_CONFIG", (folder_ / "velkor.conf").c_str(), 1);
+        test_system::setEnvironment("VELKOR_CONFIG", (folder_ / "velkor.conf").string());
         tool("create --serial MODULE1 --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
         ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     }
@@ -103,7 +113,7 @@ protected:
 
     static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
-    static void tool(const std::string& arguments) { run(SOFTKEY_TOOL " " + arguments + " >/dev/null"); }
+    static void tool(const std::string& arguments) { run(softkeyTool() + " " + arguments + " >" + NULL_DEVICE); }
 
     static CK_ULONG readSlots()
     {
@@ -124,7 +134,7 @@ protected:
 
     static CK_RV login(CK_SESSION_HANDLE session, std::string pin = PIN, CK_USER_TYPE user = CKU_USER)
     {
-        return C_Login(session, user, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), pin.size());
+        return C_Login(session, user, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), sizeOf(pin));
     }
 
     static CK_SESSION_HANDLE loggedInSession(CK_SLOT_ID slot = FIRST_SLOT)
@@ -161,7 +171,7 @@ protected:
     static KeyPair generateP256(CK_SESSION_HANDLE session)
     {
         Bytes curve = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-        return generate(session, CKK_EC, {CKA_EC_PARAMS, curve.data(), curve.size()});
+        return generate(session, CKK_EC, {CKA_EC_PARAMS, curve.data(), sizeOf(curve)});
     }
 
     static Bytes attribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
@@ -179,9 +189,9 @@ protected:
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_SignInit(session, &mechanism, key), CKR_OK);
         CK_ULONG length = 0;
-        EXPECT_EQ(C_Sign(session, data.data(), data.size(), nullptr, &length), CKR_OK);
+        EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_OK);
         Bytes signature(length);
-        EXPECT_EQ(C_Sign(session, data.data(), data.size(), signature.data(), &length), CKR_OK);
+        EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), signature.data(), &length), CKR_OK);
         return signature;
     }
 
@@ -190,7 +200,7 @@ protected:
     {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_VerifyInit(session, &mechanism, key), CKR_OK);
-        return C_Verify(session, data.data(), data.size(), signature.data(), signature.size());
+        return C_Verify(session, data.data(), sizeOf(data), signature.data(), sizeOf(signature));
     }
 
     /// The parts of the data go in one by one.
@@ -200,9 +210,9 @@ protected:
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_SignInit(session, &mechanism, key), CKR_OK);
         for (Bytes& part : parts)
-            EXPECT_EQ(C_SignUpdate(session, part.data(), part.size()), CKR_OK);
+            EXPECT_EQ(C_SignUpdate(session, part.data(), sizeOf(part)), CKR_OK);
         Bytes signature(512);
-        CK_ULONG length = signature.size();
+        CK_ULONG length = sizeOf(signature);
         EXPECT_EQ(C_SignFinal(session, signature.data(), &length), CKR_OK);
         signature.resize(length);
         return signature;
@@ -210,10 +220,10 @@ protected:
 
     static Handles find(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE> criteria)
     {
-        EXPECT_EQ(C_FindObjectsInit(session, criteria.data(), criteria.size()), CKR_OK);
+        EXPECT_EQ(C_FindObjectsInit(session, criteria.data(), sizeOf(criteria)), CKR_OK);
         Handles found(20);
         CK_ULONG count = 0;
-        EXPECT_EQ(C_FindObjects(session, found.data(), found.size(), &count), CKR_OK);
+        EXPECT_EQ(C_FindObjects(session, found.data(), sizeOf(found), &count), CKR_OK);
         EXPECT_EQ(C_FindObjectsFinal(session), CKR_OK);
         found.resize(count);
         return found;
@@ -312,7 +322,7 @@ protected:
     }
 
     std::filesystem::path folder_ =
-        std::filesystem::current_path() / "scratch" / testing::UnitTest::GetInstance()->current_test_info()->name();
+        test_system::scratchFolder(testing::UnitTest::GetInstance()->current_test_info()->name());
     const Bytes data_ = {'d', 'a', 't', 'a'};
 };
 
@@ -345,6 +355,7 @@ TEST_F(ModuleOverSoftkeyTest, SignaturesOfEveryHashMechanismVerify)
 
 TEST_F(ModuleOverSoftkeyTest, OpensslAcceptsASignatureOfAnImportedKey)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     const std::string key = (folder_ / "key").string();
     run("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + key + " 2>/dev/null");
     run("openssl pkey -in " + key + " -pubout -out " + key + ".pub");
@@ -370,7 +381,7 @@ TEST_F(ModuleOverSoftkeyTest, WhatIsEncryptedIsDecrypted)
         CK_ULONG length = 0;
         CK_ULONG plainLength = 0;
         ASSERT_EQ(C_EncryptInit(session, &mechanism, keys.publicKey), CKR_OK);
-        ASSERT_EQ(C_Encrypt(session, data.data(), data.size(), ciphertext.data(), &length), CKR_OK);
+        ASSERT_EQ(C_Encrypt(session, data.data(), sizeOf(data), ciphertext.data(), &length), CKR_OK);
         ASSERT_EQ(C_DecryptInit(session, &mechanism, keys.privateKey), CKR_OK);
         ASSERT_EQ(C_Decrypt(session, ciphertext.data(), length, plaintext.data(), &plainLength), CKR_OK);
         EXPECT_EQ(Bytes(plaintext.begin(), plaintext.begin() + plainLength), data_);
@@ -384,7 +395,7 @@ TEST_F(ModuleOverSoftkeyTest, TwoKeyPairsDeriveTheSameSecret)
     const KeyPair second = generateP256(session);
     const auto derive = [&](CK_OBJECT_HANDLE own, CK_OBJECT_HANDLE peer) {
         Bytes point = attribute(session, peer, CKA_VALUE);
-        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, point.size(), point.data()};
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
         EXPECT_EQ(C_DeriveKey(session, &mechanism, own, nullptr, 0, &secret), CKR_OK);
@@ -397,11 +408,12 @@ TEST_F(ModuleOverSoftkeyTest, TwoKeyPairsDeriveTheSameSecret)
 
 TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     const CK_SESSION_HANDLE session = loggedInSession();
     const KeyPair keys = generateP256(session);
     Bytes point = attribute(session, keys.publicKey, CKA_VALUE);
     const auto derive = [&](CK_ULONG function, CK_OBJECT_HANDLE& secret) {
-        CK_ECDH1_DERIVE_PARAMS parameter = {function, 0, nullptr, point.size(), point.data()};
+        CK_ECDH1_DERIVE_PARAMS parameter = {function, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         return C_DeriveKey(session, &mechanism, keys.privateKey, nullptr, 0, &secret);
     };
@@ -438,7 +450,7 @@ TEST_F(ModuleOverSoftkeyTest, KeysAreUsedByLoggedInUsersOnly)
     Bytes data = data_;
     CK_ULONG length = 0;
     ASSERT_EQ(C_SignInit(session, &mechanism, keys.privateKey), CKR_OK);
-    EXPECT_EQ(C_Sign(session, data.data(), data.size(), nullptr, &length), CKR_FUNCTION_FAILED);
+    EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_FUNCTION_FAILED);
 }
 
 TEST_F(ModuleOverSoftkeyTest, PinChangeIsSeenByTheNextLogin)
@@ -446,8 +458,8 @@ TEST_F(ModuleOverSoftkeyTest, PinChangeIsSeenByTheNextLogin)
     const CK_SESSION_HANDLE session = openSession();
     std::string newPin = "another-pin";
     std::string oldPin = PIN;
-    ASSERT_EQ(C_SetPIN(session, reinterpret_cast<CK_UTF8CHAR_PTR>(oldPin.data()), oldPin.size(),
-                       reinterpret_cast<CK_UTF8CHAR_PTR>(newPin.data()), newPin.size()),
+    ASSERT_EQ(C_SetPIN(session, reinterpret_cast<CK_UTF8CHAR_PTR>(oldPin.data()), sizeOf(oldPin),
+                       reinterpret_cast<CK_UTF8CHAR_PTR>(newPin.data()), sizeOf(newPin)),
               CKR_OK);
     EXPECT_EQ(login(session), CKR_PIN_INCORRECT);
     EXPECT_EQ(login(session, newPin), CKR_OK);
@@ -478,13 +490,14 @@ TEST_F(ModuleOverSoftkeyTest, GeneratedSizesAndCurvesAreReported)
         {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, 133},
     };
     for (auto [curve, pointSize] : curves) {
-        const KeyPair keys = generate(session, CKK_EC, {CKA_EC_PARAMS, curve.data(), curve.size()});
+        const KeyPair keys = generate(session, CKK_EC, {CKA_EC_PARAMS, curve.data(), sizeOf(curve)});
         EXPECT_EQ(attribute(session, keys.publicKey, CKA_VALUE).size(), pointSize);
     }
 }
 
 TEST_F(ModuleOverSoftkeyTest, ObjectsAreFoundByClassIdAndLabel)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     tool("generate MODULE1 P-256 --label one --id 01 --pin-env PIN");
     tool("generate MODULE1 RSA-2048 --label two --id 0202 --pin-env PIN");
     makeCertificate("three", "");
@@ -516,7 +529,8 @@ TEST_F(ModuleOverSoftkeyTest, ObjectsAreFoundByClassIdAndLabel)
 
 TEST_F(ModuleOverSoftkeyTest, ACertificateBringsItsIssuersFromDisk)
 {
-    setenv("VELKOR_HOME", folder_.c_str(), 1);
+    REQUIRE_OPENSSL_PROGRAM();
+    test_system::setEnvironment("VELKOR_HOME", folder_.string());
     std::filesystem::create_directories(folder_ / "VelkorDSC" / "Certificates");
     makeCertificate("root", "");
     makeCertificate("middle", "root");
@@ -550,11 +564,12 @@ TEST_F(ModuleOverSoftkeyTest, ACertificateBringsItsIssuersFromDisk)
     EXPECT_EQ(attribute(session, created, CKA_ID), id);
     EXPECT_EQ(attribute(session, created, CKA_LABEL), label);
     EXPECT_EQ(attribute(session, found[0], CKA_LABEL), bytesOf("root"));
-    unsetenv("VELKOR_HOME");
+    test_system::removeEnvironment("VELKOR_HOME");
 }
 
 TEST_F(ModuleOverSoftkeyTest, AnImportedRsaKeySignsAndOpensslAccepts)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     makeKey("rsa", "RSA -pkeyopt rsa_keygen_bits:2048");
     openssl("rsa -in " + path("rsa") + " -traditional -outform DER -out " + path("rsa.der"));
     const std::vector<DerPart> numbers = derParts("rsa.der", 1); // Version, n, e, d, p, q and so on.
@@ -585,6 +600,7 @@ TEST_F(ModuleOverSoftkeyTest, AnImportedRsaKeySignsAndOpensslAccepts)
 
 TEST_F(ModuleOverSoftkeyTest, LabelAndIdChangeOnTheDevice)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     tool("generate MODULE1 P-256 --label before --id 01 --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
     Bytes label = bytesOf("after");
@@ -595,7 +611,7 @@ TEST_F(ModuleOverSoftkeyTest, LabelAndIdChangeOnTheDevice)
         EXPECT_EQ(attribute(session, half, CKA_LABEL), label);
         EXPECT_EQ(attribute(session, half, CKA_ID), id);
     }
-    const Bytes info = output(SOFTKEY_TOOL " info MODULE1");
+    const Bytes info = output(softkeyTool() + " info MODULE1");
     EXPECT_NE(std::string(info.begin(), info.end()).find("id abcd  after"), std::string::npos);
     ASSERT_EQ(C_Logout(session), CKR_OK);
     EXPECT_EQ(C_SetAttributeValue(session, 0x70000001, changes, 2), CKR_FUNCTION_FAILED);
@@ -603,6 +619,7 @@ TEST_F(ModuleOverSoftkeyTest, LabelAndIdChangeOnTheDevice)
 
 TEST_F(ModuleOverSoftkeyTest, DigestsAreThoseOfOpenssl)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     const CK_SESSION_HANDLE session = loggedInSession();
     Bytes data(100'000, 'x');
     const std::string file = write("data", data);
@@ -616,14 +633,14 @@ TEST_F(ModuleOverSoftkeyTest, DigestsAreThoseOfOpenssl)
         const Bytes expected = output("openssl dgst -" + name + " -binary " + file);
         CK_MECHANISM mechanism = {type, nullptr, 0};
         Bytes digest(64);
-        CK_ULONG length = digest.size();
+        CK_ULONG length = sizeOf(digest);
         ASSERT_EQ(C_DigestInit(session, &mechanism), CKR_OK);
-        ASSERT_EQ(C_Digest(session, data.data(), data.size(), digest.data(), &length), CKR_OK);
+        ASSERT_EQ(C_Digest(session, data.data(), sizeOf(data), digest.data(), &length), CKR_OK);
         EXPECT_EQ(Bytes(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
         ASSERT_EQ(C_DigestInit(session, &mechanism), CKR_OK);
         ASSERT_EQ(C_DigestUpdate(session, data.data(), 1), CKR_OK);
-        ASSERT_EQ(C_DigestUpdate(session, data.data() + 1, data.size() - 1), CKR_OK);
-        length = digest.size();
+        ASSERT_EQ(C_DigestUpdate(session, data.data() + 1, sizeOf(data) - 1), CKR_OK);
+        length = sizeOf(digest);
         ASSERT_EQ(C_DigestFinal(session, digest.data(), &length), CKR_OK);
         EXPECT_EQ(Bytes(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
     }
@@ -631,6 +648,7 @@ TEST_F(ModuleOverSoftkeyTest, DigestsAreThoseOfOpenssl)
 
 TEST_F(ModuleOverSoftkeyTest, MultiPartSignaturesAreAcceptedByOpenssl)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     makeKey("rsa", "RSA -pkeyopt rsa_keygen_bits:2048");
     makeKey("ec", "EC -pkeyopt ec_paramgen_curve:P-256");
     tool("import-key MODULE1 " + path("rsa") + " --pin-env PIN");
@@ -652,8 +670,8 @@ TEST_F(ModuleOverSoftkeyTest, RandomNumbersAreDrawn)
     const CK_SESSION_HANDLE session = openSession();
     Bytes first(1 << 20);
     Bytes second(1 << 20);
-    ASSERT_EQ(C_GenerateRandom(session, first.data(), first.size()), CKR_OK);
-    ASSERT_EQ(C_GenerateRandom(session, second.data(), second.size()), CKR_OK);
+    ASSERT_EQ(C_GenerateRandom(session, first.data(), sizeOf(first)), CKR_OK);
+    ASSERT_EQ(C_GenerateRandom(session, second.data(), sizeOf(second)), CKR_OK);
     std::array<std::size_t, 256> counts{};
     for (const unsigned char byte : first)
         ++counts[byte];
@@ -672,7 +690,7 @@ TEST_F(ModuleOverSoftkeyTest, RandomNumbersAreDrawn)
 
 TEST_F(ModuleOverSoftkeyTest, TokenInformationIsThatOfTheKey)
 {
-    tool("create --serial AAA --label 'Second key' --model 'VK2 FIPS' --firmware 1.9.9 --tries 7 --tries-left 2 "
+    tool("create --serial AAA --label \"Second key\" --model \"VK2 FIPS\" --firmware 1.9.9 --tries 7 --tries-left 2 "
          "--pin-changed --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
     ASSERT_EQ(readSlots(), 2u);
     CK_SLOT_INFO slot{};
@@ -707,7 +725,7 @@ TEST_F(ModuleOverSoftkeyTest, TheSecurityOfficerLogsInAndUsesNoKey)
     ASSERT_EQ(initSign(session, CKM_ECDSA_SHA256, 0x70000001), CKR_OK);
     Bytes data = data_;
     CK_ULONG length = 0;
-    EXPECT_EQ(C_Sign(session, data.data(), data.size(), nullptr, &length), CKR_FUNCTION_FAILED);
+    EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_FUNCTION_FAILED);
     ASSERT_EQ(C_Logout(session), CKR_OK);
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
@@ -715,7 +733,7 @@ TEST_F(ModuleOverSoftkeyTest, TheSecurityOfficerLogsInAndUsesNoKey)
 TEST_F(ModuleOverSoftkeyTest, ModelAndFirmwareDecideOnMechanisms)
 {
     const std::string pins = " --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN";
-    tool("create --serial FIPS1 --model 'VK2 FIPS'" + pins);
+    tool("create --serial FIPS1 --model \"VK2 FIPS\"" + pins);
     tool("create --serial OLD1 --firmware 1.9.9" + pins);
     for (const std::string serial : {"FIPS1", "MODULE1", "OLD1"}) {
         tool("generate " + serial + " RSA-2048 --pin-env PIN");
@@ -743,7 +761,7 @@ TEST_F(ModuleOverSoftkeyTest, ModelAndFirmwareDecideOnMechanisms)
         EXPECT_EQ(initInNewSession(slot, CKM_SHA256_RSA_PKCS, rsa, C_SignInit), CKR_OK);
         const CK_SESSION_HANDLE session = openSession(slot);
         Bytes point = attribute(session, 0x70001002, CKA_VALUE);
-        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, point.size(), point.data()};
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
         EXPECT_EQ(C_DeriveKey(session, &mechanism, ec, nullptr, 0, &secret), expected);
@@ -752,6 +770,7 @@ TEST_F(ModuleOverSoftkeyTest, ModelAndFirmwareDecideOnMechanisms)
 
 TEST_F(ModuleOverSoftkeyTest, AnRsa1024PairDoesNotSignButDecryptsAndVerifies)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     makeKey("small", "RSA -pkeyopt rsa_keygen_bits:1024");
     tool("import-key MODULE1 " + path("small") + " --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
@@ -765,14 +784,15 @@ TEST_F(ModuleOverSoftkeyTest, AnRsa1024PairDoesNotSignButDecryptsAndVerifies)
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(C_DecryptInit(session, &mechanism, 0x70000001), CKR_OK);
     Bytes plaintext(128);
-    CK_ULONG length = plaintext.size();
-    ASSERT_EQ(C_Decrypt(session, ciphertext.data(), ciphertext.size(), plaintext.data(), &length), CKR_OK);
+    CK_ULONG length = sizeOf(plaintext);
+    ASSERT_EQ(C_Decrypt(session, ciphertext.data(), sizeOf(ciphertext), plaintext.data(), &length), CKR_OK);
     plaintext.resize(length);
     EXPECT_EQ(plaintext, data_);
 }
 
 TEST_F(ModuleOverSoftkeyTest, DeletedObjectsAreGoneFromTheDevice)
 {
+    REQUIRE_OPENSSL_PROGRAM();
     tool("generate MODULE1 P-256 --label kept --pin-env PIN");
     tool("generate MODULE1 P-256 --label dropped --pin-env PIN");
     makeCertificate("three", "");
@@ -786,7 +806,7 @@ TEST_F(ModuleOverSoftkeyTest, DeletedObjectsAreGoneFromTheDevice)
     EXPECT_EQ(find(session, {}), (Handles{0x70001001, 0x70000001}));
     CK_ULONG size = 0;
     EXPECT_EQ(C_GetObjectSize(session, 0x70001002, &size), CKR_OBJECT_HANDLE_INVALID);
-    const Bytes shown = output(SOFTKEY_TOOL " info MODULE1");
+    const Bytes shown = output(softkeyTool() + " info MODULE1");
     const std::string info(shown.begin(), shown.end());
     EXPECT_NE(info.find("kept"), std::string::npos);
     EXPECT_EQ(info.find("dropped"), std::string::npos);

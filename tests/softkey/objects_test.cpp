@@ -32,10 +32,10 @@ protected:
                                            instance);
     }
 
-    VelkorCertificate certificate(const std::string& subject, const std::string& label = "") const
+    VelkorCertificate certificate(const std::string& commonName, const std::string& label = "") const
     {
         VelkorCertificate made;
-        made.der = certificateFor(scratch, subject, "ec -pkeyopt ec_paramgen_curve:P-256");
+        made.der = certificateNamed(commonName);
         std::copy(label.begin(), label.end(), made.label);
         return made;
     }
@@ -296,7 +296,7 @@ TEST_F(ObjectsTest, ComponentsThatMakeNoKeyAreRefused)
 
 TEST_F(ObjectsTest, ACertificateIsStoredAndListed)
 {
-    VelkorCertificate request = certificate("/CN=One", "label");
+    VelkorCertificate request = certificate("One", "label");
     request.objectId[0] = 7;
     request.objectIdLength = 1;
     ASSERT_EQ(import(request), 0);
@@ -313,8 +313,8 @@ TEST_F(ObjectsTest, ACertificateIsStoredAndListed)
 
 TEST_F(ObjectsTest, TheSameCertificateTwiceIsOneCertificate)
 {
-    VelkorCertificate first = certificate("/CN=One", "label");
-    VelkorCertificate other = certificate("/CN=Two");
+    VelkorCertificate first = certificate("One", "label");
+    VelkorCertificate other = certificate("Two");
     ASSERT_EQ(import(first), 0);
     ASSERT_EQ(import(other), 0);
     VelkorCertificate again;
@@ -329,7 +329,7 @@ TEST_F(ObjectsTest, TheSameCertificateTwiceIsOneCertificate)
 
 TEST_F(ObjectsTest, WhatIsNoCertificateIsRefused)
 {
-    const VelkorCertificate good = certificate("/CN=One");
+    const VelkorCertificate good = certificate("One");
     const auto refused = [&](auto change, SoftkeyStatus status = SoftkeyStatus::BadCertificate) {
         VelkorCertificate request = good;
         change(request);
@@ -348,7 +348,7 @@ TEST_F(ObjectsTest, WhatIsNoCertificateIsRefused)
 
 TEST_F(ObjectsTest, ACertificateIsDeleted)
 {
-    VelkorCertificate request = certificate("/CN=One");
+    VelkorCertificate request = certificate("One");
     ASSERT_EQ(import(request), 0);
     const auto removeIt = [&](const char* pin) {
         return velkor_deleteCertificate(SERIAL, request.certificateIdentifier, pin, instance);
@@ -366,7 +366,7 @@ TEST_F(ObjectsTest, EveryChangeNeedsThePin)
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "label");
     const Data before = readFile(keyPath());
     ImportPFXDetails details = importOf(signatureVectorKey());
-    VelkorCertificate request = certificate("/CN=One");
+    VelkorCertificate request = certificate("One");
     VelkorKeyPair pairRequest;
     const int required = code(SoftkeyStatus::PinRequired);
     EXPECT_EQ(velkor_importPfx(SERIAL, "", &details, instance), required);

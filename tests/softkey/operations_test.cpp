@@ -100,7 +100,7 @@ protected:
           rsaSignature(sign(rsa, hash)),
           ecSignature(sign(ec, hash))
     {
-        certificate.der = certificateFor(scratch, "/CN=Operations", "ec -pkeyopt ec_paramgen_curve:P-256");
+        certificate.der = certificateNamed("Operations");
         EXPECT_EQ(velkor_importCertificate(SERIAL, PIN, &certificate, instance), 0);
         int size = 0;
         EXPECT_EQ(velkor_encrypt(EncryptionType::Rsa1024, PaddingMode::Oaep, hash.data(), 32, out.data(), &size,

@@ -213,8 +213,7 @@ TEST_F(ProcessesTest, KilledAtAnyMomentNothingReportedIsLostAndNoTryIsGained)
     components.insert(components.end(), rsa.privateExponent.begin(), rsa.privateExponent.end());
     components.insert(components.end(), rsa.prime1.begin(), rsa.prime1.end());
     const std::string componentsFile = scratch.file("rsa", components);
-    const std::string certificate =
-        scratch.file("c.der", certificateFor(scratch, "/CN=Crash", "ec -pkeyopt ec_paramgen_curve:P-256"));
+    const std::string certificate = scratch.file("c.der", certificateNamed("Crash"));
     std::mt19937 random(20240229);
     // A round of the process has fifteen lines; the moment of the kill is in any of its steps.
     std::uniform_int_distribution<std::size_t> linesBefore(1, 16);

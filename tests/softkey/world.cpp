@@ -1,17 +1,16 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "test_system.h"
 
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/param_build.h>
 #include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace softkey::test
 {
@@ -62,12 +61,20 @@ Outcome run(const std::string& command, const std::string& input)
     const std::string in = folder.file("in", bytesOf(input));
     const std::string out = (folder.path() / "out").string();
     const std::string error = (folder.path() / "error").string();
+#ifdef _WIN32
+    const int exitCode = std::system((command + " <" + in + " >" + out + " 2>" + error).c_str());
+#else
     const int status = std::system(("{ " + command + "\n} <" + in + " >" + out + " 2>" + error).c_str());
+    const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#endif
     const auto textOf = [](const std::string& path) {
-        const Data content = readFile(path);
+        Data content = readFile(path);
+#ifdef _WIN32
+        std::erase(content, '\r');
+#endif
         return std::string(content.begin(), content.end());
     };
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, textOf(out), textOf(error)};
+    return {exitCode, textOf(out), textOf(error)};
 }
 
 int code(SoftkeyStatus status)
@@ -77,8 +84,8 @@ int code(SoftkeyStatus status)
 
 TemporaryFolder::TemporaryFolder()
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "softkey-test-XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
+    path_ = std::filesystem::temp_directory_path() / ("softkey-test-" + randomSerialNumber());
+    std::filesystem::create_directory(path_);
 }
 
 TemporaryFolder::~TemporaryFolder()
@@ -103,7 +110,7 @@ KeySettings cheapSettings(const std::string& serialNumber)
 
 SoftkeyTest::SoftkeyTest()
 {
-    setenv("VELKOR_SOFTKEY_HOME", home.path().c_str(), 1);
+    test_system::setEnvironment("VELKOR_SOFTKEY_HOME", home.path().string());
     createKey(cheapSettings(SERIAL));
     velkor_createInstance(&instance);
 }
@@ -271,13 +278,24 @@ Data publicKeyInfo(const VelkorKeyPair& key)
     return Data(der, der + size);
 }
 
-Data certificateFor(const TemporaryFolder& scratch, const std::string& subject, const std::string& keyOption)
+Data certificateNamed(const std::string& commonName)
 {
-    const std::string base = (scratch.path() / "certificate").string();
-    const Outcome made = run("openssl req -x509 -newkey " + keyOption + " -nodes -days 30 -outform DER -out " + base +
-                             ".der -keyout " + base + ".key -subj '" + subject + "'");
-    EXPECT_EQ(made.exitCode, 0) << made.error;
-    return readFile(base + ".der");
+    const EvpKey key(EVP_EC_gen("P-256"));
+    const Certificate certificate(X509_new());
+    X509_set_version(certificate.get(), X509_VERSION_3);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
+    X509_NAME* name = X509_get_subject_name(certificate.get());
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName.c_str()),
+                               -1, -1, 0);
+    X509_set_issuer_name(certificate.get(), name);
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400);
+    X509_set_pubkey(certificate.get(), key.get());
+    EXPECT_GT(X509_sign(certificate.get(), key.get(), EVP_sha256()), 0);
+    unsigned char* der = nullptr;
+    const int size = i2d_X509(certificate.get(), &der);
+    const OpenSslBytes owner(der);
+    return Data(der, der + size);
 }
 
 const char* const LAYOUT_1 = R"sql(

@@ -4,6 +4,7 @@
 
 #include "crypto/openssl.h"
 #include "device/device_service.h"
+#include "programs.h"
 #include "status.h"
 #include "store/key_settings.h"
 #include "store/keys_folder.h"
@@ -106,7 +107,7 @@ std::string publicKeyPem(const VelkorKeyPair& key);
 Data publicKeyInfo(const VelkorKeyPair& key);
 Data publicKeyBytes(const VelkorKeyPair& key);
 
-/// A self-signed certificate for a key, as DER; made with the openssl command line.
-Data certificateFor(const TemporaryFolder& scratch, const std::string& subject, const std::string& keyOption);
+/// A self-signed certificate for a new P-256 key, as DER.
+Data certificateNamed(const std::string& commonName);
 
 } // namespace softkey::test

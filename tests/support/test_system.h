@@ -47,6 +47,9 @@ void* moduleSymbol(const std::filesystem::path& file, const char* name);
 /// Does `work` while no thread can be created.
 void withoutNewThreads(const std::function<void()>& work);
 
+/// Whether this runs in the emulation of an ARM64 Windows, which is no whole one.
+bool isEmulatedArm64();
+
 /// Whether what several threads append to a file at once comes out whole. Where not, that needs a lock of the host.
 bool appendingIsOneStep();
 

@@ -88,6 +88,11 @@ void withoutNewThreads(const std::function<void()>& work)
     require(pthread_setattr_default_np(&usual) == 0, "usual stacks");
 }
 
+bool isEmulatedArm64()
+{
+    return false;
+}
+
 bool appendingIsOneStep()
 {
     return true;

@@ -203,6 +203,15 @@ void withoutNewThreads(const std::function<void()>& work)
     replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(&_beginthreadex));
 }
 
+bool isEmulatedArm64()
+{
+#if defined(__aarch64__) || defined(_M_ARM64)
+    return GetProcAddress(GetModuleHandleA("ntdll"), "wine_get_version") != nullptr;
+#else
+    return false;
+#endif
+}
+
 bool appendingIsOneStep()
 {
     return false;

@@ -1,0 +1,59 @@
+#include "store/draft.h"
+
+#include "crypto/openssl.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace softkey
+{
+namespace
+{
+
+class Descriptor
+{
+public:
+    Descriptor(const std::filesystem::path& path, int flags) : value_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
+    ~Descriptor()
+    {
+        if (value_ >= 0)
+            close(value_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    bool isOpen() const { return value_ >= 0; }
+    bool synchronise() const { return fsync(value_) == 0; }
+
+private:
+    int value_;
+};
+
+} // namespace
+
+Draft::Draft(std::filesystem::path path) : path_(std::move(path))
+{
+    // Made here, so that it never exists with wider permissions.
+    require(Descriptor(path_, O_RDWR | O_CREAT | O_EXCL).isOpen(), SoftkeyStatus::StorageFailed);
+}
+
+Draft::~Draft()
+{
+    unlink(path_.c_str());
+}
+
+void Draft::publish(const std::filesystem::path& destination) const
+{
+    require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
+    // A journal without its file, which was taken away by hand, would be played into the new one.
+    if (access(destination.c_str(), F_OK) != 0)
+        unlink(journalOf(destination).c_str());
+    // A link, unlike a renaming, never replaces a key that is there.
+    const int failure = link(path_.c_str(), destination.c_str()) == 0 ? 0 : errno;
+    require(failure != EEXIST, SoftkeyStatus::AlreadyExists);
+    require(failure == 0, SoftkeyStatus::StorageFailed);
+    const Descriptor folder(destination.parent_path(), O_RDONLY | O_DIRECTORY);
+    require(folder.synchronise(), SoftkeyStatus::StorageFailed);
+}
+
+} // namespace softkey

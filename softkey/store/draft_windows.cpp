@@ -1,0 +1,49 @@
+#include "store/draft.h"
+
+#include "crypto/openssl.h"
+
+#include <windows.h>
+
+namespace softkey
+{
+namespace
+{
+
+/// Opens a file, does nothing or writes it to the disk, closes it.
+bool visit(const std::filesystem::path& path, DWORD disposition)
+{
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, disposition,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    const bool written = FlushFileBuffers(file) != 0;
+    CloseHandle(file);
+    return written;
+}
+
+} // namespace
+
+Draft::Draft(std::filesystem::path path) : path_(std::move(path))
+{
+    require(visit(path_, CREATE_NEW), SoftkeyStatus::StorageFailed);
+}
+
+Draft::~Draft()
+{
+    DeleteFileW(path_.c_str());
+}
+
+void Draft::publish(const std::filesystem::path& destination) const
+{
+    require(visit(path_, OPEN_EXISTING), SoftkeyStatus::StorageFailed);
+    // A journal without its file, which was taken away by hand, would be played into the new one.
+    if (GetFileAttributesW(destination.c_str()) == INVALID_FILE_ATTRIBUTES)
+        DeleteFileW(journalOf(destination).c_str());
+    // Unless it is told to, this never replaces a key that is there.
+    const DWORD failure =
+        MoveFileExW(path_.c_str(), destination.c_str(), MOVEFILE_WRITE_THROUGH) != 0 ? 0 : GetLastError();
+    require(failure != ERROR_ALREADY_EXISTS && failure != ERROR_FILE_EXISTS, SoftkeyStatus::AlreadyExists);
+    require(failure == 0, SoftkeyStatus::StorageFailed);
+}
+
+} // namespace softkey

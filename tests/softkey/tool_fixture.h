@@ -1,0 +1,63 @@
+// The command-line tool, run as its users run it.
+#pragma once
+
+#include "world.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+
+namespace softkey::test
+{
+
+using nlohmann::json;
+
+class ToolTest : public SoftkeyTest
+{
+protected:
+    ToolTest()
+    {
+        test_system::setEnvironment("USER_PIN", PIN);
+        test_system::setEnvironment("OFFICER_PIN", SO_PIN);
+        test_system::setEnvironment("WRONG", WRONG_PIN);
+    }
+
+    static Outcome tool(const std::string& arguments, const std::string& input = {})
+    {
+        return run(softkeyTool() + " " + arguments, input);
+    }
+    /// The result of a command that must succeed.
+    static json result(const std::string& arguments)
+    {
+        const Outcome outcome = tool("--json " + arguments);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
+        EXPECT_EQ(outcome.error, "");
+        return json::parse(outcome.out);
+    }
+    /// A command that must fail with that code and one line of reason.
+    static void expectFailure(const std::string& arguments, int exitCode, const std::string& input = {})
+    {
+        const Outcome outcome = tool(arguments, input);
+        EXPECT_EQ(outcome.exitCode, exitCode) << arguments;
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_TRUE(outcome.error.starts_with("velkor-softkey: ")) << outcome.error;
+        EXPECT_EQ(std::count(outcome.error.begin(), outcome.error.end(), '\n'), 1) << outcome.error;
+        EXPECT_EQ(outcome.error.find(PIN), std::string::npos);
+    }
+
+    std::string path(const std::string& name) const { return (scratch.path() / name).string(); }
+
+    void makeKeyAndCertificate() const
+    {
+        ASSERT_EQ(run("openssl req -x509 -newkey rsa:2048 -nodes -days 9 -subj /CN=Tool -keyout " + path("k.pem") +
+                      " -out " + path("c.pem") + " && openssl x509 -in " + path("c.pem") + " -outform DER -out " +
+                      path("c.der"))
+                      .exitCode,
+                  0);
+    }
+};
+
+inline const std::string WITH_PIN = " --pin-env USER_PIN";
+inline const std::string WITH_PINS = " --pin-env USER_PIN --so-pin-env OFFICER_PIN --scrypt-cost 4";
+
+} // namespace softkey::test

@@ -1,0 +1,141 @@
+// The command-line tool as it is on POSIX alone: on a terminal, with an output that is full, with files that are
+// removed while they are in use.
+#include "tool_fixture.h"
+
+#include <array>
+#include <csignal>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace softkey::test
+{
+namespace
+{
+
+TEST_F(ToolTest, RemovingNeedsConsent)
+{
+    expectFailure("remove KEY1", 2);
+    EXPECT_EQ(devices().size(), 1U);
+    generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(tool("remove KEY1 --yes").exitCode, 0);
+    EXPECT_EQ(devices().size(), 0U);
+    EXPECT_TRUE(std::filesystem::is_empty(home.path()));
+    expectFailure("remove KEY1 --yes", 5);
+}
+
+TEST_F(ToolTest, WithoutATerminalOrASourceThereIsNoPin)
+{
+    const Outcome outcome = run("setsid " + softkeyTool() + " generate KEY1 P-256");
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_NE(outcome.error.find("no terminal"), std::string::npos);
+}
+
+/// Runs the tool on a terminal of its own and answers its prompts; returns all that the terminal showed.
+std::string onTerminal(const std::vector<std::string>& arguments, const std::vector<std::string>& answers,
+                       int& exitCode)
+{
+    int terminal = -1;
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (process == 0) {
+        std::vector<char*> argv{const_cast<char*>(SOFTKEY_TOOL)};
+        for (const std::string& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        execv(SOFTKEY_TOOL, argv.data());
+        _exit(99);
+    }
+    std::string shown;
+    std::size_t prompts = 0;
+    std::array<char, 256> buffer{};
+    for (ssize_t size = 0; (size = read(terminal, buffer.data(), buffer.size())) > 0;) {
+        shown.append(buffer.data(), static_cast<std::size_t>(size));
+        if (shown.ends_with(": ") && prompts < answers.size()) {
+            const std::string line = answers[prompts++] + "\n";
+            EXPECT_EQ(write(terminal, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+        }
+    }
+    int status = 0;
+    waitpid(process, &status, 0);
+    close(terminal);
+    exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return shown;
+}
+
+TEST_F(ToolTest, PromptsShowNoPinAndAskTwiceForANewOne)
+{
+    int exitCode = -1;
+    const std::vector<std::string> create{"create", "--serial", "ASKED", "--scrypt-cost", "4"};
+    const std::string shown = onTerminal(create, {"secret-1", "secret-1", "secret-2", "secret-2"}, exitCode);
+    EXPECT_EQ(exitCode, 0) << shown;
+    EXPECT_EQ(shown.find("secret"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("user PIN again: "), std::string::npos);
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-1", 1, &tries, instance), 0);
+    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-2", 2, &tries, instance), 0);
+    onTerminal({"create", "--serial", "DIFF"}, {"secret-1", "secret-x"}, exitCode);
+    EXPECT_EQ(exitCode, 3);
+}
+
+TEST_F(ToolTest, AnInterruptedPromptLeavesTheTerminalAsItWas)
+{
+    int terminal = -1;
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (process == 0) {
+        execl(SOFTKEY_TOOL, SOFTKEY_TOOL, "generate", "KEY1", "P-256", nullptr);
+        _exit(99);
+    }
+    const auto echoes = [&] {
+        termios settings{};
+        EXPECT_EQ(tcgetattr(terminal, &settings), 0);
+        return (settings.c_lflag & ECHO) != 0;
+    };
+    std::string shown;
+    std::array<char, 256> buffer{};
+    while (!shown.ends_with(": ")) {
+        const ssize_t size = read(terminal, buffer.data(), buffer.size());
+        ASSERT_GT(size, 0) << shown;
+        shown.append(buffer.data(), static_cast<std::size_t>(size));
+    }
+    EXPECT_FALSE(echoes());
+    EXPECT_EQ(write(terminal, "12\x03", 3), 3);
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT);
+    EXPECT_TRUE(echoes());
+    close(terminal);
+}
+
+TEST_F(ToolTest, LongWorkShowsProgressOnATerminalOnly)
+{
+    int exitCode = -1;
+    const std::string shown = onTerminal({"generate", "KEY1", "RSA-2048", "--pin-env", "USER_PIN"}, {}, exitCode);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_NE(shown.find("generating RSA-2048 ."), std::string::npos) << shown;
+    EXPECT_EQ(tool("generate KEY1 RSA-2048" + WITH_PIN).error, "");
+}
+
+TEST_F(ToolTest, RemovingAsksOnATerminal)
+{
+    int exitCode = -1;
+    onTerminal({"remove", "KEY1"}, {"no"}, exitCode);
+    EXPECT_EQ(exitCode, 2);
+    EXPECT_EQ(devices().size(), 1U);
+    onTerminal({"remove", "KEY1"}, {"KEY1"}, exitCode);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(devices().size(), 0U);
+}
+
+TEST_F(ToolTest, AnOutputThatCannotBeWrittenIsAFailure)
+{
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    expectFailure("export-certificate KEY1 1 --out /dev/full", 9);
+    expectFailure("export-certificate KEY1 1 --out " + path("no/such/folder"), 9);
+    for (const std::string arguments : {"export-certificate KEY1 1", "list", "info KEY1 --json"})
+        expectFailure(arguments + " >/dev/full", 9);
+}
+
+} // namespace
+} // namespace softkey::test
