@@ -2,14 +2,12 @@
 # Builds what the software key needs on Windows, static, from Debian's sources: libcrypto and SQLite. Beside them come
 # the two libraries of the tool that are headers only.
 #   scripts/build-windows-libraries.sh x64|arm64 TOOLS      into TOOLS/libraries-ARCHITECTURE, once
-# scripts/setup-windows.sh calls it with the compilers installed.
+# To build them from newer sources, remove that folder. The exit code is 3 when the sources cannot be had.
+# scripts/setup-windows.sh calls it, with the compilers installed, one call at a time.
 set -euo pipefail
 architecture=$1
 tools=$2
 target=$tools/libraries-$architecture
-made_by=$(sha256sum <"$0")
-[ "$(cat "$target/complete" 2>/dev/null)" != "$made_by" ] || exit 0
-echo "Building: OpenSSL and SQLite for Windows on $architecture"
 
 case $architecture in
 x64)
@@ -23,9 +21,14 @@ arm64)
     flags=(-D__USE_MINGW_ANSI_STDIO=1 -fno-sanitize=undefined) # Those of cmake/windows-arm64.cmake.
     ;;
 esac
-# This version of OpenSSL has no assembler code for Windows on ARM64.
+# This version of OpenSSL has no assembler code for Windows on ARM64, and AES must not tell its key by its timing.
 no_assembler=()
-[ "$architecture" != arm64 ] || no_assembler=(no-asm)
+[ "$architecture" != arm64 ] || no_assembler=(no-asm -DOPENSSL_AES_CONST_TIME)
+
+made_by=$({ cat "$0" && "$compiler" --version; } | sha256sum)
+[ "$(cat "$target/complete" 2>/dev/null)" != "$made_by" ] || exit 0
+echo "Building: OpenSSL and SQLite for Windows on $architecture"
+rm -rf "$target/complete" "$tools"/libraries.?????? # The latter of runs that were killed.
 if command -v ccache >/dev/null; then compiler="ccache $compiler"; fi
 
 # The sources that belong to this machine's own packages, by an apt configuration of their own.
@@ -50,7 +53,7 @@ END
     local package
     for package in openssl sqlite3; do
         # A mirror may know of an update that it does not have yet.
-        apt-get source -qq "$package" || apt-get source -qq "$package/bookworm"
+        apt-get source -qq "$package" || apt-get source -qq "$package/$(. /etc/os-release && echo "$VERSION_CODENAME")"
     done
     unset APT_CONFIG
 }
@@ -97,7 +100,12 @@ for step in fetch build_openssl build_sqlite copy_headers; do
     (set -e && "$step") >"$step.log" 2>&1
     status=$?
     set -e
-    [ "$status" -eq 0 ] || { tail -n 20 "$step.log"; exit 1; }
+    if [ "$status" -ne 0 ]; then
+        tail -n 20 "$step.log"
+        [ "$step" != fetch ] || exit 3
+        exit 1
+    fi
+    [ "$step" != fetch ] || echo "  from" openssl-*/ sqlite3-*/
 done
 echo "$made_by" >"$result/complete"
 rm -rf "$target"

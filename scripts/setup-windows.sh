@@ -29,7 +29,7 @@ as_root() {
 
 install_packages() {
     local packages=(llvm clang-tidy cmake ninja-build ccache googletest unzip)
-    packages+=(dpkg-dev make tcl libcli11-dev nlohmann-json3-dev) # For the libraries of the software key.
+    packages+=(dpkg-dev gcc libc6-dev make tcl libcli11-dev nlohmann-json3-dev) # For the libraries of the software key.
     case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64) ;; esac
     case $wanted in *' arm64 '*)
         packages+=(mmdebstrap qemu-user-static)
@@ -124,6 +124,11 @@ case $wanted in *' arm64 '*)
     ;;
 esac
 for architecture; do
-    scripts/build-windows-libraries.sh "$architecture" "$tools" ||
-        echo "setup-windows.sh: no libraries for the software key on $architecture; it will not be built" >&2
+    status=0
+    scripts/build-windows-libraries.sh "$architecture" "$tools" || status=$?
+    case $status in
+    0) ;;
+    3) echo "setup-windows.sh: no sources for the libraries of the software key; it will not be built" >&2 ;;
+    *) exit 1 ;;
+    esac
 done

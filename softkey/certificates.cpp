@@ -2,6 +2,7 @@
 #include "boundary.h"
 
 #include "crypto/certificate.h"
+#include "narrow_paths.h"
 
 #include <cctype>
 
@@ -9,14 +10,6 @@ using namespace softkey;
 
 namespace
 {
-
-/// The module composes paths with separators of both kinds.
-std::filesystem::path portablePath(std::string_view folder)
-{
-    std::string path(folder);
-    std::replace(path.begin(), path.end(), '\\', '/');
-    return path;
-}
 
 bool sameExtension(std::string_view left, std::string_view right)
 {
@@ -26,7 +19,7 @@ bool sameExtension(std::string_view left, std::string_view right)
 
 bool hasExtension(const std::filesystem::path& file, const std::vector<std::string>& extensions)
 {
-    const std::string extension = file.extension().string();
+    const std::string extension = narrowFromPath(file.extension());
     return !extension.empty() && std::any_of(extensions.begin(), extensions.end(), [&](const std::string& wanted) {
         return sameExtension(extension, wanted);
     });
@@ -53,7 +46,7 @@ NamedCertificates readCertificates(const std::vector<std::filesystem::path>& fil
     NamedCertificates certificates;
     for (const std::filesystem::path& file : files) {
         const std::optional<ByteVector> content = readSmallFile(file);
-        certificates.emplace_back(file.filename().string(),
+        certificates.emplace_back(narrowFromPath(file.filename()),
                                   content ? certificateFromFileContent(*content) : ByteVector());
     }
     return certificates;
@@ -75,7 +68,7 @@ std::vector<std::pair<std::string, std::vector<unsigned char>>> velkor_getFilesW
 {
     NamedCertificates certificates;
     answer([&] {
-        const std::filesystem::path path = portablePath(text(folder));
+        const std::filesystem::path path = pathFromNarrow(text(folder));
         std::vector<std::filesystem::path> files;
         if (recursive)
             collectFiles<std::filesystem::recursive_directory_iterator>(path, extensions, files);

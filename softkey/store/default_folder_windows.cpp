@@ -7,11 +7,13 @@ namespace softkey
 namespace
 {
 
+constexpr DWORD VARIABLE_MAX = 32768; // With its terminating zero.
+
 /// The variable of the process, which the C runtime's copy of them need not have.
 std::filesystem::path environmentPath(const wchar_t* name)
 {
-    std::wstring value(GetEnvironmentVariableW(name, nullptr, 0), L'\0');
-    value.resize(GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
+    std::wstring value(VARIABLE_MAX, L'\0');
+    value.resize(GetEnvironmentVariableW(name, value.data(), VARIABLE_MAX));
     return value;
 }
 
@@ -22,7 +24,7 @@ std::filesystem::path defaultKeysFolder()
     if (const std::filesystem::path chosen = environmentPath(L"VELKOR_SOFTKEY_HOME"); !chosen.empty())
         return std::filesystem::absolute(chosen);
     const std::filesystem::path data = environmentPath(L"LOCALAPPDATA");
-    return data.empty() ? data : data / L"velkor-softkey";
+    return data.is_absolute() ? data / L"velkor-softkey" : std::filesystem::path();
 }
 
 bool ensureFolder(const std::filesystem::path& folder)

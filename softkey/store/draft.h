@@ -1,4 +1,4 @@
-// A key's file under construction, out of sight of every reader.
+// The beginning and the end of a key's file.
 #pragma once
 
 #include <filesystem>
@@ -15,10 +15,12 @@ inline std::filesystem::path journalOf(std::filesystem::path file)
     return file += "-journal";
 }
 
+/// A key's file under construction, out of sight of every reader.
 class Draft
 {
 public:
-    /// Makes an empty file that only its owner can read. Throws StorageFailed.
+    /// Makes an empty file; on POSIX for its owner alone, on Windows for those whom the folder admits. Throws
+    /// StorageFailed.
     explicit Draft(std::filesystem::path path);
     /// Removes the file unless it was published.
     ~Draft();
@@ -34,5 +36,9 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+/// Removes a key's file and what belongs to it. The caller holds the folder's lock. Throws StorageFailed and the
+/// statuses of `KeyFile`.
+void takeAway(const std::filesystem::path& keyFile);
 
 } // namespace softkey

@@ -1,6 +1,6 @@
 #include "store/draft.h"
 
-#include "crypto/openssl.h"
+#include "store/key_file.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -54,6 +54,14 @@ void Draft::publish(const std::filesystem::path& destination) const
     require(failure == 0, SoftkeyStatus::StorageFailed);
     const Descriptor folder(destination.parent_path(), O_RDONLY | O_DIRECTORY);
     require(folder.synchronise(), SoftkeyStatus::StorageFailed);
+}
+
+void takeAway(const std::filesystem::path& keyFile)
+{
+    KeyFile(keyFile).setPlugged(false); // Running processes see it go before the file is away.
+    // The file first: a file without its journal is whole, a journal without its file would be another key's.
+    require(unlink(keyFile.c_str()) == 0, SoftkeyStatus::StorageFailed);
+    unlink(journalOf(keyFile).c_str());
 }
 
 } // namespace softkey

@@ -1,6 +1,6 @@
 #include "store/draft.h"
 
-#include "crypto/openssl.h"
+#include "store/key_file.h"
 
 #include <windows.h>
 
@@ -9,11 +9,11 @@ namespace softkey
 namespace
 {
 
-/// Opens a file, does nothing or writes it to the disk, closes it.
+/// Opens a file, has it written to the disk, closes it.
 bool visit(const std::filesystem::path& path, DWORD disposition)
 {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, disposition,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return false;
     const bool written = FlushFileBuffers(file) != 0;
@@ -44,6 +44,15 @@ void Draft::publish(const std::filesystem::path& destination) const
         MoveFileExW(path_.c_str(), destination.c_str(), MOVEFILE_WRITE_THROUGH) != 0 ? 0 : GetLastError();
     require(failure != ERROR_ALREADY_EXISTS && failure != ERROR_FILE_EXISTS, SoftkeyStatus::AlreadyExists);
     require(failure == 0, SoftkeyStatus::StorageFailed);
+}
+
+void takeAway(const std::filesystem::path& keyFile)
+{
+    static_cast<void>(KeyFile(keyFile)); // Nothing else is removed.
+    // No process has it open when this succeeds, so none has to be told. The file first: a file without its journal is
+    // whole, a journal without its file would be another key's.
+    require(DeleteFileW(keyFile.c_str()) != 0, SoftkeyStatus::StorageFailed);
+    DeleteFileW(journalOf(keyFile).c_str());
 }
 
 } // namespace softkey

@@ -18,9 +18,8 @@ constexpr const wchar_t* LOCK_FILE = L".lock";
 
 HANDLE openLockFile(const std::filesystem::path& folder)
 {
-    return CreateFileW((folder / LOCK_FILE).c_str(), GENERIC_READ | GENERIC_WRITE,
-                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                       FILE_ATTRIBUTE_HIDDEN, nullptr);
+    return CreateFileW((folder / LOCK_FILE).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr);
 }
 
 SoftkeyStatus waitForLock(HANDLE file)

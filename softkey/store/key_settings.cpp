@@ -22,11 +22,12 @@ constexpr int TRIES_MAX = 255;
 void sweepDrafts(const std::filesystem::path& folder)
 {
     std::error_code failure;
+    std::error_code kept;
     for (std::filesystem::directory_iterator file(folder, failure), end; !failure && file != end;
          file.increment(failure)) {
         const std::filesystem::path& path = file->path();
         if (path.extension() == DRAFT_SUFFIX && path.filename().string().starts_with('.'))
-            std::filesystem::remove(path, failure);
+            std::filesystem::remove(path, kept);
     }
 }
 
@@ -88,15 +89,7 @@ void removeKeyFile(const std::filesystem::path& path)
 {
     const FolderLock lock(path.parent_path());
     sweepDrafts(path.parent_path());
-    const bool wasPlugged = KeyFile(path).contents()->device.plugged;
-    KeyFile(path).setPlugged(false); // Running processes see it go before the file is away.
-    // The file first: a file without its journal is whole, a journal without its file would be another key's.
-    std::error_code failure;
-    if (!std::filesystem::remove(path, failure)) {
-        KeyFile(path).setPlugged(wasPlugged);
-        throw Refusal(SoftkeyStatus::StorageFailed);
-    }
-    std::filesystem::remove(journalOf(path), failure);
+    takeAway(path);
 }
 
 bool isSerialNumber(std::string_view text)

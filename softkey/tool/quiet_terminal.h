@@ -13,8 +13,7 @@ inline constexpr int STANDARD_ERROR = 2;
 /// Whether the C runtime's descriptor is a terminal.
 bool isTerminal(int descriptor);
 
-/// Signals that would end the program wait until the echo is back, so that none of them leaves the terminal silent;
-/// the first of them ends the reading.
+/// What would end the program ends the reading, and never leaves the terminal silent.
 class QuietTerminal
 {
 public:
@@ -25,10 +24,9 @@ public:
     QuietTerminal& operator=(const QuietTerminal&) = delete;
 
     void say(std::string_view text) const;
-    /// What is typed is read from it, byte by byte.
-    int descriptor() const;
-    /// Waits until input, or its end, can be read. Throws PinRequired when a signal came.
-    void awaitInput() const;
+    /// The next byte of what is typed, in UTF-8 on Windows; false at its end. Throws PinRequired when reading fails or
+    /// is interrupted.
+    bool read(unsigned char& byte) const;
 
 private:
     struct State;

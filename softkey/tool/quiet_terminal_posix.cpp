@@ -19,6 +19,7 @@ bool isTerminal(int descriptor)
     return isatty(descriptor) != 0;
 }
 
+/// Signals that would end the program wait until the echo is back.
 struct QuietTerminal::State {
     int descriptor = -1;
     int signals = -1;
@@ -55,18 +56,17 @@ void QuietTerminal::say(std::string_view text) const
     [[maybe_unused]] const auto n = write(state_->descriptor, text.data(), text.size());
 }
 
-int QuietTerminal::descriptor() const
-{
-    return state_->descriptor;
-}
-
-void QuietTerminal::awaitInput() const
+bool QuietTerminal::read(unsigned char& byte) const
 {
     std::array<pollfd, 2> awaited{{{state_->descriptor, POLLIN, 0}, {state_->signals, POLLIN, 0}}};
     while (poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
     }
     if (awaited[1].revents != 0)
         throw Refusal(SoftkeyStatus::PinRequired, "interrupted");
+    const ssize_t count = ::read(state_->descriptor, &byte, 1);
+    if (count < 0)
+        throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
+    return count > 0;
 }
 
 } // namespace softkey

@@ -1,9 +1,10 @@
 #include "tool/quiet_terminal.h"
 
+#include "crypto/secret.h"
 #include "status.h"
 
+#include <algorithm>
 #include <atomic>
-#include <fcntl.h>
 #include <io.h>
 #include <windows.h>
 
@@ -18,10 +19,14 @@ bool isTerminal(int descriptor)
     return GetConsoleMode(reinterpret_cast<HANDLE>(_get_osfhandle(descriptor)), &mode) != 0;
 }
 
+constexpr DWORD LINE_MAX_SIZE = 256; // In characters; what is longer comes in pieces.
+
 struct QuietTerminal::State {
     HANDLE input = INVALID_HANDLE_VALUE;
     HANDLE output = INVALID_HANDLE_VALUE;
-    int descriptor = -1; ///< Of the input.
+    SecretBytes line{4 * LINE_MAX_SIZE}; ///< What was typed, as UTF-8.
+    std::size_t next = 0;
+    std::size_t end = 0;
 };
 
 namespace
@@ -52,10 +57,10 @@ QuietTerminal::QuietTerminal() : state_(std::make_unique<State>())
     if (GetConsoleMode(state_->input, &mode) == 0)
         throw Refusal(SoftkeyStatus::PinRequired, "there is no terminal to ask on");
     state_->output = openConsole(L"CONOUT$");
-    state_->descriptor = _open_osfhandle(reinterpret_cast<std::intptr_t>(state_->input), _O_RDONLY | _O_TEXT);
     quietInput = state_->input;
     modeBefore = mode;
     SetConsoleCtrlHandler(restoreEcho, TRUE);
+    FlushConsoleInputBuffer(state_->input);
     SetConsoleMode(state_->input, (mode | ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT) & ~DWORD{ENABLE_ECHO_INPUT});
 }
 
@@ -63,7 +68,7 @@ QuietTerminal::~QuietTerminal()
 {
     SetConsoleMode(state_->input, modeBefore);
     SetConsoleCtrlHandler(restoreEcho, FALSE);
-    _close(state_->descriptor); // The handle with it.
+    CloseHandle(state_->input);
     CloseHandle(state_->output);
 }
 
@@ -73,11 +78,27 @@ void QuietTerminal::say(std::string_view text) const
     WriteFile(state_->output, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-int QuietTerminal::descriptor() const
+bool QuietTerminal::read(unsigned char& byte) const
 {
-    return state_->descriptor;
+    State& state = *state_;
+    if (state.next == state.end) {
+        SecretBytes typed(LINE_MAX_SIZE * sizeof(wchar_t));
+        auto* characters = reinterpret_cast<wchar_t*>(typed.data());
+        DWORD count = 0;
+        // Nothing comes when Ctrl-C is pressed; the program ends then, or will soon.
+        if (ReadConsoleW(state.input, characters, LINE_MAX_SIZE, &count, nullptr) == 0 || count == 0)
+            throw Refusal(SoftkeyStatus::PinRequired, "interrupted");
+        // The line ends with CR and LF, like no PIN.
+        const auto last = std::remove(characters, characters + count, L'\r');
+        state.end = static_cast<std::size_t>(WideCharToMultiByte(
+            CP_UTF8, 0, characters, static_cast<int>(last - characters), reinterpret_cast<char*>(state.line.data()),
+            static_cast<int>(state.line.size()), nullptr, nullptr));
+        state.next = 0;
+    }
+    if (state.next == state.end)
+        return false;
+    byte = state.line.data()[state.next++];
+    return true;
 }
-
-void QuietTerminal::awaitInput() const {} // What would interrupt the reading ends the program.
 
 } // namespace softkey

@@ -14,20 +14,21 @@ namespace
 
 constexpr std::size_t LINE_MAX_SIZE = 256; // Longer than any PIN.
 
+bool readByte(int descriptor, unsigned char& byte)
+{
+    const auto count = ::read(descriptor, &byte, 1);
+    if (count < 0)
+        throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
+    return count > 0;
+}
+
 /// Up to the end of the line, byte by byte: what follows belongs to the next PIN.
-Pin readLine(int descriptor, const QuietTerminal* terminal = nullptr)
+template <class Read>
+Pin readLine(Read read)
 {
     SecretBytes line(LINE_MAX_SIZE);
     std::size_t size = 0;
-    for (;;) {
-        if (terminal != nullptr)
-            terminal->awaitInput();
-        unsigned char byte = 0;
-        const auto count = ::read(descriptor, &byte, 1);
-        if (count < 0)
-            throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
-        if (count == 0 || byte == '\n')
-            break;
+    for (unsigned char byte = 0; read(byte) && byte != '\n';) {
         if (byte == '\0') // The library takes PINs as texts that end with it.
             throw Refusal(SoftkeyStatus::BadArgument, "a PIN holds no zero byte");
         if (size == line.size())
@@ -69,10 +70,10 @@ Pin PinSource::readOnce(const std::string& prompt) const
         return Pin(value);
     }
     if (descriptor_ >= 0)
-        return readLine(descriptor_);
+        return readLine([this](unsigned char& byte) { return readByte(descriptor_, byte); });
     const QuietTerminal terminal;
     terminal.say(prompt + ": ");
-    Pin pin = readLine(terminal.descriptor(), &terminal);
+    Pin pin = readLine([&](unsigned char& byte) { return terminal.read(byte); });
     terminal.say("\n");
     return pin;
 }

@@ -600,7 +600,6 @@ TEST_F(ModuleOverSoftkeyTest, AnImportedRsaKeySignsAndOpensslAccepts)
 
 TEST_F(ModuleOverSoftkeyTest, LabelAndIdChangeOnTheDevice)
 {
-    REQUIRE_OPENSSL_PROGRAM();
     tool("generate MODULE1 P-256 --label before --id 01 --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
     Bytes label = bytesOf("after");

@@ -12,15 +12,15 @@ namespace softkey::test
 {
 
 #ifdef _WIN32
-/// Ends a test that compares with a program where that program is not.
+/// Ends a test that needs a program where that program is not.
 #define REQUIRE_OPENSSL_PROGRAM() GTEST_SKIP() << "there is no openssl program"
 inline constexpr const char* NULL_DEVICE = "NUL";
 
-/// Ends a test of the tool where the emulated Wine runs it: it loses a register that Windows on ARM64 keeps for itself
-/// while the tool handles an exception.
-#define REQUIRE_EXCEPTIONS_IN_PROGRAMS()                                                                               \
+/// Ends a test where the tool names a path in an exception, or reads a negative number, and the emulated Wine runs it:
+/// that forgets the register by which exceptions find their thread, x18, when it converts texts.
+#define REQUIRE_PATHS_IN_EXCEPTIONS()                                                                                  \
     if (test_system::isEmulatedArm64())                                                                                \
-    GTEST_SKIP() << "the emulated Wine breaks exceptions of the tool"
+    GTEST_SKIP() << "the emulated Wine loses register x18 when it converts texts"
 
 /// By the name that the system running this has for it, which the build does not know.
 inline std::string softkeyTool()
@@ -35,7 +35,7 @@ inline std::filesystem::path softkeyManual()
 }
 #else
 #define REQUIRE_OPENSSL_PROGRAM() static_cast<void>(0)
-#define REQUIRE_EXCEPTIONS_IN_PROGRAMS() static_cast<void>(0)
+#define REQUIRE_PATHS_IN_EXCEPTIONS() static_cast<void>(0)
 inline constexpr const char* NULL_DEVICE = "/dev/null";
 
 inline std::string softkeyTool()

@@ -49,11 +49,11 @@ protected:
 
     void makeKeyAndCertificate() const
     {
-        ASSERT_EQ(run("openssl req -x509 -newkey rsa:2048 -nodes -days 9 -subj /CN=Tool -keyout " + path("k.pem") +
-                      " -out " + path("c.pem") + " && openssl x509 -in " + path("c.pem") + " -outform DER -out " +
-                      path("c.der"))
-                      .exitCode,
-                  0);
+        const EvpKey key(EVP_RSA_gen(2048));
+        const Data certificate = certificateNamed("Tool", key.get());
+        scratch.file("k.pem", privateKeyPem(key.get()));
+        scratch.file("c.pem", certificatePem(certificate));
+        scratch.file("c.der", certificate);
     }
 };
 

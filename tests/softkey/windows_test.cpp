@@ -1,9 +1,13 @@
 // What is the software key's own way on Windows: its default folder, files in use, locks between processes.
 #include "tool_fixture.h"
 
+#include "narrow_paths.h"
+
 #include <array>
 #include <cstdint>
+#include <malloc.h>
 #include <process.h>
+#include <thread>
 
 namespace softkey::test
 {
@@ -42,8 +46,10 @@ TEST_F(WindowsTest, AKeyOfAnyNameOfTheFolderIsFound)
 TEST_F(WindowsTest, RemovingAKeyInUseIsRefusedAndLeavesIt)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    const Data before = readFile(keyPath());
     expectFailure("remove KEY1", 2);
     expectFailure("remove KEY1 --yes", 9);
+    EXPECT_EQ(readFile(keyPath()), before);
     EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
     EXPECT_EQ(trySign(key, Data(32, 1)), 0);
     velkor_releaseInstance(instance);
@@ -56,17 +62,21 @@ TEST_F(WindowsTest, RemovingAKeyInUseIsRefusedAndLeavesIt)
 
 TEST_F(WindowsTest, RightPinsOfManyProcessesSpendNoTry)
 {
-    std::array<std::intptr_t, 4> processes{};
+    KeySettings settings = cheapSettings("TWO");
+    settings.userPin = {false, 2, 2};
+    settings.cost.logN = 15; // Long enough for the checks to meet.
+    createKey(settings);
+    std::array<std::intptr_t, 6> processes{};
     for (std::intptr_t& process : processes)
-        process = _spawnl(_P_NOWAIT, softkeyTool().c_str(), "velkor-softkey", "generate", "KEY1", "P-256", "--pin-env",
+        process = _spawnl(_P_NOWAIT, softkeyTool().c_str(), "velkor-softkey", "generate", "TWO", "P-256", "--pin-env",
                           "USER_PIN", nullptr);
     for (const std::intptr_t process : processes) {
         int exitCode = -1;
         EXPECT_EQ(_cwait(&exitCode, process, 0), process);
         EXPECT_EQ(exitCode, 0);
     }
-    EXPECT_EQ(keyPairs().size(), 4U);
-    EXPECT_EQ(triesLeft(), 5);
+    EXPECT_EQ(keyPairs("TWO").size(), processes.size());
+    EXPECT_EQ(otherProcess("TWO")->contents()->userPin.triesLeft, 2);
 }
 
 TEST_F(WindowsTest, AFileOfAnotherLayoutIsBroughtUpToDate)
@@ -77,6 +87,60 @@ TEST_F(WindowsTest, AFileOfAnotherLayoutIsBroughtUpToDate)
     EXPECT_STREQ(keys[0].label, "old pair");
     Database other(keyPath("OLD1"), Database::Mode::Existing);
     EXPECT_EQ(other.number("PRAGMA user_version"), 2);
+}
+
+TEST_F(WindowsTest, FilesOfANewerLayoutAndForeignOnesAreRefused)
+{
+    createKey(cheapSettings("NEWER"));
+    Database(keyPath("NEWER"), Database::Mode::Existing).execute("PRAGMA user_version = 3");
+    writeFile(keyPath("JUNK"), bytesOf("junk"));
+    std::filesystem::copy_file(keyPath(), keyPath("COPY"));
+    EXPECT_EQ(velkor_initDevice("NEWER", true, instance), code(SoftkeyStatus::FileNewer));
+    EXPECT_EQ(velkor_initDevice("JUNK", true, instance), code(SoftkeyStatus::FileForeign));
+    EXPECT_EQ(velkor_initDevice("COPY", true, instance), code(SoftkeyStatus::FileForeign));
+    EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
+}
+
+TEST_F(WindowsTest, CertificatesAreReadFromAFolderInTheCodePage)
+{
+    const std::filesystem::path folder = scratch.path() / L"Gr\u00fcn";
+    std::filesystem::create_directory(folder);
+    const Data der = certificateNamed("Root");
+    writeFile(folder / L"\u00dcber.cer", der);
+    const std::string narrow = narrowFromPath(folder);
+    ASSERT_EQ(narrow.find('?'), std::string::npos) << "the code page has no umlauts";
+    for (const std::string& path : {narrow, narrow + "\\", narrow + "/"}) {
+        const auto found = velkor_getFilesWithExtensionsAndConvertDER(path.c_str(), {".cer"}, false, instance);
+        ASSERT_EQ(found.size(), 1U) << path;
+        EXPECT_EQ(found[0].first, narrowFromPath(L"\u00dcber.cer"));
+        EXPECT_EQ(found[0].second, der);
+    }
+}
+
+/// Bytes that are allocated from the heap of the C runtime, which library and test share.
+std::size_t allocated()
+{
+    _HEAPINFO entry{};
+    std::size_t size = 0;
+    while (_heapwalk(&entry) == _HEAPOK)
+        size += entry._useflag == _USEDENTRY ? entry._size : 0;
+    return size;
+}
+
+TEST_F(WindowsTest, ThreadsThatEndLeaveNothingBehind)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    const auto useFromThreads = [&](int count) {
+        for (int i = 0; i < count; ++i)
+            std::thread([&] {
+                EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+                EXPECT_EQ(keyPairs().size(), 1U);
+            }).join();
+    };
+    useFromThreads(10);
+    const std::size_t before = allocated();
+    useFromThreads(100);
+    EXPECT_LT(allocated(), before + 10'000);
 }
 
 TEST_F(WindowsTest, AFileKeptLockedIsBusyAndNotChanged)

@@ -86,6 +86,7 @@ TemporaryFolder::TemporaryFolder()
 {
     path_ = std::filesystem::temp_directory_path() / ("softkey-test-" + randomSerialNumber());
     std::filesystem::create_directory(path_);
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
 }
 
 TemporaryFolder::~TemporaryFolder()
@@ -259,14 +260,36 @@ Data publicKeyBytes(const VelkorKeyPair& key)
     return Data(key.publicKey, key.publicKey + key.publicKeyLength);
 }
 
+static Data contentOf(BIO* out)
+{
+    char* text = nullptr;
+    const long size = BIO_get_mem_data(out, &text);
+    return Data(text, text + size);
+}
+
 std::string publicKeyPem(const VelkorKeyPair& key)
 {
     const EvpKey publicKey = publicKeyFrom(traitsOf(key.keyKind), publicKeyBytes(key));
     const BioOwner out(BIO_new(BIO_s_mem()));
     PEM_write_bio_PUBKEY(out.get(), publicKey.get());
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(out.get(), &text);
-    return std::string(text, static_cast<std::size_t>(size));
+    const Data text = contentOf(out.get());
+    return std::string(text.begin(), text.end());
+}
+
+Data privateKeyPem(const EVP_PKEY* key)
+{
+    const BioOwner out(BIO_new(BIO_s_mem()));
+    PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+    return contentOf(out.get());
+}
+
+Data certificatePem(const Data& der)
+{
+    const unsigned char* next = der.data();
+    const Certificate certificate(d2i_X509(nullptr, &next, length(der)));
+    const BioOwner out(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509(out.get(), certificate.get());
+    return contentOf(out.get());
 }
 
 Data publicKeyInfo(const VelkorKeyPair& key)
@@ -278,9 +301,10 @@ Data publicKeyInfo(const VelkorKeyPair& key)
     return Data(der, der + size);
 }
 
-Data certificateNamed(const std::string& commonName)
+Data certificateNamed(const std::string& commonName, EVP_PKEY* key)
 {
-    const EvpKey key(EVP_EC_gen("P-256"));
+    const EvpKey own(key == nullptr ? EVP_EC_gen("P-256") : nullptr);
+    key = key == nullptr ? own.get() : key;
     const Certificate certificate(X509_new());
     X509_set_version(certificate.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
@@ -290,8 +314,8 @@ Data certificateNamed(const std::string& commonName)
     X509_set_issuer_name(certificate.get(), name);
     X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
     X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400);
-    X509_set_pubkey(certificate.get(), key.get());
-    EXPECT_GT(X509_sign(certificate.get(), key.get(), EVP_sha256()), 0);
+    X509_set_pubkey(certificate.get(), key);
+    EXPECT_GT(X509_sign(certificate.get(), key, EVP_sha256()), 0);
     unsigned char* der = nullptr;
     const int size = i2d_X509(certificate.get(), &der);
     const OpenSslBytes owner(der);

@@ -107,7 +107,10 @@ std::string publicKeyPem(const VelkorKeyPair& key);
 Data publicKeyInfo(const VelkorKeyPair& key);
 Data publicKeyBytes(const VelkorKeyPair& key);
 
-/// A self-signed certificate for a new P-256 key, as DER.
-Data certificateNamed(const std::string& commonName);
+/// A self-signed certificate, as DER, for a key; by default a new P-256 key.
+Data certificateNamed(const std::string& commonName, EVP_PKEY* key = nullptr);
+/// PEM of a private key, and of a certificate that is given as DER.
+Data privateKeyPem(const EVP_PKEY* key);
+Data certificatePem(const Data& der);
 
 } // namespace softkey::test

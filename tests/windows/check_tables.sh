@@ -19,6 +19,11 @@ imported_libraries() { llvm-readobj --coff-imports "$dll" | sed -n 's/^ *Name: \
 imported_from() { # Of one library.
     llvm-readobj --coff-imports "$dll" | sed -n "/^ *Name: $1\$/,/^}/s/^ *Symbol: \([^ ]*\) .*\$/\1/p"
 }
+device_operations() {
+    local declared
+    declared=$(grep --only-matching 'velkor_[A-Za-z]*(' "$source/src/device/device_service.h" | tr -d '(' | sort -u)
+    [ "$(wc -l <<<"$declared")" -eq 29 ] && echo "$declared"
+}
 without_parameters() { llvm-cxxfilt | sed 's/[[(].*//'; }
 
 case $what in
@@ -31,6 +36,9 @@ exports)
 (unsigned long*, unsigned long*)' "$(grep -v '^C_' <<<"$names" | llvm-cxxfilt | sed 's/^[^(]*//')"
     [ "$(wc -l <<<"$names")" -eq 71 ]
     ;;
+softkey-exports)
+    same "operations" "$(device_operations)" "$(exported | without_parameters)"
+    ;;
 libraries)
     # System libraries by pattern: the C runtime is one library or several, after the kind of the compiler.
     strangers=$(imported_libraries | grep --invert-match --ignore-case --line-regexp \
@@ -39,10 +47,7 @@ libraries)
     imported_libraries | grep --quiet --line-regexp 'VelkorDSCLibrary\.dll'
     ;;
 device-operations)
-    found=$(imported_from VelkorDSCLibrary.dll | without_parameters)
-    declared=$(grep --only-matching 'velkor_[A-Za-z]*(' "$source/src/device/device_service.h" | tr -d '(' | sort -u)
-    [ "$(wc -l <<<"$declared")" -eq 29 ]
-    same "operations" "$declared" "$found"
+    same "operations" "$(device_operations)" "$(imported_from VelkorDSCLibrary.dll | without_parameters)"
     ;;
 system-calls)
     # What the module's own code takes of the system libraries; the runtime of the compiler takes more.
