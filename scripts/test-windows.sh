@@ -72,9 +72,9 @@ check_tidy() {
     files=$(git ls-files '*_windows.cpp' ':!tests' |
         while read -r file; do ! grep -q "/$file\"" build/windows-x64/compile_commands.json || echo "$file"; done)
     headers=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
-    clang-tidy --quiet -p build/windows-x64 --extra-arg-before=--target=x86_64-w64-mingw32 \
+    xargs -P "$(nproc)" -n 2 clang-tidy --quiet -p build/windows-x64 --extra-arg-before=--target=x86_64-w64-mingw32 \
         --extra-arg="-isystem$headers" --extra-arg="-isystem$headers/x86_64-w64-mingw32" \
-        $files 2>build/windows-tidy.log ||
+        <<<"$files" 2>build/windows-tidy.log ||
         { grep -v 'warnings generated' build/windows-tidy.log; return 1; }
 }
 

@@ -19,7 +19,7 @@ bool isTerminal(int descriptor)
     return GetConsoleMode(reinterpret_cast<HANDLE>(_get_osfhandle(descriptor)), &mode) != 0;
 }
 
-constexpr DWORD LINE_MAX_SIZE = 256; // In characters; what is longer comes in pieces.
+constexpr std::size_t LINE_MAX_SIZE = 256; // In characters; what is longer comes in pieces.
 
 struct QuietTerminal::State {
     HANDLE input = INVALID_HANDLE_VALUE;
@@ -86,7 +86,8 @@ bool QuietTerminal::read(unsigned char& byte) const
         auto* characters = reinterpret_cast<wchar_t*>(typed.data());
         DWORD count = 0;
         // Nothing comes when Ctrl-C is pressed; the program ends then, or will soon.
-        if (ReadConsoleW(state.input, characters, LINE_MAX_SIZE, &count, nullptr) == 0 || count == 0)
+        if (ReadConsoleW(state.input, characters, static_cast<DWORD>(LINE_MAX_SIZE), &count, nullptr) == 0 ||
+            count == 0)
             throw Refusal(SoftkeyStatus::PinRequired, "interrupted");
         // The line ends with CR and LF, like no PIN.
         const auto last = std::remove(characters, characters + count, L'\r');
