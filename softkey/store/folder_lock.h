@@ -18,10 +18,16 @@ public:
 
 private:
 #ifdef _WIN32
-    void* file_;
+    using Handle = void*;
 #else
-    int descriptor_;
+    using Handle = int;
 #endif
+    static Handle open(const std::filesystem::path& folder);
+    /// False while another has the lock.
+    static bool tryLock(Handle handle);
+    static void close(Handle handle);
+
+    Handle handle_;
 };
 
 } // namespace softkey
