@@ -25,8 +25,6 @@ RsaPadding paddingOf(PaddingMode mode)
     return mode == PaddingMode::Oaep ? RsaPadding::Oaep : RsaPadding::Pkcs1;
 }
 
-constexpr std::size_t CIPHERTEXT_ROOM = 1024;
-
 } // namespace
 
 int velkor_signHash(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
@@ -68,7 +66,7 @@ int velkor_encrypt(EncryptionType encryptionType, PaddingMode paddingMode, const
         const Bytes plaintext = input(data, dataLength);
         const Bytes publicKey = input(publicKeyDer, publicKeyDerLength);
         const std::size_t length =
-            encrypt(traitsOf(encryptionType), publicKey, paddingOf(paddingMode), plaintext, {out, CIPHERTEXT_ROOM});
+            encrypt(traitsOf(encryptionType), publicKey, paddingOf(paddingMode), plaintext, {out, CIPHERTEXT_CAPACITY});
         *outLength = static_cast<int>(length);
     });
 }

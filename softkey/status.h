@@ -2,7 +2,7 @@
 // one from where it is found to the boundary of the library.
 #pragma once
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <exception>
 #include <string>

@@ -4,7 +4,7 @@
 #include "crypto/openssl.h"
 #include "crypto/secret.h"
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <filesystem>
 #include <optional>

@@ -1,7 +1,7 @@
 // The kinds of key pair that a key can hold, and their sizes.
 #pragma once
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <openssl/types.h>
 

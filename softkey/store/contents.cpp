@@ -35,7 +35,7 @@ void copyLabel(char (&field)[Size], Bytes value)
 std::uint32_t readId(const Statement& row)
 {
     const std::int64_t id = row.number(0);
-    require(id >= 1 && id <= 4095, SoftkeyStatus::FileDamaged);
+    require(id >= 1 && id < OBJECT_NUMBER_LIMIT, SoftkeyStatus::FileDamaged);
     return static_cast<std::uint32_t>(id);
 }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "crypto/protection.h"
-#include "device/device_service.h"
 #include "store/sqlite.h"
+#include "velkor/device_service.h"
 
 #include <array>
 #include <string>
@@ -14,7 +14,7 @@ namespace softkey
 
 using Identifier = std::array<unsigned char, KEY_IDENTIFIER_SIZE>;
 
-enum class PinRole : int { User = 1, SecurityOfficer = 2 };
+enum class PinRole : int { User = USER_TYPE_USER, SecurityOfficer = USER_TYPE_SECURITY_OFFICER };
 
 struct DeviceRecord {
     std::string serialNumber;

@@ -1,6 +1,7 @@
 #include "store/object_store.h"
 
 #include "crypto/keys.h"
+#include "velkor/record_fields.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,17 +11,8 @@ namespace softkey
 namespace
 {
 
-constexpr std::int64_t OBJECT_NUMBER_MAX = 4095;
-
-Bytes objectIdOf(const VelkorKeyPair& record)
-{
-    return Bytes(record.objectId).first(static_cast<std::size_t>(record.objectIdLength));
-}
-
-Bytes publicKeyOf(const VelkorKeyPair& record)
-{
-    return Bytes(record.publicKey).first(static_cast<std::size_t>(record.publicKeyLength));
-}
+using velkor::objectIdOf;
+using velkor::publicKeyOf;
 
 Bytes bytesOf(std::string_view text)
 {
@@ -69,7 +61,7 @@ std::uint32_t smallestFreeNumber(Database& database, const char* selectNumbers)
     std::int64_t candidate = 1;
     while (row.step() && row.number(0) == candidate)
         ++candidate;
-    require(candidate <= OBJECT_NUMBER_MAX, SoftkeyStatus::DeviceFull);
+    require(candidate < OBJECT_NUMBER_LIMIT, SoftkeyStatus::DeviceFull);
     return static_cast<std::uint32_t>(candidate);
 }
 
@@ -101,11 +93,9 @@ NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attribute
     NewKeyPair keyPair;
     VelkorKeyPair& record = keyPair.record;
     std::ranges::copy(identifierOf(publicKey), record.keyIdentifier);
-    std::ranges::copy(publicKey, record.publicKey);
-    record.publicKeyLength = static_cast<std::int32_t>(publicKey.size());
-    std::ranges::copy(attributes.objectId, record.objectId);
-    record.objectIdLength = static_cast<std::int32_t>(attributes.objectId.size());
-    std::ranges::copy(attributes.label, record.label);
+    record.publicKeyLength = velkor::copyInto(record.publicKey, publicKey);
+    record.objectIdLength = velkor::copyInto(record.objectId, attributes.objectId);
+    velkor::setLabel(record, attributes.label);
     record.usageFlags = usageFlags;
     record.keyKind = traits->kind;
     keyPair.sealedPrivateKey = seal(masterKey, encodePrivateKey(key), privateKeyIdentity(record, serialNumber));
@@ -147,7 +137,7 @@ void storeKeyPair(Database& database, NewKeyPair& keyPair)
 void storeCertificate(Database& database, VelkorCertificate& certificate)
 {
     const Identifier identifier = identifierOf(certificate.der);
-    const Bytes objectId = Bytes(certificate.objectId).first(static_cast<std::size_t>(certificate.objectIdLength));
+    const Bytes objectId = objectIdOf(certificate);
     std::uint32_t number = existingNumber(database, SELECT_CERTIFICATE, identifier);
     if (number != 0) {
         applyAttributes(database, "UPDATE certificate SET object_id = ? WHERE identifier = ?",

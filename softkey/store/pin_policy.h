@@ -9,9 +9,6 @@
 namespace softkey
 {
 
-inline constexpr std::size_t PIN_LENGTH_MIN = 4;
-inline constexpr std::size_t PIN_LENGTH_MAX = 63;
-
 /// Throws PinLength for a text that cannot become a PIN.
 void requirePinLength(std::string_view newPin);
 

@@ -5,6 +5,7 @@
 
 #include "crypto/certificate.h"
 #include "crypto/keys.h"
+#include "velkor/record_fields.h"
 
 #include <cstdio>
 #include <fstream>
@@ -138,8 +139,7 @@ void fillFromKeyPair(VelkorCertificate& certificate, const Contents& contents)
 {
     const ByteVector publicKey = certificateDetails(parseCertificate(certificate.der).get()).publicKey;
     for (const VelkorKeyPair& keyPair : contents.keyPairs) {
-        const auto size = static_cast<std::size_t>(keyPair.publicKeyLength);
-        if (!std::ranges::equal(Bytes(keyPair.publicKey).first(size), publicKey))
+        if (!std::ranges::equal(velkor::publicKeyOf(keyPair), publicKey))
             continue;
         if (certificate.objectIdLength == 0) {
             std::ranges::copy(keyPair.objectId, certificate.objectId);
@@ -159,9 +159,8 @@ void importCertificate(Session& session, const ObjectOptions& options, const std
     if (certificate.der.empty())
         throw Refusal(SoftkeyStatus::BadCertificate, file + " holds no certificate");
     const ByteVector objectId = bytesFromHex(options.objectId);
-    std::ranges::copy(objectId, certificate.objectId);
-    certificate.objectIdLength = static_cast<std::int32_t>(objectId.size());
-    std::ranges::copy(options.checkedLabel(), certificate.label);
+    certificate.objectIdLength = velkor::copyInto(certificate.objectId, objectId);
+    velkor::setLabel(certificate, options.checkedLabel());
     fillFromKeyPair(certificate, *device->contents());
     device->addCertificate(options.pin.read(), certificate);
     session.print({{"number", certificate.id}, {"identifier", hexText(certificate.certificateIdentifier)}},

@@ -5,6 +5,7 @@
 
 #include "crypto/key_kinds.h"
 #include "store/key_settings.h"
+#include "velkor/record_fields.h"
 
 #include <iostream>
 
@@ -106,12 +107,6 @@ void addList(CLI::App& app, Session& session)
     });
 }
 
-template <class Record>
-Bytes objectIdOf(const Record& record)
-{
-    return Bytes(record.objectId).first(static_cast<std::size_t>(record.objectIdLength));
-}
-
 json objectsJson(const Contents& contents)
 {
     json objects = {{"keyPairs", json::array()}, {"certificates", json::array()}};
@@ -119,13 +114,13 @@ json objectsJson(const Contents& contents)
         objects["keyPairs"].push_back({{"number", keyPair.id},
                                        {"kind", traitsOf(keyPair.keyKind).name},
                                        {"label", keyPair.label},
-                                       {"id", hexText(objectIdOf(keyPair))},
+                                       {"id", hexText(velkor::objectIdOf(keyPair))},
                                        {"usage", keyPair.usageFlags},
                                        {"identifier", hexText(keyPair.keyIdentifier)}});
     for (const VelkorCertificate& certificate : contents.certificates)
         objects["certificates"].push_back({{"number", certificate.id},
                                            {"label", certificate.label},
-                                           {"id", hexText(objectIdOf(certificate))},
+                                           {"id", hexText(velkor::objectIdOf(certificate))},
                                            {"size", certificate.der.size()},
                                            {"identifier", hexText(certificate.certificateIdentifier)}});
     return objects;
@@ -146,10 +141,10 @@ std::string infoText(const Contents& contents, const std::filesystem::path& path
                        "\nSO PIN    " + pinText(contents.soPin) + "\nfile      " + path.string();
     for (const VelkorKeyPair& keyPair : contents.keyPairs)
         text += "\nkey pair " + std::to_string(keyPair.id) + "  " + traitsOf(keyPair.keyKind).name + "  id " +
-                hexText(objectIdOf(keyPair)) + "  " + printable(keyPair.label);
+                hexText(velkor::objectIdOf(keyPair)) + "  " + printable(keyPair.label);
     for (const VelkorCertificate& certificate : contents.certificates)
-        text += "\ncertificate " + std::to_string(certificate.id) + "  id " + hexText(objectIdOf(certificate)) + "  " +
-                printable(certificate.label);
+        text += "\ncertificate " + std::to_string(certificate.id) + "  id " + hexText(velkor::objectIdOf(certificate)) +
+                "  " + printable(certificate.label);
     return text;
 }
 

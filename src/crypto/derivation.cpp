@@ -8,9 +8,7 @@
 #include <utility>
 
 #include "crypto/operation.h"
-#include "device/device_service.h"
 #include "device/library_buffer.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -18,6 +16,8 @@
 #include "util/attributes.h"
 #include "util/token_policy.h"
 #include "util/utils.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -1,11 +1,11 @@
 #include "crypto/digest.h"
 
 #include "crypto/operation.h"
-#include "device/device_service.h"
-#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/mechanism_table.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -5,9 +5,7 @@
 #include <vector>
 
 #include "crypto/operation.h"
-#include "device/device_service.h"
 #include "device/library_buffer.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -15,11 +13,11 @@
 #include "util/attributes.h"
 #include "util/der.h"
 #include "util/token_policy.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {
-
-constexpr int CIPHERTEXT_CAPACITY = 1024;
 
 CK_RV checkInit(const SessionRecord& session, const CK_MECHANISM* pMechanism, const char* function)
 {

@@ -1,13 +1,13 @@
 #include "crypto/key_generation.h"
 
-#include "device/device_service.h"
 #include "device/device_status.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/attributes.h"
 #include "util/key_kinds.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

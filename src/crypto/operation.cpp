@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "device/device_service.h"
-#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
 {

@@ -49,5 +49,3 @@ CK_RV hashPart(SessionRecord& session, int hashAlgorithm, const CK_BYTE* pPart, 
 
 /// Ends a hash; gives the library's status. `lengthOnEntry` is what the library finds in the length variable.
 int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash);
-
-inline constexpr int HASH_CAPACITY = 64;

@@ -1,8 +1,8 @@
 #include "crypto/random.h"
 
-#include "device/device_service.h"
-#include "device/record_fields.h"
 #include "log/log.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 CK_RV generateRandom(const SessionRecord& session, CK_BYTE* pRandomData, CK_ULONG ulRandomLen)
 {

@@ -7,8 +7,6 @@
 #include <utility>
 
 #include "crypto/operation.h"
-#include "device/device_service.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -18,13 +16,14 @@
 #include "util/mechanism_table.h"
 #include "util/token_policy.h"
 #include "util/utils.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {
 
 using Input = std::span<const unsigned char>;
 
-constexpr int SIGNATURE_CAPACITY = 1024;
 constexpr HashFailureTexts HASH_FAILURES = {"init hash failed ", "update hash failed ", "final hash failed "};
 constexpr HashFailureTexts PART_FAILURES = {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ",
                                             nullptr};

@@ -5,8 +5,6 @@
 #include <vector>
 
 #include "crypto/operation.h"
-#include "device/device_service.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -15,6 +13,8 @@
 #include "util/key_kinds.h"
 #include "util/mechanism_table.h"
 #include "util/token_policy.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "cryptoki.h"
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 /// The code for a failure, where a device that is gone is told apart.
 inline CK_RV codeOfDeviceStatus(int status)

@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-#include "device/device_service.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "slots/device_monitor.h"
+#include "velkor/device_service.h"
 
 namespace
 {

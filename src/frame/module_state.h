@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "cryptoki.h"
-#include "device/device_service.h"
 #include "frame/limits.h"
 #include "sessions/session_record.h"
 #include "util/secret.h"
+#include "velkor/device_service.h"
 
 struct ModuleState {
     std::atomic<void*> libraryInstance = nullptr; ///< Non-null: the module is initialised.

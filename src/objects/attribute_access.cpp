@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -14,6 +13,7 @@
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/secret.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

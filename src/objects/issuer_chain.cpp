@@ -5,11 +5,11 @@
 #include <set>
 #include <string>
 
-#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "platform/platform.h"
 #include "util/utils.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 /// The certificate and its issuers up to a self-signed one, the topmost first; empty when there are no files or an
 /// issuer is not among them.

@@ -3,10 +3,10 @@
 #include <optional>
 #include <vector>
 
-#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/secret.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

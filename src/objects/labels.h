@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "device/device_service.h"
 #include "sessions/session_record.h"
+#include "velkor/device_service.h"
 
 /// The label that a parsed certificate gives: subject and issuer, at most 128 bytes.
 std::string computedLabel(const CertificateDetails& details);

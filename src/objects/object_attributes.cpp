@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <iterator>
 
-#include "device/record_fields.h"
 #include "frame/module_state.h"
 #include "objects/labels.h"
 #include "util/der.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "cryptoki.h"
-#include "device/device_service.h"
 #include "sessions/session_record.h"
 #include "util/key_kinds.h"
+#include "velkor/device_service.h"
 
 /// The values of one object from which its attributes are answered.
 struct ObjectView {

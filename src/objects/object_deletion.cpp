@@ -1,10 +1,10 @@
 #include "objects/object_deletion.h"
 
-#include "device/device_service.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/record_lookup.h"
+#include "velkor/device_service.h"
 
 namespace
 {

@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "device/device_service.h"
 #include "device/device_status.h"
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -17,6 +15,8 @@
 #include "platform/platform.h"
 #include "util/attributes.h"
 #include "util/utils.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "device/record_fields.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/labels.h"
 #include "util/attributes.h"
 #include "util/utils.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

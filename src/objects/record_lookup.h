@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "cryptoki.h"
-#include "device/device_service.h"
 #include "sessions/session_record.h"
+#include "velkor/device_service.h"
 
 /// The id of a key pair by the handle of either of its halves.
 CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey);

@@ -3,18 +3,14 @@
 #include <utility>
 #include <vector>
 
-#include "device/device_service.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/secret.h"
+#include "velkor/device_service.h"
 
 namespace
 {
-
-/// Kinds of user as `velkor_validatePassword` knows them.
-constexpr int DEVICE_USER = 1;
-constexpr int DEVICE_SECURITY_OFFICER = 2;
 
 /// What a login does to a session of the token, by the session's state.
 struct Transition {
@@ -49,7 +45,7 @@ constexpr Transition LOGOUT[] = {
 
 bool isPinLengthAccepted(CK_ULONG length)
 {
-    return length >= MIN_PIN_LEN && length <= MAX_PIN_LEN;
+    return length >= PIN_LENGTH_MIN && length <= PIN_LENGTH_MAX;
 }
 
 bool isCachedPin(const SecretText& pin)
@@ -59,11 +55,11 @@ bool isCachedPin(const SecretText& pin)
     return state.cachedUserPassword == pin;
 }
 
-CK_RV validatePin(const SessionRecord& session, const SecretText& pin, int userKind)
+CK_RV validatePin(const SessionRecord& session, const SecretText& pin, int userType)
 {
     int retryCount = 0;
     const int result =
-        velkor_validatePassword(session.deviceId(), pin.c_str(), userKind, &retryCount, moduleState().libraryInstance);
+        velkor_validatePassword(session.deviceId(), pin.c_str(), userType, &retryCount, moduleState().libraryInstance);
     if (result == 0)
         return CKR_OK;
     logError("Token password validation failed : ", result);
@@ -162,7 +158,7 @@ CK_RV login(const SessionRecord& session, CK_USER_TYPE userType, const CK_UTF8CH
         return refuse(CKR_PIN_LEN_RANGE, "C_Login: pin length out of range, ulPinLen=", ulPinLen);
     SecretText pin(pPin, ulPinLen);
     if (!asUser || !isCachedPin(pin)) {
-        const CK_RV result = validatePin(session, pin, asUser ? DEVICE_USER : DEVICE_SECURITY_OFFICER);
+        const CK_RV result = validatePin(session, pin, asUser ? USER_TYPE_USER : USER_TYPE_SECURITY_OFFICER);
         if (result != CKR_OK)
             return result;
     }

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "cryptoki.h"
-#include "device/device_service.h"
 #include "util/secret.h"
+#include "velkor/device_service.h"
 
 /// `SessionRecord::activeOperation`. The values 6 and 8 stay unused.
 enum class ActiveOperation : CK_ULONG {

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "device/device_service.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "platform/platform.h"
+#include "velkor/device_service.h"
 
 namespace
 {

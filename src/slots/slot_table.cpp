@@ -6,11 +6,11 @@
 #include <string_view>
 #include <vector>
 
-#include "device/device_service.h"
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/utils.h"
+#include "velkor/device_service.h"
 
 namespace
 {
@@ -157,8 +157,8 @@ CK_RV getTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO* pInfo)
     pInfo->ulSessionCount = countSessions(CKS_RO_PUBLIC_SESSION);
     pInfo->ulMaxRwSessionCount = 0;
     pInfo->ulRwSessionCount = countSessions(CKS_RW_PUBLIC_SESSION);
-    pInfo->ulMaxPinLen = MAX_PIN_LEN;
-    pInfo->ulMinPinLen = MIN_PIN_LEN;
+    pInfo->ulMaxPinLen = CK_ULONG{PIN_LENGTH_MAX};
+    pInfo->ulMinPinLen = CK_ULONG{PIN_LENGTH_MIN};
     pInfo->ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
     pInfo->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
     pInfo->ulTotalPrivateMemory = CK_UNAVAILABLE_INFORMATION;

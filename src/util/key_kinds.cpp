@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include "device/device_service.h"
-#include "device/record_fields.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

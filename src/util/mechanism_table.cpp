@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 namespace
 {

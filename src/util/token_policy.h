@@ -1,7 +1,7 @@
 // What a token may do by its model and its firmware.
 #pragma once
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 /// A token counts as FIPS 140-3 unless the third character of its model is '1'; an empty model does too.
 bool isFipsToken(const TokenInfo& token);

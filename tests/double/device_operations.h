@@ -1,7 +1,7 @@
 // The operations of a device library as an interface, so that a test can put its own in their place.
 #pragma once
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 // What a compiler wants before the double's own functions.
 #ifndef DOUBLE_EXPORT

@@ -1,6 +1,6 @@
 // Handles and what they stand for: derived keys, the ranges and their ends, lookups, labels and sizes.
-#include "device/record_fields.h"
 #include "object_fixture.h"
+#include "velkor/record_fields.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
 // A process of its own that uses a software key, for tests with several processes and with processes that are killed.
 // Usage: child MODE SERIAL PIN [FILE...]. It knows nothing but the interface of the library.
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <cstdio>
 #include <cstdlib>

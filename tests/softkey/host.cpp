@@ -1,6 +1,6 @@
 // A host that uses OpenSSL itself, treats it in every rough way a host can, and ends in every order.
 // Usage: host MODE SERIAL PIN; exits with 0 when the key did as it should.
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <openssl/engine.h>
 #include <openssl/err.h>

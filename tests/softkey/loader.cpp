@@ -1,5 +1,5 @@
 // Loads and unloads the library while a thread that was inside lives on. Usage: loader LIBRARY SERIAL.
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 #include <condition_variable>
 #include <mutex>

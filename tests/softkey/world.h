@@ -3,11 +3,11 @@
 #pragma once
 
 #include "crypto/openssl.h"
-#include "device/device_service.h"
 #include "programs.h"
 #include "status.h"
 #include "store/key_settings.h"
 #include "store/keys_folder.h"
+#include "velkor/device_service.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
 
 namespace
 {

@@ -1,4 +1,4 @@
-#include "device/record_fields.h"
+#include "velkor/record_fields.h"
 
 #include <cstring>
 #include <limits>

@@ -19,10 +19,12 @@ diff --unified=0 - <(find . -type f | sort) <<END
 ./SHA256SUMS
 ./bin/velkor-pkcs11.dll
 ./include/velkor/cryptoki.h
+./include/velkor/device_service.h
+./include/velkor/record_fields.h
 ./include/velkor/velkor_extensions.h
 END
 sha256sum --check --quiet --strict SHA256SUMS
-[ "$(wc -l <SHA256SUMS)" -eq 4 ]
+[ "$(wc -l <SHA256SUMS)" -eq 6 ]
 
 # Packing leaves the module what it is.
 exports() { llvm-readobj --coff-exports "$1" | grep 'Name:'; }

@@ -21,7 +21,7 @@ imported_from() { # Of one library.
 }
 device_operations() {
     local declared
-    declared=$(grep --only-matching 'velkor_[A-Za-z]*(' "$source/src/device/device_service.h" | tr -d '(' | sort -u)
+    declared=$(grep --only-matching 'velkor_[A-Za-z]*(' "$source/include/velkor/device_service.h" | tr -d '(' | sort -u)
     [ "$(wc -l <<<"$declared")" -eq 29 ] && echo "$declared"
 }
 without_parameters() { llvm-cxxfilt | sed 's/[[(].*//'; }

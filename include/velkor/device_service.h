@@ -25,10 +25,25 @@
 #define VELKOR_DEVICE_OPERATION
 #endif
 
+// Capacities, in bytes.
 inline constexpr std::size_t KEY_IDENTIFIER_SIZE = 16;
 inline constexpr std::size_t PUBLIC_KEY_CAPACITY = 1024;
 inline constexpr std::size_t OBJECT_ID_CAPACITY = 128;
 inline constexpr std::size_t LABEL_CAPACITY = 128;
+inline constexpr int CIPHERTEXT_CAPACITY = 1024;
+inline constexpr int SIGNATURE_CAPACITY = 1024;
+inline constexpr int HASH_CAPACITY = 64;
+
+/// Bytes of a PIN, at least and at most.
+inline constexpr std::size_t PIN_LENGTH_MIN = 4;
+inline constexpr std::size_t PIN_LENGTH_MAX = 63;
+
+/// Key pairs and certificates of a device are numbered below this.
+inline constexpr std::uint32_t OBJECT_NUMBER_LIMIT = 4096;
+
+/// Kinds of user as `velkor_validatePassword` knows them.
+inline constexpr int USER_TYPE_USER = 1;
+inline constexpr int USER_TYPE_SECURITY_OFFICER = 2;
 
 /// Statuses of the library that mean that the device is gone.
 inline constexpr int STATUS_DEVICE_REMOVED = 40;
@@ -80,7 +95,7 @@ inline constexpr std::uint32_t USAGE_DECRYPT_ENCRYPT = 2;
 /// A key pair on a device. As a request of `velkor_generateKeyPair` the caller fills object ID, label, usage flags
 /// and key kind; the library fills the rest.
 struct VelkorKeyPair {
-    std::uint32_t id = 0; ///< The key pair's number on the device, below 4096.
+    std::uint32_t id = 0; ///< The key pair's number on the device, below OBJECT_NUMBER_LIMIT.
     unsigned char keyIdentifier[KEY_IDENTIFIER_SIZE] = {};
     unsigned char publicKey[PUBLIC_KEY_CAPACITY] = {}; ///< RSA: modulus, or DER of the key. EC: uncompressed point.
     std::int32_t publicKeyLength = 0;
@@ -95,7 +110,7 @@ struct VelkorKeyPair {
 /// A certificate on a device. As a request of `velkor_importCertificate` the caller fills object ID, DER and label;
 /// the library fills `id` and `certificateIdentifier`.
 struct VelkorCertificate {
-    std::uint32_t id = 0; ///< The certificate's number on the device, below 4096.
+    std::uint32_t id = 0; ///< The certificate's number on the device, below OBJECT_NUMBER_LIMIT.
     unsigned char certificateIdentifier[KEY_IDENTIFIER_SIZE] = {};
     std::vector<unsigned char> der;
     unsigned char objectId[OBJECT_ID_CAPACITY] = {}; ///< What applications see as CKA_ID.
@@ -158,7 +173,7 @@ VELKOR_DEVICE_OPERATION std::vector<std::string> velkor_getConnectedDeviceList(b
 VELKOR_DEVICE_OPERATION TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance);
 /// Makes the library read a device's contents again.
 VELKOR_DEVICE_OPERATION int velkor_initDevice(const char* deviceId, bool readContents, void* libraryInstance);
-/// Checks a PIN. `userType` 1: user, 2: security officer. `*triesLeft`: tries left after a refusal.
+/// Checks a PIN. `userType`: one of the two kinds of user. `*triesLeft`: tries left after a refusal.
 /// STATUS_CHECK_NOT_POSSIBLE: the PIN was not checked.
 VELKOR_DEVICE_OPERATION int velkor_validatePassword(const char* deviceId, const char* pin, int userType, int* triesLeft,
                                                     void* libraryInstance);
@@ -223,8 +238,8 @@ VELKOR_DEVICE_OPERATION int velkor_initHash(const char* deviceId, int hashAlgori
                                             void* libraryInstance);
 VELKOR_DEVICE_OPERATION int velkor_updateHash(void* hashContext, const unsigned char* data, int dataLength,
                                               void* libraryInstance);
-/// Writes the hash, at most 64 bytes, to `hash` and its length to `*hashLength`, which is 0 or 64 on entry: the room is
-/// 64 bytes in either case.
+/// Writes the hash to `hash` and its length to `*hashLength`, which is 0 or HASH_CAPACITY on entry: the room is
+/// HASH_CAPACITY in either case.
 VELKOR_DEVICE_OPERATION int velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength,
                                              void* libraryInstance);
 
@@ -240,8 +255,8 @@ VELKOR_DEVICE_OPERATION int velkor_verifySignatureHash(unsigned int keyKind, con
                                                        const unsigned char* publicKey, int publicKeyLength,
                                                        const unsigned char* signature, int signatureLength,
                                                        void* libraryInstance, bool isPss);
-/// Encrypts for an RSA key, given as DER SubjectPublicKeyInfo. `out` has room for 1024 bytes; `*outLength` is 0 on
-/// entry and the length of the ciphertext on success.
+/// Encrypts for an RSA key, given as DER SubjectPublicKeyInfo. `out` has room for CIPHERTEXT_CAPACITY; `*outLength` is
+/// 0 on entry and the length of the ciphertext on success.
 VELKOR_DEVICE_OPERATION int velkor_encrypt(EncryptionType encryptionType, PaddingMode paddingMode,
                                            const unsigned char* data, int dataLength, unsigned char* out,
                                            int* outLength, const unsigned char* publicKeyDer, int publicKeyDerLength,

@@ -1,5 +1,5 @@
-// Lengths to and from the device library: the used part of the records' fixed-size fields, where a wrong length never
-// leads outside, and counts of bytes as the library takes them.
+// What both sides of the device contract compute from its records: the used part of their fixed-size fields, where a
+// wrong length never leads outside, and counts of bytes as the library takes them.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,10 @@
 #include <span>
 #include <string_view>
 
-#include "device/device_service.h"
+#include "velkor/device_service.h"
+
+namespace velkor
+{
 
 /// A length as the device library counts, in a signed 32-bit number. One that has no 32-bit form at all becomes
 /// negative, which the library refuses; it must not shrink to some small number.
@@ -65,3 +68,5 @@ inline bool sameBytes(std::span<const unsigned char> left, std::span<const unsig
 {
     return std::equal(left.begin(), left.end(), right.begin(), right.end());
 }
+
+} // namespace velkor
