@@ -1,6 +1,6 @@
 #include "crypto/openssl.h"
 
-#include "fork_guard.h"
+#include "platform/fork_guard.h"
 
 #include <openssl/provider.h>
 #include <openssl/rand.h>

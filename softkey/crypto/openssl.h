@@ -2,7 +2,7 @@
 // leaves the host's error queue as it was.
 #pragma once
 
-#include "status.h"
+#include "base/status.h"
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>

@@ -1,6 +1,6 @@
 #include "store/key_file.h"
 
-#include "fork_guard.h"
+#include "platform/fork_guard.h"
 #include "store/schema.h"
 
 namespace softkey

@@ -1,7 +1,7 @@
 #include "store/key_settings.h"
 
-#include "store/draft.h"
-#include "store/folder_lock.h"
+#include "platform/draft.h"
+#include "platform/folder_lock.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 

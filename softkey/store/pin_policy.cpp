@@ -1,6 +1,6 @@
 #include "store/pin_policy.h"
 
-#include "store/folder_lock.h"
+#include "platform/folder_lock.h"
 
 namespace softkey
 {

@@ -1,5 +1,5 @@
 // Commands about what is on a key: generate, import-key, import-certificate, export-certificate, delete.
-#include "tool/quiet_terminal.h"
+#include "platform/quiet_terminal.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 

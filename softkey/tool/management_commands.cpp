@@ -1,5 +1,5 @@
 // Commands about keys as a whole: create, list, info, plug, unplug, remove.
-#include "tool/quiet_terminal.h"
+#include "platform/quiet_terminal.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 

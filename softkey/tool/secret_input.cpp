@@ -1,7 +1,7 @@
 #include "tool/secret_input.h"
 
-#include "status.h"
-#include "tool/quiet_terminal.h"
+#include "base/status.h"
+#include "platform/quiet_terminal.h"
 
 #include <algorithm>
 #include <cstdlib>

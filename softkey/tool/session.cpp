@@ -1,5 +1,6 @@
 #include "tool/session.h"
 
+#include "platform/default_folder.h"
 #include "store/key_settings.h"
 
 #include <cstdio>

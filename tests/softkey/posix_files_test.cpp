@@ -1,6 +1,7 @@
 // What is POSIX's own: the default folder, whom it and its files admit, files that go while they are open.
 #include "world.h"
 
+#include "platform/default_folder.h"
 #include "test_system.h"
 
 #include <sys/stat.h>

@@ -2,9 +2,9 @@
 // library. Nothing outside the folder is touched.
 #pragma once
 
+#include "base/status.h"
 #include "crypto/openssl.h"
 #include "programs.h"
-#include "status.h"
 #include "store/key_settings.h"
 #include "store/keys_folder.h"
 #include "velkor/device_service.h"

@@ -2,7 +2,7 @@
 // nothing leaves but a status.
 #pragma once
 
-#include "library.h"
+#include "operations/library.h"
 
 #include <cstdlib>
 #include <cstring>

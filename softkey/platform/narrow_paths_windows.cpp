@@ -1,4 +1,4 @@
-#include "narrow_paths.h"
+#include "platform/narrow_paths.h"
 
 #include <windows.h>
 

@@ -1,6 +1,6 @@
-#include "tool/quiet_terminal.h"
+#include "platform/quiet_terminal.h"
 
-#include "status.h"
+#include "base/status.h"
 
 #include <array>
 #include <cerrno>

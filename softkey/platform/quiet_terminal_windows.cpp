@@ -1,7 +1,7 @@
-#include "tool/quiet_terminal.h"
+#include "platform/quiet_terminal.h"
 
+#include "base/status.h"
 #include "crypto/secret.h"
-#include "status.h"
 
 #include <algorithm>
 #include <atomic>

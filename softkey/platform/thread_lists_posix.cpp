@@ -1,4 +1,4 @@
-#include "library.h"
+#include "platform/thread_lists.h"
 
 #include <pthread.h>
 

@@ -1,4 +1,4 @@
-#include "store/draft.h"
+#include "platform/draft.h"
 
 #include "store/key_file.h"
 

@@ -1,8 +1,8 @@
 // Certificates without a device: parsing, and the scan of a folder of certificate files.
-#include "boundary.h"
+#include "operations/boundary.h"
 
 #include "crypto/certificate.h"
-#include "narrow_paths.h"
+#include "platform/narrow_paths.h"
 
 #include <cctype>
 

@@ -1,4 +1,4 @@
-#include "store/keys_folder.h"
+#include "platform/default_folder.h"
 
 #include <windows.h>
 

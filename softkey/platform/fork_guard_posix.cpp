@@ -1,4 +1,4 @@
-#include "fork_guard.h"
+#include "platform/fork_guard.h"
 
 #include <new>
 #include <pthread.h>

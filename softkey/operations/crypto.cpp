@@ -1,5 +1,5 @@
 // Signing, verifying, encrypting, decrypting, ECDH and random numbers.
-#include "boundary.h"
+#include "operations/boundary.h"
 
 #include "crypto/private_key.h"
 

@@ -1,8 +1,8 @@
 // Hashing. A context that the host holds is a number in disguise, looked up at every call: a stale or foreign one is
 // refused, whatever it points to.
-#include "boundary.h"
+#include "operations/boundary.h"
 
-#include "fork_guard.h"
+#include "platform/fork_guard.h"
 
 #include <unordered_map>
 

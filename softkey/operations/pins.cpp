@@ -1,5 +1,5 @@
 // Checking and changing PINs.
-#include "boundary.h"
+#include "operations/boundary.h"
 
 using namespace softkey;
 

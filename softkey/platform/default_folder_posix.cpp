@@ -1,9 +1,10 @@
-#include "store/keys_folder.h"
+#include "platform/default_folder.h"
 
 #include <cstdlib>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace softkey
 {

@@ -1,6 +1,7 @@
-#include "library.h"
+#include "operations/library.h"
 
-#include "fork_guard.h"
+#include "platform/default_folder.h"
+#include "platform/fork_guard.h"
 
 #include <array>
 #include <atomic>

@@ -1,8 +1,9 @@
 // Key pairs and certificates on a device: listing, changing, deleting, importing, generating.
-#include "boundary.h"
+#include "operations/boundary.h"
 
 #include "crypto/certificate.h"
 #include "crypto/keys.h"
+#include "platform/thread_lists.h"
 
 using namespace softkey;
 

@@ -1,5 +1,5 @@
 // Processes do not fork here.
-#include "fork_guard.h"
+#include "platform/fork_guard.h"
 
 namespace softkey
 {

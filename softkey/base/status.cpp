@@ -1,4 +1,4 @@
-#include "status.h"
+#include "base/status.h"
 
 namespace softkey
 {

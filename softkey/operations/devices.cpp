@@ -1,5 +1,5 @@
 // Instance, device list, and what a device says of itself.
-#include "boundary.h"
+#include "operations/boundary.h"
 
 using namespace softkey;
 

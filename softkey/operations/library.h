@@ -1,4 +1,4 @@
-// The state of the library in this process: its instances, its keys folder, the lists it has handed out.
+// The state of the library in this process: its instances and its keys folder.
 #pragma once
 
 #include "store/keys_folder.h"
@@ -14,13 +14,6 @@ void releaseInstance(void* instance);
 void requireInstance(const void* instance);
 
 KeysFolder& keysFolder();
-
-/// Lists that operations answer by reference: one of each per thread, overwritten by the thread's next call.
-struct ThreadLists {
-    std::vector<VelkorKeyPair> keyPairs;
-    std::vector<VelkorCertificate> certificates;
-};
-ThreadLists& threadLists();
 
 /// Ends all hash contexts.
 void dropHashContexts();

@@ -1,6 +1,6 @@
-#include "store/folder_lock.h"
+#include "platform/folder_lock.h"
 
-#include "status.h"
+#include "base/status.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,0 +1,16 @@
+// Where the keys of a user live.
+#pragma once
+
+#include <filesystem>
+
+namespace softkey
+{
+
+/// VELKOR_SOFTKEY_HOME, else the user's data folder (on Windows the local application data) with "velkor-softkey"
+/// behind it; empty when there is neither.
+std::filesystem::path defaultKeysFolder();
+/// Makes the folder; on POSIX for its owner alone, on Windows for those whom the folder above admits. False when it is
+/// not there and cannot be made.
+bool ensureFolder(const std::filesystem::path& folder);
+
+} // namespace softkey
