@@ -19,6 +19,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -148,3 +150,5 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     logDebug("C_DeriveKey: done, handle=", *phKey);
     return CKR_OK;
 }
+
+} // namespace velkor

@@ -7,6 +7,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -100,3 +102,5 @@ CK_RV digestFinal(SessionRecord& session, CK_BYTE* pDigest, CK_ULONG* pulDigestL
         logDebug("C_DigestFinal Success");
     return result;
 }
+
+} // namespace velkor

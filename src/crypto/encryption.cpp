@@ -16,6 +16,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -206,3 +208,5 @@ CK_RV decrypt(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ul
     }
     return deliver(session, "C_Decrypt", session.resultBuffer, pData, pulDataLen);
 }
+
+} // namespace velkor

@@ -9,6 +9,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -130,3 +132,5 @@ CK_RV generateKeyPair(const SessionRecord& session, const KeyPairRequest& reques
     logDebug("C_GenerateKeyPair - exit");
     return CKR_OK;
 }
+
+} // namespace velkor

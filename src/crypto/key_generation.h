@@ -6,6 +6,9 @@
 #include "cryptoki.h"
 #include "sessions/session_record.h"
 
+namespace velkor
+{
+
 /// The arguments of C_GenerateKeyPair behind the session.
 struct KeyPairRequest {
     const CK_MECHANISM* pMechanism;
@@ -18,3 +21,5 @@ struct KeyPairRequest {
 };
 
 CK_RV generateKeyPair(const SessionRecord& session, const KeyPairRequest& request);
+
+} // namespace velkor

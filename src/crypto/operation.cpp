@@ -7,6 +7,9 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
+
 CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
 {
     if (session.activeOperation != operation)
@@ -83,3 +86,5 @@ int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash)
         hash.assign(buffer.begin(), buffer.begin() + std::clamp(length, 0, HASH_CAPACITY));
     return status;
 }
+
+} // namespace velkor

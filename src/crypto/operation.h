@@ -8,6 +8,9 @@
 #include "sessions/session_record.h"
 #include "util/secret.h"
 
+namespace velkor
+{
+
 /// CKR_OK when `operation` is in progress; the session is left as it is otherwise.
 CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function);
 
@@ -49,3 +52,5 @@ CK_RV hashPart(SessionRecord& session, int hashAlgorithm, const CK_BYTE* pPart, 
 
 /// Ends a hash; gives the library's status. `lengthOnEntry` is what the library finds in the length variable.
 int finishHash(void* hashContext, int lengthOnEntry, SecretBytes& hash);
+
+} // namespace velkor

@@ -4,6 +4,9 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
+
 CK_RV generateRandom(const SessionRecord& session, CK_BYTE* pRandomData, CK_ULONG ulRandomLen)
 {
     if (pRandomData == nullptr)
@@ -17,3 +20,5 @@ CK_RV generateRandom(const SessionRecord& session, CK_BYTE* pRandomData, CK_ULON
         return refuse(CKR_FUNCTION_FAILED, "C_GenerateRandom: generate random number failed ret=", status);
     return CKR_OK;
 }
+
+} // namespace velkor

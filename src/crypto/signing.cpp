@@ -19,6 +19,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -243,3 +245,5 @@ CK_RV signFinal(SessionRecord& session, CK_BYTE* pSignature, CK_ULONG* pulSignat
         result = deliver(session, "C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen);
     return result;
 }
+
+} // namespace velkor

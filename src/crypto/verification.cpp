@@ -16,6 +16,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -163,3 +165,5 @@ CK_RV verifyFinal(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ul
     session.activeOperation = ActiveOperation::None; // Whatever the verdict.
     return verifyGathered(session, pSignature, ulSignatureLen);
 }
+
+} // namespace velkor

@@ -6,6 +6,9 @@
 
 #include "platform/platform.h"
 
+namespace velkor
+{
+
 struct LibraryBuffer {
     unsigned char* bytes = nullptr;
     int length = 0;
@@ -24,3 +27,5 @@ struct LibraryBuffer {
         return {bytes, bytes != nullptr && length > 0 ? static_cast<std::size_t>(length) : 0};
     }
 };
+
+} // namespace velkor

@@ -20,6 +20,8 @@
 #include "slots/mechanism_list.h"
 #include "slots/slot_table.h"
 
+using namespace velkor;
+
 namespace
 {
 

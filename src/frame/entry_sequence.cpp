@@ -3,6 +3,8 @@
 #include <exception>
 #include <new>
 
+namespace velkor
+{
 namespace
 {
 
@@ -29,3 +31,5 @@ CK_RV codeOfCurrentException(const char* name) noexcept
         return CKR_HOST_MEMORY; // There was no memory left even for the log line.
     }
 }
+
+} // namespace velkor

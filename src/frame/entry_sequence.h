@@ -6,6 +6,9 @@
 #include "frame/module_state.h"
 #include "log/log.h"
 
+namespace velkor
+{
+
 /// Return code for the exception being handled; logs it under the entry point's name.
 CK_RV codeOfCurrentException(const char* name) noexcept;
 
@@ -64,3 +67,5 @@ CK_RV enterSessionSilently(const char* name, CK_SESSION_HANDLE hSession, const W
         return session ? work(*session) : CKR_SESSION_HANDLE_INVALID;
     });
 }
+
+} // namespace velkor

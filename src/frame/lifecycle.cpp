@@ -7,6 +7,8 @@
 #include "slots/device_monitor.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -76,3 +78,5 @@ CK_RV getInfo(CK_INFO* pInfo)
     pInfo->libraryVersion = {3, 6};
     return CKR_OK;
 }
+
+} // namespace velkor

@@ -3,6 +3,9 @@
 
 #include "cryptoki.h"
 
+namespace velkor
+{
+
 /// Creates the library instance and ends a monitor that an earlier, failed start left running.
 CK_RV createLibraryInstance();
 /// Starts the monitor. Throws std::system_error when its thread cannot be created.
@@ -12,3 +15,5 @@ CK_RV reportStart();
 
 CK_RV finalize();
 CK_RV getInfo(CK_INFO* pInfo);
+
+} // namespace velkor

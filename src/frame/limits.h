@@ -4,6 +4,9 @@
 #include "cryptoki.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 inline constexpr CK_SLOT_ID SLOT_ID_BASE = 0x50000001;
 inline constexpr CK_SESSION_HANDLE SESSION_HANDLE_BASE = 0x60000001;
 
@@ -13,3 +16,5 @@ inline constexpr CK_OBJECT_HANDLE PUBLIC_KEY_BASE = PRIVATE_KEY_BASE + OBJECT_NU
 inline constexpr CK_OBJECT_HANDLE CERTIFICATE_BASE = PUBLIC_KEY_BASE + OBJECT_NUMBER_LIMIT;
 /// Derived keys count upwards from here.
 inline constexpr CK_OBJECT_HANDLE DERIVED_KEY_BASE = CERTIFICATE_BASE + OBJECT_NUMBER_LIMIT;
+
+} // namespace velkor

@@ -2,6 +2,9 @@
 
 #include <iterator>
 
+namespace velkor
+{
+
 ModuleState& moduleState()
 {
     static ModuleState& state = *new ModuleState;
@@ -37,3 +40,5 @@ SecretText cachedPassword()
     const std::scoped_lock lock(state.lock);
     return state.cachedUserPassword;
 }
+
+} // namespace velkor

@@ -16,6 +16,9 @@
 #include "util/secret.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 struct ModuleState {
     std::atomic<void*> libraryInstance = nullptr; ///< Non-null: the module is initialised.
 
@@ -54,3 +57,5 @@ CK_STATE stateOf(const SessionRecord& session);
 
 /// A copy of the cached user PIN, empty when nobody is logged in.
 SecretText cachedPassword();
+
+} // namespace velkor

@@ -4,6 +4,8 @@
 #include "frame/entry_sequence.h"
 #include "velkor_extensions.h"
 
+using namespace velkor;
+
 namespace
 {
 

@@ -12,6 +12,9 @@
 
 #include "platform/platform.h"
 
+namespace velkor
+{
+
 std::mutex* logLock = nullptr;
 
 namespace
@@ -150,3 +153,5 @@ std::string getProcessBaseName()
     const std::string name = platform::processFileName();
     return name.substr(0, name.find('.'));
 }
+
+} // namespace velkor

@@ -8,6 +8,9 @@
 
 #include "util/text.h"
 
+namespace velkor
+{
+
 /// Level codes of `writeLogLine`. Any other code is tagged as information.
 enum LogCode : int { LOG_EXCEPTION = 1, LOG_ERROR = 2, LOG_DEBUG = 3 };
 
@@ -67,3 +70,5 @@ int createFolder(const std::string& path);
 
 /// Name of the process's program up to its first '.'.
 std::string getProcessBaseName();
+
+} // namespace velkor

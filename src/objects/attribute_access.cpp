@@ -15,6 +15,8 @@
 #include "util/secret.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -206,3 +208,5 @@ CK_RV setAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
     logDebug("Set attribute end");
     return CKR_OK;
 }
+
+} // namespace velkor

@@ -11,6 +11,8 @@
 #include "util/utils.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -89,3 +91,5 @@ std::vector<VelkorCertificate> issuerChain(const VelkorCertificate& leaf, const 
     std::reverse(chain.begin(), chain.end());
     return chain;
 }
+
+} // namespace velkor

@@ -5,6 +5,11 @@
 
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 /// The certificate and its issuers up to a self-signed one, the topmost first; empty when there are no files or an
 /// issuer is not among them.
 std::vector<VelkorCertificate> issuerChain(const VelkorCertificate& leaf, const CertificateDetails& details);
+
+} // namespace velkor

@@ -8,6 +8,8 @@
 #include "util/secret.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -69,3 +71,5 @@ std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
                                     0, moduleState().libraryInstance);
     return label;
 }
+
+} // namespace velkor

@@ -6,6 +6,9 @@
 #include "sessions/session_record.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 /// The label that a parsed certificate gives: subject and issuer, at most 128 bytes.
 std::string computedLabel(const CertificateDetails& details);
 
@@ -15,3 +18,5 @@ std::string labelOf(const VelkorCertificate& certificate);
 /// The stored label, or one computed from the first certificate of the same public key, which is then stored on the
 /// device if a user is logged in; empty when there is no such certificate.
 std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair);
+
+} // namespace velkor

@@ -8,6 +8,8 @@
 #include "util/der.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -147,3 +149,5 @@ std::vector<unsigned char> attributeValue(const ObjectView& object, CK_ATTRIBUTE
                                          [&](const AttributeRow& each) { return each.type == type; });
     return row != std::end(ATTRIBUTES) ? row->value(object) : Bytes();
 }
+
+} // namespace velkor

@@ -10,6 +10,9 @@
 #include "util/key_kinds.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 /// The values of one object from which its attributes are answered.
 struct ObjectView {
     CK_OBJECT_HANDLE handle;
@@ -27,3 +30,5 @@ ObjectView viewOf(const VelkorCertificate& certificate, CK_OBJECT_HANDLE handle)
 
 /// The attribute's value; empty for what the table does not know.
 std::vector<unsigned char> attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type);
+
+} // namespace velkor

@@ -6,6 +6,8 @@
 #include "objects/record_lookup.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -54,3 +56,5 @@ CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DestroyObject: invalid hObject=", hObject);
     return destroyCertificate(session, hObject);
 }
+
+} // namespace velkor

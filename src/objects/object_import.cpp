@@ -18,6 +18,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -261,3 +263,5 @@ CK_RV createObject(const SessionRecord& session, const CK_ATTRIBUTE* pTemplate, 
         return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", object.objectClass);
     }
 }
+
+} // namespace velkor

@@ -4,5 +4,10 @@
 #include "cryptoki.h"
 #include "sessions/session_record.h"
 
+namespace velkor
+{
+
 CK_RV createObject(const SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount,
                    CK_OBJECT_HANDLE* phObject);
+
+} // namespace velkor

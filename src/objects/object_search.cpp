@@ -15,6 +15,8 @@
 #include "util/utils.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -273,3 +275,5 @@ CK_RV findObjectsFinal(SessionRecord& session)
     session.findPosition = 0;
     return CKR_OK;
 }
+
+} // namespace velkor

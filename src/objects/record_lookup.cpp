@@ -6,6 +6,8 @@
 #include "frame/limits.h"
 #include "frame/module_state.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -54,3 +56,5 @@ VelkorKeyPair selectedKeyPair(const SessionRecord& session)
     const std::scoped_lock lock(moduleState().lock);
     return *session.keyPair;
 }
+
+} // namespace velkor

@@ -8,6 +8,9 @@
 #include "sessions/session_record.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 /// The id of a key pair by the handle of either of its halves.
 CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey);
 
@@ -22,3 +25,5 @@ std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id);
 
 /// What the module-wide record that the session refers to holds now.
 VelkorKeyPair selectedKeyPair(const SessionRecord& session);
+
+} // namespace velkor

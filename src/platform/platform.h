@@ -7,6 +7,8 @@
 #include <span>
 #include <string>
 
+namespace velkor
+{
 namespace platform
 {
 
@@ -49,3 +51,5 @@ void sleep(std::chrono::milliseconds time);
 void secureWipe(void* memory, std::size_t size);
 
 } // namespace platform
+
+} // namespace velkor

@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace velkor
+{
 namespace platform
 {
 namespace
@@ -172,3 +174,5 @@ void secureWipe(void* memory, std::size_t size)
 }
 
 } // namespace platform
+
+} // namespace velkor

@@ -7,6 +7,8 @@
 // Behind windows.h, which it needs.
 #include <psapi.h>
 
+namespace velkor
+{
 namespace platform
 {
 namespace
@@ -92,3 +94,5 @@ void secureWipe(void* memory, std::size_t size)
 }
 
 } // namespace platform
+
+} // namespace velkor

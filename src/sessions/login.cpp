@@ -9,6 +9,8 @@
 #include "util/secret.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -181,3 +183,5 @@ CK_RV logout(const SessionRecord& session)
     logDebug("C_Logout end");
     return CKR_OK;
 }
+
+} // namespace velkor

@@ -7,6 +7,9 @@
 #include "util/secret.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
+
 /// `SessionRecord::activeOperation`. The values 6 and 8 stay unused.
 enum class ActiveOperation : CK_ULONG {
     None = 0,
@@ -54,3 +57,5 @@ struct SessionRecord {
     /// The device's name in every call of the device library.
     const char* deviceId() const { return token.serialNumber.c_str(); }
 };
+
+} // namespace velkor

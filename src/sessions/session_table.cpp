@@ -6,6 +6,8 @@
 #include "frame/module_state.h"
 #include "log/log.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -75,3 +77,5 @@ CK_RV getSessionInfo(const SessionRecord& session, CK_SESSION_INFO* pInfo)
     pInfo->ulDeviceError = 0;
     return CKR_OK;
 }
+
+} // namespace velkor

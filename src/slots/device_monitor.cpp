@@ -11,6 +11,8 @@
 #include "platform/platform.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -142,3 +144,5 @@ CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* pSlot)
         return refuse(CKR_ARGUMENTS_BAD, "C_WaitForSlotEvent: pSlot is NULL");
     return (flags & CKF_DONT_BLOCK) != 0 ? takeSlotEvent(pSlot) : awaitSlotEvent(pSlot);
 }
+
+} // namespace velkor

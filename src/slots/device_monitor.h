@@ -5,6 +5,9 @@
 #include "cryptoki.h"
 #include "util/secret.h"
 
+namespace velkor
+{
+
 /// Body of the monitor thread; ends some time after `stopMonitor` is set. `password` is the cached user PIN.
 void deviceMonitorLoop(SecretText* password);
 
@@ -13,3 +16,5 @@ void deviceMonitorLoop(SecretText* password);
 void stopDeviceMonitor();
 
 CK_RV waitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* pSlot);
+
+} // namespace velkor

@@ -9,6 +9,8 @@
 #include "util/mechanism_table.h"
 #include "util/token_policy.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -65,3 +67,5 @@ CK_RV getMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_I
     logDebug("C_GetMechanismInfo -- exit");
     return CKR_OK;
 }
+
+} // namespace velkor

@@ -3,5 +3,10 @@
 
 #include "cryptoki.h"
 
+namespace velkor
+{
+
 CK_RV getMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE* pMechanismList, CK_ULONG* pulCount);
 CK_RV getMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* pInfo);
+
+} // namespace velkor

@@ -12,6 +12,8 @@
 #include "util/utils.h"
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -169,3 +171,5 @@ CK_RV getTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO* pInfo)
     logDebug("C_GetTokenInfo -- exit");
     return CKR_OK;
 }
+
+} // namespace velkor

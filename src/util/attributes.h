@@ -7,6 +7,9 @@
 
 #include "cryptoki.h"
 
+namespace velkor
+{
+
 inline bool hasParameter(const CK_MECHANISM& mechanism)
 {
     return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
@@ -29,3 +32,5 @@ inline CK_ULONG integerOf(const CK_ATTRIBUTE& attribute)
     std::memcpy(&value, attribute.pValue, std::min<std::size_t>(attribute.ulValueLen, sizeof value));
     return value;
 }
+
+} // namespace velkor

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <iterator>
 
+namespace velkor
+{
 namespace
 {
 
@@ -63,3 +65,5 @@ std::vector<unsigned char> rsaSubjectPublicKeyInfo(std::span<const unsigned char
     append(content, element(TAG_BIT_STRING, bitString));
     return element(DER_TAG_SEQUENCE, content);
 }
+
+} // namespace velkor

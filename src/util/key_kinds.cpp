@@ -6,6 +6,8 @@
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -49,3 +51,5 @@ const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams)
     return findKind(
         [&](const KeyKindInfo& each) { return each.keyType == CKK_EC && sameBytes(each.ecParams, ecParams); });
 }
+
+} // namespace velkor

@@ -6,6 +6,9 @@
 
 #include "cryptoki.h"
 
+namespace velkor
+{
+
 inline constexpr CK_ULONG RSA_1024_BITS = 1024;
 inline constexpr CK_ULONG RSA_2048_BITS = 2048;
 
@@ -25,3 +28,5 @@ const KeyKindInfo* findRsaKind(CK_ULONG bits);
 
 /// The kind of the curve with these parameters, byte for byte; null when there is none.
 const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams);
+
+} // namespace velkor

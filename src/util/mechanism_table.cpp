@@ -4,6 +4,8 @@
 
 #include "velkor/device_service.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -69,3 +71,5 @@ const MechanismRow* findSignatureMechanism(CK_MECHANISM_TYPE type)
     const MechanismRow* row = findMechanism(type);
     return row != nullptr && row->family != SignatureFamily::None ? row : nullptr;
 }
+
+} // namespace velkor

@@ -5,6 +5,9 @@
 
 #include "cryptoki.h"
 
+namespace velkor
+{
+
 /// What signing and verification do with the caller's data.
 enum class SignatureFamily {
     None, ///< The mechanism does not sign.
@@ -35,3 +38,5 @@ const MechanismRow* findMechanism(CK_MECHANISM_TYPE type);
 
 /// The mechanism's row; null when it does not sign.
 const MechanismRow* findSignatureMechanism(CK_MECHANISM_TYPE type);
+
+} // namespace velkor

@@ -8,6 +8,9 @@
 
 #include "platform/platform.h"
 
+namespace velkor
+{
+
 template <typename T>
 struct WipingAllocator {
     using value_type = T;
@@ -66,3 +69,5 @@ public:
 private:
     std::vector<char, WipingAllocator<char>> characters_; ///< With the zero; an empty text allocates nothing.
 };
+
+} // namespace velkor

@@ -6,6 +6,9 @@
 #include <string_view>
 #include <type_traits>
 
+namespace velkor
+{
+
 /// Signed decimal, without padding; the top bit of an unsigned number is read as its sign.
 template <std::integral Number>
 std::string decimal(Number number)
@@ -38,3 +41,5 @@ std::string message(const Pieces&... pieces)
     (text.append(piece(pieces)), ...);
     return text;
 }
+
+} // namespace velkor

@@ -2,6 +2,8 @@
 
 #include "util/utils.h"
 
+namespace velkor
+{
 namespace
 {
 
@@ -19,3 +21,5 @@ bool isFirmwareRecent(const TokenInfo& token)
 {
     return Utils::compareFirmwareVersion(token.firmwareVersion, RECENT_FIRMWARE) >= 0;
 }
+
+} // namespace velkor

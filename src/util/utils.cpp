@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <limits>
 
+namespace velkor
+{
 namespace
 {
 
@@ -73,3 +75,5 @@ std::string Utils::toHexadecimal(std::span<const unsigned char> bytes)
     }
     return text;
 }
+
+} // namespace velkor

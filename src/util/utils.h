@@ -7,6 +7,9 @@
 #include <string_view>
 #include <vector>
 
+namespace velkor
+{
+
 struct Utils {
     /// The numbers between the dots of a version text. A piece is read as strtol reads it: leading blanks and a sign,
     /// then digits up to the first other character; without digits it is 0. An empty text has no pieces.
@@ -24,3 +27,5 @@ struct Utils {
     /// Upper case, two digits a byte, no separators.
     static std::string toHexadecimal(std::span<const unsigned char> bytes);
 };
+
+} // namespace velkor

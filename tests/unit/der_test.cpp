@@ -12,6 +12,8 @@
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
 
+using namespace velkor;
+
 namespace
 {
 

@@ -6,7 +6,7 @@
 
 FakePlatform fakePlatform;
 
-namespace platform
+namespace velkor::platform
 {
 
 bool readLogLevel(std::span<char> value)
@@ -53,4 +53,4 @@ LocalTime localTime()
     return fakePlatform.time;
 }
 
-} // namespace platform
+} // namespace velkor::platform

@@ -12,7 +12,7 @@ struct FakePlatform {
     std::string root; ///< Folders are created below it only.
     std::string temporaryFolder;
     std::string processFileName = "app.exe";
-    platform::LocalTime time{2026, 11, 15, 13, 46, 27, 123};
+    velkor::platform::LocalTime time{2026, 11, 15, 13, 46, 27, 123};
     bool foldersThrow = false;
     bool foldersAreThere = false; ///< All of them: nothing is looked up or created.
     bool processThrows = false;

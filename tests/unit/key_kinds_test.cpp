@@ -7,6 +7,8 @@
 
 #include "velkor/device_service.h"
 
+using namespace velkor;
+
 namespace
 {
 

@@ -9,6 +9,8 @@
 
 #include "free_watch.h"
 
+using namespace velkor;
+
 namespace
 {
 

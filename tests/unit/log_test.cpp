@@ -13,6 +13,8 @@
 #include "fake_platform.h"
 #include "test_system.h"
 
+using namespace velkor;
+
 namespace
 {
 

@@ -6,6 +6,8 @@
 
 #include "watched_memory.h"
 
+using namespace velkor;
+
 namespace
 {
 
