@@ -22,5 +22,5 @@ add_custom_command(TARGET softkey_module_test POST_BUILD
 add_dependencies(softkey_module_test velkor-softkey)
 
 foreach(TEST IN ITEMS softkey_test softkey_module_test)
-  gtest_discover_tests(${TEST} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+    gtest_discover_tests(${TEST} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endforeach()
