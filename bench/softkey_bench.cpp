@@ -1,7 +1,7 @@
 // What the software key costs over OpenSSL itself, with ten key pairs on the device. Each `...Overhead` run makes
 // signatures directly and through the library in turn, so that both see the same machine, and reports the difference.
 #include "crypto/keys.h"
-#include "store/key_settings.h"
+#include "store/key_creation.h"
 #include "store/keys_folder.h"
 #include "velkor/device_service.h"
 

@@ -1,67 +1,44 @@
-// Statuses of the software key: everything that an operation can answer besides 0, and the exception that carries
-// one from where it is found to the boundary of the library.
+// Statuses of the software key: everything that an operation can answer, and the exception that carries one from where
+// it is found to the boundary of the library. `status_rows.h` is the list; docs/softkey.md says what each means.
 #pragma once
 
-#include "velkor/device_service.h"
+#include "base/status_rows.h"
 
 #include <exception>
+#include <span>
 #include <string>
 
 namespace softkey
 {
 
 enum class SoftkeyStatus : int {
-    Ok = 0,
-
-    // The device.
-    DeviceRemoved = STATUS_DEVICE_REMOVED,         ///< No key of that name is plugged in.
-    CheckNotPossible = STATUS_CHECK_NOT_POSSIBLE,  ///< The PIN was not checked.
-    DeviceUnreachable = STATUS_DEVICE_UNREACHABLE, ///< The key's file is there but cannot be opened or read.
-
-    // The call itself.
-    BadArgument = 301,    ///< A null pointer, or a length, text, number or flag out of range.
-    BadInstance = 302,    ///< Not a live library instance.
-    BadHashContext = 303, ///< Not a live hash context, or one that another thread is using.
-    NotSupported = 304,   ///< An algorithm, padding or kind of import that the key does not know.
-    BufferTooSmall = 305, ///< The result does not fit; nothing was written.
-
-    // PINs.
-    PinRequired = 311,  ///< The PIN is empty; no try was spent.
-    PinIncorrect = 312, ///< Wrong PIN; a try was spent.
-    PinLocked = 313,    ///< No try is left.
-    PinLength = 314,    ///< A new PIN must have 4 to 63 bytes; no try was spent.
-
-    // Objects.
-    NoSuchObject = 321,      ///< No key pair or certificate with that identifier.
-    WrongKeyKind = 322,      ///< The key cannot do that: EC where RSA is needed, or the other way round.
-    UsageNotPermitted = 323, ///< The key pair's usage flags exclude it.
-    DeviceFull = 324,        ///< All 4095 numbers are taken.
-
-    // Data.
-    BadCertificate = 331,   ///< Not a DER certificate.
-    BadPrivateKey = 332,    ///< Components that do not make a key, or a key that is not stored.
-    BadPublicKey = 333,     ///< A public key or point that is malformed, off its curve or of the wrong size.
-    DataLength = 334,       ///< Too long or short for the key, or not the length of a known hash.
-    SignatureInvalid = 335, ///< The signature does not verify.
-    DecryptionFailed = 336, ///< Neither an OAEP nor a PKCS #1 v1.5 block of this key.
-
-    // The key's file.
-    FileDamaged = 341,   ///< Not readable as a key file; left as it is.
-    FileForeign = 342,   ///< Some other program's file; left as it is.
-    FileNewer = 343,     ///< Written by a newer version; left as it is.
-    StorageBusy = 344,   ///< Other processes kept the file in use for too long.
-    StorageFailed = 345, ///< Writing failed; nothing was changed.
-    AlreadyExists = 346, ///< A key with that serial number exists.
-
-    // The process.
-    CryptoFailed = 351,
-    OutOfMemory = 352,
-    ShuttingDown = 353, ///< The process is exiting and its OpenSSL has been cleaned up.
-    InternalError = 354,
+#define NUMBERED(name, number, text, exitCode) name = number,
+    SOFTKEY_STATUSES(NUMBERED)
+#undef NUMBERED
 };
 
-/// One line that says what a status means.
-const char* statusText(SoftkeyStatus status) noexcept;
+/// Exit codes of the tool; its manual page lists them.
+enum class ExitCode : int {
+    Done = 0,
+    Failed = 1,
+    Usage = 2,
+    PinRefused = 3,
+    PinLocked = 4,
+    NotFound = 5,
+    Exists = 6,
+    KeyFileUnusable = 7,
+    BadInput = 8,
+    NotWritten = 9,
+};
+
+struct StatusRow {
+    SoftkeyStatus status;
+    const char* name;
+    const char* text; ///< One line that says what it means.
+    ExitCode exitCode;
+};
+std::span<const StatusRow> statusRows() noexcept;
+const StatusRow& rowOf(SoftkeyStatus status) noexcept;
 
 /// Ends an operation with a status. The text never holds PINs, keys or plaintext.
 class Refusal : public std::exception
@@ -83,5 +60,12 @@ private:
     int triesLeft_ = TRIES_UNKNOWN;
     std::string text_;
 };
+
+/// Goes on after a success; throws `status` for a failure, which by default is one of OpenSSL.
+inline void require(bool success, SoftkeyStatus status = SoftkeyStatus::CryptoFailed)
+{
+    if (!success)
+        throw Refusal(status);
+}
 
 } // namespace softkey

@@ -8,7 +8,7 @@
 
 #include <array>
 #include <cstdio>
-#include <fstream>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -16,8 +16,6 @@ namespace softkey
 {
 namespace
 {
-
-constexpr std::uintmax_t FILE_SIZE_MAX = 1 << 20;
 
 // "CN=Root,O=Example", most specific part first, in UTF-8.
 constexpr unsigned long NAME_FORMAT = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
@@ -121,27 +119,6 @@ bool isCertificate(Bytes der)
     }
 }
 
-/// Straight into the buffer, so that no other one holds what may be secret.
-template <class Buffer>
-std::optional<Buffer> contentOf(const std::filesystem::path& path)
-{
-    std::error_code failure;
-    // Nothing but regular files: reading a pipe could wait for ever.
-    if (!std::filesystem::is_regular_file(path, failure))
-        return std::nullopt;
-    const std::uintmax_t size = std::filesystem::file_size(path, failure);
-    if (failure || size > FILE_SIZE_MAX)
-        return std::nullopt;
-    Buffer content(static_cast<std::size_t>(size));
-    std::ifstream in;
-    in.rdbuf()->pubsetbuf(nullptr, 0);
-    in.open(path, std::ios::binary);
-    in.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    if (!in)
-        return std::nullopt;
-    return content;
-}
-
 } // namespace
 
 Certificate parseCertificate(Bytes der)
@@ -190,16 +167,6 @@ ByteVector certificateFromFileContent(Bytes content)
     const ByteVector fromPem = derFromPem(content);
     const Bytes der = fromPem.empty() ? content : Bytes(fromPem);
     return isCertificate(der) ? ByteVector(der.begin(), der.end()) : ByteVector();
-}
-
-std::optional<ByteVector> readSmallFile(const std::filesystem::path& path)
-{
-    return contentOf<ByteVector>(path);
-}
-
-std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path)
-{
-    return contentOf<SecretBytes>(path);
 }
 
 } // namespace softkey

@@ -1,13 +1,8 @@
-// Reading X.509 certificates and certificate files.
+// Reading X.509 certificates, and what certificate files hold.
 #pragma once
 
 #include "crypto/openssl.h"
-#include "crypto/secret.h"
-
 #include "velkor/device_service.h"
-
-#include <filesystem>
-#include <optional>
 
 namespace softkey
 {
@@ -22,10 +17,5 @@ ByteVector serialNumberDer(const X509* certificate);
 
 /// The certificate of a DER or PEM file's content, as DER; empty when there is none.
 ByteVector certificateFromFileContent(Bytes content);
-
-/// A regular file's content; nothing when it cannot be read or is larger than a certificate file can be.
-std::optional<ByteVector> readSmallFile(const std::filesystem::path& path);
-/// The same in memory that is wiped.
-std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path);
 
 } // namespace softkey

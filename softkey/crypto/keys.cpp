@@ -3,8 +3,6 @@
 #include <openssl/core_names.h>
 #include <openssl/decoder.h>
 #include <openssl/encoder.h>
-#include <openssl/param_build.h>
-#include <openssl/params.h>
 #include <openssl/rsa.h>
 
 #include <algorithm>
@@ -14,43 +12,9 @@ namespace softkey
 namespace
 {
 
-using ParameterBuilder = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
-using Parameters = Owned<OSSL_PARAM, OSSL_PARAM_free>;
 using Encoder = Owned<OSSL_ENCODER_CTX, OSSL_ENCODER_CTX_free>;
 using Decoder = Owned<OSSL_DECODER_CTX, OSSL_DECODER_CTX_free>;
 using PublicNumber = Owned<BIGNUM, BN_free>;
-
-EvpKeyContext contextNamed(const char* algorithm)
-{
-    return requireObject<EvpKeyContext>(EVP_PKEY_CTX_new_from_name(CryptoContext::get().library(), algorithm, nullptr));
-}
-
-EvpKeyContext contextOf(const EVP_PKEY* key)
-{
-    return requireObject<EvpKeyContext>(
-        EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), const_cast<EVP_PKEY*>(key), nullptr));
-}
-
-EvpKey keyFromParameters(const char* algorithm, int selection, OSSL_PARAM* parameters, SoftkeyStatus failure)
-{
-    const EvpKeyContext context = contextNamed(algorithm);
-    EVP_PKEY* key = nullptr;
-    require(EVP_PKEY_fromdata_init(context.get()) == 1);
-    const bool built = EVP_PKEY_fromdata(context.get(), &key, selection, parameters) == 1;
-    EvpKey owner(key);
-    require(built, failure);
-    return owner;
-}
-
-EvpKey rsaPublicKey(Bytes modulus)
-{
-    const PublicNumber number(BN_bin2bn(modulus.data(), static_cast<int>(modulus.size()), nullptr));
-    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
-    require(number && builder && OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, number.get()) &&
-            OSSL_PARAM_BLD_push_ulong(builder.get(), OSSL_PKEY_PARAM_RSA_E, PUBLIC_EXPONENT));
-    const auto parameters = requireObject<Parameters>(OSSL_PARAM_BLD_to_param(builder.get()));
-    return keyFromParameters("RSA", EVP_PKEY_PUBLIC_KEY, parameters.get(), SoftkeyStatus::BadPublicKey);
-}
 
 int reportProgress(EVP_PKEY_CTX* context)
 {
@@ -87,7 +51,7 @@ ByteVector pointOf(const EVP_PKEY* key)
 
 EvpKey generateKey(const KeyKindTraits& traits, const Progress& progress)
 {
-    const EvpKeyContext context = contextNamed(traits.isRsa() ? "RSA" : "EC");
+    const EvpKeyContext context = contextFor(traits.isRsa() ? "RSA" : "EC");
     require(EVP_PKEY_keygen_init(context.get()) == 1);
     if (traits.isRsa())
         require(EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), static_cast<int>(traits.bits)) == 1);
@@ -110,7 +74,7 @@ void checkPrivateKey(const EVP_PKEY* key)
         const PublicNumber owner(exponent);
         require(BN_is_word(exponent, PUBLIC_EXPONENT) == 1, SoftkeyStatus::BadPrivateKey);
     }
-    const EvpKeyContext context = contextOf(key);
+    const EvpKeyContext context = contextFor(key);
     require(EVP_PKEY_check(context.get()) == 1, SoftkeyStatus::BadPrivateKey);
 }
 
@@ -158,42 +122,6 @@ EvpKey privateKeyFromFileContent(Bytes content)
     const bool decoded = OSSL_DECODER_from_data(decoder.get(), &position, &left) == 1;
     EvpKey owner(key);
     return decoded ? std::move(owner) : nullptr;
-}
-
-EvpKey publicKeyFromInfo(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo)
-{
-    const unsigned char* position = subjectPublicKeyInfo.data();
-    const auto size = static_cast<long>(subjectPublicKeyInfo.size());
-    EvpKey key(d2i_PUBKEY_ex(nullptr, &position, size, CryptoContext::get().library(), nullptr));
-    const bool usable = key && position == subjectPublicKeyInfo.data() + size && keyKindOf(key.get()) == &traits;
-    require(usable, SoftkeyStatus::BadPublicKey);
-    return key;
-}
-
-EvpKey publicKeyFromPoint(const KeyKindTraits& traits, Bytes point)
-{
-    require(point.size() == traits.pointSize() && point[0] == POINT_CONVERSION_UNCOMPRESSED,
-            SoftkeyStatus::BadPublicKey);
-    OSSL_PARAM parameters[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(traits.curve), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<unsigned char*>(point.data()),
-                                          point.size()),
-        OSSL_PARAM_construct_end(),
-    };
-    return keyFromParameters("EC", EVP_PKEY_PUBLIC_KEY, parameters, SoftkeyStatus::BadPublicKey);
-}
-
-EvpKey publicKeyFrom(const KeyKindTraits& traits, Bytes encoded)
-{
-    // A modulus or point has one length; a SubjectPublicKeyInfo of the same key is always longer.
-    if (!traits.isRsa())
-        return encoded.size() == traits.pointSize() ? publicKeyFromPoint(traits, encoded)
-                                                    : publicKeyFromInfo(traits, encoded);
-    if (encoded.size() != traits.size())
-        return publicKeyFromInfo(traits, encoded);
-    const bool fullLength = (encoded.front() & 0x80) != 0 && (encoded.back() & 1) != 0;
-    require(fullLength, SoftkeyStatus::BadPublicKey);
-    return rsaPublicKey(encoded);
 }
 
 } // namespace softkey

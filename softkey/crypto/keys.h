@@ -1,9 +1,9 @@
-// Key pairs outside of storage: generating, building from components, and the byte forms of both halves.
+// Key pairs outside of storage: generating, building from components, checking, and the forms in which they are kept.
 #pragma once
 
+#include "base/secret.h"
 #include "crypto/key_kinds.h"
 #include "crypto/openssl.h"
-#include "crypto/secret.h"
 
 #include <functional>
 
@@ -33,12 +33,5 @@ SecretBytes encodePrivateKey(const EVP_PKEY* key);
 EvpKey decodePrivateKey(Bytes pkcs8);
 /// A key file's content: PEM or DER, PKCS #8 or the older forms, not encrypted. Null when there is no such key.
 EvpKey privateKeyFromFileContent(Bytes content);
-
-/// A public key of that kind from a modulus, a point or a SubjectPublicKeyInfo; throws BadPublicKey.
-EvpKey publicKeyFrom(const KeyKindTraits& traits, Bytes encoded);
-/// A public key of that kind from a SubjectPublicKeyInfo alone; throws BadPublicKey.
-EvpKey publicKeyFromInfo(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo);
-/// A public key from an uncompressed point; throws BadPublicKey.
-EvpKey publicKeyFromPoint(const KeyKindTraits& traits, Bytes point);
 
 } // namespace softkey

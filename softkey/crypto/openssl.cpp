@@ -72,6 +72,17 @@ const Digest* CryptoContext::digestOfSize(std::size_t size) const
     return nullptr;
 }
 
+EvpKeyContext contextFor(const char* algorithm)
+{
+    return requireObject<EvpKeyContext>(EVP_PKEY_CTX_new_from_name(CryptoContext::get().library(), algorithm, nullptr));
+}
+
+EvpKeyContext contextFor(const EVP_PKEY* key)
+{
+    return requireObject<EvpKeyContext>(
+        EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), const_cast<EVP_PKEY*>(key), nullptr));
+}
+
 void randomBytes(std::span<unsigned char> out)
 {
     require(RAND_bytes_ex(CryptoContext::get().library(), out.data(), out.size(), 0) == 1);

@@ -2,6 +2,7 @@
 // leaves the host's error queue as it was.
 #pragma once
 
+#include "base/bytes.h"
 #include "base/status.h"
 
 #include <openssl/bio.h>
@@ -12,26 +13,9 @@
 #include <openssl/x509.h>
 
 #include <cstddef>
-#include <memory>
-#include <span>
-#include <vector>
 
 namespace softkey
 {
-
-using Bytes = std::span<const unsigned char>;
-using ByteVector = std::vector<unsigned char>;
-
-template <auto Free>
-struct Releaser {
-    template <class T>
-    void operator()(T* object) const
-    {
-        Free(object);
-    }
-};
-template <class T, auto Free>
-using Owned = std::unique_ptr<T, Releaser<Free>>;
 
 using EvpKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 using EvpKeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
@@ -94,12 +78,7 @@ public:
     ErrorQueueGuard& operator=(const ErrorQueueGuard&) = delete;
 };
 
-/// Passes on a success of OpenSSL; throws `status` for a failure.
-inline void require(bool success, SoftkeyStatus status = SoftkeyStatus::CryptoFailed)
-{
-    if (!success)
-        throw Refusal(status);
-}
+/// Takes what OpenSSL made; throws CryptoFailed when it made nothing.
 template <class Owner>
 Owner requireObject(typename Owner::pointer object)
 {
@@ -107,6 +86,10 @@ Owner requireObject(typename Owner::pointer object)
         throw Refusal(SoftkeyStatus::CryptoFailed);
     return Owner(object);
 }
+
+/// A context for work with keys of that algorithm, or with that key.
+EvpKeyContext contextFor(const char* algorithm);
+EvpKeyContext contextFor(const EVP_PKEY* key);
 
 void randomBytes(std::span<unsigned char> out);
 ByteVector sha256(Bytes data);

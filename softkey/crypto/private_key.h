@@ -1,9 +1,9 @@
 // A private key that has been unlocked, with the signing contexts that earlier signatures left ready.
 #pragma once
 
+#include "base/secret.h"
 #include "crypto/key_kinds.h"
 #include "crypto/openssl.h"
-#include "crypto/secret.h"
 
 #include <array>
 #include <mutex>
@@ -47,14 +47,5 @@ private:
     mutable std::mutex mutex_;
     mutable std::array<std::vector<EvpKeyContext>, SCHEMES> ready_;
 };
-
-/// Whether a signature verifies; throws for a key or a length that no signature of that kind can have.
-bool verifySignature(const KeyKindTraits& traits, Bytes publicKey, Bytes input, Bytes signature, bool isPss);
-
-enum class RsaPadding { Pkcs1, Oaep };
-
-/// Encrypts for a public key; returns the length of the ciphertext.
-std::size_t encrypt(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo, RsaPadding padding, Bytes plaintext,
-                    std::span<unsigned char> ciphertext);
 
 } // namespace softkey

@@ -1,8 +1,8 @@
 // How secrets are kept in a file: sealed with AES-256-GCM, the sealing key of the PIN derived with scrypt.
 #pragma once
 
+#include "base/secret.h"
 #include "crypto/openssl.h"
-#include "crypto/secret.h"
 
 #include <cstdint>
 #include <optional>

@@ -88,8 +88,7 @@ EvpKey buildKey(const RsaNumbers& numbers)
     push(OSSL_PKEY_PARAM_RSA_COEFFICIENT1, numbers.coefficient);
     const auto parameters = requireObject<Parameters>(OSSL_PARAM_BLD_to_param(builder.get()));
 
-    const auto context =
-        requireObject<EvpKeyContext>(EVP_PKEY_CTX_new_from_name(CryptoContext::get().library(), "RSA", nullptr));
+    const EvpKeyContext context = contextFor("RSA");
     EVP_PKEY* key = nullptr;
     require(EVP_PKEY_fromdata_init(context.get()) == 1);
     require(EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_KEYPAIR, parameters.get()) == 1,

@@ -76,4 +76,9 @@ void setPssPadding(EVP_PKEY_CTX* context, const Digest& digest)
             EVP_PKEY_CTX_set_rsa_pss_saltlen(context, RSA_PSS_SALTLEN_DIGEST) == 1);
 }
 
+Bytes ecdsaInput(const KeyKindTraits& traits, Bytes input)
+{
+    return input.first(std::min(input.size(), traits.size()));
+}
+
 } // namespace softkey

@@ -32,4 +32,8 @@ std::size_t pssDigestFor(const KeyKindTraits& traits, std::size_t inputSize);
 /// Sets PSS padding with that digest, MGF1 with the same, and a salt of its size.
 void setPssPadding(EVP_PKEY_CTX* context, const Digest& digest);
 
+/// What of an input ECDSA looks at: the leftmost bytes. Lengths that a host made up never reach OpenSSL, which
+/// multiplies them.
+Bytes ecdsaInput(const KeyKindTraits& traits, Bytes input);
+
 } // namespace softkey

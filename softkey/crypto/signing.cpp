@@ -1,11 +1,8 @@
 #include "crypto/ecdsa_form.h"
-#include "crypto/keys.h"
 #include "crypto/private_key.h"
 #include "crypto/signature_input.h"
 
 #include <openssl/rsa.h>
-
-#include <algorithm>
 
 namespace softkey
 {
@@ -18,18 +15,11 @@ constexpr std::size_t FIRST_PSS_SCHEME = 1; // followed by the schemes of the ot
 // DER of the largest ECDSA signature, P-521: two integers of up to 66 bytes and their headers.
 constexpr std::size_t ECDSA_DER_MAX = 3 + 2 * (2 + 66 + 1);
 
-/// The leftmost bytes count; lengths that a host made up never reach OpenSSL, which multiplies them.
-Bytes ecdsaInput(const KeyKindTraits& traits, Bytes input)
-{
-    return input.first(std::min(input.size(), traits.size()));
-}
-
 } // namespace
 
 EvpKeyContext PrivateKey::newContext() const
 {
-    return requireObject<EvpKeyContext>(
-        EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key_.get(), nullptr));
+    return contextFor(key_.get());
 }
 
 EvpKeyContext PrivateKey::takeContext(std::size_t scheme) const
@@ -94,31 +84,6 @@ std::size_t PrivateKey::sign(Bytes input, bool isPss, std::span<unsigned char> s
     require(signature.size() >= traits_.signatureSize(), SoftkeyStatus::BufferTooSmall);
     const std::span<unsigned char> out = signature.first(traits_.signatureSize());
     return traits_.isRsa() ? signRsa(input, isPss, out) : signEc(input, out);
-}
-
-bool verifySignature(const KeyKindTraits& traits, Bytes publicKey, Bytes input, Bytes signature, bool isPss)
-{
-    require(!isPss || traits.isRsa(), SoftkeyStatus::WrongKeyKind);
-    const EvpKey key = publicKeyFrom(traits, publicKey);
-    if (signature.size() != traits.signatureSize())
-        return false;
-    const auto context =
-        requireObject<EvpKeyContext>(EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key.get(), nullptr));
-    require(EVP_PKEY_verify_init(context.get()) == 1);
-
-    const DigestInfo digestInfo(input);
-    ByteVector der;
-    if (!traits.isRsa()) {
-        der = derFromFixed(signature);
-        signature = der;
-        input = ecdsaInput(traits, input);
-    } else if (isPss) {
-        setPssPadding(context.get(), CryptoContext::get().digests()[pssDigestFor(traits, input.size())]);
-    } else {
-        require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
-        input = digestInfo.bytes();
-    }
-    return EVP_PKEY_verify(context.get(), signature.data(), signature.size(), input.data(), input.size()) == 1;
 }
 
 } // namespace softkey

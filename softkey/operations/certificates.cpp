@@ -1,6 +1,7 @@
 // Certificates without a device: parsing, and the scan of a folder of certificate files.
 #include "operations/boundary.h"
 
+#include "base/small_file.h"
 #include "crypto/certificate.h"
 #include "platform/narrow_paths.h"
 

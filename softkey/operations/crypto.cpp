@@ -2,8 +2,7 @@
 #include "operations/boundary.h"
 
 #include "crypto/private_key.h"
-
-#include <openssl/rand.h>
+#include "crypto/public_key.h"
 
 using namespace softkey;
 

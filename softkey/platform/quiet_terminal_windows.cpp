@@ -1,7 +1,7 @@
 #include "platform/quiet_terminal.h"
 
+#include "base/secret.h"
 #include "base/status.h"
-#include "crypto/secret.h"
 
 #include <algorithm>
 #include <atomic>

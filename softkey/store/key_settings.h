@@ -1,9 +1,10 @@
-// What is chosen when a software key is made, and the making of its file.
+// What is chosen when a software key is made.
 #pragma once
 
-#include "store/contents.h"
+#include "crypto/protection.h"
 
-#include <filesystem>
+#include <string>
+#include <string_view>
 
 namespace softkey
 {
@@ -30,12 +31,7 @@ inline constexpr std::string_view KEY_FILE_SUFFIX = ".velkorkey";
 bool isSerialNumber(std::string_view text);
 std::string randomSerialNumber();
 
-/// Makes the file of a new key, whole or not at all. Throws BadArgument for settings out of range, PinLength, and
-/// AlreadyExists.
-void createKeyFile(const std::filesystem::path& folder, const KeySettings& settings, std::string_view userPin,
-                   std::string_view soPin);
-
-/// Unplugs a key and destroys its file. Throws the statuses of `KeyFile`, and StorageFailed.
-void removeKeyFile(const std::filesystem::path& path);
+/// Throws BadArgument for settings out of range.
+void requireAcceptable(const KeySettings& settings);
 
 } // namespace softkey

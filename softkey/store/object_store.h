@@ -1,8 +1,8 @@
 // Key pairs and certificates in a key's file. The functions that take a database run inside the caller's change.
 #pragma once
 
+#include "base/secret.h"
 #include "crypto/private_key.h"
-#include "crypto/secret.h"
 #include "store/contents.h"
 
 namespace softkey

@@ -2,13 +2,13 @@
 // SQLite become refusals with a status.
 #pragma once
 
-#include "crypto/openssl.h"
+#include "base/bytes.h"
+#include "base/status.h"
 
 #include <sqlite3.h>
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <string_view>
 

@@ -3,6 +3,7 @@
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
+#include "base/small_file.h"
 #include "crypto/certificate.h"
 #include "crypto/keys.h"
 #include "velkor/record_fields.h"

@@ -12,7 +12,7 @@ using namespace softkey;
 int fail(const std::string& reason, ExitCode code)
 {
     std::fprintf(stderr, "velkor-softkey: %s\n", reason.c_str());
-    return code;
+    return static_cast<int>(code);
 }
 
 int failPin(const Refusal& refusal)
@@ -20,24 +20,24 @@ int failPin(const Refusal& refusal)
     std::string reason = refusal.what();
     if (refusal.triesLeft() != Refusal::TRIES_UNKNOWN)
         reason += " (" + std::to_string(refusal.triesLeft()) + " tries left)";
-    return fail(reason, exitCodeOf(refusal.status()));
+    return fail(reason, rowOf(refusal.status()).exitCode);
 }
 
 int run(CLI::App& app, int argc, char** argv)
 {
     try {
         app.parse(argc, argv);
-        return EXIT_DONE;
+        return static_cast<int>(ExitCode::Done);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0)
             return app.exit(error); // Help or version.
-        return fail(error.what(), EXIT_USAGE);
+        return fail(error.what(), ExitCode::Usage);
     } catch (const Refusal& refusal) {
         return failPin(refusal);
     } catch (const WriteFailure& failure) {
-        return fail(failure.what(), EXIT_NOT_WRITTEN);
+        return fail(failure.what(), ExitCode::NotWritten);
     } catch (const std::exception& error) {
-        return fail(error.what(), EXIT_FAILED);
+        return fail(error.what(), ExitCode::Failed);
     }
 }
 

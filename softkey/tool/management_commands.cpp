@@ -4,7 +4,7 @@
 #include "tool/session.h"
 
 #include "crypto/key_kinds.h"
-#include "store/key_settings.h"
+#include "store/key_creation.h"
 #include "velkor/record_fields.h"
 
 #include <iostream>
@@ -87,8 +87,8 @@ void describe(Session& session, const std::string& name, json& keys, std::string
         lines += name + (contents->device.plugged ? "  plugged    " : "  unplugged  ");
         lines += printable(contents->device.label) + "\n";
     } catch (const Refusal& refusal) {
-        keys.push_back({{"serial", name}, {"error", statusText(refusal.status())}});
-        lines += name + "  unusable   " + statusText(refusal.status()) + "\n";
+        keys.push_back({{"serial", name}, {"error", rowOf(refusal.status()).text}});
+        lines += name + "  unusable   " + rowOf(refusal.status()).text + "\n";
     }
 }
 

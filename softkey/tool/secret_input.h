@@ -2,7 +2,7 @@
 // which other users can read.
 #pragma once
 
-#include "crypto/secret.h"
+#include "base/secret.h"
 
 #include <CLI/CLI.hpp>
 

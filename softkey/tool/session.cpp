@@ -8,39 +8,6 @@
 namespace softkey
 {
 
-ExitCode exitCodeOf(SoftkeyStatus status)
-{
-    switch (status) {
-    case SoftkeyStatus::Ok:
-        return EXIT_DONE;
-    case SoftkeyStatus::BadArgument:
-    case SoftkeyStatus::PinLength:
-        return EXIT_USAGE;
-    case SoftkeyStatus::PinRequired:
-    case SoftkeyStatus::PinIncorrect:
-        return EXIT_PIN_REFUSED;
-    case SoftkeyStatus::PinLocked:
-        return EXIT_PIN_LOCKED;
-    case SoftkeyStatus::DeviceRemoved:
-    case SoftkeyStatus::NoSuchObject:
-        return EXIT_NOT_FOUND;
-    case SoftkeyStatus::AlreadyExists:
-        return EXIT_EXISTS;
-    case SoftkeyStatus::DeviceUnreachable:
-    case SoftkeyStatus::FileDamaged:
-    case SoftkeyStatus::FileForeign:
-    case SoftkeyStatus::FileNewer:
-        return EXIT_KEY_FILE_UNUSABLE;
-    case SoftkeyStatus::BadCertificate:
-    case SoftkeyStatus::BadPrivateKey:
-        return EXIT_BAD_INPUT;
-    case SoftkeyStatus::StorageFailed:
-        return EXIT_NOT_WRITTEN;
-    default:
-        return EXIT_FAILED;
-    }
-}
-
 const std::filesystem::path& Session::folder()
 {
     if (!folder_.empty())

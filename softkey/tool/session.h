@@ -1,4 +1,4 @@
-// What the commands of the tool share: the keys folder, the form of the output, the exit codes.
+// What the commands of the tool share: the keys folder and the form of the output.
 #pragma once
 
 #include "store/keys_folder.h"
@@ -11,21 +11,6 @@
 
 namespace softkey
 {
-
-/// Exit codes; the manual page lists them.
-enum ExitCode : int {
-    EXIT_DONE = 0,
-    EXIT_FAILED = 1,
-    EXIT_USAGE = 2,
-    EXIT_PIN_REFUSED = 3,
-    EXIT_PIN_LOCKED = 4,
-    EXIT_NOT_FOUND = 5,
-    EXIT_EXISTS = 6,
-    EXIT_KEY_FILE_UNUSABLE = 7,
-    EXIT_BAD_INPUT = 8,
-    EXIT_NOT_WRITTEN = 9,
-};
-ExitCode exitCodeOf(SoftkeyStatus status);
 
 /// An output that could not be written to its end.
 class WriteFailure : public std::runtime_error

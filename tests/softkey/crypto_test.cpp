@@ -2,6 +2,7 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "crypto/public_key.h"
 
 #include <openssl/evp.h>
 

@@ -1,6 +1,7 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "crypto/public_key.h"
 #include "test_system.h"
 
 #include <openssl/core_names.h>

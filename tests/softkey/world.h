@@ -5,7 +5,7 @@
 #include "base/status.h"
 #include "crypto/openssl.h"
 #include "programs.h"
-#include "store/key_settings.h"
+#include "store/key_creation.h"
 #include "store/keys_folder.h"
 #include "velkor/device_service.h"
 

@@ -1,0 +1,38 @@
+// ECDH.
+#include "crypto/private_key.h"
+#include "crypto/public_key.h"
+
+namespace softkey
+{
+namespace
+{
+
+constexpr unsigned char OCTET_STRING = 0x04;
+
+/// The point inside a DER OCTET STRING, or the input itself when it has the length of a bare point.
+Bytes barePoint(Bytes encoded, const KeyKindTraits& traits)
+{
+    const std::size_t size = traits.pointSize();
+    const std::size_t header = size < 0x80 ? 2 : 3;
+    if (encoded.size() != header + size || encoded[0] != OCTET_STRING)
+        return encoded;
+    const bool lengthIsRight = encoded[header - 1] == size && (header == 2 || encoded[1] == 0x81);
+    return lengthIsRight ? encoded.subspan(header) : encoded;
+}
+
+} // namespace
+
+SecretBytes PrivateKey::agree(Bytes peerPoint) const
+{
+    require(!traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
+    const EvpKey peer = publicKeyFromPoint(traits_, barePoint(peerPoint, traits_));
+    const EvpKeyContext context = newContext();
+    require(EVP_PKEY_derive_init(context.get()) == 1);
+    require(EVP_PKEY_derive_set_peer(context.get(), peer.get()) == 1, SoftkeyStatus::BadPublicKey);
+    SecretBytes secret(traits_.size());
+    std::size_t size = secret.size();
+    require(EVP_PKEY_derive(context.get(), secret.data(), &size) == 1 && size == secret.size());
+    return secret;
+}
+
+} // namespace softkey
