@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string_view>
@@ -77,14 +76,10 @@ void appendLine(const std::string& path, int code, std::string text)
     std::unique_lock<std::mutex> lock;
     if (std::mutex* installed = logLock)
         lock = std::unique_lock(*installed);
-    std::ofstream file(path, std::ios::app | std::ios::binary);
-    if (!file) {
-        complain("\nUnable to write log");
-        return;
-    }
     // One piece, so that lines of several threads and processes do not mix.
     text.insert(0, timeText() + "->" + tag(code));
-    file << text.append("\n") << std::flush;
+    if (!platform::appendToFile(path, text.append("\n")))
+        complain("\nUnable to write log");
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace velkor
 {
@@ -26,13 +27,18 @@ struct LocalTime {
 /// it does not fit; `value` is then left as it was.
 bool readLogLevel(std::span<char> value);
 
-/// The user's temporary folder with a separator at its end; it need not exist.
+/// The user's temporary folder with a separator at its end; it need not exist. Empty when there is none that belongs to
+/// the user alone.
 std::string temporaryFolder();
 
 bool folderExists(const std::string& path);
 
-/// Creates one folder. False when it could not be created, also because it exists.
+/// Creates one folder, the user's alone. False when it could not be created, also because it exists.
 bool createFolder(const std::string& path);
+
+/// Appends to a file in one piece; a new file is the user's alone. False when it could not be opened. What does not fit
+/// on the disk is lost.
+bool appendToFile(const std::string& path, std::string_view text);
 
 /// File name of the program that this process runs; empty when the system does not tell.
 std::string processFileName();

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -25,6 +26,7 @@ namespace
 /// Stands in for the registry: lines `name = value`, comments after '#'.
 constexpr const char* CONFIGURATION_FILE = "/etc/brenmoor/velkor.conf";
 constexpr std::size_t CONFIGURATION_CAPACITY = 4096;
+constexpr mode_t PRIVATE_FOLDER = S_IRWXU;
 
 std::string_view trimmed(std::string_view text)
 {
@@ -45,13 +47,14 @@ std::optional<std::string> configuredData(std::string_view value)
         return std::string(value.substr(1, end - 1)) + '\0';
     }
     value = trimmed(value.substr(0, value.find('#')));
-    std::uint32_t number = 0;
+    std::int64_t number = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-    if (error != std::errc() || end != value.data() + value.size())
+    if (error != std::errc() || end != value.data() + value.size() ||
+        number < std::numeric_limits<std::int32_t>::min() || number > std::numeric_limits<std::uint32_t>::max())
         return std::nullopt;
     std::string data;
     for (unsigned shift = 0; shift < 32; shift += 8)
-        data.push_back(static_cast<char>(number >> shift & 0xFF));
+        data.push_back(static_cast<char>(static_cast<std::uint32_t>(number) >> shift & 0xFF));
     return data;
 }
 
@@ -74,6 +77,85 @@ const char* trustedEnvironment(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
+const char* configurationFile()
+{
+    const char* path = trustedEnvironment("VELKOR_CONFIG");
+    return path != nullptr ? path : CONFIGURATION_FILE;
+}
+
+/// Whether the file may still change without its stamp showing it: the clocks of file systems tick coarsely.
+bool isYoung(const struct stat& status)
+{
+    constexpr std::time_t SETTLED_AFTER = 2;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return now.tv_sec - status.st_ctim.tv_sec <= SETTLED_AFTER;
+}
+
+/// What tells one state of a file from another.
+struct FileStamp {
+    dev_t device = 0;
+    ino_t file = 0;
+    off_t size = 0;
+    std::time_t changedSeconds = 0;
+    long changedNanoseconds = 0;
+
+    bool operator==(const FileStamp&) const = default;
+};
+
+FileStamp stampOf(const struct stat& status)
+{
+    return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+
+/// What was read of the configuration in one state of its file. Of trivial types only: lines are also written while a
+/// thread or the process ends.
+struct KnownLevel {
+    FileStamp stamp;
+    std::size_t size = 0; ///< Bytes of `data`; 0: there is no such value.
+    std::array<char, 32> data{};
+};
+
+KnownLevel readConfiguredLevel()
+{
+    KnownLevel level;
+    const int file = open(configurationFile(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        return level;
+    std::array<char, CONFIGURATION_CAPACITY> text{};
+    const ssize_t length = read(file, text.data(), text.size());
+    close(file);
+    if (length <= 0)
+        return level;
+    const auto data = configuredValue({text.data(), static_cast<std::size_t>(length)}, "logLevel");
+    if (data && data->size() <= level.data.size()) {
+        level.size = data->size();
+        std::copy(data->begin(), data->end(), level.data.begin());
+    }
+    return level;
+}
+
+/// A folder that nobody else can write or look into.
+bool isPrivateFolder(const std::string& path)
+{
+    struct stat status {
+    };
+    return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
+           (status.st_mode & 077) == 0;
+}
+
+bool isAbsolute(std::string_view path)
+{
+    return path.starts_with('/');
+}
+
+std::string withSeparator(std::string path)
+{
+    if (!path.ends_with('/'))
+        path += '/';
+    return path;
+}
+
 /// Path of the running program; empty when the system does not tell.
 std::string processPath()
 {
@@ -92,41 +174,62 @@ std::string processPath()
 
 bool readLogLevel(std::span<char> value)
 {
-    const char* path = trustedEnvironment("VELKOR_CONFIG");
-    const int file = open(path != nullptr ? path : CONFIGURATION_FILE, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
+    thread_local KnownLevel known;
+    struct stat status {
+    };
+    if (stat(configurationFile(), &status) != 0)
         return false;
-    std::array<char, CONFIGURATION_CAPACITY> text{};
-    const ssize_t length = read(file, text.data(), text.size());
-    close(file);
-    if (length <= 0)
+    const FileStamp stamp = stampOf(status);
+    if (known.stamp != stamp) {
+        known = readConfiguredLevel();
+        if (!isYoung(status))
+            known.stamp = stamp;
+    }
+    if (known.size == 0 || known.size > value.size())
         return false;
-    const auto data = configuredValue({text.data(), static_cast<std::size_t>(length)}, "logLevel");
-    if (!data || data->size() > value.size())
-        return false;
-    std::memcpy(value.data(), data->data(), data->size());
+    std::copy_n(known.data.begin(), known.size, value.begin());
     return true;
 }
 
 std::string temporaryFolder()
 {
-    const char* folder = trustedEnvironment("TMPDIR");
-    std::string path = folder != nullptr ? folder : "/tmp";
-    if (!path.ends_with('/'))
-        path += '/';
-    return path;
+    if (const char* folder = trustedEnvironment("TMPDIR"); folder != nullptr && isAbsolute(folder))
+        return withSeparator(folder);
+    const char* folder = std::getenv("XDG_RUNTIME_DIR");
+    if (folder != nullptr && isAbsolute(folder) && getuid() == geteuid() && isPrivateFolder(folder))
+        return withSeparator(folder);
+    const std::string own = "/tmp/velkor-" + std::to_string(geteuid());
+    mkdir(own.c_str(), PRIVATE_FOLDER);
+    return isPrivateFolder(own) ? withSeparator(own) : "";
 }
 
 bool folderExists(const std::string& path)
 {
     struct stat status {
     };
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    return isAbsolute(path) && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 bool createFolder(const std::string& path)
 {
-    return mkdir(path.c_str(), 0777) == 0;
+    return mkdir(path.c_str(), PRIVATE_FOLDER) == 0;
+}
+
+bool appendToFile(const std::string& path, std::string_view text)
+{
+    // Opening anything but a file could block, and what somebody else has put there is none of ours.
+    constexpr int FLAGS = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int file = open(path.c_str(), FLAGS, S_IRUSR | S_IWUSR);
+    if (file < 0)
+        return false;
+    struct stat status {
+    };
+    const bool isOurs = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid();
+    if (isOurs && write(file, text.data(), text.size()) < 0) {
+        // Lost: nobody is told of a full disk with every line.
+    }
+    close(file);
+    return isOurs;
 }
 
 std::string processFileName()

@@ -1,6 +1,7 @@
 #include "platform/platform.h"
 
 #include <array>
+#include <fstream>
 
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
@@ -53,6 +54,15 @@ bool folderExists(const std::string& path)
 bool createFolder(const std::string& path)
 {
     return CreateDirectoryA(path.c_str(), nullptr) != 0;
+}
+
+bool appendToFile(const std::string& path, std::string_view text)
+{
+    std::ofstream file(path, std::ios::app | std::ios::binary);
+    if (!file)
+        return false;
+    file << text << std::flush;
+    return true;
 }
 
 std::string processFileName()

@@ -11,12 +11,17 @@ class UnreadableLevelTest : public LogLinesTest, public testing::WithParamInterf
 };
 
 INSTANTIATE_TEST_SUITE_P(Values, UnreadableLevelTest,
-                         testing::Values("", "three", "3 4", "-1", "4294967296", "\"3",
+                         testing::Values("", "three", "3 4", "--1", "-2147483649", "4294967296", "\"3",
                                          "\"a text that is longer than the 31 bytes of room\""));
 
 TEST_P(UnreadableLevelTest, CountsAsAbsent)
 {
     EXPECT_EQ(linesAt(GetParam()), std::vector{ERROR_LINE});
+}
+
+TEST_F(LogLinesTest, NegativeNumberIsSilent)
+{
+    EXPECT_EQ(linesAt("-1"), std::vector<std::string>());
 }
 
 TEST_F(LogLinesTest, AnotherValueCountsAsAbsent)

@@ -539,8 +539,8 @@ struct DefaultFolders {
     friend std::ostream& operator<<(std::ostream& out, const DefaultFolders& each) { return out << each.name; }
 };
 
-/// Makes the default folders. They are relative paths where drives have no letters; then it does so in a current folder
-/// of its own.
+/// Makes the default folders. Where drives have no letters they are relative paths, which whoever made the current folder
+/// could fill, and are not looked at; then it makes them in a current folder of its own.
 class DefaultFolderTest : public CertificateImportTest, public testing::WithParamInterface<DefaultFolders>
 {
 protected:
@@ -548,7 +548,7 @@ protected:
     void setHome() const override
     {
         test_system::removeEnvironment("VELKOR_HOME");
-        if (!std::filesystem::path(DEFAULT_FOLDERS[0]).is_absolute()) {
+        if (!haveDrivesLetters()) {
             const std::string program = test_system::program().filename().string();
             const auto folder = test_system::scratchFolder(program + ".default." + GetParam().name);
             std::filesystem::remove_all(folder);
@@ -570,6 +570,8 @@ protected:
         if (!before_.empty())
             std::filesystem::current_path(before_);
     }
+
+    static bool haveDrivesLetters() { return std::filesystem::path(DEFAULT_FOLDERS[0]).is_absolute(); }
 
     static void make(const std::filesystem::path& path, Found found)
     {
@@ -594,9 +596,9 @@ INSTANTIATE_TEST_SUITE_P(Folders, DefaultFolderTest,
                                          DefaultFolders{"Files", {Found::File, Found::File}, -1}),
                          [](const auto& each) { return each.param.name; });
 
-TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolder)
+TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolderOfADrive)
 {
-    const int used = GetParam().used;
+    const int used = haveDrivesLetters() ? GetParam().used : -1;
     const std::string program = test_system::program().parent_path().string();
     const std::string folder = (used < 0 ? program : std::string(DEFAULT_FOLDERS[used])) + "\\VelkorDSC\\Certificates";
     const Bytes der = certificate("Leaf", "Nobody");

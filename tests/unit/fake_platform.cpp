@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 FakePlatform fakePlatform;
@@ -39,6 +40,13 @@ bool createFolder(const std::string& path)
         return false;
     std::error_code ignored;
     return path.starts_with(fakePlatform.root) && std::filesystem::create_directory(path, ignored);
+}
+
+bool appendToFile(const std::string& path, std::string_view text)
+{
+    std::ofstream file(path, std::ios::app | std::ios::binary);
+    file << text;
+    return file.good();
 }
 
 std::string processFileName()
