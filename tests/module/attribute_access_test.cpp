@@ -17,16 +17,10 @@ const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
 const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
-Bytes joined(Bytes first, const Bytes& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 // ---- The attribute table ----
 
 /// A key pair of each kind: what the kind is in Cryptoki's terms, and what stands before the point of CKA_EC_POINT.
-struct KindCase {
+struct KindAttributes {
     const char* name;
     std::uint32_t keyKind;
     CK_KEY_TYPE keyType;
@@ -35,11 +29,11 @@ struct KindCase {
     Bytes ecParams;
     Bytes pointStart;
 
-    friend std::ostream& operator<<(std::ostream& out, const KindCase& kind) { return out << kind.name; }
+    friend std::ostream& operator<<(std::ostream& out, const KindAttributes& kind) { return out << kind.name; }
 };
 
 // The length of CKA_EC_POINT has one byte, also where the length needs two.
-const KindCase kindCases[] = {
+const KindAttributes kindCases[] = {
     {"Rsa1024", KEY_KIND_RSA_1024, CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}, {0x04, 0x81, 0x80}},
     {"Rsa2048", KEY_KIND_RSA_2048, CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}, {0x04, 0x81, 0x00}},
     {"Rsa3072", KEY_KIND_RSA_3072, CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}, {0x04, 0x81, 0x80}},
@@ -51,24 +45,24 @@ const KindCase kindCases[] = {
     {"UnknownKind", 99, CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}, {0x04, 0x81, 0x00}},
 };
 
-struct Row {
+struct AttributeRow {
     CK_ATTRIBUTE_TYPE type;
     Bytes privateKey;
     Bytes publicKey;
     Bytes certificate;
 };
 
-Row same(CK_ATTRIBUTE_TYPE type, const Bytes& value)
+AttributeRow same(CK_ATTRIBUTE_TYPE type, const Bytes& value)
 {
     return {type, value, value, value};
 }
 
 /// The rows that do not depend on the kind or the record. Every usage is allowed.
-const Row FIXED_ROWS[] = {
-    {CKA_CLASS, bytesOfNumber(3), bytesOfNumber(2), bytesOfNumber(1)},
+const AttributeRow FIXED_ROWS[] = {
+    {CKA_CLASS, bytesOf(3), bytesOf(2), bytesOf(1)},
     same(CKA_TOKEN, YES),
     {CKA_PRIVATE, YES, NO, NO},
-    same(CKA_CERTIFICATE_TYPE, bytesOfNumber(0)),
+    same(CKA_CERTIFICATE_TYPE, bytesOf(0)),
     same(CKA_TRUSTED, YES),
     {CKA_SENSITIVE, YES, NO, NO},
     {CKA_ENCRYPT, NO, YES, NO},
@@ -132,7 +126,7 @@ protected:
     }
 };
 
-class KeyAttributeTest : public AttributeTest, public testing::WithParamInterface<KindCase>
+class KeyAttributeTest : public AttributeTest, public testing::WithParamInterface<KindAttributes>
 {
 protected:
     void SetUp() override
@@ -143,21 +137,21 @@ protected:
     }
 
     /// The rows of the kind; the same for both halves but for the handle.
-    std::vector<Row> rowsOfKind() const
+    std::vector<AttributeRow> rowsOfKind() const
     {
-        const KindCase& kind = GetParam();
+        const KindAttributes& kind = GetParam();
         return {
-            same(CKA_LABEL, bytesOfText("key label")),
+            same(CKA_LABEL, bytesOf("key label")),
             same(CKA_VALUE, point_),
             same(CKA_MODULUS, point_),
-            {CKA_OBJECT_ID, bytesOfNumber(0x70000005), bytesOfNumber(0x70001005), {}},
+            {CKA_OBJECT_ID, bytesOf(0x70000005), bytesOf(0x70001005), {}},
             same(CKA_ISSUER, NOTHING),
             same(CKA_SERIAL_NUMBER, NOTHING),
             same(CKA_SUBJECT, NOTHING),
-            same(CKA_KEY_TYPE, bytesOfNumber(kind.keyType)),
+            same(CKA_KEY_TYPE, bytesOf(kind.keyType)),
             same(CKA_ID, {5}),
-            same(CKA_MODULUS_BITS, bytesOfNumber(kind.bits)),
-            same(CKA_KEY_GEN_MECHANISM, bytesOfNumber(kind.mechanism)),
+            same(CKA_MODULUS_BITS, bytesOf(kind.bits)),
+            same(CKA_KEY_GEN_MECHANISM, bytesOf(kind.mechanism)),
             same(CKA_EC_PARAMS, kind.ecParams),
             same(CKA_EC_POINT, joined(kind.pointStart, point_)),
         };
@@ -171,17 +165,17 @@ INSTANTIATE_TEST_SUITE_P(All, KeyAttributeTest, testing::ValuesIn(kindCases),
 
 TEST_P(KeyAttributeTest, APrivateKeyAnswersEveryRowOfTheTable)
 {
-    for (const Row& row : FIXED_ROWS)
+    for (const AttributeRow& row : FIXED_ROWS)
         expect(privateKey(5), row.type, row.privateKey);
-    for (const Row& row : rowsOfKind())
+    for (const AttributeRow& row : rowsOfKind())
         expect(privateKey(5), row.type, row.privateKey);
 }
 
 TEST_P(KeyAttributeTest, APublicKeyAnswersEveryRowOfTheTable)
 {
-    for (const Row& row : FIXED_ROWS)
+    for (const AttributeRow& row : FIXED_ROWS)
         expect(publicKey(5), row.type, row.publicKey);
-    for (const Row& row : rowsOfKind())
+    for (const AttributeRow& row : rowsOfKind())
         expect(publicKey(5), row.type, row.publicKey);
 }
 
@@ -201,23 +195,23 @@ TEST_F(CertificateAttributeTest, ACertificateAnswersEveryRowOfTheTable)
 {
     const Bytes der = certificateRecord(2).der;
     const std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> rows = {
-        {CKA_LABEL, bytesOfText("certificate 2")},
+        {CKA_LABEL, bytesOf("certificate 2")},
         {CKA_VALUE, der},
         {CKA_MODULUS, der},
-        {CKA_OBJECT_ID, bytesOfNumber(0x70002002)},
-        {CKA_ISSUER, joined(bytesOfText("issuer"), der)},
-        {CKA_SERIAL_NUMBER, joined(bytesOfText("serial"), der)},
-        {CKA_SUBJECT, joined(bytesOfText("subject"), der)},
-        {CKA_KEY_TYPE, bytesOfNumber(CKK_RSA)},
+        {CKA_OBJECT_ID, bytesOf(0x70002002)},
+        {CKA_ISSUER, joined(bytesOf("issuer"), der)},
+        {CKA_SERIAL_NUMBER, joined(bytesOf("serial"), der)},
+        {CKA_SUBJECT, joined(bytesOf("subject"), der)},
+        {CKA_KEY_TYPE, bytesOf(CKK_RSA)},
         {CKA_ID, {2}},
-        {CKA_MODULUS_BITS, bytesOfNumber(2048)},
-        {CKA_KEY_GEN_MECHANISM, bytesOfNumber(CKM_RSA_PKCS_KEY_PAIR_GEN)},
+        {CKA_MODULUS_BITS, bytesOf(2048)},
+        {CKA_KEY_GEN_MECHANISM, bytesOf(CKM_RSA_PKCS_KEY_PAIR_GEN)},
         {CKA_EC_PARAMS, NOTHING},
         {CKA_EC_POINT, NOTHING},
     };
     for (const auto& [type, value] : rows)
         expect(certificate(2), type, value);
-    for (const Row& row : FIXED_ROWS)
+    for (const AttributeRow& row : FIXED_ROWS)
         expect(certificate(2), row.type, row.certificate);
 }
 
@@ -329,7 +323,7 @@ TEST_F(AttributeTest, ABufferOfTheExactSizeIsFilled)
     Template attributes;
     attributes.addRoom(CKA_LABEL, 6).addRoom(CKA_PUBLIC_EXPONENT, 3);
     EXPECT_EQ(get(publicKey(2), attributes), answered({{CKA_LABEL, 6}, {CKA_PUBLIC_EXPONENT, 3}}));
-    EXPECT_EQ(attributes.value(0), bytesOfText("pair 2"));
+    EXPECT_EQ(attributes.value(0), bytesOf("pair 2"));
     EXPECT_EQ(attributes.value(1), (Bytes{1, 0, 1}));
 }
 
@@ -339,7 +333,7 @@ TEST_F(AttributeTest, ALargerBufferKeepsTheBytesBehindTheValue)
     attributes.addRoom(CKA_LABEL, 9).addRoom(CKA_ISSUER, 2);
     EXPECT_EQ(get(publicKey(2), attributes), answered({{CKA_LABEL, 6}, {CKA_ISSUER, 0}}));
     EXPECT_EQ(attributes.length(0), 6u);
-    EXPECT_EQ(attributes.value(0), joined(bytesOfText("pair 2"), Bytes(3, 0xEE)));
+    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), Bytes(3, 0xEE)));
     EXPECT_EQ(attributes.length(1), 0u);
     EXPECT_THAT(attributes.value(1), Each(0xEE));
 }
@@ -371,7 +365,7 @@ TEST_F(AttributeTest, AShortBufferEndsTheCallWithLaterLengthsUnchanged)
                        "DEBUG C_GetAttributeValue type : 288",
                        "ERROR C_GetAttributeValue: buffer too small at index=1 type=288 provided=255 required=256"}}));
     EXPECT_EQ(attributes.length(0), 6u);
-    EXPECT_EQ(attributes.value(0), joined(bytesOfText("pair 2"), Bytes(14, 0xEE)));
+    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), Bytes(14, 0xEE)));
     EXPECT_EQ(attributes.length(1), 255u);
     EXPECT_EQ(attributes.length(2), 7u);
     EXPECT_THAT(attributes.value(1), Each(0xEE));
@@ -384,7 +378,7 @@ TEST_F(AttributeTest, AnEntryMayComeTwice)
     attributes.addRaw(CKA_LABEL, nullptr, 0).addRoom(CKA_LABEL, 6);
     EXPECT_EQ(get(publicKey(2), attributes), answered({{CKA_LABEL, 6}, {CKA_LABEL, 6}}));
     EXPECT_EQ(attributes.length(0), 6u);
-    EXPECT_EQ(attributes.value(0), bytesOfText("pair 2"));
+    EXPECT_EQ(attributes.value(0), bytesOf("pair 2"));
 }
 
 TEST_F(AttributeTest, TenThousandEntriesAreAnswered)
@@ -442,15 +436,15 @@ INSTANTIATE_TEST_SUITE_P(All, AttributeStateTest,
 TEST_P(AttributeStateTest, AttributesAreAnsweredInEveryState)
 {
     enterState(GetParam());
-    expect(privateKey(2), CKA_LABEL, bytesOfText("pair 2"));
-    expect(certificate(2), CKA_LABEL, bytesOfText("certificate 2"));
+    expect(privateKey(2), CKA_LABEL, bytesOf("pair 2"));
+    expect(certificate(2), CKA_LABEL, bytesOf("certificate 2"));
 }
 
 TEST_F(AttributeTest, AnswersLeaveTheSearchInProgress)
 {
     ASSERT_EQ(C_FindObjectsInit(hSession_, nullptr, 0), CKR_OK);
     EXPECT_EQ(page(1), Handles{publicKey(1)});
-    expect(publicKey(2), CKA_LABEL, bytesOfText("pair 2"));
+    expect(publicKey(2), CKA_LABEL, bytesOf("pair 2"));
     EXPECT_EQ(page(1), Handles{publicKey(2)});
 }
 

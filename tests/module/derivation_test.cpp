@@ -1,7 +1,7 @@
 // C_DeriveKey, and the keys that it makes as C_GetAttributeValue shows them.
 #include <limits>
 
-#include "cipher_fixture.h"
+#include "key_operation_fixture.h"
 #include "watched_memory.h"
 
 namespace
@@ -23,13 +23,13 @@ static_assert(SECRET.size() == 66 && HASH.size() == 64);
 const Answer SILENTLY_INVALID_PARAMETER = {CKR_MECHANISM_PARAM_INVALID, {"DEBUG C_DeriveKey"}};
 const Answer SILENTLY_INVALID_KEY = {CKR_KEY_HANDLE_INVALID, {"DEBUG C_DeriveKey"}};
 
-class DerivationTest : public CryptoTest
+class DerivationTest : public KeyOperationTest
 {
 protected:
     /// Handles go on from test to test, so a first derivation tells which one is next.
     void SetUp() override
     {
-        CryptoTest::SetUp();
+        KeyOperationTest::SetUp();
         ON_CALL(*device_, velkor_ecdhDerive).WillByDefault(GivesBuffer(SECRET, 0));
         next_ = mustDerive() + 1;
         hKey_ = UNTOUCHED;
@@ -128,9 +128,8 @@ TEST_F(DerivationTest, TheDeviceGetsKeyPasswordAndPeer)
 {
     const Bytes key(16, 0xA5);
     for (const char* password : {"", "1234"}) {
-        EXPECT_CALL(*device_,
-                    velkor_ecdhDerive(StrEq(FIRST_DEVICE), PointsToBytes(key), StrEq(password), PointsToBytes(peer_), 4,
-                                      testing::Pointee(testing::IsNull()), testing::Pointee(0), &instance_));
+        EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(FIRST_DEVICE), PointsTo(key), StrEq(password), PointsTo(peer_), 4,
+                                                testing::Pointee(testing::IsNull()), testing::Pointee(0), &instance_));
         if (*password != '\0')
             login();
         mustDerive();
@@ -150,7 +149,7 @@ TEST_F(DerivationTest, TheKeyIsLookedUpOnTheSessionsDevice)
 {
     reopenSession(CKF_SERIAL_SESSION, SECOND_SLOT);
     EXPECT_CALL(*device_, velkor_getKeyPairList(StrEq(SECOND_DEVICE), &instance_)).Times(1);
-    EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(SECOND_DEVICE), PointsToBytes(Bytes(16, 0xA1)), _, _, _, _, _, _));
+    EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(SECOND_DEVICE), PointsTo(Bytes(16, 0xA1)), _, _, _, _, _, _));
     EXPECT_EQ(derive(privateKey(1)).code, CKR_OK);
 }
 
@@ -158,7 +157,7 @@ TEST_F(DerivationTest, PeersOfAnyLengthGoToTheDeviceAsTheyAre)
 {
     for (const std::size_t length : {std::size_t{1}, std::size_t{65}, std::size_t{133}, std::size_t{5000}}) {
         setPeer(Bytes(length, 0xBC));
-        EXPECT_CALL(*device_, velkor_ecdhDerive(_, _, _, PointsToBytes(peer_), static_cast<int>(length), _, _, _));
+        EXPECT_CALL(*device_, velkor_ecdhDerive(_, _, _, PointsTo(peer_), static_cast<int>(length), _, _, _));
         std::string text = "DEBUG public key :: ";
         for (std::size_t byte = 0; byte < length; ++byte)
             text += "BC";
@@ -242,7 +241,7 @@ protected:
     void expectHash(int code)
     {
         EXPECT_CALL(*device_, velkor_initHash(StrEq(FIRST_DEVICE), code, _, &instance_));
-        EXPECT_CALL(*device_, velkor_updateHash(&context_, PointsToBytes(bytesOf(SECRET)), 66, &instance_));
+        EXPECT_CALL(*device_, velkor_updateHash(&context_, PointsTo(bytesOf(SECRET)), 66, &instance_));
         EXPECT_CALL(*device_, velkor_finalHash(&context_, _, testing::Pointee(64), &instance_));
     }
 
@@ -323,7 +322,7 @@ TEST_F(KdfTest, NoHashIsBegunWithoutASecret)
 
 TEST_F(KdfTest, ADigestInProgressKeepsItsContext)
 {
-    startDigest();
+    start(DIGEST);
     int own = 0;
     EXPECT_CALL(*device_, velkor_initHash).WillOnce(DoAll(testing::SetArgPointee<2>(&own), Return(0)));
     EXPECT_CALL(*device_, velkor_finalHash(&own, _, _, _));
@@ -543,11 +542,11 @@ TEST_F(DerivationTest, TheSmallestAndTheLargestKeyNumberAreAccepted)
 
 TEST_F(DerivationTest, NeitherStateNorOperationIsAnObstacleAndTheOperationGoesOn)
 {
-    for (const CK_ULONG operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
+    for (const int operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
         reopenSession();
         start(operation);
         mustDerive();
-        EXPECT_EQ(operationInProgress(), operation);
+        EXPECT_EQ(activeOperation(), operation);
     }
     reopenSession(CKF_SERIAL_SESSION);
     mustDerive();
@@ -557,7 +556,7 @@ TEST_F(DerivationTest, TheLookupChangesTheKeyOfAnOperationInProgress)
 {
     start(DECRYPT);
     mustDerive();
-    EXPECT_CALL(*device_, velkor_decrypt(_, PointsToBytes(Bytes(16, 0xA5)), _, _, _, _, _, _, _)).Times(1);
+    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(Bytes(16, 0xA5)), _, _, _, _, _, _, _)).Times(1);
     CK_BYTE data = 'd';
     CK_ULONG length = 0;
     EXPECT_EQ(C_Decrypt(hSession_, &data, 1, nullptr, &length), CKR_OK);

@@ -1,5 +1,5 @@
 // C_DigestInit, C_Digest, C_DigestUpdate and C_DigestFinal.
-#include "crypto_fixture.h"
+#include "scripted_device_fixture.h"
 
 namespace
 {
@@ -7,7 +7,7 @@ namespace
 const Bytes DATA = {1, 2, 3};
 const Bytes OTHER_DATA = {4, 5, 6, 7};
 
-class DigestTest : public CryptoTest
+class DigestTest : public ScriptedDeviceTest
 {
 protected:
     Answer digest(const Bytes& data, Output& output) const
@@ -67,7 +67,7 @@ TEST_P(EveryDigest, IsMadeInOnePart)
     EXPECT_EQ(digest(DATA, output), DIGESTED);
     EXPECT_EQ(output.length, digestOf(GetParam().hash).size());
     EXPECT_EQ(output.written(), digestOf(GetParam().hash));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EveryDigest, IsMadeInParts)
@@ -85,7 +85,7 @@ TEST_P(EveryDigest, IsMadeInParts)
     EXPECT_EQ(finish(output), FINISHED);
     EXPECT_EQ(output.length, digestOf(GetParam().hash).size());
     EXPECT_EQ(output.written(), digestOf(GetParam().hash));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EveryDigest, IsMadeOnFipsTokensAndOldFirmware)
@@ -106,7 +106,7 @@ TEST_F(DigestTest, OtherMechanismsAreRefused)
          {CKM_MD5, CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_EC_KEY_PAIR_GEN, CK_MECHANISM_TYPE{0xFFFFFFFF}}) {
         EXPECT_EQ(digestInit(type),
                   refusal(CKR_MECHANISM_INVALID, "C_DigestInit", "C_DigestInit mechanism not supported"));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -122,7 +122,7 @@ TEST_F(DigestTest, AHashThatCannotBeginLeavesNoDigest)
     expectInitHash(3, 33);
     EXPECT_EQ(digestInit(CKM_SHA256),
               refusal(CKR_FUNCTION_FAILED, "C_DigestInit", "Init hash in diges init failed : 33"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(DigestTest, ARestartThatFailsKeepsTheDigestAndItsResult)

@@ -1,5 +1,5 @@
 // C_EncryptInit, C_Encrypt, C_DecryptInit and C_Decrypt.
-#include "cipher_fixture.h"
+#include "key_operation_fixture.h"
 #include "watched_memory.h"
 
 namespace
@@ -24,8 +24,8 @@ struct Direction {
     InitFunction init;
     DataFunction run;
     CK_OBJECT_HANDLE hKey;
-    CK_ULONG operation;
-    CK_ULONG deadEnd; ///< What comes of it during a digest.
+    int operation;
+    int deadEnd; ///< What comes of it during a digest.
 };
 
 const Direction ENCRYPTION = {"C_Encrypt",  "C_EncryptInit", C_EncryptInit, C_Encrypt,
@@ -33,7 +33,7 @@ const Direction ENCRYPTION = {"C_Encrypt",  "C_EncryptInit", C_EncryptInit, C_En
 const Direction DECRYPTION = {"C_Decrypt",   "C_DecryptInit", C_DecryptInit, C_Decrypt,
                               privateKey(2), DECRYPT,         DIGEST_DECRYPT};
 
-class CipherFixture : public CryptoTest
+class CipherFixture : public KeyOperationTest
 {
 protected:
     Answer init(const Direction& direction, CK_MECHANISM mechanism, CK_OBJECT_HANDLE hKey) const
@@ -135,21 +135,22 @@ TEST_P(CipherTest, AnUnknownSessionIsRefused)
 
 TEST_P(CipherTest, InitIsRefusedWhileAnyOperationButADigestIsActive)
 {
-    for (const CK_ULONG active : {FIND, ENCRYPT, DECRYPT, SIGN, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
+    for (const int active : {FIND, ENCRYPT, DECRYPT, SIGN, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
         reopenSession();
         start(active);
-        EXPECT_EQ(answer(GetParam().init, hSession_, nullptr, 0),
-                  refusedInit(CKR_OPERATION_ACTIVE, "operation already active, activeOperation=" + logged(active)));
-        EXPECT_EQ(operationInProgress(), active);
+        EXPECT_EQ(
+            answer(GetParam().init, hSession_, nullptr, 0),
+            refusedInit(CKR_OPERATION_ACTIVE, "operation already active, activeOperation=" + std::to_string(active)));
+        EXPECT_EQ(activeOperation(), active);
     }
 }
 
 TEST_P(CipherTest, InitRefusesANullMechanismAndLeavesTheOperation)
 {
-    for (const CK_ULONG active : {NO_OPERATION, DIGEST}) {
+    for (const int active : {NO_OPERATION, DIGEST}) {
         start(active);
         EXPECT_EQ(answer(GetParam().init, hSession_, nullptr, 0), refusedInit(CKR_ARGUMENTS_BAD, "pMechanism is NULL"));
-        EXPECT_EQ(operationInProgress(), active);
+        EXPECT_EQ(activeOperation(), active);
     }
 }
 
@@ -161,7 +162,7 @@ TEST_P(CipherTest, InitRefusesEveryMechanismButTheTwoBeforeItLooksAtParameterAnd
         EXPECT_EQ(init(GetParam(), CK_MECHANISM{type, &parameter, 1}, 0),
                   refusedInit(CKR_MECHANISM_INVALID, "unsupported mechanism=" + logged(type)));
     }
-    EXPECT_EQ(operationInProgress(), NO_OPERATION);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(CipherTest, OaepNeedsFirmware2AndPkcsDoesNot)
@@ -171,7 +172,7 @@ TEST_P(CipherTest, OaepNeedsFirmware2AndPkcsDoesNot)
         setFirmware(firmware.version);
         const Answer oaep = init(GetParam(), CKM_RSA_PKCS_OAEP, GetParam().hKey);
         EXPECT_EQ(oaep.code, firmware.recent ? CKR_OK : CKR_MECHANISM_INVALID);
-        EXPECT_EQ(operationInProgress(), firmware.recent ? GetParam().operation : NO_OPERATION);
+        EXPECT_EQ(activeOperation(), firmware.recent ? GetParam().operation : NO_OPERATION);
         reopenSession();
         EXPECT_EQ(init(GetParam()).code, CKR_OK);
     }
@@ -204,26 +205,26 @@ TEST_P(CipherTest, OaepTakesParametersOfEveryLength)
 TEST_P(CipherTest, InitDuringADigestLeadsToADeadEnd)
 {
     expectDeviceCalls(GetParam(), 0);
-    startDigest();
+    start(DIGEST);
     mustInit(GetParam());
-    EXPECT_EQ(operationInProgress(), GetParam().deadEnd);
+    EXPECT_EQ(activeOperation(), GetParam().deadEnd);
     EXPECT_EQ(run(GetParam()).answer,
               refusedRun(CKR_OPERATION_NOT_INITIALIZED,
-                         "operation not initialized, activeOperation=" + logged(GetParam().deadEnd)));
+                         "operation not initialized, activeOperation=" + std::to_string(GetParam().deadEnd)));
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
     for (const InitFunction other : {C_SignInit, C_VerifyInit, C_EncryptInit, C_DecryptInit})
         EXPECT_EQ(other(hSession_, &mechanism, privateKey(2)), CKR_OPERATION_ACTIVE);
     EXPECT_EQ(C_DigestInit(hSession_, &digest), CKR_OPERATION_ACTIVE);
     EXPECT_EQ(C_DigestFinal(hSession_, nullptr, nullptr), CKR_OPERATION_NOT_INITIALIZED);
-    EXPECT_EQ(operationInProgress(), GetParam().deadEnd);
+    EXPECT_EQ(activeOperation(), GetParam().deadEnd);
 }
 
 TEST_P(CipherTest, AFailedInitDuringADigestLeavesTheDigest)
 {
-    startDigest();
+    start(DIGEST);
     EXPECT_EQ(init(GetParam(), CKM_RSA_PKCS, privateKey(0xFFF)).code, CKR_OBJECT_HANDLE_INVALID);
-    EXPECT_EQ(operationInProgress(), DIGEST);
+    EXPECT_EQ(activeOperation(), DIGEST);
     Bytes digest(64, 0);
     auto length = static_cast<CK_ULONG>(digest.size());
     EXPECT_EQ(C_DigestFinal(hSession_, digest.data(), &length), CKR_OK);
@@ -232,16 +233,16 @@ TEST_P(CipherTest, AFailedInitDuringADigestLeavesTheDigest)
 TEST_P(CipherTest, TheCallNeedsExactlyItsOwnOperationBeforeItLooksAtItsArguments)
 {
     expectDeviceCalls(GetParam(), 0);
-    for (const CK_ULONG active :
+    for (const int active :
          {NO_OPERATION, FIND, ENCRYPT, DECRYPT, DIGEST, SIGN, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
         if (active == GetParam().operation)
             continue;
         reopenSession();
         start(active);
-        EXPECT_EQ(
-            answer(GetParam().run, hSession_, nullptr, 0, nullptr, nullptr),
-            refusedRun(CKR_OPERATION_NOT_INITIALIZED, "operation not initialized, activeOperation=" + logged(active)));
-        EXPECT_EQ(operationInProgress(), active);
+        EXPECT_EQ(answer(GetParam().run, hSession_, nullptr, 0, nullptr, nullptr),
+                  refusedRun(CKR_OPERATION_NOT_INITIALIZED,
+                             "operation not initialized, activeOperation=" + std::to_string(active)));
+        EXPECT_EQ(activeOperation(), active);
     }
 }
 
@@ -255,7 +256,7 @@ TEST_P(CipherTest, ARefusedArgumentLeavesTheOperationActive)
     EXPECT_EQ(answer(GetParam().run, hSession_, nullptr, 1, &output, &length).code, CKR_ARGUMENTS_BAD);
     EXPECT_EQ(answer(GetParam().run, hSession_, &data, 0, &output, &length).code, CKR_ARGUMENTS_BAD);
     EXPECT_EQ(answer(GetParam().run, hSession_, &data, 1, &output, nullptr).code, CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(operationInProgress(), GetParam().operation);
+    EXPECT_EQ(activeOperation(), GetParam().operation);
     EXPECT_EQ(output, 7);
     EXPECT_EQ(length, 7U);
 }
@@ -266,7 +267,7 @@ TEST_P(CipherTest, AfterALengthQueryTheKeptResultIsDeliveredWhateverTheData)
     mustInit(GetParam());
     EXPECT_EQ(queryLength(GetParam()), sizeof SOME_DATA);
     EXPECT_EQ(queryLength(GetParam()), sizeof SOME_DATA);
-    EXPECT_EQ(operationInProgress(), GetParam().operation);
+    EXPECT_EQ(activeOperation(), GetParam().operation);
     const Output output = run(GetParam(), Bytes(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA));
     EXPECT_EQ(output.answer, passed(GetParam()));
     EXPECT_EQ(output.used(), (Bytes{0x9B, 0x9E, 0x8B, 0x9E}));
@@ -298,7 +299,7 @@ TEST_P(CipherTest, DeliveryEndsTheOperation)
 {
     mustInit(GetParam());
     EXPECT_EQ(run(GetParam()).answer, passed(GetParam()));
-    EXPECT_EQ(operationInProgress(), NO_OPERATION);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
     const Output again = run(GetParam());
     EXPECT_EQ(again.answer, refusedRun(CKR_OPERATION_NOT_INITIALIZED, "operation not initialized, activeOperation=0"));
     EXPECT_EQ(again.length, 0U);
@@ -335,11 +336,11 @@ TEST_P(CipherTest, AThrowingLibraryLeavesTheOperationAsAFailureOfTheDeviceDoes)
         .WillOnce(testing::Throw(std::runtime_error("broken")));
     mustInit(GetParam());
     EXPECT_EQ(run(GetParam()).answer.code, CK_RV{CKR_FUNCTION_FAILED});
-    const CK_ULONG afterFailure = operationInProgress();
+    const int afterFailure = activeOperation();
     if (afterFailure == NO_OPERATION)
         mustInit(GetParam());
     EXPECT_EQ(run(GetParam()).answer, refusedRun(CKR_GENERAL_ERROR, "unexpected exception: broken"));
-    EXPECT_EQ(operationInProgress(), afterFailure);
+    EXPECT_EQ(activeOperation(), afterFailure);
 }
 
 TEST_P(CipherTest, SessionsHaveOperationsOfTheirOwn)
@@ -347,9 +348,9 @@ TEST_P(CipherTest, SessionsHaveOperationsOfTheirOwn)
     mustInit(GetParam());
     const CK_SESSION_HANDLE firstSession = hSession_;
     hSession_ = openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION);
-    EXPECT_EQ(operationInProgress(), NO_OPERATION);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
     hSession_ = firstSession;
-    EXPECT_EQ(operationInProgress(), GetParam().operation);
+    EXPECT_EQ(activeOperation(), GetParam().operation);
 }
 
 // ---- Keys and parameters that an initialisation refuses ----
@@ -368,7 +369,7 @@ protected:
     {
         for (const RefusedInit& row : table) {
             EXPECT_EQ(init(direction, row.mechanism, row.hKey), refusedInit(direction, row.code, row.text));
-            EXPECT_EQ(operationInProgress(), NO_OPERATION);
+            EXPECT_EQ(activeOperation(), NO_OPERATION);
         }
     }
 
@@ -489,7 +490,7 @@ TEST_F(CipherInitTest, OnlyDecryptionAsksForTheSessionState)
     // The state comes before the operation in progress and the mechanism.
     EXPECT_EQ(answer(C_DecryptInit, hSession_, nullptr, 0),
               refusedInit(DECRYPTION, CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
-    EXPECT_EQ(operationInProgress(), ENCRYPT);
+    EXPECT_EQ(activeOperation(), ENCRYPT);
 }
 
 TEST_F(CipherInitTest, EveryOtherSessionStateDecrypts)
@@ -580,7 +581,7 @@ TEST_F(EncryptionTest, ThePublicKeyGoesToTheDeviceAsSubjectPublicKeyInfo)
         SCOPED_TRACE(info.modulus.size());
         setModulus(2, info.modulus);
         const Bytes der = encoded(info);
-        EXPECT_CALL(*device_, velkor_encrypt(_, _, _, _, _, _, PointsToBytes(der), static_cast<int>(der.size()), _));
+        EXPECT_CALL(*device_, velkor_encrypt(_, _, _, _, _, _, PointsTo(der), static_cast<int>(der.size()), _));
         encryptWith(publicKey(2));
     }
 }
@@ -605,7 +606,7 @@ TEST_F(EncryptionTest, TheDeviceGetsPaddingDataAndAnEmptyOutput)
     const int dataLength = sizeof SOME_DATA;
     for (const int padding : {1, 4}) {
         EXPECT_CALL(*device_, velkor_encrypt(EncryptionType::Rsa2048, static_cast<PaddingMode>(padding),
-                                             PointsToBytes(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength, _,
+                                             PointsTo(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength, _,
                                              testing::Pointee(0), _, 294, &instance_));
         encryptWith(publicKey(2), padding == 1 ? CKM_RSA_PKCS : CKM_RSA_PKCS_OAEP);
     }
@@ -646,7 +647,7 @@ TEST_F(EncryptionTest, WithPkcsBothHalvesOfAPairSelectTheSameKey)
 {
     const Bytes der = encoded({Bytes(384, 0xC5), PUBLIC_KEYS[12].outer, PUBLIC_KEYS[12].bitString});
     setModulus(3, Bytes(384, 0xC5));
-    EXPECT_CALL(*device_, velkor_encrypt(EncryptionType::Rsa3072, _, _, _, _, _, PointsToBytes(der), _, _)).Times(2);
+    EXPECT_CALL(*device_, velkor_encrypt(EncryptionType::Rsa3072, _, _, _, _, _, PointsTo(der), _, _)).Times(2);
     encryptWith(publicKey(3));
     encryptWith(privateKey(3));
 }
@@ -704,7 +705,7 @@ TEST_F(EncryptionTest, AFailureOfTheDeviceEndsTheOperation)
                   refusal(CKR_FUNCTION_FAILED, "C_Encrypt", "Encrypt data failed : " + std::to_string(status)));
         EXPECT_EQ(output.length, 0U);
         EXPECT_EQ(output.bytes, Bytes(1024, 0));
-        EXPECT_EQ(operationInProgress(), NO_OPERATION);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -744,8 +745,8 @@ TEST_F(DecryptionTest, TheDeviceGetsKeyPasswordDataAndFlag)
     for (const bool flag : {false, true}) {
         keyPair(2).deviceFlag = flag;
         EXPECT_CALL(*device_,
-                    velkor_decrypt(StrEq(FIRST_DEVICE), PointsToBytes(Bytes(16, 0xA2)), StrEq(""),
-                                   PointsToBytes(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength,
+                    velkor_decrypt(StrEq(FIRST_DEVICE), PointsTo(Bytes(16, 0xA2)), StrEq(""),
+                                   PointsTo(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength,
                                    testing::Pointee(testing::IsNull()), testing::Pointee(0), flag, &instance_));
         mustInit(DECRYPTION);
         EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
@@ -763,8 +764,7 @@ TEST_F(DecryptionTest, TheCachedPasswordIsTheOneOfTheCallNotOfTheInitialisation)
 TEST_F(DecryptionTest, OaepAndPkcsLookTheSameToTheDevice)
 {
     const Bytes key(16, 0xA2);
-    EXPECT_CALL(*device_, velkor_decrypt(StrEq(FIRST_DEVICE), PointsToBytes(key), StrEq(""), _, 4, _, _, false, _))
-        .Times(2);
+    EXPECT_CALL(*device_, velkor_decrypt(StrEq(FIRST_DEVICE), PointsTo(key), StrEq(""), _, 4, _, _, false, _)).Times(2);
     for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
         mustInit(DECRYPTION, type);
         EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
@@ -783,7 +783,7 @@ TEST_F(DecryptionTest, ALaterLookupOfAnySessionChangesTheKey)
     mustInit(DECRYPTION);
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(C_EncryptInit(openSession(CKF_SERIAL_SESSION), &mechanism, publicKey(4)), CKR_OK);
-    EXPECT_CALL(*device_, velkor_decrypt(_, PointsToBytes(Bytes(16, 0xA4)), _, _, _, _, _, _, _)).Times(1);
+    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(Bytes(16, 0xA4)), _, _, _, _, _, _, _)).Times(1);
     EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
 }
 
@@ -809,7 +809,7 @@ TEST_F(DecryptionTest, AFailureOfTheDeviceKeepsTheOperationAndReleasesWhatWasAll
                   refusal(CKR_FUNCTION_FAILED, "C_Decrypt", "Dacrypt data failed : " + std::to_string(status)));
         EXPECT_EQ(output.length, 0U);
         EXPECT_EQ(output.bytes, Bytes(1024, 0));
-        EXPECT_EQ(operationInProgress(), DECRYPT);
+        EXPECT_EQ(activeOperation(), DECRYPT);
     }
     giveNext(PLAINTEXT);
     EXPECT_EQ(run(DECRYPTION).used(), bytesOf(PLAINTEXT));
@@ -834,7 +834,7 @@ TEST_F(DecryptionTest, AnEmptyPlaintextIsDelivered)
     const Output output = run(DECRYPTION);
     EXPECT_EQ(output.answer, passed(DECRYPTION));
     EXPECT_EQ(output.length, 0U);
-    EXPECT_EQ(operationInProgress(), NO_OPERATION);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(DecryptionTest, ABufferOfTheLibraryIsReleasedWhenTheLibraryThrows)

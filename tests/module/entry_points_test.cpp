@@ -7,12 +7,12 @@
 namespace
 {
 
-enum class Arguments { Zero, Garbage };
+enum class ArgumentKind { Zero, Garbage };
 
 template <typename Parameter>
-Parameter makeArgument(Arguments arguments)
+Parameter makeArgument(ArgumentKind arguments)
 {
-    const bool garbage = arguments == Arguments::Garbage;
+    const bool garbage = arguments == ArgumentKind::Garbage;
     if constexpr (std::is_pointer_v<Parameter>)
         return garbage ? reinterpret_cast<Parameter>(std::uintptr_t{1}) : nullptr;
     else
@@ -20,14 +20,14 @@ Parameter makeArgument(Arguments arguments)
 }
 
 template <typename... Parameters>
-CK_RV callWith(Arguments arguments, CK_RV (*function)(Parameters...))
+CK_RV callWith(ArgumentKind arguments, CK_RV (*function)(Parameters...))
 {
     return function(makeArgument<Parameters>(arguments)...);
 }
 
 struct EntryPoint {
     const char* name;
-    CK_RV (*call)(Arguments);
+    CK_RV (*call)(ArgumentKind);
     /// What zero arguments give after C_Initialize.
     CK_RV initialized;
     bool supported = true;
@@ -37,11 +37,11 @@ struct EntryPoint {
 
 #define SUPPORTED(name, code)                                                                                          \
     {                                                                                                                  \
-#name, [](Arguments arguments) { return callWith(arguments, name); }, code                                     \
+#name, [](ArgumentKind arguments) { return callWith(arguments, name); }, code                                  \
     }
 #define UNSUPPORTED(name)                                                                                              \
     {                                                                                                                  \
-#name, [](Arguments arguments) { return callWith(arguments, name); }, CKR_FUNCTION_NOT_SUPPORTED, false        \
+#name, [](ArgumentKind arguments) { return callWith(arguments, name); }, CKR_FUNCTION_NOT_SUPPORTED, false     \
     }
 
 const EntryPoint entryPoints[] = {
@@ -118,7 +118,7 @@ const EntryPoint entryPoints[] = {
 class EntryPointTest : public ModuleTest, public testing::WithParamInterface<EntryPoint>
 {
 protected:
-    Answer call(Arguments arguments) const { return answer(GetParam().call, arguments); }
+    Answer call(ArgumentKind arguments) const { return answer(GetParam().call, arguments); }
 
     Answer unsupported() const { return {CKR_FUNCTION_NOT_SUPPORTED, {std::string("DEBUG ") + GetParam().name}}; }
 
@@ -137,16 +137,16 @@ INSTANTIATE_TEST_SUITE_P(All, EntryPointTest, testing::ValuesIn(entryPoints),
 TEST_P(EntryPointTest, LooksAtNoArgumentBeforeInitialize)
 {
     const Answer expected = GetParam().supported ? notInitialized() : unsupported();
-    EXPECT_EQ(call(Arguments::Zero), expected);
-    EXPECT_EQ(call(Arguments::Garbage), expected);
+    EXPECT_EQ(call(ArgumentKind::Zero), expected);
+    EXPECT_EQ(call(ArgumentKind::Garbage), expected);
 }
 
 TEST_P(EntryPointTest, AnswersAfterInitialize)
 {
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
-    EXPECT_EQ(call(Arguments::Zero).code, GetParam().initialized);
+    EXPECT_EQ(call(ArgumentKind::Zero).code, GetParam().initialized);
     if (!GetParam().supported) {
-        EXPECT_EQ(call(Arguments::Garbage), unsupported());
+        EXPECT_EQ(call(ArgumentKind::Garbage), unsupported());
     }
 }
 
@@ -169,15 +169,16 @@ TEST_P(SessionEntryPointTest, RefusesAnUnknownSessionBeforeItLooksAtOtherArgumen
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     const std::string name = GetParam().name;
     if (name == "C_DeriveKey") { // Its first refusals write no line.
-        EXPECT_EQ(call(Arguments::Garbage), (Answer{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DeriveKey"}}));
+        EXPECT_EQ(call(ArgumentKind::Garbage), (Answer{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DeriveKey"}}));
         return;
     }
     if (name == "C_DestroyObject") { // Says it in words of its own.
-        EXPECT_EQ(call(Arguments::Garbage), refusal(CKR_SESSION_HANDLE_INVALID, name, "Delete session state invalid"));
+        EXPECT_EQ(call(ArgumentKind::Garbage),
+                  refusal(CKR_SESSION_HANDLE_INVALID, name, "Delete session state invalid"));
         return;
     }
-    EXPECT_EQ(call(Arguments::Zero), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=0"));
-    EXPECT_EQ(call(Arguments::Garbage), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=-1"));
+    EXPECT_EQ(call(ArgumentKind::Zero), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=0"));
+    EXPECT_EQ(call(ArgumentKind::Garbage), refusal(CKR_SESSION_HANDLE_INVALID, name, name + ": invalid hSession=-1"));
 }
 
 TEST(EntryPoints, AreAllInTheTableButThoseOfTheLifecycle)

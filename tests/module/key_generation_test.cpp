@@ -1,5 +1,5 @@
 // C_GenerateKeyPair.
-#include "cipher_fixture.h"
+#include "key_operation_fixture.h"
 
 namespace
 {
@@ -20,12 +20,12 @@ const Bytes NO = {0};
 
 const std::string TOO_SMALL = "RSA-1024 key generation not allowed — key size below 112-bit security strength";
 
-class KeyGenerationTest : public CryptoTest
+class KeyGenerationTest : public KeyOperationTest
 {
 protected:
     void SetUp() override
     {
-        CryptoTest::SetUp();
+        KeyOperationTest::SetUp();
         ON_CALL(*device_, velkor_generateKeyPair).WillByDefault([this](auto, auto, auto* keyPair, auto) {
             request_ = *keyPair;
             ++requests_;
@@ -531,11 +531,11 @@ TEST_F(KeyGenerationTest, EveryReadWriteSessionGenerates)
 
 TEST_F(KeyGenerationTest, AnOperationInProgressIsNoObstacleAndGoesOn)
 {
-    for (const CK_ULONG operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
+    for (const int operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
         reopenSession();
         start(operation);
         EXPECT_EQ(generateRsa(2048).code, CKR_OK);
-        EXPECT_EQ(operationInProgress(), operation);
+        EXPECT_EQ(activeOperation(), operation);
     }
 }
 

@@ -29,7 +29,7 @@ struct Info {
     }
 };
 
-struct Row {
+struct MechanismRow {
     CK_MECHANISM_TYPE type;
     Info onUnknownSlot;
     Info onKnownSlot;
@@ -44,7 +44,7 @@ constexpr Info EC_VERIFY = {256, 521, VERIFY};
 constexpr Info HASH = {0, 0, DIGEST};
 
 // In the order in which they are listed.
-const Row ROWS[] = {
+const MechanismRow ROWS[] = {
     {0x0, {1024, 4096, GENERATE}, {2048, 4096, GENERATE}},
     {0x1, {1024, 4096, ENCRYPT_DECRYPT | SIGN_VERIFY}, {2048, 4096, ENCRYPT_DECRYPT | SIGN_VERIFY}},
     {0x9, {1024, 4096, ENCRYPT_DECRYPT}, {1024, 4096, ENCRYPT_DECRYPT}},
@@ -76,7 +76,7 @@ const Row ROWS[] = {
 std::vector<CK_MECHANISM_TYPE> listedTypes(bool onFipsToken)
 {
     std::vector<CK_MECHANISM_TYPE> types;
-    for (const Row& row : ROWS) {
+    for (const MechanismRow& row : ROWS) {
         if (!onFipsToken || !row.onFipsToken)
             types.push_back(row.type);
     }
@@ -148,7 +148,7 @@ TEST_F(MechanismListTest, AnUnknownSlotGetsTheWholeTableAlsoBesideAFipsToken)
 
 TEST_F(MechanismListTest, AnUnknownSlotGetsTheBaseValues)
 {
-    for (const Row& row : ROWS)
+    for (const MechanismRow& row : ROWS)
         EXPECT_EQ(info(SECOND_SLOT + 1, row.type), row.onUnknownSlot) << row.type;
 }
 
@@ -156,7 +156,7 @@ TEST_F(MechanismListTest, ATokenWhoseModelHasAOneInThirdPlaceOffersAll)
 {
     setFirstModel("AB1");
     EXPECT_EQ(list(FIRST_SLOT), listedTypes(false));
-    for (const Row& row : ROWS)
+    for (const MechanismRow& row : ROWS)
         EXPECT_EQ(info(FIRST_SLOT, row.type), row.onKnownSlot) << row.type;
 }
 
@@ -165,7 +165,7 @@ TEST_F(MechanismListTest, AFipsTokenHidesSha1SignaturesAndLimitsThemToVerificati
     setFirstModel("AB0");
     EXPECT_EQ(listedTypes(true).size(), 23u);
     EXPECT_EQ(list(FIRST_SLOT), listedTypes(true));
-    for (const Row& row : ROWS)
+    for (const MechanismRow& row : ROWS)
         EXPECT_EQ(info(FIRST_SLOT, row.type), row.onFipsToken.value_or(row.onKnownSlot)) << row.type;
 }
 

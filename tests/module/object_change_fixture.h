@@ -1,62 +1,19 @@
-// A session on a device that is called as the test expects and not otherwise, and templates for new objects.
+// A session on a device that is called as the test expects and not otherwise.
 #pragma once
 
-#include <cstddef>
-#include <deque>
 #include <numeric>
 #include <string>
 #include <vector>
 
-#include "session_fixture.h"
+#include "operation_in_progress.h"
+#include "template.h"
 
-using Bytes = std::vector<unsigned char>;
-
-/// A template and the memory behind it.
-class Template
-{
-public:
-    Template& add(CK_ATTRIBUTE_TYPE type, const Bytes& value)
-    {
-        Bytes& kept = values_.emplace_back(value);
-        return addMemory(type, kept.data(), static_cast<CK_ULONG>(kept.size()));
-    }
-
-    Template& add(CK_ATTRIBUTE_TYPE type, const std::string& text)
-    {
-        return add(type, Bytes(text.begin(), text.end()));
-    }
-
-    Template& add(CK_ATTRIBUTE_TYPE type, CK_ULONG number)
-    {
-        const auto* bytes = reinterpret_cast<const unsigned char*>(&number);
-        return add(type, Bytes(bytes, bytes + sizeof number));
-    }
-
-    Template& addMemory(CK_ATTRIBUTE_TYPE type, void* memory, CK_ULONG size)
-    {
-        attributes_.push_back({type, memory, size});
-        return *this;
-    }
-
-    CK_ATTRIBUTE_PTR data() const { return const_cast<CK_ATTRIBUTE_PTR>(attributes_.data()); }
-    CK_ULONG size() const { return static_cast<CK_ULONG>(attributes_.size()); }
-
-private:
-    std::deque<Bytes> values_; ///< They stay where they are when others are added.
-    std::vector<CK_ATTRIBUTE> attributes_;
-};
-
-MATCHER_P(PointsTo, bytes, "")
-{
-    return std::equal(bytes.begin(), bytes.end(), arg);
-}
-
-class ObjectTest : public OpenSessionTest
+class ObjectChangeTest : public OperationInProgressTest
 {
 protected:
     void SetUp() override
     {
-        OpenSessionTest::SetUp();
+        OperationInProgressTest::SetUp();
         for (VelkorKeyPair& each : first().keyPairs)
             numberBytes(each.keyIdentifier, 0x20 * each.id);
         for (VelkorCertificate& each : first().certificates)
@@ -111,42 +68,18 @@ protected:
     {
         EXPECT_CALL(*device_, velkor_getKeyPairList).WillRepeatedly(testing::DoDefault());
         EXPECT_CALL(*device_, velkor_getCertificateList).WillRepeatedly(testing::DoDefault());
-        for (const Operation& operation : OPERATIONS) {
-            SCOPED_TRACE(operation.number);
+        for (const int operation : {NO_OPERATION, FIND, ENCRYPT, DECRYPT, DIGEST, SIGN, VERIFY}) {
+            SCOPED_TRACE(operation);
             hSession_ = openSession(READ_WRITE);
-            ASSERT_EQ(operation.begin(hSession_), CKR_OK);
+            start(operation, 3);
             call();
-            EXPECT_EQ(operationInProgress(), operation.number);
+            EXPECT_EQ(activeOperation(), operation);
         }
-    }
-
-    /// The number of the operation in progress, asked for by a call that changes nothing.
-    std::string operationInProgress() const
-    {
-        const Answer probe = answer(C_DigestFinal, hSession_, nullptr, nullptr);
-        const std::string& line = probe.lines.back();
-        return probe.code == CKR_ARGUMENTS_BAD ? "4" : line.substr(line.rfind('=') + 1);
     }
 
     testing::Sequence script_; ///< The device calls in the order in which the test expects them.
 
 private:
-    struct Operation {
-        std::string number;
-        CK_RV (*begin)(CK_SESSION_HANDLE hSession);
-    };
-
-    static inline CK_MECHANISM rsa_ = {CKM_RSA_PKCS, nullptr, 0};
-    static inline CK_MECHANISM sha256_ = {CKM_SHA256, nullptr, 0};
-    static inline const Operation OPERATIONS[] = {
-        {"0", [](CK_SESSION_HANDLE) { return CKR_OK; }},
-        {"1", [](CK_SESSION_HANDLE hSession) { return C_FindObjectsInit(hSession, nullptr, 0); }},
-        {"2", [](CK_SESSION_HANDLE hSession) { return C_EncryptInit(hSession, &rsa_, publicKey(3)); }},
-        {"3", [](CK_SESSION_HANDLE hSession) { return C_DecryptInit(hSession, &rsa_, privateKey(3)); }},
-        {"4", [](CK_SESSION_HANDLE hSession) { return C_DigestInit(hSession, &sha256_); }},
-        {"5", [](CK_SESSION_HANDLE hSession) { return C_SignInit(hSession, &rsa_, privateKey(3)); }},
-        {"7", [](CK_SESSION_HANDLE hSession) { return C_VerifyInit(hSession, &rsa_, publicKey(3)); }}};
-
     static void numberBytes(unsigned char (&field)[KEY_IDENTIFIER_SIZE], std::uint32_t firstByte)
     {
         std::iota(std::begin(field), std::end(field), static_cast<unsigned char>(firstByte));

@@ -16,7 +16,7 @@ const std::string BROKEN_LINE = "C_DestroyObject: unexpected exception: broken";
 constexpr CK_OBJECT_HANDLE KEY_PAIR_2 = 0x70000002;
 constexpr CK_OBJECT_HANDLE CERTIFICATE_2 = 0x70002002;
 
-class DeletionTest : public ObjectTest
+class DeletionTest : public ObjectChangeTest
 {
 protected:
     Answer destroy(CK_OBJECT_HANDLE hObject) const { return answer(C_DestroyObject, hSession_, hObject); }

@@ -1,29 +1,13 @@
 // Objects of the double's devices: their handles, templates, searches and attributes.
 #pragma once
 
-#include <initializer_list>
-#include <list>
-#include <string_view>
-#include <type_traits>
-
 #include "session_fixture.h"
+#include "template.h"
 
-using Bytes = std::vector<unsigned char>;
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
 constexpr CK_OBJECT_HANDLE FIRST_DERIVED_KEY = 0x70003000;
 constexpr CK_ULONG MAX_ULONG = static_cast<CK_ULONG>(-1);
-
-inline Bytes bytesOfText(std::string_view text)
-{
-    return {text.begin(), text.end()};
-}
-
-inline Bytes bytesOfNumber(CK_ULONG number)
-{
-    const auto* first = reinterpret_cast<const unsigned char*>(&number);
-    return {first, first + sizeof number};
-}
 
 inline Bytes publicKeyBytes(const VelkorKeyPair& keyPair)
 {
@@ -34,55 +18,6 @@ inline Bytes identifierBytes(const VelkorKeyPair& keyPair)
 {
     return {keyPair.keyIdentifier, keyPair.keyIdentifier + KEY_IDENTIFIER_SIZE};
 }
-
-MATCHER_P(PointsTo, bytes, "points to bytes " + testing::PrintToString(bytes))
-{
-    return bytes.empty() || (arg != nullptr && std::equal(bytes.begin(), bytes.end(), arg));
-}
-
-/// An attribute template that owns its values.
-class Template
-{
-public:
-    Template() = default;
-    Template(const Template& other) = delete;
-    Template& operator=(const Template& other) = delete;
-
-    Template& add(CK_ATTRIBUTE_TYPE type, Bytes value)
-    {
-        Bytes& kept = values_.emplace_back(std::move(value));
-        return addRaw(type, kept.data(), static_cast<CK_ULONG>(kept.size()));
-    }
-
-    Template& add(CK_ATTRIBUTE_TYPE type, CK_ULONG value) { return add(type, bytesOfNumber(value)); }
-
-    /// A text with a zero byte behind it that is not counted.
-    Template& add(CK_ATTRIBUTE_TYPE type, const char* text)
-    {
-        const std::string_view counted(text);
-        Bytes& kept = values_.emplace_back(counted.begin(), counted.end());
-        kept.push_back(0);
-        return addRaw(type, kept.data(), static_cast<CK_ULONG>(counted.size()));
-    }
-
-    /// Room for an answer, every byte of it 0xEE.
-    Template& addRoom(CK_ATTRIBUTE_TYPE type, CK_ULONG size) { return add(type, Bytes(size, 0xEE)); }
-
-    Template& addRaw(CK_ATTRIBUTE_TYPE type, void* value, CK_ULONG length)
-    {
-        entries_.push_back({type, value, length});
-        return *this;
-    }
-
-    CK_ATTRIBUTE* data() { return entries_.data(); }
-    CK_ULONG size() const { return static_cast<CK_ULONG>(entries_.size()); }
-    CK_ULONG length(std::size_t index) const { return entries_.at(index).ulValueLen; }
-    const Bytes& value(std::size_t index) const { return *std::next(values_.begin(), static_cast<long>(index)); }
-
-private:
-    std::list<Bytes> values_; ///< Each stays where it is.
-    std::vector<CK_ATTRIBUTE> entries_;
-};
 
 class ObjectTest : public OpenSessionTest
 {

@@ -11,10 +11,10 @@ using testing::StrEq;
 
 // ---- Derived keys ----
 
-using DerivedKeyTest = ObjectTest;
+using DerivedKeyHandleTest = ObjectTest;
 
 // Comes before every other test that derives: the handles go on until the process ends.
-TEST_F(DerivedKeyTest, HandlesCountUpwardsAcrossSessionsAndSlots)
+TEST_F(DerivedKeyHandleTest, HandlesCountUpwardsAcrossSessionsAndSlots)
 {
     EXPECT_EQ(derive(hSession_, 5, {1}), FIRST_DERIVED_KEY);
     EXPECT_EQ(derive(openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION), 5, {2}), FIRST_DERIVED_KEY + 1);
@@ -24,7 +24,7 @@ TEST_F(DerivedKeyTest, HandlesCountUpwardsAcrossSessionsAndSlots)
     EXPECT_EQ(attribute(FIRST_DERIVED_KEY + 2, CKA_VALUE), Bytes{3});
 }
 
-TEST_F(DerivedKeyTest, AnswersItsValueAndNothingElse)
+TEST_F(DerivedKeyHandleTest, AnswersItsValueAndNothingElse)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     Template attributes;
@@ -41,7 +41,7 @@ TEST_F(DerivedKeyTest, AnswersItsValueAndNothingElse)
     EXPECT_EQ(attributes.length(3), 3u);
 }
 
-TEST_F(DerivedKeyTest, AShortBufferEndsTheCallWithLaterLengthsUnchanged)
+TEST_F(DerivedKeyHandleTest, AShortBufferEndsTheCallWithLaterLengthsUnchanged)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     Template attributes;
@@ -56,7 +56,7 @@ TEST_F(DerivedKeyTest, AShortBufferEndsTheCallWithLaterLengthsUnchanged)
     EXPECT_EQ(attributes.length(2), 7u);
 }
 
-TEST_F(DerivedKeyTest, IsReadWithoutTheDevice)
+TEST_F(DerivedKeyHandleTest, IsReadWithoutTheDevice)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     EXPECT_CALL(*device_, velkor_getKeyPairList).Times(0);
@@ -64,7 +64,7 @@ TEST_F(DerivedKeyTest, IsReadWithoutTheDevice)
     EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
 }
 
-TEST_F(DerivedKeyTest, OutlivesItsSessionAndTheModulesFinalizing)
+TEST_F(DerivedKeyHandleTest, OutlivesItsSessionAndTheModulesFinalizing)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     ASSERT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK);
@@ -77,7 +77,7 @@ TEST_F(DerivedKeyTest, OutlivesItsSessionAndTheModulesFinalizing)
     EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
 }
 
-TEST_F(DerivedKeyTest, CannotBeDestroyedChangedOrMeasured)
+TEST_F(DerivedKeyHandleTest, CannotBeDestroyedChangedOrMeasured)
 {
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     EXPECT_EQ(answer(C_DestroyObject, hSession_, hKey),
@@ -194,7 +194,7 @@ TEST_P(HandleRangeTest, DecideWhatIsRead)
     EXPECT_EQ(read.code, code(GetParam().get));
     if (GetParam().get.empty()) {
         EXPECT_EQ(attributes.length(0), 1u);
-        EXPECT_EQ(attribute(GetParam().handle, CKA_CLASS), bytesOfNumber(GetParam().object.objectClass));
+        EXPECT_EQ(attribute(GetParam().handle, CKA_CLASS), bytesOf(GetParam().object.objectClass));
         EXPECT_EQ(attribute(GetParam().handle, CKA_ID), objectIdFor(GetParam().object.id));
         return;
     }
@@ -240,7 +240,7 @@ class ObjectHandleTest : public ObjectTest
 protected:
     void expectLabel(CK_OBJECT_HANDLE hObject, const std::string& label) const
     {
-        EXPECT_EQ(attribute(hObject, CKA_LABEL), bytesOfText(label)) << logged(hObject);
+        EXPECT_EQ(attribute(hObject, CKA_LABEL), bytesOf(label)) << logged(hObject);
     }
 
     void expectSize(CK_OBJECT_HANDLE hObject, CK_ULONG expected) const

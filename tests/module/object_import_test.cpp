@@ -58,14 +58,14 @@ constexpr DeviceFailure DEVICE_FAILURES[] = {
     {1, CKR_FUNCTION_FAILED},  {-1, CKR_FUNCTION_FAILED},  {39, CKR_FUNCTION_FAILED}, {40, CKR_DEVICE_REMOVED},
     {41, CKR_FUNCTION_FAILED}, {241, CKR_FUNCTION_FAILED}, {242, CKR_DEVICE_REMOVED}, {243, CKR_FUNCTION_FAILED}};
 
-class ImportTest : public ObjectTest
+class ObjectImportTest : public ObjectChangeTest
 {
 protected:
     /// The environment is changed before the monitor starts, which reads it too.
     void SetUp() override
     {
         setHome();
-        ObjectTest::SetUp();
+        ObjectChangeTest::SetUp();
     }
 
     virtual void setHome() const { test_system::setEnvironment("VELKOR_HOME", HOME); }
@@ -96,7 +96,7 @@ TEST_F(ModuleTest, CreateObjectBeforeInitializeIsRefused)
               refusal(CKR_CRYPTOKI_NOT_INITIALIZED, FUNCTION, "C_CreateObject: not initialized"));
 }
 
-using OpeningChecksTest = ImportTest;
+using OpeningChecksTest = ObjectImportTest;
 
 TEST_F(OpeningChecksTest, LookAtTheArgumentsInTheirOrder)
 {
@@ -122,7 +122,7 @@ TEST_F(OpeningChecksTest, LeaveTheHandleAlone)
 
 // ---- Certificates ----
 
-class CertificateImportTest : public ImportTest
+class CertificateImportTest : public ObjectImportTest
 {
 protected:
     /// Makes a certificate that can be parsed; gives its DER.
@@ -336,8 +336,8 @@ TEST_F(TemplateTest, EntriesWithoutAValueAreSkipped)
     Template entries = templateOf(der);
     char something = 'x';
     for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}) {
-        entries.addMemory(type, nullptr, 4);
-        entries.addMemory(type, &something, 0);
+        entries.addRaw(type, nullptr, 4);
+        entries.addRaw(type, &something, 0);
     }
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(createWithEntryLines(entries), success({ENTRY_LINE + "17", ENTRY_LINE + "3", FOLDER_LINE, ALONE_LINE}));
@@ -346,7 +346,7 @@ TEST_F(TemplateTest, EntriesWithoutAValueAreSkipped)
 TEST_F(TemplateTest, WithNothingButEmptyEntriesHasNoCertificate)
 {
     Template entries;
-    entries.addMemory(CKA_VALUE, nullptr, 4);
+    entries.addRaw(CKA_VALUE, nullptr, 4);
     EXPECT_EQ(createWithEntryLines(entries),
               refusal(CKR_FUNCTION_FAILED, FUNCTION, "Certificate data not available in create object"));
 }
@@ -367,7 +367,7 @@ TEST_F(TemplateTest, MayHaveTenThousandEntries)
     const Bytes der = certificate("Leaf", "Nobody");
     Template entries = templateOf(der, "first");
     while (entries.size() < 9'999)
-        entries.addMemory(CKA_TOKEN, nullptr, 0);
+        entries.addRaw(CKA_TOKEN, nullptr, 0);
     entries.add(CKA_LABEL, "last");
     expectLeafAlone(newRecord(der, "last"));
     EXPECT_EQ(create(entries), success({FOLDER_LINE, ALONE_LINE}));
@@ -375,25 +375,26 @@ TEST_F(TemplateTest, MayHaveTenThousandEntries)
 
 // ---- The label ----
 
-struct LabelCase {
+struct GivenLabelCase {
     const char* name;
     std::string given;
     std::string stored;
 
-    friend std::ostream& operator<<(std::ostream& out, const LabelCase& each) { return out << each.name; }
+    friend std::ostream& operator<<(std::ostream& out, const GivenLabelCase& each) { return out << each.name; }
 };
 
-class GivenLabelTest : public CertificateImportTest, public testing::WithParamInterface<LabelCase>
+class GivenLabelTest : public CertificateImportTest, public testing::WithParamInterface<GivenLabelCase>
 {
 };
 
 INSTANTIATE_TEST_SUITE_P(
     Labels, GivenLabelTest,
-    testing::Values(LabelCase{"plain", "My label", "My label"},
-                    LabelCase{"with white space around", " \t\n\v\f\rMy \t label\r\f\v\n\t ", "My \t label"},
-                    LabelCase{"of 128 bytes", std::string(127, 'a') + "b", std::string(127, 'a') + "b"},
-                    LabelCase{"of 129 bytes", std::string(128, 'a') + "b", std::string(128, 'a')},
-                    LabelCase{"of 128 bytes behind blanks", "   " + std::string(128, 'a'), std::string(128, 'a')}));
+    testing::Values(GivenLabelCase{"plain", "My label", "My label"},
+                    GivenLabelCase{"with white space around", " \t\n\v\f\rMy \t label\r\f\v\n\t ", "My \t label"},
+                    GivenLabelCase{"of 128 bytes", std::string(127, 'a') + "b", std::string(127, 'a') + "b"},
+                    GivenLabelCase{"of 129 bytes", std::string(128, 'a') + "b", std::string(128, 'a')},
+                    GivenLabelCase{"of 128 bytes behind blanks", "   " + std::string(128, 'a'),
+                                   std::string(128, 'a')}));
 
 TEST_P(GivenLabelTest, IsStoredTrimmedAndCut)
 {
@@ -402,14 +403,14 @@ TEST_P(GivenLabelTest, IsStoredTrimmedAndCut)
     EXPECT_EQ(create(templateOf(der, GetParam().given)), success({FOLDER_LINE, ALONE_LINE}));
 }
 
-class EmptyLabelTest : public CertificateImportTest, public testing::WithParamInterface<LabelCase>
+class EmptyLabelTest : public CertificateImportTest, public testing::WithParamInterface<GivenLabelCase>
 {
 };
 
 INSTANTIATE_TEST_SUITE_P(Labels, EmptyLabelTest,
-                         testing::Values(LabelCase{"empty", "", ""}, LabelCase{"blank", " ", ""},
-                                         LabelCase{"white space", " \t\n\v\f\r", ""},
-                                         LabelCase{"200 blanks", std::string(200, ' '), ""}));
+                         testing::Values(GivenLabelCase{"empty", "", ""}, GivenLabelCase{"blank", " ", ""},
+                                         GivenLabelCase{"white space", " \t\n\v\f\r", ""},
+                                         GivenLabelCase{"200 blanks", std::string(200, ' '), ""}));
 
 TEST_P(EmptyLabelTest, IsReplacedByTheSecondAndThirdTextOfTheCertificate)
 {
@@ -428,32 +429,32 @@ TEST_F(CertificateImportTest, WithoutALabelGetsTheSecondAndThirdTextOfTheCertifi
     EXPECT_EQ(create(entries), success({labelLine("second text_third text"), FOLDER_LINE, ALONE_LINE}));
 }
 
-struct ComputedLabelCase {
+struct ImportedLabelCase {
     std::string second;
     std::string third;
     std::string label;
 
-    friend std::ostream& operator<<(std::ostream& out, const ComputedLabelCase& each)
+    friend std::ostream& operator<<(std::ostream& out, const ImportedLabelCase& each)
     {
         return out << each.second.size() << " and " << each.third.size() << " bytes";
     }
 };
 
-class ComputedLabelTest : public CertificateImportTest, public testing::WithParamInterface<ComputedLabelCase>
+class ImportedLabelTest : public CertificateImportTest, public testing::WithParamInterface<ImportedLabelCase>
 {
 };
 
-INSTANTIATE_TEST_SUITE_P(Texts, ComputedLabelTest,
-                         testing::Values(ComputedLabelCase{"", "", "_"}, ComputedLabelCase{"a", "", "a_"},
-                                         ComputedLabelCase{"", "b", "_b"},
-                                         ComputedLabelCase{std::string(64, 'a'), std::string(63, 'b'),
+INSTANTIATE_TEST_SUITE_P(Texts, ImportedLabelTest,
+                         testing::Values(ImportedLabelCase{"", "", "_"}, ImportedLabelCase{"a", "", "a_"},
+                                         ImportedLabelCase{"", "b", "_b"},
+                                         ImportedLabelCase{std::string(64, 'a'), std::string(63, 'b'),
                                                            std::string(64, 'a') + "_" + std::string(63, 'b')},
-                                         ComputedLabelCase{std::string(64, 'a'), std::string(64, 'b'),
+                                         ImportedLabelCase{std::string(64, 'a'), std::string(64, 'b'),
                                                            std::string(64, 'a') + "_" + std::string(63, 'b')},
-                                         ComputedLabelCase{std::string(128, 'a'), "b", std::string(128, 'a')},
-                                         ComputedLabelCase{std::string(1000, 'a'), "b", std::string(128, 'a')}));
+                                         ImportedLabelCase{std::string(128, 'a'), "b", std::string(128, 'a')},
+                                         ImportedLabelCase{std::string(1000, 'a'), "b", std::string(128, 'a')}));
 
-TEST_P(ComputedLabelTest, IsCutAt128Bytes)
+TEST_P(ImportedLabelTest, IsCutAt128Bytes)
 {
     const Bytes der = certificate("Leaf", "Nobody");
     device_->defaults.detailsOf(der).subjectCommonName = GetParam().second;
@@ -1086,7 +1087,7 @@ const Bytes MODULUS = toBytes("The modulus: " + std::string(243, 'm'));
 const std::string PRIVATE_EXPONENT = "The private exponent, which nobody else may see.";
 const std::string PRIME = "The first prime, which nobody else may see.";
 
-class KeyImportTest : public ImportTest
+class KeyImportTest : public ObjectImportTest
 {
 protected:
     static Template keyTemplate(const Bytes& modulus = MODULUS)
@@ -1317,7 +1318,7 @@ TEST_F(KeyImportTest, AnOperationInProgressGoesOn)
 
 // ---- Other classes ----
 
-class OtherClassTest : public ImportTest, public testing::WithParamInterface<CK_OBJECT_CLASS>
+class OtherClassTest : public ObjectImportTest, public testing::WithParamInterface<CK_OBJECT_CLASS>
 {
 };
 
@@ -1334,7 +1335,7 @@ TEST_P(OtherClassTest, IsNotSupported)
     EXPECT_EQ(hObject_, UNTOUCHED);
 }
 
-TEST_F(ImportTest, ReadsNoFurtherThanAShortClassGoes)
+TEST_F(ObjectImportTest, ReadsNoFurtherThanAShortClassGoes)
 {
     Template entries;
     entries.add(CKA_CLASS, Bytes{CKO_SECRET_KEY});

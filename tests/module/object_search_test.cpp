@@ -89,7 +89,7 @@ TEST_F(ObjectSearchTest, EveryEntryIsLoggedAndSomeValuesAre)
 {
     Template criteria;
     criteria.add(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_MODULUS, Bytes{1, 2, 3}).add(CKA_ID, Bytes{0xAB, 0x0C});
-    criteria.add(CKA_TOKEN, Bytes{CK_TRUE}).add(CKA_LABEL, "pair 1").add(CKA_VENDOR_DEFINED, Bytes{1});
+    criteria.add(CKA_TOKEN, Bytes{CK_TRUE}).addTerminated(CKA_LABEL, "pair 1").add(CKA_VENDOR_DEFINED, Bytes{1});
     EXPECT_EQ(begin(criteria),
               (Answer{CKR_OK,
                       {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 6", "DEBUG Find object init type : 0",
@@ -248,7 +248,7 @@ TEST_F(ObjectSearchTest, TenThousandEntriesAreRead)
 
 TEST_F(ObjectSearchTest, AClassNeedNotBeAligned)
 {
-    Bytes room = bytesOfNumber(CKO_CERTIFICATE);
+    Bytes room = bytesOf(CKO_CERTIFICATE);
     room.insert(room.begin(), 0xFF);
     Template criteria;
     EXPECT_EQ(search(criteria.addRaw(CKA_CLASS, room.data() + 1, sizeof(CK_OBJECT_CLASS))), CERTIFICATES);
@@ -427,7 +427,7 @@ TEST_F(ObjectSearchTest, TheVendorDefinedClassStandsForNoClass)
 TEST_F(ObjectSearchTest, ALabelWithoutAClassFindsEverything)
 {
     Template criteria;
-    EXPECT_EQ(search(criteria.add(CKA_LABEL, "no such label")), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(search(criteria.addTerminated(CKA_LABEL, "no such label")), joined({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, CriteriaWithoutAClassFindEverything)
@@ -514,17 +514,17 @@ protected:
     static Bytes keyValue(CK_ATTRIBUTE_TYPE type, const VelkorKeyPair& record)
     {
         if (type == CKA_LABEL)
-            return bytesOfText(record.label);
+            return bytesOf(record.label);
         return type == CKA_ID ? Bytes(record.objectId, record.objectId + 3) : publicKeyBytes(record);
     }
 
     static Bytes certificateValue(CK_ATTRIBUTE_TYPE type, const VelkorCertificate& record)
     {
         if (type == CKA_LABEL)
-            return bytesOfText(record.label);
+            return bytesOf(record.label);
         if (type == CKA_ID)
             return {record.objectId, record.objectId + 3};
-        Bytes value = type == CKA_SUBJECT ? bytesOfText("subject") : Bytes();
+        Bytes value = type == CKA_SUBJECT ? bytesOf("subject") : Bytes();
         value.insert(value.end(), record.der.begin(), record.der.end());
         return value;
     }
@@ -532,7 +532,7 @@ protected:
     static void add(Template& criteria, CK_ATTRIBUTE_TYPE type, const Bytes& value)
     {
         if (type == CKA_LABEL)
-            criteria.add(type, std::string(value.begin(), value.end()).c_str());
+            criteria.addTerminated(type, std::string(value.begin(), value.end()));
         else
             criteria.add(type, value);
     }
@@ -663,14 +663,14 @@ protected:
 
     Answer beginWithLabel(CK_OBJECT_CLASS objectClass, const char* label = "Subject 1_Issuer")
     {
-        criteria_.add(CKA_CLASS, objectClass).add(CKA_LABEL, label);
+        criteria_.add(CKA_CLASS, objectClass).addTerminated(CKA_LABEL, label);
         return begin(criteria_);
     }
 
     Handles searchLabel(CK_OBJECT_CLASS objectClass, const std::string& label) const
     {
         Template criteria;
-        return search(criteria.add(CKA_CLASS, objectClass).add(CKA_LABEL, label.c_str()));
+        return search(criteria.add(CKA_CLASS, objectClass).addTerminated(CKA_LABEL, label));
     }
 
     auto& expectUpdate() const
@@ -870,7 +870,7 @@ TEST_F(ObjectSearchTest, WhatIsHandedOutIsLogged)
 TEST_F(ObjectSearchTest, ASearchThatFindsNothingGivesNothing)
 {
     Template criteria;
-    ASSERT_EQ(begin(criteria.add(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, "no such label")).code, CKR_OK);
+    ASSERT_EQ(begin(criteria.add(CKA_CLASS, CKO_PUBLIC_KEY).addTerminated(CKA_LABEL, "no such label")).code, CKR_OK);
     CK_OBJECT_HANDLE handle = 0xEE;
     CK_ULONG count = 77;
     EXPECT_EQ(answer(C_FindObjects, hSession_, &handle, 1, &count),

@@ -2,7 +2,7 @@
 // gathered data the next operation finds.
 #include <stdexcept>
 
-#include "crypto_fixture.h"
+#include "scripted_device_fixture.h"
 
 namespace
 {
@@ -82,18 +82,16 @@ struct Failure {
     friend std::ostream& operator<<(std::ostream& out, const Failure& each) { return out << each.name; }
 };
 
-constexpr int NO_OPERATION = 0;
-constexpr int DIGESTING = 4;
 constexpr bool NOT_BEGUN = false;
 
 // clang-format off
 const Failure FAILURES[] = {
     {"DigestInit", {}, DIGEST_INIT, DeviceCall::InitHash, NO_OPERATION, Left::Both},
-    {"DigestInitAgain", {DIGEST_INIT}, DIGEST_INIT, DeviceCall::InitHash, DIGESTING, Left::Hash},
-    {"DigestUpdatingAHash", {DIGEST_INIT}, DIGEST_DATA, DeviceCall::UpdateHash, DIGESTING, Left::Hash},
-    {"DigestEndingAHash", {DIGEST_INIT}, DIGEST_DATA, DeviceCall::FinalHash, DIGESTING, Left::Hash},
-    {"DigestUpdate", {DIGEST_INIT}, DIGEST_UPDATE, DeviceCall::UpdateHash, DIGESTING, Left::Hash},
-    {"DigestFinal", {DIGEST_INIT}, DIGEST_FINAL, DeviceCall::FinalHash, DIGESTING, Left::Hash},
+    {"DigestInitAgain", {DIGEST_INIT}, DIGEST_INIT, DeviceCall::InitHash, DIGEST, Left::Hash},
+    {"DigestUpdatingAHash", {DIGEST_INIT}, DIGEST_DATA, DeviceCall::UpdateHash, DIGEST, Left::Hash},
+    {"DigestEndingAHash", {DIGEST_INIT}, DIGEST_DATA, DeviceCall::FinalHash, DIGEST, Left::Hash},
+    {"DigestUpdate", {DIGEST_INIT}, DIGEST_UPDATE, DeviceCall::UpdateHash, DIGEST, Left::Hash},
+    {"DigestFinal", {DIGEST_INIT}, DIGEST_FINAL, DeviceCall::FinalHash, DIGEST, Left::Hash},
     {"SignInit", {}, SIGN_INIT, DeviceCall::KeyLookup, NO_OPERATION, Left::Both},
     {"SignBeginningAHash", {SIGN_INIT}, SIGN_DATA, DeviceCall::InitHash, NO_OPERATION, Left::Both},
     {"SignUpdatingAHash", {SIGN_INIT}, SIGN_DATA, DeviceCall::UpdateHash, NO_OPERATION, Left::Both},
@@ -106,7 +104,7 @@ const Failure FAILURES[] = {
     {"SignFinal", {SIGN_INIT}, SIGN_FINAL, DeviceCall::SignHash, NO_OPERATION, Left::Nothing},
     {"SignFinalOfRawData", {RAW_SIGN_INIT, SIGN_UPDATE}, SIGN_FINAL, DeviceCall::SignHash, NO_OPERATION, Left::Hash},
     {"VerifyInit", {}, VERIFY_INIT, DeviceCall::KeyLookup, NO_OPERATION, Left::Both},
-    {"VerifyInitDuringADigest", {DIGEST_INIT}, VERIFY_INIT, DeviceCall::KeyLookup, DIGESTING, Left::Hash},
+    {"VerifyInitDuringADigest", {DIGEST_INIT}, VERIFY_INIT, DeviceCall::KeyLookup, DIGEST, Left::Hash},
     {"VerifyBeginningAHash", {VERIFY_INIT}, VERIFY_DATA, DeviceCall::InitHash, NO_OPERATION, Left::Both},
     {"VerifyUpdatingAHash", {VERIFY_INIT}, VERIFY_DATA, DeviceCall::UpdateHash, NO_OPERATION, Left::Both},
     {"VerifyEndingAHash", {VERIFY_INIT}, VERIFY_DATA, DeviceCall::FinalHash, NO_OPERATION, Left::Both},
@@ -130,12 +128,12 @@ CK_RV codeOfFailed(DeviceCall deviceCall)
     return deviceCall == DeviceCall::VerifySignatureHash ? CKR_SIGNATURE_INVALID : CKR_FUNCTION_FAILED;
 }
 
-class EveryDeviceFailure : public CryptoTest, public testing::WithParamInterface<Failure>
+class EveryDeviceFailure : public ScriptedDeviceTest, public testing::WithParamInterface<Failure>
 {
 protected:
     void SetUp() override
     {
-        CryptoTest::SetUp();
+        ScriptedDeviceTest::SetUp();
         using testing::AnyNumber;
         EXPECT_CALL(*device_, velkor_getKeyPairList).Times(AnyNumber());
         EXPECT_CALL(*device_, velkor_initHash).Times(AnyNumber());

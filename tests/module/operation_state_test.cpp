@@ -1,10 +1,10 @@
 // What all operations share: which call is taken in which state, and what a token may do by its model and firmware.
-#include "crypto_fixture.h"
+#include "scripted_device_fixture.h"
 
 namespace
 {
 
-class OperationStateTest : public CryptoTest
+class OperationStateTest : public ScriptedDeviceTest
 {
 protected:
     void start(int operation)
@@ -54,7 +54,7 @@ TEST_F(OperationStateTest, APublicReadOnlySessionNeitherDigestsNorSigns)
               refusal(CKR_SESSION_HANDLE_INVALID, "C_DigestInit", "C_DigestInit: invalid session state=0"));
     EXPECT_EQ(signInit(CKM_ECDSA, privateKey(5)),
               refusal(CKR_SESSION_HANDLE_INVALID, "C_SignInit", "C_SignInit: invalid session state=0"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(OperationStateTest, APublicReadOnlySessionVerifies)
@@ -177,7 +177,7 @@ TEST_P(EveryOperation, IsContinuedByItsOwnCallsOnly)
 TEST_P(EveryOperation, IsRefusedByTheInitsThatItExcludes)
 {
     start(GetParam());
-    const bool replaceable = GetParam() == NONE || GetParam() == DIGEST;
+    const bool replaceable = GetParam() == NO_OPERATION || GetParam() == DIGEST;
     const auto expected = [&](const std::string& function, bool accepted, const std::string& nullText) {
         if (accepted)
             return refusal(CKR_ARGUMENTS_BAD, function, nullText);
@@ -187,7 +187,7 @@ TEST_P(EveryOperation, IsRefusedByTheInitsThatItExcludes)
     EXPECT_EQ(answer(C_DigestInit, hSession_, nullptr),
               expected("C_DigestInit", replaceable, "C_DigestInit mechanism pointer in NULL"));
     EXPECT_EQ(answer(C_SignInit, hSession_, nullptr, privateKey(2)),
-              expected("C_SignInit", GetParam() == NONE, "C_SignInit: pMechanism is NULL"));
+              expected("C_SignInit", GetParam() == NO_OPERATION, "C_SignInit: pMechanism is NULL"));
     EXPECT_EQ(answer(C_VerifyInit, hSession_, nullptr, privateKey(2)),
               expected("C_VerifyInit", replaceable, "C_VerifyInit: pMechanism is NULL"));
     EXPECT_EQ(answer(C_EncryptInit, hSession_, nullptr, publicKey(2)),
@@ -210,14 +210,14 @@ TEST_P(EveryOperation, EndsWithItsSession)
     const CK_SESSION_HANDLE before = hSession_;
     useSession(CKF_SERIAL_SESSION | CKF_RW_SESSION);
     ASSERT_EQ(hSession_, before);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EveryOperation, BelongsToItsSessionAlone)
 {
     start(GetParam());
     const CK_SESSION_HANDLE started = useAnotherSession();
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
     startVerification(CKM_ECDSA);
     hSession_ = started;
     EXPECT_EQ(activeOperation(), GetParam());
@@ -363,17 +363,6 @@ TEST_F(OperationStateTest, ALookupThatFindsNothingKeepsTheKeyOfAnotherSessionsOp
     EXPECT_EQ(C_Sign(hSession_, &anyByte, 1, output.data(), &output.length), CKR_OK);
 }
 
-struct Firmware {
-    const char* version;
-    bool recent;
-};
-
-constexpr Firmware FIRMWARES[] = {
-    {"", false},          {"1.9", false},   {"1.9.12", false}, {"-1", false},     {"1.5.0", false},
-    {"x", false},         {"2", true},      {"2.0", true},     {"2.0.0", true},   {"2.0.0.0", true},
-    {"2.0.0-beta", true}, {" 2.0.0", true}, {"10.0.0", true},  {"2.0.0.1", true}, {"2.0.-1", false},
-};
-
 TEST_F(OperationStateTest, OldFirmwareDoesNotSignWithPss)
 {
     for (const Firmware& firmware : FIRMWARES) {
@@ -387,7 +376,7 @@ TEST_F(OperationStateTest, OldFirmwareDoesNotSignWithPss)
             expected.lines.push_back("ERROR C_SignInit: CKM_RSA_PKCS_PSS not supported on firmware " + version);
         }
         EXPECT_EQ(signInit(CKM_SHA256_RSA_PKCS_PSS, privateKey(2)), expected);
-        EXPECT_EQ(activeOperation(), firmware.recent ? SIGN : NONE);
+        EXPECT_EQ(activeOperation(), firmware.recent ? SIGN : NO_OPERATION);
     }
 }
 
@@ -401,7 +390,7 @@ TEST_F(OperationStateTest, OldFirmwareDoesNotVerifyPss)
                                        "C_VerifyInit: CKM_RSA_PKCS_PSS not supported on firmware " + version);
         EXPECT_EQ(verifyInit(CKM_SHA256_RSA_PKCS_PSS, publicKey(2)),
                   firmware.recent ? success("C_VerifyInit") : refused);
-        EXPECT_EQ(activeOperation(), firmware.recent ? VERIFY : NONE);
+        EXPECT_EQ(activeOperation(), firmware.recent ? VERIFY : NO_OPERATION);
     }
 }
 

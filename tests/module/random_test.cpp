@@ -1,5 +1,5 @@
 // C_GenerateRandom.
-#include "cipher_fixture.h"
+#include "key_operation_fixture.h"
 
 namespace
 {
@@ -8,7 +8,7 @@ using testing::_;
 using testing::Return;
 using testing::StrEq;
 
-class RandomTest : public CryptoTest
+class RandomTest : public KeyOperationTest
 {
 protected:
     Answer generate(CK_BYTE* pRandomData, CK_ULONG ulRandomLen) const
@@ -120,11 +120,11 @@ TEST_F(RandomTest, APublicReadOnlySessionMayAsk)
 TEST_F(RandomTest, AnOperationInProgressIsNoObstacleAndGoesOn)
 {
     CK_BYTE random = 0;
-    for (const CK_ULONG operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
+    for (const int operation : {FIND, ENCRYPT, DECRYPT, DIGEST, VERIFY, DIGEST_ENCRYPT, DIGEST_DECRYPT}) {
         reopenSession();
         start(operation);
         EXPECT_EQ(generate(&random, 1), GENERATED);
-        EXPECT_EQ(operationInProgress(), operation);
+        EXPECT_EQ(activeOperation(), operation);
     }
 }
 

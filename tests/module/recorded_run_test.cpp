@@ -3,7 +3,7 @@
 // A change of behaviour that is meant: the test leaves what it saw beside its log, to be looked at and copied.
 #include <cstdio>
 
-#include "cipher_fixture.h"
+#include "key_operation_fixture.h"
 
 namespace
 {

@@ -43,6 +43,9 @@ constexpr CK_OBJECT_HANDLE certificate(CK_ULONG id)
     return 0x70002000 + id;
 }
 
+/// What looks negative in the device's count and in the log of a module with 32-bit numbers.
+constexpr CK_ULONG TOO_LARGE_FOR_INT = 0x80000000;
+
 /// A number as the log has it: the top bit is its sign.
 inline std::string logged(CK_ULONG number)
 {
@@ -122,6 +125,11 @@ protected:
         listSlots();
         ASSERT_EQ(C_CloseSession(hSession_), CKR_OK);
         hSession_ = openSession(READ_WRITE);
+    }
+
+    void setFirmware(const std::string& version)
+    {
+        reopenWithToken([&](TokenInfo& token) { token.firmwareVersion = version; });
     }
 
     void login(CK_USER_TYPE userType = CKU_USER) const { ASSERT_EQ(loginAs(userType, hSession_), CKR_OK); }

@@ -40,7 +40,7 @@ TEST_F(SetAttributeTest, ALabelAloneLeavesTheIdEmpty)
     Template changes;
     EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new label")),
               (Answer{CKR_OK, {SET, typeLine(CKA_LABEL), END}}));
-    EXPECT_EQ(attribute(publicKey(2), CKA_LABEL), bytesOfText("new label"));
+    EXPECT_EQ(attribute(publicKey(2), CKA_LABEL), bytesOf("new label"));
     EXPECT_EQ(attribute(publicKey(2), CKA_ID), Bytes{2});
 }
 
@@ -50,7 +50,7 @@ TEST_F(SetAttributeTest, AnIdAloneLeavesTheLabelEmpty)
     Template changes;
     EXPECT_EQ(set(publicKey(2), changes.add(CKA_ID, Bytes{7, 0, 9})), (Answer{CKR_OK, {SET, typeLine(CKA_ID), END}}));
     EXPECT_EQ(attribute(privateKey(2), CKA_ID), (Bytes{7, 0, 9}));
-    EXPECT_EQ(attribute(privateKey(2), CKA_LABEL), bytesOfText("pair 2"));
+    EXPECT_EQ(attribute(privateKey(2), CKA_LABEL), bytesOf("pair 2"));
 }
 
 TEST_F(SetAttributeTest, LabelAndIdGoInOneUpdateWithTheUsersPin)
@@ -67,11 +67,11 @@ TEST_F(SetAttributeTest, BothHalvesOfAPairChangeTheSameRecord)
     expectUpdate("one", {});
     Template one;
     EXPECT_EQ(set(privateKey(2), one.add(CKA_LABEL, "one")).code, CKR_OK);
-    EXPECT_EQ(attribute(publicKey(2), CKA_LABEL), bytesOfText("one"));
+    EXPECT_EQ(attribute(publicKey(2), CKA_LABEL), bytesOf("one"));
     expectUpdate("two", {});
     Template two;
     EXPECT_EQ(set(publicKey(2), two.add(CKA_LABEL, "two")).code, CKR_OK);
-    EXPECT_EQ(attribute(privateKey(2), CKA_LABEL), bytesOfText("two"));
+    EXPECT_EQ(attribute(privateKey(2), CKA_LABEL), bytesOf("two"));
 }
 
 TEST_F(SetAttributeTest, ALaterEntryOfTheSameTypeReplacesTheEarlier)

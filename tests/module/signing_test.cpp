@@ -1,7 +1,7 @@
 // C_SignInit, C_Sign, C_SignUpdate and C_SignFinal.
 #include <cstdio>
 
-#include "crypto_fixture.h"
+#include "scripted_device_fixture.h"
 
 namespace
 {
@@ -23,7 +23,7 @@ std::string hexadecimal(const Bytes& bytes)
     return text;
 }
 
-class SigningTest : public CryptoTest
+class SigningTest : public ScriptedDeviceTest
 {
 protected:
     Answer sign(const Bytes& data, Output& output) const
@@ -108,7 +108,7 @@ TEST_P(EverySignature, IsMadeInOnePart)
     Output output;
     EXPECT_EQ(sign(DATA, output), computed(mechanism_.type, hash));
     expectDelivered(output, SIGNATURE);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EverySignature, IsMadeInParts)
@@ -128,7 +128,7 @@ TEST_P(EverySignature, IsMadeInParts)
     Output output;
     EXPECT_EQ(finish(output), FINISHED);
     expectDelivered(output, SIGNATURE);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EverySignature, BeginsOnAFipsTokenUnlessItNamesSha1)
@@ -137,7 +137,7 @@ TEST_P(EverySignature, BeginsOnAFipsTokenUnlessItNamesSha1)
     if (mechanism_.hash == 2) {
         EXPECT_EQ(signInit(mechanism_.type, privateKey(2)),
                   initRefused(CKR_MECHANISM_INVALID, "C_SignInit: SHA1 signing not allowed on FIPS 140-3 token"));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
         return;
     }
     startSigning(mechanism_.type);
@@ -159,7 +159,7 @@ TEST_P(EverySignature, TakesParametersForPssOnly)
             EXPECT_EQ(result,
                       initRefused(CKR_MECHANISM_PARAM_INVALID,
                                   "C_SignInit: mechanism param invalid for mechanism=" + logged(mechanism_.type)));
-        EXPECT_EQ(activeOperation(), mechanism_.isPss ? SIGN : NONE);
+        EXPECT_EQ(activeOperation(), mechanism_.isPss ? SIGN : NO_OPERATION);
         abandonOperation();
     }
 }
@@ -176,7 +176,7 @@ TEST_F(SigningTest, OtherMechanismsAreRefused)
     for (const CK_MECHANISM_TYPE type : NO_SIGNATURE_MECHANISMS) {
         EXPECT_EQ(signInit(type, privateKey(2)),
                   initRefused(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=" + logged(type)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -218,7 +218,7 @@ TEST_F(SigningTest, HandlesBelowThePrivateKeysAreRefusedWithoutALookup)
     for (const CK_OBJECT_HANDLE hKey : {0u, 1u, 0x50000001u, 0x6FFFFFFFu}) {
         EXPECT_EQ(signInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "C_SignInit: invalid hKey=" + logged(hKey)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -229,7 +229,7 @@ TEST_F(SigningTest, HandlesWithoutAKeyPairAreRefused)
         expectKeyLookup();
         EXPECT_EQ(signInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : " + logged(hKey)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -260,7 +260,7 @@ TEST_F(SigningTest, AnRsa1024KeyIsRefusedAndLeavesTheSessionFree)
         EXPECT_EQ(result.code, CKR_KEY_SIZE_RANGE) << mechanism;
         EXPECT_EQ(result.lines.back(), "ERROR C_SignInit: RSA-1024 signing not allowed \xE2\x80\x94 key size below "
                                        "112-bit security strength");
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
     startSigning(CKM_RSA_PKCS);
 }
@@ -352,7 +352,7 @@ TEST_F(SigningTest, ASignatureThatWasAskedForItsLengthIsFetchedWithOtherData)
     Output output;
     EXPECT_EQ(sign(OTHER_DATA, output), delivered(CKM_SHA256_RSA_PKCS));
     expectDelivered(output, SIGNATURE);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(SigningTest, AMultiPartSignatureIsKeptBetweenLengthQueryAndFetch)
@@ -372,7 +372,7 @@ TEST_F(SigningTest, AMultiPartSignatureIsKeptBetweenLengthQueryAndFetch)
     Output output;
     EXPECT_EQ(finish(output), FINISHED);
     expectDelivered(output, SIGNATURE);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(SigningTest, AKeptSignatureIsFetchedByEitherCall)
@@ -415,7 +415,7 @@ TEST_F(SigningTest, ASearchEndsTheSigning)
     Output output;
     EXPECT_EQ(sign(DATA, output), notStarted("C_Sign", FIND));
     ASSERT_EQ(C_FindObjectsFinal(hSession_), CKR_OK);
-    EXPECT_EQ(sign(DATA, output), notStarted("C_Sign", NONE));
+    EXPECT_EQ(sign(DATA, output), notStarted("C_Sign", NO_OPERATION));
 }
 
 TEST_F(SigningTest, ALengthThatIsTooShortStillGetsTheWholeSignature)
@@ -538,7 +538,7 @@ TEST_F(SigningTest, AFailedHashOfSignEndsTheOperation)
     Output output(5);
     const auto expectFailure = [&](const std::string& text) {
         EXPECT_EQ(sign(DATA, output), failed(begun, CKR_FUNCTION_FAILED, text));
-        EXPECT_EQ(sign(DATA, output), notStarted("C_Sign", NONE));
+        EXPECT_EQ(sign(DATA, output), notStarted("C_Sign", NO_OPERATION));
         EXPECT_EQ(output.length, 5u);
     };
     startSigning(CKM_SHA256_RSA_PKCS);
@@ -565,7 +565,7 @@ TEST_F(SigningTest, AFailedSignatureOfSignEndsTheOperation)
     EXPECT_EQ(sign(DATA, output), failed(computed(CKM_ECDSA, DATA), CKR_FUNCTION_FAILED, "Sign hash failed : 34"));
     EXPECT_EQ(output.length, 5u);
     EXPECT_EQ(output.written(), Bytes());
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(SigningTest, AFailedLengthQueryEndsTheOperation)
@@ -575,7 +575,7 @@ TEST_F(SigningTest, AFailedLengthQueryEndsTheOperation)
     CK_ULONG length = 5;
     EXPECT_EQ(askSignLength(DATA, length).code, CKR_FUNCTION_FAILED);
     EXPECT_EQ(length, 5u);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(SigningTest, AFailedUpdateEndsTheOperationAndDropsItsContext)
@@ -583,13 +583,13 @@ TEST_F(SigningTest, AFailedUpdateEndsTheOperationAndDropsItsContext)
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3, 35);
     EXPECT_EQ(update(DATA), refusal(CKR_FUNCTION_FAILED, "C_SignUpdate", "C_SignUpdate: initHash failed 35"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
     expectUpdateHash(DATA, 36);
     EXPECT_EQ(update(DATA), refusal(CKR_FUNCTION_FAILED, "C_SignUpdate", "C_SignUpdate: updateHash failed 36"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
@@ -608,7 +608,7 @@ TEST_F(SigningTest, AFailedFinalHashEndsTheOperationAndDropsContextAndData)
     Output output(5);
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_SignFinal", "C_SignFinal: finalHash failed 37"));
     EXPECT_EQ(output.length, 5u);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_ECDSA);
     expectSignHash({.hash = {}}, SIGNATURE);
@@ -644,7 +644,7 @@ TEST_F(SigningTest, AFailedSignatureOfFinalEndsTheOperationAndDropsWhatWasGather
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_SignFinal", "C_SignFinal: signHash failed 38"));
     EXPECT_EQ(output.length, 5u);
     EXPECT_EQ(output.written(), Bytes());
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_ECDSA);
     expectSignHash({.hash = OTHER_DATA}, SIGNATURE);
@@ -732,7 +732,7 @@ TEST_F(SigningTest, AContextThatADigestHasLeftIsTakenForABegunHash)
     startSigning(CKM_SHA256_RSA_PKCS);
     expectUpdateHash(DATA, 7); // The library knows no more of the ended context.
     EXPECT_EQ(update(DATA), refusal(CKR_FUNCTION_FAILED, "C_SignUpdate", "C_SignUpdate: updateHash failed 7"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_SHA256_RSA_PKCS);
     expectInitHash(3);
@@ -777,7 +777,7 @@ TEST_F(SigningTest, FinalOfAHashMechanismWithoutAnyContextFails)
     expectFinalHash(HASH_ROOM, {}, 7);
     Output output;
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_SignFinal", "C_SignFinal: finalHash failed 7"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(SigningTest, FinalOfARawMechanismWithoutUpdateSignsNothing)
@@ -869,7 +869,7 @@ protected:
                                              "C_Sign: " + what + " not allowed on FIPS 140-3 token"));
         EXPECT_EQ(output.length, 5u);
         EXPECT_EQ(output.written(), Bytes());
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 
     static constexpr const char* SHA1_DIGEST_INFO_TEXT = "SHA1 DigestInfo signing";
@@ -969,7 +969,7 @@ TEST_F(FipsSigningTest, ALengthQueryIsRefusedToo)
     CK_ULONG length = 5;
     EXPECT_EQ(askSignLength(Bytes(20, 0xAA), length).code, CKR_MECHANISM_INVALID);
     EXPECT_EQ(length, 5u);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_F(FipsSigningTest, AKeptSignatureIsDeliveredWhateverTheDataOfTheFetchingCall)

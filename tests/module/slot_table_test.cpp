@@ -572,26 +572,28 @@ TEST_F(SlotInfoTest, EmptyModelIsAllZeros)
     EXPECT_EQ(contentOf(token_->model), padded("", token_->model));
 }
 
-struct Firmware {
+struct FirmwareText {
     const char* text;
     int major;
     int minor;
 
-    friend std::ostream& operator<<(std::ostream& out, const Firmware& firmware) { return out << firmware.text; }
+    friend std::ostream& operator<<(std::ostream& out, const FirmwareText& firmware) { return out << firmware.text; }
 };
 
-class FirmwareTest : public SlotInfoTest, public testing::WithParamInterface<Firmware>
+class FirmwareTest : public SlotInfoTest, public testing::WithParamInterface<FirmwareText>
 {
 };
 
 INSTANTIATE_TEST_SUITE_P(Texts, FirmwareTest,
-                         testing::Values(Firmware{"2.0.0", 2, 0}, Firmware{"12.34.56", 12, 34}, Firmware{"7", 7, 0},
-                                         Firmware{"7.", 7, 0}, Firmware{"", 0, 0}, Firmware{".5", 0, 5},
-                                         Firmware{"3..9", 3, 0}, Firmware{"+3.-1", 3, 255}, Firmware{" 4.  5", 4, 5},
-                                         Firmware{"v1.x", 0, 0}, Firmware{"3a.4-b", 3, 4}, Firmware{"256.257", 0, 1},
-                                         Firmware{"-1.-256", 255, 0}, Firmware{"65535.65536", 255, 0},
-                                         Firmware{"4294967296.-4294967296", 255, 0},
-                                         Firmware{"99999999999999999999.-99999999999999999999", 255, 0}));
+                         testing::Values(FirmwareText{"2.0.0", 2, 0}, FirmwareText{"12.34.56", 12, 34},
+                                         FirmwareText{"7", 7, 0}, FirmwareText{"7.", 7, 0}, FirmwareText{"", 0, 0},
+                                         FirmwareText{".5", 0, 5}, FirmwareText{"3..9", 3, 0},
+                                         FirmwareText{"+3.-1", 3, 255}, FirmwareText{" 4.  5", 4, 5},
+                                         FirmwareText{"v1.x", 0, 0}, FirmwareText{"3a.4-b", 3, 4},
+                                         FirmwareText{"256.257", 0, 1}, FirmwareText{"-1.-256", 255, 0},
+                                         FirmwareText{"65535.65536", 255, 0},
+                                         FirmwareText{"4294967296.-4294967296", 255, 0},
+                                         FirmwareText{"99999999999999999999.-99999999999999999999", 255, 0}));
 
 TEST_P(FirmwareTest, GivesTheLowBytesOfItsFirstTwoNumbers)
 {

@@ -1,5 +1,5 @@
 // C_VerifyInit, C_Verify, C_VerifyUpdate and C_VerifyFinal.
-#include "crypto_fixture.h"
+#include "scripted_device_fixture.h"
 
 namespace
 {
@@ -10,7 +10,7 @@ const Bytes SIGNATURE = numbered(70, 0x11);
 constexpr int HASH_ROOM = 64;
 constexpr std::uint32_t EC_KEY = 5;
 
-class VerificationTest : public CryptoTest
+class VerificationTest : public ScriptedDeviceTest
 {
 protected:
     Answer verify(const Bytes& data, const Bytes& signature) const
@@ -86,7 +86,7 @@ TEST_P(EveryVerification, IsMadeInOnePart)
     }
     expectVerifySignatureHash(request);
     EXPECT_EQ(verify(DATA, SIGNATURE), AS_IS);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EveryVerification, IsMadeInPartsWithItsOwnHashAndNeverAsPss)
@@ -104,7 +104,7 @@ TEST_P(EveryVerification, IsMadeInPartsWithItsOwnHashAndNeverAsPss)
     EXPECT_EQ(update(DATA), UPDATED);
     EXPECT_EQ(update(OTHER_DATA), UPDATED);
     EXPECT_EQ(finish(SIGNATURE), VERIFIED);
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 TEST_P(EveryVerification, BeginsWithAnyParametersAlsoOnAFipsToken)
@@ -145,7 +145,7 @@ TEST_F(VerificationTest, OtherMechanismsAreRefused)
     for (const CK_MECHANISM_TYPE type : NO_SIGNATURE_MECHANISMS) {
         EXPECT_EQ(verifyInit(type, 0),
                   initRefused(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=" + logged(type)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -154,7 +154,7 @@ TEST_F(VerificationTest, HandlesBelowTheKeysAreRefusedWithoutALookup)
     for (const CK_OBJECT_HANDLE hKey : {0u, 1u, 0x60000001u, 0x6FFFFFFFu}) {
         EXPECT_EQ(verifyInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=" + logged(hKey)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -165,7 +165,7 @@ TEST_F(VerificationTest, HandlesWithoutAKeyPairAreRefused)
         expectKeyLookup();
         EXPECT_EQ(verifyInit(CKM_ECDSA, hKey),
                   initRefused(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in verify : " + logged(hKey)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -299,14 +299,14 @@ TEST_F(VerificationTest, EveryBadVerdictIsAnInvalidSignatureAndEndsTheOperation)
         expected.code = CKR_SIGNATURE_INVALID;
         expected.lines.push_back("ERROR Verify signature failed : " + std::to_string(status));
         EXPECT_EQ(verify(DATA, SIGNATURE), expected);
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
 
         startVerification(CKM_ECDSA, EC_KEY);
         expectVerifySignatureHash(ecRequest(DATA), status);
         ASSERT_EQ(update(DATA), UPDATED);
         EXPECT_EQ(finish(SIGNATURE), refusal(CKR_SIGNATURE_INVALID, "C_VerifyFinal",
                                              "C_VerifyFinal: verify failed " + std::to_string(status)));
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -318,7 +318,7 @@ TEST_F(VerificationTest, ASignatureOfAWrongLengthIsJudgedByTheDevice)
         request.signature = Bytes(size, 0x33);
         expectVerifySignatureHash(request, 6);
         EXPECT_EQ(verify(DATA, request.signature).code, CKR_SIGNATURE_INVALID);
-        EXPECT_EQ(activeOperation(), NONE);
+        EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
 
@@ -326,7 +326,7 @@ TEST_F(VerificationTest, AFailedHashOfVerifyEndsTheOperation)
 {
     const auto expectFailure = [&](const std::string& text) {
         EXPECT_EQ(verify(DATA, SIGNATURE), refusal(CKR_FUNCTION_FAILED, "C_Verify", text));
-        EXPECT_EQ(verify(DATA, SIGNATURE), notStarted("C_Verify", NONE));
+        EXPECT_EQ(verify(DATA, SIGNATURE), notStarted("C_Verify", NO_OPERATION));
     };
     startVerification(CKM_SHA384_RSA_PKCS);
     expectInitHash(4, 31);
@@ -349,13 +349,13 @@ TEST_F(VerificationTest, AFailedUpdateEndsTheOperationAndDropsItsContext)
     startVerification(CKM_SHA384_RSA_PKCS);
     expectInitHash(4, 35);
     EXPECT_EQ(update(DATA), refusal(CKR_FUNCTION_FAILED, "C_VerifyUpdate", "C_VerifyUpdate: initHash failed 35"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startVerification(CKM_SHA384_RSA_PKCS);
     expectInitHash(4);
     expectUpdateHash(DATA, 36);
     EXPECT_EQ(update(DATA), refusal(CKR_FUNCTION_FAILED, "C_VerifyUpdate", "C_VerifyUpdate: updateHash failed 36"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startVerification(CKM_SHA384_RSA_PKCS);
     expectInitHash(4);
@@ -375,7 +375,7 @@ TEST_F(VerificationTest, AFailedFinalHashEndsTheOperationAndDropsContextAndData)
     expectFinalHash(HASH_ROOM, digestOf(4), 37);
     ASSERT_EQ(update(DATA), UPDATED);
     EXPECT_EQ(finish(SIGNATURE), refusal(CKR_FUNCTION_FAILED, "C_VerifyFinal", "C_VerifyFinal: finalHash failed 37"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startVerification(CKM_ECDSA, EC_KEY);
     expectVerifySignatureHash(ecRequest({}));
@@ -546,7 +546,7 @@ TEST_F(VerificationTest, FinalOfAHashMechanismWithoutAnyContextFails)
     context_ = nullptr;
     expectFinalHash(HASH_ROOM, {}, 7);
     EXPECT_EQ(finish(SIGNATURE), refusal(CKR_FUNCTION_FAILED, "C_VerifyFinal", "C_VerifyFinal: finalHash failed 7"));
-    EXPECT_EQ(activeOperation(), NONE);
+    EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
 // ---- Large lengths ----

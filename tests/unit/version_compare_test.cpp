@@ -51,7 +51,7 @@ TEST(VersionComparison, KeepsNumbersApartThatFit)
     EXPECT_EQ(Utils::compareFirmwareVersion("99999999999999999999", "2.0.0"), 1);
 }
 
-TEST(VersionNumbers, AreThePiecesBetweenTheDots)
+TEST(VersionComparison, NumbersAreThePiecesBetweenTheDots)
 {
     using Numbers = std::vector<std::int32_t>;
     EXPECT_EQ(Utils::versionNumbers(""), Numbers());

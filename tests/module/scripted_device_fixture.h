@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "session_fixture.h"
-
-using Bytes = std::vector<unsigned char>;
+#include "firmware_versions.h"
+#include "operation_in_progress.h"
+#include "template.h"
 
 inline CK_BYTE_PTR pointerTo(const Bytes& bytes)
 {
@@ -22,12 +22,6 @@ inline CK_BYTE_PTR pointerTo(const Bytes& bytes)
 inline CK_ULONG sizeOf(const Bytes& bytes)
 {
     return static_cast<CK_ULONG>(bytes.size());
-}
-
-inline Bytes joined(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 /// `size` different bytes.
@@ -80,9 +74,6 @@ inline constexpr SignatureMechanism SIGNATURE_MECHANISMS[] = {
 /// What neither signs nor verifies: offered for something else, or not offered at all.
 inline constexpr CK_MECHANISM_TYPE NO_SIGNATURE_MECHANISMS[] = {0x0,   0x3,    0x5,    0x9,    0x210,      0x220,
                                                                 0x250, 0x1040, 0x1046, 0x1050, 0xFFFFFFFF, 0x80000001};
-
-/// What looks negative in the device's count and in the log of a module with 32-bit numbers.
-constexpr CK_ULONG TOO_LARGE_FOR_INT = 0x80000000;
 
 /// A caller's length and the count that the device is given for it.
 struct LargeLength {
@@ -163,12 +154,12 @@ MATCHER_P(IsKeyIdentifierOf, keyPair, "")
     return std::equal(std::begin(keyPair.keyIdentifier), std::end(keyPair.keyIdentifier), arg);
 }
 
-class CryptoTest : public OpenSessionTest
+class ScriptedDeviceTest : public OperationInProgressTest
 {
 protected:
     void SetUp() override
     {
-        OpenSessionTest::SetUp();
+        OperationInProgressTest::SetUp();
         device_->defaults.velkor_createInstance(&instance_);
         for (VelkorKeyPair& each : first().keyPairs)
             std::iota(std::begin(each.keyIdentifier), std::end(each.keyIdentifier),
@@ -345,32 +336,6 @@ protected:
     {
         reopenWithToken([&](TokenInfo& token) { token.model = model; });
     }
-
-    void setFirmware(const std::string& firmware)
-    {
-        reopenWithToken([&](TokenInfo& token) { token.firmwareVersion = firmware; });
-    }
-
-    /// The number of the operation in progress, asked for by a call that changes nothing.
-    int activeOperation() const
-    {
-        const Answer probe = answer(C_DigestFinal, hSession_, nullptr, nullptr);
-        if (probe == refusal(CKR_ARGUMENTS_BAD, "C_DigestFinal", "C_DigestFinal: pulDigestLen is NULL"))
-            return DIGEST;
-        EXPECT_EQ(probe.code, CKR_OPERATION_NOT_INITIALIZED) << probe;
-        const std::string& line = probe.lines.back();
-        return std::stoi(line.substr(line.find('=') + 1));
-    }
-
-    static constexpr int NONE = 0;
-    static constexpr int FIND = 1;
-    static constexpr int ENCRYPT = 2;
-    static constexpr int DECRYPT = 3;
-    static constexpr int DIGEST = 4;
-    static constexpr int SIGN = 5;
-    static constexpr int VERIFY = 7;
-    static constexpr int DIGEST_ENCRYPT = 9;
-    static constexpr int DIGEST_DECRYPT = 10;
 
     std::string deviceId_ = FIRST_DEVICE; ///< Whom the session's calls are scripted for.
     void* instance_ = nullptr;
