@@ -8,6 +8,8 @@ namespace
 using testing::_;
 using testing::Each;
 using testing::StrEq;
+using velkor::copyInto;
+using velkor::setLabel;
 
 // ---- Derived keys ----
 
