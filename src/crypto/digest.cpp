@@ -3,7 +3,7 @@
 #include "crypto/operation.h"
 #include "frame/module_state.h"
 #include "log/log.h"
-#include "util/mechanism_table.h"
+#include "mechanisms/mechanism_table.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 

@@ -9,10 +9,10 @@
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "mechanisms/token_policy.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/der.h"
-#include "util/token_policy.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 

@@ -4,8 +4,8 @@
 #include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "mechanisms/key_kinds.h"
 #include "util/attributes.h"
-#include "util/key_kinds.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
 

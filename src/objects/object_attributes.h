@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "cryptoki.h"
+#include "mechanisms/key_kinds.h"
 #include "sessions/session_record.h"
-#include "util/key_kinds.h"
 #include "velkor/device_service.h"
 
 namespace velkor

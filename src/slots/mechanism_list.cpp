@@ -5,9 +5,9 @@
 
 #include "frame/module_state.h"
 #include "log/log.h"
-#include "util/key_kinds.h"
-#include "util/mechanism_table.h"
-#include "util/token_policy.h"
+#include "mechanisms/key_kinds.h"
+#include "mechanisms/mechanism_table.h"
+#include "mechanisms/token_policy.h"
 
 namespace velkor
 {

@@ -1,4 +1,4 @@
-#include "util/token_policy.h"
+#include "mechanisms/token_policy.h"
 
 #include "util/utils.h"
 

@@ -1,4 +1,4 @@
-#include "util/key_kinds.h"
+#include "mechanisms/key_kinds.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,4 +1,4 @@
-#include "util/mechanism_table.h"
+#include "mechanisms/mechanism_table.h"
 
 #include <algorithm>
 
