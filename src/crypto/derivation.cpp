@@ -9,10 +9,10 @@
 
 #include "crypto/operation.h"
 #include "device/library_buffer.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/token_policy.h"
+#include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/utils.h"
@@ -109,9 +109,9 @@ CK_OBJECT_HANDLE store(SecretBytes value)
 
 std::optional<VelkorKeyPair> findBaseKey(const SessionRecord& session, CK_OBJECT_HANDLE hBaseKey)
 {
-    const CK_OBJECT_HANDLE id = hBaseKey - PRIVATE_KEY_BASE;
-    if (id >= PUBLIC_KEY_BASE - PRIVATE_KEY_BASE) // Also where the difference has wrapped around.
+    if (!isPrivateKeyHandle(hBaseKey))
         return std::nullopt;
+    const CK_ULONG id = keyPairIdOf(hBaseKey);
     logDebug("key id :: ", id);
     return findKeyPair(session, id);
 }

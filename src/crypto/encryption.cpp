@@ -6,10 +6,10 @@
 
 #include "crypto/operation.h"
 #include "device/library_buffer.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/token_policy.h"
+#include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/der.h"

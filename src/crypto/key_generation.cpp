@@ -1,10 +1,10 @@
 #include "crypto/key_generation.h"
 
 #include "device/device_status.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/key_kinds.h"
+#include "objects/handles.h"
 #include "util/attributes.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"

@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "crypto/operation.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/mechanism_table.h"
 #include "mechanisms/token_policy.h"
+#include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/der.h"

@@ -5,12 +5,12 @@
 #include <vector>
 
 #include "crypto/operation.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/key_kinds.h"
 #include "mechanisms/mechanism_table.h"
 #include "mechanisms/token_policy.h"
+#include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/der.h"
 #include "velkor/device_service.h"

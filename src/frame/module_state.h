@@ -11,13 +11,16 @@
 #include <thread>
 
 #include "cryptoki.h"
-#include "frame/limits.h"
+#include "objects/handles.h"
 #include "sessions/session_record.h"
 #include "util/secret.h"
 #include "velkor/device_service.h"
 
 namespace velkor
 {
+
+/// The slot ID of the first entry of the slot table.
+inline constexpr CK_SLOT_ID SLOT_ID_BASE = 0x50000001;
 
 struct ModuleState {
     std::atomic<void*> libraryInstance = nullptr; ///< Non-null: the module is initialised.

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "objects/object_attributes.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
@@ -121,24 +121,14 @@ int updateKeyPair(const SessionRecord& session, const VelkorKeyPair& keyPair, co
                                        moduleState().libraryInstance);
 }
 
-bool isPrivateKey(CK_OBJECT_HANDLE hObject)
-{
-    return hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE;
-}
-
-bool isPublicKey(CK_OBJECT_HANDLE hObject)
-{
-    return hObject >= PUBLIC_KEY_BASE && hObject < CERTIFICATE_BASE;
-}
-
 /// Bytes of the object; nothing when there is none.
 std::optional<std::size_t> objectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    if (isPrivateKey(hObject) || isPublicKey(hObject)) {
+    if (isPrivateKeyHandle(hObject) || isPublicKeyHandle(hObject)) {
         const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
         if (!keyPair)
             return std::nullopt;
-        return publicKeyOf(*keyPair).size() * (isPrivateKey(hObject) ? 2 : 1); // A private key counts twice.
+        return publicKeyOf(*keyPair).size() * (isPrivateKeyHandle(hObject) ? 2 : 1); // A private key counts twice.
     }
     if (hObject < CERTIFICATE_BASE)
         return std::nullopt;
@@ -148,9 +138,9 @@ std::optional<std::size_t> objectSize(const SessionRecord& session, CK_OBJECT_HA
 
 CK_RV refuseSize(CK_OBJECT_HANDLE hObject)
 {
-    if (isPrivateKey(hObject))
+    if (isPrivateKeyHandle(hObject))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Private key not found in get object size : ", hObject);
-    if (isPublicKey(hObject))
+    if (isPublicKeyHandle(hObject))
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Public key not found in get object size : ", hObject);
     return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get object size : ", hObject);
 }

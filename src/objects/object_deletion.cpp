@@ -1,8 +1,8 @@
 #include "objects/object_deletion.h"
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "velkor/device_service.h"
 
@@ -49,7 +49,7 @@ CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
         return CKR_SESSION_READ_ONLY;
     }
     logDebug("Delete key pair id : ", hObject);
-    if (hObject >= PRIVATE_KEY_BASE && hObject < PUBLIC_KEY_BASE)
+    if (isPrivateKeyHandle(hObject))
         return destroyKeyPair(session, hObject);
     // A key pair goes through its private key's handle only.
     if (hObject < CERTIFICATE_BASE)

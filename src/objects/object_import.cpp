@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "device/device_status.h"
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "objects/issuer_chain.h"
 #include "objects/labels.h"
 #include "platform/platform.h"

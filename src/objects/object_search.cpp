@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "objects/labels.h"
 #include "util/attributes.h"
 #include "util/utils.h"

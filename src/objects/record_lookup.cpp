@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 
 namespace velkor
@@ -23,11 +22,6 @@ std::optional<Record> find(const std::vector<Record>& records, CK_ULONG id, Reco
 }
 
 } // namespace
-
-CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey)
-{
-    return hKey - (hKey >= PUBLIC_KEY_BASE ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE);
-}
 
 std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id)
 {

@@ -11,9 +11,6 @@
 namespace velkor
 {
 
-/// The id of a key pair by the handle of either of its halves.
-CK_ULONG keyPairIdOf(CK_OBJECT_HANDLE hKey);
-
 /// The key pair of an id, as a copy that no later lookup changes.
 std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id);
 

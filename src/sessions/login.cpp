@@ -3,7 +3,6 @@
 #include <utility>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/secret.h"

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 
@@ -10,6 +9,8 @@ namespace velkor
 {
 namespace
 {
+
+constexpr CK_SESSION_HANDLE SESSION_HANDLE_BASE = 0x60000001;
 
 /// Puts a session into the table, logged in when a user is. Gives its handle: the largest open one plus one.
 CK_SESSION_HANDLE insertSession(std::shared_ptr<SessionRecord> session)

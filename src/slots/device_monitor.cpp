@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "platform/platform.h"

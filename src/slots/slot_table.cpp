@@ -6,7 +6,6 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/limits.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "util/utils.h"
