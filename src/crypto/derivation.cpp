@@ -7,8 +7,8 @@
 #include <span>
 #include <utility>
 
+#include "crypto/library_buffer.h"
 #include "crypto/operation.h"
-#include "device/library_buffer.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/token_policy.h"

@@ -1,6 +1,6 @@
 #include "crypto/key_generation.h"
 
-#include "device/device_status.h"
+#include "frame/device_status.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/key_kinds.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "device/device_status.h"
+#include "frame/device_status.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "objects/handles.h"

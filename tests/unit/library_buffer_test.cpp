@@ -1,4 +1,4 @@
-#include "device/library_buffer.h"
+#include "crypto/library_buffer.h"
 
 #include <cstdlib>
 #include <limits>
