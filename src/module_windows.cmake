@@ -12,7 +12,7 @@ endforeach()
 file(CONFIGURE OUTPUT velkor-pkcs11.def CONTENT "EXPORTS\n@STANDARD_NAMES@" @ONLY)
 configure_file(../packaging/velkor-pkcs11.rc.in velkor-pkcs11.rc @ONLY)
 
-add_library(velkor-pkcs11 SHARED ${MODULE_SOURCES} frame/unload_windows.cpp ${CMAKE_CURRENT_BINARY_DIR}/velkor-pkcs11.def
+add_library(velkor-pkcs11 SHARED ${MODULE_SOURCES} platform/unload_windows.cpp ${CMAKE_CURRENT_BINARY_DIR}/velkor-pkcs11.def
                                  ${CMAKE_CURRENT_BINARY_DIR}/velkor-pkcs11.rc)
 add_library(velkor-pkcs11-packed ALIAS velkor-pkcs11)
 set_target_properties(velkor-pkcs11 PROPERTIES PREFIX "")
