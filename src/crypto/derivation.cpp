@@ -4,7 +4,6 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <span>
 #include <utility>
 
 #include "crypto/library_buffer.h"
@@ -15,6 +14,7 @@
 #include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/utils.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
@@ -58,8 +58,7 @@ void cut(SecretBytes& value, std::size_t limit)
         value.resize(limit);
 }
 
-CK_RV deriveSecret(const SessionRecord& session, const VelkorKeyPair& keyPair, std::span<const unsigned char> peer,
-                   SecretBytes& secret)
+CK_RV deriveSecret(const SessionRecord& session, const VelkorKeyPair& keyPair, Bytes peer, SecretBytes& secret)
 {
     LibraryBuffer shared;
     const int status =
@@ -135,7 +134,7 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     const auto keyPair = findBaseKey(session, hBaseKey);
     if (!keyPair)
         return CKR_KEY_HANDLE_INVALID;
-    const std::span<const unsigned char> peer(parameter->pPublicData, parameter->ulPublicDataLen);
+    const Bytes peer(parameter->pPublicData, parameter->ulPublicDataLen);
     logDebug("base key id :: ", Utils::toHexadecimal(keyPair->keyIdentifier));
     logDebug("public key :: ", [&] { return Utils::toHexadecimal(peer); });
     SecretBytes value;

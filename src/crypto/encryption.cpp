@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <vector>
 
 #include "crypto/library_buffer.h"
 #include "crypto/operation.h"
@@ -12,6 +11,7 @@
 #include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/der.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
@@ -114,8 +114,8 @@ EncryptionType encryptionTypeOf(std::uint32_t keyKind)
 /// Has the library encrypt into `resultBuffer`.
 CK_RV encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
-    const VelkorKeyPair keyPair = selectedKeyPair(session);
-    const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(keyPair));
+    const VelkorKeyPair keyPair = keyPairInUse(session);
+    const OwnedBytes publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(keyPair));
     const PaddingMode padding = session.cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::Oaep : PaddingMode::Pkcs1;
     std::array<unsigned char, CIPHERTEXT_CAPACITY> ciphertext{};
     int length = 0;
@@ -131,7 +131,7 @@ CK_RV encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataL
 /// Has the device decrypt into `resultBuffer`; gives its status. The device is not told the padding.
 int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen)
 {
-    const VelkorKeyPair keyPair = selectedKeyPair(session);
+    const VelkorKeyPair keyPair = keyPairInUse(session);
     LibraryBuffer plaintext;
     const int status = velkor_decrypt(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
                                       pEncryptedData, deviceLength(ulEncryptedDataLen), &plaintext.bytes,

@@ -1,5 +1,7 @@
 #include "crypto/key_generation.h"
 
+#include <span>
+
 #include "frame/device_status.h"
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -19,9 +21,9 @@ using Template = std::span<const CK_ATTRIBUTE>;
 /// The mechanism's value plays no part.
 CK_RV checkRequest(const SessionRecord& session, const KeyPairRequest& request)
 {
-    const CK_STATE state = stateOf(session);
-    if (isReadOnly(state))
-        return refuse(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=", state);
+    const CK_STATE sessionState = stateOf(session);
+    if (isReadOnly(sessionState))
+        return refuse(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=", sessionState);
     if (request.pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pMechanism is NULL");
     if (hasParameter(*request.pMechanism))

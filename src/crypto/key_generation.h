@@ -1,8 +1,6 @@
 // Generation of key pairs by the device.
 #pragma once
 
-#include <span>
-
 #include "cryptoki.h"
 #include "sessions/session_record.h"
 

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdlib>
-#include <span>
 
 #include "platform/platform.h"
+#include "util/bytes.h"
 
 namespace velkor
 {
@@ -22,10 +22,7 @@ struct LibraryBuffer {
         std::free(bytes);
     }
 
-    std::span<const unsigned char> span() const
-    {
-        return {bytes, bytes != nullptr && length > 0 ? static_cast<std::size_t>(length) : 0};
-    }
+    Bytes span() const { return {bytes, bytes != nullptr && length > 0 ? static_cast<std::size_t>(length) : 0}; }
 };
 
 } // namespace velkor

@@ -20,9 +20,9 @@ CK_RV require(const SessionRecord& session, ActiveOperation operation, const cha
 
 CK_RV requireState(const SessionRecord& session, const char* function)
 {
-    const CK_STATE state = stateOf(session);
-    if (state < CKS_RO_USER_FUNCTIONS || state > CKS_RW_SO_FUNCTIONS)
-        return refuse(CKR_SESSION_HANDLE_INVALID, function, ": invalid session state=", state);
+    const CK_STATE sessionState = stateOf(session);
+    if (sessionState < CKS_RO_USER_FUNCTIONS || sessionState > CKS_RW_SO_FUNCTIONS)
+        return refuse(CKR_SESSION_HANDLE_INVALID, function, ": invalid session state=", sessionState);
     return CKR_OK;
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <span>
 #include <utility>
 
 #include "crypto/operation.h"
@@ -14,6 +13,7 @@
 #include "objects/handles.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/der.h"
 #include "util/utils.h"
 #include "velkor/device_service.h"
@@ -23,8 +23,6 @@ namespace velkor
 {
 namespace
 {
-
-using Input = std::span<const unsigned char>;
 
 constexpr HashFailureTexts HASH_FAILURES = {"init hash failed ", "update hash failed ", "final hash failed "};
 constexpr HashFailureTexts PART_FAILURES = {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ",
@@ -37,7 +35,7 @@ constexpr std::size_t SHA1_SIZE = 20;
 constexpr std::size_t MD5_SIZE = 16;
 
 /// Looks for an object identifier at every offset: the input is not parsed.
-bool isDigestInfoWith(Input input, Input identifier)
+bool isDigestInfoWith(Bytes input, Bytes identifier)
 {
     return input.size() >= DIGEST_INFO_MIN_SIZE && input.front() == DER_TAG_SEQUENCE &&
            std::search(input.begin(), input.end(), identifier.begin(), identifier.end()) != input.end();
@@ -46,26 +44,26 @@ bool isDigestInfoWith(Input input, Input identifier)
 /// Inputs of raw mechanisms that a FIPS token does not sign.
 struct FipsRule {
     CK_MECHANISM_TYPE mechanism;
-    bool (*isRefused)(Input input);
+    bool (*isRefused)(Bytes input);
     const char* text;
 };
 
 constexpr FipsRule FIPS_RULES[] = {
-    {CKM_RSA_PKCS, [](Input input) { return isDigestInfoWith(input, SHA1_IDENTIFIER); },
+    {CKM_RSA_PKCS, [](Bytes input) { return isDigestInfoWith(input, SHA1_IDENTIFIER); },
      "C_Sign: SHA1 DigestInfo signing not allowed on FIPS 140-3 token"},
-    {CKM_RSA_PKCS, [](Input input) { return isDigestInfoWith(input, MD5_IDENTIFIER); },
+    {CKM_RSA_PKCS, [](Bytes input) { return isDigestInfoWith(input, MD5_IDENTIFIER); },
      "C_Sign: MD5 DigestInfo signing not allowed on FIPS 140-3 token"},
-    {CKM_ECDSA, [](Input input) { return input.size() == SHA1_SIZE; },
+    {CKM_ECDSA, [](Bytes input) { return input.size() == SHA1_SIZE; },
      "C_Sign: SHA1 hash signing via CKM_ECDSA not allowed on FIPS 140-3 token"},
-    {CKM_ECDSA, [](Input input) { return input.size() == MD5_SIZE; },
+    {CKM_ECDSA, [](Bytes input) { return input.size() == MD5_SIZE; },
      "C_Sign: MD5 hash signing via CKM_ECDSA not allowed on FIPS 140-3 token"},
-    {CKM_RSA_PKCS_PSS, [](Input input) { return input.size() == SHA1_SIZE; },
+    {CKM_RSA_PKCS_PSS, [](Bytes input) { return input.size() == SHA1_SIZE; },
      "C_Sign: SHA1 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token"},
-    {CKM_RSA_PKCS_PSS, [](Input input) { return input.size() == MD5_SIZE; },
+    {CKM_RSA_PKCS_PSS, [](Bytes input) { return input.size() == MD5_SIZE; },
      "C_Sign: MD5 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token"},
 };
 
-CK_RV refuseByFipsRules(const SessionRecord& session, Input input)
+CK_RV refuseByFipsRules(const SessionRecord& session, Bytes input)
 {
     if (!isFipsToken(session.token))
         return CKR_OK;
@@ -112,9 +110,9 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 }
 
 /// Has the device sign into `resultBuffer`; gives its status.
-int signHash(SessionRecord& session, Input hash)
+int signHash(SessionRecord& session, Bytes hash)
 {
-    const VelkorKeyPair keyPair = selectedKeyPair(session);
+    const VelkorKeyPair keyPair = keyPairInUse(session);
     std::array<unsigned char, SIGNATURE_CAPACITY> signature{};
     int length = SIGNATURE_CAPACITY;
     const int status = velkor_signHash(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(), hash.data(),
@@ -125,7 +123,7 @@ int signHash(SessionRecord& session, Input hash)
     return status;
 }
 
-void logInput(const SessionRecord& session, Input hash)
+void logInput(const SessionRecord& session, Bytes hash)
 {
     logDebug("Sign: password empty=", cachedPassword().empty() ? 1 : 0, " hashLen=", hash.size(),
              " session state=", stateOf(session));
@@ -135,7 +133,7 @@ void logInput(const SessionRecord& session, Input hash)
 /// Everything between the arguments and the kept signature. What fails here ends the operation.
 CK_RV signData(SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
-    Input input(pData, ulDataLen);
+    Bytes input(pData, ulDataLen);
     SecretBytes hash;
     if (row.family == SignatureFamily::Raw) {
         const CK_RV result = refuseByFipsRules(session, input);

@@ -1,8 +1,6 @@
 #include "crypto/verification.h"
 
-#include <span>
 #include <utility>
-#include <vector>
 
 #include "crypto/operation.h"
 #include "frame/module_state.h"
@@ -12,6 +10,7 @@
 #include "mechanisms/token_policy.h"
 #include "objects/handles.h"
 #include "objects/record_lookup.h"
+#include "util/bytes.h"
 #include "util/der.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
@@ -20,8 +19,6 @@ namespace velkor
 {
 namespace
 {
-
-using Input = std::span<const unsigned char>;
 
 constexpr HashFailureTexts HASH_FAILURES = {
     "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
@@ -40,12 +37,12 @@ CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
 
 bool isBareModulus(const VelkorKeyPair& keyPair)
 {
-    const Input stored = publicKeyOf(keyPair);
+    const Bytes stored = publicKeyOf(keyPair);
     return keyKindInfo(keyPair.keyKind).keyType != CKK_EC && !stored.empty() && stored.front() != DER_TAG_SEQUENCE;
 }
 
 /// Asks the device for its verdict; gives its status.
-int verifyHash(const SessionRecord& session, const VelkorKeyPair& keyPair, Input hash, Input publicKey,
+int verifyHash(const SessionRecord& session, const VelkorKeyPair& keyPair, Bytes hash, Bytes publicKey,
                const CK_BYTE* pSignature, CK_ULONG ulSignatureLen, bool isPss)
 {
     return velkor_verifySignatureHash(keyPair.keyKind, session.deviceId(), hash.data(), deviceLength(hash.size()),
@@ -56,7 +53,7 @@ int verifyHash(const SessionRecord& session, const VelkorKeyPair& keyPair, Input
 CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen,
                  const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
 {
-    Input input(pData, ulDataLen);
+    Bytes input(pData, ulDataLen);
     SecretBytes hash;
     if (row.family == SignatureFamily::Hash) {
         const CK_RV result = hashData(session, row.hash, pData, ulDataLen, HASH_FAILURES, hash);
@@ -64,9 +61,9 @@ CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK
             return result;
         input = hash;
     }
-    const VelkorKeyPair keyPair = selectedKeyPair(session);
-    Input publicKey = publicKeyOf(keyPair);
-    std::vector<unsigned char> wrapped;
+    const VelkorKeyPair keyPair = keyPairInUse(session);
+    Bytes publicKey = publicKeyOf(keyPair);
+    OwnedBytes wrapped;
     if (isBareModulus(keyPair)) {
         logDebug("Public key is not der need to convert to the der");
         wrapped = rsaSubjectPublicKeyInfo(publicKey);
@@ -89,7 +86,7 @@ CK_RV verifyGathered(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG
         if (status != 0)
             return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", status);
     }
-    const VelkorKeyPair keyPair = selectedKeyPair(session);
+    const VelkorKeyPair keyPair = keyPairInUse(session);
     const int status = verifyHash(session, keyPair, hash, publicKeyOf(keyPair), pSignature, ulSignatureLen, false);
     if (status != 0)
         return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed ", status);

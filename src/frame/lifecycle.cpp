@@ -1,26 +1,13 @@
 #include "frame/lifecycle.h"
 
-#include <cstring>
-
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "slots/device_monitor.h"
+#include "util/text_fields.h"
 #include "velkor/device_service.h"
 
 namespace velkor
 {
-namespace
-{
-
-/// Copies a text with its terminating zero; the rest of the field stays as the caller had it.
-template <std::size_t Size>
-void copyTerminated(CK_UTF8CHAR (&field)[Size], const char* text)
-{
-    std::memcpy(field, text, std::strlen(text) + 1);
-}
-
-} // namespace
-
 CK_RV createLibraryInstance()
 {
     ModuleState& state = moduleState();

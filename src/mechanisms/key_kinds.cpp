@@ -46,7 +46,7 @@ const KeyKindInfo* findRsaKind(CK_ULONG bits)
     return findKind([&](const KeyKindInfo& each) { return each.keyType == CKK_RSA && each.bits == bits; });
 }
 
-const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams)
+const KeyKindInfo* findCurveKind(Bytes ecParams)
 {
     return findKind(
         [&](const KeyKindInfo& each) { return each.keyType == CKK_EC && sameBytes(each.ecParams, ecParams); });

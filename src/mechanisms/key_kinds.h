@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "cryptoki.h"
+#include "util/bytes.h"
 
 namespace velkor
 {
@@ -17,7 +17,7 @@ struct KeyKindInfo {
     CK_KEY_TYPE keyType;
     CK_ULONG bits;
     CK_MECHANISM_TYPE generationMechanism;
-    std::span<const unsigned char> ecParams; ///< DER of the curve's object identifier; empty for RSA.
+    Bytes ecParams; ///< DER of the curve's object identifier; empty for RSA.
 };
 
 /// The kind's row; that of 2048-bit RSA for any kind that has none of its own.
@@ -27,6 +27,6 @@ const KeyKindInfo& keyKindInfo(std::uint32_t keyKind);
 const KeyKindInfo* findRsaKind(CK_ULONG bits);
 
 /// The kind of the curve with these parameters, byte for byte; null when there is none.
-const KeyKindInfo* findCurveKind(std::span<const unsigned char> ecParams);
+const KeyKindInfo* findCurveKind(Bytes ecParams);
 
 } // namespace velkor

@@ -4,7 +4,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "frame/module_state.h"
 #include "log/log.h"
@@ -12,6 +11,7 @@
 #include "objects/object_attributes.h"
 #include "objects/record_lookup.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/secret.h"
 #include "velkor/record_fields.h"
 
@@ -21,7 +21,7 @@ namespace
 {
 
 /// Answers one template entry; a short buffer is refused and its length left as it was.
-CK_RV deliver(CK_ATTRIBUTE& attribute, CK_ULONG index, std::span<const unsigned char> value)
+CK_RV answerAttribute(CK_ATTRIBUTE& attribute, CK_ULONG index, Bytes value)
 {
     const auto length = static_cast<CK_ULONG>(value.size());
     if (attribute.pValue != nullptr && attribute.ulValueLen < length)
@@ -41,7 +41,7 @@ CK_RV answerTemplate(const ObjectView& object, std::span<CK_ATTRIBUTE> attribute
         CK_ATTRIBUTE& attribute = attributes[index];
         const CK_ATTRIBUTE_TYPE type = attribute.type;
         logDebug("C_GetAttributeValue type : ", type);
-        const CK_RV result = deliver(attribute, index, attributeValue(object, type));
+        const CK_RV result = answerAttribute(attribute, index, attributeValue(object, type));
         if (result != CKR_OK)
             return result;
     }
@@ -67,7 +67,7 @@ CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attribu
             attributes[index].ulValueLen = CK_UNAVAILABLE_INFORMATION;
             continue;
         }
-        const CK_RV result = deliver(attributes[index], index, *value);
+        const CK_RV result = answerAttribute(attributes[index], index, *value);
         if (result != CKR_OK)
             return result;
     }
@@ -93,7 +93,7 @@ CK_RV answerCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
 
 struct KeyPairChanges {
     std::optional<std::string> label;
-    std::optional<std::vector<unsigned char>> objectId;
+    std::optional<OwnedBytes> objectId;
 };
 
 KeyPairChanges readChanges(std::span<const CK_ATTRIBUTE> attributes)
@@ -115,7 +115,7 @@ KeyPairChanges readChanges(std::span<const CK_ATTRIBUTE> attributes)
 int updateKeyPair(const SessionRecord& session, const VelkorKeyPair& keyPair, const KeyPairChanges& changes)
 {
     const std::string label = changes.label.value_or("");
-    const std::vector<unsigned char> objectId = changes.objectId.value_or(std::vector<unsigned char>());
+    const OwnedBytes objectId = changes.objectId.value_or(OwnedBytes());
     return velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
                                        label.c_str(), objectId.data(), deviceLength(objectId.size()),
                                        moduleState().libraryInstance);
@@ -191,9 +191,9 @@ CK_RV setAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
     const KeyPairChanges changes = readChanges({pTemplate, ulCount});
     if (changes.label || changes.objectId) {
-        const int result = updateKeyPair(session, *keyPair, changes);
-        if (result != 0)
-            return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", result);
+        const int status = updateKeyPair(session, *keyPair, changes);
+        if (status != 0)
+            return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", status);
     }
     logDebug("Set attribute end");
     return CKR_OK;

@@ -17,9 +17,9 @@ namespace
 std::optional<CertificateDetails> parse(const VelkorCertificate& certificate)
 {
     CertificateDetails details;
-    const int result =
+    const int status =
         velkor_getCertificateDetails(certificate.der.data(), deviceLength(certificate.der.size()), details, nullptr);
-    return result == 0 ? std::optional(details) : std::nullopt;
+    return status == 0 ? std::optional(details) : std::nullopt;
 }
 
 std::optional<CertificateDetails> detailsOfSameKey(const SessionRecord& session, const VelkorKeyPair& keyPair)

@@ -13,23 +13,16 @@ namespace velkor
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
-
 constexpr unsigned char TAG_OCTET_STRING = 0x04;
 constexpr unsigned char ONE_LENGTH_BYTE = 0x81;
 
-Bytes toBytes(std::span<const unsigned char> bytes)
-{
-    return {bytes.begin(), bytes.end()};
-}
-
-Bytes boolean(bool value)
+OwnedBytes boolean(bool value)
 {
     return {static_cast<CK_BBOOL>(value ? CK_TRUE : CK_FALSE)};
 }
 
 /// An integer as the caller's CK_ULONG.
-Bytes integer(CK_ULONG value)
+OwnedBytes integer(CK_ULONG value)
 {
     const auto* first = reinterpret_cast<const unsigned char*>(&value);
     return {first, first + sizeof value};
@@ -55,9 +48,9 @@ bool hasUsage(const ObjectView& object, std::uint32_t usage)
     return (object.usageFlags & usage) != 0;
 }
 
-using Parser = Bytes (*)(const unsigned char* der, int derLength, void* libraryInstance);
+using Parser = OwnedBytes (*)(const unsigned char* der, int derLength, void* libraryInstance);
 
-Bytes parsedFrom(const ObjectView& object, Parser parser)
+OwnedBytes parsedFrom(const ObjectView& object, Parser parser)
 {
     if (!isCertificate(object))
         return {};
@@ -65,11 +58,11 @@ Bytes parsedFrom(const ObjectView& object, Parser parser)
 }
 
 /// The public key as a DER OCTET STRING, whose length never takes more than one byte behind 0x81.
-Bytes ecPoint(const ObjectView& object)
+OwnedBytes ecPoint(const ObjectView& object)
 {
     if (isCertificate(object))
         return {};
-    Bytes point = {TAG_OCTET_STRING};
+    OwnedBytes point = {TAG_OCTET_STRING};
     if (object.value.size() >= 128)
         point.push_back(ONE_LENGTH_BYTE);
     point.push_back(static_cast<unsigned char>(object.value.size()));
@@ -79,7 +72,7 @@ Bytes ecPoint(const ObjectView& object)
 
 struct AttributeRow {
     CK_ATTRIBUTE_TYPE type;
-    Bytes (*value)(const ObjectView& object);
+    OwnedBytes (*value)(const ObjectView& object);
 };
 
 // Rows without a condition answer the same for every class.
@@ -88,7 +81,7 @@ constexpr AttributeRow ATTRIBUTES[] = {
     {CKA_CLASS,             [](const ObjectView& object) { return integer(object.objectClass); }},
     {CKA_TOKEN,             [](const ObjectView&)        { return boolean(true); }},
     {CKA_PRIVATE,           [](const ObjectView& object) { return boolean(isPrivate(object)); }},
-    {CKA_LABEL,             [](const ObjectView& object) { return Bytes(object.label.begin(), object.label.end()); }},
+    {CKA_LABEL,             [](const ObjectView& object) { return OwnedBytes(object.label.begin(), object.label.end()); }},
     {CKA_VALUE,             [](const ObjectView& object) { return object.value; }},
     {CKA_CERTIFICATE_TYPE,  [](const ObjectView&)        { return integer(CKC_X_509); }},
     {CKA_OBJECT_ID,         [](const ObjectView& object) { return integer(object.handle); }},
@@ -108,12 +101,12 @@ constexpr AttributeRow ATTRIBUTES[] = {
     {CKA_DERIVE,            [](const ObjectView&)        { return boolean(false); }},
     {CKA_MODULUS,           [](const ObjectView& object) { return object.value; }},
     {CKA_MODULUS_BITS,      [](const ObjectView& object) { return integer(object.kind.bits); }},
-    {CKA_PUBLIC_EXPONENT,   [](const ObjectView&)        { return toBytes(RSA_PUBLIC_EXPONENT); }},
+    {CKA_PUBLIC_EXPONENT,   [](const ObjectView&)        { return copyOf(RSA_PUBLIC_EXPONENT); }},
     {CKA_EXTRACTABLE,       [](const ObjectView& object) { return boolean(!isPrivate(object)); }},
     {CKA_LOCAL,             [](const ObjectView&)        { return boolean(true); }},
     {CKA_KEY_GEN_MECHANISM, [](const ObjectView& object) { return integer(object.kind.generationMechanism); }},
     {CKA_MODIFIABLE,        [](const ObjectView& object) { return boolean(isCertificate(object)); }},
-    {CKA_EC_PARAMS,         [](const ObjectView& object) { return toBytes(object.kind.ecParams); }},
+    {CKA_EC_PARAMS,         [](const ObjectView& object) { return copyOf(object.kind.ecParams); }},
     {CKA_EC_POINT,          ecPoint},
 };
 // clang-format on
@@ -126,8 +119,8 @@ ObjectView viewOf(const SessionRecord& session, const VelkorKeyPair& keyPair, CK
     return {handle,
             objectClass,
             labelOf(session, keyPair),
-            toBytes(objectIdOf(keyPair)),
-            toBytes(publicKeyOf(keyPair)),
+            copyOf(objectIdOf(keyPair)),
+            copyOf(publicKeyOf(keyPair)),
             keyKindInfo(keyPair.keyKind),
             keyPair.usageFlags};
 }
@@ -137,17 +130,17 @@ ObjectView viewOf(const VelkorCertificate& certificate, CK_OBJECT_HANDLE handle)
     return {handle,
             CKO_CERTIFICATE,
             labelOf(certificate),
-            toBytes(objectIdOf(certificate)),
+            copyOf(objectIdOf(certificate)),
             certificate.der,
             keyKindInfo(KEY_KIND_RSA_2048),
             0};
 }
 
-std::vector<unsigned char> attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type)
+OwnedBytes attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type)
 {
     const auto* const row = std::find_if(std::begin(ATTRIBUTES), std::end(ATTRIBUTES),
                                          [&](const AttributeRow& each) { return each.type == type; });
-    return row != std::end(ATTRIBUTES) ? row->value(object) : Bytes();
+    return row != std::end(ATTRIBUTES) ? row->value(object) : OwnedBytes();
 }
 
 } // namespace velkor

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "cryptoki.h"
 #include "mechanisms/key_kinds.h"
 #include "sessions/session_record.h"
+#include "util/bytes.h"
 #include "velkor/device_service.h"
 
 namespace velkor
@@ -18,9 +18,9 @@ struct ObjectView {
     CK_OBJECT_HANDLE handle;
     CK_OBJECT_CLASS objectClass;
     std::string label;
-    std::vector<unsigned char> objectId;
-    std::vector<unsigned char> value; ///< Key: public key bytes. Certificate: DER.
-    const KeyKindInfo& kind;          ///< Certificates: that of 2048-bit RSA.
+    OwnedBytes objectId;
+    OwnedBytes value;        ///< Key: public key bytes. Certificate: DER.
+    const KeyKindInfo& kind; ///< Certificates: that of 2048-bit RSA.
     std::uint32_t usageFlags;
 };
 
@@ -29,6 +29,6 @@ ObjectView viewOf(const SessionRecord& session, const VelkorKeyPair& keyPair, CK
 ObjectView viewOf(const VelkorCertificate& certificate, CK_OBJECT_HANDLE handle);
 
 /// The attribute's value; empty for what the table does not know.
-std::vector<unsigned char> attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type);
+OwnedBytes attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type);
 
 } // namespace velkor

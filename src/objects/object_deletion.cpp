@@ -43,9 +43,9 @@ CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 
 CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    const CK_STATE state = stateOf(session);
-    if (isReadOnly(state)) {
-        logDebug("Delete session state invalid : ", state);
+    const CK_STATE sessionState = stateOf(session);
+    if (isReadOnly(sessionState)) {
+        logDebug("Delete session state invalid : ", sessionState);
         return CKR_SESSION_READ_ONLY;
     }
     logDebug("Delete key pair id : ", hObject);

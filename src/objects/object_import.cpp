@@ -14,6 +14,7 @@
 #include "objects/labels.h"
 #include "platform/platform.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/utils.h"
 #include "velkor/device_service.h"
 #include "velkor/record_fields.h"
@@ -23,20 +24,18 @@ namespace velkor
 namespace
 {
 
-using Value = std::span<const unsigned char>;
-
 constexpr std::size_t RSA_1024_MODULUS_SIZE = 128;
 
 /// What the template says; values are those of the caller's memory.
 struct NewObject {
     CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
     CK_KEY_TYPE keyType = CKK_RSA;
-    Value label;
-    Value value;
-    Value objectId;
-    Value modulus;
-    Value privateExponent;
-    Value prime1;
+    Bytes label;
+    Bytes value;
+    Bytes objectId;
+    Bytes modulus;
+    Bytes privateExponent;
+    Bytes prime1;
 };
 
 NewObject readTemplate(std::span<const CK_ATTRIBUTE> attributes)
@@ -79,7 +78,7 @@ NewObject readTemplate(std::span<const CK_ATTRIBUTE> attributes)
     return object;
 }
 
-std::string toText(Value value)
+std::string toText(Bytes value)
 {
     return {value.begin(), value.end()};
 }

@@ -12,6 +12,7 @@
 #include "objects/handles.h"
 #include "objects/labels.h"
 #include "util/attributes.h"
+#include "util/bytes.h"
 #include "util/utils.h"
 #include "velkor/record_fields.h"
 
@@ -20,24 +21,16 @@ namespace velkor
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
-
 constexpr CK_OBJECT_CLASS CLASS_UNSPECIFIED = CKO_VENDOR_DEFINED;
 
 struct SearchCriteria {
     CK_OBJECT_CLASS objectClass = CLASS_UNSPECIFIED;
     std::optional<std::string> label;
-    std::optional<Bytes> value;
-    std::optional<Bytes> subject;
-    std::optional<Bytes> id;
-    std::optional<Bytes> modulus;
+    std::optional<OwnedBytes> value;
+    std::optional<OwnedBytes> subject;
+    std::optional<OwnedBytes> objectId;
+    std::optional<OwnedBytes> modulus;
 };
-
-Bytes copyOfValue(const CK_ATTRIBUTE& attribute)
-{
-    const auto value = bytesOf(attribute);
-    return {value.begin(), value.end()};
-}
 
 CK_RV readClass(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteria& criteria)
 {
@@ -66,16 +59,16 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
         criteria.label = static_cast<const char*>(attribute.pValue);
         break;
     case CKA_VALUE:
-        criteria.value = copyOfValue(attribute);
+        criteria.value = copyOf(bytesOf(attribute));
         break;
     case CKA_SUBJECT:
-        criteria.subject = copyOfValue(attribute);
+        criteria.subject = copyOf(bytesOf(attribute));
         break;
     case CKA_ID:
-        criteria.id = copyOfValue(attribute);
+        criteria.objectId = copyOf(bytesOf(attribute));
         break;
     case CKA_MODULUS:
-        criteria.modulus = copyOfValue(attribute);
+        criteria.modulus = copyOf(bytesOf(attribute));
         logDebug("Modulus provided length : ", CK_ULONG{attribute.ulValueLen});
         break;
     default:
@@ -90,8 +83,8 @@ bool matches(const SearchCriteria& criteria, const SessionRecord& session, const
         return labelOf(session, keyPair) == *criteria.label;
     if (criteria.value)
         return sameBytes(publicKeyOf(keyPair), *criteria.value);
-    if (criteria.id)
-        return sameBytes(objectIdOf(keyPair), *criteria.id);
+    if (criteria.objectId)
+        return sameBytes(objectIdOf(keyPair), *criteria.objectId);
     if (criteria.modulus)
         return sameBytes(publicKeyOf(keyPair), *criteria.modulus);
     return true;
@@ -106,8 +99,8 @@ bool matches(const SearchCriteria& criteria, const VelkorCertificate& certificat
     if (criteria.subject)
         return velkor_getCertificateSubject(certificate.der.data(), deviceLength(certificate.der.size()),
                                             moduleState().libraryInstance) == *criteria.subject;
-    if (criteria.id)
-        return sameBytes(objectIdOf(certificate), *criteria.id);
+    if (criteria.objectId)
+        return sameBytes(objectIdOf(certificate), *criteria.objectId);
     return true;
 }
 
@@ -130,10 +123,10 @@ DeviceContents fetchInitializedContents(const SessionRecord& session)
     DeviceContents contents = fetchContents(session);
     if (!contents.certificates.empty() && !contents.keyPairs.empty())
         return contents;
-    const int result = velkor_initDevice(session.deviceId(), true, moduleState().libraryInstance);
-    if (result == 0)
+    const int status = velkor_initDevice(session.deviceId(), true, moduleState().libraryInstance);
+    if (status == 0)
         return fetchContents(session);
-    logError("Init device for certificates in find objects failed : ", result);
+    logError("Init device for certificates in find objects failed : ", status);
     return contents;
 }
 
@@ -233,8 +226,8 @@ CK_RV findObjectsInit(SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_
             return result;
     }
     DeviceContents contents = fetchInitializedContents(session);
-    if (criteria.id)
-        logDebug("Find init id : ", Utils::toHexadecimal(*criteria.id));
+    if (criteria.objectId)
+        logDebug("Find init id : ", Utils::toHexadecimal(*criteria.objectId));
     select(session, criteria, std::move(contents));
     session.activeOperation = ActiveOperation::Find;
     return CKR_OK;

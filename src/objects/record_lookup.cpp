@@ -45,7 +45,7 @@ std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id)
     return keyPair;
 }
 
-VelkorKeyPair selectedKeyPair(const SessionRecord& session)
+VelkorKeyPair keyPairInUse(const SessionRecord& session)
 {
     const std::scoped_lock lock(moduleState().lock);
     return *session.keyPair;

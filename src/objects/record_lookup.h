@@ -21,6 +21,6 @@ std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, C
 std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id);
 
 /// What the module-wide record that the session refers to holds now.
-VelkorKeyPair selectedKeyPair(const SessionRecord& session);
+VelkorKeyPair keyPairInUse(const SessionRecord& session);
 
 } // namespace velkor

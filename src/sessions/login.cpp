@@ -56,15 +56,15 @@ bool isCachedPin(const SecretText& pin)
     return state.cachedUserPassword == pin;
 }
 
-CK_RV validatePin(const SessionRecord& session, const SecretText& pin, int userType)
+CK_RV validatePin(const SessionRecord& session, const SecretText& pin, int deviceUserType)
 {
     int retryCount = 0;
-    const int result =
-        velkor_validatePassword(session.deviceId(), pin.c_str(), userType, &retryCount, moduleState().libraryInstance);
-    if (result == 0)
+    const int status = velkor_validatePassword(session.deviceId(), pin.c_str(), deviceUserType, &retryCount,
+                                               moduleState().libraryInstance);
+    if (status == 0)
         return CKR_OK;
-    logError("Token password validation failed : ", result);
-    if (result == STATUS_CHECK_NOT_POSSIBLE)
+    logError("Token password validation failed : ", status);
+    if (status == STATUS_CHECK_NOT_POSSIBLE)
         return CKR_FUNCTION_FAILED;
     return refuse(retryCount != 0 ? CKR_PIN_INCORRECT : CKR_PIN_LOCKED,
                   "Token password validation failed, retry count : ", retryCount);

@@ -8,6 +8,7 @@
 
 #include "frame/module_state.h"
 #include "log/log.h"
+#include "util/text_fields.h"
 #include "util/utils.h"
 #include "velkor/device_service.h"
 
@@ -18,22 +19,6 @@ namespace
 
 constexpr std::string_view MANUFACTURER = "Brenmoor";
 constexpr std::size_t LABEL_KEPT = 30;
-
-/// Copies as much of a text as leaves room for its terminating zero; the bytes behind that zero stay as they were.
-void copyTerminated(unsigned char* field, std::size_t size, std::string_view text)
-{
-    text = text.substr(0, size - 1);
-    std::copy(text.begin(), text.end(), field);
-    field[text.size()] = 0;
-}
-
-/// Copies at most `limit` bytes of a text and fills the field up with zeros.
-template <std::size_t Size>
-void copyPadded(unsigned char (&field)[Size], std::string_view text, std::size_t limit = Size)
-{
-    text = text.substr(0, limit);
-    std::fill(std::copy(text.begin(), text.end(), field), field + Size, static_cast<unsigned char>(0));
-}
 
 CK_VERSION parseVersion(const std::string& text)
 {
@@ -132,7 +117,7 @@ CK_RV getSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO* pInfo)
     if (pInfo == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_GetSlotInfo: pInfo is NULL");
     std::memset(pInfo, 0, sizeof *pInfo);
-    copyTerminated(pInfo->slotDescription, sizeof pInfo->slotDescription, token->label);
+    copyTerminated(pInfo->slotDescription, token->label);
     copyPadded(pInfo->manufacturerID, MANUFACTURER);
     pInfo->flags = CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE | CKF_HW_SLOT;
     pInfo->hardwareVersion = {1, 0};
@@ -150,7 +135,7 @@ CK_RV getTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO* pInfo)
     std::memset(pInfo, 0, sizeof *pInfo);
     copyLabel(*pInfo, token->label);
     copyPadded(pInfo->manufacturerID, MANUFACTURER);
-    copyTerminated(pInfo->model, sizeof pInfo->model, token->model);
+    copyTerminated(pInfo->model, token->model);
     copyPadded(pInfo->serialNumber, token->serialNumber);
     pInfo->flags = tokenFlags(*token);
     pInfo->ulMaxSessionCount = 0;

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 #include "cryptoki.h"
+#include "util/bytes.h"
 
 namespace velkor
 {
@@ -20,7 +20,7 @@ inline bool hasValue(const CK_ATTRIBUTE& attribute)
     return attribute.pValue != nullptr && attribute.ulValueLen != 0;
 }
 
-inline std::span<const unsigned char> bytesOf(const CK_ATTRIBUTE& attribute)
+inline Bytes bytesOf(const CK_ATTRIBUTE& attribute)
 {
     return {static_cast<const unsigned char*>(attribute.pValue), attribute.ulValueLen};
 }

@@ -8,8 +8,6 @@ namespace velkor
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
-
 constexpr unsigned char TAG_INTEGER = 0x02;
 constexpr unsigned char TAG_BIT_STRING = 0x03;
 
@@ -17,12 +15,12 @@ constexpr unsigned char TAG_BIT_STRING = 0x03;
 constexpr unsigned char ALGORITHM_IDENTIFIER[] = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
                                                   0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
 
-void append(Bytes& bytes, std::span<const unsigned char> more)
+void append(OwnedBytes& bytes, Bytes more)
 {
     bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
-void appendLength(Bytes& bytes, std::size_t length)
+void appendLength(OwnedBytes& bytes, std::size_t length)
 {
     if (length < 0x80) {
         bytes.push_back(static_cast<unsigned char>(length));
@@ -36,17 +34,17 @@ void appendLength(Bytes& bytes, std::size_t length)
         bytes.push_back(static_cast<unsigned char>(length >> (shift - 8)));
 }
 
-Bytes element(unsigned char tag, std::span<const unsigned char> content)
+OwnedBytes element(unsigned char tag, Bytes content)
 {
-    Bytes bytes = {tag};
+    OwnedBytes bytes = {tag};
     appendLength(bytes, content.size());
     append(bytes, content);
     return bytes;
 }
 
-Bytes integer(std::span<const unsigned char> number)
+OwnedBytes integerElement(Bytes number)
 {
-    Bytes content;
+    OwnedBytes content;
     if (!number.empty() && number.front() >= 0x80)
         content.push_back(0);
     append(content, number);
@@ -55,13 +53,13 @@ Bytes integer(std::span<const unsigned char> number)
 
 } // namespace
 
-std::vector<unsigned char> rsaSubjectPublicKeyInfo(std::span<const unsigned char> modulus)
+OwnedBytes rsaSubjectPublicKeyInfo(Bytes modulus)
 {
-    Bytes numbers = integer(modulus);
-    append(numbers, integer(RSA_PUBLIC_EXPONENT));
-    Bytes bitString = {0}; // No unused bits.
+    OwnedBytes numbers = integerElement(modulus);
+    append(numbers, integerElement(RSA_PUBLIC_EXPONENT));
+    OwnedBytes bitString = {0}; // No unused bits.
     append(bitString, element(DER_TAG_SEQUENCE, numbers));
-    Bytes content(std::begin(ALGORITHM_IDENTIFIER), std::end(ALGORITHM_IDENTIFIER));
+    OwnedBytes content(std::begin(ALGORITHM_IDENTIFIER), std::end(ALGORITHM_IDENTIFIER));
     append(content, element(TAG_BIT_STRING, bitString));
     return element(DER_TAG_SEQUENCE, content);
 }

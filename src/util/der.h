@@ -1,8 +1,7 @@
 // DER as far as the module needs it.
 #pragma once
 
-#include <span>
-#include <vector>
+#include "util/bytes.h"
 
 namespace velkor
 {
@@ -14,6 +13,6 @@ inline constexpr unsigned char RSA_PUBLIC_EXPONENT[] = {0x01, 0x00, 0x01};
 
 /// SubjectPublicKeyInfo of an RSA key with this big-endian modulus and the exponent 65537. A modulus whose top bit is
 /// set gets a zero byte in front; leading zeros stay.
-std::vector<unsigned char> rsaSubjectPublicKeyInfo(std::span<const unsigned char> modulus);
+OwnedBytes rsaSubjectPublicKeyInfo(Bytes modulus);
 
 } // namespace velkor

@@ -64,7 +64,7 @@ std::string Utils::trimmed(std::string_view text)
     return std::string(text.substr(first, text.find_last_not_of(WHITE_SPACE) - first + 1));
 }
 
-std::string Utils::toHexadecimal(std::span<const unsigned char> bytes)
+std::string Utils::toHexadecimal(Bytes bytes)
 {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";
     std::string text;

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "util/bytes.h"
 
 namespace velkor
 {
@@ -25,7 +26,7 @@ struct Utils {
     static std::string trimmed(std::string_view text);
 
     /// Upper case, two digits a byte, no separators.
-    static std::string toHexadecimal(std::span<const unsigned char> bytes);
+    static std::string toHexadecimal(Bytes bytes);
 };
 
 } // namespace velkor
