@@ -34,12 +34,6 @@ CK_RV digestWholeData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulD
 
 CK_RV digestInit(SessionRecord& session, const CK_MECHANISM* pMechanism)
 {
-    const CK_RV stateResult = requireState(session, "C_DigestInit");
-    if (stateResult != CKR_OK)
-        return stateResult;
-    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
-        return refuse(CKR_OPERATION_ACTIVE,
-                      "C_DigestInit: operation already active, activeOperation=", session.activeOperation);
     if (pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_DigestInit mechanism pointer in NULL");
     const MechanismRow* row = findMechanism(pMechanism->mechanism);
@@ -57,13 +51,11 @@ CK_RV digestInit(SessionRecord& session, const CK_MECHANISM* pMechanism)
 
 CK_RV digest(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pDigest, CK_ULONG* pulDigestLen)
 {
-    CK_RV result = require(session, ActiveOperation::Digest, "C_Digest");
-    if (result != CKR_OK)
-        return result;
     if (pData == nullptr || ulDataLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulDigestLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pulDigestLen is NULL");
+    CK_RV result = CKR_OK;
     if (session.hashBuffer.empty()) // Otherwise a length query has left the answer; the data is not looked at.
         result = digestWholeData(session, pData, ulDataLen);
     if (result == CKR_OK)
@@ -75,9 +67,6 @@ CK_RV digest(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, C
 
 CK_RV digestUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Digest, "C_DigestUpdate");
-    if (result != CKR_OK)
-        return result;
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     const int status =
@@ -89,11 +78,9 @@ CK_RV digestUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPart
 
 CK_RV digestFinal(SessionRecord& session, CK_BYTE* pDigest, CK_ULONG* pulDigestLen)
 {
-    CK_RV result = require(session, ActiveOperation::Digest, "C_DigestFinal");
-    if (result != CKR_OK)
-        return result;
     if (pulDigestLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_DigestFinal: pulDigestLen is NULL");
+    CK_RV result = CKR_OK;
     if (session.hashBuffer.empty())
         result = finishDigest(session);
     if (result == CKR_OK)

@@ -21,11 +21,8 @@ namespace velkor
 namespace
 {
 
-CK_RV checkInit(const SessionRecord& session, const CK_MECHANISM* pMechanism, const char* function)
+CK_RV checkMechanism(const CK_MECHANISM* pMechanism, const char* function)
 {
-    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
-        return refuse(CKR_OPERATION_ACTIVE, function,
-                      ": operation already active, activeOperation=", session.activeOperation);
     if (pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, function, ": pMechanism is NULL");
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
@@ -145,7 +142,7 @@ int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG 
 
 CK_RV encryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    CK_RV result = checkInit(session, pMechanism, "C_EncryptInit");
+    CK_RV result = checkMechanism(pMechanism, "C_EncryptInit");
     if (result != CKR_OK)
         return result;
     result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsEncryptionKey(session, *pMechanism, hKey)
@@ -159,13 +156,11 @@ CK_RV encryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJ
 CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pEncryptedData,
               CK_ULONG* pulEncryptedDataLen)
 {
-    CK_RV result = require(session, ActiveOperation::Encrypt, "C_Encrypt");
-    if (result != CKR_OK)
-        return result;
     if (pData == nullptr || ulDataLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulEncryptedDataLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
+    CK_RV result = CKR_OK;
     if (session.resultBuffer.empty()) // Otherwise a length query has left the ciphertext.
         result = endIfFailed(session, [&] { return encryptData(session, pData, ulDataLen); });
     if (result == CKR_OK)
@@ -177,9 +172,7 @@ CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, 
 
 CK_RV decryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    CK_RV result = requireState(session, "C_DecryptInit");
-    if (result == CKR_OK)
-        result = checkInit(session, pMechanism, "C_DecryptInit");
+    CK_RV result = checkMechanism(pMechanism, "C_DecryptInit");
     if (result != CKR_OK)
         return result;
     result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsDecryptionKey(session, *pMechanism, hKey)
@@ -192,9 +185,6 @@ CK_RV decryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJ
 CK_RV decrypt(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE* pData,
               CK_ULONG* pulDataLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Decrypt, "C_Decrypt");
-    if (result != CKR_OK)
-        return result;
     if (pEncryptedData == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pEncryptedData is NULL");
     if (ulEncryptedDataLen == 0)

@@ -10,22 +10,6 @@
 namespace velkor
 {
 
-CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function)
-{
-    if (session.activeOperation != operation)
-        return refuse(CKR_OPERATION_NOT_INITIALIZED, function,
-                      ": operation not initialized, activeOperation=", session.activeOperation);
-    return CKR_OK;
-}
-
-CK_RV requireState(const SessionRecord& session, const char* function)
-{
-    const CK_STATE sessionState = stateOf(session);
-    if (sessionState < CKS_RO_USER_FUNCTIONS || sessionState > CKS_RW_SO_FUNCTIONS)
-        return refuse(CKR_SESSION_HANDLE_INVALID, function, ": invalid session state=", sessionState);
-    return CKR_OK;
-}
-
 CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
               CK_ULONG* pulOutputLen)
 {

@@ -1,5 +1,4 @@
-// What all operations of a session share: the test for the right operation, the delivery of a result, and the hash
-// calls of the device library.
+// What all operations of a session share: the delivery of a result, and the hash calls of the device library.
 #pragma once
 
 #include <utility>
@@ -10,13 +9,6 @@
 
 namespace velkor
 {
-
-/// CKR_OK when `operation` is in progress; the session is left as it is otherwise.
-CK_RV require(const SessionRecord& session, ActiveOperation operation, const char* function);
-
-/// CKR_OK when the session's state is one of those of `C_DigestInit`, `C_SignInit` and `C_DecryptInit`: any but that
-/// of a public read-only session.
-CK_RV requireState(const SessionRecord& session, const char* function);
 
 /// Gives a finished result out. A null `pOutput` asks for the length and keeps result and operation; otherwise the
 /// result is emptied and the operation ends.

@@ -170,16 +170,10 @@ CK_RV signGathered(SessionRecord& session)
 
 CK_RV signInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    CK_RV result = requireState(session, "C_SignInit");
-    if (result != CKR_OK)
-        return result;
-    if (session.activeOperation != ActiveOperation::None)
-        return refuse(CKR_OPERATION_ACTIVE,
-                      "C_SignInit: operation already active, activeOperation=", session.activeOperation);
     if (pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_SignInit: pMechanism is NULL");
     const MechanismRow* row = findSignatureMechanism(pMechanism->mechanism);
-    result = checkMechanism(session, *pMechanism, row);
+    CK_RV result = checkMechanism(session, *pMechanism, row);
     if (result != CKR_OK)
         return result;
     session.mechanism = row->type;
@@ -195,9 +189,6 @@ CK_RV signInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT
 CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pSignature,
            CK_ULONG* pulSignatureLen)
 {
-    CK_RV result = require(session, ActiveOperation::Sign, "C_Sign");
-    if (result != CKR_OK)
-        return result;
     if (pData == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL");
     if (ulDataLen == 0)
@@ -205,6 +196,7 @@ CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
     logDebug("sign echanism : ", session.mechanism);
+    CK_RV result = CKR_OK;
     if (session.resultBuffer.empty()) { // Otherwise a length query has left the signature.
         const MechanismRow* row = findSignatureMechanism(session.mechanism);
         if (row == nullptr)
@@ -218,9 +210,6 @@ CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_
 
 CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Sign, "C_SignUpdate");
-    if (result != CKR_OK)
-        return result;
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     const MechanismRow* row = findSignatureMechanism(session.mechanism);
@@ -232,11 +221,9 @@ CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLe
 
 CK_RV signFinal(SessionRecord& session, CK_BYTE* pSignature, CK_ULONG* pulSignatureLen)
 {
-    CK_RV result = require(session, ActiveOperation::Sign, "C_SignFinal");
-    if (result != CKR_OK)
-        return result;
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
+    CK_RV result = CKR_OK;
     if (session.resultBuffer.empty())
         result = endIfFailed(session, [&] { return signGathered(session); });
     if (result == CKR_OK)

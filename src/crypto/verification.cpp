@@ -97,9 +97,6 @@ CK_RV verifyGathered(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG
 
 CK_RV verifyInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    if (session.activeOperation != ActiveOperation::None && session.activeOperation != ActiveOperation::Digest)
-        return refuse(CKR_OPERATION_ACTIVE,
-                      "C_VerifyInit: operation already active, activeOperation=", session.activeOperation);
     if (pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_VerifyInit: pMechanism is NULL");
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
@@ -121,9 +118,6 @@ CK_RV verifyInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJE
 CK_RV verify(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, const CK_BYTE* pSignature,
              CK_ULONG ulSignatureLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Verify, "C_Verify");
-    if (result != CKR_OK)
-        return result;
     if (pData == nullptr || pSignature == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL");
     if (ulDataLen == 0 || ulSignatureLen == 0)
@@ -138,9 +132,6 @@ CK_RV verify(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, c
 
 CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyUpdate");
-    if (result != CKR_OK)
-        return result;
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     const int hashAlgorithm = findSignatureMechanism(session.mechanism)->multiPartVerifyHash;
@@ -153,9 +144,6 @@ CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPart
 
 CK_RV verifyFinal(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)
 {
-    const CK_RV result = require(session, ActiveOperation::Verify, "C_VerifyFinal");
-    if (result != CKR_OK)
-        return result;
     if (pSignature == nullptr || ulSignatureLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);

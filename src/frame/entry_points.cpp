@@ -57,72 +57,70 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/)
 
 CK_RV C_GetInfo(CK_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getInfo(pInfo); });
+    return enter(__func__, getInfo, pInfo);
 }
 
 // Works before C_Initialize.
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 {
-    return enterAlways(__func__, [&] { return getFunctionList(ppFunctionList); });
+    return enterAlways(__func__, getFunctionList, ppFunctionList);
 }
 
 CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [&] { return getSlotList(pSlotList, pulCount); });
+    return enter(__func__, getSlotList, pSlotList, pulCount);
 }
 
 CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getSlotInfo(slotID, pInfo); });
+    return enter(__func__, getSlotInfo, slotID, pInfo);
 }
 
 CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getTokenInfo(slotID, pInfo); });
+    return enter(__func__, getTokenInfo, slotID, pInfo);
 }
 
 CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [&] { return getMechanismList(slotID, pMechanismList, pulCount); });
+    return enter(__func__, getMechanismList, slotID, pMechanismList, pulCount);
 }
 
 CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getMechanismInfo(slotID, type, pInfo); });
+    return enter(__func__, getMechanismInfo, slotID, type, pInfo);
 }
 
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
                CK_ULONG ulNewLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return setPin(session, pOldPin, ulOldLen, pNewPin, ulNewLen); });
+    return enterSession(__func__, hSession, setPin, pOldPin, ulOldLen, pNewPin, ulNewLen);
 }
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR /*pApplication*/, CK_NOTIFY /*Notify*/,
                     CK_SESSION_HANDLE_PTR phSession)
 {
-    return enter(__func__, [&] { return openSession(slotID, flags, phSession); });
+    return enter(__func__, openSession, slotID, flags, phSession);
 }
 
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& /*session*/) { return closeSession(hSession); });
+    return enterSession(__func__, hSession, closeSession, hSession);
 }
 
 CK_RV C_CloseAllSessions(CK_SLOT_ID slotID)
 {
-    return enter(__func__, [&] { return closeAllSessions(slotID); });
+    return enter(__func__, closeAllSessions, slotID);
 }
 
 CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) { return getSessionInfo(session, pInfo); });
+    return enterSession(__func__, hSession, getSessionInfo, pInfo);
 }
 
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return login(session, userType, pPin, ulPinLen); });
+    return enterSession(__func__, hSession, login, userType, pPin, ulPinLen);
 }
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession)
@@ -133,164 +131,135 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession)
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                      CK_OBJECT_HANDLE_PTR phObject)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return createObject(session, pTemplate, ulCount, phObject); });
+    return enterSession(__func__, hSession, createObject, pTemplate, ulCount, phObject);
 }
 
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
 {
-    return enter(__func__, [&]() -> CK_RV {
-        const auto session = findSession(hSession); // Its refusal has a text of its own.
-        if (!session)
-            return refuse(CKR_SESSION_HANDLE_INVALID, "Delete session state invalid");
-        return destroyObject(*session, hObject);
-    });
+    return enter(__func__, destroyObject, hSession, hObject); // Which refuses a session in words of its own.
 }
 
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return getObjectSize(session, hObject, pulSize); });
+    return enterSession(__func__, hSession, getObjectSize, hObject, pulSize);
 }
 
 CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                           CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return getAttributeValue(session, hObject, pTemplate, ulCount);
-    });
+    return enterSession(__func__, hSession, getAttributeValue, hObject, pTemplate, ulCount);
 }
 
 CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                           CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return setAttributeValue(session, hObject, pTemplate, ulCount);
-    });
+    return enterSession(__func__, hSession, setAttributeValue, hObject, pTemplate, ulCount);
 }
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return findObjectsInit(session, pTemplate, ulCount); });
+    return enterSession(__func__, hSession, findObjectsInit, pTemplate, ulCount);
 }
 
 CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMaxObjectCount,
                     CK_ULONG_PTR pulObjectCount)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return findObjects(session, phObject, ulMaxObjectCount, pulObjectCount);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Find, findObjects, phObject, ulMaxObjectCount,
+                          pulObjectCount);
 }
 
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
 {
-    return enterSession(__func__, hSession, findObjectsFinal);
+    return enterOperation(__func__, hSession, ActiveOperation::Find, findObjectsFinal);
 }
 
 CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return encryptInit(session, pMechanism, hKey); });
+    return enterInit(__func__, hSession, {.inAnyState = true, .replacesDigest = true}, encryptInit, pMechanism, hKey);
 }
 
 CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pEncryptedData,
                 CK_ULONG_PTR pulEncryptedDataLen)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return encrypt(session, pData, ulDataLen, pEncryptedData, pulEncryptedDataLen);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Encrypt, encrypt, pData, ulDataLen, pEncryptedData,
+                          pulEncryptedDataLen);
 }
 
 CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return decryptInit(session, pMechanism, hKey); });
+    return enterInit(__func__, hSession, {.inAnyState = false, .replacesDigest = true}, decryptInit, pMechanism, hKey);
 }
 
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE_PTR pData,
                 CK_ULONG_PTR pulDataLen)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return decrypt(session, pEncryptedData, ulEncryptedDataLen, pData, pulDataLen);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Decrypt, decrypt, pEncryptedData, ulEncryptedDataLen,
+                          pData, pulDataLen);
 }
 
 CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) { return digestInit(session, pMechanism); });
+    return enterInit(__func__, hSession, {.inAnyState = false, .replacesDigest = true}, digestInit, pMechanism);
 }
 
 CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pDigest,
                CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return digest(session, pData, ulDataLen, pDigest, pulDigestLen);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Digest, digest, pData, ulDataLen, pDigest, pulDigestLen);
 }
 
 CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return digestUpdate(session, pPart, ulPartLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Digest, digestUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return digestFinal(session, pDigest, pulDigestLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Digest, digestFinal, pDigest, pulDigestLen);
 }
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return signInit(session, pMechanism, hKey); });
+    return enterInit(__func__, hSession, {.inAnyState = false, .replacesDigest = false}, signInit, pMechanism, hKey);
 }
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
              CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return sign(session, pData, ulDataLen, pSignature, pulSignatureLen);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Sign, sign, pData, ulDataLen, pSignature,
+                          pulSignatureLen);
 }
 
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return signUpdate(session, pPart, ulPartLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Sign, signUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return signFinal(session, pSignature, pulSignatureLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Sign, signFinal, pSignature, pulSignatureLen);
 }
 
 CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return verifyInit(session, pMechanism, hKey); });
+    return enterInit(__func__, hSession, {.inAnyState = true, .replacesDigest = true}, verifyInit, pMechanism, hKey);
 }
 
 CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
                CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession, [&](SessionRecord& session) {
-        return verify(session, pData, ulDataLen, pSignature, ulSignatureLen);
-    });
+    return enterOperation(__func__, hSession, ActiveOperation::Verify, verify, pData, ulDataLen, pSignature,
+                          ulSignatureLen);
 }
 
 CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return verifyUpdate(session, pPart, ulPartLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Verify, verifyUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return verifyFinal(session, pSignature, ulSignatureLen); });
+    return enterOperation(__func__, hSession, ActiveOperation::Verify, verifyFinal, pSignature, ulSignatureLen);
 }
 
 CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pPublicKeyTemplate,
@@ -301,24 +270,22 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
     const KeyPairRequest request = {pMechanism,          pPublicKeyTemplate,         ulPublicKeyAttributeCount,
                                     pPrivateKeyTemplate, ulPrivateKeyAttributeCount, phPublicKey,
                                     phPrivateKey};
-    return enterSession(__func__, hSession, [&](SessionRecord& session) { return generateKeyPair(session, request); });
+    return enterSession(__func__, hSession, generateKeyPair, request);
 }
 
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
                   CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
 {
-    return enterSessionSilently(__func__, hSession, [&](SessionRecord& session) {
-        return deriveKey(session, pMechanism, hBaseKey, pTemplate, ulAttributeCount, phKey);
-    });
+    return enterSessionSilently(__func__, hSession, deriveKey, pMechanism, hBaseKey, pTemplate, ulAttributeCount,
+                                phKey);
 }
 
 CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](SessionRecord& session) { return generateRandom(session, pRandomData, ulRandomLen); });
+    return enterSession(__func__, hSession, generateRandom, pRandomData, ulRandomLen);
 }
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pReserved*/)
 {
-    return enter(__func__, [&] { return waitForSlotEvent(flags, pSlot); });
+    return enter(__func__, waitForSlotEvent, flags, pSlot);
 }

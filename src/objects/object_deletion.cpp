@@ -41,20 +41,23 @@ CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 
 } // namespace
 
-CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
+CK_RV destroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
 {
-    const CK_STATE sessionState = stateOf(session);
+    const auto session = findSession(hSession);
+    if (!session)
+        return refuse(CKR_SESSION_HANDLE_INVALID, "Delete session state invalid");
+    const CK_STATE sessionState = stateOf(*session);
     if (isReadOnly(sessionState)) {
         logDebug("Delete session state invalid : ", sessionState);
         return CKR_SESSION_READ_ONLY;
     }
     logDebug("Delete key pair id : ", hObject);
     if (isPrivateKeyHandle(hObject))
-        return destroyKeyPair(session, hObject);
+        return destroyKeyPair(*session, hObject);
     // A key pair goes through its private key's handle only.
     if (hObject < CERTIFICATE_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DestroyObject: invalid hObject=", hObject);
-    return destroyCertificate(session, hObject);
+    return destroyCertificate(*session, hObject);
 }
 
 } // namespace velkor

@@ -2,11 +2,10 @@
 #pragma once
 
 #include "cryptoki.h"
-#include "sessions/session_record.h"
 
 namespace velkor
 {
 
-CK_RV destroyObject(const SessionRecord& session, CK_OBJECT_HANDLE hObject);
+CK_RV destroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject);
 
 } // namespace velkor

@@ -236,9 +236,6 @@ CK_RV findObjectsInit(SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_
 CK_RV findObjects(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG ulMaxObjectCount,
                   CK_ULONG* pulObjectCount)
 {
-    if (session.activeOperation != ActiveOperation::Find)
-        return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                      "C_FindObjects: operation not initialized, activeOperation=", session.activeOperation);
     if (phObject == nullptr && ulMaxObjectCount != 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_FindObjects: phObject is NULL with ulMaxObjectCount=", ulMaxObjectCount);
     if (pulObjectCount == nullptr)
@@ -261,9 +258,6 @@ CK_RV findObjects(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG u
 
 CK_RV findObjectsFinal(SessionRecord& session)
 {
-    if (session.activeOperation != ActiveOperation::Find)
-        return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                      "C_FindObjectsFinal: operation not initialized, activeOperation=", session.activeOperation);
     session.activeOperation = ActiveOperation::None;
     session.findPosition = 0;
     return CKR_OK;

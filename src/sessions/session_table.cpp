@@ -45,7 +45,7 @@ CK_RV openSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_SESSION_HANDLE* phSessio
     return CKR_OK;
 }
 
-CK_RV closeSession(CK_SESSION_HANDLE hSession)
+CK_RV closeSession(const SessionRecord& /*session*/, CK_SESSION_HANDLE hSession)
 {
     ModuleState& state = moduleState();
     const std::scoped_lock lock(state.lock);

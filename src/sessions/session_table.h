@@ -8,7 +8,7 @@ namespace velkor
 {
 
 CK_RV openSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_SESSION_HANDLE* phSession);
-CK_RV closeSession(CK_SESSION_HANDLE hSession);
+CK_RV closeSession(const SessionRecord& session, CK_SESSION_HANDLE hSession);
 CK_RV closeAllSessions(CK_SLOT_ID slotID);
 CK_RV getSessionInfo(const SessionRecord& session, CK_SESSION_INFO* pInfo);
 
