@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <array>
 
+#include "crypto/key_selection.h"
 #include "crypto/library_buffer.h"
 #include "crypto/operation.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/token_policy.h"
-#include "objects/handles.h"
-#include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/bytes.h"
 #include "util/der.h"
@@ -21,75 +20,47 @@ namespace velkor
 namespace
 {
 
-CK_RV checkMechanism(const CK_MECHANISM* pMechanism, const char* function)
+CK_RV checkMechanism(const CK_MECHANISM* pMechanism, const char* name)
 {
     if (pMechanism == nullptr)
-        return refuse(CKR_ARGUMENTS_BAD, function, ": pMechanism is NULL");
+        return refuse(CKR_ARGUMENTS_BAD, name, ": pMechanism is NULL");
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
     if (type != CKM_RSA_PKCS && type != CKM_RSA_PKCS_OAEP)
-        return refuse(CKR_MECHANISM_INVALID, function, ": unsupported mechanism=", type);
+        return refuse(CKR_MECHANISM_INVALID, name, ": unsupported mechanism=", type);
     return CKR_OK;
 }
 
-/// With PKCS #1 v1.5 either half of a pair will do.
-CK_RV selectPkcsEncryptionKey(SessionRecord& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey)
+/// The parameters of OAEP are not looked at: the device has its own.
+CK_RV checkEncryption(const SessionRecord& session, const CK_MECHANISM& mechanism)
 {
-    if (hasParameter(mechanism))
-        return refuse(CKR_MECHANISM_PARAM_INVALID,
-                      "C_EncryptInit: mechanism param invalid for mechanism=", CK_MECHANISM_TYPE{mechanism.mechanism});
-    if (hKey < PRIVATE_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey);
-    if (!selectKeyPair(session, keyPairIdOf(hKey)))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in encrypt : ", hKey);
-    return CKR_OK;
-}
-
-/// With OAEP only public keys count. Its parameters are not looked at: the device has its own.
-CK_RV selectOaepEncryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
-{
-    if (!isFirmwareRecent(session.token))
+    const CK_MECHANISM_TYPE type = mechanism.mechanism;
+    if (type == CKM_RSA_PKCS && hasParameter(mechanism))
+        return refuse(CKR_MECHANISM_PARAM_INVALID, "C_EncryptInit: mechanism param invalid for mechanism=", type);
+    if (type == CKM_RSA_PKCS_OAEP && !isFirmwareRecent(session.token))
         return refuse(CKR_MECHANISM_INVALID, "C_EncryptInit: CKM_RSA_PKCS_OAEP not supported on firmware ",
                       session.token.firmwareVersion);
-    if (hKey < PUBLIC_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
-    if (!selectKeyPair(session, hKey - PUBLIC_KEY_BASE))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid input handle for OAEP encrypt : ", hKey);
     return CKR_OK;
 }
 
-/// Only private keys decrypt: the handle of a public key is the id of no key pair.
-CK_RV selectPkcsDecryptionKey(SessionRecord& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey)
+CK_RV checkDecryption(const SessionRecord& session, const CK_MECHANISM& mechanism)
 {
-    if (hasParameter(mechanism))
+    if (mechanism.mechanism == CKM_RSA_PKCS && hasParameter(mechanism))
         return refuse(CKR_MECHANISM_PARAM_INVALID, "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS");
-    if (hKey < PRIVATE_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS");
-    if (!selectKeyPair(session, hKey - PRIVATE_KEY_BASE))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt : ", hKey);
-    return CKR_OK;
-}
-
-CK_RV selectOaepDecryptionKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
-{
-    if (!isFirmwareRecent(session.token))
+    if (mechanism.mechanism == CKM_RSA_PKCS_OAEP && !isFirmwareRecent(session.token))
         return refuse(CKR_MECHANISM_INVALID, "CKM_RSA_PKCS_OAEP not supported on firmware ",
                       session.token.firmwareVersion);
-    if (hKey < PRIVATE_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit: invalid hKey=", hKey, " for CKM_RSA_PKCS_OAEP");
-    if (!selectKeyPair(session, hKey - PRIVATE_KEY_BASE))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in decrypt OAEP : ", hKey);
     return CKR_OK;
 }
 
 /// Begins the operation. From a digest it goes to a state that no call accepts.
-CK_RV begin(SessionRecord& session, const char* function, ActiveOperation fromNone, ActiveOperation fromDigest)
+CK_RV beginCipher(SessionRecord& session, const char* name, ActiveOperation fromNone, ActiveOperation fromDigest)
 {
     if (session.activeOperation == ActiveOperation::None)
         session.activeOperation = fromNone;
     else if (session.activeOperation == ActiveOperation::Digest)
         session.activeOperation = fromDigest;
     else
-        return refuse(CKR_FUNCTION_FAILED, function, ": unexpected activeOperation=", session.activeOperation);
+        return refuse(CKR_FUNCTION_FAILED, name, ": unexpected activeOperation=", session.activeOperation);
     wipe(session.resultBuffer);
     return CKR_OK;
 }
@@ -143,14 +114,16 @@ int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG 
 CK_RV encryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
     CK_RV result = checkMechanism(pMechanism, "C_EncryptInit");
+    if (result == CKR_OK)
+        result = checkEncryption(session, *pMechanism);
     if (result != CKR_OK)
         return result;
-    result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsEncryptionKey(session, *pMechanism, hKey)
-                                                   : selectOaepEncryptionKey(session, hKey);
+    const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+    result = selectKey(session, type == CKM_RSA_PKCS ? KeyUse::EncryptPkcs : KeyUse::EncryptOaep, hKey);
     if (result != CKR_OK)
         return result;
-    session.cipherMechanism = pMechanism->mechanism;
-    return begin(session, "C_EncryptInit", ActiveOperation::Encrypt, ActiveOperation::DigestEncrypt);
+    session.cipherMechanism = type;
+    return beginCipher(session, "C_EncryptInit", ActiveOperation::Encrypt, ActiveOperation::DigestEncrypt);
 }
 
 CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_BYTE* pEncryptedData,
@@ -173,13 +146,15 @@ CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, 
 CK_RV decryptInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT_HANDLE hKey)
 {
     CK_RV result = checkMechanism(pMechanism, "C_DecryptInit");
+    if (result == CKR_OK)
+        result = checkDecryption(session, *pMechanism);
     if (result != CKR_OK)
         return result;
-    result = pMechanism->mechanism == CKM_RSA_PKCS ? selectPkcsDecryptionKey(session, *pMechanism, hKey)
-                                                   : selectOaepDecryptionKey(session, hKey);
+    const CK_MECHANISM_TYPE type = pMechanism->mechanism;
+    result = selectKey(session, type == CKM_RSA_PKCS ? KeyUse::DecryptPkcs : KeyUse::DecryptOaep, hKey);
     if (result != CKR_OK)
         return result;
-    return begin(session, "C_DecryptInit", ActiveOperation::Decrypt, ActiveOperation::DigestDecrypt);
+    return beginCipher(session, "C_DecryptInit", ActiveOperation::Decrypt, ActiveOperation::DigestDecrypt);
 }
 
 CK_RV decrypt(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE* pData,

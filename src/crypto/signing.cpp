@@ -5,13 +5,12 @@
 #include <iterator>
 #include <utility>
 
+#include "crypto/key_selection.h"
 #include "crypto/operation.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/mechanism_table.h"
 #include "mechanisms/token_policy.h"
-#include "objects/handles.h"
-#include "objects/record_lookup.h"
 #include "util/attributes.h"
 #include "util/bytes.h"
 #include "util/der.h"
@@ -93,22 +92,6 @@ CK_RV checkMechanism(const SessionRecord& session, const CK_MECHANISM& mechanism
     return CKR_OK;
 }
 
-/// Only the private keys' base is subtracted: the handle of a public key is the id of no key pair.
-CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
-{
-    if (hKey < PRIVATE_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SignInit: invalid hKey=", hKey);
-    const auto keyPair = selectKeyPair(session, hKey - PRIVATE_KEY_BASE);
-    if (!keyPair)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
-    if (keyPair->keyKind == KEY_KIND_RSA_1024) {
-        session.keyPair = nullptr;
-        return refuse(CKR_KEY_SIZE_RANGE,
-                      "C_SignInit: RSA-1024 signing not allowed — key size below 112-bit security strength");
-    }
-    return CKR_OK;
-}
-
 /// Has the device sign into `resultBuffer`; gives its status.
 int signHash(SessionRecord& session, Bytes hash)
 {
@@ -178,7 +161,7 @@ CK_RV signInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJECT
         return result;
     session.mechanism = row->type;
     session.isPss = row->isPss;
-    result = selectKey(session, hKey);
+    result = selectKey(session, KeyUse::Sign, hKey);
     if (result != CKR_OK)
         return result;
     wipe(session.resultBuffer);

@@ -2,14 +2,13 @@
 
 #include <utility>
 
+#include "crypto/key_selection.h"
 #include "crypto/operation.h"
 #include "frame/module_state.h"
 #include "log/log.h"
 #include "mechanisms/key_kinds.h"
 #include "mechanisms/mechanism_table.h"
 #include "mechanisms/token_policy.h"
-#include "objects/handles.h"
-#include "objects/record_lookup.h"
 #include "util/bytes.h"
 #include "util/der.h"
 #include "velkor/device_service.h"
@@ -24,16 +23,6 @@ constexpr HashFailureTexts HASH_FAILURES = {
     "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
 constexpr HashFailureTexts PART_FAILURES = {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ",
                                             nullptr};
-
-/// Either half of a pair will do.
-CK_RV selectKey(SessionRecord& session, CK_OBJECT_HANDLE hKey)
-{
-    if (hKey < PRIVATE_KEY_BASE)
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=", hKey);
-    if (!selectKeyPair(session, keyPairIdOf(hKey)))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in verify : ", hKey);
-    return CKR_OK;
-}
 
 bool isBareModulus(const VelkorKeyPair& keyPair)
 {
@@ -103,7 +92,7 @@ CK_RV verifyInit(SessionRecord& session, const CK_MECHANISM* pMechanism, CK_OBJE
     const MechanismRow* row = findSignatureMechanism(type);
     if (row == nullptr)
         return refuse(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=", type);
-    const CK_RV result = selectKey(session, hKey);
+    const CK_RV result = selectKey(session, KeyUse::Verify, hKey);
     if (result != CKR_OK)
         return result;
     if (row->isPss && !isFirmwareRecent(session.token))

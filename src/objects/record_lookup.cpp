@@ -38,17 +38,4 @@ std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, C
     return find(certificates, id, state.foundCertificate);
 }
 
-std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id)
-{
-    auto keyPair = findKeyPair(session, id);
-    session.keyPair = keyPair ? &moduleState().foundKeyPair : nullptr;
-    return keyPair;
-}
-
-VelkorKeyPair keyPairInUse(const SessionRecord& session)
-{
-    const std::scoped_lock lock(moduleState().lock);
-    return *session.keyPair;
-}
-
 } // namespace velkor

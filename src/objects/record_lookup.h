@@ -17,10 +17,4 @@ std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG 
 /// The certificate of an id, as a copy that no later lookup changes.
 std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id);
 
-/// Finds the key pair of an operation and makes the session refer to the module-wide record, or to none.
-std::optional<VelkorKeyPair> selectKeyPair(SessionRecord& session, CK_ULONG id);
-
-/// What the module-wide record that the session refers to holds now.
-VelkorKeyPair keyPairInUse(const SessionRecord& session);
-
 } // namespace velkor
