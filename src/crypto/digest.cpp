@@ -55,11 +55,8 @@ CK_RV digest(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, C
         return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulDigestLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pulDigestLen is NULL");
-    CK_RV result = CKR_OK;
-    if (session.hashBuffer.empty()) // Otherwise a length query has left the answer; the data is not looked at.
-        result = digestWholeData(session, pData, ulDataLen);
-    if (result == CKR_OK)
-        result = deliver(session, "C_Digest", session.hashBuffer, pDigest, pulDigestLen);
+    const CK_RV result = deliver(session, "C_Digest", session.hashBuffer, pDigest, pulDigestLen,
+                                 [&] { return digestWholeData(session, pData, ulDataLen); });
     if (result == CKR_OK)
         logDebug("C_Digest Success");
     return result;
@@ -80,11 +77,8 @@ CK_RV digestFinal(SessionRecord& session, CK_BYTE* pDigest, CK_ULONG* pulDigestL
 {
     if (pulDigestLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_DigestFinal: pulDigestLen is NULL");
-    CK_RV result = CKR_OK;
-    if (session.hashBuffer.empty())
-        result = finishDigest(session);
-    if (result == CKR_OK)
-        result = deliver(session, "C_DigestFinal", session.hashBuffer, pDigest, pulDigestLen);
+    const CK_RV result = deliver(session, "C_DigestFinal", session.hashBuffer, pDigest, pulDigestLen,
+                                 [&] { return finishDigest(session); });
     if (result == CKR_OK)
         logDebug("C_DigestFinal Success");
     return result;

@@ -96,17 +96,18 @@ CK_RV encryptData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataL
     return CKR_OK;
 }
 
-/// Has the device decrypt into `resultBuffer`; gives its status. The device is not told the padding.
-int decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen)
+/// Has the device decrypt into `resultBuffer`. It is not told the padding.
+CK_RV decryptData(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ulEncryptedDataLen)
 {
     const VelkorKeyPair keyPair = keyPairInUse(session);
     LibraryBuffer plaintext;
     const int status = velkor_decrypt(session.deviceId(), keyPair.keyIdentifier, cachedPassword().c_str(),
                                       pEncryptedData, deviceLength(ulEncryptedDataLen), &plaintext.bytes,
                                       &plaintext.length, keyPair.deviceFlag, moduleState().libraryInstance);
-    if (status == 0)
-        session.resultBuffer.assign(plaintext.span().begin(), plaintext.span().end());
-    return status;
+    if (status != 0)
+        return refuse(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
+    session.resultBuffer.assign(plaintext.span().begin(), plaintext.span().end());
+    return CKR_OK;
 }
 
 } // namespace
@@ -133,11 +134,9 @@ CK_RV encrypt(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, 
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
     if (pulEncryptedDataLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
-    CK_RV result = CKR_OK;
-    if (session.resultBuffer.empty()) // Otherwise a length query has left the ciphertext.
-        result = endIfFailed(session, [&] { return encryptData(session, pData, ulDataLen); });
-    if (result == CKR_OK)
-        result = deliver(session, "C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen);
+    const CK_RV result = deliver(session, "C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen, [&] {
+        return endIfFailed(session, [&] { return encryptData(session, pData, ulDataLen); });
+    });
     if (session.activeOperation == ActiveOperation::None)
         session.cipherMechanism = 0;
     return result;
@@ -166,12 +165,9 @@ CK_RV decrypt(SessionRecord& session, const CK_BYTE* pEncryptedData, CK_ULONG ul
         return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: ulEncryptedDataLen<=0, ulEncryptedDataLen=", ulEncryptedDataLen);
     if (pulDataLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pulDataLen is NULL");
-    if (session.resultBuffer.empty()) {
-        const int status = decryptData(session, pEncryptedData, ulEncryptedDataLen);
-        if (status != 0) // Unlike a failed encryption, it leaves the operation active.
-            return refuse(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", status);
-    }
-    return deliver(session, "C_Decrypt", session.resultBuffer, pData, pulDataLen);
+    // Unlike a failed encryption, a failed decryption leaves the operation active.
+    return deliver(session, "C_Decrypt", session.resultBuffer, pData, pulDataLen,
+                   [&] { return decryptData(session, pEncryptedData, ulEncryptedDataLen); });
 }
 
 } // namespace velkor

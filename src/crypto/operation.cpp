@@ -10,19 +10,17 @@
 namespace velkor
 {
 
-CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
-              CK_ULONG* pulOutputLen)
+CK_RV giveOut(SessionRecord& session, const char* name, SecretBytes& kept, CK_BYTE* pOutput, CK_ULONG* pulOutputLen)
 {
-    const auto length = static_cast<CK_ULONG>(result.size());
+    const auto length = static_cast<CK_ULONG>(kept.size());
     *pulOutputLen = length;
     if (pOutput == nullptr)
         return CKR_OK;
     // The caller's length is overwritten before it is compared, so this never refuses: the whole result is copied.
     if (*pulOutputLen < length)
-        return refuse(CKR_BUFFER_TOO_SMALL, function, ": buffer too small, provided=", *pulOutputLen,
-                      " required=", length);
-    std::copy(result.begin(), result.end(), pOutput);
-    wipe(result);
+        return refuse(CKR_BUFFER_TOO_SMALL, name, ": buffer too small, provided=", *pulOutputLen, " required=", length);
+    std::copy(kept.begin(), kept.end(), pOutput);
+    wipe(kept);
     session.activeOperation = ActiveOperation::None;
     return CKR_OK;
 }

@@ -12,8 +12,16 @@ namespace velkor
 
 /// Gives a finished result out. A null `pOutput` asks for the length and keeps result and operation; otherwise the
 /// result is emptied and the operation ends.
-CK_RV deliver(SessionRecord& session, const char* function, SecretBytes& result, CK_BYTE* pOutput,
-              CK_ULONG* pulOutputLen);
+CK_RV giveOut(SessionRecord& session, const char* name, SecretBytes& kept, CK_BYTE* pOutput, CK_ULONG* pulOutputLen);
+
+/// Gives out what a length query has kept, whatever the data of this call, or what `compute` puts there.
+template <typename Compute>
+CK_RV deliver(SessionRecord& session, const char* name, SecretBytes& kept, CK_BYTE* pOutput, CK_ULONG* pulOutputLen,
+              const Compute& compute)
+{
+    const CK_RV result = kept.empty() ? compute() : CKR_OK;
+    return result == CKR_OK ? giveOut(session, name, kept, pOutput, pulOutputLen) : result;
+}
 
 /// Takes a step that ends the operation when it fails, be it by an exception.
 template <typename Step>

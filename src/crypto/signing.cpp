@@ -113,8 +113,7 @@ void logInput(const SessionRecord& session, Bytes hash)
     logDebug("Sign input hash : ", [&] { return hash.empty() ? "NULL or empty" : Utils::toHexadecimal(hash); });
 }
 
-/// Everything between the arguments and the kept signature. What fails here ends the operation.
-CK_RV signData(SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen)
+CK_RV hashAndSign(SessionRecord& session, const MechanismRow& row, const CK_BYTE* pData, CK_ULONG ulDataLen)
 {
     Bytes input(pData, ulDataLen);
     SecretBytes hash;
@@ -133,6 +132,15 @@ CK_RV signData(SessionRecord& session, const MechanismRow& row, const CK_BYTE* p
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Sign hash failed : ", status);
     return CKR_OK;
+}
+
+/// A mechanism that does not sign leaves the operation active; what fails behind that ends it.
+CK_RV signData(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen)
+{
+    const MechanismRow* row = findSignatureMechanism(session.mechanism);
+    if (row == nullptr)
+        return refuse(CKR_MECHANISM_INVALID, "C_Sign: unsupported mechanism=", session.mechanism);
+    return endIfFailed(session, [&] { return hashAndSign(session, *row, pData, ulDataLen); });
 }
 
 CK_RV signGathered(SessionRecord& session)
@@ -179,16 +187,8 @@ CK_RV sign(SessionRecord& session, const CK_BYTE* pData, CK_ULONG ulDataLen, CK_
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
     logDebug("sign echanism : ", session.mechanism);
-    CK_RV result = CKR_OK;
-    if (session.resultBuffer.empty()) { // Otherwise a length query has left the signature.
-        const MechanismRow* row = findSignatureMechanism(session.mechanism);
-        if (row == nullptr)
-            return refuse(CKR_MECHANISM_INVALID, "C_Sign: unsupported mechanism=", session.mechanism);
-        result = endIfFailed(session, [&] { return signData(session, *row, pData, ulDataLen); });
-    }
-    if (result == CKR_OK)
-        result = deliver(session, "C_Sign", session.resultBuffer, pSignature, pulSignatureLen);
-    return result;
+    return deliver(session, "C_Sign", session.resultBuffer, pSignature, pulSignatureLen,
+                   [&] { return signData(session, pData, ulDataLen); });
 }
 
 CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLen)
@@ -206,12 +206,8 @@ CK_RV signFinal(SessionRecord& session, CK_BYTE* pSignature, CK_ULONG* pulSignat
 {
     if (pulSignatureLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
-    CK_RV result = CKR_OK;
-    if (session.resultBuffer.empty())
-        result = endIfFailed(session, [&] { return signGathered(session); });
-    if (result == CKR_OK)
-        result = deliver(session, "C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen);
-    return result;
+    return deliver(session, "C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen,
+                   [&] { return endIfFailed(session, [&] { return signGathered(session); }); });
 }
 
 } // namespace velkor
