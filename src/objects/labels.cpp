@@ -42,6 +42,14 @@ std::string computedLabel(const CertificateDetails& details)
     return (details.subjectCommonName + "_" + details.issuerCommonName).substr(0, LABEL_CAPACITY);
 }
 
+void storeLabel(const SessionRecord& session, const VelkorKeyPair& keyPair, const std::string& label)
+{
+    const SecretText password = cachedPassword();
+    if (!password.empty())
+        velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, password.c_str(), label.c_str(), nullptr,
+                                    0, moduleState().libraryInstance);
+}
+
 std::string labelOf(const VelkorCertificate& certificate)
 {
     std::string label(storedLabelOf(certificate));
@@ -65,10 +73,7 @@ std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
         return label;
     label = computedLabel(*details);
     logDebug("Empty key pair label, computed: ", label);
-    const SecretText password = cachedPassword();
-    if (!password.empty())
-        velkor_updateKeyPairDetails(session.deviceId(), keyPair.keyIdentifier, password.c_str(), label.c_str(), nullptr,
-                                    0, moduleState().libraryInstance);
+    storeLabel(session, keyPair, label);
     return label;
 }
 

@@ -12,6 +12,9 @@ namespace velkor
 /// The label that a parsed certificate gives: subject and issuer, at most 128 bytes.
 std::string computedLabel(const CertificateDetails& details);
 
+/// Stores a label on the device if a user is logged in; nothing is made of a failure.
+void storeLabel(const SessionRecord& session, const VelkorKeyPair& keyPair, const std::string& label);
+
 /// The stored label, or one computed from the certificate; empty when it cannot be parsed. Never written back.
 std::string labelOf(const VelkorCertificate& certificate);
 

@@ -1,7 +1,6 @@
 #include "objects/object_import.h"
 
 #include <algorithm>
-#include <cstring>
 #include <span>
 #include <string>
 #include <vector>
@@ -83,10 +82,17 @@ std::string toText(Bytes value)
     return {value.begin(), value.end()};
 }
 
-template <typename Identifier>
-bool sameIdentifier(const Identifier& left, const Identifier& right)
+using Identifier = unsigned char[KEY_IDENTIFIER_SIZE];
+
+/// Sets the handle of the record that was stored under an identifier; leaves it alone when the device does not list it.
+template <typename Record>
+void reportHandle(const std::vector<Record>& records, const Identifier Record::*field, const Identifier& stored,
+                  CK_OBJECT_HANDLE base, CK_OBJECT_HANDLE* phObject)
 {
-    return std::memcmp(left, right, KEY_IDENTIFIER_SIZE) == 0;
+    const auto found = std::find_if(records.begin(), records.end(),
+                                    [&](const Record& each) { return sameBytes(each.*field, stored); });
+    if (found != records.end())
+        *phObject = base + found->id;
 }
 
 VelkorCertificate newCertificate(const NewObject& object, const std::string& label)
@@ -118,17 +124,6 @@ CK_RV importCertificate(const SessionRecord& session, VelkorCertificate& certifi
     return CKR_OK;
 }
 
-/// Sets the handle of the stored certificate; leaves it alone when the device does not list it.
-void reportHandle(const SessionRecord& session, const VelkorCertificate& stored, CK_OBJECT_HANDLE* phObject)
-{
-    for (const VelkorCertificate& each : velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance)) {
-        if (sameIdentifier(each.certificateIdentifier, stored.certificateIdentifier)) {
-            *phObject = CERTIFICATE_BASE + each.id;
-            return;
-        }
-    }
-}
-
 /// The topmost issuer first, the leaf last. What was stored before a failure stays on the token.
 CK_RV importChain(const SessionRecord& session, std::vector<VelkorCertificate>& chain)
 {
@@ -155,25 +150,23 @@ CK_RV importWithIssuers(const SessionRecord& session, const VelkorCertificate& l
         result = importChain(session, chain);
     }
     if (result == CKR_OK)
-        reportHandle(session, chain.back(), phObject);
+        reportHandle(velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance),
+                     &VelkorCertificate::certificateIdentifier, chain.back().certificateIdentifier, CERTIFICATE_BASE,
+                     phObject);
     return result;
 }
 
 /// Gives the certificate's label to its key pair where that has none.
 void updateKeyPairAlias(const SessionRecord& session, const CertificateDetails& details, const std::string& label)
 {
-    void* instance = moduleState().libraryInstance;
-    const auto& keyPairs = velkor_getKeyPairList(session.deviceId(), instance);
+    const auto& keyPairs = velkor_getKeyPairList(session.deviceId(), moduleState().libraryInstance);
     const auto keyPair = std::find_if(keyPairs.begin(), keyPairs.end(), [&](const VelkorKeyPair& each) {
         return sameBytes(publicKeyOf(each), details.publicKey);
     });
     if (keyPair == keyPairs.end() || !Utils::trimmed(storedLabelOf(*keyPair)).empty())
         return;
     logDebug("Updating empty key pair alias to: ", label);
-    const SecretText password = cachedPassword();
-    if (!password.empty())
-        velkor_updateKeyPairDetails(session.deviceId(), keyPair->keyIdentifier, password.c_str(), label.c_str(),
-                                    nullptr, 0, instance);
+    storeLabel(session, *keyPair, label);
 }
 
 CK_RV createCertificate(const SessionRecord& session, const NewObject& object, CK_OBJECT_HANDLE* phObject)
@@ -232,12 +225,8 @@ CK_RV createPrivateKey(const SessionRecord& session, const NewObject& object, CK
     const int status = velkor_importPfx(session.deviceId(), cachedPassword().c_str(), &request, instance);
     if (status != 0)
         return refuse(codeOfDeviceStatus(status), "Import private key into device failed : ", status);
-    for (const VelkorKeyPair& each : velkor_getKeyPairList(session.deviceId(), instance)) {
-        if (sameIdentifier(each.keyIdentifier, request.keyIdentifier)) {
-            *phObject = PRIVATE_KEY_BASE + each.id;
-            break;
-        }
-    }
+    reportHandle(velkor_getKeyPairList(session.deviceId(), instance), &VelkorKeyPair::keyIdentifier,
+                 request.keyIdentifier, PRIVATE_KEY_BASE, phObject);
     return CKR_OK;
 }
 
