@@ -27,35 +27,6 @@ std::vector<std::string> queryDevices()
     }
 }
 
-/// Puts user sessions of devices that are not connected back to their public state. Gives their number.
-int logOutSessionsWithoutDevice(const std::vector<std::string>& devices, SecretText* password)
-{
-    ModuleState& state = moduleState();
-    const std::scoped_lock lock(state.lock);
-    int loggedOut = 0;
-    for (const auto& [handle, session] : state.sessionMap) {
-        if (!isUserState(session->state) ||
-            std::find(devices.begin(), devices.end(), session->token.serialNumber) != devices.end())
-            continue;
-        *password = {};
-        session->state = session->state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
-        ++loggedOut;
-    }
-    return loggedOut;
-}
-
-/// Scans the sessions once; gives the number of connected devices.
-std::size_t scanDevices(SecretText* password)
-{
-    const std::scoped_lock scanning(moduleState().deviceLock);
-    const std::vector<std::string> devices = queryDevices();
-    const int loggedOut = logOutSessionsWithoutDevice(devices, password);
-    // Written when the sessions are free again: a slow disk must not keep the application's calls waiting.
-    for (int session = 0; session < loggedOut; ++session)
-        logDebug("Device disconnected, clearing userPassword");
-    return devices.size();
-}
-
 void raiseSlotEvent()
 {
     ModuleState& state = moduleState();
@@ -67,19 +38,60 @@ void raiseSlotEvent()
     state.slotEventCv.notify_all();
 }
 
-/// One look at the devices. A lack of memory must not end the thread, and with it the host: the next cycle looks again.
-void runCycle(SecretText* password, std::size_t& previousCount)
+/// What the monitor does in each cycle, and what it remembers of the last one.
+class DeviceWatch
 {
-    try {
-        const std::size_t count = scanDevices(password);
-        if (count == previousCount)
-            return;
-        logDebug("Slot event: device count changed from ", previousCount, " to ", count);
-        raiseSlotEvent();
-        previousCount = count;
-    } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+public:
+    explicit DeviceWatch(SecretText& password) : password_(password) {}
+
+    /// One look at the devices. A lack of memory must not end the thread, and with it the host: the next cycle looks
+    /// again.
+    void runCycle()
+    {
+        try {
+            const std::size_t count = scanDevices();
+            if (count == deviceCount_)
+                return;
+            logDebug("Slot event: device count changed from ", deviceCount_, " to ", count);
+            raiseSlotEvent();
+            deviceCount_ = count;
+        } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+        }
     }
-}
+
+private:
+    /// Scans the sessions once; gives the number of connected devices.
+    std::size_t scanDevices()
+    {
+        const std::scoped_lock scanning(moduleState().deviceLock);
+        const std::vector<std::string> devices = queryDevices();
+        const int loggedOut = logOutSessionsWithoutDevice(devices);
+        // Written when the sessions are free again: a slow disk must not keep the application's calls waiting.
+        for (int session = 0; session < loggedOut; ++session)
+            logDebug("Device disconnected, clearing userPassword");
+        return devices.size();
+    }
+
+    /// Puts user sessions of devices that are not connected back to their public state. Gives their number.
+    int logOutSessionsWithoutDevice(const std::vector<std::string>& devices)
+    {
+        ModuleState& state = moduleState();
+        const std::scoped_lock lock(state.lock);
+        int loggedOut = 0;
+        for (const auto& [handle, session] : state.sessionMap) {
+            if (!isUserState(session->state) ||
+                std::find(devices.begin(), devices.end(), session->token.serialNumber) != devices.end())
+                continue;
+            password_ = {};
+            session->state = session->state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
+            ++loggedOut;
+        }
+        return loggedOut;
+    }
+
+    SecretText& password_; ///< The cached user PIN.
+    std::size_t deviceCount_ = 0;
+};
 
 CK_RV takeSlotEvent(CK_SLOT_ID* pSlot)
 {
@@ -112,9 +124,9 @@ void deviceMonitorLoop(SecretText* password)
     ModuleState& state = moduleState();
     logDebug("Session monitor thread started.");
     state.monitorRunning = true;
-    std::size_t previousCount = 0;
+    DeviceWatch watch(*password);
     while (!state.stopMonitor) {
-        runCycle(password, previousCount);
+        watch.runCycle();
         platform::sleep(POLLING_PERIOD);
     }
     logDebug("Session monitor thread stopped.");
