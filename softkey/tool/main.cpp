@@ -49,6 +49,7 @@ int main(int argc, char** argv)
     Session session;
     app.add_option("--home", session.home, "Folder of the keys (default: VELKOR_SOFTKEY_HOME or the data folder)");
     app.add_flag("--json", session.json, "Print results as JSON");
+    app.set_version_flag("--version", "velkor-softkey " VELKOR_VERSION, "Print the version and exit");
     app.require_subcommand(1);
     app.fallthrough(); // --home and --json may also follow the command.
     addManagementCommands(app, session);

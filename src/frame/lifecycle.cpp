@@ -62,7 +62,7 @@ CK_RV getInfo(CK_INFO* pInfo)
     copyTerminated(pInfo->manufacturerID, "Brenmoor");
     pInfo->flags = 0;
     copyTerminated(pInfo->libraryDescription, "Velkor PKCS11 Library");
-    pInfo->libraryVersion = {3, 6};
+    pInfo->libraryVersion = {VELKOR_VERSION_MAJOR, VELKOR_VERSION_MINOR};
     return CKR_OK;
 }
 

@@ -113,7 +113,10 @@ protected:
 
     static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
-    static void tool(const std::string& arguments) { run(softkeyTool() + " " + arguments + " >" + NULL_DEVICE); }
+    static void tool(const std::string& arguments, const std::string& output = NULL_DEVICE)
+    {
+        run(softkeyTool() + " " + arguments + " >" + output);
+    }
 
     static CK_ULONG readSlots()
     {
@@ -330,6 +333,18 @@ struct Mechanism {
     CK_MECHANISM_TYPE type;
     bool isEc;
 };
+
+TEST_F(ModuleOverSoftkeyTest, ToolAndModuleTellOneVersion)
+{
+    CK_INFO info{};
+    ASSERT_EQ(C_GetInfo(&info), CKR_OK);
+    tool("--version", (folder_ / "version").string());
+    std::ifstream file(folder_ / "version");
+    std::string line;
+    std::getline(file, line);
+    EXPECT_EQ(line, "velkor-softkey " + std::to_string(info.libraryVersion.major) + "." +
+                        std::to_string(info.libraryVersion.minor));
+}
 
 TEST_F(ModuleOverSoftkeyTest, SignaturesOfEveryHashMechanismVerify)
 {
