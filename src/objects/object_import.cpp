@@ -37,6 +37,21 @@ struct NewObject {
     Bytes prime1;
 };
 
+/// Where a value of the template goes.
+struct ValueRow {
+    CK_ATTRIBUTE_TYPE type;
+    Bytes NewObject::*value;
+};
+
+constexpr ValueRow VALUES[] = {
+    {CKA_LABEL, &NewObject::label},
+    {CKA_VALUE, &NewObject::value},
+    {CKA_ID, &NewObject::objectId},
+    {CKA_MODULUS, &NewObject::modulus},
+    {CKA_PRIVATE_EXPONENT, &NewObject::privateExponent},
+    {CKA_PRIME_1, &NewObject::prime1},
+};
+
 NewObject readTemplate(std::span<const CK_ATTRIBUTE> attributes)
 {
     NewObject object;
@@ -45,33 +60,13 @@ NewObject readTemplate(std::span<const CK_ATTRIBUTE> attributes)
             continue;
         const CK_ATTRIBUTE_TYPE type = attribute.type;
         logDebug("C_CreateObject - attrip type : ", type);
-        switch (type) {
-        case CKA_CLASS:
+        if (type == CKA_CLASS)
             object.objectClass = integerOf(attribute);
-            break;
-        case CKA_LABEL:
-            object.label = bytesOf(attribute);
-            break;
-        case CKA_VALUE:
-            object.value = bytesOf(attribute);
-            break;
-        case CKA_KEY_TYPE:
+        else if (type == CKA_KEY_TYPE)
             object.keyType = integerOf(attribute);
-            break;
-        case CKA_ID:
-            object.objectId = bytesOf(attribute);
-            break;
-        case CKA_MODULUS:
-            object.modulus = bytesOf(attribute);
-            break;
-        case CKA_PRIVATE_EXPONENT:
-            object.privateExponent = bytesOf(attribute);
-            break;
-        case CKA_PRIME_1:
-            object.prime1 = bytesOf(attribute);
-            break;
-        default:
-            break;
+        for (const ValueRow& row : VALUES) {
+            if (row.type == type)
+                object.*row.value = bytesOf(attribute);
         }
     }
     return object;
