@@ -76,6 +76,15 @@ CK_RV callWithNothing(CK_RV (*function)(Parameters...))
     return function(Parameters{}...);
 }
 
+std::vector<std::string> linesOf(const std::filesystem::path& file)
+{
+    std::ifstream stream(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 class RecordedRunTest : public ModuleTest
 {
 protected:
@@ -383,15 +392,6 @@ protected:
         record("C_CloseSession", C_CloseSession(session_));
     }
 
-    static std::vector<std::string> linesOf(const std::filesystem::path& file)
-    {
-        std::ifstream stream(file);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
-
     std::vector<std::string> recorded_;
     std::vector<CK_MECHANISM_TYPE> mechanisms_;
     Bytes data_ = [] {
@@ -434,6 +434,57 @@ TEST_F(RecordedRunTest, IsTheSameOnEverySystem)
     EXPECT_EQ(recorded_.size(), expected.size()) << seen;
     for (std::size_t i = 0; i < std::min(recorded_.size(), expected.size()); ++i)
         ASSERT_EQ(recorded_[i], expected[i]) << "line " << i + 1 << " of " << seen;
+}
+
+/// A call of the recording: "C_Login 000000A0", and what it wrote behind its entry line.
+struct RecordedCall {
+    std::string name;
+    std::string code;
+    std::vector<std::string> lines;
+};
+
+/// Calls and log lines come in the same order.
+std::vector<RecordedCall> readRecording()
+{
+    std::vector<RecordedCall> calls;
+    std::size_t logged = 0;
+    for (const std::string& line : linesOf(test_system::program().parent_path() / "recorded_run.txt")) {
+        if (line.starts_with("C_")) {
+            calls.push_back({line.substr(0, line.find_first_of("( ")), line.substr(line.rfind(' ') + 1), {}});
+        } else if (line.starts_with("DEBUG ") || line.starts_with("ERROR ")) {
+            if (logged < calls.size() && line == "DEBUG " + calls[logged].name)
+                ++logged;
+            else
+                calls[logged - 1].lines.push_back(line);
+        }
+    }
+    return calls;
+}
+
+/// Error lines that a call is due, as docs/logging.md has it.
+std::ptrdiff_t dueErrorLines(const RecordedCall& call)
+{
+    if (call.code == "00000000" || call.code == "00000054")
+        return 0;
+    if (call.name == "C_DeriveKey" && (call.code == "00000190" || call.code == "000000B3"))
+        return 0;
+    if (call.name == "C_Login" && call.code == "000000A0")
+        return 2;
+    const std::string_view last = call.lines.empty() ? std::string_view() : call.lines.back();
+    const bool debugInstead = last == "DEBUG C_Login: User already logged in" ||
+                              last.starts_with("DEBUG Input keypair not found in destroy : ");
+    return debugInstead ? 0 : 1;
+}
+
+TEST(RecordedLogTest, RefusalsHaveOneErrorLineButForThoseThatAreNamed)
+{
+    const std::vector<RecordedCall> calls = readRecording();
+    ASSERT_GT(calls.size(), 1000u);
+    for (const RecordedCall& call : calls) {
+        const auto errors = std::count_if(call.lines.begin(), call.lines.end(),
+                                          [](const std::string& line) { return line.starts_with("ERROR "); });
+        EXPECT_EQ(errors, dueErrorLines(call)) << call.name << " " << call.code << testing::PrintToString(call.lines);
+    }
 }
 
 } // namespace
