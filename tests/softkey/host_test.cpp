@@ -76,6 +76,34 @@ TEST_F(HostTest, LoadingAndUnloadingWhileAThreadHoldsAListDoesNotCrash)
     EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
 }
 
+#ifdef SOFTKEY_BUNDLED_SQLITE
+TEST_F(HostTest, AnSqliteThatTheHostBringsIsNotUsed)
+{
+    const std::string arguments = std::string(" check ") + SERIAL + " " + PIN;
+    const Outcome outcome = run("ulimit -c 0; timeout 60 " + std::string(SOFTKEY_CHILD_WITH_SQLITE) + arguments);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.error;
+}
+
+#ifdef SOFTKEY_BUNDLED_LIBCRYPTO
+TEST_F(HostTest, TheLibraryLeavesNoSymbolOfABundledLibraryOpen)
+{
+    const Outcome outcome = run("nm -D --undefined-only " + std::string(SOFTKEY_LIBRARY));
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.error;
+    std::istringstream lines(outcome.out);
+    int symbols = 0;
+    for (std::string kind, symbol; lines >> kind >> symbol; ++symbols) {
+        const std::string version = symbol.substr(std::min(symbol.find('@'), symbol.size()));
+        const bool isOfTheSystem = version.starts_with("@GLIBC") || version.starts_with("@CXXABI") ||
+                                   version.starts_with("@GCC") || kind == "w";
+        const bool isOfASanitizer = symbol.starts_with("__asan_") || symbol.starts_with("__ubsan_") ||
+                                    symbol.starts_with("__tsan_") || symbol.starts_with("__sanitizer_");
+        EXPECT_TRUE(isOfTheSystem || (SANITIZED && isOfASanitizer)) << kind << ' ' << symbol;
+    }
+    EXPECT_GT(symbols, 10);
+}
+#endif
+#endif
+
 TEST_F(HostTest, TheLibraryExportsTheOperationsAndNothingElse)
 {
     const Outcome outcome = run("nm -D --defined-only " + std::string(SOFTKEY_LIBRARY) + " | c++filt");

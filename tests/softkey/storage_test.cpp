@@ -337,18 +337,26 @@ TEST_F(StorageTest, KeysStayListedWhileTheFolderCannotBeListed)
 
 TEST_F(StorageTest, AFileKeptLockedIsBusy)
 {
-    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
-    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    const VelkorKeyPair pair = generate(KEY_KIND_EC_P256);
+    const Identifier identifier = std::to_array(pair.keyIdentifier);
+    // Both from here: two copies of SQLite in one process would not see each other's locks.
+    const std::unique_ptr<SoftKey> key = otherProcess();
+    EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY), nullptr);
+    key->contents();
     Database other(keyPath().string(), Database::Mode::Existing);
     other.execute("BEGIN EXCLUSIVE");
     const Data before = readFile(keyPath());
-    EXPECT_EQ(trySign(key, Data(32, 1)), 0) << "what is unlocked is used without the file";
-    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::StorageBusy));
-    int tries = 0;
-    EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY), nullptr)
+        << "what is unlocked is used without the file";
+    try {
+        key->file().change([](Database&) {});
+        ADD_FAILURE() << "a locked file was changed";
+    } catch (const Refusal& refusal) {
+        EXPECT_EQ(refusal.status(), SoftkeyStatus::StorageBusy);
+    }
     EXPECT_EQ(readFile(keyPath()), before);
     other.execute("ROLLBACK");
-    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), 0);
+    EXPECT_NO_THROW(key->file().change([](Database&) {}));
 }
 
 TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
