@@ -10,7 +10,7 @@ namespace softkey
 {
 
 struct PinSettings {
-    bool changed = false; ///< Whether the PIN counts as changed from its initial value.
+    bool changed = true; ///< Whoever makes the key has chosen the PIN. False: its owner is to change it first.
     int triesMax = 5;
     int triesLeft = 5;
 };

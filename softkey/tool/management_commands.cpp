@@ -20,6 +20,8 @@ struct CreateOptions {
     KeySettings settings;
     int triesLeft = -1;
     int soTriesLeft = -1;
+    bool initialPin = false;
+    bool initialSoPin = false;
     PinSource pin{"pin", "user PIN"};
     PinSource soPin{"so-pin", "SO PIN"};
 };
@@ -31,6 +33,8 @@ void create(Session& session, CreateOptions& options)
         settings.serialNumber = randomSerialNumber();
     settings.userPin.triesLeft = options.triesLeft >= 0 ? options.triesLeft : settings.userPin.triesMax;
     settings.soPin.triesLeft = options.soTriesLeft >= 0 ? options.soTriesLeft : settings.soPin.triesMax;
+    settings.userPin.changed = !options.initialPin;
+    settings.soPin.changed = !options.initialSoPin;
     const std::filesystem::path folder = session.folder();
     const Pin pin = options.pin.readNew();
     const Pin soPin = options.soPin.readNew();
@@ -55,8 +59,13 @@ void addCreate(CLI::App& app, Session& session)
     command->add_option("--so-tries", settings.soPin.triesMax, "Tries of the SO PIN")->capture_default_str();
     command->add_option("--so-tries-left", options->soTriesLeft, "Tries that are left of them (default: all)")
         ->check(CLI::NonNegativeNumber);
-    command->add_flag("--pin-changed", settings.userPin.changed, "The user PIN counts as changed");
-    command->add_flag("--so-pin-changed", settings.soPin.changed, "The SO PIN counts as changed");
+    CLI::Option* initial =
+        command->add_flag("--initial-pin", options->initialPin, "The user PIN is to be changed by its owner");
+    CLI::Option* soInitial =
+        command->add_flag("--initial-so-pin", options->initialSoPin, "The SO PIN is to be changed by its owner");
+    // What was not the rule once; scripts may still say it.
+    command->add_flag("--pin-changed")->group("")->excludes(initial);
+    command->add_flag("--so-pin-changed")->group("")->excludes(soInitial);
     command->add_option("--scrypt-cost", settings.cost.logN, "Cost of checking a PIN, as a power of two")
         ->capture_default_str()
         ->check(CLI::Range(SCRYPT_LOG_N_MIN, SCRYPT_LOG_N_MAX));

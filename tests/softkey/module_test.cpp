@@ -705,7 +705,7 @@ TEST_F(ModuleOverSoftkeyTest, RandomNumbersAreDrawn)
 TEST_F(ModuleOverSoftkeyTest, TokenInformationIsThatOfTheKey)
 {
     tool("create --serial AAA --label \"Second key\" --model \"VK2 FIPS\" --firmware 1.9.9 --tries 7 --tries-left 2 "
-         "--pin-changed --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
+         "--initial-pin --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
     ASSERT_EQ(readSlots(), 2u);
     CK_SLOT_INFO slot{};
     CK_TOKEN_INFO token{};
@@ -718,12 +718,14 @@ TEST_F(ModuleOverSoftkeyTest, TokenInformationIsThatOfTheKey)
     EXPECT_EQ(textOf(token.model), "VK2 FIPS");
     EXPECT_EQ(textOf(token.serialNumber), "AAA");
     EXPECT_EQ(token.firmwareVersion.major, 1);
-    EXPECT_EQ(token.flags & (CKF_USER_PIN_TO_BE_CHANGED | CKF_USER_PIN_COUNT_LOW), CKF_USER_PIN_COUNT_LOW);
+    EXPECT_EQ(token.flags & (CKF_USER_PIN_TO_BE_CHANGED | CKF_USER_PIN_COUNT_LOW),
+              CKF_USER_PIN_TO_BE_CHANGED | CKF_USER_PIN_COUNT_LOW);
     ASSERT_EQ(C_GetTokenInfo(FIRST_SLOT + 1, &token), CKR_OK);
     EXPECT_EQ(textOf(token.serialNumber), "MODULE1");
     EXPECT_EQ(textOf(token.model), "VK1 Soft");
     EXPECT_EQ(token.firmwareVersion.major, 2);
-    EXPECT_EQ(token.flags & (CKF_USER_PIN_TO_BE_CHANGED | CKF_USER_PIN_COUNT_LOW), CKF_USER_PIN_TO_BE_CHANGED);
+    EXPECT_EQ(token.flags & (CKF_USER_PIN_TO_BE_CHANGED | CKF_USER_PIN_COUNT_LOW), 0UL)
+        << "whoever made the key has chosen its PIN";
 }
 
 TEST_F(ModuleOverSoftkeyTest, TheSecurityOfficerLogsInAndUsesNoKey)

@@ -34,7 +34,7 @@ TEST_F(ToolTest, EverySubcommandHasHelp)
 TEST_F(ToolTest, ACreatedKeyHasWhatWasChosen)
 {
     const json made = result("create --serial T1 --label \"My label\" --model \"VK9 X\" --firmware 1.2.3 --tries 9 "
-                             "--tries-left 2 --so-tries 8 --so-tries-left 7 --pin-changed" +
+                             "--tries-left 2 --so-tries 8 --so-tries-left 7 --initial-so-pin" +
                              WITH_PINS);
     EXPECT_EQ(made["serial"], "T1");
     EXPECT_EQ(made["file"], keyPath("T1").string());
@@ -49,6 +49,19 @@ TEST_F(ToolTest, ACreatedKeyHasWhatWasChosen)
     EXPECT_EQ(info.pinChanged, 1);
     EXPECT_EQ(info.soPinChanged, 0);
     expectFailure("create --serial T1" + WITH_PINS, 6);
+}
+
+TEST_F(ToolTest, APinThatWasChosenCountsAsChangedUnlessItIsMadeInitial)
+{
+    result("create --serial CHOSEN" + WITH_PINS);
+    EXPECT_EQ(velkor_getTokenInfo("CHOSEN", instance).pinChanged, 1);
+    EXPECT_EQ(velkor_getTokenInfo("CHOSEN", instance).soPinChanged, 1);
+    result("create --serial INITIAL --initial-pin" + WITH_PINS);
+    EXPECT_EQ(velkor_getTokenInfo("INITIAL", instance).pinChanged, 0);
+    EXPECT_EQ(velkor_getTokenInfo("INITIAL", instance).soPinChanged, 1);
+    result("create --serial OLDER --pin-changed" + WITH_PINS);
+    EXPECT_EQ(velkor_getTokenInfo("OLDER", instance).pinChanged, 1) << "what scripts used to say";
+    expectFailure("create --pin-changed --initial-pin" + WITH_PINS, 2);
 }
 
 using Fields = std::set<std::string>;

@@ -107,6 +107,8 @@ KeySettings cheapSettings(const std::string& serialNumber)
     KeySettings settings;
     settings.serialNumber = serialNumber;
     settings.cost.logN = SCRYPT_LOG_N_MIN;
+    settings.userPin.changed = false;
+    settings.soPin.changed = false;
     return settings;
 }
 

@@ -57,7 +57,7 @@ private:
     std::filesystem::path path_;
 };
 
-/// Settings with a cheap PIN check.
+/// Settings with a cheap PIN check, and PINs that their owner is to change.
 KeySettings cheapSettings(const std::string& serialNumber);
 
 class SoftkeyTest : public ::testing::Test
