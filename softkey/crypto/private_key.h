@@ -4,6 +4,7 @@
 #include "base/secret.h"
 #include "crypto/key_kinds.h"
 #include "crypto/openssl.h"
+#include "crypto/rsa_blocks.h"
 
 #include <array>
 #include <mutex>
@@ -15,14 +16,18 @@ namespace softkey
 class PrivateKey
 {
 public:
-    PrivateKey(EvpKey key, const KeyKindTraits& traits) : key_(std::move(key)), traits_(traits) {}
+    PrivateKey(EvpKey key, const KeyKindTraits& traits, PaddingsTaken paddings)
+        : key_(std::move(key)), traits_(traits), paddings_(paddings)
+    {
+    }
 
     const KeyKindTraits& traits() const { return traits_; }
+    PaddingsTaken paddings() const { return paddings_; }
 
     /// Signs as `velkor_signHash` does; returns the length. Several threads may sign at once.
     std::size_t sign(Bytes input, bool isPss, std::span<unsigned char> signature) const;
 
-    /// Plaintext of an OAEP or PKCS #1 v1.5 block; throws DecryptionFailed for neither.
+    /// Plaintext of a block in one of the paddings that the key takes; throws DecryptionFailed.
     SecretBytes decrypt(Bytes ciphertext) const;
 
     /// The X coordinate of the product with a peer's point, which is bare or a DER OCTET STRING.
@@ -44,6 +49,7 @@ private:
 
     EvpKey key_;
     const KeyKindTraits& traits_;
+    PaddingsTaken paddings_;
     mutable std::mutex mutex_;
     mutable std::array<std::vector<EvpKeyContext>, SCHEMES> ready_;
 };

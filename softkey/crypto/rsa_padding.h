@@ -1,4 +1,4 @@
-// The paddings of RSA encryption, as the key has them: PKCS #1 v1.5, and OAEP with SHA-1, MGF1 with SHA-1 and no label.
+// The paddings with which the key encrypts: PKCS #1 v1.5, and OAEP with SHA-1, MGF1 with SHA-1 and no label.
 #pragma once
 
 #include "crypto/openssl.h"

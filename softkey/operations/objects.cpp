@@ -116,7 +116,7 @@ int velkor_importPfx(const char* deviceId, const char* pin, ImportPFXDetails* de
         const ObjectAttributes attributes = checkedAttributes(details->objectId, details->label);
         key->requireUser(text(pin)); // Before the costly check of the numbers.
         const EvpKey rsaKey = rsaKeyFromComponents(details->modulus, details->privateExponent, details->prime1);
-        const VelkorKeyPair stored = key->addKeyPair(pin, rsaKey.get(), attributes, ALL_USAGE);
+        const VelkorKeyPair stored = key->addKeyPair(pin, rsaKey.get(), attributes, {ALL_USAGE});
         std::ranges::copy(stored.keyIdentifier, details->keyIdentifier);
     });
 }
@@ -130,6 +130,6 @@ int velkor_generateKeyPair(const char* deviceId, const char* pin, VelkorKeyPair*
         const std::uint32_t usage = usageOf(*keyPair);
         key->requireUser(text(pin)); // Before the long work of generating.
         const EvpKey fresh = generateKey(traitsOf(keyPair->keyKind));
-        *keyPair = key->addKeyPair(pin, fresh.get(), attributes, usage);
+        *keyPair = key->addKeyPair(pin, fresh.get(), attributes, {usage});
     });
 }

@@ -50,8 +50,8 @@ DeviceRecord readDevice(Database& database)
 std::vector<VelkorKeyPair> readKeyPairs(Database& database)
 {
     std::vector<VelkorKeyPair> keyPairs;
-    Statement row(database, "SELECT id, identifier, kind, object_id, label, public_key, usage_flags FROM key_pair "
-                            "ORDER BY id");
+    Statement row(database, "SELECT id, identifier, kind, object_id, label, public_key, usage_flags, oaep_only "
+                            "FROM key_pair ORDER BY id");
     while (row.step()) {
         VelkorKeyPair& keyPair = keyPairs.emplace_back();
         keyPair.id = readId(row);
@@ -61,6 +61,7 @@ std::vector<VelkorKeyPair> readKeyPairs(Database& database)
         copyLabel(keyPair.label, row.bytes(4));
         keyPair.publicKeyLength = copyInto(keyPair.publicKey, row.bytes(5));
         keyPair.usageFlags = static_cast<std::uint32_t>(row.number(6));
+        keyPair.deviceFlag = row.number(7) != 0;
     }
     return keyPairs;
 }

@@ -29,6 +29,9 @@ ByteVector privateKeyIdentity(const VelkorKeyPair& record, std::string_view seri
     const Bytes publicKey = publicKeyOf(record);
     identity.insert(identity.end(), publicKey.begin(), publicKey.end());
     identity.insert(identity.end(), serialNumber.begin(), serialNumber.end());
+    constexpr std::string_view oaepOnly = "\nOAEP only"; // A line end is in no serial number.
+    if (record.deviceFlag)
+        identity.insert(identity.end(), oaepOnly.begin(), oaepOnly.end());
     return identity;
 }
 
@@ -76,6 +79,11 @@ void deleteObject(Database& database, const char* statement, const Identifier& i
 
 } // namespace
 
+PaddingsTaken paddingsOf(const VelkorKeyPair& record)
+{
+    return record.deviceFlag ? PaddingsTaken::OaepOnly : PaddingsTaken::All;
+}
+
 Identifier identifierOf(Bytes content)
 {
     const ByteVector hash = sha256(content);
@@ -84,11 +92,12 @@ Identifier identifierOf(Bytes content)
     return identifier;
 }
 
-NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, std::uint32_t usageFlags,
+NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,
                           Bytes masterKey, std::string_view serialNumber)
 {
     const KeyKindTraits* traits = keyKindOf(key);
     require(traits != nullptr, SoftkeyStatus::BadPrivateKey);
+    require(traits->isRsa() || usage.paddings == PaddingsTaken::All, SoftkeyStatus::WrongKeyKind);
     const ByteVector publicKey = publicKeyValue(key);
     NewKeyPair keyPair;
     VelkorKeyPair& record = keyPair.record;
@@ -96,7 +105,8 @@ NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attribute
     record.publicKeyLength = velkor::copyInto(record.publicKey, publicKey);
     record.objectIdLength = velkor::copyInto(record.objectId, attributes.objectId);
     velkor::setLabel(record, attributes.label);
-    record.usageFlags = usageFlags;
+    record.usageFlags = usage.flags;
+    record.deviceFlag = usage.paddings == PaddingsTaken::OaepOnly;
     record.keyKind = traits->kind;
     keyPair.sealedPrivateKey = seal(masterKey, encodePrivateKey(key), privateKeyIdentity(record, serialNumber));
     return keyPair;
@@ -110,7 +120,7 @@ std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const Velko
     require(row.step(), SoftkeyStatus::NoSuchObject);
     const auto pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
     require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
-    return std::make_shared<const PrivateKey>(decodePrivateKey(*pkcs8), traitsOf(record.keyKind));
+    return std::make_shared<const PrivateKey>(decodePrivateKey(*pkcs8), traitsOf(record.keyKind), paddingsOf(record));
 }
 
 void storeKeyPair(Database& database, NewKeyPair& keyPair)
@@ -122,7 +132,7 @@ void storeKeyPair(Database& database, NewKeyPair& keyPair)
         return applyKeyPairAttributes(database, identifier, {objectIdOf(record), record.label});
     record.id = smallestFreeNumber(database, "SELECT id FROM key_pair ORDER BY id");
     Statement(database, "INSERT INTO key_pair (id, identifier, kind, object_id, label, public_key, "
-                        "sealed_private_key, usage_flags) VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
+                        "sealed_private_key, usage_flags, oaep_only) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .bind(record.id)
         .bind(identifier)
         .bind(record.keyKind)
@@ -131,6 +141,7 @@ void storeKeyPair(Database& database, NewKeyPair& keyPair)
         .bind(publicKeyOf(record))
         .bind(Bytes(keyPair.sealedPrivateKey))
         .bind(record.usageFlags)
+        .bind(std::int64_t{record.deviceFlag})
         .run();
 }
 

@@ -14,16 +14,25 @@ struct ObjectAttributes {
     std::string_view label;
 };
 
+/// What a key pair may be used for.
+struct KeyUsage {
+    std::uint32_t flags;
+    PaddingsTaken paddings = PaddingsTaken::All; ///< RSA only: when it decrypts.
+};
+
 /// A key pair in the form in which it is stored.
 struct NewKeyPair {
     VelkorKeyPair record; ///< All but the number.
     ByteVector sealedPrivateKey;
 };
 
+/// The library's own flag of a record says that the key takes OAEP alone.
+PaddingsTaken paddingsOf(const VelkorKeyPair& record);
+
 /// Identifiers are derived from the content, so that the same key or certificate is known again.
 Identifier identifierOf(Bytes content);
 
-NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, std::uint32_t usageFlags,
+NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,
                           Bytes masterKey, std::string_view serialNumber);
 /// Opens a stored private key; throws FileDamaged when it does not belong to the record.
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,

@@ -58,7 +58,8 @@ constexpr const char* CREATE_TABLES = R"sql(
         label BLOB NOT NULL CHECK (length(label) <= 128),
         public_key BLOB NOT NULL CHECK (length(public_key) BETWEEN 1 AND 1024),
         sealed_private_key BLOB NOT NULL,
-        usage_flags INTEGER NOT NULL DEFAULT 3 CHECK (usage_flags BETWEEN 1 AND 3)
+        usage_flags INTEGER NOT NULL DEFAULT 3 CHECK (usage_flags BETWEEN 1 AND 3),
+        oaep_only INTEGER NOT NULL DEFAULT 0 CHECK (oaep_only IN (0, 1))
     ) STRICT;
 
     CREATE TABLE certificate (
@@ -70,11 +71,22 @@ constexpr const char* CREATE_TABLES = R"sql(
     ) STRICT;
 )sql";
 
-// Layout 1 knew no usage flags: every key could do everything. Nor did it count how often a key was unplugged.
-constexpr const char* MIGRATE_FROM_1 = R"sql(
-    ALTER TABLE key_pair ADD COLUMN usage_flags INTEGER NOT NULL DEFAULT 3 CHECK (usage_flags BETWEEN 1 AND 3);
-    ALTER TABLE device ADD COLUMN times_unplugged INTEGER NOT NULL DEFAULT 0;
-)sql";
+/// What brings a file of one layout to the next.
+struct Migration {
+    std::int64_t from;
+    const char* sql;
+};
+constexpr Migration MIGRATIONS[] = {
+    // Knew no usage flags: every key could do everything. Nor did it count how often a key was unplugged.
+    {1, R"sql(
+        ALTER TABLE key_pair ADD COLUMN usage_flags INTEGER NOT NULL DEFAULT 3 CHECK (usage_flags BETWEEN 1 AND 3);
+        ALTER TABLE device ADD COLUMN times_unplugged INTEGER NOT NULL DEFAULT 0;
+    )sql"},
+    // Knew no keys that take OAEP alone.
+    {2, R"sql(
+        ALTER TABLE key_pair ADD COLUMN oaep_only INTEGER NOT NULL DEFAULT 0 CHECK (oaep_only IN (0, 1));
+    )sql"},
+};
 
 void setMarks(Database& database)
 {
@@ -101,10 +113,13 @@ void migrate(Database& database, const std::function<void(Database&)>& requireSo
 {
     Transaction transaction(database, Transaction::Kind::Write);
     // Another process may have been faster, perhaps one of a newer version.
-    if (layoutOf(database) < SCHEMA_VERSION) {
-        database.execute(MIGRATE_FROM_1);
-        setMarks(database);
+    const std::int64_t found = layoutOf(database);
+    for (const Migration& migration : MIGRATIONS) {
+        if (found <= migration.from)
+            database.execute(migration.sql);
     }
+    if (found < SCHEMA_VERSION)
+        setMarks(database);
     requireSound(database);
     transaction.commit();
 }

@@ -9,7 +9,7 @@ namespace softkey
 {
 
 inline constexpr std::int64_t APPLICATION_ID = 0x564b4559; // "VKEY"
-inline constexpr std::int64_t SCHEMA_VERSION = 2;
+inline constexpr std::int64_t SCHEMA_VERSION = 3;
 
 /// Looks at the first bytes of the file alone, so that a file that is not a key's is left exactly as it is. Throws
 /// FileForeign, FileDamaged or FileNewer.

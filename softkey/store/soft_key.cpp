@@ -147,7 +147,8 @@ std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifi
     const VelkorKeyPair* record = now->findKeyPair(identifier);
     require(record != nullptr, SoftkeyStatus::NoSuchObject);
     require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);
-    if (std::shared_ptr<const PrivateKey> known = unlocked->find(identifier))
+    // The same key pair may have been deleted and stored with other paddings.
+    if (auto known = unlocked->find(identifier); known && known->paddings() == paddingsOf(*record))
         return known;
     std::shared_ptr<const PrivateKey> key;
     file_.read([&](Database& database) {
@@ -169,11 +170,11 @@ void SoftKey::change(std::string_view pin, const std::function<void(Database&)>&
 }
 
 VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
-                                  std::uint32_t usageFlags)
+                                  const KeyUsage& usage)
 {
     const std::shared_ptr<const Contents> now = pluggedContents();
     const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
-    NewKeyPair keyPair = prepareKeyPair(key, attributes, usageFlags, unlocked->masterKey(), now->device.serialNumber);
+    NewKeyPair keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), now->device.serialNumber);
     file_.change([&](Database& database) { storeKeyPair(database, keyPair); });
     const std::shared_ptr<const Contents> after = contents();
     // As stored: a key pair that was there before keeps what the request left empty.

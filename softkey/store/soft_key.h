@@ -60,7 +60,7 @@ public:
     /// Refuses unless the PIN is right.
     void requireUser(std::string_view pin);
     VelkorKeyPair addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
-                             std::uint32_t usageFlags);
+                             const KeyUsage& usage);
     void addCertificate(std::string_view pin, VelkorCertificate& certificate);
     /// Runs a change of the file for which the user PIN is needed.
     void change(std::string_view pin, const std::function<void(Database&)>& work);

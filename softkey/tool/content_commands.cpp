@@ -24,6 +24,7 @@ struct ObjectOptions {
     std::string label;
     std::string objectId;
     std::string usage = "all";
+    bool oaepOnly = false;
     PinSource pin{"pin", "user PIN"};
 
     void addTo(CLI::App& command)
@@ -38,13 +39,15 @@ struct ObjectOptions {
         command.add_option("--usage", usage, "What the key may do")
             ->check(CLI::IsMember({"sign", "decrypt", "all"}))
             ->capture_default_str();
+        command.add_flag("--oaep-only", oaepOnly, "RSA: decrypt OAEP alone, and refuse PKCS #1 v1.5");
     }
 
-    std::uint32_t usageFlags() const
+    KeyUsage keyUsage() const
     {
-        if (usage == "sign")
-            return USAGE_SIGN_VERIFY;
-        return usage == "decrypt" ? USAGE_DECRYPT_ENCRYPT : USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT;
+        std::uint32_t flags = USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT;
+        if (usage != "all")
+            flags = usage == "sign" ? USAGE_SIGN_VERIFY : USAGE_DECRYPT_ENCRYPT;
+        return {flags, oaepOnly ? PaddingsTaken::OaepOnly : PaddingsTaken::All};
     }
 
     std::string checkedLabel() const
@@ -67,7 +70,7 @@ void storeKey(Session& session, const ObjectOptions& options, SoftKey& device, c
 {
     const ByteVector objectId = bytesFromHex(options.objectId);
     const std::string label = options.checkedLabel();
-    const VelkorKeyPair stored = device.addKeyPair(pin, key, {objectId, label}, options.usageFlags());
+    const VelkorKeyPair stored = device.addKeyPair(pin, key, {objectId, label}, options.keyUsage());
     const char* kind = traitsOf(stored.keyKind).name;
     session.print({{"number", stored.id}, {"kind", kind}, {"identifier", hexText(stored.keyIdentifier)}},
                   "key pair " + std::to_string(stored.id) + "  " + kind);

@@ -125,6 +125,7 @@ json objectsJson(const Contents& contents)
                                        {"label", keyPair.label},
                                        {"id", hexText(velkor::objectIdOf(keyPair))},
                                        {"usage", keyPair.usageFlags},
+                                       {"oaepOnly", keyPair.deviceFlag},
                                        {"identifier", hexText(keyPair.keyIdentifier)}});
     for (const VelkorCertificate& certificate : contents.certificates)
         objects["certificates"].push_back({{"number", certificate.id},

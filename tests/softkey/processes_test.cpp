@@ -246,7 +246,7 @@ TEST_F(ProcessesTest, KilledWhileThePinChangesExactlyOneOfTheTwoOpensTheKey)
     settings.userPin = {false, 255, 255};
     createKey(settings);
     const char* const otherPin = "other-pin";
-    otherProcess("CHANGE")->addKeyPair(PIN, keyOf(signatureVectorKey()).get(), {}, USAGE_SIGN_VERIFY);
+    otherProcess("CHANGE")->addKeyPair(PIN, keyOf(signatureVectorKey()).get(), {}, {USAGE_SIGN_VERIFY});
     const VelkorKeyPair key = otherProcess("CHANGE")->contents()->keyPairs.at(0);
     const auto opens = [&](const std::string& pin) {
         try {

@@ -52,7 +52,7 @@ TEST_F(StorageTest, AFileOfLayout1IsBroughtUpToDateAndItsKeySigns)
     ASSERT_EQ(keys.size(), 1U);
     EXPECT_STREQ(keys[0].label, "old pair");
     EXPECT_EQ(keys[0].usageFlags, USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT);
-    EXPECT_EQ(sqlite("PRAGMA user_version", "OLD1"), "2\n");
+    EXPECT_EQ(sqlite("PRAGMA user_version", "OLD1"), std::to_string(SCHEMA_VERSION) + "\n");
     Data signature(64);
     int size = 64;
     const Data hash(32, 3);
@@ -120,7 +120,7 @@ TEST_F(StorageTest, AFileThatBecomesNewerWhileOpenIsRefused)
     EXPECT_EQ(trySign(key, Data(32, 1)), 0);
     const std::unique_ptr<SoftKey> open = otherProcess();
     open->contents();
-    sqlite("ALTER TABLE device ADD COLUMN newer INTEGER; PRAGMA user_version = 3");
+    sqlite("ALTER TABLE device ADD COLUMN newer INTEGER; PRAGMA user_version = " + std::to_string(SCHEMA_VERSION + 1));
     const Data before = readFile(keyPath());
     EXPECT_EQ(trySign(key, Data(32, 1)), code(SoftkeyStatus::FileNewer));
     EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), code(SoftkeyStatus::FileNewer));
@@ -141,7 +141,7 @@ TEST_F(StorageTest, AFileThatBecomesNewerWhileOpenIsRefused)
 TEST_F(StorageTest, AFileOfANewerLayoutIsRefused)
 {
     createKey(cheapSettings("NEWER"));
-    sqlite("PRAGMA user_version = 3", "NEWER");
+    sqlite("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION + 1), "NEWER");
     expectRefused("NEWER", SoftkeyStatus::FileNewer);
 }
 
@@ -369,7 +369,7 @@ TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
         writer.execute("PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN; UPDATE device SET label = 'half';"
                        "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
                        "INSERT INTO key_pair SELECT n.i, randomblob(16), kind, object_id, label, public_key, "
-                       "sealed_private_key, usage_flags FROM n, key_pair WHERE id = 1");
+                       "sealed_private_key, usage_flags, oaep_only FROM n, key_pair WHERE id = 1");
         std::filesystem::copy_file(journal, scratch.path() / "journal",
                                    std::filesystem::copy_options::overwrite_existing);
         writer.execute("ROLLBACK");
@@ -457,7 +457,7 @@ TEST_F(StorageTest, ASealedKeyBelongsToItsFileAlone)
 {
     const SecretBytes masterKey(SEALING_KEY_SIZE); // The same for both files, which two keys never have.
     NewKeyPair keyPair =
-        prepareKeyPair(keyOf(signatureVectorKey()).get(), {}, USAGE_SIGN_VERIFY, masterKey, "ELSEWHERE");
+        prepareKeyPair(keyOf(signatureVectorKey()).get(), {}, {USAGE_SIGN_VERIFY}, masterKey, "ELSEWHERE");
     const std::unique_ptr<SoftKey> key = otherProcess();
     key->change(PIN, [&](Database& database) { storeKeyPair(database, keyPair); });
     key->file().read([&](Database& database) {

@@ -112,7 +112,7 @@ TEST_F(ToolTest, JsonDocumentsHaveTheDocumentedFields)
     const json info = result("info J1");
     key.insert({"file", "keyPairs", "certificates"});
     expectFields(info, key);
-    expectFields(info["keyPairs"][0], {"number", "kind", "label", "id", "usage", "identifier"});
+    expectFields(info["keyPairs"][0], {"number", "kind", "label", "id", "usage", "oaepOnly", "identifier"});
     expectFields(info["certificates"][0], {"number", "label", "id", "size", "identifier"});
     EXPECT_EQ(info["certificates"][0]["size"], readFile(path("c.der")).size());
     expectFields(result("delete J1 --key 1" + WITH_PIN), {"serial"});
@@ -250,6 +250,7 @@ TEST_F(ToolTest, KeysAndCertificatesGoOnAKeyAndComeOff)
     EXPECT_EQ(info["keyPairs"][0]["label"], "pair");
     EXPECT_EQ(info["keyPairs"][0]["id"], "0a0b");
     EXPECT_EQ(info["keyPairs"][1]["usage"], 1);
+    EXPECT_EQ(info["keyPairs"][1]["oaepOnly"], false);
     EXPECT_EQ(info["certificates"][0]["label"], "pair") << "taken from its key pair";
     EXPECT_EQ(info["certificates"][0]["id"], "0a0b");
 

@@ -2,6 +2,7 @@
 #include "tool_fixture.h"
 
 #include "platform/narrow_paths.h"
+#include "store/schema.h"
 
 #include <array>
 #include <cstdint>
@@ -86,13 +87,14 @@ TEST_F(WindowsTest, AFileOfAnotherLayoutIsBroughtUpToDate)
     ASSERT_EQ(keys.size(), 1U);
     EXPECT_STREQ(keys[0].label, "old pair");
     Database other(keyPath("OLD1"), Database::Mode::Existing);
-    EXPECT_EQ(other.number("PRAGMA user_version"), 2);
+    EXPECT_EQ(other.number("PRAGMA user_version"), SCHEMA_VERSION);
 }
 
 TEST_F(WindowsTest, FilesOfANewerLayoutAndForeignOnesAreRefused)
 {
     createKey(cheapSettings("NEWER"));
-    Database(keyPath("NEWER"), Database::Mode::Existing).execute("PRAGMA user_version = 3");
+    Database(keyPath("NEWER"), Database::Mode::Existing)
+        .execute(("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION + 1)).c_str());
     writeFile(keyPath("JUNK"), bytesOf("junk"));
     std::filesystem::copy_file(keyPath(), keyPath("COPY"));
     EXPECT_EQ(velkor_initDevice("NEWER", true, instance), code(SoftkeyStatus::FileNewer));

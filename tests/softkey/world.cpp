@@ -154,7 +154,7 @@ VelkorKeyPair SoftkeyTest::generate(KeyKind kind, const std::string& label, cons
 
 VelkorKeyPair SoftkeyTest::store(const EVP_PKEY* key) const
 {
-    return otherProcess()->addKeyPair(PIN, key, {}, USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT);
+    return otherProcess()->addKeyPair(PIN, key, {}, {USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT});
 }
 
 VelkorKeyPair SoftkeyTest::storeEcKey(KeyKind kind, std::string_view privateHex) const
