@@ -18,15 +18,13 @@ function(add_cryptoki_module name)
     # A host may unload the library without C_Finalize, while the monitor thread runs in it: it stays mapped.
     target_link_options(${name} PRIVATE LINKER:--version-script=${VERSION_SCRIPT} LINKER:-z,nodelete)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${VERSION_SCRIPT})
-    # Any library of this name can be put in the place of the one that the module is linked with: it is named by its
-    # file, so that what links with the module, as its tests do with their double, is free to choose another.
-    target_link_libraries(${name} PRIVATE project_options device_interface $<TARGET_FILE:softkey>)
-    add_dependencies(${name} softkey)
+    target_link_libraries(${name} PRIVATE project_options module_device)
+    precompile(${name})
     install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velkor)
 endfunction()
 
-set_source_files_properties(frame/entry_points.cpp frame/unsupported.cpp PROPERTIES COMPILE_OPTIONS
-                                                                                    -fvisibility=default)
+set_source_files_properties(frame/entry_points.cpp frame/unsupported.cpp PROPERTIES
+                            COMPILE_OPTIONS -fvisibility=default SKIP_PRECOMPILE_HEADERS ON)
 
 add_cryptoki_module(velkor-pkcs11)
 target_compile_definitions(velkor-pkcs11 PUBLIC CRYPTOKI_HOST_LAYOUT)

@@ -1,9 +1,4 @@
-# The module as a DLL. Windows has the packed layout only, and the device library is linked by its import library.
-set(VELKOR_DEVICE_LIBRARY "" CACHE FILEPATH "Import library of VelkorDSCLibrary.dll; empty: the double of the tests")
-if(NOT VELKOR_DEVICE_LIBRARY AND NOT VELKOR_BUILD_TESTS)
-    message(FATAL_ERROR "Without the tests and their double, VELKOR_DEVICE_LIBRARY has to name an import library")
-endif()
-
+# The module as a DLL. Windows has the packed layout only.
 foreach(LINE IN LISTS EXPORT_LINES)
     if(LINE MATCHES "^EXPORT\\((.*)\\)")
         string(APPEND STANDARD_NAMES "    ${CMAKE_MATCH_1}\n")
@@ -20,6 +15,6 @@ set_target_properties(velkor-pkcs11 PROPERTIES PREFIX "")
 set_source_files_properties(frame/unsupported.cpp PROPERTIES COMPILE_DEFINITIONS
                                                              "VELKOR_EXTENSION=__declspec(dllexport)")
 target_include_directories(velkor-pkcs11 PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE .)
-target_link_libraries(velkor-pkcs11 PRIVATE project_options device_interface
-                      $<IF:$<BOOL:${VELKOR_DEVICE_LIBRARY}>,${VELKOR_DEVICE_LIBRARY},device_double>)
+target_link_libraries(velkor-pkcs11 PRIVATE project_options module_device)
+precompile(velkor-pkcs11)
 install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
