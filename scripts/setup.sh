@@ -2,7 +2,7 @@
 # Installs what the project is built and tested with from Debian's packages; does nothing when all of it is there.
 set -euo pipefail
 
-packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache binutils git
+packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache mold binutils git python3
     libgtest-dev libgmock-dev libp11-kit-dev libbenchmark-dev libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
     openssl opensc sqlite3)
 

@@ -9,12 +9,14 @@ target_link_libraries(softkey_loader PRIVATE device_interface project_options)
 add_executable(softkey_test crypto_test.cpp decryption_test.cpp devices_test.cpp hash_test.cpp objects_test.cpp operations_test.cpp
                             pins_test.cpp tool_test.cpp windows_test.cpp world.cpp
                             ${PROJECT_SOURCE_DIR}/softkey/platform/narrow_paths_windows.cpp)
+target_precompile_headers(softkey_test REUSE_FROM test_headers)
 target_link_libraries(softkey_test PRIVATE softkey softkey_core test_options test_system nlohmann_json::nlohmann_json
                                            GTest::gtest_main)
 configure_file(${PROJECT_SOURCE_DIR}/softkey/velkor-softkey.1 ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/velkor-softkey.1 COPYONLY)
 add_dependencies(softkey_test softkey_loader velkor-softkey)
 
 add_executable(softkey_module_test module_test.cpp)
+target_precompile_headers(softkey_module_test REUSE_FROM test_headers)
 target_link_libraries(softkey_module_test PRIVATE velkor-pkcs11 test_options test_system GTest::gtest_main)
 add_custom_command(TARGET softkey_module_test POST_BUILD
                    COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:velkor-pkcs11>
