@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Builds and runs everything that has to pass: the optimised build, both sanitizer builds, format and tidy checks.
-# The last line counts what passed and what failed; the exit code is 0 when nothing failed.
+# It ends with a table of its steps, and a last line that counts what passed and what failed; the exit code is 0 when
+# nothing failed.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
-scripts/setup.sh || exit 1
+. scripts/steps.sh
+step "setup" scripts/setup.sh || exit 1
 
 passed=0
 failed=0
@@ -33,7 +35,8 @@ run_tests() {
     local report=build/$1.tests.xml
     rm -f "$report"
     local status=0 tests failures
-    ctest --preset "$1" --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || status=$?
+    # Tests wait more than they work.
+    ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || status=$?
     [ "$status" -eq 0 ] || grep -v -e ' Passed ' -e '^ *Start ' "build/$1.tests.log"
     tests=$(grep -c '<testcase ' "$report" 2>/dev/null)
     failures=$(grep -c '<testcase .*status="\(fail\|disabled\|notrun\)"' "$report" 2>/dev/null)
@@ -53,8 +56,7 @@ check_format() {
 }
 
 check_tidy() {
-    git ls-files 'src/*.cpp' 'softkey/*.cpp' ':!*_windows.cpp' | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/release 2>build/tidy.log ||
-        { grep -v 'warnings generated' build/tidy.log; return 1; }
+    git ls-files 'src/*.cpp' 'softkey/*.cpp' ':!*_windows.cpp' | xargs scripts/check-tidy.py build/release
 }
 
 demo() {
@@ -63,14 +65,14 @@ demo() {
 
 mkdir -p build
 for preset in release asan tsan; do
-    echo "building $preset"
     before=$failed
-    count "build $preset" build "$preset"
-    [ "$failed" -gt "$before" ] || run_tests "$preset"
+    step "build $preset" count "build $preset" build "$preset"
+    [ "$failed" -gt "$before" ] || step "test $preset" run_tests "$preset"
 done
-count "demo" demo
-count "clang-format" check_format
-count "clang-tidy" check_tidy
+step "demo" count "demo" demo
+step "clang-format" count "clang-format" check_format
+step "clang-tidy" count "clang-tidy" check_tidy
 
+print_steps
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]
