@@ -2,7 +2,8 @@
 # Builds what the software key needs on Windows, static, from Debian's sources: libcrypto and SQLite. Beside them come
 # the two libraries of the tool that are headers only.
 #   scripts/build-windows-libraries.sh x64|arm64 TOOLS      into TOOLS/libraries-ARCHITECTURE, once
-# To build them from newer sources, remove that folder. The exit code is 3 when the sources cannot be had.
+# They are built again when this script, the compiler, or the version that apt would install has changed, and for each
+# user once, not for each clone. The exit code is 3 when the sources cannot be had.
 # scripts/setup-windows.sh calls it, with the compilers installed, one call at a time.
 set -euo pipefail
 architecture=$1
@@ -25,7 +26,11 @@ esac
 no_assembler=()
 [ "$architecture" != arm64 ] || no_assembler=(no-asm -DOPENSSL_AES_CONST_TIME)
 
-made_by=$({ cat "$0" && "$compiler" --version; } | sha256sum)
+made_by=$({
+    cat "$0"
+    "$compiler" --version
+    apt-cache policy openssl sqlite3 | grep Candidate:
+} | sha256sum)
 [ "$(cat "$target/complete" 2>/dev/null)" != "$made_by" ] || exit 0
 echo "Building: OpenSSL and SQLite for Windows on $architecture"
 rm -rf "$target/complete" "$tools"/libraries.?????? # The latter of runs that were killed.
