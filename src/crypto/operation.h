@@ -1,4 +1,5 @@
-// What all operations of a session share: the delivery of a result, and the hash calls of the device library.
+// What all operations of a session share: the delivery of a result, and the hash calls of the device library. That the
+// right operation is in progress has been seen to where the call came in.
 #pragma once
 
 #include <utility>
