@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds and installs the module where nothing else is at hand, neither the software key nor the tests' libraries, and
+# loads it over a device library that it was not linked with.
+#   check_module_alone.sh SOURCE-FOLDER COMPILER HOST DEVICE-LIBRARY-FOLDER BUILD-FOLDER
+set -euo pipefail
+source=$1 compiler=$2 host=$3 device=$4 build=$5
+
+without=()
+for package in benchmark CLI11 GTest nlohmann_json OpenSSL SQLite3; do
+    without+=(-D "CMAKE_DISABLE_FIND_PACKAGE_$package=ON")
+done
+cmake --fresh -S "$source" -B "$build" -G Ninja -D CMAKE_CXX_COMPILER="$compiler" -D CMAKE_INSTALL_PREFIX="$build/installed" \
+    -D CMAKE_INSTALL_LIBDIR=lib -D VELKOR_WERROR=ON -D VELKOR_PRECOMPILED_HEADERS=ON \
+    -D VELKOR_BUILD_SOFTKEY=OFF -D VELKOR_BUILD_TESTS=OFF "${without[@]}"
+cmake --build "$build"
+rm -rf "$build/installed"
+cmake --install "$build"
+
+cd "$build/installed"
+diff --unified=0 - <(find . -name '*.so*' | sort) <<END
+./lib/velkor/velkor-pkcs11-packed.so
+./lib/velkor/velkor-pkcs11.so
+END
+LD_LIBRARY_PATH=$device "$host" "$PWD/lib/velkor/velkor-pkcs11.so" exit
