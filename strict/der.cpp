@@ -1,0 +1,90 @@
+#include "strict/der.h"
+
+#include <algorithm>
+
+namespace velkor::strict
+{
+namespace
+{
+
+constexpr unsigned char INTEGER = 0x02;
+constexpr unsigned char BIT_STRING = 0x03;
+constexpr unsigned char OCTET_STRING = 0x04;
+constexpr unsigned char SEQUENCE = 0x30;
+
+/// Takes one element off the front of `der` and gives its content. False when there is none with that tag.
+bool take(ByteView& der, unsigned char tag, ByteView& content)
+{
+    if (der.size() < 2 || der[0] != tag)
+        return false;
+    std::size_t length = der[1];
+    std::size_t header = 2;
+    if (length >= 0x80) {
+        const std::size_t count = length & 0x7FU;
+        if (count == 0 || count > 4 || der.size() < 2 + count)
+            return false;
+        length = 0;
+        for (std::size_t index = 0; index < count; ++index)
+            length = length << 8U | der[2 + index];
+        header += count;
+    }
+    if (der.size() - header < length)
+        return false;
+    content = der.subspan(header, length);
+    der = der.subspan(header + length);
+    return true;
+}
+
+} // namespace
+
+Bytes derOctetString(ByteView content)
+{
+    Bytes der{OCTET_STRING};
+    Bytes length;
+    for (std::size_t rest = content.size(); rest != 0; rest >>= 8U)
+        length.insert(length.begin(), static_cast<unsigned char>(rest & 0xFFU));
+    if (content.size() >= 0x80)
+        der.push_back(static_cast<unsigned char>(0x80U | length.size()));
+    else if (length.empty())
+        length.push_back(0);
+    der.insert(der.end(), length.begin(), length.end());
+    der.insert(der.end(), content.begin(), content.end());
+    return der;
+}
+
+ByteView contentOfOctetString(ByteView der)
+{
+    ByteView content;
+    return take(der, OCTET_STRING, content) && der.empty() ? content : ByteView();
+}
+
+ByteView withoutLeadingZeros(ByteView number)
+{
+    const auto first = std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
+    return number.subspan(static_cast<std::size_t>(first - number.begin()));
+}
+
+bool readRsaPublicKey(ByteView der, Bytes& modulus, Bytes& exponent)
+{
+    ByteView key;
+    if (!take(der, SEQUENCE, key) || !der.empty())
+        return false;
+    ByteView algorithm;
+    ByteView bits;
+    if (take(key, SEQUENCE, algorithm)) {
+        if (!take(key, BIT_STRING, bits) || bits.empty())
+            return false;
+        bits = bits.subspan(1); // The count of unused bits.
+        if (!take(bits, SEQUENCE, key))
+            return false;
+    }
+    ByteView first;
+    ByteView second;
+    if (!take(key, INTEGER, first) || !take(key, INTEGER, second) || !key.empty())
+        return false;
+    modulus = copyOf(withoutLeadingZeros(first));
+    exponent = copyOf(withoutLeadingZeros(second));
+    return true;
+}
+
+} // namespace velkor::strict

@@ -1,0 +1,21 @@
+// DER as far as the front needs it: octet strings around points, and the numbers in an RSA public key.
+#pragma once
+
+#include "strict/object.h"
+
+namespace velkor::strict
+{
+
+/// The bytes as a DER OCTET STRING.
+Bytes derOctetString(ByteView content);
+
+/// The content of a DER OCTET STRING that is nothing else; empty when the bytes are no such thing.
+ByteView contentOfOctetString(ByteView der);
+
+/// Modulus and exponent of a SubjectPublicKeyInfo or an RSAPublicKey, without leading zeros. False when it is neither.
+bool readRsaPublicKey(ByteView der, Bytes& modulus, Bytes& exponent);
+
+/// A big number without the zero bytes in front.
+ByteView withoutLeadingZeros(ByteView number);
+
+} // namespace velkor::strict

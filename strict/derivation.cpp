@@ -1,0 +1,154 @@
+#include "strict/derivation.h"
+
+#include <utility>
+
+#include "frame/limits.h"
+#include "log/log.h"
+#include "strict/der.h"
+#include "strict/device_access.h"
+#include "strict/login.h"
+#include "strict/mechanisms.h"
+#include "strict/objects.h"
+#include "strict/sessions.h"
+
+namespace velkor::strict
+{
+namespace
+{
+
+constexpr const char* NAME = "C_DeriveKey";
+constexpr std::size_t SECRET_ROOM = 1024;
+
+/// The peer's point, bare; empty when the parameter is not one that the device honours.
+Bytes readPeer(const CK_MECHANISM& mechanism)
+{
+    CK_ECDH1_DERIVE_PARAMS parameter{};
+    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof parameter)
+        return {};
+    std::memcpy(&parameter, mechanism.pParameter, sizeof parameter);
+    if (parameter.kdf != CKD_NULL || parameter.ulSharedDataLen != 0 || parameter.pPublicData == nullptr)
+        return {};
+    const ByteView given(parameter.pPublicData, parameter.ulPublicDataLen);
+    const ByteView content = contentOfOctetString(given);
+    return copyOf(content.empty() ? given : content);
+}
+
+CK_RV readMechanism(const Session& session, const CK_MECHANISM* pMechanism, Bytes& peer)
+{
+    if (pMechanism == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, NAME, ": pMechanism is NULL");
+    if (pMechanism->mechanism != CKM_ECDH1_DERIVE || !isOffered(session.token, CKM_ECDH1_DERIVE, CKF_DERIVE))
+        return refuse(CKR_MECHANISM_INVALID, NAME,
+                      ": unsupported mechanism=", CK_MECHANISM_TYPE{pMechanism->mechanism});
+    peer = readPeer(*pMechanism);
+    if (peer.empty())
+        return refuse(CKR_MECHANISM_PARAM_INVALID, NAME, ": a point with CKD_NULL and no shared data only");
+    return CKR_OK;
+}
+
+CK_RV readTemplate(const Session& session, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, Template& wanted)
+{
+    CK_RV result = Template::read(NAME, pTemplate, ulCount, wanted);
+    if (result == CKR_OK)
+        result = checkTemplate(NAME, wanted, CKO_SECRET_KEY, CKK_GENERIC_SECRET);
+    if (result != CKR_OK)
+        return result;
+    if (wanted.number(CKA_CLASS, CKO_SECRET_KEY) != CKO_SECRET_KEY || wanted.has(CKA_VALUE))
+        return refuse(CKR_TEMPLATE_INCONSISTENT, NAME, ": a secret key is derived, and its value is not given");
+    if (wanted.flag(CKA_TOKEN, false))
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, NAME, ": the token keeps no secret keys");
+    if (wanted.flag(CKA_PRIVATE, false) && !isUserLoggedIn(session.token))
+        return refuse(CKR_USER_NOT_LOGGED_IN, NAME, ": the key is private");
+    return CKR_OK;
+}
+
+CK_RV findBase(const Session& session, CK_OBJECT_HANDLE hBaseKey, const Bytes& peer, ObjectPtr& base, View& view)
+{
+    CK_RV result = findObject(NAME, session, hBaseKey, CKR_KEY_HANDLE_INVALID, base);
+    if (result == CKR_OK && base->objectClass != CKO_PRIVATE_KEY)
+        return refuse(CKR_KEY_TYPE_INCONSISTENT, NAME, ": not a private key, handle=", hBaseKey);
+    if (result == CKR_OK)
+        result = viewWithContents(NAME, session.token, base, CKR_KEY_HANDLE_INVALID, view);
+    if (result != CKR_OK)
+        return result;
+    if (view.contents->keyType != CKK_EC)
+        return refuse(CKR_KEY_TYPE_INCONSISTENT, NAME, ": not an EC key, handle=", hBaseKey);
+    if (peer.size() != view.contents->point.size() || peer.front() != 0x04)
+        return refuse(CKR_MECHANISM_PARAM_INVALID, NAME, ": no point of this curve, ulPublicDataLen=", peer.size());
+    return CKR_OK;
+}
+
+/// The module keeps each secret under a handle of its own until the end of the process; the front takes a copy.
+CK_RV deriveInModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE base, Bytes& peer, Bytes& secret)
+{
+    CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, static_cast<CK_ULONG>(peer.size()), peer.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+    CK_OBJECT_HANDLE derived = 0;
+    CK_RV result = module().C_DeriveKey(session, &mechanism, base, nullptr, 0, &derived);
+    if (result != CKR_OK)
+        return result;
+    secret.resize(SECRET_ROOM);
+    CK_ATTRIBUTE value = {CKA_VALUE, secret.data(), static_cast<CK_ULONG>(secret.size())};
+    result = module().C_GetAttributeValue(session, derived, &value, 1);
+    secret.resize(result == CKR_OK ? value.ulValueLen : 0);
+    return result;
+}
+
+CK_OBJECT_HANDLE addSecret(Session& session, const Template& wanted, Bytes secret)
+{
+    auto contents = std::make_shared<Contents>();
+    contents->keyType = wanted.number(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
+    contents->value = std::move(secret);
+    auto object = std::make_shared<Object>();
+    object->token = &session.token;
+    object->objectClass = CKO_SECRET_KEY;
+    object->owner = session.handle;
+    object->isPrivate = wanted.flag(CKA_PRIVATE, false);
+    const Wishes wishes = wishesOf(wanted);
+    object->isModifiable = wishes.isModifiable;
+    object->isCopyable = wishes.isCopyable;
+    object->contents = std::move(contents);
+    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
+        if (needsContents(entry.type))
+            object->own[entry.type] = copyOf(wanted.bytes(entry.type));
+    }
+    object->own.erase(CKA_VALUE_LEN);
+    const std::scoped_lock lock(state().lock);
+    return addObject(state(), std::move(object))->handle;
+}
+
+} // namespace
+
+CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate,
+                CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
+{
+    Bytes peer;
+    Template wanted;
+    ObjectPtr base;
+    View view;
+    CK_RV result = readMechanism(session, pMechanism, peer);
+    if (result == CKR_OK)
+        result = readTemplate(session, pTemplate, ulAttributeCount, wanted);
+    if (result == CKR_OK && phKey == nullptr)
+        return refuse(CKR_ARGUMENTS_BAD, NAME, ": phKey is NULL");
+    if (result == CKR_OK)
+        result = findBase(session, hBaseKey, peer, base, view);
+    Bytes secret;
+    if (result == CKR_OK)
+        result = useKeyPair(session.token, base->moduleHandle & PAIR_NUMBER, view.contents->identity,
+                            [&](CK_SESSION_HANDLE moduleSession) {
+                                return deriveInModule(moduleSession, base->moduleHandle, peer, secret);
+                            });
+    if (result == CKR_FUNCTION_FAILED)
+        return refuse(CKR_MECHANISM_PARAM_INVALID, NAME, ": the device does not take this point");
+    if (result != CKR_OK)
+        return result;
+    const std::size_t length = wanted.number(CKA_VALUE_LEN, static_cast<CK_ULONG>(secret.size()));
+    if (length == 0 || length > secret.size())
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, NAME, ": the secret is shorter, CKA_VALUE_LEN=", length);
+    secret.resize(length);
+    *phKey = addSecret(session, wanted, std::move(secret));
+    return CKR_OK;
+}
+
+} // namespace velkor::strict

@@ -1,0 +1,241 @@
+#include "strict/device_access.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "frame/limits.h"
+#include "log/log.h"
+#include "strict/login.h"
+#include "strict/sessions.h"
+#include "strict/slots.h"
+
+namespace velkor::strict
+{
+namespace
+{
+
+constexpr CK_FLAGS MODULE_SESSION = CKF_SERIAL_SESSION | CKF_RW_SESSION;
+constexpr CK_FLAGS PIN_TROUBLE = CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED;
+
+/// A session that is opened while the module holds another token's PIN would start as logged in.
+CK_RV openModuleSession(const Token& token, CK_SESSION_HANDLE& handle)
+{
+    const std::scoped_lock slots(state().slotLock);
+    CK_SLOT_ID slot = 0;
+    if (!moduleSlotOf(token, slot))
+        return CKR_DEVICE_REMOVED;
+    return module().C_OpenSession(slot, MODULE_SESSION, nullptr, nullptr, &handle);
+}
+
+/// Takes an idle session of the module, if there is one.
+CK_SESSION_HANDLE takeIdleSession(Token& token, unsigned long& insertion)
+{
+    const std::scoped_lock lock(state().lock);
+    insertion = token.insertion;
+    if (token.idleSessions.empty())
+        return 0;
+    const CK_SESSION_HANDLE handle = token.idleSessions.back();
+    token.idleSessions.pop_back();
+    return handle;
+}
+
+bool giveBack(Token& token, unsigned long insertion, CK_SESSION_HANDLE handle)
+{
+    const std::scoped_lock lock(state().lock);
+    if (token.insertion != insertion || !token.isPresent || state().phase != Phase::Running)
+        return false;
+    token.idleSessions.push_back(handle);
+    return true;
+}
+
+/// Whether the module has dropped the PIN by itself: it does so when it misses the device.
+bool hasModuleDroppedPin(KeyGate::Stay& stay, Token& token)
+{
+    if (stay.holds().pin.token != &token)
+        return false;
+    CK_SESSION_INFO info{};
+    if (module().C_GetSessionInfo(token.loginSession, &info) == CKR_OK && info.state == CKS_RW_USER_FUNCTIONS)
+        return false;
+    dropPin(stay);
+    return true;
+}
+
+void closeSessionsOf(Token& token)
+{
+    RemovedThings removed;
+    {
+        const std::scoped_lock lock(state().lock);
+        removed = takeFromRemovedToken(token);
+    }
+    removed.release();
+}
+
+/// A PIN that another process has changed would cost a try with every call.
+void logOutIfPinIsWrong(Token& token)
+{
+    const std::scoped_lock lock(state().lock);
+    const CK_FLAGS trouble = token.tokenInfo.flags & PIN_TROUBLE;
+    if (token.user == User::User && (trouble & ~token.pinFlagsAtLogin) != 0) {
+        logError("The user PIN has been changed elsewhere, slotID=", token.slotID);
+        forgetLogin(token);
+    }
+}
+
+bool isPresent(const Token& token)
+{
+    const std::scoped_lock lock(state().lock);
+    return token.isPresent;
+}
+
+} // namespace
+
+ModuleSession& ModuleSession::operator=(ModuleSession&& other) noexcept
+{
+    std::swap(token_, other.token_);
+    std::swap(insertion_, other.insertion_);
+    std::swap(handle_, other.handle_);
+    std::swap(isSpoilt_, other.isSpoilt_);
+    return *this;
+}
+
+ModuleSession::~ModuleSession()
+{
+    if (token_ != nullptr && (isSpoilt_ || !giveBack(*token_, insertion_, handle_)))
+        module().C_CloseSession(handle_);
+}
+
+CK_RV borrowSession(Token& token, ModuleSession& session)
+{
+    unsigned long insertion = 0;
+    CK_SESSION_HANDLE handle = takeIdleSession(token, insertion);
+    if (handle == 0) {
+        CK_RV result = CKR_OK;
+        {
+            KeyGate::Stay stay = state().gate.enterAlone();
+            result = putPinInForce(stay, token);
+            if (result == CKR_OK)
+                result = openModuleSession(token, handle);
+        }
+        if (result != CKR_OK)
+            return causeOfFailure(token, result);
+    }
+    session = ModuleSession(token, insertion, handle);
+    return CKR_OK;
+}
+
+PinInForce pinOf(Token& token)
+{
+    const std::scoped_lock lock(state().lock);
+    return token.user == User::User ? PinInForce{&token, token.login} : PinInForce{};
+}
+
+CK_RV loginSessionOf(Token& token, CK_SESSION_HANDLE& session)
+{
+    unsigned long insertion = 0;
+    {
+        const std::scoped_lock lock(state().lock);
+        insertion = token.insertion;
+    }
+    if (token.loginSession != 0 && token.loginSessionInsertion != insertion) {
+        module().C_CloseSession(token.loginSession);
+        token.loginSession = 0;
+    }
+    if (token.loginSession == 0) {
+        const CK_RV result = openModuleSession(token, token.loginSession);
+        if (result != CKR_OK)
+            return result;
+        token.loginSessionInsertion = insertion;
+    }
+    session = token.loginSession;
+    return CKR_OK;
+}
+
+void dropPin(KeyGate::Stay& stay)
+{
+    ModuleHolds& holds = stay.holds();
+    if (holds.pin.token != nullptr)
+        module().C_Logout(holds.pin.token->loginSession);
+    holds.pin = {};
+}
+
+CK_RV putPinInForce(KeyGate::Stay& stay, Token& token)
+{
+    const PinInForce wanted = pinOf(token);
+    if (stay.holds().pin == wanted)
+        return CKR_OK;
+    dropPin(stay);
+    if (wanted.token == nullptr)
+        return CKR_OK;
+    SecretText pin;
+    {
+        const std::scoped_lock lock(state().lock);
+        pin = token.pin;
+    }
+    CK_SESSION_HANDLE session = 0;
+    CK_RV result = loginSessionOf(token, session);
+    if (result != CKR_OK)
+        return result;
+    result = loginUnderneath(session, CKU_USER, pin);
+    if (result == CKR_OK) {
+        stay.holds().pin = wanted;
+        return CKR_OK;
+    }
+    if (result != CKR_PIN_INCORRECT && result != CKR_PIN_LOCKED)
+        return result;
+    const std::scoped_lock lock(state().lock);
+    if (token.login == wanted.login)
+        forgetLogin(token);
+    return refuse(CKR_USER_NOT_LOGGED_IN, "The user PIN has been changed elsewhere, slotID=", token.slotID);
+}
+
+CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& pair, const SecretBytes& identity)
+{
+    ModuleHolds& holds = stay.holds();
+    holds.pair.reset();
+    std::array<unsigned char, PUBLIC_KEY_CAPACITY> value{};
+    CK_ATTRIBUTE attribute = {CKA_VALUE, value.data(), static_cast<CK_ULONG>(value.size())};
+    const CK_RV result = module().C_GetAttributeValue(session, PRIVATE_KEY_BASE + pair.number, &attribute, 1);
+    if (result == CKR_OBJECT_HANDLE_INVALID)
+        return CKR_KEY_HANDLE_INVALID;
+    if (result != CKR_OK)
+        return result;
+    if (!std::equal(identity.begin(), identity.end(), value.begin(), value.begin() + attribute.ulValueLen))
+        return refuse(CKR_KEY_HANDLE_INVALID, "Another key has taken the place of key pair ", pair.number);
+    holds.pair = pair;
+    holds.checked = std::chrono::steady_clock::now();
+    return CKR_OK;
+}
+
+CK_RV causeOfFailure(Token& token, CK_RV result)
+{
+    if (result != CKR_FUNCTION_FAILED && result != CKR_DEVICE_REMOVED && result != CKR_SESSION_HANDLE_INVALID)
+        return result;
+    bool isPinDropped = false;
+    {
+        KeyGate::Stay stay = state().gate.enterAlone();
+        isPinDropped = hasModuleDroppedPin(stay, token);
+    }
+    refreshSlots();
+    if (isPinDropped)
+        closeSessionsOf(token);
+    if (isPinDropped || !isPresent(token))
+        return refuse(CKR_DEVICE_REMOVED, "The token has been removed, slotID=", token.slotID);
+    logOutIfPinIsWrong(token);
+    return result;
+}
+
+void forgetModuleSessions()
+{
+    State& state = strict::state();
+    KeyGate::Stay stay = state.gate.enterAlone();
+    stay.holds() = {};
+    const std::scoped_lock lock(state.lock);
+    for (const auto& token : state.tokens) {
+        token->idleSessions.clear();
+        token->loginSession = 0;
+    }
+}
+
+} // namespace velkor::strict

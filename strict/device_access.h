@@ -1,0 +1,180 @@
+// How the front reaches a token through the module: sessions of the module, which are lent to one call at a time, the
+// PIN that the module holds, and the gate in front of both.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "cryptoki.h"
+#include "strict/state.h"
+#include "util/secret.h"
+
+namespace velkor::strict
+{
+
+/// A session of the module on a token, lent until the end of the object.
+class ModuleSession
+{
+public:
+    ModuleSession() = default;
+    ModuleSession(Token& token, unsigned long insertion, CK_SESSION_HANDLE handle)
+        : token_(&token), insertion_(insertion), handle_(handle)
+    {
+    }
+    ModuleSession(ModuleSession&& other) noexcept { *this = std::move(other); }
+    ModuleSession& operator=(ModuleSession&& other) noexcept;
+    ModuleSession(const ModuleSession&) = delete;
+    ModuleSession& operator=(const ModuleSession&) = delete;
+    ~ModuleSession();
+
+    CK_SESSION_HANDLE handle() const { return handle_; }
+    bool isOpen() const { return token_ != nullptr; }
+    /// Nobody shall have it after this: an operation may still be active in it.
+    void spoil() { isSpoilt_ = true; }
+
+private:
+    Token* token_ = nullptr;
+    unsigned long insertion_ = 0;
+    CK_SESSION_HANDLE handle_ = 0;
+    bool isSpoilt_ = false;
+};
+
+/// Not to be called from behind the gate.
+CK_RV borrowSession(Token& token, ModuleSession& session);
+
+/// Whose PIN a token's calls want in the module: its user's, or nobody's.
+PinInForce pinOf(Token& token);
+
+/// Brings the module to hold what `pinOf` says. No PIN reaches another token, and a right one costs no try.
+CK_RV putPinInForce(KeyGate::Stay& stay, Token& token);
+
+/// Takes the PIN from the module.
+void dropPin(KeyGate::Stay& stay);
+
+/// The module's session for logins of a token; the module must hold no PIN.
+CK_RV loginSessionOf(Token& token, CK_SESSION_HANDLE& session);
+
+/// The bytes that a key pair had when it was looked at first are its identity.
+CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& pair, const SecretBytes& identity);
+
+/// Looks for the reason of a failure that the module gives no reason for; not from behind the gate. A token that turns
+/// out to be gone takes its sessions along.
+CK_RV causeOfFailure(Token& token, CK_RV result);
+
+/// Forgets the module's sessions once the module has ended.
+void forgetModuleSessions();
+
+inline constexpr std::chrono::milliseconds IDENTITY_HOLDS{1000};
+
+/// Runs `work(session)` while the module's key record is that pair's, beside other calls with the same key.
+template <typename Work>
+CK_RV useKeyPair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
+{
+    ModuleSession session;
+    CK_RV result = borrowSession(token, session);
+    if (result != CKR_OK)
+        return result;
+    const PairId pair{&token, number};
+    {
+        const PinInForce pin = pinOf(token);
+        KeyGate::Stay stay = state().gate.enter([&](const ModuleHolds& holds) {
+            return holds.pin == pin && holds.pair == pair &&
+                   std::chrono::steady_clock::now() - holds.checked < IDENTITY_HOLDS;
+        });
+        if (stay.isAlone()) {
+            result = putPinInForce(stay, token);
+            if (result == CKR_OK)
+                result = lookUpPair(stay, session.handle(), pair, identity);
+            if (result == CKR_OK)
+                stay.admitOthers();
+        }
+        if (result == CKR_OK)
+            result = work(session.handle());
+    }
+    if (result == CKR_OK)
+        return CKR_OK;
+    session.spoil();
+    return causeOfFailure(token, result);
+}
+
+/// Runs `work(session)`, which looks that pair up itself.
+template <typename Work>
+CK_RV lookAtPair(Token& token, CK_ULONG number, const Work& work)
+{
+    ModuleSession session;
+    CK_RV result = borrowSession(token, session);
+    if (result != CKR_OK)
+        return result;
+    const PairId pair{&token, number};
+    {
+        const PinInForce pin = pinOf(token);
+        KeyGate::Stay stay =
+            state().gate.enter([&](const ModuleHolds& holds) { return holds.pin == pin && holds.pair == pair; });
+        if (stay.isAlone()) {
+            result = putPinInForce(stay, token);
+            stay.holds().pair.reset();
+        }
+        if (result == CKR_OK)
+            result = work(session.handle());
+        if (result == CKR_OK && stay.isAlone()) {
+            stay.holds().pair = pair;
+            stay.holds().checked = {}; // Who uses the key compares it first.
+        }
+    }
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+}
+
+/// Runs `work(session)` while the module holds the token's PIN and no other, beside other calls with that PIN. The work
+/// looks no key pair up.
+template <typename Work>
+CK_RV usePin(Token& token, const Work& work)
+{
+    ModuleSession session;
+    CK_RV result = borrowSession(token, session);
+    if (result != CKR_OK)
+        return result;
+    {
+        const PinInForce pin = pinOf(token);
+        KeyGate::Stay stay = state().gate.enter([&](const ModuleHolds& holds) { return holds.pin == pin; });
+        if (stay.isAlone()) {
+            result = putPinInForce(stay, token);
+            stay.admitOthers();
+        }
+        if (result == CKR_OK)
+            result = work(session.handle());
+    }
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+}
+
+/// Runs `work(session)` alone: it changes or deletes that pair.
+template <typename Work>
+CK_RV changePair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
+{
+    ModuleSession session;
+    CK_RV result = borrowSession(token, session);
+    if (result != CKR_OK)
+        return result;
+    {
+        KeyGate::Stay stay = state().gate.enterAlone();
+        result = putPinInForce(stay, token);
+        if (result == CKR_OK)
+            result = lookUpPair(stay, session.handle(), {&token, number}, identity);
+        if (result == CKR_OK)
+            result = work(session.handle());
+        stay.holds().pair.reset();
+    }
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+}
+
+/// Runs `work(session)`, to which neither key record nor PIN matters.
+template <typename Work>
+CK_RV useToken(Token& token, const Work& work)
+{
+    ModuleSession session;
+    CK_RV result = borrowSession(token, session);
+    if (result == CKR_OK)
+        result = work(session.handle());
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+}
+
+} // namespace velkor::strict

@@ -1,0 +1,78 @@
+// The sequence that every entry point runs before its own work: initialisation test, session lookup; and the boundary
+// behind which no exception passes.
+#pragma once
+
+#include "cryptoki.h"
+#include "log/log.h"
+#include "strict/sessions.h"
+#include "strict/state.h"
+
+namespace velkor::strict
+{
+
+/// Return code for the exception being handled; logs it under the entry point's name.
+CK_RV codeOfCurrentException(const char* name) noexcept;
+
+/// Counts a call that is inside, as long as the front runs: C_Finalize lets the module end when there is none.
+class CallInside
+{
+public:
+    CallInside() : state_(state())
+    {
+        ++state_.callsInside;
+        isAdmitted_ = state_.phase == Phase::Running;
+    }
+    ~CallInside() { --state_.callsInside; }
+    CallInside(const CallInside&) = delete;
+    CallInside& operator=(const CallInside&) = delete;
+
+    bool isAdmitted() const { return isAdmitted_; }
+
+private:
+    State& state_;
+    bool isAdmitted_;
+};
+
+/// Runs `work`, initialised or not, and turns any exception into a return code.
+template <typename Work>
+CK_RV enterAlways(const char* name, const Work& work) noexcept
+{
+    try {
+        return work();
+    } catch (...) {
+        return codeOfCurrentException(name);
+    }
+}
+
+/// Initialisation test, then `work`.
+template <typename Work>
+CK_RV enter(const char* name, const Work& work) noexcept
+{
+    return enterAlways(name, [&]() -> CK_RV {
+        const CallInside call;
+        if (!call.isAdmitted())
+            return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
+        return work();
+    });
+}
+
+/// Initialisation test and session lookup, then `work` with the session, which no other call uses meanwhile.
+template <typename Work>
+CK_RV enterSession(const char* name, CK_SESSION_HANDLE hSession, const Work& work) noexcept
+{
+    return enter(name, [&]() -> CK_RV {
+        const auto session = findSession(hSession);
+        if (!session)
+            return refuse(CKR_SESSION_HANDLE_INVALID, name, ": invalid hSession=", hSession);
+        const std::scoped_lock use(session->use);
+        return work(*session);
+    });
+}
+
+/// What the front does not do.
+inline CK_RV unsupported(const char* name) noexcept
+{
+    return enter(name, [&] { return refuse(CKR_FUNCTION_NOT_SUPPORTED, name, ": not supported"); });
+}
+
+} // namespace velkor::strict

@@ -1,0 +1,109 @@
+// An object as the host sees it: its handle, what backs it in the module, and what it says of itself.
+#pragma once
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <span>
+
+#include "cryptoki.h"
+#include "strict/state.h"
+#include "util/secret.h"
+
+namespace velkor::strict
+{
+
+using Bytes = SecretBytes;
+using ByteView = std::span<const unsigned char>;
+using AttributeMap = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
+
+// Younger than 2.20, and asked for all the same.
+inline constexpr CK_ATTRIBUTE_TYPE CKA_COPYABLE = 0x171;
+inline constexpr CK_ATTRIBUTE_TYPE CKA_DESTROYABLE = 0x172;
+inline constexpr CK_RV CKR_ACTION_PROHIBITED = 0x1B;
+
+/// What is read of a key pair or a certificate in one call of the module, or what a session object was made of. Both
+/// halves of a pair share it. Never changed once it is made.
+struct Contents {
+    CK_KEY_TYPE keyType = CK_UNAVAILABLE_INFORMATION;
+    Bytes identity; ///< As the module has it: what makes it this object and no other.
+    Bytes value;    ///< A certificate, a secret, or data.
+    Bytes modulus;
+    Bytes exponent;
+    Bytes point; ///< Uncompressed, bare.
+    Bytes curve; ///< DER of the object identifier.
+    CK_ULONG bits = 0;
+    Bytes label;
+    Bytes id;
+    Bytes subject;
+    Bytes issuer;
+    Bytes serialNumber;
+    bool mayUseSignatures = false;
+    bool mayUseCiphers = false;
+};
+
+/// The part of the module's handles that numbers a key pair.
+inline constexpr CK_OBJECT_HANDLE PAIR_NUMBER = 0xFFF;
+
+enum class Fate {
+    Live,
+    Hidden,   ///< A public half that was destroyed, while its private half lives on.
+    HalfGone, ///< A public half whose pair went with its private half: it can be destroyed once.
+    Retired,  ///< A private object of a login that is over.
+};
+
+struct Object {
+    CK_OBJECT_HANDLE handle = 0;
+    Token* token = nullptr;
+    CK_OBJECT_CLASS objectClass = 0;
+    CK_OBJECT_HANDLE moduleHandle = 0; ///< 0: only the front knows the object.
+    CK_SESSION_HANDLE owner = 0;       ///< The session that it goes with; 0: a token object.
+    bool isPrivate = false;
+
+    // Under State::lock.
+    Fate fate = Fate::Live;
+    bool ownsPair = false; ///< The pair on the token goes with the session.
+    bool isModifiable = true;
+    bool isCopyable = true;
+    std::shared_ptr<const Contents> contents; ///< Null until they are read.
+    AttributeMap own;                         ///< Attributes of a session object that come before its contents.
+};
+
+using ObjectPtr = std::shared_ptr<Object>;
+
+/// A look at an object that others do not change.
+struct View {
+    CK_OBJECT_CLASS objectClass = 0;
+    bool isTokenObject = false;
+    bool isPrivate = false;
+    bool isModifiable = true;
+    bool isCopyable = true;
+    bool hasPair = false; ///< There is a pair on the token to work with.
+    std::shared_ptr<const Contents> contents;
+    AttributeMap own;
+};
+
+inline bool isKey(CK_OBJECT_CLASS objectClass)
+{
+    return objectClass == CKO_PUBLIC_KEY || objectClass == CKO_PRIVATE_KEY;
+}
+
+inline bool sameBytes(ByteView left, ByteView right)
+{
+    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
+}
+
+inline Bytes copyOf(ByteView bytes)
+{
+    return Bytes(bytes.begin(), bytes.end());
+}
+
+/// A number or a structure as its bytes.
+template <typename Value>
+Bytes bytesOfValue(const Value& value)
+{
+    const auto* first = reinterpret_cast<const unsigned char*>(&value);
+    return Bytes(first, first + sizeof value);
+}
+
+} // namespace velkor::strict

@@ -1,0 +1,74 @@
+// The host's objects: their handles, their contents as the module has them, and how they come and go.
+#pragma once
+
+#include <vector>
+
+#include "cryptoki.h"
+#include "strict/attributes.h"
+#include "strict/object.h"
+#include "strict/state.h"
+
+namespace velkor::strict
+{
+
+struct Session;
+struct RemovedThings;
+
+/// The object of a handle, where the session may see it. `code` answers a handle that stands for nothing.
+CK_RV findObject(const char* name, const Session& session, CK_OBJECT_HANDLE hObject, CK_RV code, ObjectPtr& object);
+
+/// The object that stands for one of the module's, which may be new. Under State::lock.
+ObjectPtr objectOf(State& state, Token& token, CK_OBJECT_HANDLE moduleHandle);
+
+/// A look at an object as it is known; its contents may be null.
+View viewOf(const Object& object);
+
+/// Reads the contents of an object that the module has, in one call. An object that has become another one is gone.
+CK_RV readContents(const char* name, Token& token, const ObjectPtr& object, CK_RV code);
+
+/// Reads the contents unless they are known, and gives a view of them.
+CK_RV viewWithContents(const char* name, Token& token, const ObjectPtr& object, CK_RV code, View& view);
+
+/// Finds the key pair on the token that has this public key. False when there is none.
+CK_RV findPairOf(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere);
+
+/// Adds an object of the front's own, or one for a fresh object of the module.
+ObjectPtr addObject(State& state, ObjectPtr object);
+
+/// Asks the module for the objects that a template of its own finds.
+CK_RV searchModule(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE>& criteria,
+                   std::vector<CK_OBJECT_HANDLE>& found);
+
+/// Objects that go with a session, with a token, or with a login. Under State::lock.
+void takeObjectsOfSession(State& state, const Session& session, RemovedThings& removed);
+void takeObjectsOfToken(State& state, Token& token, RemovedThings& removed);
+void takePrivateSessionObjects(State& state, Token& token, RemovedThings& removed);
+void retirePrivateObjects(State& state, Token& token);
+
+CK_RV createObject(Session& session, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phObject);
+CK_RV copyObject(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                 CK_OBJECT_HANDLE_PTR phNewObject);
+CK_RV destroyObject(Session& session, CK_OBJECT_HANDLE hObject);
+CK_RV getObjectSize(Session& session, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize);
+CK_RV getAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount);
+CK_RV setAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount);
+
+/// What a template says of an object beside its contents.
+struct Wishes {
+    bool onToken = false;
+    bool isModifiable = true;
+    bool isCopyable = true;
+};
+Wishes wishesOf(const Template& wanted);
+
+/// Gives the objects of a pair that has just come to the token, and reads them.
+CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishes& ofPublic, const Wishes& ofPrivate,
+                CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey);
+
+/// Whether the session may change token objects, and whether the user is there whose PIN the device wants.
+CK_RV checkMayWrite(const char* name, const Session& session);
+
+/// Whether a label or an ID can be kept on the token.
+CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, ByteView value);
+
+} // namespace velkor::strict

@@ -1,0 +1,88 @@
+#include "strict/state.h"
+
+#include "log/log.h"
+#include "strict/system.h"
+
+namespace velkor::strict
+{
+namespace
+{
+
+std::atomic<State*> current = nullptr;
+
+constexpr std::chrono::milliseconds PATIENCE_BEFORE_FORK{500};
+
+/// What is held while the process forks, so that the child finds nothing half done.
+struct ForkGuard {
+    std::optional<KeyGate::Stay> stay;
+    std::unique_lock<std::mutex> lock;
+};
+ForkGuard* forkGuard = nullptr;
+
+/// Waits until no call is in the module, within reason: the call that forks may itself be one.
+void beforeFork()
+{
+    State& before = state();
+    auto stay = before.gate.enterAlone(PATIENCE_BEFORE_FORK);
+    forkGuard = new ForkGuard{std::move(stay), std::unique_lock(before.lock)};
+}
+
+void inParent()
+{
+    delete forkGuard;
+    forkGuard = nullptr;
+}
+
+/// The child keeps the slots with their IDs. The old state stays where it is: other threads were in its midst.
+void inChild()
+{
+    State& old = state();
+    State& fresh = *new State;
+    for (const auto& token : old.tokens) {
+        auto copy = std::make_unique<Token>();
+        copy->slotID = token->slotID;
+        copy->serialNumber = token->serialNumber;
+        copy->slotInfo = token->slotInfo;
+        copy->tokenInfo = token->tokenInfo;
+        fresh.tokens.push_back(std::move(copy));
+        token->pin = {};
+    }
+    fresh.module = old.module;
+    fresh.isModuleLoaded = old.isModuleLoaded;
+    fresh.isModuleForked = old.isModuleForked || old.phase != Phase::Ended;
+    current = &fresh;
+    forkGuard = nullptr;
+}
+
+/// The log makes one level of its folders with each line and tells of the missing ones on standard output.
+void createLogFolders()
+{
+    constexpr int LEVELS = 4;
+    char base[1024];
+    if (getLogBaseFolderPath(base, sizeof base) != 0)
+        return;
+    const std::string path = std::string(base) + "/Brenmoor/" + getProcessBaseName() + "/";
+    for (int level = 0; level < LEVELS && createFolderPath(path) == -1; ++level) {
+    }
+}
+
+/// What is done once, when the library is loaded.
+struct Loading {
+    Loading()
+    {
+        current = new State;
+        system::stayMapped();
+        system::watchForks(beforeFork, inParent, inChild);
+        createLogFolders();
+    }
+};
+const Loading loading;
+
+} // namespace
+
+State& state()
+{
+    return *current.load(std::memory_order_acquire);
+}
+
+} // namespace velkor::strict
