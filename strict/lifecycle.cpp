@@ -32,6 +32,8 @@ constexpr milliseconds REST_AFTER_FAILED_START{1100};
 
 std::chrono::steady_clock::time_point restUntil; // Under lifeLock.
 
+/// CKF_LIBRARY_CANT_CREATE_OS_THREADS is passed over: p11-kit always sets it, and the module cannot be without its
+/// thread.
 CK_RV checkArguments(const CK_C_INITIALIZE_ARGS* arguments)
 {
     if (arguments == nullptr)
@@ -42,9 +44,6 @@ CK_RV checkArguments(const CK_C_INITIALIZE_ARGS* arguments)
                           (arguments->LockMutex != nullptr ? 1 : 0) + (arguments->UnlockMutex != nullptr ? 1 : 0);
     if (callbacks != 0 && callbacks != 4)
         return refuse(CKR_ARGUMENTS_BAD, "C_Initialize: some of the mutex callbacks are missing");
-    if ((arguments->flags & CKF_LIBRARY_CANT_CREATE_OS_THREADS) != 0)
-        return refuse(CKR_NEED_TO_CREATE_THREADS,
-                      "C_Initialize: threads are needed, flags=", CK_FLAGS{arguments->flags});
     if (callbacks != 0 && (arguments->flags & CKF_OS_LOCKING_OK) == 0)
         return refuse(CKR_CANT_LOCK, "C_Initialize: locking by callbacks alone is not supported");
     return CKR_OK;

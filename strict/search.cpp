@@ -193,7 +193,8 @@ CK_RV collectCandidates(Session& session, const Template& wanted, std::vector<Ca
 bool mustRead(const View& view, const Candidate& candidate, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if (!needsContents(entry.type) || entry.type == candidate.certain)
+        const bool isOfSomeKeysOnly = entry.type == CKA_MODULUS || entry.type == CKA_EC_POINT;
+        if (!needsContents(entry.type) || (entry.type == candidate.certain && !isOfSomeKeysOnly))
             continue;
         const bool isName = entry.type == CKA_LABEL || entry.type == CKA_ID;
         if (!view.contents || (isName && view.own.count(entry.type) == 0))
@@ -205,10 +206,11 @@ bool mustRead(const View& view, const Candidate& candidate, const Template& want
 bool matches(const View& view, const Candidate& candidate, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if (entry.type == candidate.certain && view.own.count(entry.type) == 0)
-            continue;
         Bytes value;
-        if (attributeOf(view, entry.type, value) != Answer::Value || !sameBytes(value, wanted.bytes(entry.type)))
+        if (attributeOf(view, entry.type, value) != Answer::Value)
+            return false;
+        const bool isCertain = entry.type == candidate.certain && view.own.count(entry.type) == 0;
+        if (!isCertain && !sameBytes(value, wanted.bytes(entry.type)))
             return false;
     }
     return true;
