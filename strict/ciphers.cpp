@@ -1,5 +1,5 @@
 // Encryption and decryption. Parts are gathered and go to the device as one.
-#include "frame/limits.h"
+#include "objects/handles.h"
 #include "strict/operation.h"
 #include "strict/sessions.h"
 #include "velkor/device_service.h"

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-#include "frame/limits.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "strict/login.h"
 #include "strict/sessions.h"
 #include "strict/slots.h"

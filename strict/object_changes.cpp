@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "frame/limits.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "strict/der.h"
 #include "strict/device_access.h"
 #include "strict/login.h"

@@ -4,8 +4,8 @@
 #include <array>
 #include <iterator>
 
-#include "frame/limits.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "strict/der.h"
 #include "strict/device_access.h"
 #include "strict/sessions.h"

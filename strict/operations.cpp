@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "frame/limits.h"
+#include "objects/handles.h"
 #include "strict/attributes.h"
 #include "strict/objects.h"
 #include "strict/operation.h"

@@ -5,8 +5,8 @@
 #include <optional>
 #include <utility>
 
-#include "frame/limits.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "strict/attributes.h"
 #include "strict/der.h"
 #include "strict/device_access.h"

@@ -4,8 +4,8 @@
 #include <iterator>
 #include <utility>
 
-#include "frame/limits.h"
 #include "log/log.h"
+#include "objects/handles.h"
 #include "strict/device_access.h"
 #include "strict/login.h"
 #include "strict/objects.h"

@@ -1,7 +1,7 @@
 // Signing and verifying.
 #include <array>
 
-#include "frame/limits.h"
+#include "objects/handles.h"
 #include "strict/operation.h"
 #include "strict/sessions.h"
 #include "strict/slots.h"
