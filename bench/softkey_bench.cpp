@@ -154,9 +154,11 @@ BENCHMARK(ConnectedDeviceList);
 void PinCheckFirstTime(benchmark::State& state)
 {
     for (auto _ : state) {
-        // A wrong PIN is never remembered; the right one gives the try back.
+        // A wrong PIN that was never tried; the right one gives the try back.
+        static int round = 0;
+        const std::string wrong = "wrong" + std::to_string(++round);
         int triesLeft = 0;
-        velkor_validatePassword(SERIAL, "wrong", 1, &triesLeft, device().instance);
+        velkor_validatePassword(SERIAL, wrong.c_str(), 1, &triesLeft, device().instance);
         state.PauseTiming();
         velkor_validatePassword(SERIAL, PIN, 1, &triesLeft, device().instance);
         state.ResumeTiming();

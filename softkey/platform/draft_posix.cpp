@@ -1,5 +1,6 @@
 #include "platform/draft.h"
 
+#include "platform/file_lock.h"
 #include "store/key_file.h"
 
 #include <cerrno>
@@ -62,6 +63,7 @@ void takeAway(const std::filesystem::path& keyFile)
     // The file first: a file without its journal is whole, a journal without its file would be another key's.
     require(unlink(keyFile.c_str()) == 0, SoftkeyStatus::StorageFailed);
     unlink(journalOf(keyFile).c_str());
+    unlink(lockOfKey(keyFile).c_str());
 }
 
 } // namespace softkey

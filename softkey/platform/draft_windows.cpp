@@ -1,5 +1,6 @@
 #include "platform/draft.h"
 
+#include "platform/file_lock.h"
 #include "store/key_file.h"
 
 #include <windows.h>
@@ -53,6 +54,7 @@ void takeAway(const std::filesystem::path& keyFile)
     // whole, a journal without its file would be another key's.
     require(DeleteFileW(keyFile.c_str()) != 0, SoftkeyStatus::StorageFailed);
     DeleteFileW(journalOf(keyFile).c_str());
+    DeleteFileW(lockOfKey(keyFile).c_str());
 }
 
 } // namespace softkey

@@ -1,7 +1,7 @@
 #include "store/key_creation.h"
 
 #include "platform/draft.h"
-#include "platform/folder_lock.h"
+#include "platform/file_lock.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 
@@ -58,7 +58,7 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     SecretBytes masterKey(SEALING_KEY_SIZE);
     randomBytes({masterKey.data(), masterKey.size()});
     // Whoever makes or removes a key holds the lock: a draft that is there belongs to nobody any more.
-    const FolderLock lock(folder);
+    const FileLock lock(lockOfFolder(folder), Patience());
     sweepDrafts(folder);
     const Draft draft(folder / ("." + settings.serialNumber + "." + randomSerialNumber() + std::string(DRAFT_SUFFIX)));
     {
@@ -77,7 +77,7 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
 
 void removeKeyFile(const std::filesystem::path& path)
 {
-    const FolderLock lock(path.parent_path());
+    const FileLock lock(lockOfFolder(path.parent_path()), Patience());
     sweepDrafts(path.parent_path());
     takeAway(path);
 }

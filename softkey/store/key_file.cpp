@@ -71,7 +71,14 @@ void KeyFile::read(const std::function<void(Database&)>& work)
     inTransaction(Transaction::Kind::Read, work);
 }
 
-void KeyFile::transact(const std::function<void(Database&)>& work)
+KeyFile::Turn::Turn(KeyFile& file)
+    : threads_(file.turnMutex_),
+      // They get on as long as the file changes.
+      processes_(lockOfKey(file.path_), Patience([&file] { return changeCounter(file.database_); }))
+{
+}
+
+void KeyFile::transact(const Turn&, const std::function<void(Database&)>& work)
 {
     inTransaction(Transaction::Kind::Write, [&](Database& database) {
         // A file that was taken away would swallow the change.
@@ -94,7 +101,12 @@ void KeyFile::inTransaction(Transaction::Kind kind, const std::function<void(Dat
 
 void KeyFile::change(const std::function<void(Database&)>& work)
 {
-    transact([&](Database& database) {
+    change(Turn(*this), work);
+}
+
+void KeyFile::change(const Turn& turn, const std::function<void(Database&)>& work)
+{
+    transact(turn, [&](Database& database) {
         require(database.number("SELECT plugged FROM device") == 1, SoftkeyStatus::DeviceRemoved);
         work(database);
     });
@@ -102,7 +114,7 @@ void KeyFile::change(const std::function<void(Database&)>& work)
 
 void KeyFile::setPlugged(bool plugged)
 {
-    transact([&](Database& database) {
+    transact(Turn(*this), [&](Database& database) {
         database.execute(plugged ? "UPDATE device SET plugged = 1"
                                  : "UPDATE device SET plugged = 0, times_unplugged = times_unplugged + 1");
     });

@@ -2,6 +2,7 @@
 // processes may have one file open.
 #pragma once
 
+#include "platform/file_lock.h"
 #include "store/contents.h"
 
 #include <filesystem>
@@ -28,9 +29,22 @@ public:
     /// Forgets what was read and checks the file anew.
     void reload();
 
+    /// While it lives, nobody else changes the file: no other process, and no other thread of this one.
+    class Turn
+    {
+    public:
+        explicit Turn(KeyFile& file);
+
+    private:
+        std::unique_lock<std::mutex> threads_;
+        FileLock processes_;
+    };
+
     /// Runs `work` in a transaction that is on disk when this returns, or leaves no trace when it throws. Throws
     /// DeviceRemoved when the key is not plugged in.
     void change(const std::function<void(Database&)>& work);
+    /// The same, by whoever has the turn already.
+    void change(const Turn& turn, const std::function<void(Database&)>& work);
     /// Runs `work` on rows that belong together.
     void read(const std::function<void(Database&)>& work);
     void setPlugged(bool plugged);
@@ -45,9 +59,10 @@ private:
     /// What the file says, which must be of the key that its name names.
     Contents requireOwnContents(Database& database) const;
     void inTransaction(Transaction::Kind kind, const std::function<void(Database&)>& work);
-    void transact(const std::function<void(Database&)>& work);
+    void transact(const Turn& turn, const std::function<void(Database&)>& work);
 
     std::filesystem::path path_;
+    std::mutex turnMutex_;       ///< One thread of this process waits for the others'; taken before the next one.
     std::mutex connectionMutex_; ///< Held while `database_` works; taken before the other one.
     Database database_;
     bool verified_ = false;

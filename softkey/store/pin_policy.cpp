@@ -1,6 +1,6 @@
 #include "store/pin_policy.h"
 
-#include "platform/folder_lock.h"
+#include "store/refused_pins.h"
 
 namespace softkey
 {
@@ -18,12 +18,6 @@ ByteVector masterKeyIdentity(PinRole role, std::string_view serialNumber)
     return identity;
 }
 
-std::optional<SecretBytes> unwrapMasterKey(const PinRecord& record, std::string_view pin, std::string_view serialNumber)
-{
-    const SecretBytes key = keyFromPin(pin, record.salt, record.cost);
-    return unseal(key, record.wrappedMasterKey, masterKeyIdentity(record.role, serialNumber));
-}
-
 void storeTries(Database& database, PinRole role, int triesLeft)
 {
     Statement(database, "UPDATE pin SET tries_left = ? WHERE role = ?")
@@ -32,10 +26,10 @@ void storeTries(Database& database, PinRole role, int triesLeft)
         .run();
 }
 
-PinRecord spendTry(KeyFile& file, PinRole role)
+PinRecord spendTry(KeyFile& file, const KeyFile::Turn& turn, PinRole role)
 {
     PinRecord record;
-    file.change([&](Database& database) {
+    file.change(turn, [&](Database& database) {
         record = readPin(database, role);
         if (record.triesLeft == 0)
             throw Refusal::ofPin(SoftkeyStatus::PinLocked, 0);
@@ -45,45 +39,113 @@ PinRecord spendTry(KeyFile& file, PinRole role)
     return record;
 }
 
-void restoreTries(KeyFile& file, const PinRecord& record, int triesLeft)
+void restoreTries(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& record, int triesLeft)
 {
-    file.change([&](Database& database) { storeTries(database, record.role, triesLeft); });
+    file.change(turn, [&](Database& database) { storeTries(database, record.role, triesLeft); });
 }
 
-/// The caller holds the folder's lock.
-CheckedPin checkAlone(KeyFile& file, PinRole role, std::string_view pin)
+Refusal wrongPin(int triesLeft)
 {
-    const std::shared_ptr<const Contents> contents = file.contents();
-    if (pin.empty())
-        throw Refusal::ofPin(SoftkeyStatus::PinRequired, contents->pin(role).triesLeft);
-    const PinRecord record = spendTry(file, role);
+    return Refusal::ofPin(triesLeft == 0 ? SoftkeyStatus::PinLocked : SoftkeyStatus::PinIncorrect, triesLeft);
+}
+
+void refuseIfRefusedBefore(const PinRecord& record, std::string_view pin)
+{
+    if (RefusedPins::ofProcess().contain(record.salt, pin))
+        throw wrongPin(record.triesLeft);
+}
+
+bool isDerivedAlike(const PinRecord& one, const PinRecord& other)
+{
+    return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes;
+}
+
+/// A try is on the disk before the seal is looked at, and given back when it opens.
+CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, PinRole role, std::string_view pin, Bytes key)
+{
+    const std::string serialNumber = file.contents()->device.serialNumber;
+    const PinRecord record = spendTry(file, turn, role);
     std::optional<SecretBytes> masterKey;
     try {
-        masterKey = unwrapMasterKey(record, pin, contents->device.serialNumber);
+        masterKey = unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber));
     } catch (...) {
-        restoreTries(file, record, record.triesLeft + 1); // The PIN was not looked at.
+        restoreTries(file, turn, record, record.triesLeft + 1); // The PIN was not looked at.
         throw;
     }
     if (!masterKey) {
-        const SoftkeyStatus status = record.triesLeft == 0 ? SoftkeyStatus::PinLocked : SoftkeyStatus::PinIncorrect;
-        throw Refusal::ofPin(status, record.triesLeft);
+        RefusedPins::ofProcess().add(record.salt, pin);
+        throw wrongPin(record.triesLeft);
     }
-    restoreTries(file, record, record.triesMax);
+    restoreTries(file, turn, record, record.triesMax);
     return {std::move(*masterKey), record};
 }
 
-void replacePin(KeyFile& file, const PinRecord& record)
+/// What is done with a PIN that was right, while nobody else can change the file.
+using Consequence = std::function<void(const KeyFile::Turn&, const CheckedPin&)>;
+
+CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const Consequence& consequence)
 {
-    file.change([&](Database& database) {
-        Statement(database, "UPDATE pin SET changed = ?, tries_left = tries_max, salt = ?, wrapped_master_key = ? "
-                            "WHERE role = ?")
+    if (pin.empty())
+        throw Refusal::ofPin(SoftkeyStatus::PinRequired, file.contents()->pin(role).triesLeft);
+    for (;;) {
+        // Deriving takes long, so it is done before anything is locked. No tries left is no reason to refuse yet:
+        // while someone else's last try is being checked, none is left either.
+        const PinRecord expected = file.contents()->pin(role);
+        refuseIfRefusedBefore(expected, pin);
+        SecretBytes key;
+        if (expected.triesLeft > 0)
+            key = keyFromPin(pin, expected.salt, expected.cost);
+        const KeyFile::Turn turn(file);
+        const PinRecord present = file.contents()->pin(role);
+        if (present.triesLeft == 0)
+            throw wrongPin(0);
+        if (key.size() == 0 || !isDerivedAlike(expected, present))
+            continue;                        // The PIN was changed meanwhile, or its last try was given back.
+        refuseIfRefusedBefore(present, pin); // Another thread may have tried it meanwhile.
+        CheckedPin checked = tryOnSeal(file, turn, role, pin, key);
+        consequence(turn, checked);
+        return checked;
+    }
+}
+
+void replacePin(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& record)
+{
+    file.change(turn, [&](Database& database) {
+        Statement(database, "UPDATE pin SET changed = ?, tries_left = tries_max, scrypt_log_n = ?, "
+                            "scrypt_block_size = ?, scrypt_lanes = ?, salt = ?, wrapped_master_key = ? WHERE role = ?")
             .bind(std::int64_t{record.changed})
+            .bind(record.cost.logN)
+            .bind(record.cost.blockSize)
+            .bind(record.cost.lanes)
             .bind(Bytes(record.salt))
             .bind(Bytes(record.wrappedMasterKey))
             .bind(static_cast<std::int64_t>(record.role))
             .run();
     });
 }
+
+/// A PIN with a new salt, ready to go around a master key.
+class Wrapping
+{
+public:
+    Wrapping(std::string_view pin, const ScryptCost& cost) : cost_(cost), salt_(SALT_SIZE)
+    {
+        randomBytes(salt_);
+        key_ = keyFromPin(pin, salt_, cost);
+    }
+    /// Fills cost, salt and wrapped key of a record that has its role.
+    void wrap(PinRecord& record, Bytes masterKey, std::string_view serialNumber) const
+    {
+        record.cost = cost_;
+        record.salt = salt_;
+        record.wrappedMasterKey = seal(key_, masterKey, masterKeyIdentity(record.role, serialNumber));
+    }
+
+private:
+    ScryptCost cost_;
+    ByteVector salt_;
+    SecretBytes key_;
+};
 
 } // namespace
 
@@ -94,38 +156,38 @@ void requirePinLength(std::string_view newPin)
 
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin)
 {
-    const FolderLock lock(file.path().parent_path());
-    return checkAlone(file, role, pin);
+    return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {});
 }
 
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin)
 {
     requirePinLength(newPin);
-    const FolderLock lock(file.path().parent_path());
-    CheckedPin checked = checkAlone(file, role, oldPin);
-    checked.record.changed = checked.record.changed || oldPin != newPin;
-    wrapMasterKey(checked.record, newPin, checked.masterKey, file.contents()->device.serialNumber);
-    replacePin(file, checked.record);
+    const std::shared_ptr<const Contents> before = file.contents();
+    const Wrapping wrapping(newPin, before->pin(role).cost);
+    checkAndThen(file, role, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
+        PinRecord record = checked.record;
+        record.changed = record.changed || oldPin != newPin;
+        wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
+        replacePin(file, turn, record);
+    });
 }
 
 void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUserPin)
 {
     requirePinLength(newUserPin);
-    const FolderLock lock(file.path().parent_path());
-    const CheckedPin checked = checkAlone(file, PinRole::SecurityOfficer, soPin);
-    const std::shared_ptr<const Contents> contents = file.contents();
-    PinRecord record = contents->userPin;
-    record.changed = false;
-    wrapMasterKey(record, newUserPin, checked.masterKey, contents->device.serialNumber);
-    replacePin(file, record);
+    const std::shared_ptr<const Contents> before = file.contents();
+    const Wrapping wrapping(newUserPin, before->userPin.cost);
+    checkAndThen(file, PinRole::SecurityOfficer, soPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
+        PinRecord record = file.contents()->userPin;
+        record.changed = false;
+        wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
+        replacePin(file, turn, record);
+    });
 }
 
 void wrapMasterKey(PinRecord& record, std::string_view pin, Bytes masterKey, std::string_view serialNumber)
 {
-    record.salt.resize(SALT_SIZE);
-    randomBytes(record.salt);
-    const SecretBytes key = keyFromPin(pin, record.salt, record.cost);
-    record.wrappedMasterKey = seal(key, masterKey, masterKeyIdentity(record.role, serialNumber));
+    Wrapping(pin, record.cost).wrap(record, masterKey, serialNumber);
 }
 
 void insertPin(Database& database, const PinRecord& record)

@@ -18,7 +18,8 @@ struct CheckedPin {
     PinRecord record;
 };
 
-/// Throws PinRequired for an empty PIN, which costs nothing, PinIncorrect or PinLocked, each with the tries left.
+/// Throws PinRequired for an empty PIN, which costs nothing, PinIncorrect or PinLocked, each with the tries left. A PIN
+/// that this process has seen refused already, and that cannot have become right since, costs nothing more.
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
 
 /// Replaces a PIN; the old one is checked first.

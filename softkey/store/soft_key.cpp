@@ -1,30 +1,19 @@
 #include "store/soft_key.h"
 
-#include <openssl/crypto.h>
-
 namespace softkey
 {
 
 Unlocked::Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord& device)
     : masterKey_(std::move(checked.masterKey)),
-      digestKey_(SEALING_KEY_SIZE),
       salt_(std::move(checked.record.salt)),
       timesUnplugged_(device.timesUnplugged)
 {
-    randomBytes({digestKey_.data(), digestKey_.size()});
     pinDigest_ = digest(pin);
 }
 
 ByteVector Unlocked::digest(std::string_view pin) const
 {
-    const Digest* sha256 = CryptoContext::get().digestOfSize(32);
-    const auto context = requireObject<EvpDigestContext>(EVP_MD_CTX_new());
-    ByteVector result(sha256->size);
-    require(EVP_DigestInit_ex2(context.get(), sha256->algorithm, nullptr) == 1 &&
-            EVP_DigestUpdate(context.get(), digestKey_.data(), digestKey_.size()) == 1 &&
-            EVP_DigestUpdate(context.get(), pin.data(), pin.size()) == 1 &&
-            EVP_DigestFinal_ex(context.get(), result.data(), nullptr) == 1);
-    return result;
+    return digest_.of({Bytes(reinterpret_cast<const unsigned char*>(pin.data()), pin.size())});
 }
 
 bool Unlocked::fits(const Contents& contents) const
@@ -35,8 +24,7 @@ bool Unlocked::fits(const Contents& contents) const
 
 bool Unlocked::isOpenedBy(std::string_view pin) const
 {
-    const ByteVector offered = digest(pin);
-    return CRYPTO_memcmp(offered.data(), pinDigest_.data(), pinDigest_.size()) == 0;
+    return sameDigest(digest(pin), pinDigest_);
 }
 
 std::shared_ptr<const PrivateKey> Unlocked::find(const Identifier& identifier) const

@@ -3,6 +3,7 @@
 // file has a new PIN since.
 #pragma once
 
+#include "crypto/keyed_digest.h"
 #include "store/object_store.h"
 #include "store/pin_policy.h"
 
@@ -30,8 +31,8 @@ private:
     ByteVector digest(std::string_view pin) const;
 
     SecretBytes masterKey_;
-    SecretBytes digestKey_;
-    ByteVector pinDigest_; ///< Not the PIN: its digest under a key of this object alone.
+    KeyedDigest digest_;
+    ByteVector pinDigest_; ///< Not the PIN.
     ByteVector salt_;
     std::int64_t timesUnplugged_;
     mutable std::mutex mutex_;

@@ -1,11 +1,11 @@
 #include "store/sqlite.h"
 
+#include "base/patience.h"
+
 namespace softkey
 {
 namespace
 {
-
-constexpr int BUSY_TIMEOUT_MS = 10'000;
 
 /// Failures of the file system while a change is written.
 bool isWriteFailure(int code)
@@ -77,7 +77,7 @@ sqlite3* openConnection(const std::filesystem::path& path, Database::Mode mode)
 Database::Database(const std::filesystem::path& path, Mode mode) : handle_(openConnection(path, mode))
 {
     sqlite3_extended_result_codes(handle(), 1);
-    sqlite3_busy_timeout(handle(), BUSY_TIMEOUT_MS);
+    sqlite3_busy_timeout(handle(), Patience::limit);
     sqlite3_db_config(handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(handle(), SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     check(sqlite3_file_control(handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file_));

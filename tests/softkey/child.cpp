@@ -75,7 +75,9 @@ void checkPins(int userType, const std::string& role)
     const char* right = userType == 1 ? pin : "87654321";
     int tries = 0;
     tell("try wrong " + role);
-    velkor_validatePassword(serialNumber, "wrong-pin", userType, &tries, instance);
+    static int round = 0; // A PIN that was refused once is refused again without cost.
+    const std::string wrong = "wrong-" + std::to_string(++round);
+    velkor_validatePassword(serialNumber, wrong.c_str(), userType, &tries, instance);
     tell("tries " + role + " " + std::to_string(tries));
     tell("try right " + role); // Checked on disk, since a try is missing.
     velkor_validatePassword(serialNumber, right, userType, &tries, instance);

@@ -448,9 +448,11 @@ TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
 TEST_F(ModuleOverSoftkeyTest, WrongPinsCountDownAndLock)
 {
     const CK_SESSION_HANDLE session = openSession();
-    for (int attempt = 0; attempt < 4; ++attempt)
-        EXPECT_EQ(login(session, "wrong-pin"), CKR_PIN_INCORRECT);
-    EXPECT_EQ(login(session, "wrong-pin"), CKR_PIN_LOCKED);
+    for (const char* pin : {"wrong-1", "wrong-2", "wrong-3", "wrong-4"}) {
+        EXPECT_EQ(login(session, pin), CKR_PIN_INCORRECT);
+        EXPECT_EQ(login(session, pin), CKR_PIN_INCORRECT) << "the same PIN again teaches nothing and costs nothing";
+    }
+    EXPECT_EQ(login(session, "wrong-5"), CKR_PIN_LOCKED);
     EXPECT_EQ(login(session), CKR_PIN_LOCKED);
     tool("unlock MODULE1 --new-pin-env PIN --so-pin-env SO_PIN");
     EXPECT_EQ(login(session), CKR_OK);

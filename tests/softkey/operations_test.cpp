@@ -517,13 +517,14 @@ TEST_F(OperationsTest, EveryArgumentIsChecked)
 TEST_F(OperationsTest, KeyUseAndChangesNeedTheRightPin)
 {
     const std::string before = contents();
-    const auto expectRefusals = [&](const char* pin, SoftkeyStatus status, int triesAfter) {
+    const auto expectRefusals = [&](const auto& pinFor, SoftkeyStatus status, int triesAfter) {
         for (const Operation& operation : allOperations()) {
             if ((operation.parts & PIN_TEXT) == 0)
                 continue;
             SCOPED_TRACE(operation.name);
+            const std::string pin = pinFor(operation);
             Arguments arguments = operation.valid;
-            arguments.pin = pin;
+            arguments.pin = pin.c_str();
             expectRefused(operation, arguments, code(status));
             EXPECT_EQ(triesLeft(), triesAfter);
             if (status == PinIncorrect) {
@@ -531,13 +532,18 @@ TEST_F(OperationsTest, KeyUseAndChangesNeedTheRightPin)
             }
         }
     };
-    expectRefusals("", PinRequired, 5);
-    expectRefusals(WRONG_PIN, PinIncorrect, 4);
-    expectRefusals(SO_PIN, PinIncorrect, 4);
+    const auto always = [](const char* pin) { return [pin](const Operation&) { return std::string(pin); }; };
+    // A PIN that was refused once is refused again without cost.
+    const auto anotherWrongPin = [](const Operation& operation) { return std::string(WRONG_PIN) + operation.name; };
+    expectRefusals(always(""), PinRequired, 5);
+    expectRefusals(anotherWrongPin, PinIncorrect, 4);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, nullptr, instance), code(PinIncorrect));
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, nullptr, instance), 0);
+    expectRefusals(always(SO_PIN), PinIncorrect, 5);
     for (int i = 0; i < 5; ++i)
-        velkor_validatePassword(SERIAL, WRONG_PIN, 1, nullptr, instance);
-    expectRefusals(PIN, PinLocked, 0);
-    expectRefusals(WRONG_PIN, PinLocked, 0);
+        velkor_validatePassword(SERIAL, ("wrong" + std::to_string(i)).c_str(), 1, nullptr, instance);
+    expectRefusals(always(PIN), PinLocked, 0);
+    expectRefusals(always(WRONG_PIN), PinLocked, 0);
     EXPECT_EQ(contents(), before);
 }
 

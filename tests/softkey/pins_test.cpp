@@ -1,6 +1,8 @@
 // PIN policy: tries, locking, changing, unlocking, and the end of a remembered PIN.
 #include "world.h"
 
+#include <thread>
+
 namespace softkey::test
 {
 namespace
@@ -17,10 +19,20 @@ protected:
     {
         return velkor_changeUserPassword(SERIAL, oldPin, newPin, &tries, false, false, instance);
     }
+    /// A PIN that is wrong and was never tried before, since the same one is refused again without cost.
+    const char* anotherWrongPin()
+    {
+        wrong_ = "wrong-" + std::to_string(++wrongPins_);
+        return wrong_.c_str();
+    }
     TokenInfo info() const { return velkor_getTokenInfo(SERIAL, instance); }
 
     int tries = 0;
     const Data hash = Data(32, 7);
+
+private:
+    std::string wrong_;
+    int wrongPins_ = 0;
 };
 
 TEST_F(PinsTest, TheRightPinsAreRight)
@@ -35,7 +47,7 @@ TEST_F(PinsTest, AWrongPinCostsATryAndTheRightOneGivesAllBack)
 {
     EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
     EXPECT_EQ(tries, 4);
-    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check(anotherWrongPin()), code(SoftkeyStatus::PinIncorrect));
     EXPECT_EQ(tries, 3);
     EXPECT_EQ(info().pinTriesLeft, 3);
     EXPECT_EQ(check(PIN), 0);
@@ -62,10 +74,10 @@ TEST_F(PinsTest, TheTwoPinsCountApart)
 TEST_F(PinsTest, AtZeroThePinIsLockedEvenForTheRightPin)
 {
     for (int left = 4; left > 0; --left) {
-        EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+        EXPECT_EQ(check(anotherWrongPin()), code(SoftkeyStatus::PinIncorrect));
         EXPECT_EQ(tries, left);
     }
-    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(check(anotherWrongPin()), code(SoftkeyStatus::PinLocked));
     EXPECT_EQ(tries, 0);
     EXPECT_EQ(check(PIN), code(SoftkeyStatus::PinLocked));
     EXPECT_EQ(tries, 0);
@@ -145,7 +157,7 @@ TEST_F(PinsTest, UnlockingSetsANewInitialPinAndLosesNoKey)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     change(PIN, "changed");
-    while (check(WRONG_PIN) != code(SoftkeyStatus::PinLocked)) {
+    while (check(anotherWrongPin()) != code(SoftkeyStatus::PinLocked)) {
     }
     EXPECT_EQ(trySign(key, hash, false, "changed"), code(SoftkeyStatus::PinLocked));
     otherProcess()->resetUserPin(SO_PIN, PIN);
@@ -157,7 +169,7 @@ TEST_F(PinsTest, UnlockingSetsANewInitialPinAndLosesNoKey)
 TEST_F(PinsTest, UnlockingNeedsTheSoPinWhichLocksToo)
 {
     for (int i = 0; i < 5; ++i)
-        EXPECT_THROW(otherProcess()->resetUserPin(WRONG_PIN, "new-pin"), Refusal);
+        EXPECT_THROW(otherProcess()->resetUserPin(anotherWrongPin(), "new-pin"), Refusal);
     EXPECT_EQ(info().soPinTriesLeft, 0);
     EXPECT_THROW(otherProcess()->resetUserPin(SO_PIN, "new-pin"), Refusal);
     EXPECT_EQ(check(PIN), 0);
@@ -206,12 +218,79 @@ TEST_F(PinsTest, AChangeByAnotherProcessEndsTheUseOfTheOldPin)
     EXPECT_EQ(trySign(key, hash, false, "new-pin"), 0);
 }
 
+TEST_F(PinsTest, AProcessThatGoesOnWithAnOldPinSpendsOneTry)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, hash), 0);
+    otherProcess()->changePin(PinRole::User, PIN, "new-pin");
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check(PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_FALSE(change(PIN, "newer-pin"));
+    EXPECT_EQ(info().pinTriesLeft, 4);
+    EXPECT_EQ(trySign(key, hash, false, "new-pin"), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5);
+}
+
+TEST_F(PinsTest, ARefusedPinIsRememberedBeyondTheInstance)
+{
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    velkor_releaseInstance(instance);
+    velkor_createInstance(&instance);
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 4);
+    EXPECT_EQ(check(anotherWrongPin()), code(SoftkeyStatus::PinIncorrect)) << "another one is checked as ever";
+    EXPECT_EQ(tries, 3);
+}
+
+TEST_F(PinsTest, ARefusedPinThatBecomesTheRightOneIsRight)
+{
+    EXPECT_EQ(check("new-pin"), code(SoftkeyStatus::PinIncorrect));
+    otherProcess()->changePin(PinRole::User, PIN, "new-pin");
+    EXPECT_EQ(check("new-pin"), 0);
+    EXPECT_EQ(tries, 5);
+}
+
+TEST_F(PinsTest, ARefusedPinThatLockedTheKeyAnswersAsLocked)
+{
+    for (int i = 0; i < 4; ++i)
+        check(anotherWrongPin());
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinLocked));
+    EXPECT_EQ(tries, 0);
+    otherProcess()->resetUserPin(SO_PIN, PIN);
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect)) << "the salt is another one";
+    EXPECT_EQ(tries, 4);
+}
+
+TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
+{
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 4);
+    EXPECT_THROW(otherProcess()->resetUserPin(WRONG_PIN, "new-pin"), Refusal);
+    EXPECT_EQ(info().soPinTriesLeft, 3) << "that is another process";
+}
+
+TEST_F(PinsTest, ThreadsWithOneWrongPinSpendOneTry)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([this] {
+            int left = 0;
+            velkor_validatePassword(SERIAL, WRONG_PIN, 2, &left, instance);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(info().soPinTriesLeft, 4);
+}
+
 TEST_F(PinsTest, LockingByAnotherProcessEndsTheUseOfThePin)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     EXPECT_EQ(trySign(key, hash), 0);
     for (int i = 0; i < 5; ++i)
-        EXPECT_THROW(otherProcess()->login(PinRole::User, WRONG_PIN), Refusal);
+        EXPECT_THROW(otherProcess()->login(PinRole::User, anotherWrongPin()), Refusal);
     EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinLocked));
     EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::PinLocked));
 }

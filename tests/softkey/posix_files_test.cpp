@@ -2,10 +2,15 @@
 #include "world.h"
 
 #include "platform/default_folder.h"
+#include "platform/file_lock.h"
 #include "test_system.h"
 
+#include <atomic>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace softkey::test
 {
@@ -49,6 +54,41 @@ TEST_F(PosixFilesTest, TheFolderFollowsTheEnvironmentOfTheFirstInstance)
     test_system::removeEnvironment("XDG_DATA_HOME");
     test_system::setEnvironment("HOME", scratch.path().string());
     EXPECT_EQ(defaultKeysFolder(), scratch.path() / ".local/share/velkor-softkey");
+}
+
+TEST_F(PosixFilesTest, ALockOfSomebodyElseOnTheFolderKeepsNobodyFromAKey)
+{
+    const int folder = open(home.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(folder, LOCK_EX), 0); // Whoever may read a folder may lock it.
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance), 0);
+    EXPECT_NO_THROW(createKey(cheapSettings("NEW")));
+    close(folder);
+}
+
+TEST_F(PosixFilesTest, WhoHoldsOneKeyKeepsNobodyFromAnother)
+{
+    createKey(cheapSettings("OTHER"));
+    const FileLock held(lockOfKey(keyPath()), Patience());
+    EXPECT_EQ(permissionsOf(lockOfKey(keyPath())), 0600U);
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword("OTHER", PIN, 1, &tries, instance), 0);
+}
+
+TEST_F(PosixFilesTest, ALockWhoseFileWasTakenAwayIsLeftForTheNewOne)
+{
+    const std::filesystem::path file = scratch.path() / "lock";
+    std::optional<FileLock> first(std::in_place, file, Patience());
+    std::atomic<bool> locked{false};
+    std::thread waiting([&] {
+        const FileLock second(file, Patience());
+        locked = true;
+        EXPECT_TRUE(std::filesystem::exists(file));
+    });
+    std::filesystem::remove(file);
+    first.reset();
+    waiting.join();
+    EXPECT_TRUE(locked);
 }
 
 TEST_F(PosixFilesTest, KeysMadeAndRemovedByHandAreSeen)

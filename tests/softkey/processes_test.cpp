@@ -85,7 +85,7 @@ protected:
     ProcessesTest() { velkor_releaseInstance(instance); } // Children are forked from a process without the key.
     ~ProcessesTest() override { velkor_createInstance(&instance); }
 
-    static int runAll(std::initializer_list<const char*> modes, const std::string& serialNumber)
+    static int runAll(const std::vector<const char*>& modes, const std::string& serialNumber)
     {
         std::deque<Child> children;
         for (const char* mode : modes)
@@ -104,6 +104,16 @@ TEST_F(ProcessesTest, ChecksOfTheRightPinByManyProcessesSpendNoTry)
     createKey(settings);
     EXPECT_EQ(runAll({"check", "check", "check", "check", "check", "check"}, "FEW"), 0);
     EXPECT_EQ(otherProcess("FEW")->contents()->userPin.triesLeft, 2);
+}
+
+TEST_F(ProcessesTest, FirstChecksByManyProcessesAtOnceAreAllAnswered)
+{
+    KeySettings settings = cheapSettings("FEW");
+    settings.userPin = {false, 1, 1};
+    createKey(settings);
+    const std::vector<const char*> modes(SANITIZED ? 10 : 40, "check");
+    EXPECT_EQ(runAll(modes, "FEW"), 0);
+    EXPECT_EQ(otherProcess("FEW")->contents()->userPin.triesLeft, 1);
 }
 
 TEST_F(ProcessesTest, TwoProcessesStoreWithoutLosingAnything)

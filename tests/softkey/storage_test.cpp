@@ -2,6 +2,7 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "platform/file_lock.h"
 #include "store/schema.h"
 
 #include <atomic>
@@ -335,10 +336,39 @@ TEST_F(StorageTest, KeysStayListedWhileTheFolderCannotBeListed)
     EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
 }
 
+/// Waits end soon while one lives. Of the copy of the code that is in this program, not of the library.
+class ShortPatience
+{
+public:
+    ShortPatience() : usual_(Patience::limit.exchange(50)) {}
+    ~ShortPatience() { Patience::limit = usual_; }
+    ShortPatience(const ShortPatience&) = delete;
+    ShortPatience& operator=(const ShortPatience&) = delete;
+
+private:
+    int usual_;
+};
+
+TEST_F(StorageTest, AKeyThatSomebodyElseChangesForTooLongIsBusy)
+{
+    const ShortPatience patience;
+    const FileLock held(lockOfKey(keyPath()), Patience());
+    const std::unique_ptr<SoftKey> key = otherProcess();
+    EXPECT_FALSE(key->contents()->device.serialNumber.empty()) << "it can be read";
+    try {
+        key->login(PinRole::User, PIN);
+        ADD_FAILURE() << "the PIN was checked";
+    } catch (const Refusal& refusal) {
+        EXPECT_EQ(refusal.status(), SoftkeyStatus::StorageBusy);
+    }
+    EXPECT_EQ(key->contents()->userPin.triesLeft, 5);
+}
+
 TEST_F(StorageTest, AFileKeptLockedIsBusy)
 {
     const VelkorKeyPair pair = generate(KEY_KIND_EC_P256);
     const Identifier identifier = std::to_array(pair.keyIdentifier);
+    const ShortPatience patience;
     // Both from here: two copies of SQLite in one process would not see each other's locks.
     const std::unique_ptr<SoftKey> key = otherProcess();
     EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY), nullptr);

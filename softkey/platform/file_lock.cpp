@@ -1,0 +1,47 @@
+#include "platform/file_lock.h"
+
+namespace softkey
+{
+
+FileLock::FileLock(const std::filesystem::path& file, Patience patience)
+{
+    while (!handle_)
+        handle_ = lock(file, patience);
+}
+
+std::optional<FileLock::Handle> FileLock::lock(const std::filesystem::path& file, Patience& patience)
+{
+    const Handle handle = open(file);
+    try {
+        while (!tryLock(handle))
+            patience.pause();
+        if (isAt(handle, file))
+            return handle;
+    } catch (...) {
+        close(handle);
+        throw;
+    }
+    close(handle);
+    return std::nullopt;
+}
+
+FileLock::~FileLock()
+{
+    if (!handle_)
+        return;
+    unlock(*handle_);
+    close(*handle_);
+}
+
+std::filesystem::path lockOfFolder(const std::filesystem::path& folder)
+{
+    return folder / ".lock";
+}
+
+std::filesystem::path lockOfKey(const std::filesystem::path& keyFile)
+{
+    std::filesystem::path name = ".";
+    return keyFile.parent_path() / (name += keyFile.stem()) += ".lock";
+}
+
+} // namespace softkey

@@ -1,0 +1,48 @@
+#include "store/refused_pins.h"
+
+#include "platform/fork_guard.h"
+
+#include <algorithm>
+
+namespace softkey
+{
+namespace
+{
+
+constexpr std::size_t REMEMBERED_MAX = 256; // As many tries as a PIN can have.
+
+Bytes bytesOf(std::string_view text)
+{
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
+} // namespace
+
+RefusedPins& RefusedPins::ofProcess()
+{
+    static auto* const refused = new PerProcess<RefusedPins>;
+    return refused->get();
+}
+
+ByteVector RefusedPins::digestOf(Bytes salt, std::string_view pin) const
+{
+    return digest_.of({salt, bytesOf(pin)});
+}
+
+void RefusedPins::add(Bytes salt, std::string_view pin)
+{
+    ByteVector digest = digestOf(salt, pin);
+    const std::lock_guard lock(mutex_);
+    refused_.push_back(std::move(digest));
+    if (refused_.size() > REMEMBERED_MAX)
+        refused_.pop_front();
+}
+
+bool RefusedPins::contain(Bytes salt, std::string_view pin) const
+{
+    const ByteVector wanted = digestOf(salt, pin);
+    const std::lock_guard lock(mutex_);
+    return std::ranges::any_of(refused_, [&](const ByteVector& refused) { return sameDigest(refused, wanted); });
+}
+
+} // namespace softkey
