@@ -14,9 +14,10 @@ sha256sum --check --quiet "$zip.sha256"
 
 unzip -q "$zip" -d "$folder"
 cd "$folder/${zip%.zip}"
-diff --unified=0 - <(find . -type f | sort) <<END
+diff --unified=0 - <(find . -type f | LC_ALL=C sort) <<END
 ./README.txt
 ./SHA256SUMS
+./bin/velkor-pkcs11-strict.dll
 ./bin/velkor-pkcs11.dll
 ./include/velkor/cryptoki.h
 ./include/velkor/device_service.h
@@ -24,7 +25,7 @@ diff --unified=0 - <(find . -type f | sort) <<END
 ./include/velkor/velkor_extensions.h
 END
 sha256sum --check --quiet --strict SHA256SUMS
-[ "$(wc -l <SHA256SUMS)" -eq 6 ]
+[ "$(wc -l <SHA256SUMS)" -eq 7 ]
 
 # Packing leaves the module what it is.
 exports() { llvm-readobj --coff-exports "$1" | grep 'Name:'; }
