@@ -20,8 +20,8 @@
 #include "slots/mechanism_list.h"
 #include "slots/slot_table.h"
 
-using namespace velkor;
-
+namespace velkor
+{
 namespace
 {
 
@@ -40,6 +40,9 @@ CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 }
 
 } // namespace
+} // namespace velkor
+
+using namespace velkor;
 
 CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/)
 {

@@ -8,6 +8,7 @@
 
 namespace velkor
 {
+
 CK_RV createLibraryInstance()
 {
     ModuleState& state = moduleState();

@@ -4,8 +4,8 @@
 #include "frame/entry_sequence.h"
 #include "velkor_extensions.h"
 
-using namespace velkor;
-
+namespace velkor
+{
 namespace
 {
 
@@ -15,6 +15,9 @@ CK_RV unsupported(const char* name)
 }
 
 } // namespace
+} // namespace velkor
+
+using velkor::unsupported;
 
 // clang-format off
 CK_RV C_InitToken(CK_SLOT_ID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) { return unsupported(__func__); }

@@ -11,7 +11,7 @@ namespace softkey::test
 namespace
 {
 
-class DecryptionTest : public SoftkeyTest
+class DecryptedBlockTest : public SoftkeyTest
 {
 protected:
     struct Result {
@@ -64,7 +64,7 @@ Data pkcs1Block(std::size_t size, const Data& plaintext)
 
 // ---- OAEP ----
 
-TEST_F(DecryptionTest, OaepWithEachHashAndEitherMaskIsDecrypted)
+TEST_F(DecryptedBlockTest, OaepWithEachHashAndEitherMaskIsDecrypted)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = generate(KEY_KIND_RSA_2048);
@@ -81,7 +81,7 @@ TEST_F(DecryptionTest, OaepWithEachHashAndEitherMaskIsDecrypted)
     }
 }
 
-TEST_F(DecryptionTest, OaepHoldsPlaintextsOfEveryLengthUpToItsRoom)
+TEST_F(DecryptedBlockTest, OaepHoldsPlaintextsOfEveryLengthUpToItsRoom)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = generate(KEY_KIND_RSA_2048);
@@ -95,7 +95,7 @@ TEST_F(DecryptionTest, OaepHoldsPlaintextsOfEveryLengthUpToItsRoom)
               tooLong);
 }
 
-TEST_F(DecryptionTest, AHashThatDoesNotFitTheKeyIsNotLookedFor)
+TEST_F(DecryptedBlockTest, AHashThatDoesNotFitTheKeyIsNotLookedFor)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = store(keyOf(oaepVectorKey()).get()); // 128 bytes: no room for two hashes of 64.
@@ -208,7 +208,7 @@ const RejectionVector REJECTION_VECTORS[] = {
      "ba27b1842e7c21c0e7ef6a"},
 };
 
-TEST_F(DecryptionTest, BadPkcs1BlocksAnswerTheTextsOfThePublishedVectors)
+TEST_F(DecryptedBlockTest, BadPkcs1BlocksAnswerTheTextsOfThePublishedVectors)
 {
     const VelkorKeyPair key = store(privateKeyFromFileContent(bytesOf(REJECTION_KEY)).get());
     for (const RejectionVector& vector : REJECTION_VECTORS) {
@@ -218,7 +218,7 @@ TEST_F(DecryptionTest, BadPkcs1BlocksAnswerTheTextsOfThePublishedVectors)
     }
 }
 
-TEST_F(DecryptionTest, WhateverIsWrongWithAPkcs1BlockTheAnswerIsASuccess)
+TEST_F(DecryptedBlockTest, WhateverIsWrongWithAPkcs1BlockTheAnswerIsASuccess)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = store(keyOf(oaepVectorKey()).get());
@@ -245,7 +245,7 @@ TEST_F(DecryptionTest, WhateverIsWrongWithAPkcs1BlockTheAnswerIsASuccess)
     }
 }
 
-TEST_F(DecryptionTest, TheShortestPaddingAndTheLongestPlaintextAreGood)
+TEST_F(DecryptedBlockTest, TheShortestPaddingAndTheLongestPlaintextAreGood)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = store(keyOf(oaepVectorKey()).get());
@@ -256,7 +256,7 @@ TEST_F(DecryptionTest, TheShortestPaddingAndTheLongestPlaintextAreGood)
     EXPECT_TRUE(empty.bytes.empty());
 }
 
-TEST_F(DecryptionTest, NumbersBeyondTheModulusAreNoCiphertext)
+TEST_F(DecryptedBlockTest, NumbersBeyondTheModulusAreNoCiphertext)
 {
     const VelkorKeyPair key = store(keyOf(oaepVectorKey()).get());
     EXPECT_EQ(decrypt(key, Data(128, 0xff)).status, code(SoftkeyStatus::DecryptionFailed));
@@ -264,7 +264,7 @@ TEST_F(DecryptionTest, NumbersBeyondTheModulusAreNoCiphertext)
 
 // ---- Keys that take OAEP alone ----
 
-TEST_F(DecryptionTest, AKeyForOaepAloneRefusesEveryOtherBlockAlike)
+TEST_F(DecryptedBlockTest, AKeyForOaepAloneRefusesEveryOtherBlockAlike)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = otherProcess()->addKeyPair(PIN, keyOf(oaepVectorKey()).get(), {},
@@ -281,7 +281,7 @@ TEST_F(DecryptionTest, AKeyForOaepAloneRefusesEveryOtherBlockAlike)
     }
 }
 
-TEST_F(DecryptionTest, TheMarkOfOaepAloneCannotBeTakenOff)
+TEST_F(DecryptedBlockTest, TheMarkOfOaepAloneCannotBeTakenOff)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = otherProcess()->addKeyPair(PIN, keyOf(oaepVectorKey()).get(), {},
@@ -291,7 +291,7 @@ TEST_F(DecryptionTest, TheMarkOfOaepAloneCannotBeTakenOff)
     EXPECT_EQ(decrypt(key, ciphertext).status, code(SoftkeyStatus::FileDamaged));
 }
 
-TEST_F(DecryptionTest, AKeyThatIsStoredAnewHasItsNewPaddings)
+TEST_F(DecryptedBlockTest, AKeyThatIsStoredAnewHasItsNewPaddings)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const VelkorKeyPair key = store(keyOf(oaepVectorKey()).get());
