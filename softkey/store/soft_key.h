@@ -75,7 +75,7 @@ private:
     std::shared_ptr<Unlocked> unlock(std::string_view pin);
 
     KeyFile file_;
-    std::mutex checkMutex_; ///< One PIN check at a time; taken before the other one.
+    std::mutex checkMutex_; ///< One thread unlocks at a time; taken before the other one.
     mutable std::mutex unlockedMutex_;
     std::shared_ptr<Unlocked> unlocked_;
     std::shared_ptr<const Contents> seen_; ///< Contents that `unlocked_` was last fitted to.
