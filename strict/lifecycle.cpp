@@ -1,6 +1,7 @@
 #include "strict/lifecycle.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -72,6 +73,7 @@ CK_RV loadModule(State& state)
     if (!bindFunctions(library, state.module))
         return refuse(CKR_GENERAL_ERROR, "C_Initialize: the module lacks a function");
     state.isModuleLoaded = true;
+    std::atexit(destroyPairsAtExit); // Runs before the handlers that were there already.
     return CKR_OK;
 }
 

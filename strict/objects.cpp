@@ -335,6 +335,12 @@ void takeObjectsOfToken(State& state, Token& token, RemovedThings& removed)
     token.tokenObjects.clear();
 }
 
+void takeSessionPairs(State& state, RemovedThings& removed)
+{
+    takeObjects(
+        state, [](const Object& object) { return object.ownsPair; }, removed);
+}
+
 void takePrivateSessionObjects(State& state, Token& token, RemovedThings& removed)
 {
     takeObjects(

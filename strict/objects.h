@@ -42,6 +42,7 @@ CK_RV searchModule(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE>& criteri
 /// Objects that go with a session, with a token, or with a login. Under State::lock.
 void takeObjectsOfSession(State& state, const Session& session, RemovedThings& removed);
 void takeObjectsOfToken(State& state, Token& token, RemovedThings& removed);
+void takeSessionPairs(State& state, RemovedThings& removed);
 void takePrivateSessionObjects(State& state, Token& token, RemovedThings& removed);
 void retirePrivateObjects(State& state, Token& token);
 

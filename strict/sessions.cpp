@@ -1,12 +1,14 @@
 #include "strict/sessions.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <utility>
 
 #include "log/log.h"
 #include "objects/handles.h"
 #include "strict/device_access.h"
+#include "strict/entry_sequence.h"
 #include "strict/login.h"
 #include "strict/objects.h"
 #include "strict/slots.h"
@@ -163,6 +165,26 @@ void destroyPairs(const std::vector<DoomedPair>& doomed)
         const CK_RV result = destroyPair(pair);
         if (result != CKR_OK)
             logError("A key pair of a closed session was not deleted : ", result);
+    }
+}
+
+void destroyPairsAtExit() noexcept
+{
+    constexpr std::chrono::milliseconds PATIENCE{200};
+    State& state = strict::state();
+    const CallInside call;
+    if (!call.isAdmitted() || !state.gate.enterAlone(PATIENCE))
+        return;
+    try {
+        RemovedThings removed;
+        {
+            const std::unique_lock lock(state.lock, std::try_to_lock);
+            if (lock.owns_lock())
+                takeSessionPairs(state, removed);
+        }
+        destroyPairs(removed.doomed);
+    } catch (...) {
+        logError("Key pairs of sessions were not deleted at the end of the process");
     }
 }
 

@@ -58,6 +58,9 @@ std::vector<DoomedPair> closeEverything();
 /// Deletes key pairs of closed sessions; a failure is told in the log.
 void destroyPairs(const std::vector<DoomedPair>& doomed);
 
+/// Deletes what a host leaves that ends without C_Finalize.
+void destroyPairsAtExit() noexcept;
+
 /// Of a session, from its token's login.
 CK_STATE stateOf(const Session& session);
 
