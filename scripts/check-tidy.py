@@ -23,20 +23,22 @@ KEPT_DAYS = 30
 
 
 def commands_by_source(build):
-    """The compile commands of the products, without launcher and precompiled headers, as {source: [entry]}."""
+    """The compile commands of the products, without launcher and what comes with precompiled headers, as {source: [entry]}."""
     found = {}
     for entry in json.loads((build / "compile_commands.json").read_text()):
+        if not entry["file"].endswith(".cpp"):
+            continue
         arguments = shlex.split(entry["command"])
         if os.path.basename(arguments[0]) == "ccache":
             del arguments[0]
         output = arguments[arguments.index("-o") + 1]
-        if output.startswith("tests/") or "cmake_pch" in os.path.basename(entry["file"]):
+        if output.startswith("tests/"):
             continue
         kept = []
         for argument in arguments:
             if "cmake_pch.hxx" in argument:
                 del kept[-1]  # -include
-            elif argument != "-Winvalid-pch":
+            elif argument not in ("-Winvalid-pch", "-fno-keep-inline-dllexport"):
                 kept.append(argument)
         found.setdefault(entry["file"], []).append(
             {"directory": entry["directory"], "file": entry["file"], "arguments": kept, "output": output})
