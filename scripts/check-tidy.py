@@ -23,7 +23,7 @@ KEPT_DAYS = 30
 
 
 def commands_by_source(build):
-    """The compile commands of the products, without launcher and what comes with precompiled headers, as {source: [entry]}."""
+    """The compile commands of the products, without what clang-tidy has no use for, as {source: [entry]}."""
     found = {}
     for entry in json.loads((build / "compile_commands.json").read_text()):
         if not entry["file"].endswith(".cpp"):

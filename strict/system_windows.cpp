@@ -25,7 +25,7 @@ std::wstring ownPath()
     std::vector<wchar_t> path(32768);
     const DWORD length = GetModuleFileNameW(ownModule(GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT), path.data(),
                                             static_cast<DWORD>(path.size()));
-    return std::wstring(path.data(), length);
+    return {path.data(), length};
 }
 
 } // namespace
