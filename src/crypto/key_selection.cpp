@@ -21,8 +21,8 @@ enum class Half {
 
 struct KeyRule {
     KeyUse use;
-    CK_OBJECT_HANDLE lowest; ///< Any lower handle is refused unseen.
     Half half;
+    CK_OBJECT_HANDLE lowest;       ///< Any lower handle is refused unseen.
     const char* invalid;           ///< Text of that refusal: before the handle,
     const char* invalidEnd;        ///< and behind it.
     const char* notFound;          ///< Text before a handle without a key pair.
@@ -30,17 +30,17 @@ struct KeyRule {
 };
 
 constexpr KeyRule KEY_RULES[] = {
-    {KeyUse::Sign, PRIVATE_KEY_BASE, Half::Private, "C_SignInit: invalid hKey=", "", "Invalid input handle in sign : ",
+    {KeyUse::Sign, Half::Private, PRIVATE_KEY_BASE, "C_SignInit: invalid hKey=", "", "Invalid input handle in sign : ",
      "C_SignInit: RSA-1024 signing not allowed — key size below 112-bit security strength"},
-    {KeyUse::Verify, PRIVATE_KEY_BASE, Half::Either, "C_VerifyInit: invalid hKey=", "",
+    {KeyUse::Verify, Half::Either, PRIVATE_KEY_BASE, "C_VerifyInit: invalid hKey=", "",
      "Invalid input handle in verify : "},
-    {KeyUse::EncryptPkcs, PRIVATE_KEY_BASE, Half::Either, "C_EncryptInit: invalid hKey=", "",
+    {KeyUse::EncryptPkcs, Half::Either, PRIVATE_KEY_BASE, "C_EncryptInit: invalid hKey=", "",
      "Invalid input handle in encrypt : "},
-    {KeyUse::EncryptOaep, PUBLIC_KEY_BASE, Half::Either, "C_EncryptInit: invalid hKey=", " for CKM_RSA_PKCS_OAEP",
+    {KeyUse::EncryptOaep, Half::Either, PUBLIC_KEY_BASE, "C_EncryptInit: invalid hKey=", " for CKM_RSA_PKCS_OAEP",
      "C_EncryptInit: invalid input handle for OAEP encrypt : "},
-    {KeyUse::DecryptPkcs, PRIVATE_KEY_BASE, Half::Private, "C_DecryptInit: invalid hKey=", " for CKM_RSA_PKCS",
+    {KeyUse::DecryptPkcs, Half::Private, PRIVATE_KEY_BASE, "C_DecryptInit: invalid hKey=", " for CKM_RSA_PKCS",
      "Invalid input handle in decrypt : "},
-    {KeyUse::DecryptOaep, PRIVATE_KEY_BASE, Half::Private, "C_DecryptInit: invalid hKey=", " for CKM_RSA_PKCS_OAEP",
+    {KeyUse::DecryptOaep, Half::Private, PRIVATE_KEY_BASE, "C_DecryptInit: invalid hKey=", " for CKM_RSA_PKCS_OAEP",
      "Invalid input handle in decrypt OAEP : "},
 };
 
