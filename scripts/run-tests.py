@@ -49,10 +49,10 @@ class Test:
     def refuses(self, run):
         """A program that is not GoogleTest's is judged as ctest does: by what it printed, or by its exit code."""
         output = "\n".join(run.output)
-        if any(re.search(pattern, output) for pattern in self.never_says or []):
+        if any(re.search(pattern, output, re.DOTALL) for pattern in self.never_says or []):
             return True
         if self.says and not run.timed_out:
-            return not any(re.search(pattern, output) for pattern in self.says)
+            return not any(re.search(pattern, output, re.DOTALL) for pattern in self.says)
         return bool(run.end())
 
 
