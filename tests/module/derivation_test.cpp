@@ -744,7 +744,7 @@ TEST_F(DerivedKeyTest, CannotBeDestroyed)
 
 TEST_F(DerivedKeyTest, OutliveTheFinalisationOfTheModuleAndSoDoesTheCount)
 {
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     listSlots();
     hSession_ = openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION);

@@ -1,9 +1,7 @@
 // The device monitor and C_WaitForSlotEvent.
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <stdexcept>
 
 #include "session_fixture.h"
@@ -14,11 +12,7 @@ namespace
 using testing::Contains;
 using testing::Not;
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::milliseconds POLLING_PERIOD{1000};
-/// A busy machine may be late, but not by a whole period.
-constexpr std::chrono::milliseconds LATEST = POLLING_PERIOD * 9 / 5;
+constexpr std::chrono::seconds LONG_ENOUGH{60};
 constexpr CK_FLAGS BLOCK = 0;
 constexpr CK_SLOT_ID UNTOUCHED = 77;
 
@@ -37,16 +31,18 @@ std::string countChanged(int before, int after)
     return "DEBUG Slot event: device count changed from " + std::to_string(before) + " to " + std::to_string(after);
 }
 
-/// Counts the monitor's queries of the device list and can make them fail. The module is not initialised yet.
+/// Counts the queries of the device list and can make them fail; the monitor sleeps until it is woken. The module is
+/// not initialised yet.
 class MonitorTest : public SessionTest
 {
 protected:
     void SetUp() override
     {
         ModuleTest::SetUp();
+        monitorSleep_.hold();
         EXPECT_CALL(*device_, velkor_getConnectedDeviceList(false, instance()))
             .WillRepeatedly([this](bool refresh, void* libraryInstance) {
-                countQuery();
+                ++queries_;
                 if (queriesFail_)
                     throw std::runtime_error("no answer");
                 return device_->defaults.velkor_getConnectedDeviceList(refresh, libraryInstance);
@@ -56,11 +52,18 @@ protected:
     /// Ends the monitor before the members that its queries use.
     void TearDown() override
     {
-        C_Finalize(nullptr);
+        finalize();
         SessionTest::TearDown();
     }
 
     void setConnected(const std::vector<std::string>& names) { device_->defaults.setConnected(names); }
+
+    /// The monitor sees the devices once.
+    void showToMonitor(const std::vector<std::string>& names)
+    {
+        setConnected(names);
+        ASSERT_TRUE(monitorSleep_.runCycle());
+    }
 
     void initializeWith(const std::vector<std::string>& names)
     {
@@ -76,46 +79,15 @@ protected:
         ASSERT_EQ(slot, FIRST_SLOT);
     }
 
-    /// The next query sees the devices as they are now; the one after it shows that its cycle is over.
-    bool waitForWholeCycle() { return waitForQueries(2); }
-
-    bool waitForQueries(std::size_t more)
-    {
-        std::unique_lock lock(queryLock_);
-        const std::size_t wanted = queries_.size() + more;
-        return queried_.wait_for(lock, std::chrono::seconds(20), [&] { return queries_.size() >= wanted; });
-    }
-
-    /// The time between the last two queries.
-    Clock::duration lastPeriod()
-    {
-        const std::scoped_lock lock(queryLock_);
-        return queries_.back() - *(queries_.end() - 2);
-    }
-
     Answer poll()
     {
         slot_ = UNTOUCHED;
         return answer(C_WaitForSlotEvent, CKF_DONT_BLOCK, &slot_, nullptr);
     }
 
+    std::atomic<int> queries_ = 0;
     std::atomic<bool> queriesFail_ = false;
     CK_SLOT_ID slot_ = UNTOUCHED;
-
-private:
-    void countQuery()
-    {
-        if (std::this_thread::get_id() == testThread_)
-            return;
-        const std::scoped_lock lock(queryLock_);
-        queries_.push_back(Clock::now());
-        queried_.notify_all();
-    }
-
-    const std::thread::id testThread_ = std::this_thread::get_id();
-    std::mutex queryLock_;
-    std::condition_variable queried_;
-    std::vector<Clock::time_point> queries_;
 };
 
 // ---- Slot events ----
@@ -132,9 +104,10 @@ TEST_F(MonitorTest, FirstCycleWithADeviceRaisesAnEvent)
 TEST_F(MonitorTest, FirstCycleWithoutDevicesRaisesNone)
 {
     initializeWith({});
-    ASSERT_TRUE(waitForWholeCycle());
-    EXPECT_GE(lastPeriod(), POLLING_PERIOD);
-    EXPECT_LT(lastPeriod(), LATEST);
+    ASSERT_TRUE(monitorSleep_.waitForIt());
+    EXPECT_EQ(queries_, 1);
+    ASSERT_TRUE(monitorSleep_.runCycle()); // A second's sleep is between two looks.
+    EXPECT_EQ(queries_, 2);
     EXPECT_EQ(poll(), NO_EVENT);
     EXPECT_EQ(slot_, UNTOUCHED);
     EXPECT_THAT(wholeLog(), Not(Contains(countChanged(0, 0))));
@@ -143,7 +116,7 @@ TEST_F(MonitorTest, FirstCycleWithoutDevicesRaisesNone)
 TEST_F(MonitorTest, PendingEventIsCollectedOnceWithoutBlocking)
 {
     initializeWith({FIRST_DEVICE, SECOND_DEVICE});
-    ASSERT_TRUE(waitForWholeCycle());
+    ASSERT_TRUE(monitorSleep_.waitForIt());
     EXPECT_EQ(poll(), COLLECTED);
     EXPECT_EQ(slot_, FIRST_SLOT);
     EXPECT_EQ(poll(), NO_EVENT);
@@ -154,10 +127,10 @@ TEST_F(MonitorTest, EveryChangeOfTheCountRaisesOneEventOfTheFirstSlot)
 {
     initializeWith({FIRST_DEVICE});
     takeEvent();
-    setConnected({FIRST_DEVICE, SECOND_DEVICE});
+    showToMonitor({FIRST_DEVICE, SECOND_DEVICE});
     takeEvent();
     EXPECT_EQ(poll(), NO_EVENT);
-    setConnected({});
+    showToMonitor({});
     takeEvent();
     EXPECT_EQ(poll(), NO_EVENT);
     EXPECT_EQ(timesLogged(countChanged(1, 2)), 1);
@@ -168,8 +141,7 @@ TEST_F(MonitorTest, SeveralChangesCollapseIntoOneEvent)
 {
     initializeWith({FIRST_DEVICE});
     ASSERT_TRUE(waitForLine(countChanged(0, 1)));
-    setConnected({FIRST_DEVICE, SECOND_DEVICE});
-    ASSERT_TRUE(waitForWholeCycle());
+    showToMonitor({FIRST_DEVICE, SECOND_DEVICE});
     ASSERT_THAT(wholeLog(), Contains(countChanged(1, 2)));
     EXPECT_EQ(poll(), COLLECTED);
     EXPECT_EQ(poll(), NO_EVENT);
@@ -179,8 +151,7 @@ TEST_F(MonitorTest, ExchangedDeviceRaisesNoEvent)
 {
     initializeWith({FIRST_DEVICE});
     takeEvent();
-    setConnected({SECOND_DEVICE});
-    ASSERT_TRUE(waitForWholeCycle());
+    showToMonitor({SECOND_DEVICE});
     EXPECT_EQ(poll(), NO_EVENT);
 }
 
@@ -194,9 +165,8 @@ TEST_F(MonitorTest, OneEventServesOneOfSeveralWaiters)
             return C_WaitForSlotEvent(BLOCK, &slot, nullptr);
         });
     }
-    setConnected({FIRST_DEVICE});
-    ASSERT_TRUE(waitForWholeCycle());
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    showToMonitor({FIRST_DEVICE});
+    ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_THAT((std::vector{waiters[0].get(), waiters[1].get()}),
                 testing::UnorderedElementsAre(CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED));
 }
@@ -205,7 +175,7 @@ TEST_F(MonitorTest, EventThatNobodyTookOutlivesFinalize)
 {
     initializeWith({FIRST_DEVICE});
     ASSERT_TRUE(waitForLine(countChanged(0, 1)));
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_EQ(poll(),
               refusal(CKR_CRYPTOKI_NOT_INITIALIZED, "C_WaitForSlotEvent", "C_WaitForSlotEvent: not initialized"));
     initializeWith({});
@@ -236,12 +206,12 @@ TEST_F(MonitorTest, OnlyTheFlagForNotBlockingCounts)
 TEST_F(MonitorTest, FinalizeWaitsForTheMonitorsSleep)
 {
     initializeWith({FIRST_DEVICE});
-    takeEvent(); // The monitor sleeps from here on.
-    const auto start = Clock::now();
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
-    const auto taken = Clock::now() - start;
-    EXPECT_GT(taken, POLLING_PERIOD / 2);
-    EXPECT_LT(taken, LATEST);
+    ASSERT_TRUE(monitorSleep_.waitForIt());
+    std::future<CK_RV> finalized = std::async(std::launch::async, C_Finalize, nullptr);
+    EXPECT_TRUE(waitForLine("DEBUG C_Finalize"));
+    EXPECT_EQ(finalized.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    monitorSleep_.skip();
+    EXPECT_EQ(finalized.get(), CKR_OK);
     const std::vector<std::string> log = wholeLog();
     EXPECT_EQ((std::vector(log.end() - 4, log.end())),
               (std::vector<std::string>{"DEBUG C_Finalize", "DEBUG Session monitor thread stopped.",
@@ -255,10 +225,12 @@ TEST_F(MonitorTest, FinalizeWakesABlockedWaiter)
     std::future<CK_RV> waiter =
         std::async(std::launch::async, [&] { return C_WaitForSlotEvent(BLOCK, &slot_, nullptr); });
     ASSERT_TRUE(waitForLine("DEBUG C_WaitForSlotEvent"));
-    const auto start = Clock::now();
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_TRUE(monitorSleep_.waitForIt());
+    std::future<CK_RV> finalized = std::async(std::launch::async, C_Finalize, nullptr);
+    EXPECT_EQ(waiter.wait_for(LONG_ENOUGH), std::future_status::ready); // The monitor sleeps on.
+    monitorSleep_.skip();
     EXPECT_EQ(waiter.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
-    EXPECT_LT(Clock::now() - start, LATEST);
+    EXPECT_EQ(finalized.get(), CKR_OK);
     EXPECT_EQ(slot_, UNTOUCHED);
     EXPECT_THAT(wholeLog(), Contains(STOPPED.lines[1]));
 }
@@ -275,7 +247,7 @@ TEST_F(MonitorTest, StopWinsOverAPendingEventAndLeavesIt)
     });
     initializeWith({FIRST_DEVICE});
     ASSERT_TRUE(waitForLine(countChanged(0, 1)));
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_EQ(blocking, STOPPED);
     EXPECT_EQ(nonBlocking, COLLECTED);
 }
@@ -300,7 +272,7 @@ TEST_F(VanishingDeviceTest, UserSessionsBecomePublicAndThePinIsForgotten)
     const CK_SESSION_HANDLE readOnly = openSession(READ_ONLY);
     const CK_SESSION_HANDLE readWrite = openSession(READ_WRITE);
     ASSERT_EQ(loginAs(CKU_USER, readWrite), CKR_OK);
-    setConnected({SECOND_DEVICE});
+    showToMonitor({SECOND_DEVICE});
     takeEvent();
     EXPECT_EQ(stateOf(readOnly), CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(stateOf(readWrite), CKS_RW_PUBLIC_SESSION);
@@ -314,7 +286,7 @@ TEST_F(VanishingDeviceTest, SessionsOfConnectedDevicesKeepTheirStateWithoutThePi
     const CK_SESSION_HANDLE gone = openSession(READ_WRITE, FIRST_SLOT);
     ASSERT_EQ(loginAs(CKU_USER, gone), CKR_OK);
     const CK_SESSION_HANDLE staying = openSession(READ_ONLY, SECOND_SLOT);
-    setConnected({SECOND_DEVICE});
+    showToMonitor({SECOND_DEVICE});
     takeEvent();
     EXPECT_EQ(stateOf(gone), CKS_RW_PUBLIC_SESSION);
     EXPECT_EQ(stateOf(staying), CKS_RO_USER_FUNCTIONS);
@@ -327,7 +299,7 @@ TEST_F(VanishingDeviceTest, PublicAndSecurityOfficerSessionsAreLeftAlone)
     const std::vector publicSessions = {openSession(READ_ONLY), openSession(READ_WRITE)};
     const CK_SESSION_HANDLE officer = openSession(READ_WRITE, SECOND_SLOT);
     ASSERT_EQ(loginAs(CKU_SO, officer), CKR_OK);
-    setConnected({});
+    showToMonitor({});
     takeEvent();
     EXPECT_EQ(stateOf(publicSessions[0]), CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(stateOf(publicSessions[1]), CKS_RW_PUBLIC_SESSION);
@@ -340,7 +312,7 @@ TEST_F(VanishingDeviceTest, PublicSessionOfAGoneDeviceLeavesThePinOfAnother)
     const CK_SESSION_HANDLE gone = openSession(READ_WRITE, FIRST_SLOT);
     const CK_SESSION_HANDLE staying = openSession(READ_WRITE, SECOND_SLOT);
     ASSERT_EQ(loginAs(CKU_USER, staying), CKR_OK);
-    setConnected({SECOND_DEVICE});
+    showToMonitor({SECOND_DEVICE});
     takeEvent();
     EXPECT_EQ(stateOf(gone), CKS_RW_PUBLIC_SESSION);
     EXPECT_EQ(stateOf(staying), CKS_RW_USER_FUNCTIONS);
@@ -351,8 +323,7 @@ TEST_F(VanishingDeviceTest, ExchangedDeviceLogsOutWithoutAnEvent)
 {
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
     ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
-    setConnected({SECOND_DEVICE, "VK100003"});
-    ASSERT_TRUE(waitForWholeCycle());
+    showToMonitor({SECOND_DEVICE, "VK100003"});
     EXPECT_EQ(stateOf(handle), CKS_RW_PUBLIC_SESSION);
     EXPECT_FALSE(isUserLoggedIn());
     EXPECT_EQ(poll(), NO_EVENT);
@@ -362,7 +333,7 @@ TEST_F(VanishingDeviceTest, OnlyTheWholeNameInItsOwnCaseIsTheDevice)
 {
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
     ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
-    setConnected({"vk100001", "VK10000", "VK1000011"});
+    showToMonitor({"vk100001", "VK10000", "VK1000011"});
     takeEvent();
     EXPECT_EQ(stateOf(handle), CKS_RW_PUBLIC_SESSION);
 }
@@ -371,7 +342,7 @@ TEST_F(VanishingDeviceTest, ConnectedDeviceKeepsItsLogin)
 {
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
     ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
-    setConnected({FIRST_DEVICE});
+    showToMonitor({FIRST_DEVICE});
     takeEvent();
     EXPECT_EQ(stateOf(handle), CKS_RW_USER_FUNCTIONS);
     EXPECT_TRUE(isUserLoggedIn());
@@ -384,7 +355,7 @@ TEST_F(VanishingDeviceTest, SerialNumberIsComparedNotTheNameInTheSlotTable)
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
     EXPECT_CALL(*device_, velkor_validatePassword).WillOnce(testing::Return(0));
     ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
-    ASSERT_TRUE(waitForWholeCycle());
+    ASSERT_TRUE(monitorSleep_.runCycle());
     EXPECT_EQ(stateOf(handle), CKS_RW_PUBLIC_SESSION);
 }
 
@@ -393,11 +364,13 @@ TEST_F(VanishingDeviceTest, FailedQueryCountsAsNoDevices)
     const CK_SESSION_HANDLE handle = openSession(READ_WRITE);
     ASSERT_EQ(loginAs(CKU_USER, handle), CKR_OK);
     queriesFail_ = true;
+    ASSERT_TRUE(monitorSleep_.runCycle());
     takeEvent();
     queriesFail_ = false;
     EXPECT_EQ(stateOf(handle), CKS_RW_PUBLIC_SESSION);
     EXPECT_FALSE(isUserLoggedIn());
     EXPECT_THAT(wholeLog(), Contains(countChanged(2, 0)));
+    ASSERT_TRUE(monitorSleep_.runCycle());
     takeEvent();
     EXPECT_THAT(wholeLog(), Contains(countChanged(0, 2)));
 }

@@ -887,7 +887,7 @@ TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWithAllSessions)
 
 TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWhenTheModuleIsFinalised)
 {
-    EXPECT_EQ(leftBlocks([](auto...) { EXPECT_EQ(C_Finalize(nullptr), CKR_OK); }), 0);
+    EXPECT_EQ(leftBlocks([this](auto...) { EXPECT_EQ(finalize(), CKR_OK); }), 0);
 }
 
 TEST_F(PlaintextWipingTest, APlaintextThatWasNeverFetchedGoesWithTheNextInitialisation)

@@ -25,7 +25,7 @@ TEST_F(LifecycleTest, InitializeIgnoresItsArgument)
     CK_C_INITIALIZE_ARGS arguments;
     std::memset(&arguments, 0xFF, sizeof arguments);
     EXPECT_EQ(C_Initialize(&arguments), CKR_OK);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_EQ(C_Initialize(reinterpret_cast<void*>(1)), CKR_OK);
 }
 
@@ -68,7 +68,7 @@ TEST_F(LifecycleTest, FinalizeJoinsTheMonitorThenReleasesTheInstance)
 TEST_F(LifecycleTest, TheMonitorSaysWhenItStartsAndStops)
 {
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     const std::vector<std::string> log = wholeLog();
     EXPECT_THAT(log, testing::Contains("DEBUG Session monitor thread started."));
     EXPECT_THAT(log, testing::Contains("DEBUG Session monitor thread stopped."));
@@ -78,7 +78,7 @@ TEST_F(LifecycleTest, InitializeAfterFinalizeStartsAfresh)
 {
     EXPECT_CALL(*device_, velkor_createInstance(_)).Times(2);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_EQ(answer(C_Initialize, nullptr), (Answer{CKR_OK, {"DEBUG C_Initialize"}}));
     CK_INFO info;
     EXPECT_EQ(C_GetInfo(&info), CKR_OK);
@@ -90,7 +90,7 @@ TEST_F(LifecycleTest, FailedLibraryStartIsToldInTheLogOnly)
     EXPECT_EQ(answer(C_Initialize, nullptr),
               (Answer{CKR_OK, {"DEBUG C_Initialize", "ERROR Init pkcs11 library failed failed"}}));
     EXPECT_EQ(C_GetInfo(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-    EXPECT_EQ(C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(finalize(), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 TEST_F(LifecycleTest, InitializeAfterAFailedStartStopsTheOldMonitorAndTriesAgain)

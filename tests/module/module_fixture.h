@@ -17,7 +17,9 @@
 
 #include "cryptoki.h"
 #include "device_double.h"
+#include "eventually.h"
 #include "mock_device.h"
+#include "monitor_sleep.h"
 #include "test_system.h"
 #include "velkor_extensions.h"
 
@@ -73,14 +75,14 @@ protected:
         setDeviceOperations(device_);
     }
 
-    /// A finalising takes up to a second, so a process with a single test leaves the module to the process's end.
+    /// A process with a single test leaves the module to the process's end.
     void TearDown() override
     {
         setLogLevel("0");
         testing::Mock::VerifyAndClearExpectations(device_.get());
         setDeviceOperations(std::make_shared<LastDevice>());
         waitForMonitorToLeaveTheDevice();
-        if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && C_Finalize(nullptr) != CKR_OK)
+        if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && finalize() != CKR_OK)
             stopLeftMonitor();
     }
 
@@ -93,11 +95,20 @@ protected:
     }
 
     /// A failed start leaves a monitor behind, which a good one ends once it has begun to run.
-    static void stopLeftMonitor()
+    void stopLeftMonitor()
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         C_Initialize(nullptr);
-        C_Finalize(nullptr);
+        finalize();
+    }
+
+    /// Does not wait for the monitor's sleep to pass.
+    CK_RV finalize()
+    {
+        monitorSleep_.skip();
+        const CK_RV code = C_Finalize(nullptr);
+        monitorSleep_.release();
+        return code;
     }
 
     void setLogLevel(const std::string& value) const { logLevel_->set(value); }
@@ -134,12 +145,7 @@ protected:
     /// Waits until threads have written a line that often; false when it does not come.
     bool waitForLine(const std::string& line, long times = 1) const
     {
-        for (int round = 0; round < 1000; ++round) {
-            if (timesLogged(line) >= times)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return test_system::eventually([&] { return timesLogged(line) >= times; });
     }
 
     /// Calls an entry point and reads what it wrote.
@@ -161,6 +167,7 @@ protected:
         return libraryInstance;
     }
 
+    MonitorSleep monitorSleep_;
     std::filesystem::path folder_;
     std::filesystem::path logFolder_;
     std::unique_ptr<test_system::LogLevel> logLevel_;

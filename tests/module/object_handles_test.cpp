@@ -72,7 +72,7 @@ TEST_F(DerivedKeyHandleTest, OutlivesItsSessionAndTheModulesFinalizing)
     ASSERT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK);
     hSession_ = openSession(CKF_SERIAL_SESSION, SECOND_SLOT);
     EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     listSlots();
     hSession_ = openSession(CKF_SERIAL_SESSION);

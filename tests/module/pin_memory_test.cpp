@@ -244,7 +244,7 @@ TEST_F(PinMemoryTest, VanishedDeviceWipesThePin)
 TEST_F(PinMemoryTest, FinalizeWipesThePin)
 {
     login();
-    EXPECT_EQ(found([&] { ASSERT_EQ(C_Finalize(nullptr), CKR_OK); }), 0);
+    EXPECT_EQ(found([&] { ASSERT_EQ(finalize(), CKR_OK); }), 0);
 }
 
 TEST_F(PinMemoryTest, NoPinIsLogged)

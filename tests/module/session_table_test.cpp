@@ -325,7 +325,7 @@ TEST_F(SessionTableTest, FinalizeDestroysSessionsAndLogin)
 {
     ASSERT_EQ(loginAs(CKU_USER, openSession(READ_WRITE)), CKR_OK);
     openSession(READ_ONLY, SECOND_SLOT);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     CK_SESSION_INFO info;
     EXPECT_EQ(C_GetSessionInfo(FIRST_SESSION, &info), CKR_CRYPTOKI_NOT_INITIALIZED);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);

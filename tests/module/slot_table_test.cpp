@@ -286,7 +286,7 @@ TEST_F(SlotListTest, UnpluggedDeviceKeepsItsSlotUntilTheNextList)
 TEST_F(SlotListTest, FinalizeEmptiesTheTable)
 {
     fillList(4);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     EXPECT_EQ(slotInfo(FIRST_SLOT), CKR_SLOT_ID_INVALID);
 }
@@ -351,7 +351,7 @@ TEST_F(SlotListQueryTest, AsksForTheDevicesAsTheLibraryKnowsThem)
     EXPECT_EQ(C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
     EXPECT_EQ(queries, 1);
     EXPECT_EQ(count, 1u);
-    ASSERT_EQ(C_Finalize(nullptr), CKR_OK);
+    ASSERT_EQ(finalize(), CKR_OK);
 }
 
 // ---- Slot IDs and pointers that are refused ----

@@ -30,7 +30,7 @@ public:
     }
 };
 
-/// The threads run until the monitor has scanned a second time. Nothing is logged: writing would keep them in step.
+/// Nothing is logged: writing would keep them in step.
 class ThreadsTest : public SessionTest
 {
 protected:
@@ -38,21 +38,26 @@ protected:
     {
         ModuleTest::SetUp();
         setLogLevel("0");
+        monitorSleep_.hold();
         setDeviceOperations(tolerantDevice_);
         ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
         listSlots();
     }
 
-    static void runFor(std::chrono::milliseconds time, const std::vector<std::function<void()>>& works)
+    /// Every thread does its work that often at least, and until the monitor has looked at the devices several times.
+    void runBesideMonitor(int rounds, const std::vector<std::function<void()>>& works)
     {
-        const auto end = std::chrono::steady_clock::now() + time;
+        std::atomic<bool> over = false;
         std::vector<std::thread> threads;
         for (const auto& work : works) {
-            threads.emplace_back([&work, end] {
-                while (std::chrono::steady_clock::now() < end)
+            threads.emplace_back([&work, &over, rounds] {
+                for (int round = 0; round < rounds || !over; ++round)
                     work();
             });
         }
+        for (int cycle = 0; cycle < 20; ++cycle)
+            EXPECT_TRUE(monitorSleep_.runCycle());
+        over = true;
         for (std::thread& thread : threads)
             thread.join();
     }
@@ -178,7 +183,7 @@ TEST_F(ThreadsTest, KeysAreUsedDerivedGeneratedAndDeletedAtOnce)
                 user.generateAndDelete();
         });
     }
-    runFor(std::chrono::milliseconds(2500), works);
+    runBesideMonitor(200, works);
     std::size_t derivations = 0;
     std::set<CK_OBJECT_HANDLE> handles;
     for (const KeyUser& user : users) {
@@ -187,30 +192,30 @@ TEST_F(ThreadsTest, KeysAreUsedDerivedGeneratedAndDeletedAtOnce)
     }
     EXPECT_GE(derivations, users.size());
     EXPECT_EQ(handles.size(), derivations);
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(finalize(), CKR_OK);
 }
 
 TEST_F(ThreadsTest, SessionsComeAndGoWhileDevicesDo)
 {
     bool plugged = true;
-    runFor(std::chrono::milliseconds(2500),
-           {[] { useSession(FIRST_SLOT, READ_WRITE); }, [] { useSession(FIRST_SLOT, READ_ONLY); },
-            [] { useSession(SECOND_SLOT, READ_WRITE); }, [] { useSession(SECOND_SLOT, READ_ONLY); }, pollForEvent,
-            [&] {
-                plugged = !plugged;
-                tolerantDevice_->setConnected(plugged ? std::vector<std::string>{FIRST_DEVICE, SECOND_DEVICE}
-                                                      : std::vector<std::string>{});
-            }});
+    runBesideMonitor(
+        2000, {[] { useSession(FIRST_SLOT, READ_WRITE); }, [] { useSession(FIRST_SLOT, READ_ONLY); },
+               [] { useSession(SECOND_SLOT, READ_WRITE); }, [] { useSession(SECOND_SLOT, READ_ONLY); }, pollForEvent,
+               [&] {
+                   plugged = !plugged;
+                   tolerantDevice_->setConnected(plugged ? std::vector<std::string>{FIRST_DEVICE, SECOND_DEVICE}
+                                                         : std::vector<std::string>{});
+               }});
     EXPECT_EQ(openSession(READ_ONLY), FIRST_SESSION); // All others are closed.
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(finalize(), CKR_OK);
 }
 
 TEST_F(ThreadsTest, SlotsAreListedWhileTheyAreUsed)
 {
-    runFor(std::chrono::milliseconds(1500),
-           {[] { listSlots(); }, [] { listSlots(); }, [] { useSession(FIRST_SLOT, READ_WRITE); },
-            [] { describeSlot(FIRST_SLOT, "First key"); }, [] { describeSlot(SECOND_SLOT, "Second key"); }});
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    runBesideMonitor(2000,
+                     {[] { listSlots(); }, [] { listSlots(); }, [] { useSession(FIRST_SLOT, READ_WRITE); },
+                      [] { describeSlot(FIRST_SLOT, "First key"); }, [] { describeSlot(SECOND_SLOT, "Second key"); }});
+    EXPECT_EQ(finalize(), CKR_OK);
 }
 
 /// One thread's session and the objects that it looks at, again and again.
@@ -289,7 +294,7 @@ TEST_F(ThreadsTest, ObjectsAreFoundReadAndDerivedBySeveralThreads)
                                                    publicKey(5), publicKey(6), publicKey(7)};
     runRounds(3000, {read(FIRST_SLOT, ofFirst, 2, "pair 2", 512), read(FIRST_SLOT, ofFirst, 7, "pair 7", 266),
                      read(SECOND_SLOT, {publicKey(1)}, 1, "other pair", 512), readCertificate, deriveAnew});
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(finalize(), CKR_OK);
 }
 
 TEST_F(ThreadsTest, ClosingAllSessionsMeetsCallsOnThem)
@@ -303,9 +308,8 @@ TEST_F(ThreadsTest, ClosingAllSessionsMeetsCallsOnThem)
         EXPECT_THAT(C_Logout(handle), AnyOf(known, CKR_USER_NOT_LOGGED_IN));
         EXPECT_THAT(C_CloseSession(handle), known);
     };
-    runFor(std::chrono::milliseconds(1500),
-           {openAndUse, openAndUse, [] { EXPECT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK); }});
-    EXPECT_EQ(C_Finalize(nullptr), CKR_OK);
+    runBesideMonitor(2000, {openAndUse, openAndUse, [] { EXPECT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK); }});
+    EXPECT_EQ(finalize(), CKR_OK);
 }
 
 // ---- Device calls that block ----
@@ -358,11 +362,12 @@ protected:
         EXPECT_EQ(C_GetTokenInfo(FIRST_SLOT, &token), CKR_OK);
     }
 
-    void waitForAChange() const
+    void waitForAChange()
     {
         CK_SLOT_ID slot = 0;
         EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK); // Both devices, at the start.
         device_->defaults.setConnected({FIRST_DEVICE, SECOND_DEVICE, "VK100003"});
+        monitorSleep_.skip();
         EXPECT_EQ(C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK);
     }
 
@@ -455,16 +460,16 @@ protected:
     /// Ends the monitor before the gate.
     void TearDown() override
     {
-        C_Finalize(nullptr);
+        finalize();
         BlockedDeviceTest::TearDown();
     }
 
     /// Starts C_Finalize beside the test; it does not come to its end before the gate is open.
     std::future<CK_RV> finalizeBeside() const
     {
-        std::future<CK_RV> finalize = std::async(std::launch::async, C_Finalize, nullptr);
+        std::future<CK_RV> finalized = std::async(std::launch::async, C_Finalize, nullptr);
         EXPECT_TRUE(waitForLine("DEBUG C_Finalize"));
-        return finalize;
+        return finalized;
     }
 
     /// A waiter that nothing wakes gets the event of the next start, which ends the test.
@@ -494,26 +499,28 @@ TEST_F(BlockedMonitorTest, FinalizeWakesEveryWaiterBeforeItJoins)
     }
     EXPECT_TRUE(waitForLine("DEBUG C_WaitForSlotEvent", 2));
     std::this_thread::sleep_for(std::chrono::milliseconds(20)); // From the entry line to the wait.
-    std::future<CK_RV> finalize = finalizeBeside();
+    std::future<CK_RV> finalized = finalizeBeside();
     for (std::future<CK_RV>& waiter : waiters_) {
         EXPECT_TRUE(waiter.wait_for(LONG_ENOUGH) == std::future_status::ready &&
                     waiter.get() == CKR_CRYPTOKI_NOT_INITIALIZED);
     }
     EXPECT_EQ(timesLogged("ERROR C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED"), 2);
     EXPECT_EQ(timesLogged("DEBUG Session monitor thread stopped."), 0);
+    monitorSleep_.skip();
     gate_.letGo();
-    EXPECT_EQ(finalize.get(), CKR_OK);
+    EXPECT_EQ(finalized.get(), CKR_OK);
 }
 
 TEST_F(BlockedMonitorTest, FinalizeWaitsForTheQueryOfTheMonitor)
 {
     std::atomic<int> releases = 0;
     EXPECT_CALL(*device_, velkor_releaseInstance).WillRepeatedly([&](void*) { ++releases; });
-    std::future<CK_RV> finalize = finalizeBeside();
-    EXPECT_EQ(finalize.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    std::future<CK_RV> finalized = finalizeBeside();
+    EXPECT_EQ(finalized.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
     EXPECT_EQ(releases, 0);
+    monitorSleep_.skip();
     gate_.letGo();
-    EXPECT_EQ(finalize.get(), CKR_OK);
+    EXPECT_EQ(finalized.get(), CKR_OK);
     EXPECT_EQ(releases, 1);
 }
 

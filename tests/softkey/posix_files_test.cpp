@@ -1,6 +1,7 @@
 // What is POSIX's own: the default folder, whom it and its files admit, files that go while they are open.
 #include "world.h"
 
+#include "eventually.h"
 #include "platform/default_folder.h"
 #include "platform/file_lock.h"
 #include "test_system.h"
@@ -118,8 +119,7 @@ TEST_F(PosixFilesTest, AKeyThatIsExchangedByHandIsNoticedShortly)
     KeySettings settings = cheapSettings(SERIAL);
     settings.label = "Another";
     createKey(settings);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Another");
+    EXPECT_TRUE(test_system::eventually([&] { return velkor_getTokenInfo(SERIAL, instance).label == "Another"; }));
 }
 
 } // namespace

@@ -2,7 +2,9 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "eventually.h"
 #include "platform/file_lock.h"
+#include "sleeps.h"
 #include "store/schema.h"
 
 #include <atomic>
@@ -364,29 +366,49 @@ TEST_F(StorageTest, AKeyThatSomebodyElseChangesForTooLongIsBusy)
     EXPECT_EQ(key->contents()->userPin.triesLeft, 5);
 }
 
+/// Another process that keeps a file locked.
+class Locker
+{
+public:
+    Locker(const std::filesystem::path& file, const std::filesystem::path& scratch)
+        : shell_(popen(("sqlite3 " + file.string()).c_str(), "w"))
+    {
+        const std::filesystem::path locked = scratch / "locked";
+        std::fprintf(shell_, "BEGIN EXCLUSIVE;\n.shell touch %s\n", locked.c_str());
+        std::fflush(shell_);
+        EXPECT_TRUE(test_system::eventually([&] { return std::filesystem::exists(locked); }));
+    }
+
+    ~Locker() { pclose(shell_); }
+    Locker(const Locker&) = delete;
+    Locker& operator=(const Locker&) = delete;
+
+private:
+    std::FILE* shell_;
+};
+
 TEST_F(StorageTest, AFileKeptLockedIsBusy)
 {
-    const VelkorKeyPair pair = generate(KEY_KIND_EC_P256);
-    const Identifier identifier = std::to_array(pair.keyIdentifier);
-    const ShortPatience patience;
-    // Both from here: two copies of SQLite in one process would not see each other's locks.
-    const std::unique_ptr<SoftKey> key = otherProcess();
-    EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY), nullptr);
-    key->contents();
-    Database other(keyPath().string(), Database::Mode::Existing);
-    other.execute("BEGIN EXCLUSIVE");
-    const Data before = readFile(keyPath());
-    EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY), nullptr)
-        << "what is unlocked is used without the file";
-    try {
-        key->file().change([](Database&) {});
-        ADD_FAILURE() << "a locked file was changed";
-    } catch (const Refusal& refusal) {
-        EXPECT_EQ(refusal.status(), SoftkeyStatus::StorageBusy);
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    {
+        const Locker other(keyPath(), scratch.path());
+        const Data before = readFile(keyPath());
+        EXPECT_EQ(trySign(key, Data(32, 1)), 0) << "what is unlocked is used without the file";
+        std::chrono::milliseconds waited{0};
+        test_system::takeOverSleeps([&](std::chrono::milliseconds time) {
+            waited += time;
+            return true;
+        });
+        EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance),
+                  code(SoftkeyStatus::StorageBusy));
+        int tries = 0;
+        EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+        test_system::takeOverSleeps({});
+        EXPECT_GE(waited, std::chrono::seconds(20)) << "two refusals, each after ten seconds";
+        EXPECT_EQ(readFile(keyPath()), before);
     }
-    EXPECT_EQ(readFile(keyPath()), before);
-    other.execute("ROLLBACK");
-    EXPECT_NO_THROW(key->file().change([](Database&) {}));
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), 0);
 }
 
 TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
