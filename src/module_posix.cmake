@@ -20,6 +20,7 @@ function(add_cryptoki_module name)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${VERSION_SCRIPT})
     target_link_libraries(${name} PRIVATE project_options module_device)
     precompile(${name})
+    add_dependencies(installed ${name})
     install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velkor)
 endfunction()
 

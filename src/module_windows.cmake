@@ -17,4 +17,5 @@ set_source_files_properties(frame/unsupported.cpp PROPERTIES COMPILE_DEFINITIONS
 target_include_directories(velkor-pkcs11 PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE .)
 target_link_libraries(velkor-pkcs11 PRIVATE project_options module_device)
 precompile(velkor-pkcs11)
+add_dependencies(installed velkor-pkcs11)
 install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
