@@ -83,6 +83,18 @@ void logOutIfPinIsWrong(Token& token)
     }
 }
 
+bool isOfDevice(CK_RV result)
+{
+    return result == CKR_FUNCTION_FAILED || result == CKR_DEVICE_REMOVED || result == CKR_SESSION_HANDLE_INVALID;
+}
+
+/// A device that has gone looks like one without objects, and to a verification like a bad signature.
+bool mayHideRemoval(CK_RV result)
+{
+    return isOfDevice(result) || result == CKR_OBJECT_HANDLE_INVALID || result == CKR_KEY_HANDLE_INVALID ||
+           result == CKR_SIGNATURE_INVALID;
+}
+
 bool isPresent(const Token& token)
 {
     const std::scoped_lock lock(state().lock);
@@ -210,10 +222,10 @@ CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& p
 
 CK_RV causeOfFailure(Token& token, CK_RV result)
 {
-    if (result != CKR_FUNCTION_FAILED && result != CKR_DEVICE_REMOVED && result != CKR_SESSION_HANDLE_INVALID)
+    if (!mayHideRemoval(result))
         return result;
     bool isPinDropped = false;
-    {
+    if (isOfDevice(result)) {
         KeyGate::Stay stay = state().gate.enterAlone();
         isPinDropped = hasModuleDroppedPin(stay, token);
     }

@@ -4,7 +4,6 @@
 #include "objects/handles.h"
 #include "strict/operation.h"
 #include "strict/sessions.h"
-#include "strict/slots.h"
 #include "velkor/device_service.h"
 
 namespace velkor::strict
@@ -102,14 +101,6 @@ CK_RV verifyInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, c
                              static_cast<CK_ULONG>(signature.size()));
 }
 
-/// The module answers so whatever the device failed with, a device that has gone included.
-CK_RV causeOfBadSignature(Token& token)
-{
-    Token* present = nullptr;
-    const CK_RV result = findPresentToken("C_Verify", token.slotID, present);
-    return result == CKR_TOKEN_NOT_PRESENT ? CKR_DEVICE_REMOVED : CKR_SIGNATURE_INVALID;
-}
-
 CK_RV checkSignature(const char* name, Token& token, KeyOperation& operation, ByteView data, ByteView signature)
 {
     const std::size_t expected = signatureSize(*operation.contents);
@@ -120,9 +111,8 @@ CK_RV checkSignature(const char* name, Token& token, KeyOperation& operation, By
     CK_RV result = prepareCall(name, token, operation, data, call);
     if (result != CKR_OK)
         return result;
-    result = useKeyPair(token, operation.pair, operation.contents->identity,
-                        [&](CK_SESSION_HANDLE session) { return verifyInModule(session, operation, call, signature); });
-    return result == CKR_SIGNATURE_INVALID ? causeOfBadSignature(token) : result;
+    return useKeyPair(token, operation.pair, operation.contents->identity,
+                      [&](CK_SESSION_HANDLE session) { return verifyInModule(session, operation, call, signature); });
 }
 
 } // namespace

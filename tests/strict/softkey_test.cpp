@@ -1,0 +1,327 @@
+// The strict front over the software key: real keys, two tokens with PINs of their own, and buffers that end where
+// memory ends.
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include "cryptoki.h"
+#include "guarded_buffer.h"
+#include "test_system.h"
+
+namespace
+{
+
+using Bytes = std::vector<unsigned char>;
+
+const std::filesystem::path& world()
+{
+    static const std::filesystem::path folder =
+        std::filesystem::absolute(test_system::scratchFolder("strict-softkey-" + std::to_string(getpid())));
+    return folder;
+}
+
+void tool(const std::string& arguments)
+{
+    const std::string command = std::string(SOFTKEY_TOOL) + " " + arguments + " >/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+const CK_FUNCTION_LIST& front()
+{
+    static const CK_FUNCTION_LIST_PTR list = [] {
+        void* library = dlopen(STRICT_FILE, RTLD_NOW | RTLD_LOCAL);
+        EXPECT_NE(library, nullptr) << dlerror();
+        CK_FUNCTION_LIST_PTR functions = nullptr;
+        reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"))(&functions);
+        return functions;
+    }();
+    return *list;
+}
+
+class StrictSoftkeyTest : public testing::Test
+{
+protected:
+    StrictSoftkeyTest()
+    {
+        std::filesystem::remove_all(world());
+        std::filesystem::create_directories(world() / "tmp");
+        test_system::setEnvironment("VELKOR_SOFTKEY_HOME", (world() / "keys").string());
+        test_system::setTemporaryFolder(world() / "tmp");
+        std::ofstream(world() / "velkor.conf") << "logLevel = 2\n";
+        test_system::setEnvironment("VELKOR_CONFIG", (world() / "velkor.conf").string());
+        test_system::setEnvironment("PIN", "first-pin");
+        test_system::setEnvironment("SO_PIN", "officer-pin");
+        tool("create --serial STRICT1 --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
+        test_system::setEnvironment("PIN", "second-pin");
+        tool("create --serial STRICT2 --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
+        EXPECT_EQ(p11().C_Initialize(nullptr), CKR_OK);
+    }
+
+    ~StrictSoftkeyTest() override
+    {
+        p11().C_Finalize(nullptr);
+        std::filesystem::remove_all(world());
+    }
+
+    static const CK_FUNCTION_LIST& p11() { return front(); }
+
+    static CK_SLOT_ID slot(std::size_t index)
+    {
+        std::array<CK_SLOT_ID, 8> slots{};
+        CK_ULONG count = slots.size();
+        EXPECT_EQ(p11().C_GetSlotList(CK_TRUE, slots.data(), &count), CKR_OK);
+        EXPECT_GT(count, index);
+        return slots[index];
+    }
+
+    static CK_RV login(CK_SESSION_HANDLE session, std::string pin)
+    {
+        return p11().C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), pin.size());
+    }
+
+    static CK_SESSION_HANDLE userSession(std::size_t index = 0)
+    {
+        CK_SESSION_HANDLE session = 0;
+        EXPECT_EQ(p11().C_OpenSession(slot(index), CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
+                  CKR_OK);
+        const CK_RV result = login(session, index == 0 ? "first-pin" : "second-pin");
+        EXPECT_TRUE(result == CKR_OK || result == CKR_USER_ALREADY_LOGGED_IN);
+        return session;
+    }
+
+    struct KeyPair {
+        CK_OBJECT_HANDLE publicKey = 0;
+        CK_OBJECT_HANDLE privateKey = 0;
+    };
+
+    static KeyPair generateRsa(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
+    {
+        CK_ULONG bits = 2048;
+        return generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN, {CKA_MODULUS_BITS, &bits, sizeof bits}, onToken);
+    }
+
+    static KeyPair generateEc(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
+    {
+        Bytes p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+        return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, p256.data(), p256.size()}, onToken);
+    }
+
+    static KeyPair generate(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_ATTRIBUTE attribute, CK_BBOOL onToken)
+    {
+        CK_MECHANISM mechanism = {type, nullptr, 0};
+        CK_ATTRIBUTE ofPrivate = {CKA_TOKEN, &onToken, sizeof onToken};
+        KeyPair pair;
+        EXPECT_EQ(p11().C_GenerateKeyPair(session, &mechanism, &attribute, 1, &ofPrivate, 1, &pair.publicKey,
+                                          &pair.privateKey),
+                  CKR_OK);
+        return pair;
+    }
+
+    /// The length is asked for; the signature then ends where memory ends.
+    static Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data)
+    {
+        EXPECT_EQ(p11().C_SignInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
+        CK_ULONG length = 0;
+        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), nullptr, &length), CKR_OK);
+        const GuardedBuffer tooShort(length - 1);
+        length = tooShort.size();
+        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), tooShort.data(), &length), CKR_BUFFER_TOO_SMALL);
+        const GuardedBuffer signature(length);
+        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), signature.data(), &length), CKR_OK)
+            << mechanism.mechanism;
+        EXPECT_EQ(length, signature.size());
+        return {signature.data(), signature.data() + length};
+    }
+
+    static CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
+                        Bytes signature)
+    {
+        EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
+        return p11().C_Verify(session, data.data(), data.size(), signature.data(), signature.size());
+    }
+
+    static CK_RV verifyInParts(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
+                               Bytes signature)
+    {
+        EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK);
+        EXPECT_EQ(p11().C_VerifyUpdate(session, data.data(), 1), CKR_OK);
+        EXPECT_EQ(p11().C_VerifyUpdate(session, data.data() + 1, data.size() - 1), CKR_OK);
+        return p11().C_VerifyFinal(session, signature.data(), signature.size());
+    }
+
+    static Bytes value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
+    {
+        CK_ATTRIBUTE entry = {type, nullptr, 0};
+        EXPECT_EQ(p11().C_GetAttributeValue(session, object, &entry, 1), CKR_OK);
+        Bytes bytes(entry.ulValueLen);
+        entry.pValue = bytes.data();
+        EXPECT_EQ(p11().C_GetAttributeValue(session, object, &entry, 1), CKR_OK);
+        return bytes;
+    }
+
+    void expectSignatures(CK_MECHANISM mechanism, CK_SESSION_HANDLE session, const KeyPair& pair) const
+    {
+        const Bytes data(100, 0x42);
+        const Bytes signature = sign(session, mechanism, pair.privateKey, data);
+        EXPECT_EQ(verify(session, mechanism, pair.publicKey, data, signature), CKR_OK) << mechanism.mechanism;
+        EXPECT_EQ(verifyInParts(session, mechanism, pair.publicKey, data, signature), CKR_OK) << mechanism.mechanism;
+        EXPECT_EQ(verify(session, mechanism, pair.publicKey, Bytes(100, 0x43), signature), CKR_SIGNATURE_INVALID);
+    }
+};
+
+TEST_F(StrictSoftkeyTest, EveryHashedMechanismSignsAndVerifies)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair rsa = generateRsa(session);
+    const KeyPair ec = generateEc(session);
+    for (const CK_MECHANISM_TYPE type :
+         {CKM_SHA1_RSA_PKCS, CKM_SHA224_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_SHA384_RSA_PKCS, CKM_SHA512_RSA_PKCS})
+        expectSignatures({type, nullptr, 0}, session, rsa);
+    for (const CK_MECHANISM_TYPE type :
+         {CKM_ECDSA_SHA1, CKM_ECDSA_SHA224, CKM_ECDSA_SHA256, CKM_ECDSA_SHA384, CKM_ECDSA_SHA512, CKM_ECDSA})
+        expectSignatures({type, nullptr, 0}, session, ec);
+}
+
+TEST_F(StrictSoftkeyTest, PssSignsAndVerifiesInBothWays)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair rsa = generateRsa(session);
+    CK_RSA_PKCS_PSS_PARAMS parameters[] = {{CKM_SHA_1, CKG_MGF1_SHA1, 20},
+                                           {CKM_SHA256, CKG_MGF1_SHA256, 32},
+                                           {CKM_SHA384, CKG_MGF1_SHA384, 48},
+                                           {CKM_SHA512, CKG_MGF1_SHA512, 64}};
+    const CK_MECHANISM_TYPE types[] = {CKM_SHA1_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS_PSS, CKM_SHA384_RSA_PKCS_PSS,
+                                       CKM_SHA512_RSA_PKCS_PSS};
+    for (std::size_t index = 0; index < std::size(types); ++index)
+        expectSignatures({types[index], &parameters[index], sizeof parameters[index]}, session, rsa);
+    CK_MECHANISM raw = {CKM_RSA_PKCS_PSS, &parameters[1], sizeof parameters[1]};
+    const Bytes signature = sign(session, raw, rsa.privateKey, Bytes(32, 7));
+    EXPECT_EQ(verifyInParts(session, raw, rsa.publicKey, Bytes(32, 7), signature), CKR_OK);
+}
+
+TEST_F(StrictSoftkeyTest, EmptyMessagesVerifyAndRawSignaturesAreThoseOfTheirDigestInfo)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair rsa = generateRsa(session);
+    const Bytes signature = sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, rsa.privateKey, {});
+    Bytes info = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00,
+                  0x04, 0x20, 0xe3, 0xb0, 0xc4, 0x42, 0x98, 0xfc, 0x1c, 0x14, 0x9a, 0xfb, 0xf4, 0xc8, 0x99, 0x6f, 0xb9,
+                  0x24, 0x27, 0xae, 0x41, 0xe4, 0x64, 0x9b, 0x93, 0x4c, 0xa4, 0x95, 0x99, 0x1b, 0x78, 0x52, 0xb8, 0x55};
+    EXPECT_EQ(verify(session, {CKM_RSA_PKCS, nullptr, 0}, rsa.publicKey, info, signature), CKR_OK);
+    EXPECT_EQ(sign(session, {CKM_RSA_PKCS, nullptr, 0}, rsa.privateKey, info), signature);
+}
+
+TEST_F(StrictSoftkeyTest, CiphersEndAtTheirBuffers)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair rsa = generateRsa(session);
+    CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+    CK_MECHANISM mechanisms[] = {{CKM_RSA_PKCS, nullptr, 0}, {CKM_RSA_PKCS_OAEP, &oaep, sizeof oaep}};
+    for (CK_MECHANISM& mechanism : mechanisms) {
+        Bytes text(33, 0x61);
+        const GuardedBuffer cipher(256);
+        CK_ULONG length = 256;
+        ASSERT_EQ(p11().C_EncryptInit(session, &mechanism, rsa.publicKey), CKR_OK);
+        ASSERT_EQ(p11().C_Encrypt(session, text.data(), text.size(), cipher.data(), &length), CKR_OK);
+        ASSERT_EQ(p11().C_DecryptInit(session, &mechanism, rsa.privateKey), CKR_OK);
+        const GuardedBuffer tooShort(32);
+        length = 32;
+        EXPECT_EQ(p11().C_Decrypt(session, cipher.data(), 256, tooShort.data(), &length), CKR_BUFFER_TOO_SMALL);
+        ASSERT_EQ(length, 33U);
+        const GuardedBuffer plain(33);
+        ASSERT_EQ(p11().C_Decrypt(session, cipher.data(), 256, plain.data(), &length), CKR_OK);
+        EXPECT_EQ(Bytes(plain.data(), plain.data() + 33), text);
+    }
+}
+
+TEST_F(StrictSoftkeyTest, DigestsEndAtTheirBuffers)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    for (const auto& [type, size] : {std::pair{CKM_SHA_1, 20}, {CKM_SHA256, 32}, {CKM_SHA512, 64}}) {
+        CK_MECHANISM mechanism = {type, nullptr, 0};
+        Bytes data(10);
+        const GuardedBuffer hash(static_cast<std::size_t>(size));
+        CK_ULONG length = hash.size();
+        ASSERT_EQ(p11().C_DigestInit(session, &mechanism), CKR_OK);
+        EXPECT_EQ(p11().C_Digest(session, data.data(), data.size(), hash.data(), &length), CKR_OK);
+    }
+}
+
+TEST_F(StrictSoftkeyTest, BothSidesDeriveTheSameSecret)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair one = generateEc(session, CK_FALSE);
+    const KeyPair other = generateEc(session, CK_FALSE);
+    const auto derive = [&](CK_OBJECT_HANDLE base, Bytes point) {
+        CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, point.size(), point.data()};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        CK_OBJECT_HANDLE secret = 0;
+        EXPECT_EQ(p11().C_DeriveKey(session, &mechanism, base, nullptr, 0, &secret), CKR_OK);
+        return value(session, secret, CKA_VALUE);
+    };
+    const Bytes first = derive(one.privateKey, value(session, other.publicKey, CKA_EC_POINT));
+    const Bytes bare = value(session, one.publicKey, CKA_EC_POINT);
+    EXPECT_EQ(first.size(), 32U);
+    EXPECT_EQ(derive(other.privateKey, Bytes(bare.begin() + 2, bare.end())), first);
+}
+
+TEST_F(StrictSoftkeyTest, AKeyThatIsUnpluggedTakesItsSessionsAlongAndComesBackInItsSlot)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    const KeyPair ec = generateEc(session);
+    const CK_SLOT_ID first = slot(0);
+    tool("unplug STRICT1");
+    CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
+    ASSERT_EQ(p11().C_SignInit(session, &mechanism, ec.privateKey), CKR_OK);
+    Bytes data(32);
+    Bytes signature(64);
+    CK_ULONG length = 64;
+    EXPECT_EQ(p11().C_Sign(session, data.data(), 32, signature.data(), &length), CKR_DEVICE_REMOVED);
+    CK_SESSION_INFO info;
+    EXPECT_EQ(p11().C_GetSessionInfo(session, &info), CKR_SESSION_HANDLE_INVALID);
+    CK_TOKEN_INFO token;
+    EXPECT_EQ(p11().C_GetTokenInfo(first, &token), CKR_TOKEN_NOT_PRESENT);
+    tool("plug STRICT1");
+    EXPECT_EQ(slot(0), first);
+    CK_SLOT_ID event = 0;
+    EXPECT_EQ(p11().C_WaitForSlotEvent(CKF_DONT_BLOCK, &event, nullptr), CKR_OK);
+    EXPECT_EQ(event, first);
+}
+
+TEST_F(StrictSoftkeyTest, ManyThreadsUseTwoTokensWithTheirOwnPins)
+{
+    const CK_SESSION_HANDLE one = userSession(0);
+    const CK_SESSION_HANDLE other = userSession(1);
+    const KeyPair keys[] = {generateEc(one), generateEc(one), generateEc(other)};
+    std::atomic<int> failures = 0;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread)
+        threads.emplace_back([&, thread] {
+            const KeyPair& key = keys[thread % 3];
+            const CK_SESSION_HANDLE session = userSession(thread % 3 == 2 ? 1 : 0);
+            const CK_MECHANISM mechanism = {CKM_ECDSA_SHA256, nullptr, 0};
+            for (int round = 0; round < 10; ++round) {
+                const Bytes signature = sign(session, mechanism, key.privateKey, Bytes(20, 1));
+                if (verify(session, mechanism, key.publicKey, Bytes(20, 1), signature) != CKR_OK)
+                    ++failures;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0);
+    for (const std::size_t index : {0U, 1U}) {
+        CK_TOKEN_INFO info{};
+        EXPECT_EQ(p11().C_GetTokenInfo(slot(index), &info), CKR_OK);
+        EXPECT_EQ(info.flags & (CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED), 0U);
+    }
+}
+
+} // namespace
