@@ -51,7 +51,7 @@ Refusal wrongPin(int triesLeft)
 
 void refuseIfRefusedBefore(const PinRecord& record, std::string_view pin)
 {
-    if (RefusedPins::ofProcess().contain(record.salt, pin))
+    if (RefusedPins::ofProcess().contain(record, pin))
         throw wrongPin(record.triesLeft);
 }
 
@@ -73,7 +73,7 @@ CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, PinRole role, std
         throw;
     }
     if (!masterKey) {
-        RefusedPins::ofProcess().add(record.salt, pin);
+        RefusedPins::ofProcess().add(record, pin);
         throw wrongPin(record.triesLeft);
     }
     restoreTries(file, turn, record, record.triesMax);

@@ -24,23 +24,23 @@ RefusedPins& RefusedPins::ofProcess()
     return refused->get();
 }
 
-ByteVector RefusedPins::digestOf(Bytes salt, std::string_view pin) const
+ByteVector RefusedPins::digestOf(const PinRecord& record, std::string_view pin) const
 {
-    return digest_.of({salt, bytesOf(pin)});
+    return digest_.of({record.salt, record.wrappedMasterKey, bytesOf(pin)});
 }
 
-void RefusedPins::add(Bytes salt, std::string_view pin)
+void RefusedPins::add(const PinRecord& record, std::string_view pin)
 {
-    ByteVector digest = digestOf(salt, pin);
+    ByteVector digest = digestOf(record, pin);
     const std::lock_guard lock(mutex_);
     refused_.push_back(std::move(digest));
     if (refused_.size() > REMEMBERED_MAX)
         refused_.pop_front();
 }
 
-bool RefusedPins::contain(Bytes salt, std::string_view pin) const
+bool RefusedPins::contain(const PinRecord& record, std::string_view pin) const
 {
-    const ByteVector wanted = digestOf(salt, pin);
+    const ByteVector wanted = digestOf(record, pin);
     const std::lock_guard lock(mutex_);
     return std::ranges::any_of(refused_, [&](const ByteVector& refused) { return sameDigest(refused, wanted); });
 }

@@ -1,8 +1,9 @@
-// PINs that this process has seen refused. A salt belongs to one PIN of one key and changes with it, so that a PIN
-// which was wrong under a salt stays wrong: asked again, it is refused without another try being spent.
+// PINs that this process has seen refused. Salt and wrapped master key belong to one PIN of one key and change with it,
+// so that a PIN which was wrong for them stays wrong: asked again, it is refused without another try being spent.
 #pragma once
 
 #include "crypto/keyed_digest.h"
+#include "store/contents.h"
 
 #include <deque>
 #include <mutex>
@@ -16,11 +17,11 @@ class RefusedPins
 public:
     static RefusedPins& ofProcess();
 
-    void add(Bytes salt, std::string_view pin);
-    bool contain(Bytes salt, std::string_view pin) const;
+    void add(const PinRecord& record, std::string_view pin);
+    bool contain(const PinRecord& record, std::string_view pin) const;
 
 private:
-    ByteVector digestOf(Bytes salt, std::string_view pin) const;
+    ByteVector digestOf(const PinRecord& record, std::string_view pin) const;
 
     KeyedDigest digest_;
     mutable std::mutex mutex_;

@@ -166,6 +166,7 @@ TEST_F(MonitorTest, OneEventServesOneOfSeveralWaiters)
         });
     }
     showToMonitor({FIRST_DEVICE});
+    ASSERT_TRUE(waitForLine("DEBUG C_WaitForSlotEvent: blocking, returning slot 1342177281"));
     ASSERT_EQ(finalize(), CKR_OK);
     EXPECT_THAT((std::vector{waiters[0].get(), waiters[1].get()}),
                 testing::UnorderedElementsAre(CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED));

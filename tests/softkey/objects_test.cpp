@@ -122,8 +122,9 @@ TEST_F(ObjectsTest, AFullDeviceTakesNoMore)
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     otherProcess()->change(PIN, [&](Database& database) {
         database.execute("WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 4095) "
-                         "INSERT INTO key_pair SELECT n.i, randomblob(16), kind, object_id, label, public_key, "
-                         "sealed_private_key, usage_flags FROM n, key_pair WHERE id = 1");
+                         "INSERT INTO key_pair (id, identifier, kind, object_id, label, public_key, "
+                         "sealed_private_key, usage_flags) SELECT n.i, randomblob(16), kind, object_id, label, "
+                         "public_key, sealed_private_key, usage_flags FROM n, key_pair WHERE id = 1");
     });
     VelkorKeyPair request;
     request.keyKind = KEY_KIND_EC_P256;
