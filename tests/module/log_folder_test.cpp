@@ -1,4 +1,5 @@
 // Where the log is when nobody says so, that it is the user's alone, and that nothing which others plant is written to.
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -40,6 +41,7 @@ std::string outputOfChild(const std::function<void()>& work)
 {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
+    std::fflush(stdout); // Or the child would write it again.
     const pid_t child = fork();
     if (child == 0) {
         dup2(ends[1], STDOUT_FILENO);
