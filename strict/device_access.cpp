@@ -17,7 +17,6 @@ namespace
 {
 
 constexpr CK_FLAGS MODULE_SESSION = CKF_SERIAL_SESSION | CKF_RW_SESSION;
-constexpr CK_FLAGS PIN_TROUBLE = CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED;
 
 /// A session that is opened while the module holds another token's PIN would start as logged in.
 CK_RV openModuleSession(const Token& token, CK_SESSION_HANDLE& handle)
@@ -70,17 +69,6 @@ void closeSessionsOf(Token& token)
         removed = takeFromRemovedToken(token);
     }
     removed.release();
-}
-
-/// A PIN that another process has changed would cost a try with every call.
-void logOutIfPinIsWrong(Token& token)
-{
-    const std::scoped_lock lock(state().lock);
-    const CK_FLAGS trouble = token.tokenInfo.flags & PIN_TROUBLE;
-    if (token.user == User::User && (trouble & ~token.pinFlagsAtLogin) != 0) {
-        logError("The user PIN has been changed elsewhere, slotID=", token.slotID);
-        forgetLogin(token);
-    }
 }
 
 bool isOfDevice(CK_RV result)
@@ -228,13 +216,16 @@ CK_RV causeOfFailure(Token& token, CK_RV result)
     if (isOfDevice(result)) {
         KeyGate::Stay stay = state().gate.enterAlone();
         isPinDropped = hasModuleDroppedPin(stay, token);
+        // A PIN that another process has changed would cost a try with every call: the next one gives it anew, and
+        // learns what is wrong.
+        if (stay.holds().pin.token == &token)
+            dropPin(stay);
     }
     refreshSlots();
     if (isPinDropped)
         closeSessionsOf(token);
     if (isPinDropped || !isPresent(token))
         return refuse(CKR_DEVICE_REMOVED, "The token has been removed, slotID=", token.slotID);
-    logOutIfPinIsWrong(token);
     return result;
 }
 

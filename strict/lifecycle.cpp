@@ -1,7 +1,6 @@
 #include "strict/lifecycle.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -73,7 +72,7 @@ CK_RV loadModule(State& state)
     if (!bindFunctions(library, state.module))
         return refuse(CKR_GENERAL_ERROR, "C_Initialize: the module lacks a function");
     state.isModuleLoaded = true;
-    std::atexit(destroyPairsAtExit); // Runs before the handlers that were there already.
+    system::atExit([] { destroyPairsAtExit(); });
     return CKR_OK;
 }
 

@@ -8,7 +8,6 @@
 #include "strict/device_access.h"
 #include "strict/objects.h"
 #include "strict/sessions.h"
-#include "strict/slots.h"
 #include "velkor/device_service.h"
 
 namespace velkor::strict
@@ -51,14 +50,6 @@ void rememberLogin(Token& token, User user, SecretText pin)
     token.user = user;
     token.pin = std::move(pin);
     ++token.login;
-}
-
-/// The PIN trouble that a token shows right after a login is not yet a sign of a changed PIN.
-void rememberPinFlags(Token& token)
-{
-    refreshSlots();
-    const std::scoped_lock lock(state().lock);
-    token.pinFlagsAtLogin = token.tokenInfo.flags;
 }
 
 /// Alone behind the gate, with no PIN in the module. The SO's login leaves the module again at once: it can do nothing
@@ -191,7 +182,6 @@ CK_RV login(Session& session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_UL
         KeyGate::Stay stay = state().gate.enterAlone();
         result = loginAlone(stay, token, user, pin);
     }
-    rememberPinFlags(token);
     return causeOfFailure(token, result);
 }
 
@@ -224,7 +214,6 @@ CK_RV setPin(Session& session, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UT
         KeyGate::Stay stay = state().gate.enterAlone();
         result = changePinAlone(stay, token, oldPin, newPin);
     }
-    rememberPinFlags(token);
     return causeOfFailure(token, result);
 }
 

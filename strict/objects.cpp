@@ -350,6 +350,10 @@ void takePrivateSessionObjects(State& state, Token& token, RemovedThings& remove
 
 void retirePrivateObjects(State& state, Token& token)
 {
+    // Those of former logins have been told apart long enough.
+    std::erase_if(state.objects, [&](const auto& entry) {
+        return entry.second->token == &token && entry.second->fate == Fate::Retired;
+    });
     for (const auto& entry : state.objects) {
         if (entry.second->token == &token && entry.second->isPrivate)
             entry.second->fate = Fate::Retired;

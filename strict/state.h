@@ -36,9 +36,8 @@ struct Token {
     CK_SLOT_INFO slotInfo{};     ///< Both as the module gave them last.
     CK_TOKEN_INFO tokenInfo{};
     User user = User::None;
-    SecretText pin;          ///< Of the user, while logged in.
-    unsigned long login = 0; ///< Counts logins and logouts.
-    CK_FLAGS pinFlagsAtLogin = 0;
+    SecretText pin;                                                   ///< Of the user, while logged in.
+    unsigned long login = 0;                                          ///< Counts logins and logouts.
     std::vector<CK_SESSION_HANDLE> idleSessions;                      ///< The module's sessions that nobody uses.
     std::map<CK_OBJECT_HANDLE, std::shared_ptr<Object>> tokenObjects; ///< By the module's handle.
 

@@ -16,6 +16,10 @@ void* symbolOf(void* library, const char* name);
 /// Keeps this library mapped to the end of the process.
 void stayMapped();
 
+/// Has a function called when the process exits. Not where the system has ended the other threads by then, wherever
+/// they were: their locks would be waited for in vain.
+void atExit(void (*work)());
+
 /// Has the three functions called around each fork of this process.
 void watchForks(void (*before)(), void (*inParent)(), void (*inChild)());
 

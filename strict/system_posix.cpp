@@ -44,6 +44,11 @@ void* symbolOf(void* library, const char* name)
 
 void stayMapped() {} // The linker has marked the library so.
 
+void atExit(void (*work)())
+{
+    std::atexit(work);
+}
+
 void watchForks(void (*before)(), void (*inParent)(), void (*inChild)())
 {
     pthread_atfork(before, inParent, inChild);

@@ -51,6 +51,8 @@ void stayMapped()
     ownModule(GET_MODULE_HANDLE_EX_FLAG_PIN);
 }
 
+void atExit(void (* /*work*/)()) {}
+
 void watchForks(void (* /*before*/)(), void (* /*inParent*/)(), void (* /*inChild*/)()) {}
 
 } // namespace velkor::strict::system

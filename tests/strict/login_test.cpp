@@ -244,6 +244,20 @@ TEST_F(StrictLoginTest, APinThatWasChangedElsewhereCostsOneTryAndEndsTheLogin)
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
+TEST_F(StrictLoginTest, APinThatWasChangedElsewhereCostsTwoTriesAtMost)
+{
+    const CK_SESSION_HANDLE session = open(first);
+    ASSERT_EQ(login(session), CKR_OK);
+    const CK_OBJECT_HANDLE key = privateKey(session, 2);
+    ASSERT_EQ(signWith(session, key), CKR_OK);
+    device->setUserPin(FIRST_DEVICE, "new-pin");
+    EXPECT_EQ(signWith(session, key), CKR_FUNCTION_FAILED);
+    for (int round = 0; round < 5; ++round)
+        EXPECT_EQ(signWith(session, key), CKR_USER_NOT_LOGGED_IN);
+    EXPECT_EQ(device->triesLeft(FIRST_DEVICE), 8);
+    EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
+}
+
 TEST_F(StrictLoginTest, ATokenThatGoesTakesItsSessionsAlong)
 {
     const CK_SESSION_HANDLE one = open(first);
