@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Installs what the project is built and tested with from Debian's packages; does nothing when all of it is there.
+# Installs what the project is built and tested with from Debian's packages, or the packages that are the arguments;
+# does nothing when all of it is there.
 set -euo pipefail
 
 packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache mold binutils git python3
     libgtest-dev libgmock-dev libp11-kit-dev libbenchmark-dev libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
     openssl opensc sqlite3)
+[ $# -eq 0 ] || packages=("$@")
 
 missing=()
 for package in "${packages[@]}"; do
