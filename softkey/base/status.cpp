@@ -8,7 +8,7 @@ namespace
 {
 
 constexpr StatusRow ROWS[] = {
-#define FILLED(name, number, text, exitCode) {SoftkeyStatus::name, #name, text, ExitCode::exitCode},
+#define FILLED(name, number, text, exitCode) {SoftkeyStatus::name, ExitCode::exitCode, #name, text},
     SOFTKEY_STATUSES(FILLED)
 #undef FILLED
 };

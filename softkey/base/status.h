@@ -12,7 +12,7 @@ namespace softkey
 {
 
 enum class SoftkeyStatus : int {
-#define NUMBERED(name, number, text, exitCode) name = number,
+#define NUMBERED(name, number, text, exitCode) name = (number),
     SOFTKEY_STATUSES(NUMBERED)
 #undef NUMBERED
 };
@@ -33,9 +33,9 @@ enum class ExitCode : int {
 
 struct StatusRow {
     SoftkeyStatus status;
+    ExitCode exitCode;
     const char* name;
     const char* text; ///< One line that says what it means.
-    ExitCode exitCode;
 };
 std::span<const StatusRow> statusRows() noexcept;
 const StatusRow& rowOf(SoftkeyStatus status) noexcept;

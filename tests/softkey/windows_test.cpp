@@ -1,6 +1,7 @@
 // What is the software key's own way on Windows: its default folder, files in use, locks between processes.
 #include "tool_fixture.h"
 
+#include "platform/default_folder.h"
 #include "platform/narrow_paths.h"
 #include "store/schema.h"
 
