@@ -130,7 +130,7 @@ class Runner:
         self.locks = defaultdict(threading.Lock)
         for lock in {lock for test in self.tests for lock in test.locks}:
             self.locks[lock] = threading.Lock()
-        self.verdicts = {}  # By name: result and reason.
+        self.verdicts = {}  # By test, since several may have one name: result and reason.
         self.printing = threading.Lock()
 
     def batches(self):
@@ -155,7 +155,7 @@ class Runner:
 
     def run_batch(self, tests):
         if not tests[0].command:
-            self.verdicts[tests[0].name] = ("failed", "not built")
+            self.verdicts[tests[0]] = ("failed", "not built")
             return
         run = self.run(tests)
         for test in tests:
@@ -163,7 +163,7 @@ class Runner:
             if result == "failed":
                 self.tell(test, reason)
                 result, reason = self.again(test)
-            self.verdicts[test.name] = (result, reason)
+            self.verdicts[test] = (result, reason)
 
     def again(self, test):
         run = self.run([test])
@@ -198,7 +198,7 @@ def main(preset, report):
             pass
     with open(report, "w", encoding="utf-8") as file:
         for test in runner.tests:
-            result, reason = runner.verdicts.get(test.name, ("failed", "did not run"))
+            result, reason = runner.verdicts.get(test, ("failed", "did not run"))
             file.write(f"{result}\t{test.name}\t{reason}\n")
     results = [result for result, _ in runner.verdicts.values()]
     return 0 if results and "failed" not in results and len(results) == len(runner.tests) else 1
