@@ -8,9 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace velkor
-{
-namespace platform
+namespace velkor::platform
 {
 
 struct LocalTime {
@@ -56,6 +54,4 @@ void sleep(std::chrono::milliseconds time);
 /// Overwrites memory with zeros in a way that the compiler does not drop.
 void secureWipe(void* memory, std::size_t size);
 
-} // namespace platform
-
-} // namespace velkor
+} // namespace velkor::platform

@@ -16,9 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace velkor
-{
-namespace platform
+namespace velkor::platform
 {
 namespace
 {
@@ -276,6 +274,4 @@ void secureWipe(void* memory, std::size_t size)
         explicit_bzero(memory, size);
 }
 
-} // namespace platform
-
-} // namespace velkor
+} // namespace velkor::platform

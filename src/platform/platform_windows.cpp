@@ -8,9 +8,7 @@
 // Behind windows.h, which it needs.
 #include <psapi.h>
 
-namespace velkor
-{
-namespace platform
+namespace velkor::platform
 {
 namespace
 {
@@ -103,6 +101,4 @@ void secureWipe(void* memory, std::size_t size)
         SecureZeroMemory(memory, size);
 }
 
-} // namespace platform
-
-} // namespace velkor
+} // namespace velkor::platform
