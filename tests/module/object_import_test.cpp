@@ -540,8 +540,8 @@ struct DefaultFolders {
     friend std::ostream& operator<<(std::ostream& out, const DefaultFolders& each) { return out << each.name; }
 };
 
-/// Makes the default folders. Where drives have no letters they are relative paths, which whoever made the current folder
-/// could fill, and are not looked at; then it makes them in a current folder of its own.
+/// Makes the default folders. Where drives have no letters they are relative paths, which whoever made the current
+/// folder could fill, and are not looked at; then it makes them in a current folder of its own.
 class DefaultFolderTest : public CertificateImportTest, public testing::WithParamInterface<DefaultFolders>
 {
 protected:
