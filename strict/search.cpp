@@ -197,7 +197,7 @@ bool mustRead(const View& view, const Candidate& candidate, const Template& want
         if (!needsContents(entry.type) || (entry.type == candidate.certain && !isOfSomeKeysOnly))
             continue;
         const bool isName = entry.type == CKA_LABEL || entry.type == CKA_ID;
-        if (!view.contents || (isName && view.own.count(entry.type) == 0))
+        if (!view.contents || (isName && !view.own.contains(entry.type)))
             return true;
     }
     return false;
@@ -209,7 +209,7 @@ bool matches(const View& view, const Candidate& candidate, const Template& wante
         Bytes value;
         if (attributeOf(view, entry.type, value) != Answer::Value)
             return false;
-        const bool isCertain = entry.type == candidate.certain && view.own.count(entry.type) == 0;
+        const bool isCertain = entry.type == candidate.certain && !view.own.contains(entry.type);
         if (!isCertain && !sameBytes(value, wanted.bytes(entry.type)))
             return false;
     }
