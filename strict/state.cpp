@@ -1,6 +1,7 @@
 #include "strict/state.h"
 
 #include "log/log.h"
+#include "platform/platform.h"
 #include "strict/system.h"
 
 namespace velkor::strict
@@ -15,16 +16,30 @@ constexpr std::chrono::milliseconds PATIENCE_BEFORE_FORK{500};
 /// What is held while the process forks, so that the child finds nothing half done.
 struct ForkGuard {
     std::optional<KeyGate::Stay> stay;
+    std::unique_lock<std::mutex> slots;
     std::unique_lock<std::mutex> lock;
 };
 ForkGuard* forkGuard = nullptr;
 
-/// Waits until no call is in the module, within reason: the call that forks may itself be one.
+std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience)
+{
+    std::unique_lock lock(mutex, std::try_to_lock);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!lock.owns_lock() && std::chrono::steady_clock::now() < end) {
+        platform::sleep(std::chrono::milliseconds(1));
+        lock.try_lock();
+    }
+    return lock;
+}
+
+/// Waits until no call is in the module, behind the gate or at its slots, within reason: the call that forks may itself
+/// be one. A lock of the module that is held then stays held in the child for ever.
 void beforeFork()
 {
     State& before = state();
     auto stay = before.gate.enterAlone(PATIENCE_BEFORE_FORK);
-    forkGuard = new ForkGuard{std::move(stay), std::unique_lock(before.lock)};
+    auto slots = lockInTime(before.slotLock, PATIENCE_BEFORE_FORK);
+    forkGuard = new ForkGuard{std::move(stay), std::move(slots), std::unique_lock(before.lock)};
 }
 
 void inParent()
