@@ -94,29 +94,6 @@ CK_RV deriveInModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE base, Bytes& pe
     return result;
 }
 
-CK_OBJECT_HANDLE addSecret(Session& session, const Template& wanted, Bytes secret)
-{
-    auto contents = std::make_shared<Contents>();
-    contents->keyType = wanted.number(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
-    contents->value = std::move(secret);
-    auto object = std::make_shared<Object>();
-    object->token = &session.token;
-    object->objectClass = CKO_SECRET_KEY;
-    object->owner = session.handle;
-    object->isPrivate = wanted.flag(CKA_PRIVATE, false);
-    const Wishes wishes = wishesOf(wanted);
-    object->isModifiable = wishes.isModifiable;
-    object->isCopyable = wishes.isCopyable;
-    object->contents = std::move(contents);
-    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if (needsContents(entry.type))
-            object->own[entry.type] = copyOf(wanted.bytes(entry.type));
-    }
-    object->own.erase(CKA_VALUE_LEN);
-    const std::scoped_lock lock(state().lock);
-    return addObject(state(), std::move(object))->handle;
-}
-
 } // namespace
 
 CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate,
@@ -147,8 +124,10 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
     if (length == 0 || length > secret.size())
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, NAME, ": the secret is shorter, CKA_VALUE_LEN=", length);
     secret.resize(length);
-    *phKey = addSecret(session, wanted, std::move(secret));
-    return CKR_OK;
+    auto contents = std::make_shared<Contents>();
+    contents->keyType = wanted.number(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
+    contents->value = std::move(secret);
+    return addSessionObject(NAME, session, CKO_SECRET_KEY, wanted, std::move(contents), phKey);
 }
 
 } // namespace velkor::strict

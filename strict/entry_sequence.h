@@ -3,15 +3,13 @@
 #pragma once
 
 #include "cryptoki.h"
+#include "log/exceptions.h"
 #include "log/log.h"
 #include "strict/sessions.h"
 #include "strict/state.h"
 
 namespace velkor::strict
 {
-
-/// Return code for the exception being handled; logs it under the entry point's name.
-CK_RV codeOfCurrentException(const char* name) noexcept;
 
 /// Counts a call that is inside, as long as the front runs: C_Finalize lets the module end when there is none.
 class CallInside

@@ -41,30 +41,6 @@ CK_RV checkNames(const char* name, const Template& wanted)
     return CKR_OK;
 }
 
-/// An object that only the front knows.
-CK_RV addSessionObject(Session& session, CK_OBJECT_CLASS objectClass, const Template& wanted,
-                       std::shared_ptr<const Contents> contents, CK_OBJECT_HANDLE_PTR phObject)
-{
-    auto object = std::make_shared<Object>();
-    object->token = &session.token;
-    object->objectClass = objectClass;
-    object->owner = session.handle;
-    object->isPrivate = wanted.flag(CKA_PRIVATE, false);
-    const Wishes wishes = wishesOf(wanted);
-    object->isModifiable = wishes.isModifiable;
-    object->isCopyable = wishes.isCopyable;
-    object->contents = std::move(contents);
-    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if (needsContents(entry.type))
-            object->own[entry.type] = copyOf(wanted.bytes(entry.type));
-    }
-    if (object->isPrivate && !isUserLoggedIn(session.token))
-        return refuse(CKR_USER_NOT_LOGGED_IN, CREATE, ": the object is private");
-    const std::scoped_lock lock(state().lock);
-    *phObject = addObject(state(), std::move(object))->handle;
-    return CKR_OK;
-}
-
 /// The handle that the module gives stays 0 where the device does not list the new object.
 CK_RV createInModule(Session& session, std::vector<CK_ATTRIBUTE>& attributes, CK_OBJECT_HANDLE& created)
 {
@@ -117,7 +93,7 @@ CK_RV createCertificate(Session& session, const Template& wanted, CK_OBJECT_HAND
     }
     auto contents = std::make_shared<Contents>();
     contents->value = copyOf(wanted.bytes(CKA_VALUE));
-    return addSessionObject(session, CKO_CERTIFICATE, wanted, contents, phObject);
+    return addSessionObject(CREATE, session, CKO_CERTIFICATE, wanted, contents, phObject);
 }
 
 CK_RV readPublicKey(const Template& wanted, Contents& contents)
@@ -181,7 +157,7 @@ CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE
         return result;
     if (wanted.flag(CKA_TOKEN, false))
         return nameHalfOfPair(session, wanted, isThere, number, phObject);
-    result = addSessionObject(session, CKO_PUBLIC_KEY, wanted, contents, phObject);
+    result = addSessionObject(CREATE, session, CKO_PUBLIC_KEY, wanted, contents, phObject);
     if (result != CKR_OK)
         return result;
     const std::scoped_lock lock(state().lock);
@@ -255,7 +231,7 @@ CK_RV createData(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR 
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps no data objects");
     auto contents = std::make_shared<Contents>();
     contents->value = copyOf(wanted.bytes(CKA_VALUE));
-    return addSessionObject(session, CKO_DATA, wanted, contents, phObject);
+    return addSessionObject(CREATE, session, CKO_DATA, wanted, contents, phObject);
 }
 
 /// Whether the device is where the object is changed and deleted.
@@ -498,6 +474,29 @@ CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, ByteView value)
 Wishes wishesOf(const Template& wanted)
 {
     return {wanted.flag(CKA_TOKEN, false), wanted.flag(CKA_MODIFIABLE, true), wanted.flag(CKA_COPYABLE, true)};
+}
+
+CK_RV addSessionObject(const char* name, Session& session, CK_OBJECT_CLASS objectClass, const Template& wanted,
+                       std::shared_ptr<const Contents> contents, CK_OBJECT_HANDLE_PTR phObject)
+{
+    auto object = std::make_shared<Object>();
+    object->token = &session.token;
+    object->objectClass = objectClass;
+    object->owner = session.handle;
+    object->isPrivate = wanted.flag(CKA_PRIVATE, false);
+    const Wishes wishes = wishesOf(wanted);
+    object->isModifiable = wishes.isModifiable;
+    object->isCopyable = wishes.isCopyable;
+    object->contents = std::move(contents);
+    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
+        if (needsContents(entry.type) && entry.type != CKA_VALUE_LEN) // The value has its own length.
+            object->own[entry.type] = copyOf(wanted.bytes(entry.type));
+    }
+    if (object->isPrivate && !isUserLoggedIn(session.token))
+        return refuse(CKR_USER_NOT_LOGGED_IN, name, ": the object is private");
+    const std::scoped_lock lock(state().lock);
+    *phObject = addObject(state(), std::move(object))->handle;
+    return CKR_OK;
 }
 
 CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishes& ofPublic, const Wishes& ofPrivate,

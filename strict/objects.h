@@ -54,6 +54,10 @@ CK_RV getObjectSize(Session& session, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pul
 CK_RV getAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount);
 CK_RV setAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount);
 
+/// Adds an object that only the front knows, and that goes with the session.
+CK_RV addSessionObject(const char* name, Session& session, CK_OBJECT_CLASS objectClass, const Template& wanted,
+                       std::shared_ptr<const Contents> contents, CK_OBJECT_HANDLE_PTR phObject);
+
 /// What a template says of an object beside its contents.
 struct Wishes {
     bool onToken = false;

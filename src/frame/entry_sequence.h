@@ -7,6 +7,7 @@
 
 #include "cryptoki.h"
 #include "frame/module_state.h"
+#include "log/exceptions.h"
 #include "log/log.h"
 
 namespace velkor
@@ -23,9 +24,6 @@ CK_RV checkInit(const SessionRecord& session, InitRule init, const char* name);
 
 /// CKR_OK when `operation` is in progress. Changes nothing.
 CK_RV checkOperation(const SessionRecord& session, ActiveOperation operation, const char* name);
-
-/// Return code for the exception being handled; logs it under the entry point's name.
-CK_RV codeOfCurrentException(const char* name) noexcept;
 
 /// Does the work and turns any exception into a return code.
 template <typename Work, typename... Arguments>

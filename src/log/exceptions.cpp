@@ -1,9 +1,11 @@
-#include "strict/entry_sequence.h"
+#include "log/exceptions.h"
 
 #include <exception>
 #include <new>
 
-namespace velkor::strict
+#include "log/log.h"
+
+namespace velkor
 {
 namespace
 {
@@ -32,4 +34,4 @@ CK_RV codeOfCurrentException(const char* name) noexcept
     }
 }
 
-} // namespace velkor::strict
+} // namespace velkor
