@@ -1,42 +1,20 @@
 // A host that loads the strict front and then ends in one of the ways that hosts do. It must end by itself, with 0, and
 // print nothing.
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <string>
+//   strict_host LIBRARY WAY      the library's path holds from the program's own folder
+#include "host.h"
+
+#include <chrono>
 #include <thread>
-#include <vector>
 
-#include <dlfcn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "cryptoki.h"
-
-namespace
-{
-
-#define REQUIRE(condition)                                                                                             \
-    if (!(condition)) {                                                                                                \
-        std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                                   \
-        std::_Exit(1);                                                                                                 \
-    }
-
-const char* path = nullptr;
-const char* self = nullptr;
+std::string path;
 void* library = nullptr;
 CK_FUNCTION_LIST_PTR p11 = nullptr;
 
-void load(int flags = RTLD_NOW | RTLD_LOCAL)
+void load(bool globally)
 {
-    library = dlopen(path, flags);
-    if (library == nullptr)
-        std::fprintf(stderr, "%s\n", dlerror());
+    library = loadLibrary(path, globally);
     REQUIRE(library != nullptr);
-    const auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
+    const auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(symbolOf(library, "C_GetFunctionList"));
     REQUIRE(getFunctionList != nullptr);
     REQUIRE(getFunctionList(&p11) == CKR_OK);
 }
@@ -60,17 +38,6 @@ CK_SESSION_HANDLE openUserSession()
     return session;
 }
 
-void makeSessionPair(CK_SESSION_HANDLE session)
-{
-    CK_BYTE p256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    CK_ATTRIBUTE curve = {CKA_EC_PARAMS, p256, sizeof p256};
-    CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    CK_OBJECT_HANDLE publicKey = 0;
-    CK_OBJECT_HANDLE privateKey = 0;
-    REQUIRE(p11->C_GenerateKeyPair(session, &mechanism, &curve, 1, nullptr, 0, &publicKey, &privateKey) == CKR_OK);
-}
-
-/// Keeps a thread in the front until the process ends.
 void keepBusy()
 {
     std::thread([] {
@@ -86,6 +53,19 @@ void keepBusy()
         CK_SLOT_ID slot = 0;
         p11->C_WaitForSlotEvent(0, &slot, nullptr);
     }).detach();
+}
+
+namespace
+{
+
+void makeSessionPair(CK_SESSION_HANDLE session)
+{
+    CK_BYTE p256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+    CK_ATTRIBUTE curve = {CKA_EC_PARAMS, p256, sizeof p256};
+    CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+    CK_OBJECT_HANDLE publicKey = 0;
+    CK_OBJECT_HANDLE privateKey = 0;
+    REQUIRE(p11->C_GenerateKeyPair(session, &mechanism, &curve, 1, nullptr, 0, &publicKey, &privateKey) == CKR_OK);
 }
 
 void callAfterMain()
@@ -111,71 +91,25 @@ struct LastCaller {
 };
 LastCaller lastCaller;
 
-void forkAndWait(const std::function<void()>& inChild)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        inChild();
-        std::exit(0);
-    }
-    int status = 0;
-    REQUIRE(waitpid(child, &status, 0) == child);
-    REQUIRE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
 void unloadAndLoadAgain()
 {
     start();
-    REQUIRE(dlclose(library) == 0);
+    REQUIRE(unloadLibrary(library));
     load();
     REQUIRE(p11->C_Initialize(nullptr) == CKR_CRYPTOKI_ALREADY_INITIALIZED);
     REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
     REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
 }
 
-void forkWorkers()
-{
-    start();
-    const CK_SESSION_HANDLE session = openUserSession();
-    for (int worker = 0; worker < 3; ++worker) {
-        forkAndWait([] {
-            REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
-            openUserSession();
-        });
-    }
-    CK_SESSION_INFO info;
-    REQUIRE(p11->C_GetSessionInfo(session, &info) == CKR_OK);
-    REQUIRE(info.state == CKS_RW_USER_FUNCTIONS);
-}
-
-void execute()
-{
-    start();
-    openUserSession();
-    keepBusy();
-    execl(self, self, path, "cycles", static_cast<char*>(nullptr));
-    REQUIRE(false);
-}
-
 void loadedByRelativePath()
 {
     const std::filesystem::path whole(path);
     std::filesystem::current_path(whole.parent_path());
-    const std::string relative = "./" + whole.filename().string();
-    path = relative.c_str();
+    path = "./" + whole.filename().string();
     load();
-    std::filesystem::current_path("/");
+    std::filesystem::current_path(whole.root_path());
     REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
     openUserSession();
-}
-
-/// The front's names are then everybody's, the module's own included.
-void loadedGlobally()
-{
-    load(RTLD_NOW | RTLD_GLOBAL);
-    REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
-    openUserSession();
-    REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
 }
 
 /// Without the module in its folder the front says so, wherever else a module may be.
@@ -183,15 +117,15 @@ void withoutModule()
 {
     const std::filesystem::path folder = std::filesystem::temp_directory_path() / "alone";
     std::filesystem::create_directories(folder);
-    const std::string copy = folder / std::filesystem::path(path).filename();
+    const std::filesystem::path copy = folder / std::filesystem::path(path).filename();
     std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
-    path = copy.c_str();
+    path = copy.string();
     load();
     REQUIRE(p11->C_Initialize(nullptr) == CKR_GENERAL_ERROR);
     REQUIRE(p11->C_Finalize(nullptr) == CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
-const std::map<std::string, std::function<void()>> ways = {
+const Ways waysOfAnySystem = {
     {"load", [] { load(); }},
     {"exit", [] { start(); }},
     {"exit-logged-in",
@@ -216,11 +150,6 @@ const std::map<std::string, std::function<void()>> ways = {
          std::thread([] { std::exit(0); }).detach();
          std::this_thread::sleep_for(std::chrono::minutes(1));
      }},
-    {"quick-exit",
-     [] {
-         start();
-         std::quick_exit(0);
-     }},
     {"exit-while-ending",
      [] {
          start();
@@ -230,14 +159,14 @@ const std::map<std::string, std::function<void()>> ways = {
     {"unload",
      [] {
          start();
-         REQUIRE(dlclose(library) == 0);
+         REQUIRE(unloadLibrary(library));
          std::this_thread::sleep_for(std::chrono::milliseconds(1500));
      }},
     {"unload-while-ending",
      [] {
          start();
          REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
-         REQUIRE(dlclose(library) == 0);
+         REQUIRE(unloadLibrary(library));
          std::this_thread::sleep_for(std::chrono::milliseconds(1500));
      }},
     {"unload-and-load-again", unloadAndLoadAgain},
@@ -250,37 +179,7 @@ const std::map<std::string, std::function<void()>> ways = {
              REQUIRE(p11->C_Finalize(nullptr) == CKR_CRYPTOKI_NOT_INITIALIZED);
          }
      }},
-    {"fork-before-start",
-     [] {
-         load();
-         forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
-         REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
-     }},
-    {"fork-workers", forkWorkers},
-    {"fork-busy",
-     [] {
-         start();
-         openUserSession();
-         keepBusy();
-         forkAndWait([] {
-             REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
-             openUserSession();
-         });
-     }},
-    {"fork-while-ending",
-     [] {
-         start();
-         REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
-         forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
-     }},
-    {"fork-and-exit",
-     [] {
-         start();
-         forkAndWait([] {});
-     }},
-    {"execute", execute},
     {"relative-path", loadedByRelativePath},
-    {"global", loadedGlobally},
     {"without-module", withoutModule},
 };
 
@@ -289,8 +188,9 @@ const std::map<std::string, std::function<void()>> ways = {
 int main(int argumentCount, char** arguments)
 {
     REQUIRE(argumentCount == 3);
-    self = arguments[0];
-    path = arguments[1];
+    path = (programFile().parent_path() / arguments[1]).lexically_normal().make_preferred().string();
+    Ways ways = waysOfAnySystem;
+    ways.merge(waysOfThisSystem());
     const auto way = ways.find(arguments[2]);
     REQUIRE(way != ways.end());
     way->second();

@@ -9,38 +9,57 @@
 #include <thread>
 #include <vector>
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "cryptoki.h"
 #include "guarded_buffer.h"
+#include "programs.h"
 #include "test_system.h"
 
 namespace
 {
 
+using softkey::test::NULL_DEVICE;
+using softkey::test::softkeyTool;
+using test_system::GuardedBuffer;
 using Bytes = std::vector<unsigned char>;
 
+/// Packed structures count with 32 bits.
+CK_ULONG sizeOf(const Bytes& bytes)
+{
+    return static_cast<CK_ULONG>(bytes.size());
+}
+
+std::string testName()
+{
+    return testing::UnitTest::GetInstance()->current_test_info()->name();
+}
+
+/// One for the process: its log goes on from test to test.
 const std::filesystem::path& world()
 {
     static const std::filesystem::path folder =
-        std::filesystem::absolute(test_system::scratchFolder("strict-softkey-" + std::to_string(getpid())));
+        std::filesystem::absolute(test_system::scratchFolder("StrictSoftkeyTest." + testName()));
     return folder;
 }
 
 void tool(const std::string& arguments)
 {
-    const std::string command = std::string(SOFTKEY_TOOL) + " " + arguments + " >/dev/null";
+    const std::string command = softkeyTool() + " " + arguments + " >" + NULL_DEVICE;
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
 
 const CK_FUNCTION_LIST& front()
 {
     static const CK_FUNCTION_LIST_PTR list = [] {
-        void* library = dlopen(STRICT_FILE, RTLD_NOW | RTLD_LOCAL);
-        EXPECT_NE(library, nullptr) << dlerror();
+        std::filesystem::remove_all(world());
+        std::filesystem::create_directories(world() / "tmp");
+        test_system::setTemporaryFolder(world() / "tmp");
+        // Not by a registry of the test's own, without which Windows has no random numbers for the key.
+        std::ofstream(world() / "velkor.conf") << "logLevel = 2\n";
+        test_system::setEnvironment("VELKOR_CONFIG", (world() / "velkor.conf").string());
         CK_FUNCTION_LIST_PTR functions = nullptr;
-        reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"))(&functions);
+        reinterpret_cast<CK_C_GetFunctionList>(test_system::moduleSymbol(STRICT_FILE, "C_GetFunctionList"))(&functions);
         return functions;
     }();
     return *list;
@@ -51,12 +70,9 @@ class StrictSoftkeyTest : public testing::Test
 protected:
     StrictSoftkeyTest()
     {
-        std::filesystem::remove_all(world());
-        std::filesystem::create_directories(world() / "tmp");
-        test_system::setEnvironment("VELKOR_SOFTKEY_HOME", (world() / "keys").string());
-        test_system::setTemporaryFolder(world() / "tmp");
-        std::ofstream(world() / "velkor.conf") << "logLevel = 2\n";
-        test_system::setEnvironment("VELKOR_CONFIG", (world() / "velkor.conf").string());
+        p11();
+        // Those of the test before may still be open: C_Finalize does not wait for the module's end.
+        test_system::setEnvironment("VELKOR_SOFTKEY_HOME", (world() / testName()).string());
         test_system::setEnvironment("PIN", "first-pin");
         test_system::setEnvironment("SO_PIN", "officer-pin");
         tool("create --serial STRICT1 --scrypt-cost 4 --pin-env PIN --so-pin-env SO_PIN");
@@ -65,18 +81,14 @@ protected:
         EXPECT_EQ(p11().C_Initialize(nullptr), CKR_OK);
     }
 
-    ~StrictSoftkeyTest() override
-    {
-        p11().C_Finalize(nullptr);
-        std::filesystem::remove_all(world());
-    }
+    ~StrictSoftkeyTest() override { p11().C_Finalize(nullptr); }
 
     static const CK_FUNCTION_LIST& p11() { return front(); }
 
     static CK_SLOT_ID slot(std::size_t index)
     {
         std::array<CK_SLOT_ID, 8> slots{};
-        CK_ULONG count = slots.size();
+        auto count = static_cast<CK_ULONG>(slots.size());
         EXPECT_EQ(p11().C_GetSlotList(CK_TRUE, slots.data(), &count), CKR_OK);
         EXPECT_GT(count, index);
         return slots[index];
@@ -84,7 +96,8 @@ protected:
 
     static CK_RV login(CK_SESSION_HANDLE session, std::string pin)
     {
-        return p11().C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), pin.size());
+        return p11().C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
+                             static_cast<CK_ULONG>(pin.size()));
     }
 
     static CK_SESSION_HANDLE userSession(std::size_t index = 0)
@@ -111,7 +124,7 @@ protected:
     static KeyPair generateEc(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
     {
         Bytes p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-        return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, p256.data(), p256.size()}, onToken);
+        return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, p256.data(), sizeOf(p256)}, onToken);
     }
 
     static KeyPair generate(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_ATTRIBUTE attribute, CK_BBOOL onToken)
@@ -130,12 +143,12 @@ protected:
     {
         EXPECT_EQ(p11().C_SignInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
         CK_ULONG length = 0;
-        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), nullptr, &length), CKR_OK);
+        EXPECT_EQ(p11().C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_OK);
         const GuardedBuffer tooShort(length - 1);
         length = tooShort.size();
-        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), tooShort.data(), &length), CKR_BUFFER_TOO_SMALL);
+        EXPECT_EQ(p11().C_Sign(session, data.data(), sizeOf(data), tooShort.data(), &length), CKR_BUFFER_TOO_SMALL);
         const GuardedBuffer signature(length);
-        EXPECT_EQ(p11().C_Sign(session, data.data(), data.size(), signature.data(), &length), CKR_OK)
+        EXPECT_EQ(p11().C_Sign(session, data.data(), sizeOf(data), signature.data(), &length), CKR_OK)
             << mechanism.mechanism;
         EXPECT_EQ(length, signature.size());
         return {signature.data(), signature.data() + length};
@@ -145,7 +158,7 @@ protected:
                         Bytes signature)
     {
         EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
-        return p11().C_Verify(session, data.data(), data.size(), signature.data(), signature.size());
+        return p11().C_Verify(session, data.data(), sizeOf(data), signature.data(), sizeOf(signature));
     }
 
     static CK_RV verifyInParts(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
@@ -153,8 +166,8 @@ protected:
     {
         EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK);
         EXPECT_EQ(p11().C_VerifyUpdate(session, data.data(), 1), CKR_OK);
-        EXPECT_EQ(p11().C_VerifyUpdate(session, data.data() + 1, data.size() - 1), CKR_OK);
-        return p11().C_VerifyFinal(session, signature.data(), signature.size());
+        EXPECT_EQ(p11().C_VerifyUpdate(session, data.data() + 1, sizeOf(data) - 1), CKR_OK);
+        return p11().C_VerifyFinal(session, signature.data(), sizeOf(signature));
     }
 
     static Bytes value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
@@ -230,7 +243,7 @@ TEST_F(StrictSoftkeyTest, CiphersEndAtTheirBuffers)
         const GuardedBuffer cipher(256);
         CK_ULONG length = 256;
         ASSERT_EQ(p11().C_EncryptInit(session, &mechanism, rsa.publicKey), CKR_OK);
-        ASSERT_EQ(p11().C_Encrypt(session, text.data(), text.size(), cipher.data(), &length), CKR_OK);
+        ASSERT_EQ(p11().C_Encrypt(session, text.data(), sizeOf(text), cipher.data(), &length), CKR_OK);
         ASSERT_EQ(p11().C_DecryptInit(session, &mechanism, rsa.privateKey), CKR_OK);
         const GuardedBuffer tooShort(32);
         length = 32;
@@ -251,7 +264,7 @@ TEST_F(StrictSoftkeyTest, DigestsEndAtTheirBuffers)
         const GuardedBuffer hash(static_cast<std::size_t>(size));
         CK_ULONG length = hash.size();
         ASSERT_EQ(p11().C_DigestInit(session, &mechanism), CKR_OK);
-        EXPECT_EQ(p11().C_Digest(session, data.data(), data.size(), hash.data(), &length), CKR_OK);
+        EXPECT_EQ(p11().C_Digest(session, data.data(), sizeOf(data), hash.data(), &length), CKR_OK);
     }
 }
 
@@ -261,7 +274,7 @@ TEST_F(StrictSoftkeyTest, BothSidesDeriveTheSameSecret)
     const KeyPair one = generateEc(session, CK_FALSE);
     const KeyPair other = generateEc(session, CK_FALSE);
     const auto derive = [&](CK_OBJECT_HANDLE base, Bytes point) {
-        CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, point.size(), point.data()};
+        CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
         EXPECT_EQ(p11().C_DeriveKey(session, &mechanism, base, nullptr, 0, &secret), CKR_OK);

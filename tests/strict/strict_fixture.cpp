@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <fstream>
 
-#include <dlfcn.h>
-
 #include "device_double.h"
 #include "test_system.h"
 
@@ -26,11 +24,9 @@ CK_FUNCTION_LIST_PTR load()
     std::filesystem::remove_all(scratch());
     std::filesystem::create_directories(scratch());
     test_system::setTemporaryFolder(scratch());
-    std::ofstream(scratch() / "velkor.conf") << "logLevel = 2\n";
-    test_system::setEnvironment("VELKOR_CONFIG", (scratch() / "velkor.conf").string());
-    void* library = dlopen(STRICT_FILE, RTLD_NOW | RTLD_LOCAL);
-    EXPECT_NE(library, nullptr) << dlerror();
-    const auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
+    test_system::LogLevel(scratch()).set("2");
+    const auto getList =
+        reinterpret_cast<CK_C_GetFunctionList>(test_system::moduleSymbol(STRICT_FILE, "C_GetFunctionList"));
     CK_FUNCTION_LIST_PTR list = nullptr;
     EXPECT_EQ(getList(&list), CKR_OK);
     return list;

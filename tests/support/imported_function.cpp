@@ -8,7 +8,8 @@ namespace test_system
 std::vector<HMODULE> ownModules()
 {
     std::vector<HMODULE> modules;
-    for (const char* file : {static_cast<const char*>(nullptr), "velkor-pkcs11.dll", "VelkorDSCLibrary.dll"}) {
+    for (const char* file :
+         {static_cast<const char*>(nullptr), "velkor-pkcs11-strict.dll", "velkor-pkcs11.dll", "VelkorDSCLibrary.dll"}) {
         if (const HMODULE module = GetModuleHandleA(file))
             modules.push_back(module);
     }

@@ -41,7 +41,7 @@ private:
 /// can run side by side.
 void useMachineWideRegistry();
 
-/// Address of an export of the module, which is given by its file; null when it has none of that name.
+/// Address of an export of a library, which is loaded from its file; null when it has none of that name.
 void* moduleSymbol(const std::filesystem::path& file, const char* name);
 
 /// Does `work` while no thread can be created.

@@ -186,8 +186,10 @@ void useMachineWideRegistry()
 
 void* moduleSymbol(const std::filesystem::path& file, const char* name)
 {
-    const HMODULE module = GetModuleHandleW(file.filename().c_str());
-    require(module != nullptr, "the module is not loaded");
+    // Beside the program, by the path that the system running this has for it, which the build does not know.
+    const std::filesystem::path path = program().replace_filename(file.filename());
+    const HMODULE module = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    require(module != nullptr, "the module cannot be loaded");
     return reinterpret_cast<void*>(GetProcAddress(module, name));
 }
 
@@ -198,9 +200,14 @@ void withoutNewThreads(const std::function<void()>& work)
         SetLastError(EAGAIN);
         return 0;
     };
+    void* usual = nullptr; // Its name here stands for what is replaced now.
+    for (const HMODULE module : ownModules()) {
+        if (void** address = importedFunction(module, "_beginthreadex"))
+            usual = *address;
+    }
     require(replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(failing)) != 0, "the start of threads");
     work();
-    replaceImportedFunction("_beginthreadex", reinterpret_cast<void*>(&_beginthreadex));
+    replaceImportedFunction("_beginthreadex", usual);
 }
 
 bool isEmulatedArm64()

@@ -1,0 +1,123 @@
+// The host on POSIX systems: how it loads the library, and the ways to end that only they have.
+#include <cstdlib>
+
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "host.h"
+
+namespace
+{
+
+void forkAndWait(const std::function<void()>& inChild)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        inChild();
+        std::exit(0);
+    }
+    int status = 0;
+    REQUIRE(waitpid(child, &status, 0) == child);
+    REQUIRE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+void forkWorkers()
+{
+    start();
+    const CK_SESSION_HANDLE session = openUserSession();
+    for (int worker = 0; worker < 3; ++worker) {
+        forkAndWait([] {
+            REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+            openUserSession();
+        });
+    }
+    CK_SESSION_INFO info;
+    REQUIRE(p11->C_GetSessionInfo(session, &info) == CKR_OK);
+    REQUIRE(info.state == CKS_RW_USER_FUNCTIONS);
+}
+
+void execute()
+{
+    start();
+    openUserSession();
+    keepBusy();
+    const std::string self = programFile();
+    execl(self.c_str(), self.c_str(), path.c_str(), "cycles", static_cast<char*>(nullptr));
+    REQUIRE(false);
+}
+
+/// The front's names are then everybody's, the module's own included.
+void loadedGlobally()
+{
+    load(true);
+    REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+    openUserSession();
+    REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
+}
+
+} // namespace
+
+std::filesystem::path programFile()
+{
+    return std::filesystem::read_symlink("/proc/self/exe");
+}
+
+void* loadLibrary(const std::string& file, bool globally)
+{
+    void* library = dlopen(file.c_str(), RTLD_NOW | (globally ? RTLD_GLOBAL : RTLD_LOCAL));
+    if (library == nullptr)
+        std::fprintf(stderr, "%s\n", dlerror());
+    return library;
+}
+
+void* symbolOf(void* library, const char* name)
+{
+    return dlsym(library, name);
+}
+
+bool unloadLibrary(void* library)
+{
+    return dlclose(library) == 0;
+}
+
+Ways waysOfThisSystem()
+{
+    return {
+        {"quick-exit",
+         [] {
+             start();
+             std::quick_exit(0);
+         }},
+        {"fork-before-start",
+         [] {
+             load();
+             forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
+             REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+         }},
+        {"fork-workers", forkWorkers},
+        {"fork-busy",
+         [] {
+             start();
+             openUserSession();
+             keepBusy();
+             forkAndWait([] {
+                 REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+                 openUserSession();
+             });
+         }},
+        {"fork-while-ending",
+         [] {
+             start();
+             REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
+             forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
+         }},
+        {"fork-and-exit",
+         [] {
+             start();
+             forkAndWait([] {});
+         }},
+        {"execute", execute},
+        {"global", loadedGlobally},
+    };
+}
