@@ -10,8 +10,6 @@ namespace velkor
 namespace
 {
 
-constexpr CK_SESSION_HANDLE SESSION_HANDLE_BASE = 0x60000001;
-
 /// Puts a session into the table, logged in when a user is. Gives its handle: the largest open one plus one.
 CK_SESSION_HANDLE insertSession(std::shared_ptr<SessionRecord> session)
 {

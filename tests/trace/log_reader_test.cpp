@@ -1,0 +1,216 @@
+// Lines as they come from files, whole or not.
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "describe.h"
+#include "output.h"
+#include "redaction.h"
+#include "trace_files.h"
+
+namespace velkor::trace
+{
+namespace
+{
+
+using test::freshFolder;
+using test::logLine;
+using test::writtenFile;
+
+struct ReadLog {
+    std::vector<std::string> texts;
+    ReadingNotes notes;
+};
+
+ReadLog readLog(const std::filesystem::path& path)
+{
+    LogReader reader(path);
+    ReadLog read;
+    LogLine line;
+    while (reader.next(line))
+        read.texts.emplace_back(line.text);
+    if (reader.last(line))
+        read.texts.emplace_back(line.text);
+    read.notes = reader.notes();
+    return read;
+}
+
+ReadLog readText(const std::string& content)
+{
+    return readLog(writtenFile(freshFolder() / "a.LOG", content));
+}
+
+using Texts = std::vector<std::string>;
+
+TEST(TraceReaderTest, LinesAreTakenApart)
+{
+    LogLine line;
+    ASSERT_TRUE(parseLine("15/11::13:46:27:123-> ->ERROR ::=>C_GetSlotInfo: invalid slotID=12", line));
+    EXPECT_EQ(clockText(line.time), "13:46:27.123");
+    EXPECT_EQ(line.day, 15);
+    EXPECT_EQ(line.month, 11);
+    EXPECT_EQ(line.level, Level::Error);
+    EXPECT_EQ(line.text, "C_GetSlotInfo: invalid slotID=12");
+}
+
+TEST(TraceReaderTest, LineEndsOfWindowsAreTakenToo)
+{
+    const ReadLog read = readText("15/11::13:46:27:123-> ->DEBUG ::=>C_Login\r\n");
+    EXPECT_EQ(read.texts, Texts{"C_Login"});
+    EXPECT_TRUE(read.notes.carriageReturns);
+}
+
+TEST(TraceReaderTest, ForeignLinesAreCountedAndPassedOver)
+{
+    const ReadLog read = readText("hello\n" + logLine("10:00:00:000", "DEBUG", "C_Login") + "\nSegmentation fault\n");
+    EXPECT_EQ(read.texts, Texts{"C_Login"});
+    EXPECT_EQ(read.notes.foreign, 2U);
+    EXPECT_EQ(read.notes.cut, 0U);
+}
+
+TEST(TraceReaderTest, CutLinesAreCounted)
+{
+    const std::string whole = logLine("10:00:00:000", "DEBUG", "C_Login");
+    const ReadLog read = readText("15/11::10:00:0\n" + whole.substr(0, 28) + whole + whole.substr(0, 40));
+    EXPECT_EQ(read.texts, (Texts{"C_Login", "C_Logi"}));
+    EXPECT_EQ(read.notes.cut, 3U);
+}
+
+TEST(TraceReaderTest, WrongBytesAreCountedAndNotShown)
+{
+    const ReadLog read = readText(logLine("10:00:00:000", "DEBUG", "Label not provided, using: \xFF\x1B[2J"));
+    EXPECT_EQ(read.notes.wrongBytes, 1U);
+    EXPECT_EQ(printable(read.texts.at(0)), "Label not provided, using: ??[2J");
+}
+
+TEST(TraceReaderTest, TextInUtf8IsNoWrongByte)
+{
+    EXPECT_EQ(readText(logLine("10:00:00:000", "DEBUG", "VELKOR_HOME not set \xE2\x80\x94 Using Windows defaults"))
+                  .notes.wrongBytes,
+              0U);
+}
+
+TEST(TraceReaderTest, AnOverlongLineIsCutAndTheNextOneRead)
+{
+    const ReadLog read = readText(logLine("10:00:00:000", "DEBUG", std::string(3'000'000, 'x')) +
+                                  logLine("10:00:00:001", "DEBUG", "C_Login"));
+    ASSERT_EQ(read.texts.size(), 2U);
+    EXPECT_LT(read.texts[0].size(), 100'000U);
+    EXPECT_EQ(read.texts[1], "C_Login");
+    EXPECT_EQ(read.notes.overlong, 1U);
+}
+
+TEST(TraceReaderTest, AFileThatIsMissingOrAFolderIsTold)
+{
+    EXPECT_NE(readLog(freshFolder() / "missing.LOG").notes.error, "");
+    EXPECT_NE(readLog(freshFolder()).notes.error, "");
+}
+
+TEST(TraceReaderTest, AFileThatGrowsHasMoreLines)
+{
+    const auto path = writtenFile(freshFolder() / "a.LOG", logLine("10:00:00:000", "DEBUG", "C_Login"));
+    LogReader reader(path);
+    LogLine line;
+    ASSERT_TRUE(reader.next(line));
+    EXPECT_FALSE(reader.next(line));
+    std::ofstream(path, std::ios::app | std::ios::binary) << logLine("10:00:00:001", "DEBUG", "C_Logout");
+    EXPECT_TRUE(reader.refresh());
+    ASSERT_TRUE(reader.next(line));
+    EXPECT_EQ(line.text, "C_Logout");
+}
+
+TEST(TraceReaderTest, AFileThatShrinksIsReadAnew)
+{
+    const auto path = writtenFile(freshFolder() / "a.LOG", logLine("10:00:00:000", "DEBUG", "C_Login") +
+                                                               logLine("10:00:00:001", "DEBUG", "C_Sign"));
+    LogReader reader(path);
+    LogLine line;
+    while (reader.next(line)) {
+    }
+    writtenFile(path, logLine("10:00:02:000", "DEBUG", "C_Logout"));
+    EXPECT_TRUE(reader.refresh());
+    ASSERT_TRUE(reader.next(line));
+    EXPECT_EQ(line.text, "C_Logout");
+    EXPECT_EQ(reader.notes().shrunk, 1U);
+}
+
+TEST(TraceReaderTest, ALinkInPlaceOfALogIsTold)
+{
+    const auto folder = freshFolder();
+    std::error_code error;
+    std::filesystem::create_symlink("elsewhere", folder / "link.LOG", error);
+    if (error)
+        GTEST_SKIP() << "no links can be made here";
+    EXPECT_EQ(whyUnwritable(folder / "link.LOG"), "a link stands in its place");
+    std::filesystem::create_directory(folder / "folder.LOG");
+    EXPECT_EQ(whyUnwritable(folder / "folder.LOG"), "a folder stands in its place");
+    EXPECT_EQ(whyUnwritable(writtenFile(folder / "good.LOG", "")), "");
+}
+
+// ---- Damaged logs ----
+
+std::string soundLog()
+{
+    std::string log;
+    for (int round = 0; round < 20; ++round) {
+        for (const TextRow& row : textRows()) {
+            const bool isError = row.kind == TextKind::Refusal || row.kind == TextKind::Warning;
+            log += logLine("10:00:00:000", isError ? "ERROR" : "DEBUG", std::string(row.pattern));
+        }
+        log += logLine("10:00:00:000", "DEBUG", "C_Login") + logLine("10:00:00:000", "DEBUG", "Sign input hash : 00FF");
+    }
+    return log.substr(0, 60'000);
+}
+
+std::string damaged(std::string log, std::mt19937& random)
+{
+    const auto below = [&](std::size_t limit) {
+        return static_cast<std::size_t>(random()) % std::max<std::size_t>(limit, 1);
+    };
+    for (std::size_t change = below(30) + 1; change > 0 && !log.empty(); --change) {
+        const std::size_t place = below(log.size());
+        const std::size_t length = below(200);
+        switch (below(5)) {
+        case 0:
+            log[place] = static_cast<char>(below(256));
+            break;
+        case 1:
+            log.erase(place, length);
+            break;
+        case 2:
+            log.insert(place, log.substr(below(log.size()), length));
+            break;
+        case 3:
+            log.insert(place, std::string(length, static_cast<char>(below(256))));
+            break;
+        default:
+            log.resize(log.size() - below(log.size() / 4));
+        }
+    }
+    return log;
+}
+
+TEST(TraceReaderTest, DamagedLogsDoNoHarm)
+{
+    const std::string sound = soundLog();
+    const auto folder = freshFolder();
+    std::mt19937 random(20'261'115); // NOLINT(cert-msc51-cpp): every run is to meet the same logs.
+    for (int round = 0; round < 3000; ++round) {
+        const std::size_t start = static_cast<std::size_t>(random()) % (sound.size() - 3000);
+        const auto path = writtenFile(folder / "a.LOG", damaged(sound.substr(start, 3000), random));
+        MergedCalls merged({path});
+        for (Call call; merged.next(call);) {
+            if (round % 2 == 0)
+                redact(call);
+            tableRow(call, {.width = 80, .colours = true, .programs = true});
+            EXPECT_FALSE(jsonLine(callAsJson(call)).empty());
+        }
+    }
+}
+
+} // namespace
+} // namespace velkor::trace

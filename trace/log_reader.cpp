@@ -1,0 +1,270 @@
+#include "log_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+namespace velkor::trace
+{
+namespace
+{
+
+constexpr std::size_t BUFFER_SIZE = std::size_t{1} << 20;
+constexpr std::size_t LINE_CAPACITY = std::size_t{64} << 10;
+constexpr Milliseconds SECOND = 1000;
+constexpr Milliseconds DAY = 24 * 60 * 60 * SECOND;
+
+// "15/11::13:46:27:123-> ->DEBUG ::=>": what stands at every place; digits are marked by a zero.
+constexpr std::string_view SHAPE = "00/00::00:00:00:000-> ->";
+constexpr std::size_t TAG_SIZE = 10;
+constexpr std::size_t PREFIX_SIZE = SHAPE.size() + TAG_SIZE;
+
+struct Tag {
+    std::string_view text;
+    Level level;
+};
+
+constexpr Tag TAGS[] = {
+    {"DEBUG ::=>", Level::Debug},
+    {"ERROR ::=>", Level::Error},
+    {"EXCEP ::=>", Level::Other},
+    {"INFO  ::=>", Level::Other},
+};
+
+bool hasShape(std::string_view whole)
+{
+    for (std::size_t place = 0; place < SHAPE.size(); ++place) {
+        const char each = whole[place];
+        if (SHAPE[place] == '0' ? each < '0' || each > '9' : each != SHAPE[place])
+            return false;
+    }
+    return true;
+}
+
+int twoDigits(std::string_view whole, std::size_t place)
+{
+    return (whole[place] - '0') * 10 + (whole[place + 1] - '0');
+}
+
+Milliseconds timeOf(std::string_view whole, int month, int day)
+{
+    const int milliseconds = twoDigits(whole, 16) * 10 + (whole[18] - '0');
+    const int seconds = (twoDigits(whole, 7) * 60 + twoDigits(whole, 10)) * 60 + twoDigits(whole, 13);
+    return (month * Milliseconds{31} + day) * DAY + seconds * SECOND + milliseconds;
+}
+
+/// Where another line begins inside a line that was cut; npos when none does.
+std::size_t innerLine(std::string_view whole)
+{
+    for (std::size_t arrow = whole.find("-> ->", 1); arrow != std::string_view::npos;
+         arrow = whole.find("-> ->", arrow + 1)) {
+        const std::size_t start = arrow - (SHAPE.size() - 5);
+        LogLine ignored;
+        if (arrow > SHAPE.size() - 5 && parseLine(whole.substr(start), ignored))
+            return start;
+    }
+    return std::string_view::npos;
+}
+
+/// Bytes of the UTF-8 sequence at the beginning of the text; 0 when it is none.
+std::size_t sequenceLength(std::string_view bytes)
+{
+    const auto first = static_cast<unsigned char>(bytes.front());
+    const std::size_t length = first >= 0xF0 && first < 0xF5 ? 4 : first >= 0xE0 ? 3 : first >= 0xC2 ? 2 : 0;
+    if (length == 0 || first >= 0xF5 || bytes.size() < length)
+        return 0;
+    for (std::size_t place = 1; place < length; ++place) {
+        if ((static_cast<unsigned char>(bytes[place]) & 0xC0) != 0x80)
+            return 0;
+    }
+    return length;
+}
+
+} // namespace
+
+std::string clockText(Milliseconds time)
+{
+    const Milliseconds ofDay = (time % DAY + DAY) % DAY;
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", static_cast<int>(ofDay / (3600 * SECOND)),
+                  static_cast<int>(ofDay / (60 * SECOND) % 60), static_cast<int>(ofDay / SECOND % 60),
+                  static_cast<int>(ofDay % SECOND));
+    return text.data();
+}
+
+bool parseLine(std::string_view whole, LogLine& line)
+{
+    if (whole.size() < PREFIX_SIZE || !hasShape(whole))
+        return false;
+    const auto* const tag = std::ranges::find(TAGS, whole.substr(SHAPE.size(), TAG_SIZE), &Tag::text);
+    if (tag == std::end(TAGS))
+        return false;
+    line.day = twoDigits(whole, 0);
+    line.month = twoDigits(whole, 3);
+    line.time = timeOf(whole, line.month, line.day);
+    line.level = tag->level;
+    line.text = whole.substr(PREFIX_SIZE);
+    return true;
+}
+
+bool isText(std::string_view bytes)
+{
+    // Most lines are plain: one pass without a branch for each byte.
+    unsigned char odd = 0;
+    for (const char each : bytes) {
+        const auto byte = static_cast<unsigned char>(each);
+        odd |=
+            static_cast<unsigned char>((byte & 0x80) | (byte < 0x20 && byte != '\t' ? 1 : 0) | (byte == 0x7F ? 1 : 0));
+    }
+    if (odd == 0)
+        return true;
+    while (!bytes.empty()) {
+        const auto byte = static_cast<unsigned char>(bytes.front());
+        const bool isPlain = (byte >= 0x20 && byte < 0x7F) || byte == '\t';
+        const std::size_t length = isPlain ? 1 : sequenceLength(bytes);
+        if (length == 0)
+            return false;
+        bytes.remove_prefix(length);
+    }
+    return true;
+}
+
+LogReader::LogReader(std::filesystem::path path) : path_(std::move(path)), buffer_(BUFFER_SIZE)
+{
+    open();
+}
+
+void LogReader::open()
+{
+    std::error_code error;
+    const auto status = std::filesystem::status(path_, error);
+    if (!error && std::filesystem::is_directory(status))
+        error = std::make_error_code(std::errc::is_a_directory);
+    else if (!error)
+        file_.reset(std::fopen(path_.string().c_str(), "rb"));
+    if (!error && !file_)
+        error = std::error_code(errno, std::generic_category());
+    if (file_)
+        std::setvbuf(file_.get(), nullptr, _IONBF, 0);
+    notes_.error = error ? error.message() : "";
+}
+
+bool LogReader::fill()
+{
+    if (!file_)
+        return false;
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+    const std::size_t count = std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, file_.get());
+    if (count == 0 && std::ferror(file_.get()) != 0 && notes_.error.empty())
+        notes_.error = std::generic_category().message(errno);
+    end_ += count;
+    notes_.bytes += count;
+    return count != 0;
+}
+
+/// The next line up to its end, which is left out. The end of an overlong one is passed over.
+bool LogReader::nextRaw(std::string_view& raw)
+{
+    std::size_t searched = 0;
+    while (true) {
+        const char* start = buffer_.data() + begin_;
+        const std::size_t size = end_ - begin_;
+        const auto* found = static_cast<const char*>(std::memchr(start + searched, '\n', size - searched));
+        if (found != nullptr) {
+            raw = {start, static_cast<std::size_t>(found - start)};
+            begin_ += raw.size() + 1;
+            if (!std::exchange(skipping_, false))
+                return true;
+            searched = 0;
+            continue;
+        }
+        if (size > LINE_CAPACITY) {
+            raw = {start, size};
+            begin_ = end_;
+            searched = 0;
+            if (!std::exchange(skipping_, true)) {
+                ++notes_.overlong;
+                return true;
+            }
+            continue;
+        }
+        searched = size;
+        if (!fill())
+            return false;
+    }
+}
+
+bool LogReader::take(std::string_view raw, LogLine& line)
+{
+    ++notes_.lines;
+    if (raw.ends_with('\r')) {
+        raw.remove_suffix(1);
+        notes_.carriageReturns = true;
+    }
+    raw = raw.substr(0, LINE_CAPACITY);
+    if (!isText(raw))
+        ++notes_.wrongBytes;
+    const bool isWhole = parseLine(raw, line);
+    if (const std::size_t inner = innerLine(raw); inner != std::string_view::npos && inner != 0) {
+        ++notes_.cut;
+        parseLine(raw.substr(inner), line);
+    } else if (!isWhole) {
+        // What begins as a line does was cut; all else is of somebody else.
+        const bool begins = raw.size() >= 7 && raw[2] == '/' && raw.substr(5, 2) == "::";
+        ++(begins ? notes_.cut : notes_.foreign);
+        return false;
+    }
+    line.number = notes_.lines;
+    if (line.time + SECOND <= lastTime_)
+        ++notes_.backwards;
+    lastTime_ = line.time;
+    return true;
+}
+
+bool LogReader::next(LogLine& line)
+{
+    std::string_view raw;
+    while (nextRaw(raw)) {
+        if (!raw.empty() && take(raw, line))
+            return true;
+    }
+    return false;
+}
+
+bool LogReader::last(LogLine& line)
+{
+    const std::string_view raw(buffer_.data() + begin_, end_ - begin_);
+    begin_ = end_;
+    if (raw.empty() || std::exchange(skipping_, false))
+        return false;
+    ++notes_.cut;
+    const std::uint64_t cut = notes_.cut;
+    const bool isWhole = take(raw, line);
+    notes_.cut = cut; // Counted once.
+    return isWhole;
+}
+
+bool LogReader::refresh()
+{
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path_, error);
+    if (!file_ || error) {
+        file_.reset();
+        open();
+        return static_cast<bool>(file_);
+    }
+    const long place = std::ftell(file_.get());
+    if (place >= 0 && size < static_cast<std::uintmax_t>(place)) {
+        ++notes_.shrunk;
+        begin_ = end_ = 0;
+        std::rewind(file_.get());
+    }
+    std::clearerr(file_.get());
+    return true;
+}
+
+} // namespace velkor::trace

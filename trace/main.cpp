@@ -1,0 +1,168 @@
+// velkor-trace: says what happened in the module's log, in words.
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "describe.h"
+#include "filter.h"
+#include "output.h"
+#include "redaction.h"
+#include "sources.h"
+#include "terminal.h"
+
+namespace
+{
+
+using namespace velkor::trace;
+
+enum class ExitCode : int { Done = 0, Failed = 1, Usage = 2, NothingRead = 3 };
+
+struct Options {
+    std::vector<std::string> files;
+    Filter filter;
+    std::string since;
+    std::string slow;
+    bool json = false;
+    bool redact = false;
+    bool noPager = false;
+};
+
+/// A wrong use that CLI11 does not know of.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// The logs that were asked for; today's where none was.
+std::vector<std::filesystem::path> chosenLogs(const Options& options)
+{
+    if (options.files.empty())
+        return todaysLogs(logFolder());
+    std::vector<std::filesystem::path> logs;
+    for (const std::string& file : options.files) {
+        std::error_code error;
+        if (!std::filesystem::is_directory(file, error)) {
+            logs.emplace_back(file);
+            continue;
+        }
+        const auto inside = todaysLogs(file);
+        logs.insert(logs.end(), inside.begin(), inside.end());
+    }
+    return logs;
+}
+
+void readTimes(Options& options)
+{
+    if (!options.since.empty() && !(options.filter.since = timeOfDay(options.since)))
+        throw UsageError("--since: a time of the day is wanted, as 10:30 or 10:30:15");
+    if (!options.slow.empty() && !(options.filter.slow = durationOf(options.slow)))
+        throw UsageError("--slow: a duration is wanted, as 200ms or 1.5s");
+}
+
+/// Tells what was met beside calls. Gives whether anything could be read.
+bool tellNotes(const std::vector<std::unique_ptr<Source>>& sources)
+{
+    bool anyRead = false;
+    for (const auto& source : sources) {
+        anyRead |= source->reader().notes().error.empty();
+        for (const std::string& note : notesInWords(*source))
+            std::fprintf(stderr, "velkor-trace: %s: %s\n", source->reader().path().string().c_str(), note.c_str());
+    }
+    return anyRead;
+}
+
+ExitCode tellNoLogs(const Options& options)
+{
+    const std::string place = options.files.empty() ? logFolder().string() : options.files.front();
+    std::fprintf(stderr, "velkor-trace: there are no logs of today in %s\n", place.c_str());
+    return ExitCode::NothingRead;
+}
+
+ExitCode show(Options& options)
+{
+    readTimes(options);
+    const auto logs = chosenLogs(options);
+    if (logs.empty())
+        return tellNoLogs(options);
+    MergedCalls calls(logs);
+    const TableStyle style = {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), logs.size() > 1};
+    {
+        const PagedOutput output(!options.noPager && !options.json);
+        if (!options.json)
+            std::fputs(tableHeader(style).c_str(), output.file());
+        for (Call call; calls.next(call);) {
+            if (!options.filter.wants(call))
+                continue;
+            if (options.redact)
+                redact(call);
+            const std::string row = options.json ? jsonLine(callAsJson(call)) : tableRow(call, style);
+            if (std::fputs(row.c_str(), output.file()) < 0)
+                break; // The reader has seen enough.
+        }
+    }
+    return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
+}
+
+ExitCode explainQuestion(const std::vector<std::string>& words)
+{
+    std::string question;
+    for (const std::string& word : words)
+        question += (question.empty() ? "" : " ") + word;
+    const std::string page = explain(question);
+    if (page.empty()) {
+        std::fprintf(stderr, "velkor-trace: nothing is known of \"%s\"\n", printable(question).c_str());
+        return ExitCode::NothingRead;
+    }
+    std::fputs(page.c_str(), stdout);
+    return ExitCode::Done;
+}
+
+void addOptions(CLI::App& app, Options& options)
+{
+    app.add_option("FILE", options.files, "Logs, or folders of programs (default: today's of this user's programs)");
+    app.add_flag("--errors", options.filter.errors, "Only calls that were refused or have an error line");
+    app.add_option("--since", options.since, "Only calls from this time of the day on")->type_name("HH:MM");
+    app.add_option("--call", options.filter.function, "Only calls of this function")->type_name("NAME");
+    app.add_option("--session", options.filter.session, "Only calls whose lines name this session")->type_name("N");
+    app.add_option("--slow", options.slow, "Only calls that took at least this long")->type_name("TIME");
+    app.add_flag("--json", options.json, "Print JSON, one object a call");
+    app.add_flag("--redact", options.redact, "Hide hashes, inputs, identifiers, labels and paths");
+    app.add_flag("--no-pager", options.noPager, "Do not use a pager");
+}
+
+ExitCode run(CLI::App& app, int argc, char** argv)
+{
+    Options options;
+    std::vector<std::string> question;
+    addOptions(app, options);
+    CLI::App* explaining = app.add_subcommand("explain", "Say what a line, a code, a number or a status means");
+    explaining->add_option("WHAT", question, "The line, CKR_..., 0x50000001, status 313, C_...")->required();
+    try {
+        app.parse(argc, argv);
+        return explaining->parsed() ? explainQuestion(question) : show(options);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0)
+            return static_cast<ExitCode>(app.exit(error)); // Help or version.
+        throw UsageError(error.what());
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("Says what happened in the log of the Velkor module.", "velkor-trace");
+    app.set_version_flag("--version", "velkor-trace " VELKOR_VERSION, "Print the version and exit");
+    try {
+        return static_cast<int>(run(app, argc, argv));
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "velkor-trace: %s\n", error.what());
+        return static_cast<int>(ExitCode::Usage);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "velkor-trace: %s\n", error.what());
+        return static_cast<int>(ExitCode::Failed);
+    }
+}

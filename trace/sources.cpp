@@ -1,0 +1,169 @@
+#include "sources.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <system_error>
+
+#include "platform/platform.h"
+
+namespace velkor::trace
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view SHAPE_OF_NAME = "0000-00-00.LOG";
+constexpr Milliseconds YEAR = Milliseconds{13} * 31 * 24 * 60 * 60 * 1000;
+
+bool isNamedByModule(const std::string& name)
+{
+    if (name.size() != SHAPE_OF_NAME.size())
+        return false;
+    for (std::size_t place = 0; place < name.size(); ++place) {
+        const char each = name[place];
+        if (SHAPE_OF_NAME[place] == '0' ? each < '0' || each > '9' : each != SHAPE_OF_NAME[place])
+            return false;
+    }
+    return true;
+}
+
+Milliseconds yearOf(const fs::path& log)
+{
+    const std::string name = log.filename().string();
+    return isNamedByModule(name) ? std::stoi(name.substr(0, 4)) * YEAR : 0;
+}
+
+void note(std::vector<std::string>& notes, std::uint64_t count, const char* one, const char* many)
+{
+    if (count != 0)
+        notes.push_back(std::to_string(count) + " " + (count == 1 ? one : many));
+}
+
+} // namespace
+
+fs::path logFolder()
+{
+    const std::string folder = platform::temporaryFolder();
+    return folder.empty() ? fs::path() : fs::path(folder) / "Brenmoor";
+}
+
+std::string todaysName()
+{
+    const platform::LocalTime now = platform::localTime();
+    std::array<char, 80> name{};
+    std::snprintf(name.data(), name.size(), "%04d-%02d-%02d.LOG", now.year, now.month, now.day);
+    return name.data();
+}
+
+std::vector<fs::path> todaysLogs(const fs::path& folder)
+{
+    std::vector<fs::path> logs;
+    std::error_code error;
+    for (fs::directory_iterator each(folder, error), end; !error && each != end; each.increment(error)) {
+        const fs::path log = each->path() / todaysName();
+        std::error_code unreadable;
+        if (fs::exists(fs::symlink_status(log, unreadable)))
+            logs.push_back(log);
+    }
+    std::ranges::sort(logs);
+    return logs;
+}
+
+std::string programOf(const fs::path& log)
+{
+    const std::string name = log.filename().string();
+    const std::string folder = fs::absolute(log).parent_path().filename().string();
+    return isNamedByModule(name) && !folder.empty() ? folder : name;
+}
+
+std::string whyUnwritable(const fs::path& log)
+{
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(log, error);
+    if (fs::is_symlink(status))
+        return "a link stands in its place";
+    if (fs::is_directory(status))
+        return "a folder stands in its place";
+    if (fs::exists(status) && !fs::is_regular_file(status))
+        return "it is no regular file";
+    constexpr auto WRITABLE = fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write;
+    if (fs::exists(status) && (status.permissions() & WRITABLE) == fs::perms::none)
+        return "nobody may write to it";
+    return {};
+}
+
+Source::Source(const fs::path& log) : reader_(log), builder_(programOf(log)), year_(yearOf(log)) {}
+
+bool Source::add(LogLine& line)
+{
+    line.time += year_;
+    builder_.add(line);
+    return true;
+}
+
+bool Source::next(Call& call, bool isGrowing)
+{
+    LogLine line;
+    while (!builder_.take(call)) {
+        if (reader_.next(line)) {
+            add(line);
+            continue;
+        }
+        if (isGrowing || ended_)
+            return false;
+        ended_ = true;
+        if (reader_.last(line))
+            add(line);
+        builder_.finish();
+    }
+    return true;
+}
+
+MergedCalls::MergedCalls(const std::vector<fs::path>& logs)
+{
+    for (const fs::path& log : logs) {
+        sources_.push_back(std::make_unique<Source>(log));
+        Call first;
+        heads_.push_back(sources_.back()->next(first, false) ? std::optional(std::move(first)) : std::nullopt);
+    }
+}
+
+bool MergedCalls::next(Call& call)
+{
+    std::size_t earliest = heads_.size();
+    for (std::size_t each = 0; each < heads_.size(); ++each) {
+        if (heads_[each] && (earliest == heads_.size() || heads_[each]->start < heads_[earliest]->start))
+            earliest = each;
+    }
+    if (earliest == heads_.size())
+        return false;
+    call = std::move(*heads_[earliest]);
+    if (!sources_[earliest]->next(*heads_[earliest], false))
+        heads_[earliest].reset();
+    return true;
+}
+
+std::vector<std::string> notesInWords(const Source& source)
+{
+    const ReadingNotes& reading = source.reader().notes();
+    std::vector<std::string> notes;
+    if (!reading.error.empty())
+        notes.push_back("it cannot be read: " + reading.error);
+    note(notes, reading.cut, "line was cut", "lines were cut");
+    note(notes, reading.foreign, "line is none of the log's", "lines are none of the log's");
+    note(notes, reading.overlong, "line is too long to be shown whole", "lines are too long to be shown whole");
+    note(notes, reading.wrongBytes, "line has bytes that are no text", "lines have bytes that are no text");
+    note(notes, reading.backwards, "line is older than the one before", "lines are older than the one before");
+    note(notes, reading.shrunk, "time the file became shorter", "times the file became shorter");
+    note(notes, source.builder().notes().unknownTexts, "text is unknown to this version",
+         "texts are unknown to this version");
+    note(notes, source.builder().notes().mixed, "call has lines of several threads mixed",
+         "calls have lines of several threads mixed");
+    if (const std::string why = whyUnwritable(source.reader().path()); !why.empty())
+        notes.push_back("the module cannot write it: " + why);
+    return notes;
+}
+
+} // namespace velkor::trace

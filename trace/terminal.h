@@ -1,0 +1,32 @@
+// What the output asks of the operating system: whether it is a terminal, how wide that is, and a pager.
+#pragma once
+
+#include <cstdio>
+
+namespace velkor::trace
+{
+
+bool isTerminal(std::FILE* file);
+
+/// Columns of the terminal on standard output; 0 where it does not tell. COLUMNS wins.
+int terminalWidth();
+
+/// Whether colours are wanted: on a terminal that can show them, unless NO_COLOR is set.
+bool wantsColours();
+
+/// Standard output, through a pager where it is a terminal: the program of PAGER, else less, as git takes them.
+class PagedOutput
+{
+public:
+    explicit PagedOutput(bool wanted);
+    ~PagedOutput();
+    PagedOutput(const PagedOutput&) = delete;
+    PagedOutput& operator=(const PagedOutput&) = delete;
+
+    std::FILE* file() const { return pager_ != nullptr ? pager_ : stdout; }
+
+private:
+    std::FILE* pager_ = nullptr;
+};
+
+} // namespace velkor::trace
