@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Signs something real with a software key, from nothing: makes a key, generates key pairs on it through the module,
-# puts certificates on it, and drives it with a client that is not ours. OpenSSL by itself checks every result.
-# Nothing outside its own folder, build/demo, is touched.
+# puts certificates on it, and drives it with a client that is not ours; the second half through the strict front.
+# OpenSSL by itself checks every result. Nothing outside its own folder, build/demo, is touched.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -43,9 +43,9 @@ show() {
 
 build() {
     cmake --preset release
-    cmake --build --preset release --target velkor-pkcs11 softkey velkor-softkey
+    cmake --build --preset release --target velkor-pkcs11 velkor-pkcs11-strict softkey velkor-softkey
 }
-step "build the module, the software key and its tool" build
+step "build the module, the strict front, the software key and its tool" build
 
 # ---- A key, its slot and its token ----
 
@@ -117,9 +117,21 @@ read_public_key() { # read_public_key ID NAME: as NAME.pub
     token --read-object --type pubkey --id "$1" --output-file "$2.spki"
     openssl pkey -pubin -inform DER -in "$2.spki" -pubout -out "$2.pub"
 }
+# The client uses memory that it has freed when it reads public keys of P-256, and of other curves it reads none; it
+# shows the point.
+read_point() { # read_point ID NAME CURVE SIZE: as NAME.pub
+    local point
+    rm -f "$2.spki" "$2.pub"
+    token --list-objects --type pubkey --id "$1" >"$2.txt"
+    point=$(sed -n 's/^ *EC_POINT: *//p' "$2.txt")
+    printf '%s\n' asn1=SEQUENCE:key "[key]" algorithm=SEQUENCE:algorithm "point=FORMAT:HEX,BITSTRING:${point: -2*$4}" \
+        "[algorithm]" type=OID:id-ecPublicKey "curve=OID:$3" >"$2.conf"
+    openssl asn1parse -genconf "$2.conf" -noout -out "$2.spki"
+    openssl pkey -pubin -inform DER -in "$2.spki" -pubout -out "$2.pub"
+}
 make_leaves() {
     read_public_key 01 rsa
-    read_public_key 02 ec
+    read_point 02 ec prime256v1 65
     issue rsa "/CN=Demo RSA" intermediate
     issue ec "/CN=Demo EC" root
 }
@@ -142,8 +154,9 @@ show "find the chain of three on the token" find_chain
 step "write the EC certificate" login --write-object ec.der --type cert --id 02 --label "Demo EC"
 step "list all objects" login --list-objects
 
-# ---- Use of the keys ----
+# ---- Use of the keys, through the strict front: many short commands, each of which ends at once ----
 
+module=$root/build/release/lib/velkor-pkcs11-strict.so
 echo "What the demo signs." >data.txt
 sign() { # sign ID NAME MECHANISM [OPTION...]: as NAME.sig
     rm -f "$2.sig"
@@ -201,17 +214,6 @@ use_rsa() { # use_rsa ID NAME BITS
     openssl pkey -pubin -in "$2.pub" -noout -text | grep "($3 bit)"
     sign "$1" "$2" SHA256-RSA-PKCS
     verify "$2"
-}
-# The client reads public keys of the curve P-256 alone; of the others it shows the point.
-read_point() { # read_point ID NAME CURVE SIZE: as NAME.pub
-    local point
-    rm -f "$2.spki" "$2.pub"
-    token --list-objects --type pubkey --id "$1" >"$2.txt"
-    point=$(sed -n 's/^ *EC_POINT: *//p' "$2.txt")
-    printf '%s\n' asn1=SEQUENCE:key "[key]" algorithm=SEQUENCE:algorithm "point=FORMAT:HEX,BITSTRING:${point: -2*$4}" \
-        "[algorithm]" type=OID:id-ecPublicKey "curve=OID:$3" >"$2.conf"
-    openssl asn1parse -genconf "$2.conf" -noout -out "$2.spki"
-    openssl pkey -pubin -inform DER -in "$2.spki" -pubout -out "$2.pub"
 }
 use_ec() { # use_ec ID NAME CURVE SIZE: an uncompressed point of the curve has that size
     login --keypairgen --key-type "EC:$3" --id "$1" --label "demo $2"
