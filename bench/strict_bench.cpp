@@ -191,9 +191,13 @@ void SearchByClassAndKeyTypeAmongMany(benchmark::State& state)
     std::vector<CK_OBJECT_HANDLE> found;
     const std::vector<CK_ATTRIBUTE> criteria = {{CKA_CLASS, &objectClass, sizeof objectClass},
                                                 {CKA_KEY_TYPE, &keyType, sizeof keyType}};
-    const auto begin = Clock::now();
-    search(session, criteria, found);
-    state.counters["first_ms"] = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    // Of the process, in which this function runs more than once.
+    static const double first = [&] {
+        const auto begin = Clock::now();
+        search(session, criteria, found);
+        return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    }();
+    state.counters["first_ms"] = first;
     for (auto _ : state)
         search(session, criteria, found);
 }
