@@ -1,9 +1,9 @@
-// Bytes that are wiped when they are dropped.
+// Bytes that are wiped when they are dropped, in memory for secrets.
 #pragma once
 
-#include <openssl/crypto.h>
+#include "base/secret_memory.h"
 
-#include <cstddef>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <utility>
@@ -15,18 +15,16 @@ class SecretBytes
 {
 public:
     SecretBytes() = default;
-    explicit SecretBytes(std::size_t size) : bytes_(new unsigned char[size]()), capacity_(size), size_(size) {}
+    explicit SecretBytes(std::size_t size) : bytes_(static_cast<unsigned char*>(takeSecretMemory(size))), size_(size)
+    {
+        std::memset(bytes_.get(), 0, size);
+    }
     SecretBytes(SecretBytes&& other) noexcept { swap(other); }
     SecretBytes& operator=(SecretBytes&& other) noexcept
     {
         SecretBytes taken(std::move(other));
         swap(taken);
         return *this;
-    }
-    ~SecretBytes()
-    {
-        if (bytes_)
-            OPENSSL_cleanse(bytes_.get(), capacity_);
     }
 
     unsigned char* data() { return bytes_.get(); }
@@ -37,15 +35,17 @@ public:
     operator std::span<const unsigned char>() const { return {bytes_.get(), size_}; }
 
 private:
+    struct GiveBack {
+        void operator()(unsigned char* bytes) const { giveBackMemory(bytes); }
+    };
+
     void swap(SecretBytes& other) noexcept
     {
         std::swap(bytes_, other.bytes_);
-        std::swap(capacity_, other.capacity_);
         std::swap(size_, other.size_);
     }
 
-    std::unique_ptr<unsigned char[]> bytes_;
-    std::size_t capacity_ = 0;
+    std::unique_ptr<unsigned char[], GiveBack> bytes_;
     std::size_t size_ = 0;
 };
 

@@ -1,4 +1,5 @@
 #include "crypto/private_key.h"
+#include "platform/fork_guard.h"
 
 #include <openssl/rsa.h>
 
@@ -7,6 +8,7 @@ namespace softkey
 
 SecretBytes PrivateKey::decrypt(Bytes ciphertext) const
 {
+    const ForkSafeSection section; // What a decryption works with is on this stack, too.
     require(traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
     require(ciphertext.size() == traits_.size(), SoftkeyStatus::DataLength);
     // The bare operation, once: OpenSSL's own looks at paddings tell what is wrong with a block, and want to be told

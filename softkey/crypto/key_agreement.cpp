@@ -1,6 +1,7 @@
 // ECDH.
 #include "crypto/private_key.h"
 #include "crypto/public_key.h"
+#include "platform/fork_guard.h"
 
 namespace softkey
 {
@@ -24,6 +25,7 @@ Bytes barePoint(Bytes encoded, const KeyKindTraits& traits)
 
 SecretBytes PrivateKey::agree(Bytes peerPoint) const
 {
+    const ForkSafeSection section; // What an agreement works with is on this stack, too.
     require(!traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
     const EvpKey peer = publicKeyFromPoint(traits_, barePoint(peerPoint, traits_));
     const EvpKeyContext context = newContext();

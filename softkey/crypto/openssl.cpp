@@ -1,11 +1,16 @@
 #include "crypto/openssl.h"
 
+#include "base/secret_memory.h"
 #include "platform/fork_guard.h"
 
 #include <openssl/provider.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <new>
+#include <string_view>
 
 namespace softkey
 {
@@ -14,9 +19,40 @@ namespace
 
 std::atomic<bool> openSslCleanedUp{false};
 
+#ifdef SOFTKEY_BUNDLED_LIBCRYPTO
+/// Digits of big numbers, which is where private keys have their components, are all made in one file of OpenSSL's.
+void* take(std::size_t size, const char* file, int) noexcept
+{
+    try {
+        const bool isSecret = std::string_view(file).ends_with("bn_lib.c");
+        return size == 0 ? nullptr : isSecret ? takeSecretMemory(size) : takeOrdinaryMemory(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void giveBack(void* memory, const char*, int) noexcept
+{
+    giveBackMemory(memory);
+}
+
+void* takeAnew(void* memory, std::size_t size, const char* file, int line) noexcept
+{
+    void* const fresh = take(size, file, line);
+    if (memory != nullptr && fresh != nullptr)
+        std::memcpy(fresh, memory, std::min(size, sizeOfMemory(memory)));
+    if (fresh != nullptr || size == 0)
+        giveBackMemory(memory);
+    return fresh;
+}
+#endif
+
 bool startOnce()
 {
 #ifdef SOFTKEY_BUNDLED_LIBCRYPTO
+    // Whatever it gives back is wiped: some of its code gives back encodings of private keys as they are. Where it was
+    // in use before, as in the tests, it stays with the memory that it has.
+    CRYPTO_set_mem_functions(take, takeAnew, giveBack);
     // This copy of libcrypto is the library's own: without a cleanup at exit, calls stay safe to the very end.
     return OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
 #else

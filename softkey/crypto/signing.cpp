@@ -1,6 +1,7 @@
 #include "crypto/ecdsa_form.h"
 #include "crypto/private_key.h"
 #include "crypto/signature_input.h"
+#include "platform/fork_guard.h"
 
 #include <openssl/rsa.h>
 
@@ -80,6 +81,7 @@ std::size_t PrivateKey::signEc(Bytes input, std::span<unsigned char> signature) 
 
 std::size_t PrivateKey::sign(Bytes input, bool isPss, std::span<unsigned char> signature) const
 {
+    const ForkSafeSection section; // What a signature works with is on this stack, too.
     require(!isPss || traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
     require(signature.size() >= traits_.signatureSize(), SoftkeyStatus::BufferTooSmall);
     const std::span<unsigned char> out = signature.first(traits_.signatureSize());

@@ -1,5 +1,7 @@
 #include "platform/fork_guard.h"
 
+#include "base/secret_memory.h"
+
 #include <new>
 #include <pthread.h>
 #include <shared_mutex>
@@ -16,13 +18,26 @@ struct ForkGate {
 
     ForkGate()
     {
-        pthread_atfork([] { gate().mutex.lock(); }, [] { gate().mutex.unlock(); }, [] { gate().openInChild(); });
+        pthread_atfork([] { gate().close(); }, [] { gate().open(); }, [] { gate().openInChild(); });
+    }
+
+    void close()
+    {
+        mutex.lock();
+        holdSecretMemory();
+    }
+
+    void open()
+    {
+        releaseSecretMemory();
+        mutex.unlock();
     }
 
     /// The lock still counts threads of the parent that wait for it; the child has none of them and begins anew.
     void openInChild()
     {
         generation.fetch_add(1, std::memory_order_acq_rel);
+        releaseSecretMemory();
         new (&mutex) std::shared_mutex;
     }
 

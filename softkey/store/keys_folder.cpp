@@ -85,8 +85,21 @@ std::vector<std::string> KeysFolder::keyNames(bool refresh)
     return names_;
 }
 
+void KeysFolder::lockIdleKeys()
+{
+    std::vector<std::shared_ptr<SoftKey>> open;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [name, entry] : entries_)
+            open.push_back(entry.key);
+    }
+    for (const std::shared_ptr<SoftKey>& key : open)
+        key->lockWhenIdle(steady_clock::now());
+}
+
 std::vector<std::string> KeysFolder::pluggedKeys(bool refresh)
 {
+    lockIdleKeys(); // A module asks every second.
     std::vector<std::string> plugged;
     for (const std::string& name : keyNames(refresh)) {
         try {

@@ -39,6 +39,7 @@ private:
     };
 
     std::shared_ptr<SoftKey> reopen(std::string_view name);
+    void lockIdleKeys();
 
     std::mutex mutex_;
     std::filesystem::path folder_;

@@ -1,7 +1,29 @@
 #include "store/soft_key.h"
 
+#include "platform/environment.h"
+
+#include <charconv>
+
 namespace softkey
 {
+namespace
+{
+
+/// Zero for ever.
+std::chrono::seconds idleLimit()
+{
+    static const std::chrono::seconds limit = [] {
+        constexpr std::chrono::seconds usual = std::chrono::minutes(15);
+        const std::string chosen = environmentValue("VELKOR_SOFTKEY_IDLE").value_or("");
+        int seconds = 0;
+        const auto [end, failure] = std::from_chars(chosen.data(), chosen.data() + chosen.size(), seconds);
+        const bool isNumber = failure == std::errc() && end == chosen.data() + chosen.size() && seconds >= 0;
+        return isNumber ? std::chrono::seconds(seconds) : usual;
+    }();
+    return limit;
+}
+
+} // namespace
 
 Unlocked::Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord& device)
     : masterKey_(std::move(checked.masterKey)),
@@ -74,8 +96,10 @@ std::shared_ptr<Unlocked> SoftKey::openedBy(std::string_view pin, const Contents
         const std::lock_guard lock(unlockedMutex_);
         unlocked = unlocked_;
     }
-    const bool usable = unlocked && unlocked->fits(contents) && unlocked->isOpenedBy(pin);
-    return usable ? unlocked : nullptr;
+    if (!unlocked || !unlocked->fits(contents) || !unlocked->isOpenedBy(pin))
+        return nullptr;
+    unlocked->touch();
+    return unlocked;
 }
 
 std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
@@ -90,8 +114,11 @@ std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
 
 std::shared_ptr<Unlocked> SoftKey::authorise(const Contents& contents, std::string_view pin)
 {
-    if (pin.empty())
+    if (pin.empty()) {
+        lock(); // Whoever had the PIN has dropped it, as a logout does.
         throw Refusal::ofPin(SoftkeyStatus::PinRequired, contents.userPin.triesLeft);
+    }
+    lockWhenIdle(std::chrono::steady_clock::now());
     if (std::shared_ptr<Unlocked> known = openedBy(pin, contents))
         return known;
     const std::lock_guard lock(checkMutex_);
@@ -177,8 +204,17 @@ void SoftKey::addCertificate(std::string_view pin, VelkorCertificate& certificat
 
 void SoftKey::lock()
 {
+    std::shared_ptr<Unlocked> dropped; // Without the lock: that of secret memory is not to be taken inside.
     const std::lock_guard lock(unlockedMutex_);
-    unlocked_.reset();
+    dropped.swap(unlocked_);
+}
+
+void SoftKey::lockWhenIdle(std::chrono::steady_clock::time_point now)
+{
+    std::shared_ptr<Unlocked> dropped;
+    const std::lock_guard lock(unlockedMutex_);
+    if (idleLimit() > std::chrono::seconds(0) && unlocked_ && now - unlocked_->usedAt() >= idleLimit())
+        dropped.swap(unlocked_);
 }
 
 } // namespace softkey

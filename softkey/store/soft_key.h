@@ -7,6 +7,8 @@
 #include "store/object_store.h"
 #include "store/pin_policy.h"
 
+#include <atomic>
+#include <chrono>
 #include <map>
 
 namespace softkey
@@ -21,6 +23,8 @@ public:
     /// Whether the PIN is still the one that opened this and not locked, and the key was not unplugged since.
     bool fits(const Contents& contents) const;
     bool isOpenedBy(std::string_view pin) const;
+    void touch() { usedAt_ = std::chrono::steady_clock::now(); }
+    std::chrono::steady_clock::time_point usedAt() const { return usedAt_; }
     const SecretBytes& masterKey() const { return masterKey_; }
 
     std::shared_ptr<const PrivateKey> find(const Identifier& identifier) const;
@@ -35,6 +39,7 @@ private:
     ByteVector pinDigest_; ///< Not the PIN.
     ByteVector salt_;
     std::int64_t timesUnplugged_;
+    std::atomic<std::chrono::steady_clock::time_point> usedAt_{std::chrono::steady_clock::now()};
     mutable std::mutex mutex_;
     std::map<Identifier, std::shared_ptr<const PrivateKey>> keys_;
 };
@@ -68,6 +73,8 @@ public:
 
     /// Drops everything that was unlocked.
     void lock();
+    /// The same, unless it was in use within the last quarter of an hour, or what VELKOR_SOFTKEY_IDLE says in seconds.
+    void lockWhenIdle(std::chrono::steady_clock::time_point now);
 
 private:
     std::shared_ptr<Unlocked> authorise(const Contents& contents, std::string_view pin);

@@ -2,6 +2,7 @@
 // Usage: child MODE SERIAL PIN [FILE...]. It knows nothing but the interface of the library.
 #include "velkor/device_service.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -154,6 +155,48 @@ void importRsaKey(const Bytes& components)
     }
 }
 
+/// Waits for the parent.
+void waitForLine()
+{
+    char byte = 0;
+    while (read(STDIN_FILENO, &byte, 1) == 1 && byte != '\n') {
+    }
+}
+
+/// Uses every key pair, then drops the PIN as a logout does, then the instance; the parent looks at its memory between.
+int keepSecrets()
+{
+    const auto signWithAll = [] {
+        unsigned char hash[32] = {1};
+        unsigned char signature[1024];
+        for (const VelkorKeyPair& keyPair : std::vector(velkor_getKeyPairList(serialNumber, instance))) {
+            int size = sizeof signature;
+            if (velkor_signHash(serialNumber, keyPair.keyIdentifier, pin, hash, sizeof hash, signature, &size, false,
+                                instance, false) != 0)
+                std::exit(2);
+        }
+    };
+    signWithAll();
+    tell("used");
+    waitForLine();
+    if (const pid_t forked = fork(); forked == 0) {
+        pause();
+    } else {
+        tell(std::to_string(forked));
+        waitForLine();
+        kill(forked, SIGKILL);
+    }
+    int tries = 0;
+    velkor_validatePassword(serialNumber, "", 1, &tries, instance);
+    tell("logged out");
+    waitForLine();
+    signWithAll();
+    velkor_releaseInstance(instance);
+    tell("released");
+    waitForLine();
+    return 0;
+}
+
 int runMode(const std::string& mode, const char* file, const char* secondFile)
 {
     int tries = 0;
@@ -161,6 +204,8 @@ int runMode(const std::string& mode, const char* file, const char* secondFile)
         workUntilKilled(file, secondFile);
     if (mode == "change-pin")
         changePinUntilKilled(file);
+    if (mode == "keep-secrets")
+        return keepSecrets();
     if (mode == "list")
         return velkor_getKeyPairList(serialNumber, instance).size() == 1 ? 0 : 1;
     if (mode == "rename")

@@ -285,6 +285,42 @@ TEST_F(PinsTest, ThreadsWithOneWrongPinSpendOneTry)
     EXPECT_EQ(info().soPinTriesLeft, 4);
 }
 
+/// A check of the PIN gives back tries, which a remembered PIN alone does not: so tells one from the other.
+class IdleKeyTest : public PinsTest
+{
+protected:
+    bool isLocked(SoftKey& used)
+    {
+        EXPECT_THROW(otherProcess()->login(PinRole::User, anotherWrongPin()), Refusal);
+        const int before = used.contents()->userPin.triesLeft;
+        used.requireUser(PIN);
+        return used.contents()->userPin.triesLeft > before;
+    }
+
+    std::unique_ptr<SoftKey> key = otherProcess();
+};
+
+TEST_F(IdleKeyTest, AKeyInUseStaysUnlocked)
+{
+    key->requireUser(PIN);
+    key->lockWhenIdle(std::chrono::steady_clock::now() + std::chrono::minutes(14));
+    EXPECT_FALSE(isLocked(*key));
+}
+
+TEST_F(IdleKeyTest, AKeyThatNobodyUsesDropsWhatItHasUnlocked)
+{
+    key->requireUser(PIN);
+    key->lockWhenIdle(std::chrono::steady_clock::now() + std::chrono::minutes(15));
+    EXPECT_TRUE(isLocked(*key));
+}
+
+TEST_F(IdleKeyTest, AnEmptyPinDropsWhatWasUnlocked)
+{
+    key->requireUser(PIN);
+    EXPECT_THROW(key->requireUser(""), Refusal);
+    EXPECT_TRUE(isLocked(*key));
+}
+
 TEST_F(PinsTest, LockingByAnotherProcessEndsTheUseOfThePin)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);

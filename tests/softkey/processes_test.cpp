@@ -1,6 +1,7 @@
 // Several processes at one key, and processes that are killed at random moments.
 #include "world.h"
 
+#include "crypto/keys.h"
 #include "store/schema.h"
 
 #include <algorithm>
@@ -8,6 +9,8 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
+#include <fstream>
 #include <random>
 #include <set>
 #include <sys/wait.h>
@@ -29,20 +32,27 @@ public:
           const std::string& secondFile = {})
     {
         std::array<int, 2> ends{};
-        EXPECT_EQ(pipe(ends.data()), 0);
+        std::array<int, 2> inputs{};
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        EXPECT_EQ(pipe2(inputs.data(), O_CLOEXEC), 0);
         output_ = ends[0];
+        input_ = inputs[1];
         process_ = fork();
         if (process_ == 0) {
+            dup2(inputs[0], STDIN_FILENO);
             dup2(ends[1], STDOUT_FILENO);
-            close(ends[0]);
-            close(ends[1]);
             execl(SOFTKEY_CHILD, SOFTKEY_CHILD, mode.c_str(), serialNumber.c_str(), pin, file.c_str(),
                   secondFile.c_str(), nullptr);
             _exit(99);
         }
         close(ends[1]);
+        close(inputs[0]);
     }
-    ~Child() { close(output_); }
+    ~Child()
+    {
+        close(output_);
+        close(input_);
+    }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
@@ -53,6 +63,8 @@ public:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
     void kill() const { ::kill(process_, SIGKILL); }
+    pid_t process() const { return process_; }
+    void goOn() const { EXPECT_EQ(write(input_, "\n", 1), 1); }
     /// The next lines, fewer when the child ends.
     std::vector<std::string> lines(std::size_t count) const
     {
@@ -77,6 +89,7 @@ private:
 
     pid_t process_ = -1;
     int output_ = -1;
+    int input_ = -1;
 };
 
 class ProcessesTest : public SoftkeyTest
@@ -134,6 +147,84 @@ TEST_F(ProcessesTest, OneProcessUsesWhatOthersChange)
     EXPECT_STREQ(contents->keyPairs[0].label, "label 60") << "the key that all of them signed with";
     EXPECT_EQ(contents->keyPairs[0].objectId[0], 60);
 }
+
+/// How often some bytes stand in what a process may write to.
+int occurrencesIn(pid_t process, const std::vector<Data>& needles)
+{
+    const std::string folder = "/proc/" + std::to_string(process);
+    std::ifstream maps(folder + "/maps");
+    std::ifstream memory(folder + "/mem", std::ios::binary);
+    int found = 0;
+    for (std::string line; std::getline(maps, line);) {
+        std::uintptr_t begin = 0;
+        std::uintptr_t end = 0;
+        std::array<char, 5> rights{};
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, rights.data()) != 3 || rights[1] != 'w')
+            continue;
+        Data content(end - begin);
+        memory.clear();
+        memory.seekg(static_cast<std::streamoff>(begin));
+        memory.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
+        for (const Data& needle : needles) {
+            auto at = content.begin();
+            while ((at = std::search(at, content.end(), needle.begin(), needle.end())) != content.end()) {
+                ++found;
+                ++at;
+            }
+        }
+    }
+    return found;
+}
+
+/// A number as it stands in an encoding, and as it stands in OpenSSL's memory. A part of it does.
+void addNumber(std::vector<Data>& needles, const EVP_PKEY* key, const char* name)
+{
+    BIGNUM* number = nullptr;
+    ASSERT_EQ(EVP_PKEY_get_bn_param(key, name, &number), 1);
+    Data bytes(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    BN_clear_free(number);
+    needles.emplace_back(bytes.end() - 24, bytes.end());
+    std::ranges::reverse(bytes);
+    needles.emplace_back(bytes.begin(), bytes.begin() + 24);
+}
+
+#if !SANITIZED // Their allocators keep what was given back.
+TEST_F(ProcessesTest, SecretsAreGoneFromMemoryAfterALogoutAReleaseAndInAForkedChild)
+{
+    std::vector<Data> needles;
+    for (const KeyKind kind : {KEY_KIND_RSA_2048, KEY_KIND_EC_P256}) {
+        const EvpKey key = generateKey(traitsOf(kind));
+        store(key.get());
+        if (kind == KEY_KIND_EC_P256) {
+            addNumber(needles, key.get(), "priv");
+            continue;
+        }
+        for (const char* name : {"d", "rsa-factor1", "rsa-factor2", "rsa-exponent1", "rsa-exponent2"})
+            addNumber(needles, key.get(), name);
+    }
+    const std::unique_ptr<SoftKey> key = otherProcess();
+    const CheckedPin checked = checkPin(key->file(), PinRole::User, PIN);
+    const Bytes masterKey = checked.masterKey;
+    needles.emplace_back(masterKey.begin(), masterKey.end());
+
+    const Child child("keep-secrets", SERIAL, PIN);
+    ASSERT_EQ(child.lines(1), std::vector<std::string>{"used"});
+    EXPECT_GE(occurrencesIn(child.process(), needles), 7) << "the search does not find what is there";
+    child.goOn();
+    const std::vector<std::string> forked = child.lines(1);
+    ASSERT_EQ(forked.size(), 1U);
+    EXPECT_EQ(occurrencesIn(std::stoi(forked[0]), needles), 0) << "in a forked child";
+    child.goOn();
+    ASSERT_EQ(child.lines(1), std::vector<std::string>{"logged out"});
+    EXPECT_EQ(occurrencesIn(child.process(), needles), 0) << "after a logout";
+    child.goOn();
+    ASSERT_EQ(child.lines(1), std::vector<std::string>{"released"});
+    EXPECT_EQ(occurrencesIn(child.process(), needles), 0) << "after the end of the instance";
+    child.goOn();
+    EXPECT_EQ(child.wait(), 0);
+}
+#endif
 
 /// What a file must hold, given what a process reported before it was killed.
 class Expectation

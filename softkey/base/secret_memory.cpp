@@ -1,0 +1,163 @@
+#include "base/secret_memory.h"
+
+#include "platform/secret_pages.h"
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace softkey
+{
+namespace
+{
+
+// Pages are handed out in slabs, each for blocks of one size: a power of two.
+constexpr std::size_t SLAB_SIZE = 0x10000;
+constexpr std::size_t SLABS = 1024;
+constexpr std::size_t BLOCK_SIZE_MIN = 32;
+constexpr std::size_t BLOCK_SIZE_MAX = SLAB_SIZE / 4;
+constexpr std::size_t BLOCK_SIZES = std::bit_width(BLOCK_SIZE_MAX / BLOCK_SIZE_MIN);
+
+std::size_t blockSizeOf(std::size_t sizeIndex)
+{
+    return BLOCK_SIZE_MIN << sizeIndex;
+}
+
+/// What a forked child finds of it is sound: nothing but the blocks themselves, and the links between free ones, is in
+/// pages that are empty there. A list then ends with its first block, and the others of it are lost to the child.
+class SecretMemory
+{
+public:
+    static SecretMemory& ofProcess()
+    {
+        static auto* const memory = new SecretMemory; // Never destroyed: hosts call in to the very end.
+        return *memory;
+    }
+
+    void* take(std::size_t size)
+    {
+        if (size > BLOCK_SIZE_MAX || pages_ == nullptr)
+            return nullptr;
+        const std::size_t sizeIndex = std::bit_width((size < BLOCK_SIZE_MIN ? 0 : size - 1) / BLOCK_SIZE_MIN);
+        const std::lock_guard lock(mutex_);
+        Block*& free = free_[sizeIndex];
+        if (free == nullptr && !addSlab(sizeIndex))
+            return nullptr;
+        return std::exchange(free, free->next);
+    }
+
+    bool has(const void* memory) const
+    {
+        const auto address = reinterpret_cast<std::uintptr_t>(memory);
+        const auto begin = reinterpret_cast<std::uintptr_t>(pages_);
+        return address >= begin && address - begin < SLABS * SLAB_SIZE && pages_ != nullptr;
+    }
+
+    std::size_t sizeOf(const void* memory) const { return blockSizeOf(sizeIndexOf(memory)); }
+
+    void giveBack(void* memory)
+    {
+        const std::size_t sizeIndex = sizeIndexOf(memory);
+        wipe(memory, blockSizeOf(sizeIndex));
+        const std::lock_guard lock(mutex_);
+        free_[sizeIndex] = new (memory) Block{free_[sizeIndex]};
+    }
+
+    void hold() { mutex_.lock(); }
+    void release() { mutex_.unlock(); }
+
+private:
+    struct Block {
+        Block* next;
+    };
+
+    SecretMemory() : pages_(reserveSecretPages(SLABS * SLAB_SIZE)) {}
+
+    std::size_t sizeIndexOf(const void* memory) const
+    {
+        return sizeIndices_[static_cast<std::size_t>(static_cast<const unsigned char*>(memory) - pages_) / SLAB_SIZE];
+    }
+
+    bool addSlab(std::size_t sizeIndex)
+    {
+        unsigned char* const slab = pages_ + slabsUsed_ * SLAB_SIZE;
+        if (slabsUsed_ == SLABS || !openSecretPages(slab, SLAB_SIZE))
+            return false;
+        sizeIndices_[slabsUsed_++] = static_cast<std::uint8_t>(sizeIndex);
+        for (std::size_t end = SLAB_SIZE; end > 0; end -= blockSizeOf(sizeIndex))
+            free_[sizeIndex] = new (slab + end - blockSizeOf(sizeIndex)) Block{free_[sizeIndex]};
+        return true;
+    }
+
+    unsigned char* const pages_;
+    std::mutex mutex_;
+    std::size_t slabsUsed_ = 0;
+    std::array<std::uint8_t, SLABS> sizeIndices_{};
+    std::array<Block*, BLOCK_SIZES> free_{};
+};
+
+/// Stands before ordinary memory.
+struct alignas(std::max_align_t) OrdinaryHeader {
+    std::size_t size;
+};
+
+OrdinaryHeader* headerOf(const void* memory)
+{
+    return static_cast<OrdinaryHeader*>(const_cast<void*>(memory)) - 1;
+}
+
+} // namespace
+
+void wipe(void* memory, std::size_t size) noexcept
+{
+    // Through a pointer that the compiler cannot see through.
+    static void* (*const volatile overwrite)(void*, int, std::size_t) = std::memset;
+    overwrite(memory, 0, size);
+}
+
+void* takeSecretMemory(std::size_t size)
+{
+    void* memory = SecretMemory::ofProcess().take(size);
+    return memory != nullptr ? memory : takeOrdinaryMemory(size);
+}
+
+void* takeOrdinaryMemory(std::size_t size)
+{
+    void* whole = size < SIZE_MAX - sizeof(OrdinaryHeader) ? std::malloc(sizeof(OrdinaryHeader) + size) : nullptr;
+    if (whole == nullptr)
+        throw std::bad_alloc();
+    return new (whole) OrdinaryHeader{size} + 1;
+}
+
+void giveBackMemory(void* memory) noexcept
+{
+    if (memory == nullptr)
+        return;
+    if (SecretMemory::ofProcess().has(memory))
+        return SecretMemory::ofProcess().giveBack(memory);
+    OrdinaryHeader* header = headerOf(memory);
+    wipe(memory, header->size);
+    std::free(header);
+}
+
+std::size_t sizeOfMemory(const void* memory) noexcept
+{
+    return SecretMemory::ofProcess().has(memory) ? SecretMemory::ofProcess().sizeOf(memory) : headerOf(memory)->size;
+}
+
+void holdSecretMemory() noexcept
+{
+    SecretMemory::ofProcess().hold();
+}
+
+void releaseSecretMemory() noexcept
+{
+    SecretMemory::ofProcess().release();
+}
+
+} // namespace softkey

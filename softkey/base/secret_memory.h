@@ -1,0 +1,25 @@
+// Memory for secrets, of pages that `platform/secret_pages.h` describes. All of it is wiped when it is given back.
+#pragma once
+
+#include <cstddef>
+
+namespace softkey
+{
+
+/// Overwrites memory in a way that no compiler leaves out.
+void wipe(void* memory, std::size_t size) noexcept;
+
+/// Never null; throws bad_alloc. What is large, or more than the pages hold, is ordinary memory.
+void* takeSecretMemory(std::size_t size);
+/// The same from ordinary memory, which is wiped, too.
+void* takeOrdinaryMemory(std::size_t size);
+/// For either kind; null is no memory.
+void giveBackMemory(void* memory) noexcept;
+/// Bytes that memory of either kind holds, at least what was asked for.
+std::size_t sizeOfMemory(const void* memory) noexcept;
+
+/// Between these two, no other thread takes or gives back secret memory. For forks.
+void holdSecretMemory() noexcept;
+void releaseSecretMemory() noexcept;
+
+} // namespace softkey

@@ -1,0 +1,16 @@
+// Pages for secrets: kept from the swap as far as the system lets a user, left out of dumps, and empty in a forked
+// child.
+#pragma once
+
+#include <cstddef>
+
+namespace softkey
+{
+
+/// Address space for that many bytes; null when there is none. It is never given back.
+unsigned char* reserveSecretPages(std::size_t size);
+/// Makes a part of it usable, all zero. False when there is no memory; pages that the system does not keep from the
+/// swap are used all the same.
+bool openSecretPages(unsigned char* pages, std::size_t size);
+
+} // namespace softkey
