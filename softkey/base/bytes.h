@@ -1,6 +1,7 @@
 // Bytes that are borrowed or held, and objects of C libraries that are released with their owner.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <vector>
@@ -10,6 +11,15 @@ namespace softkey
 
 using Bytes = std::span<const unsigned char>;
 using ByteVector = std::vector<unsigned char>;
+
+/// The number that four bytes make, the most significant first.
+inline std::uint32_t bigEndian(Bytes bytes)
+{
+    std::uint32_t value = 0;
+    for (const unsigned char byte : bytes.first(4))
+        value = value << 8 | byte;
+    return value;
+}
 
 template <auto Free>
 struct Releaser {

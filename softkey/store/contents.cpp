@@ -133,8 +133,6 @@ Contents readContents(Database& database)
     contents.soPin = readPin(database, PinRole::SecurityOfficer);
     contents.keyPairs = readKeyPairs(database);
     contents.certificates = readCertificates(database);
-    // Read last, under the lock that the queries took: no writer is at work, so the count belongs to the rows.
-    contents.changeCounter = changeCounter(database);
     return contents;
 }
 

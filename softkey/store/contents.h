@@ -36,7 +36,7 @@ struct PinRecord {
 };
 
 struct Contents {
-    std::uint32_t changeCounter = 0;
+    std::uint32_t changeCounter = 0; ///< Of the snapshot that they were read from.
     DeviceRecord device;
     PinRecord userPin;
     PinRecord soPin;
@@ -49,7 +49,7 @@ struct Contents {
     const VelkorCertificate* findCertificate(const Identifier& identifier) const;
 };
 
-/// Reads everything. The caller holds a transaction. Throws FileDamaged.
+/// Reads everything but the counter. Throws FileDamaged.
 Contents readContents(Database& database);
 PinRecord readPin(Database& database, PinRole role);
 

@@ -2,6 +2,7 @@
 
 #include "platform/fork_guard.h"
 #include "store/schema.h"
+#include "store/snapshot.h"
 
 namespace softkey
 {
@@ -33,19 +34,35 @@ std::shared_ptr<const Contents> KeyFile::contents()
 
 void KeyFile::reload()
 {
-    {
-        const std::lock_guard lock(connectionMutex_);
-        verified_ = false;
-    }
-    readAnew();
+    verified_ = false;
+    verify();
+}
+
+void KeyFile::configure()
+{
+    if (!configured_)
+        configureConnection(database_);
+    configured_ = true;
 }
 
 void KeyFile::verify()
 {
     if (verified_)
         return;
-    configureConnection(database_);
-    verifyAndMigrate(database_, [this](Database& database) { requireOwnContents(database); });
+    std::int64_t layout = 0;
+    read([&](Database& database) {
+        requireSoundStructure(database);
+        layout = layoutOf(database);
+        if (layout == SCHEMA_VERSION)
+            requireOwnContents(database);
+    });
+    if (layout < SCHEMA_VERSION) {
+        const Turn turn(*this);
+        const ForkSafeSection section;
+        const std::lock_guard lock(connectionMutex_);
+        configure();
+        migrate(database_, [this](Database& database) { requireOwnContents(database); });
+    }
     verified_ = true;
 }
 
@@ -59,16 +76,26 @@ Contents KeyFile::requireOwnContents(Database& database) const
 
 std::shared_ptr<const Contents> KeyFile::readAnew()
 {
-    std::shared_ptr<const Contents> fresh;
-    read([&](Database& database) { fresh = std::make_shared<const Contents>(requireOwnContents(database)); });
+    verify();
+    const ForkSafeSection section;
+    const std::lock_guard reading(readingMutex_);
+    std::shared_ptr<const Contents> known = lastContents();
+    Snapshot snapshot(database_, path_);
+    if (known && known->changeCounter == snapshot.changeCounter())
+        return known; // A change is under way, or another thread was faster.
+    requirePresentLayout(snapshot.database());
+    auto fresh = std::make_shared<Contents>(requireOwnContents(snapshot.database()));
+    fresh->changeCounter = snapshot.changeCounter();
     const std::lock_guard lock(contentsMutex_);
-    contents_ = fresh;
-    return fresh;
+    contents_ = std::move(fresh);
+    return contents_;
 }
 
 void KeyFile::read(const std::function<void(Database&)>& work)
 {
-    inTransaction(Transaction::Kind::Read, work);
+    const ForkSafeSection section;
+    Snapshot snapshot(database_, path_);
+    work(snapshot.database());
 }
 
 KeyFile::Turn::Turn(KeyFile& file)
@@ -80,27 +107,21 @@ KeyFile::Turn::Turn(KeyFile& file)
 
 void KeyFile::transact(const Turn&, const std::function<void(Database&)>& work)
 {
-    inTransaction(Transaction::Kind::Write, [&](Database& database) {
-        // A file that was taken away would swallow the change.
-        require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);
-        work(database);
-    });
-}
-
-void KeyFile::inTransaction(Transaction::Kind kind, const std::function<void(Database&)>& work)
-{
     const ForkSafeSection section;
     const std::lock_guard lock(connectionMutex_);
     requireKeyFileHeader(database_); // Before SQLite acts on what a newer version may have written.
-    verify();
-    Transaction transaction(database_, kind);
+    configure();
+    Transaction transaction(database_, Transaction::Kind::Write);
     requirePresentLayout(database_);
+    // A file that was taken away would swallow the change.
+    require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);
     work(database_);
     transaction.commit();
 }
 
 void KeyFile::change(const std::function<void(Database&)>& work)
 {
+    verify(); // Before the turn, which bringing an older layout up to date needs, too.
     change(Turn(*this), work);
 }
 
@@ -114,6 +135,7 @@ void KeyFile::change(const Turn& turn, const std::function<void(Database&)>& wor
 
 void KeyFile::setPlugged(bool plugged)
 {
+    verify();
     transact(Turn(*this), [&](Database& database) {
         database.execute(plugged ? "UPDATE device SET plugged = 1"
                                  : "UPDATE device SET plugged = 0, times_unplugged = times_unplugged + 1");

@@ -5,6 +5,7 @@
 #include "platform/file_lock.h"
 #include "store/contents.h"
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -22,7 +23,8 @@ public:
     KeyFile(const KeyFile&) = delete;
     KeyFile& operator=(const KeyFile&) = delete;
 
-    /// What the file says now. The same object as long as nothing changed; finding that out is one short read.
+    /// What the file says now: after the last change that was completed, whatever is under way. The same object as
+    /// long as nothing changed; finding that out is one short read. Waits for nobody who changes the file.
     std::shared_ptr<const Contents> contents();
     /// What was read last; null before the first reading.
     std::shared_ptr<const Contents> lastContents() const;
@@ -45,7 +47,7 @@ public:
     void change(const std::function<void(Database&)>& work);
     /// The same, by whoever has the turn already.
     void change(const Turn& turn, const std::function<void(Database&)>& work);
-    /// Runs `work` on rows that belong together.
+    /// Runs `work` on what the file says now, for reading alone.
     void read(const std::function<void(Database&)>& work);
     void setPlugged(bool plugged);
 
@@ -56,16 +58,18 @@ public:
 private:
     std::shared_ptr<const Contents> readAnew();
     void verify();
+    void configure();
     /// What the file says, which must be of the key that its name names.
     Contents requireOwnContents(Database& database) const;
-    void inTransaction(Transaction::Kind kind, const std::function<void(Database&)>& work);
     void transact(const Turn& turn, const std::function<void(Database&)>& work);
 
     std::filesystem::path path_;
-    std::mutex turnMutex_;       ///< One thread of this process waits for the others'; taken before the next one.
-    std::mutex connectionMutex_; ///< Held while `database_` works; taken before the other one.
-    Database database_;
-    bool verified_ = false;
+    std::mutex turnMutex_;       ///< One thread of this process waits for the others' changes.
+    std::mutex connectionMutex_; ///< Held while `database_` works; taken after the turn.
+    Database database_;          ///< For changes. Readers ask it for bytes of the file alone.
+    bool configured_ = false;
+    std::mutex readingMutex_; ///< One thread reads what several want to know.
+    std::atomic<bool> verified_{false};
     mutable std::mutex contentsMutex_;
     std::shared_ptr<const Contents> contents_;
 };

@@ -1,6 +1,7 @@
 #include "store/schema.h"
 
 #include <array>
+#include <cstring>
 #include <string_view>
 
 namespace softkey
@@ -17,14 +18,6 @@ constexpr std::size_t CHANGE_COUNTER_OFFSET = 24;
 constexpr std::size_t USER_VERSION_OFFSET = 60;
 constexpr std::size_t APPLICATION_ID_OFFSET = 68;
 constexpr unsigned char ROLLBACK_JOURNAL = 1;
-
-std::uint32_t bigEndian(Bytes bytes)
-{
-    std::uint32_t value = 0;
-    for (const unsigned char byte : bytes.first(4))
-        value = value << 8 | byte;
-    return value;
-}
 
 constexpr const char* CREATE_TABLES = R"sql(
     CREATE TABLE device (
@@ -100,7 +93,51 @@ void requireKnownVersion(std::int64_t version)
     require(version <= SCHEMA_VERSION, SoftkeyStatus::FileNewer);
 }
 
-/// Takes the lock of the transaction that is open.
+} // namespace
+
+void requireKeyFileHeader(Bytes file)
+{
+    const bool complete = file.size() >= HEADER_SIZE;
+    require(complete && std::memcmp(file.data(), MAGIC.data(), MAGIC.size()) == 0 &&
+                bigEndian(file.subspan(APPLICATION_ID_OFFSET)) == APPLICATION_ID,
+            SoftkeyStatus::FileForeign);
+    requireKnownVersion(bigEndian(file.subspan(USER_VERSION_OFFSET)));
+    require(file[WRITE_FORMAT_OFFSET] == ROLLBACK_JOURNAL && file[READ_FORMAT_OFFSET] == ROLLBACK_JOURNAL,
+            SoftkeyStatus::FileDamaged);
+}
+
+void requireKeyFileHeader(const Database& database)
+{
+    std::array<unsigned char, HEADER_SIZE> header{};
+    const bool complete = database.readRaw(header, 0);
+    requireKeyFileHeader(Bytes(header).first(complete ? HEADER_SIZE : 0));
+}
+
+void configureConnection(Database& database)
+{
+    // The journal is truncated, not deleted: with full synchronisation that is durable, and the folder's own time
+    // of change keeps telling of keys that come and go.
+    database.execute("PRAGMA mmap_size = 0; PRAGMA journal_mode = TRUNCATE; PRAGMA synchronous = FULL;"
+                     "PRAGMA secure_delete = ON; PRAGMA temp_store = MEMORY; PRAGMA cell_size_check = ON;"
+                     // Nothing is written to the file before the end of a change.
+                     "PRAGMA cache_spill = OFF;");
+}
+
+void createSchema(Database& database)
+{
+    database.execute(CREATE_TABLES);
+    setMarks(database);
+}
+
+void requireSoundStructure(Database& database)
+{
+    Statement check(database, "PRAGMA quick_check(1)");
+    require(check.step() && check.text(0) == "ok", SoftkeyStatus::FileDamaged);
+    // Only tables: a trigger of someone else's making could change what an update does.
+    require(database.number("SELECT count(*) FROM sqlite_schema WHERE type IN ('trigger', 'view')") == 0,
+            SoftkeyStatus::FileDamaged);
+}
+
 std::int64_t layoutOf(Database& database)
 {
     const std::int64_t version = database.number("PRAGMA user_version");
@@ -108,7 +145,6 @@ std::int64_t layoutOf(Database& database)
     return version;
 }
 
-/// Refused or not sound, nothing of it reaches the file.
 void migrate(Database& database, const std::function<void(Database&)>& requireSound)
 {
     Transaction transaction(database, Transaction::Kind::Write);
@@ -124,61 +160,10 @@ void migrate(Database& database, const std::function<void(Database&)>& requireSo
     transaction.commit();
 }
 
-void requireSoundStructure(Database& database)
-{
-    Statement check(database, "PRAGMA quick_check(1)");
-    require(check.step() && check.text(0) == "ok", SoftkeyStatus::FileDamaged);
-    // Only tables: a trigger of someone else's making could change what an update does.
-    require(database.number("SELECT count(*) FROM sqlite_schema WHERE type IN ('trigger', 'view')") == 0,
-            SoftkeyStatus::FileDamaged);
-}
-
-} // namespace
-
-void requireKeyFileHeader(const Database& database)
-{
-    std::array<unsigned char, HEADER_SIZE> header{};
-    const bool complete = database.readRaw(header, 0);
-    const std::string_view magic(reinterpret_cast<const char*>(header.data()), MAGIC.size());
-    const Bytes fields(header);
-    require(complete && magic == MAGIC && bigEndian(fields.subspan(APPLICATION_ID_OFFSET)) == APPLICATION_ID,
-            SoftkeyStatus::FileForeign);
-    requireKnownVersion(bigEndian(fields.subspan(USER_VERSION_OFFSET)));
-    require(header[WRITE_FORMAT_OFFSET] == ROLLBACK_JOURNAL && header[READ_FORMAT_OFFSET] == ROLLBACK_JOURNAL,
-            SoftkeyStatus::FileDamaged);
-}
-
-void configureConnection(Database& database)
-{
-    // The journal is truncated, not deleted: with full synchronisation that is durable, and the folder's own time
-    // of change keeps telling of keys that come and go.
-    database.execute("PRAGMA mmap_size = 0; PRAGMA journal_mode = TRUNCATE; PRAGMA synchronous = FULL;"
-                     "PRAGMA secure_delete = ON; PRAGMA temp_store = MEMORY; PRAGMA cell_size_check = ON;");
-}
-
-void createSchema(Database& database)
-{
-    database.execute(CREATE_TABLES);
-    setMarks(database);
-}
-
 void requirePresentLayout(Database& database)
 {
     // An older one can only be another file in the place of the one that was migrated.
     require(layoutOf(database) == SCHEMA_VERSION, SoftkeyStatus::FileDamaged);
-}
-
-void verifyAndMigrate(Database& database, const std::function<void(Database&)>& requireSound)
-{
-    {
-        Transaction transaction(database, Transaction::Kind::Read);
-        requireSoundStructure(database);
-        if (layoutOf(database) == SCHEMA_VERSION) {
-            requireSound(database);
-            return;
-        }
-    }
-    migrate(database, requireSound);
 }
 
 std::uint32_t changeCounter(const Database& database)
@@ -186,6 +171,12 @@ std::uint32_t changeCounter(const Database& database)
     std::array<unsigned char, 4> counter{};
     require(database.readRaw(counter, CHANGE_COUNTER_OFFSET), SoftkeyStatus::FileDamaged);
     return bigEndian(counter);
+}
+
+std::uint32_t changeCounterOf(Bytes file)
+{
+    require(file.size() >= HEADER_SIZE, SoftkeyStatus::FileDamaged);
+    return bigEndian(file.subspan(CHANGE_COUNTER_OFFSET));
 }
 
 } // namespace softkey

@@ -54,14 +54,12 @@ void check(int code)
         refuse(code);
 }
 
-sqlite3* openConnection(const std::filesystem::path& path, Database::Mode mode)
+sqlite3* openConnection(const char* name, int moreFlags)
 {
-    const int create = mode == Database::Mode::Create ? SQLITE_OPEN_CREATE : 0;
     // Every connection is used by one thread at a time, under its key's lock.
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE | create;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE | moreFlags;
     sqlite3* handle = nullptr;
-    const std::u8string name = path.u8string();
-    const int code = sqlite3_open_v2(reinterpret_cast<const char*>(name.c_str()), &handle, flags, nullptr);
+    const int code = sqlite3_open_v2(name, &handle, flags, nullptr);
     if (code != SQLITE_OK) {
         sqlite3_close_v2(handle);
         // Later it is the journal that cannot be opened, and writing that fails.
@@ -72,17 +70,36 @@ sqlite3* openConnection(const std::filesystem::path& path, Database::Mode mode)
     return handle;
 }
 
+sqlite3* openFile(const std::filesystem::path& path, Database::Mode mode)
+{
+    const int create = mode == Database::Mode::Create ? SQLITE_OPEN_CREATE : 0;
+    const std::u8string name = path.u8string();
+    return openConnection(reinterpret_cast<const char*>(name.c_str()), create);
+}
+
 } // namespace
 
-Database::Database(const std::filesystem::path& path, Mode mode) : handle_(openConnection(path, mode))
+Database::Database(const std::filesystem::path& path, Mode mode) : handle_(openFile(path, mode))
+{
+    configure();
+    check(sqlite3_file_control(handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file_));
+    if (file_ == nullptr || file_->pMethods == nullptr)
+        throw Refusal(SoftkeyStatus::DeviceUnreachable);
+}
+
+Database::Database(ByteVector& image) : handle_(openConnection(":memory:", SQLITE_OPEN_MEMORY))
+{
+    configure();
+    const auto size = static_cast<sqlite3_int64>(image.size());
+    check(sqlite3_deserialize(handle(), "main", image.data(), size, size, SQLITE_DESERIALIZE_READONLY));
+}
+
+void Database::configure()
 {
     sqlite3_extended_result_codes(handle(), 1);
     sqlite3_busy_timeout(handle(), Patience::limit);
     sqlite3_db_config(handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(handle(), SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    check(sqlite3_file_control(handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file_));
-    if (file_ == nullptr || file_->pMethods == nullptr)
-        throw Refusal(SoftkeyStatus::DeviceUnreachable);
 }
 
 void Database::execute(const char* sql)
@@ -102,6 +119,13 @@ bool Database::readRaw(std::span<unsigned char> out, std::int64_t offset) const
     if (code != SQLITE_OK && code != SQLITE_IOERR_SHORT_READ)
         throw Refusal(SoftkeyStatus::DeviceUnreachable);
     return code == SQLITE_OK;
+}
+
+std::size_t Database::rawSize() const
+{
+    sqlite3_int64 size = 0;
+    require(file_->pMethods->xFileSize(file_, &size) == SQLITE_OK, SoftkeyStatus::DeviceUnreachable);
+    return static_cast<std::size_t>(size);
 }
 
 bool Database::fileWasReplaced() const

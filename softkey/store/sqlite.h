@@ -20,6 +20,8 @@ class Database
 public:
     enum class Mode { Existing, Create };
     Database(const std::filesystem::path& path, Mode mode);
+    /// A database in memory, for reading alone. `image` stays as it is and where it is as long as this lives.
+    explicit Database(ByteVector& image);
 
     void execute(const char* sql);
     /// First column of the first row.
@@ -29,12 +31,16 @@ public:
     /// drop the locks that SQLite holds on the file in this process. False when the file is shorter. May be called
     /// while another thread uses the connection, as the next one may.
     bool readRaw(std::span<unsigned char> out, std::int64_t offset) const;
+    /// Bytes of the file itself.
+    std::size_t rawSize() const;
     /// Whether the file at the path is no longer the one that was opened.
     bool fileWasReplaced() const;
 
     sqlite3* handle() const { return handle_.get(); }
 
 private:
+    void configure();
+
     Owned<sqlite3, sqlite3_close_v2> handle_;
     sqlite3_file* file_ = nullptr; ///< SQLite's own.
 };

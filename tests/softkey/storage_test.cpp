@@ -6,9 +6,11 @@
 #include "platform/file_lock.h"
 #include "sleeps.h"
 #include "store/schema.h"
+#include "store/snapshot.h"
 
 #include <atomic>
 #include <cstring>
+#include <random>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -409,6 +411,137 @@ TEST_F(StorageTest, AFileKeptLockedIsBusy)
         EXPECT_EQ(readFile(keyPath()), before);
     }
     EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), 0);
+}
+
+/// A change that has been written to the file in good part, and is not completed.
+class HalfWritten
+{
+public:
+    explicit HalfWritten(const std::filesystem::path& path) : writer_(path, Database::Mode::Existing)
+    {
+        // So small a cache that pages are written before the end of the change.
+        writer_.execute("PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN; UPDATE device SET label = 'half';"
+                        "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+                        "INSERT INTO certificate SELECT i, randomblob(16), x'', x'', randomblob(500) FROM n");
+    }
+    void complete() { writer_.execute("COMMIT"); }
+    void giveUp() { writer_.execute("ROLLBACK"); }
+
+private:
+    Database writer_;
+};
+
+TEST_F(StorageTest, AReaderSeesTheLastCompletedChangeWhileAnotherIsUnderWay)
+{
+    generate(KEY_KIND_EC_P256, "label");
+    const Data before = readFile(keyPath());
+    HalfWritten change(keyPath());
+    ASSERT_NE(readFile(keyPath()), before) << "nothing was written yet";
+    const auto begun = std::chrono::steady_clock::now();
+    const std::unique_ptr<SoftKey> fresh = otherProcess();
+    const auto seen = fresh->contents();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(9)) << "it waited for the writer";
+    EXPECT_EQ(seen->device.label, "Velkor Soft Key");
+    ASSERT_EQ(seen->keyPairs.size(), 1U);
+    EXPECT_STREQ(seen->keyPairs[0].label, "label");
+    EXPECT_TRUE(seen->certificates.empty());
+    EXPECT_EQ(keyPairs().size(), 1U);
+    EXPECT_TRUE(certificates().empty());
+    change.complete();
+    EXPECT_EQ(fresh->contents()->device.label, "half");
+    EXPECT_EQ(fresh->contents()->certificates.size(), 199U);
+    EXPECT_EQ(certificates().size(), 199U);
+}
+
+TEST_F(StorageTest, AReaderNeverSeesAChangeThatIsGivenUp)
+{
+    const std::unique_ptr<SoftKey> open = otherProcess();
+    const auto before = open->contents();
+    HalfWritten change(keyPath());
+    EXPECT_EQ(open->contents(), before);
+    change.giveUp();
+    EXPECT_EQ(open->contents(), before);
+    EXPECT_EQ(otherProcess()->contents()->device.label, "Velkor Soft Key");
+}
+
+TEST_F(StorageTest, WhatACrashLeftBehindIsReadAsBeforeAndPutRightByTheNextChange)
+{
+    generate(KEY_KIND_EC_P256, "label");
+    const TemporaryFolder crashed;
+    const std::filesystem::path file = crashed.path() / keyPath().filename();
+    {
+        HalfWritten change(keyPath());
+        std::filesystem::copy_file(keyPath(), file);
+        std::filesystem::copy_file(keyPath().string() + "-journal", file.string() + "-journal");
+        change.giveUp();
+    }
+    const Data left = readFile(file);
+    SoftKey key(file);
+    EXPECT_EQ(key.contents()->device.label, "Velkor Soft Key");
+    EXPECT_EQ(key.contents()->keyPairs.size(), 1U);
+    EXPECT_EQ(readFile(file), left) << "reading writes nothing";
+    key.login(PinRole::User, PIN);
+    EXPECT_TRUE(readFile(file.string() + "-journal").empty());
+    EXPECT_EQ(key.contents()->keyPairs.size(), 1U);
+    EXPECT_TRUE(key.contents()->certificates.empty());
+}
+
+TEST_F(StorageTest, DamagedJournalsNeverCrashAReader)
+{
+    Data journal;
+    {
+        HalfWritten change(keyPath());
+        journal = readFile(keyPath().string() + "-journal");
+        change.giveUp();
+    }
+    const Data file = readFile(keyPath());
+    std::mt19937 random(20240303);
+    for (int i = 0; i < 2000; ++i) {
+        Data damaged = journal;
+        const std::size_t where = i % 2 == 0 ? random() % 28 : random() % damaged.size();
+        damaged[where] = static_cast<unsigned char>(random());
+        damaged.resize(i % 3 == 0 ? random() % damaged.size() : damaged.size());
+        ByteVector image = file;
+        try {
+            putBack(image, damaged);
+        } catch (const Refusal& refusal) {
+            EXPECT_EQ(refusal.status(), SoftkeyStatus::FileDamaged);
+        }
+        EXPECT_LE(image.size(), file.size() + journal.size());
+    }
+}
+
+TEST_F(StorageTest, ReadersAreRightAndInTimeWhileOthersWrite)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "label 0", {0});
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < 2; ++writer)
+        threads.emplace_back([&] {
+            const std::unique_ptr<SoftKey> file = otherProcess();
+            for (int round = 0; !done; ++round) {
+                const auto number = static_cast<unsigned char>(round % 100);
+                const std::string label = "label " + std::to_string(number);
+                file->change(PIN, [&](Database& database) {
+                    updateKeyPair(database, std::to_array(key.keyIdentifier), {Bytes(&number, 1), label});
+                });
+            }
+        });
+    int torn = 0;
+    int changes = 0;
+    std::string last;
+    for (int read = 0; read < 400; ++read) {
+        const std::unique_ptr<SoftKey> fresh = read % 4 == 0 ? otherProcess() : nullptr;
+        const VelkorKeyPair seen = fresh ? fresh->contents()->keyPairs.at(0) : keyPairs().at(0);
+        torn += seen.label != "label " + std::to_string(seen.objectId[0]) ? 1 : 0;
+        changes += seen.label != last ? 1 : 0;
+        last = seen.label;
+    }
+    done = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_GT(changes, 1) << "nothing was written meanwhile";
 }
 
 TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
