@@ -658,7 +658,7 @@ TEST_F(StorageTest, ASealedKeyBelongsToItsFileAlone)
 
 TEST_F(StorageTest, ConnectionsAreFullySynchronised)
 {
-    otherProcess()->file().read([](Database& database) {
+    otherProcess()->file().change([](Database& database) {
         EXPECT_EQ(database.number("PRAGMA synchronous"), 2) << "a committed change may be lost";
         EXPECT_EQ(database.number("PRAGMA secure_delete"), 1);
         EXPECT_EQ(database.number("PRAGMA mmap_size"), 0);
