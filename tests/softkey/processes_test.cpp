@@ -166,10 +166,14 @@ int occurrencesIn(pid_t process, const std::vector<Data>& needles)
         memory.seekg(static_cast<std::streamoff>(begin));
         memory.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
         for (const Data& needle : needles) {
-            auto at = content.begin();
-            while ((at = std::search(at, content.end(), needle.begin(), needle.end())) != content.end()) {
+            const unsigned char* at = content.data();
+            const unsigned char* const behind = at + content.size();
+            const auto next = [&] {
+                return memmem(at, static_cast<std::size_t>(behind - at), needle.data(), needle.size());
+            };
+            while (const void* hit = next()) {
                 ++found;
-                ++at;
+                at = static_cast<const unsigned char*>(hit) + 1;
             }
         }
     }
