@@ -421,6 +421,33 @@ TEST_F(ModuleOverSoftkeyTest, TwoKeyPairsDeriveTheSameSecret)
     EXPECT_EQ(secret, derive(second.privateKey, first.publicKey));
 }
 
+TEST_F(ModuleOverSoftkeyTest, APeersPointMayBeBareOrADerOctetString)
+{
+    for (const std::string kind : {"P-256", "P-384", "P-521"}) {
+        tool("generate MODULE1 " + kind + " --pin-env PIN");
+        tool("generate MODULE1 " + kind + " --pin-env PIN");
+    }
+    const CK_SESSION_HANDLE session = loggedInSession();
+    const auto derive = [&](CK_OBJECT_HANDLE own, Bytes point) {
+        CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
+        CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        CK_OBJECT_HANDLE secret = 0;
+        EXPECT_EQ(C_DeriveKey(session, &mechanism, own, nullptr, 0, &secret), CKR_OK);
+        return attribute(session, secret, CKA_VALUE);
+    };
+    for (const CK_ULONG first : {1u, 3u, 5u}) {
+        const CK_OBJECT_HANDLE own = 0x70000000 + first;
+        const CK_OBJECT_HANDLE peer = 0x70001000 + first + 1;
+        const Bytes bare = attribute(session, peer, CKA_VALUE);
+        const Bytes der = attribute(session, peer, CKA_EC_POINT);
+        EXPECT_GT(der.size(), bare.size());
+        const Bytes secret = derive(own, bare);
+        EXPECT_EQ(secret.size(), bare.size() / 2);
+        EXPECT_EQ(derive(own, der), secret);
+        EXPECT_EQ(derive(own + 1, attribute(session, peer - 1, CKA_EC_POINT)), secret);
+    }
+}
+
 TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
 {
     REQUIRE_OPENSSL_PROGRAM();
