@@ -37,6 +37,17 @@ EvpKey rsaPublicKey(Bytes modulus)
     return keyFromParameters("RSA", EVP_PKEY_PUBLIC_KEY, parameters.get(), SoftkeyStatus::BadPublicKey);
 }
 
+/// With the exponent 1 everything is its own signature; an even one has no private counterpart; a huge one is nothing
+/// but work for whoever verifies.
+bool hasUsableExponent(const EVP_PKEY* key)
+{
+    constexpr int EXPONENT_BITS_MAX = 64;
+    BIGNUM* exponent = nullptr;
+    require(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent) == 1);
+    const PublicNumber owner(exponent);
+    return BN_is_odd(exponent) == 1 && BN_is_one(exponent) == 0 && BN_num_bits(exponent) <= EXPONENT_BITS_MAX;
+}
+
 } // namespace
 
 EvpKey publicKeyFromInfo(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo)
@@ -45,7 +56,7 @@ EvpKey publicKeyFromInfo(const KeyKindTraits& traits, Bytes subjectPublicKeyInfo
     const auto size = static_cast<long>(subjectPublicKeyInfo.size());
     EvpKey key(d2i_PUBKEY_ex(nullptr, &position, size, CryptoContext::get().library(), nullptr));
     const bool usable = key && position == subjectPublicKeyInfo.data() + size && keyKindOf(key.get()) == &traits;
-    require(usable, SoftkeyStatus::BadPublicKey);
+    require(usable && (!traits.isRsa() || hasUsableExponent(key.get())), SoftkeyStatus::BadPublicKey);
     return key;
 }
 

@@ -417,6 +417,51 @@ TEST_F(CryptoTest, ThePublicKeyMayComeInEachOfItsForms)
     }
 }
 
+/// DER of an RSA public key as the openssl program never makes one.
+Data publicKeyInfoWith(const Data& modulus, const Data& exponent)
+{
+    const auto wrapped = [](unsigned char tag, const Data& content) {
+        Data der{tag, 0x82, static_cast<unsigned char>(content.size() >> 8),
+                 static_cast<unsigned char>(content.size())};
+        der.insert(der.end(), content.begin(), content.end());
+        return der;
+    };
+    const auto joined = [](Data first, const Data& second) {
+        first.insert(first.end(), second.begin(), second.end());
+        return first;
+    };
+    const Data numbers = joined(wrapped(2, joined({0}, modulus)), wrapped(2, joined({0}, exponent)));
+    const Data algorithm = fromHex("300d06092a864886f70d0101010500");
+    return wrapped(0x30, joined(algorithm, wrapped(3, joined({0}, wrapped(0x30, numbers)))));
+}
+
+TEST_F(CryptoTest, APublicKeyWithAnExponentThatVerifiesForgeriesIsRefused)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_RSA_2048);
+    const Data modulus = publicKeyBytes(key);
+    const Data hash(32, 0x11);
+    // What is padded is its own signature under the exponent 1.
+    Data forged(256, 0xff);
+    const Data info = fromHex("3031300d060960864801650304020105000420");
+    forged[0] = 0;
+    forged[1] = 1;
+    forged[256 - 32 - info.size() - 1] = 0;
+    std::copy(info.begin(), info.end(), forged.end() - 32 - static_cast<std::ptrdiff_t>(info.size()));
+    std::copy(hash.begin(), hash.end(), forged.end() - 32);
+    const auto verifyWith = [&](const Data& exponent, const Data& signature) {
+        const Data publicKey = publicKeyInfoWith(modulus, exponent);
+        return velkor_verifySignatureHash(KEY_KIND_RSA_2048, SERIAL, hash.data(), length(hash), publicKey.data(),
+                                          length(publicKey), signature.data(), length(signature), instance, false);
+    };
+    EXPECT_EQ(verifyWith({1}, forged), code(SoftkeyStatus::BadPublicKey));
+    EXPECT_EQ(verifyWith({2}, forged), code(SoftkeyStatus::BadPublicKey));
+    EXPECT_EQ(verifyWith({1, 0, 0}, forged), code(SoftkeyStatus::BadPublicKey));
+    EXPECT_EQ(verifyWith({1, 0, 0, 0, 0, 0, 0, 0, 1}, forged), code(SoftkeyStatus::BadPublicKey)) << "2^64 + 1";
+    EXPECT_EQ(verifyWith({1, 0, 1}, sign(key, hash)), 0);
+    EXPECT_EQ(verifyWith({3}, forged), code(SoftkeyStatus::SignatureInvalid));
+    EXPECT_EQ(verifyWith(Data(8, 0xff), forged), code(SoftkeyStatus::SignatureInvalid)) << "2^64 - 1";
+}
+
 TEST_F(CryptoTest, AnUnknownKindVerifiesAsRsa2048)
 {
     const VelkorKeyPair key = generate(KEY_KIND_RSA_2048);
