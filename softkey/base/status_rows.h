@@ -41,6 +41,7 @@
     ROW(StorageBusy, 344, "the key file is in use by other processes", Failed) \
     ROW(StorageFailed, 345, "the key file cannot be written", NotWritten) \
     ROW(AlreadyExists, 346, "a key with this serial number exists", Exists) \
+    ROW(FileExposed, 347, "others may write to the key file or its folder", KeyFileUnusable) \
     /* The process. */ \
     ROW(CryptoFailed, 351, "a cryptographic operation failed", Failed) \
     ROW(OutOfMemory, 352, "out of memory", Failed) \

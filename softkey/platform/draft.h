@@ -1,6 +1,7 @@
 // The beginning and the end of a key's file.
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <string_view>
 
@@ -13,6 +14,13 @@ inline constexpr std::string_view DRAFT_SUFFIX = ".draft";
 inline std::filesystem::path journalOf(std::filesystem::path file)
 {
     return file += "-journal";
+}
+
+/// All files that SQLite may keep beside a file and take for its own again.
+inline std::array<std::filesystem::path, 3> companionsOf(const std::filesystem::path& file)
+{
+    const auto with = [&](const char* suffix) { return std::filesystem::path(file) += suffix; };
+    return {journalOf(file), with("-wal"), with("-shm")};
 }
 
 /// A key's file under construction, out of sight of every reader.
@@ -32,6 +40,9 @@ public:
     /// Gives the file its name, once it is on the disk. The caller holds the folder's lock. Throws AlreadyExists,
     /// and leaves alone what is there; StorageFailed.
     void publish(const std::filesystem::path& destination) const;
+    /// The same in the place of whatever is there, of which no journal stays behind. Throws StorageBusy while others
+    /// change that, and StorageFailed; on Windows also when somebody has it open.
+    void replace(const std::filesystem::path& destination) const;
 
 private:
     std::filesystem::path path_;

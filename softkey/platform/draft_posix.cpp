@@ -4,7 +4,9 @@
 #include "store/key_file.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
+#include <optional>
 #include <unistd.h>
 
 namespace softkey
@@ -30,6 +32,33 @@ private:
     int value_;
 };
 
+void removeCompanions(const std::filesystem::path& file)
+{
+    for (const std::filesystem::path& companion : companionsOf(file))
+        unlink(companion.c_str());
+}
+
+/// While it lives, nobody who has the file open begins a change, whose journal would stand beside another file then.
+class StandingStill
+{
+public:
+    explicit StandingStill(const std::filesystem::path& file)
+    {
+        try {
+            database_.emplace(file, Database::Mode::Existing);
+            transaction_.emplace(*database_, Transaction::Kind::Write);
+        } catch (const Refusal& refusal) {
+            if (refusal.status() == SoftkeyStatus::StorageBusy)
+                throw;
+            // Nobody works with what cannot be opened.
+        }
+    }
+
+private:
+    std::optional<Database> database_;
+    std::optional<Transaction> transaction_;
+};
+
 } // namespace
 
 Draft::Draft(std::filesystem::path path) : path_(std::move(path))
@@ -48,7 +77,7 @@ void Draft::publish(const std::filesystem::path& destination) const
     require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
     // A journal without its file, which was taken away by hand, would be played into the new one.
     if (access(destination.c_str(), F_OK) != 0)
-        unlink(journalOf(destination).c_str());
+        removeCompanions(destination);
     // A link, unlike a renaming, never replaces a key that is there.
     const int failure = link(path_.c_str(), destination.c_str()) == 0 ? 0 : errno;
     require(failure != EEXIST, SoftkeyStatus::AlreadyExists);
@@ -57,12 +86,27 @@ void Draft::publish(const std::filesystem::path& destination) const
     require(folder.synchronise(), SoftkeyStatus::StorageFailed);
 }
 
+void Draft::replace(const std::filesystem::path& destination) const
+{
+    require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
+    const StandingStill old(destination);
+    removeCompanions(destination); // First: what is unfinished of the old file was undone by opening it.
+    require(rename(path_.c_str(), destination.c_str()) == 0, SoftkeyStatus::StorageFailed);
+    const Descriptor folder(destination.parent_path(), O_RDONLY | O_DIRECTORY);
+    require(folder.synchronise(), SoftkeyStatus::StorageFailed);
+}
+
 void takeAway(const std::filesystem::path& keyFile)
 {
+    // A link goes after the file that it leads to, beside which SQLite keeps the journal.
+    std::error_code failure;
+    const std::filesystem::path target = std::filesystem::canonical(keyFile, failure);
     KeyFile(keyFile).setPlugged(false); // Running processes see it go before the file is away.
     // The file first: a file without its journal is whole, a journal without its file would be another key's.
-    require(unlink(keyFile.c_str()) == 0, SoftkeyStatus::StorageFailed);
-    unlink(journalOf(keyFile).c_str());
+    require(!failure && unlink(target.c_str()) == 0, SoftkeyStatus::StorageFailed);
+    removeCompanions(target);
+    const bool isLink = std::filesystem::is_symlink(keyFile, failure);
+    require(!isLink || unlink(keyFile.c_str()) == 0, SoftkeyStatus::StorageFailed);
     unlink(lockOfKey(keyFile).c_str());
 }
 

@@ -1,5 +1,6 @@
 #include "store/keys_folder.h"
 
+#include "platform/exposure.h"
 #include "store/key_settings.h"
 
 #include <algorithm>
@@ -151,6 +152,9 @@ std::shared_ptr<SoftKey> KeysFolder::reopen(std::string_view name)
     const std::filesystem::file_status status = std::filesystem::status(path, failure);
     require(!folder_.empty() && std::filesystem::exists(status), SoftkeyStatus::DeviceRemoved);
     require(std::filesystem::is_regular_file(status), SoftkeyStatus::FileForeign);
+    // Who may write can set PIN tries back, or put another file in the place of this one.
+    for (const std::filesystem::path& each : {folder_, path})
+        require(exposureOf(each) != Exposure::Writable, SoftkeyStatus::FileExposed);
     const auto now = steady_clock::now();
     return entries_.insert_or_assign(std::string(name), Entry{std::make_shared<SoftKey>(path), now}).first->second.key;
 }

@@ -4,6 +4,7 @@
 #include "tool/session.h"
 
 #include "crypto/key_kinds.h"
+#include "store/backup.h"
 #include "store/key_creation.h"
 #include "velkor/record_fields.h"
 
@@ -101,10 +102,19 @@ void describe(Session& session, const std::string& name, json& keys, std::string
     }
 }
 
+void requireReadable(const std::filesystem::path& folder)
+{
+    std::error_code failure;
+    const std::filesystem::directory_iterator files(folder, failure);
+    if (failure)
+        throw Refusal(SoftkeyStatus::DeviceUnreachable, folder.string() + ": " + failure.message());
+}
+
 void addList(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("list", "List all keys");
     command->callback([&session] {
+        requireReadable(session.folder());
         json keys = json::array();
         std::string lines;
         for (const std::string& name : session.keys().keyNames())
@@ -209,6 +219,40 @@ void addRemove(CLI::App& app, Session& session)
     command->callback([&session, serialNumber, confirmed] { remove(session, *serialNumber, *confirmed); });
 }
 
+void addBackup(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("backup", "Write a copy of a key, which may be in use, to a file");
+    const auto serialNumber = std::make_shared<std::string>();
+    const auto file = std::make_shared<std::string>();
+    addSerialNumber(*command, *serialNumber);
+    command->add_option("file", *file, "File to write; it must not exist")->required();
+    command->callback([&session, serialNumber, file] {
+        try {
+            backUp(session.key(*serialNumber)->file(), *file);
+        } catch (const Refusal& refusal) {
+            if (refusal.status() == SoftkeyStatus::AlreadyExists)
+                throw Refusal(SoftkeyStatus::StorageFailed, *file + " exists");
+            throw;
+        }
+        session.print({{"serial", *serialNumber}, {"file", *file}}, *serialNumber + " written to " + *file);
+    });
+}
+
+void addRestore(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("restore", "Put a key back from its backup");
+    const auto file = std::make_shared<std::string>();
+    const auto mayReplace = std::make_shared<bool>(false);
+    command->add_option("file", *file, "Backup to read")->required();
+    command->add_flag("--yes", *mayReplace, "Replace the key with that serial number, if there is one");
+    command->callback([&session, file, mayReplace] {
+        const std::filesystem::path folder = session.folder();
+        session.keys().close(); // Windows replaces no open file.
+        const std::string serialNumber = restoreBackup(folder, *file, *mayReplace);
+        session.print({{"serial", serialNumber}}, serialNumber + " restored");
+    });
+}
+
 } // namespace
 
 void addManagementCommands(CLI::App& app, Session& session)
@@ -227,6 +271,8 @@ void addManagementCommands(CLI::App& app, Session& session)
     addCommandOnKey(app, "unplug", "Unplug a key",
                     [setPlugged](const std::string& serialNumber) { setPlugged(serialNumber, false); });
     addRemove(app, session);
+    addBackup(app, session);
+    addRestore(app, session);
 }
 
 } // namespace softkey

@@ -1,12 +1,24 @@
 #include "tool/session.h"
 
 #include "platform/default_folder.h"
+#include "platform/exposure.h"
 #include "store/key_settings.h"
 
 #include <cstdio>
 
 namespace softkey
 {
+
+namespace
+{
+
+void warnOfReaders(const std::filesystem::path& path)
+{
+    if (exposureOf(path) == Exposure::Readable)
+        std::fprintf(stderr, "velkor-softkey: warning: others may read %s\n", path.string().c_str());
+}
+
+} // namespace
 
 const std::filesystem::path& Session::folder()
 {
@@ -17,6 +29,9 @@ const std::filesystem::path& Session::folder()
         throw Refusal(SoftkeyStatus::StorageFailed, "there is no home folder; set VELKOR_SOFTKEY_HOME");
     if (!ensureFolder(wanted))
         throw Refusal(SoftkeyStatus::StorageFailed, "cannot make the folder " + wanted.string());
+    if (exposureOf(wanted) == Exposure::Writable)
+        throw Refusal(SoftkeyStatus::FileExposed, wanted.string() + " has to be the user's own (chown, chmod go-w)");
+    warnOfReaders(wanted);
     folder_ = wanted;
     keys_.open(folder_);
     return folder_;
@@ -32,7 +47,9 @@ std::shared_ptr<SoftKey> Session::key(const std::string& serialNumber)
 {
     const std::filesystem::path path = folder() / (serialNumber + std::string(KEY_FILE_SUFFIX));
     try {
-        return keys().find(serialNumber, KeysFolder::Identity::Checked);
+        std::shared_ptr<SoftKey> found = keys().find(serialNumber, KeysFolder::Identity::Checked);
+        warnOfReaders(path);
+        return found;
     } catch (const Refusal& refusal) {
         if (refusal.status() == SoftkeyStatus::DeviceRemoved)
             throw Refusal(refusal.status(), "there is no " + path.string());

@@ -1,5 +1,5 @@
 // What is POSIX's own: the default folder, whom it and its files admit, files that go while they are open.
-#include "world.h"
+#include "tool_fixture.h"
 
 #include "eventually.h"
 #include "platform/default_folder.h"
@@ -20,7 +20,7 @@ namespace
 
 using Names = std::vector<std::string>;
 
-class PosixFilesTest : public SoftkeyTest
+class PosixFilesTest : public ToolTest
 {
 };
 
@@ -120,6 +120,69 @@ TEST_F(PosixFilesTest, AKeyThatIsExchangedByHandIsNoticedShortly)
     settings.label = "Another";
     createKey(settings);
     EXPECT_TRUE(test_system::eventually([&] { return velkor_getTokenInfo(SERIAL, instance).label == "Another"; }));
+}
+
+TEST_F(PosixFilesTest, AFileOrFolderThatOthersMayWriteIsRefused)
+{
+    using std::filesystem::perms;
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+    for (const auto& [path, permissions] : {std::pair(keyPath(), 0620), {keyPath(), 0602}, {home.path(), 0770}}) {
+        const perms before = std::filesystem::status(path).permissions();
+        std::filesystem::permissions(path, static_cast<perms>(permissions));
+        void* second = nullptr;
+        velkor_releaseInstance(instance);
+        velkor_createInstance(&second);
+        EXPECT_EQ(velkor_initDevice(SERIAL, true, second), code(SoftkeyStatus::FileExposed)) << path;
+        EXPECT_TRUE(velkor_getConnectedDeviceList(true, second).empty());
+        velkor_releaseInstance(second);
+        velkor_createInstance(&instance);
+        const Outcome refused = tool("info KEY1");
+        EXPECT_EQ(refused.exitCode, 7);
+        EXPECT_NE(refused.error.find(path.string()), std::string::npos) << refused.error;
+        std::filesystem::permissions(path, before);
+        EXPECT_EQ(tool("info KEY1").exitCode, 0);
+    }
+}
+
+TEST_F(PosixFilesTest, AFileThatOthersMayReadIsWarnedOf)
+{
+    EXPECT_EQ(tool("info KEY1").error, "");
+    std::filesystem::permissions(keyPath(), std::filesystem::perms::others_read, std::filesystem::perm_options::add);
+    const Outcome told = tool("info KEY1");
+    EXPECT_EQ(told.exitCode, 0);
+    EXPECT_NE(told.error.find("warning: others may read " + keyPath().string()), std::string::npos) << told.error;
+}
+
+TEST_F(PosixFilesTest, RemovingALinkRemovesTheKeyThatItLeadsTo)
+{
+    const std::filesystem::path target = scratch.path() / "KEY1.velkorkey";
+    velkor_releaseInstance(instance);
+    std::filesystem::rename(keyPath(), target);
+    std::filesystem::create_symlink(target, keyPath());
+    velkor_createInstance(&instance);
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+    EXPECT_EQ(tool("remove KEY1 --yes").exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(target));
+    EXPECT_FALSE(std::filesystem::is_symlink(keyPath()));
+    EXPECT_TRUE(std::filesystem::is_empty(scratch.path()));
+}
+
+TEST_F(PosixFilesTest, AFolderThatCannotBeListedIsAnErrorOfTheList)
+{
+    if (geteuid() == 0) { // Who may read everything: another user asks.
+        const std::string shown = "setpriv --reuid=65534 --regid=65534 --clear-groups " + softkeyTool();
+        if (run(shown + " --help").exitCode != 0)
+            GTEST_SKIP() << "another user cannot run the tool here";
+        EXPECT_EQ(chown(home.path().c_str(), 65534, 65534), 0);
+        std::filesystem::permissions(home.path(), std::filesystem::perms::owner_exec);
+        const Outcome refused = run(shown + " --home " + home.path().string() + " list");
+        EXPECT_EQ(refused.exitCode, 7);
+        EXPECT_NE(refused.error.find(home.path().string()), std::string::npos) << refused.error;
+        return;
+    }
+    std::filesystem::permissions(home.path(), std::filesystem::perms::owner_exec);
+    expectFailure("list", 7);
+    std::filesystem::permissions(home.path(), std::filesystem::perms::owner_all);
 }
 
 } // namespace
