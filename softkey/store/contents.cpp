@@ -2,6 +2,7 @@
 
 #include "crypto/key_kinds.h"
 #include "store/schema.h"
+#include "velkor/record_fields.h"
 
 #include <algorithm>
 #include <cstring>
@@ -32,6 +33,12 @@ void copyLabel(char (&field)[Size], Bytes value)
     std::copy(value.begin(), value.end(), field);
 }
 
+/// An identifier that is another's would lend its object's name to this one.
+void requireIdentifierOf(Bytes content, Bytes identifier)
+{
+    require(velkor::sameBytes(identifierOf(content), identifier), SoftkeyStatus::FileDamaged);
+}
+
 std::uint32_t readId(const Statement& row)
 {
     const std::int64_t id = row.number(0);
@@ -47,6 +54,14 @@ DeviceRecord readDevice(Database& database)
     return {row.text(0), row.text(1), row.text(2), row.text(3), row.number(4) != 0, row.number(5)};
 }
 
+ByteVector readAuthenticator(Database& database)
+{
+    Statement row(database, "SELECT authenticator FROM device");
+    require(row.step(), SoftkeyStatus::FileDamaged);
+    const Bytes code = row.bytes(0);
+    return {code.begin(), code.end()};
+}
+
 std::vector<VelkorKeyPair> readKeyPairs(Database& database)
 {
     std::vector<VelkorKeyPair> keyPairs;
@@ -60,6 +75,7 @@ std::vector<VelkorKeyPair> readKeyPairs(Database& database)
         keyPair.objectIdLength = copyInto(keyPair.objectId, row.bytes(3));
         copyLabel(keyPair.label, row.bytes(4));
         keyPair.publicKeyLength = copyInto(keyPair.publicKey, row.bytes(5));
+        requireIdentifierOf(row.bytes(5), keyPair.keyIdentifier);
         keyPair.usageFlags = static_cast<std::uint32_t>(row.number(6));
         keyPair.deviceFlag = row.number(7) != 0;
     }
@@ -78,6 +94,7 @@ std::vector<VelkorCertificate> readCertificates(Database& database)
         copyLabel(certificate.label, row.bytes(3));
         const Bytes der = row.bytes(4);
         certificate.der.assign(der.begin(), der.end());
+        requireIdentifierOf(der, certificate.certificateIdentifier);
     }
     return certificates;
 }
@@ -102,10 +119,30 @@ const VelkorCertificate* Contents::findCertificate(const Identifier& identifier)
     return nullptr;
 }
 
+ByteVector checksumOf(const PinRecord& pin)
+{
+    ByteVector record{static_cast<unsigned char>(pin.role)};
+    for (const std::uint32_t number : {pin.cost.logN, pin.cost.blockSize, pin.cost.lanes}) {
+        for (int shift = 24; shift >= 0; shift -= 8)
+            record.push_back(static_cast<unsigned char>(number >> shift));
+    }
+    record.insert(record.end(), pin.salt.begin(), pin.salt.end());
+    record.insert(record.end(), pin.wrappedMasterKey.begin(), pin.wrappedMasterKey.end());
+    return sha256(record);
+}
+
+Identifier identifierOf(Bytes content)
+{
+    const ByteVector hash = sha256(content);
+    Identifier identifier{};
+    std::copy_n(hash.begin(), identifier.size(), identifier.begin());
+    return identifier;
+}
+
 PinRecord readPin(Database& database, PinRole role)
 {
     Statement row(database, "SELECT changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, scrypt_lanes, "
-                            "salt, wrapped_master_key FROM pin WHERE role = ?");
+                            "salt, wrapped_master_key, checksum FROM pin WHERE role = ?");
     row.bind(static_cast<std::int64_t>(role));
     require(row.step(), SoftkeyStatus::FileDamaged);
     PinRecord pin;
@@ -121,7 +158,9 @@ PinRecord readPin(Database& database, PinRole role)
     pin.wrappedMasterKey.assign(wrapped.begin(), wrapped.end());
     const bool sound = pin.triesMax >= 1 && pin.triesMax <= 255 && pin.triesLeft >= 0 &&
                        pin.triesLeft <= pin.triesMax && isAcceptable(pin.cost);
-    require(sound, SoftkeyStatus::FileDamaged);
+    // A file of an older layout gets its checksums when PINs open it.
+    const Bytes checksum = row.bytes(8);
+    require(sound && (checksum.empty() || velkor::sameBytes(checksum, checksumOf(pin))), SoftkeyStatus::FileDamaged);
     return pin;
 }
 
@@ -133,6 +172,7 @@ Contents readContents(Database& database)
     contents.soPin = readPin(database, PinRole::SecurityOfficer);
     contents.keyPairs = readKeyPairs(database);
     contents.certificates = readCertificates(database);
+    contents.authenticator = readAuthenticator(database);
     return contents;
 }
 

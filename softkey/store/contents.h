@@ -42,6 +42,7 @@ struct Contents {
     PinRecord soPin;
     std::vector<VelkorKeyPair> keyPairs;         ///< In the order of their numbers.
     std::vector<VelkorCertificate> certificates; ///< In the order of their numbers.
+    ByteVector authenticator; ///< See authenticity.h; empty in a file that no PIN has opened since layout 2.
 
     const PinRecord& pin(PinRole role) const { return role == PinRole::User ? userPin : soPin; }
     /// Null when there is none.
@@ -52,5 +53,10 @@ struct Contents {
 /// Reads everything but the counter. Throws FileDamaged.
 Contents readContents(Database& database);
 PinRecord readPin(Database& database, PinRole role);
+/// Tells a damaged record of a PIN from a wrong PIN; secret from nobody.
+ByteVector checksumOf(const PinRecord& pin);
+
+/// Identifiers are derived from the content, so that the same key or certificate is known again.
+Identifier identifierOf(Bytes content);
 
 } // namespace softkey

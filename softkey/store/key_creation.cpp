@@ -2,6 +2,7 @@
 
 #include "platform/draft.h"
 #include "platform/file_lock.h"
+#include "store/authenticity.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 
@@ -71,6 +72,9 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
         insertPin(database, wrappedPin(PinRole::User, settings.userPin, settings, userPin, masterKey));
         insertPin(database, wrappedPin(PinRole::SecurityOfficer, settings.soPin, settings, soPin, masterKey));
         transaction.commit();
+        Transaction sealing(database, Transaction::Kind::Write); // Of what the file says then.
+        authenticate(database, masterKey);
+        sealing.commit();
     }
     draft.publish(folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX)));
 }

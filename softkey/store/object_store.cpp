@@ -68,6 +68,17 @@ std::uint32_t smallestFreeNumber(Database& database, const char* selectNumbers)
     return static_cast<std::uint32_t>(candidate);
 }
 
+SecretBytes openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
+                           std::string_view serialNumber)
+{
+    Statement row(database, "SELECT sealed_private_key FROM key_pair WHERE identifier = ?");
+    row.bind(Bytes(record.keyIdentifier));
+    require(row.step(), SoftkeyStatus::NoSuchObject);
+    std::optional<SecretBytes> pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
+    require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
+    return std::move(*pkcs8);
+}
+
 constexpr const char* SELECT_KEY_PAIR = "SELECT id FROM key_pair WHERE identifier = ?";
 constexpr const char* SELECT_CERTIFICATE = "SELECT id FROM certificate WHERE identifier = ?";
 
@@ -82,14 +93,6 @@ void deleteObject(Database& database, const char* statement, const Identifier& i
 PaddingsTaken paddingsOf(const VelkorKeyPair& record)
 {
     return record.deviceFlag ? PaddingsTaken::OaepOnly : PaddingsTaken::All;
-}
-
-Identifier identifierOf(Bytes content)
-{
-    const ByteVector hash = sha256(content);
-    Identifier identifier{};
-    std::copy_n(hash.begin(), identifier.size(), identifier.begin());
-    return identifier;
 }
 
 NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,
@@ -115,12 +118,21 @@ NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attribute
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
                                                  std::string_view serialNumber)
 {
-    Statement row(database, "SELECT sealed_private_key FROM key_pair WHERE identifier = ?");
-    row.bind(Bytes(record.keyIdentifier));
-    require(row.step(), SoftkeyStatus::NoSuchObject);
-    const auto pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
-    require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
-    return std::make_shared<const PrivateKey>(decodePrivateKey(*pkcs8), traitsOf(record.keyKind), paddingsOf(record));
+    const SecretBytes pkcs8 = openPrivateKey(database, record, masterKey, serialNumber);
+    return std::make_shared<const PrivateKey>(decodePrivateKey(pkcs8), traitsOf(record.keyKind), paddingsOf(record));
+}
+
+void resealPrivateKeys(Database& database, const Contents& contents, Bytes oldMasterKey, Bytes newMasterKey)
+{
+    const std::string& serialNumber = contents.device.serialNumber;
+    for (const VelkorKeyPair& record : contents.keyPairs) {
+        const SecretBytes pkcs8 = openPrivateKey(database, record, oldMasterKey, serialNumber);
+        const ByteVector sealed = seal(newMasterKey, pkcs8, privateKeyIdentity(record, serialNumber));
+        Statement(database, "UPDATE key_pair SET sealed_private_key = ? WHERE identifier = ?")
+            .bind(Bytes(sealed))
+            .bind(Bytes(record.keyIdentifier))
+            .run();
+    }
 }
 
 void storeKeyPair(Database& database, NewKeyPair& keyPair)

@@ -29,14 +29,14 @@ struct NewKeyPair {
 /// The library's own flag of a record says that the key takes OAEP alone.
 PaddingsTaken paddingsOf(const VelkorKeyPair& record);
 
-/// Identifiers are derived from the content, so that the same key or certificate is known again.
-Identifier identifierOf(Bytes content);
-
 NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,
                           Bytes masterKey, std::string_view serialNumber);
 /// Opens a stored private key; throws FileDamaged when it does not belong to the record.
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
                                                  std::string_view serialNumber);
+
+/// Seals all private keys under another master key; throws FileDamaged when one cannot be opened.
+void resealPrivateKeys(Database& database, const Contents& contents, Bytes oldMasterKey, Bytes newMasterKey);
 
 /// Stores a key pair under the smallest free number, or updates the attributes of the same key pair that is already
 /// there. Fills the record's number; throws DeviceFull.

@@ -1,5 +1,7 @@
 #include "store/pin_policy.h"
 
+#include "store/authenticity.h"
+#include "store/object_store.h"
 #include "store/refused_pins.h"
 
 namespace softkey
@@ -9,9 +11,14 @@ namespace
 
 constexpr std::size_t SALT_SIZE = 16;
 
-ByteVector masterKeyIdentity(PinRole role, std::string_view serialNumber)
+/// What a wrapped master key says besides itself. Layout 2 did not know whether the contents are under its seal: a
+/// file whose seal was taken off must not pass for one of those.
+enum class Wrapped { BeforeSeals, WithSeal };
+
+ByteVector masterKeyIdentity(PinRole role, std::string_view serialNumber, Wrapped wrapped = Wrapped::WithSeal)
 {
-    constexpr std::string_view purpose = "velkor-softkey master key";
+    const std::string_view purpose =
+        wrapped == Wrapped::WithSeal ? "velkor-softkey sealing master key" : "velkor-softkey master key";
     ByteVector identity(purpose.begin(), purpose.end());
     identity.push_back(static_cast<unsigned char>(role));
     identity.insert(identity.end(), serialNumber.begin(), serialNumber.end());
@@ -60,14 +67,43 @@ bool isDerivedAlike(const PinRecord& one, const PinRecord& other)
     return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes;
 }
 
+void storeWrapping(Database& database, const PinRecord& record)
+{
+    const ByteVector checksum = checksumOf(record);
+    Statement(database, "UPDATE pin SET scrypt_log_n = ?, scrypt_block_size = ?, scrypt_lanes = ?, salt = ?, "
+                        "wrapped_master_key = ?, checksum = ? WHERE role = ?")
+        .bind(record.cost.logN)
+        .bind(record.cost.blockSize)
+        .bind(record.cost.lanes)
+        .bind(Bytes(record.salt))
+        .bind(Bytes(record.wrappedMasterKey))
+        .bind(Bytes(checksum))
+        .bind(static_cast<std::int64_t>(record.role))
+        .run();
+}
+
+/// The first PIN that opens an older file puts the seal on its contents, and each PIN has its wrapping renewed.
+void putUnderSeal(Database& database, const PinRecord& record, Bytes masterKey)
+{
+    storeWrapping(database, record);
+    if (readContents(database).authenticator.empty())
+        authenticate(database, masterKey);
+}
+
 /// A try is on the disk before the seal is looked at, and given back when it opens.
 CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, PinRole role, std::string_view pin, Bytes key)
 {
     const std::string serialNumber = file.contents()->device.serialNumber;
-    const PinRecord record = spendTry(file, turn, role);
+    PinRecord record = spendTry(file, turn, role);
     std::optional<SecretBytes> masterKey;
+    bool isOlder = false;
     try {
         masterKey = unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber));
+        if (!masterKey) {
+            masterKey =
+                unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber, Wrapped::BeforeSeals));
+            isOlder = masterKey.has_value();
+        }
     } catch (...) {
         restoreTries(file, turn, record, record.triesLeft + 1); // The PIN was not looked at.
         throw;
@@ -76,7 +112,13 @@ CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, PinRole role, std
         RefusedPins::ofProcess().add(record, pin);
         throw wrongPin(record.triesLeft);
     }
-    restoreTries(file, turn, record, record.triesMax);
+    if (isOlder)
+        record.wrappedMasterKey = seal(key, *masterKey, masterKeyIdentity(role, serialNumber));
+    file.change(turn, [&](Database& database) {
+        storeTries(database, role, record.triesMax);
+        if (isOlder)
+            putUnderSeal(database, record, *masterKey);
+    });
     return {std::move(*masterKey), record};
 }
 
@@ -108,20 +150,18 @@ CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const
     }
 }
 
-void replacePin(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& record)
+void requireAuthentic(KeyFile& file, const CheckedPin& checked)
 {
-    file.change(turn, [&](Database& database) {
-        Statement(database, "UPDATE pin SET changed = ?, tries_left = tries_max, scrypt_log_n = ?, "
-                            "scrypt_block_size = ?, scrypt_lanes = ?, salt = ?, wrapped_master_key = ? WHERE role = ?")
-            .bind(std::int64_t{record.changed})
-            .bind(record.cost.logN)
-            .bind(record.cost.blockSize)
-            .bind(record.cost.lanes)
-            .bind(Bytes(record.salt))
-            .bind(Bytes(record.wrappedMasterKey))
-            .bind(static_cast<std::int64_t>(record.role))
-            .run();
-    });
+    require(areAuthentic(*file.contents(), checked.masterKey), SoftkeyStatus::FileDamaged);
+}
+
+void replacePin(Database& database, const PinRecord& record)
+{
+    Statement(database, "UPDATE pin SET changed = ?, tries_left = tries_max WHERE role = ?")
+        .bind(std::int64_t{record.changed})
+        .bind(static_cast<std::int64_t>(record.role))
+        .run();
+    storeWrapping(database, record);
 }
 
 /// A PIN with a new salt, ready to go around a master key.
@@ -156,7 +196,13 @@ void requirePinLength(std::string_view newPin)
 
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin)
 {
-    return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {});
+    return checkAndThen(file, role, pin,
+                        [&](const KeyFile::Turn&, const CheckedPin& checked) { requireAuthentic(file, checked); });
+}
+
+SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin)
+{
+    return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {}).masterKey;
 }
 
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin)
@@ -165,10 +211,38 @@ void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string
     const std::shared_ptr<const Contents> before = file.contents();
     const Wrapping wrapping(newPin, before->pin(role).cost);
     checkAndThen(file, role, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
+        requireAuthentic(file, checked);
         PinRecord record = checked.record;
         record.changed = record.changed || oldPin != newPin;
         wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
-        replacePin(file, turn, record);
+        file.change(turn, [&](Database& database) { replacePin(database, record); });
+    });
+}
+
+void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std::string_view soPin)
+{
+    requirePinLength(newPin);
+    const PinRecord checkedSo = checkPin(file, PinRole::SecurityOfficer, soPin).record;
+    const std::shared_ptr<const Contents> before = file.contents();
+    const Wrapping wrapping(newPin, before->userPin.cost);
+    const Wrapping soWrapping(soPin, before->soPin.cost);
+    SecretBytes masterKey(SEALING_KEY_SIZE);
+    randomBytes({masterKey.data(), masterKey.size()});
+    checkAndThen(file, PinRole::User, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
+        requireAuthentic(file, checked);
+        PinRecord user = checked.record;
+        user.changed = user.changed || oldPin != newPin;
+        file.change(turn, [&](Database& database) {
+            const Contents contents = readContents(database);
+            PinRecord so = contents.soPin;
+            require(so.salt == checkedSo.salt, SoftkeyStatus::StorageBusy); // Changed since it was checked.
+            wrapping.wrap(user, masterKey, contents.device.serialNumber);
+            soWrapping.wrap(so, masterKey, contents.device.serialNumber);
+            resealPrivateKeys(database, contents, checked.masterKey, masterKey);
+            replacePin(database, user);
+            replacePin(database, so);
+            authenticate(database, masterKey);
+        });
     });
 }
 
@@ -178,10 +252,11 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
     const std::shared_ptr<const Contents> before = file.contents();
     const Wrapping wrapping(newUserPin, before->userPin.cost);
     checkAndThen(file, PinRole::SecurityOfficer, soPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
+        requireAuthentic(file, checked);
         PinRecord record = file.contents()->userPin;
         record.changed = false;
         wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
-        replacePin(file, turn, record);
+        file.change(turn, [&](Database& database) { replacePin(database, record); });
     });
 }
 
@@ -192,8 +267,9 @@ void wrapMasterKey(PinRecord& record, std::string_view pin, Bytes masterKey, std
 
 void insertPin(Database& database, const PinRecord& record)
 {
+    const ByteVector checksum = checksumOf(record);
     Statement(database, "INSERT INTO pin (role, changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, "
-                        "scrypt_lanes, salt, wrapped_master_key) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                        "scrypt_lanes, salt, wrapped_master_key, checksum) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .bind(static_cast<std::int64_t>(record.role))
         .bind(std::int64_t{record.changed})
         .bind(record.triesMax)
@@ -203,6 +279,7 @@ void insertPin(Database& database, const PinRecord& record)
         .bind(record.cost.lanes)
         .bind(Bytes(record.salt))
         .bind(Bytes(record.wrappedMasterKey))
+        .bind(Bytes(checksum))
         .run();
 }
 

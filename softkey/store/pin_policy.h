@@ -19,11 +19,19 @@ struct CheckedPin {
 };
 
 /// Throws PinRequired for an empty PIN, which costs nothing, PinIncorrect or PinLocked, each with the tries left. A PIN
-/// that this process has seen refused already, and that cannot have become right since, costs nothing more.
+/// that this process has seen refused already, and that cannot have become right since, costs nothing more. Throws
+/// FileDamaged when the PIN is right and the contents are not authentic.
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
+
+/// What a PIN opens, authentic or not: for looking at what is left of a file.
+SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin);
 
 /// Replaces a PIN; the old one is checked first.
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin);
+
+/// Replaces the user PIN and the master key, so that older copies of the file open nothing that comes later. The PIN
+/// of the security officer stays, and has to be given, since it wraps the master key too.
+void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std::string_view soPin);
 
 /// Gives the user a new initial PIN and all tries, on the word of the security officer. Nothing else is lost.
 void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUserPin);

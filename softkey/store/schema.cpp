@@ -27,7 +27,8 @@ constexpr const char* CREATE_TABLES = R"sql(
         model TEXT NOT NULL,
         firmware_version TEXT NOT NULL,
         plugged INTEGER NOT NULL CHECK (plugged IN (0, 1)),
-        times_unplugged INTEGER NOT NULL DEFAULT 0
+        times_unplugged INTEGER NOT NULL DEFAULT 0,
+        authenticator BLOB NOT NULL DEFAULT X''
     ) STRICT;
 
     -- role: 1 user, 2 security officer. The master key of the file is wrapped once for each.
@@ -40,7 +41,8 @@ constexpr const char* CREATE_TABLES = R"sql(
         scrypt_block_size INTEGER NOT NULL,
         scrypt_lanes INTEGER NOT NULL,
         salt BLOB NOT NULL,
-        wrapped_master_key BLOB NOT NULL
+        wrapped_master_key BLOB NOT NULL,
+        checksum BLOB NOT NULL DEFAULT X''
     ) STRICT;
 
     CREATE TABLE key_pair (
@@ -75,8 +77,10 @@ constexpr Migration MIGRATIONS[] = {
         ALTER TABLE key_pair ADD COLUMN usage_flags INTEGER NOT NULL DEFAULT 3 CHECK (usage_flags BETWEEN 1 AND 3);
         ALTER TABLE device ADD COLUMN times_unplugged INTEGER NOT NULL DEFAULT 0;
     )sql"},
-    // Knew no keys that take OAEP alone.
+    // Knew no keys that take OAEP alone, and trusted what the file said.
     {2, R"sql(
+        ALTER TABLE device ADD COLUMN authenticator BLOB NOT NULL DEFAULT X'';
+        ALTER TABLE pin ADD COLUMN checksum BLOB NOT NULL DEFAULT X'';
         ALTER TABLE key_pair ADD COLUMN oaep_only INTEGER NOT NULL DEFAULT 0 CHECK (oaep_only IN (0, 1));
     )sql"},
 };

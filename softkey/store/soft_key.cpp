@@ -1,6 +1,7 @@
 #include "store/soft_key.h"
 
 #include "platform/environment.h"
+#include "store/authenticity.h"
 
 #include <charconv>
 
@@ -49,6 +50,11 @@ bool Unlocked::isOpenedBy(std::string_view pin) const
     return sameDigest(digest(pin), pinDigest_);
 }
 
+bool Unlocked::vouchesFor(const Contents& contents) const
+{
+    return areAuthentic(contents, masterKey_);
+}
+
 std::shared_ptr<const PrivateKey> Unlocked::find(const Identifier& identifier) const
 {
     const std::lock_guard lock(mutex_);
@@ -71,13 +77,18 @@ void Unlocked::keepOnly(const Contents& contents)
 std::shared_ptr<const Contents> SoftKey::contents()
 {
     std::shared_ptr<const Contents> now = file_.contents();
-    const std::lock_guard lock(unlockedMutex_);
-    if (now != seen_ && unlocked_ != nullptr) {
-        if (unlocked_->fits(*now))
-            unlocked_->keepOnly(*now);
-        else
-            unlocked_.reset();
+    std::shared_ptr<Unlocked> unlocked; // Looked at, and perhaps dropped, without the lock.
+    {
+        const std::lock_guard lock(unlockedMutex_);
+        if (now != seen_)
+            unlocked = unlocked_;
     }
+    const bool stays = !unlocked || (unlocked->fits(*now) && unlocked->vouchesFor(*now));
+    if (unlocked && stays)
+        unlocked->keepOnly(*now);
+    const std::lock_guard lock(unlockedMutex_);
+    if (!stays && unlocked_ == unlocked)
+        unlocked_.reset();
     seen_ = now;
     return now;
 }
@@ -148,6 +159,12 @@ void SoftKey::changePin(PinRole role, std::string_view oldPin, std::string_view 
     softkey::changePin(file_, role, oldPin, newPin);
 }
 
+void SoftKey::rekey(std::string_view oldPin, std::string_view newPin, std::string_view soPin)
+{
+    pluggedContents();
+    softkey::rekey(file_, oldPin, newPin, soPin);
+}
+
 void SoftKey::resetUserPin(std::string_view soPin, std::string_view newUserPin)
 {
     pluggedContents();
@@ -180,8 +197,20 @@ void SoftKey::requireUser(std::string_view pin)
 
 void SoftKey::change(std::string_view pin, const std::function<void(Database&)>& work)
 {
-    requireUser(pin);
-    file_.change(work);
+    change(*authorise(*pluggedContents(), pin), work);
+}
+
+void SoftKey::change(const Unlocked& unlocked, const std::function<void(Database&)>& work)
+{
+    file_.change([&](Database& database) {
+        // What was edited past the key since the PIN was looked at does not get the seal.
+        const Contents before = readContents(database);
+        if (!unlocked.fits(before))
+            throw Refusal::ofPin(SoftkeyStatus::PinRequired, before.userPin.triesLeft);
+        require(unlocked.vouchesFor(before), SoftkeyStatus::FileDamaged);
+        work(database);
+        authenticate(database, unlocked.masterKey());
+    });
 }
 
 VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
@@ -190,7 +219,7 @@ VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, con
     const std::shared_ptr<const Contents> now = pluggedContents();
     const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
     NewKeyPair keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), now->device.serialNumber);
-    file_.change([&](Database& database) { storeKeyPair(database, keyPair); });
+    change(*unlocked, [&](Database& database) { storeKeyPair(database, keyPair); });
     const std::shared_ptr<const Contents> after = contents();
     // As stored: a key pair that was there before keeps what the request left empty.
     const VelkorKeyPair* stored = after->findKeyPair(std::to_array(keyPair.record.keyIdentifier));

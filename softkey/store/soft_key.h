@@ -25,6 +25,8 @@ public:
     bool isOpenedBy(std::string_view pin) const;
     void touch() { usedAt_ = std::chrono::steady_clock::now(); }
     std::chrono::steady_clock::time_point usedAt() const { return usedAt_; }
+    /// Whether the contents are those that whoever has the master key has put there.
+    bool vouchesFor(const Contents& contents) const;
     const SecretBytes& masterKey() const { return masterKey_; }
 
     std::shared_ptr<const PrivateKey> find(const Identifier& identifier) const;
@@ -57,6 +59,7 @@ public:
     /// Throws the statuses of `checkPin`.
     void login(PinRole role, std::string_view pin);
     void changePin(PinRole role, std::string_view oldPin, std::string_view newPin);
+    void rekey(std::string_view oldPin, std::string_view newPin, std::string_view soPin);
     void resetUserPin(std::string_view soPin, std::string_view newUserPin);
 
     /// `usage`: a bit of the usage flags that the key must have; 0 for none.
@@ -77,6 +80,7 @@ public:
     void lockWhenIdle(std::chrono::steady_clock::time_point now);
 
 private:
+    void change(const Unlocked& unlocked, const std::function<void(Database&)>& work);
     std::shared_ptr<Unlocked> authorise(const Contents& contents, std::string_view pin);
     std::shared_ptr<Unlocked> openedBy(std::string_view pin, const Contents& contents) const;
     std::shared_ptr<Unlocked> unlock(std::string_view pin);

@@ -4,6 +4,7 @@
 #include "tool/session.h"
 
 #include "crypto/key_kinds.h"
+#include "store/authenticity.h"
 #include "store/backup.h"
 #include "store/key_creation.h"
 #include "velkor/record_fields.h"
@@ -219,6 +220,68 @@ void addRemove(CLI::App& app, Session& session)
     command->callback([&session, serialNumber, confirmed] { remove(session, *serialNumber, *confirmed); });
 }
 
+/// What a look at a key has found, part by part.
+class Findings
+{
+public:
+    void add(const std::string& part, bool whole)
+    {
+        parts_.push_back({{"part", part}, {"whole", whole}});
+        lines_ += part + (whole ? ": whole\n" : ": damaged or changed by somebody else\n");
+        whole_ = whole_ && whole;
+    }
+    /// Throws FileDamaged when anything is.
+    void print(const Session& session, const std::string& serialNumber) const
+    {
+        session.print({{"serial", serialNumber}, {"whole", whole_}, {"parts", parts_}},
+                      lines_.substr(0, lines_.size() - 1));
+        require(whole_, SoftkeyStatus::FileDamaged);
+    }
+
+private:
+    json parts_ = json::array();
+    std::string lines_;
+    bool whole_ = true;
+};
+
+bool opens(KeyFile& file, const Contents& contents, const VelkorKeyPair& keyPair, Bytes masterKey)
+{
+    try {
+        file.read([&](Database& database) {
+            loadPrivateKey(database, keyPair, masterKey, contents.device.serialNumber);
+        });
+        return true;
+    } catch (const Refusal&) {
+        return false;
+    }
+}
+
+void verify(Session& session, const std::string& serialNumber, const PinSource& pin)
+{
+    const std::shared_ptr<SoftKey> key = session.key(serialNumber);
+    Findings findings;
+    key->file().reload(); // Throws when it finds damage that can be seen without a PIN.
+    findings.add("file", true);
+    if (pin.isGiven()) {
+        const SecretBytes masterKey = masterKeyOf(key->file(), PinRole::User, pin.read());
+        const std::shared_ptr<const Contents> contents = key->contents();
+        findings.add("contents", areAuthentic(*contents, masterKey));
+        for (const VelkorKeyPair& keyPair : contents->keyPairs)
+            findings.add("key pair " + std::to_string(keyPair.id), opens(key->file(), *contents, keyPair, masterKey));
+    }
+    findings.print(session, serialNumber);
+}
+
+void addVerify(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("verify", "Look for damage in a key, and with its PIN for edits too");
+    const auto serialNumber = std::make_shared<std::string>();
+    const auto pin = std::make_shared<PinSource>("pin", "user PIN");
+    addSerialNumber(*command, *serialNumber);
+    pin->addTo(*command);
+    command->callback([&session, serialNumber, pin] { verify(session, *serialNumber, *pin); });
+}
+
 void addBackup(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("backup", "Write a copy of a key, which may be in use, to a file");
@@ -271,6 +334,7 @@ void addManagementCommands(CLI::App& app, Session& session)
     addCommandOnKey(app, "unplug", "Unplug a key",
                     [setPlugged](const std::string& serialNumber) { setPlugged(serialNumber, false); });
     addRemove(app, session);
+    addVerify(app, session);
     addBackup(app, session);
     addRestore(app, session);
 }

@@ -10,8 +10,10 @@ namespace
 struct SetPinOptions {
     std::string serialNumber;
     bool securityOfficer = false;
+    bool rekey = false;
     PinSource oldPin{"pin", "present PIN"};
     PinSource newPin{"new-pin", "new PIN"};
+    PinSource soPin{"so-pin", "SO PIN"};
 };
 
 void addSetPin(CLI::App& app, Session& session)
@@ -19,15 +21,23 @@ void addSetPin(CLI::App& app, Session& session)
     CLI::App* command = app.add_subcommand("set-pin", "Change the user PIN, or with --so the SO PIN");
     const auto options = std::make_shared<SetPinOptions>();
     addSerialNumber(*command, options->serialNumber);
-    command->add_flag("--so", options->securityOfficer, "Change the SO PIN");
+    CLI::Option* so = command->add_flag("--so", options->securityOfficer, "Change the SO PIN");
+    command
+        ->add_flag("--rekey", options->rekey,
+                   "Make a new master key as well: older copies open nothing that comes later. Needs the SO PIN too")
+        ->excludes(so);
     options->oldPin.addTo(*command);
     options->newPin.addTo(*command);
+    options->soPin.addTo(*command);
     command->callback([&session, options] {
         const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
         const Pin oldPin = options->oldPin.read();
         const Pin newPin = options->newPin.readNew();
         const PinRole role = options->securityOfficer ? PinRole::SecurityOfficer : PinRole::User;
-        key->changePin(role, oldPin, newPin);
+        if (options->rekey)
+            key->rekey(oldPin, newPin, options->soPin.read());
+        else
+            key->changePin(role, oldPin, newPin);
         session.print({{"serial", options->serialNumber}}, "PIN changed");
     });
 }

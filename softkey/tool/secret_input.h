@@ -31,6 +31,8 @@ public:
     PinSource(std::string option, std::string name) : option_(std::move(option)), name_(std::move(name)) {}
 
     void addTo(CLI::App& command);
+    /// Whether one of the options was used.
+    bool isGiven() const { return !environmentVariable_.empty() || descriptor_ >= 0; }
     Pin read() const;
     /// A prompt asks twice.
     Pin readNew() const;

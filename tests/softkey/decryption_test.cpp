@@ -287,6 +287,7 @@ TEST_F(DecryptedBlockTest, TheMarkOfOaepAloneCannotBeTakenOff)
     const VelkorKeyPair key = otherProcess()->addKeyPair(PIN, keyOf(oaepVectorKey()).get(), {},
                                                          {USAGE_DECRYPT_ENCRYPT, PaddingsTaken::OaepOnly});
     const Data ciphertext = encryptedBlock(key, pkcs1Block(128, bytesOf("secret")));
+    // Under the seal of the contents, too.
     otherProcess()->change(PIN, [](Database& database) { database.execute("UPDATE key_pair SET oaep_only = 0"); });
     EXPECT_EQ(decrypt(key, ciphertext).status, code(SoftkeyStatus::FileDamaged));
 }

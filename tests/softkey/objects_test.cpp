@@ -121,10 +121,16 @@ TEST_F(ObjectsTest, AFullDeviceTakesNoMore)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     otherProcess()->change(PIN, [&](Database& database) {
-        database.execute("WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 4095) "
-                         "INSERT INTO key_pair (id, identifier, kind, object_id, label, public_key, "
-                         "sealed_private_key, usage_flags) SELECT n.i, randomblob(16), kind, object_id, label, "
-                         "public_key, sealed_private_key, usage_flags FROM n, key_pair WHERE id = 1");
+        for (std::int64_t number = 2; number <= 4095; ++number) {
+            const Data publicKey = bytesOf("public key " + std::to_string(number));
+            const Identifier identifier = identifierOf(publicKey);
+            Statement(database, "INSERT INTO key_pair SELECT ?, ?, kind, object_id, label, ?, sealed_private_key, "
+                                "usage_flags, oaep_only FROM key_pair WHERE id = 1")
+                .bind(number)
+                .bind(Bytes(identifier))
+                .bind(Bytes(publicKey))
+                .run();
+        }
     });
     VelkorKeyPair request;
     request.keyKind = KEY_KIND_EC_P256;

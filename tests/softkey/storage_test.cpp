@@ -687,6 +687,9 @@ TEST_F(StorageTest, AWrappedMasterKeyBelongsToItsPinAlone)
     sqlite("UPDATE pin SET salt = (SELECT salt FROM pin WHERE role = 2), "
            "wrapped_master_key = (SELECT wrapped_master_key FROM pin WHERE role = 2) WHERE role = 1");
     int tries = 0;
+    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE)
+        << "the checksum is that of the other's record";
+    sqlite("UPDATE pin SET checksum = X''");
     EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, &tries, instance), code(SoftkeyStatus::PinIncorrect));
 }
 

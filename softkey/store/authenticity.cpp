@@ -1,0 +1,93 @@
+#include "store/authenticity.h"
+
+#include "velkor/record_fields.h"
+
+#include <string_view>
+
+namespace softkey
+{
+namespace
+{
+
+constexpr std::size_t CODE_SIZE = 32;
+
+/// Fields one behind the other, each with its length: two different contents never look alike.
+class Writing
+{
+public:
+    Writing& field(Bytes bytes)
+    {
+        number(bytes.size());
+        text_.insert(text_.end(), bytes.begin(), bytes.end());
+        return *this;
+    }
+    Writing& field(std::string_view text)
+    {
+        return field(Bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+    }
+    Writing& number(std::uint64_t value)
+    {
+        for (int shift = 56; shift >= 0; shift -= 8)
+            text_.push_back(static_cast<unsigned char>(value >> shift));
+        return *this;
+    }
+    Bytes bytes() const { return text_; }
+
+private:
+    ByteVector text_;
+};
+
+Writing writingOf(const Contents& contents)
+{
+    Writing writing;
+    const DeviceRecord& device = contents.device;
+    writing.field(device.serialNumber).field(device.label).field(device.model).field(device.firmwareVersion);
+    writing.number(contents.keyPairs.size());
+    for (const VelkorKeyPair& keyPair : contents.keyPairs) {
+        writing.number(keyPair.id).field(Bytes(keyPair.keyIdentifier)).number(keyPair.keyKind);
+        writing.field(velkor::objectIdOf(keyPair)).field(velkor::storedLabelOf(keyPair));
+        writing.field(velkor::publicKeyOf(keyPair)).number(keyPair.usageFlags).number(keyPair.deviceFlag ? 1 : 0);
+    }
+    writing.number(contents.certificates.size());
+    for (const VelkorCertificate& certificate : contents.certificates) {
+        writing.number(certificate.id).field(Bytes(certificate.certificateIdentifier));
+        writing.field(velkor::objectIdOf(certificate)).field(velkor::storedLabelOf(certificate));
+        writing.field(Bytes(certificate.der));
+    }
+    return writing;
+}
+
+SecretBytes codeOf(Bytes key, Bytes message)
+{
+    SecretBytes code(CODE_SIZE);
+    std::size_t size = 0;
+    require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
+                      message.data(), message.size(), code.data(), code.size(), &size) != nullptr &&
+            size == CODE_SIZE);
+    return code;
+}
+
+SecretBytes codeOf(const Contents& contents, Bytes masterKey)
+{
+    constexpr std::string_view purpose = "velkor-softkey contents"; // The master key itself seals private keys.
+    const SecretBytes key = codeOf(masterKey, Bytes(reinterpret_cast<const unsigned char*>(purpose.data()),
+                                                    purpose.size()));
+    return codeOf(key, writingOf(contents).bytes());
+}
+
+} // namespace
+
+bool areAuthentic(const Contents& contents, Bytes masterKey)
+{
+    const SecretBytes code = codeOf(contents, masterKey);
+    return contents.authenticator.size() == code.size() &&
+           CRYPTO_memcmp(contents.authenticator.data(), code.data(), code.size()) == 0;
+}
+
+void authenticate(Database& database, Bytes masterKey)
+{
+    const SecretBytes code = codeOf(readContents(database), masterKey);
+    Statement(database, "UPDATE device SET authenticator = ?").bind(Bytes(code)).run();
+}
+
+} // namespace softkey

@@ -1,0 +1,203 @@
+// What somebody with the file, but without a PIN, can change in it without being noticed: nothing that matters.
+#include "tool_fixture.h"
+
+#include "crypto/keys.h"
+#include "store/sqlite.h"
+
+namespace softkey::test
+{
+namespace
+{
+
+class AuthenticityTest : public ToolTest
+{
+protected:
+    /// Changes the file past the key, as any program can.
+    void edit(const std::string& sql, const std::string& serialNumber = SERIAL) const
+    {
+        Database(keyPath(serialNumber), Database::Mode::Existing).execute(sql.c_str());
+    }
+
+    /// The status of the first use of a key by a process that has not seen its PIN.
+    SoftkeyStatus openedAnew(const std::string& serialNumber = SERIAL) const
+    {
+        try {
+            otherProcess(serialNumber)->requireUser(PIN);
+            return SoftkeyStatus::Ok;
+        } catch (const Refusal& refusal) {
+            return refusal.status();
+        }
+    }
+};
+
+TEST_F(AuthenticityTest, EveryEditOfTheContentsIsFoundByTheNextPin)
+{
+    generate(KEY_KIND_RSA_2048, "pair", {1, 2}, USAGE_SIGN_VERIFY);
+    const Data der = certificateNamed("one");
+    VelkorCertificate certificate;
+    certificate.der = der;
+    otherProcess()->addCertificate(PIN, certificate);
+    ASSERT_EQ(openedAnew(), SoftkeyStatus::Ok);
+    const Data good = readFile(keyPath());
+    for (const char* change : {
+             "UPDATE device SET label = 'Another'",
+             "UPDATE device SET model = 'VK2 Soft'",
+             "UPDATE device SET firmware_version = '1.0.0'",
+             "UPDATE device SET authenticator = X''",
+             "UPDATE device SET authenticator = zeroblob(32)",
+             "UPDATE key_pair SET usage_flags = 3",
+             "UPDATE key_pair SET oaep_only = 1",
+             "UPDATE key_pair SET label = X'41'",
+             "UPDATE key_pair SET object_id = X'41'",
+             "UPDATE key_pair SET id = 2",
+             "DELETE FROM key_pair",
+             "UPDATE certificate SET label = X'41'",
+             "UPDATE certificate SET object_id = X'41'",
+             "DELETE FROM certificate",
+         }) {
+        edit(change);
+        EXPECT_EQ(openedAnew(), SoftkeyStatus::FileDamaged) << change;
+        EXPECT_EQ(triesLeft(), 5) << change;
+        writeFile(keyPath(), good);
+        EXPECT_EQ(openedAnew(), SoftkeyStatus::Ok) << change;
+    }
+}
+
+TEST_F(AuthenticityTest, AProcessThatHasTheKeyOpenFindsAnEditAtItsNextCall)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "", {}, USAGE_SIGN_VERIFY);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    edit("UPDATE key_pair SET usage_flags = 3");
+    EXPECT_EQ(trySign(key, Data(32, 1)), code(SoftkeyStatus::FileDamaged));
+    EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::FileDamaged));
+    int tries = 0;
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    edit("UPDATE key_pair SET usage_flags = 1");
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+}
+
+TEST_F(AuthenticityTest, WhatChangesWithoutAPinBreaksNothing)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    otherProcess()->file().setPlugged(false);
+    otherProcess()->file().setPlugged(true);
+    EXPECT_EQ(trySign(key, Data(32, 1), false, WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    result("set-pin KEY1 --pin-env USER_PIN --new-pin-env OFFICER_PIN");
+    result("set-pin KEY1 --pin-env OFFICER_PIN --new-pin-env USER_PIN");
+    result("unlock KEY1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN");
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+}
+
+TEST_F(AuthenticityTest, ADamagedPinRecordIsNoWrongPin)
+{
+    const Data good = readFile(keyPath());
+    for (const char* damage : {"UPDATE pin SET salt = randomblob(16) WHERE role = 1",
+                               "UPDATE pin SET wrapped_master_key = randomblob(60) WHERE role = 1",
+                               "UPDATE pin SET scrypt_log_n = 5 WHERE role = 1"}) {
+        edit(damage);
+        EXPECT_EQ(openedAnew(), SoftkeyStatus::FileDamaged) << damage;
+        EXPECT_EQ(Database(keyPath(), Database::Mode::Existing).number("SELECT tries_left FROM pin WHERE role = 1"), 5);
+        writeFile(keyPath(), good);
+    }
+}
+
+TEST_F(AuthenticityTest, IdentifiersAreThoseOfTheirPublicKeysAndCertificates)
+{
+    generate(KEY_KIND_EC_P256);
+    VelkorCertificate certificate;
+    certificate.der = certificateNamed("one");
+    otherProcess()->addCertificate(PIN, certificate);
+    const Data good = readFile(keyPath());
+    for (const char* table : {"key_pair", "certificate"}) {
+        edit(std::string("UPDATE ") + table + " SET identifier = randomblob(16)");
+        EXPECT_THROW(otherProcess()->contents(), Refusal) << table;
+        writeFile(keyPath(), good);
+    }
+}
+
+TEST_F(AuthenticityTest, AnOlderFileIsAuthenticatedWhenAPinOpensIt)
+{
+    Database(keyPath("OLD1"), Database::Mode::Create).execute(LAYOUT_1);
+    EXPECT_EQ(otherProcess("OLD1")->contents()->authenticator.size(), 0U);
+    EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::Ok);
+    EXPECT_EQ(otherProcess("OLD1")->contents()->authenticator.size(), 32U);
+    edit("UPDATE key_pair SET usage_flags = 1", "OLD1");
+    EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::FileDamaged);
+    edit("UPDATE device SET authenticator = X''", "OLD1");
+    EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::FileDamaged) << "it is no older file any more";
+    edit("UPDATE key_pair SET usage_flags = 3", "OLD1");
+    EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::FileDamaged);
+}
+
+// ---- verify ----
+
+TEST_F(AuthenticityTest, VerifySaysThatAWholeKeyIsWhole)
+{
+    generate(KEY_KIND_EC_P256);
+    const json found = result("verify KEY1" + WITH_PIN);
+    EXPECT_EQ(found["whole"], true);
+    ASSERT_EQ(found["parts"].size(), 3U) << found;
+    for (const json& part : found["parts"])
+        EXPECT_EQ(part["whole"], true) << part;
+    EXPECT_EQ(result("verify KEY1")["parts"].size(), 1U) << "without a PIN";
+}
+
+TEST_F(AuthenticityTest, VerifyFindsADamagedPrivateKeyBeforeItsUse)
+{
+    generate(KEY_KIND_EC_P256);
+    generate(KEY_KIND_EC_P384);
+    edit("UPDATE key_pair SET sealed_private_key = randomblob(200) WHERE id = 2");
+    const Outcome outcome = tool("--json verify KEY1" + WITH_PIN);
+    EXPECT_EQ(outcome.exitCode, 7);
+    const json found = json::parse(outcome.out);
+    EXPECT_EQ(found["whole"], false);
+    EXPECT_EQ(found["parts"][2], (json{{"part", "key pair 1"}, {"whole", true}}));
+    EXPECT_EQ(found["parts"][3], (json{{"part", "key pair 2"}, {"whole", false}}));
+}
+
+TEST_F(AuthenticityTest, VerifyFindsEditedContentsAndGoesOn)
+{
+    generate(KEY_KIND_EC_P256);
+    edit("UPDATE device SET label = 'Another'");
+    const Outcome outcome = tool("verify KEY1" + WITH_PIN);
+    EXPECT_EQ(outcome.exitCode, 7);
+    EXPECT_NE(outcome.out.find("contents"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("key pair 1"), std::string::npos) << outcome.out;
+    EXPECT_EQ(tool("verify KEY1").exitCode, 0) << "nothing that can be seen without a PIN";
+    EXPECT_EQ(tool("verify KEY1 --pin-env WRONG").exitCode, 3);
+    edit("UPDATE pin SET salt = randomblob(16)");
+    EXPECT_EQ(tool("verify KEY1").exitCode, 7);
+}
+
+// ---- A new master key ----
+
+TEST_F(AuthenticityTest, AfterRekeyingAnOldCopyOpensNothingThatComesLater)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    const VelkorKeyPair rsa = store(keyOf(signatureVectorKey()).get());
+    const SecretBytes oldMasterKey = checkPin(otherProcess()->file(), PinRole::User, PIN).masterKey;
+    result("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env USER_PIN --so-pin-env OFFICER_PIN");
+    const std::unique_ptr<SoftKey> other = otherProcess();
+    EXPECT_THROW(other->file().read([&](Database& database) {
+        loadPrivateKey(database, *other->contents()->findKeyPair(std::to_array(key.keyIdentifier)), oldMasterKey,
+                       SERIAL);
+    }),
+                 Refusal);
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    EXPECT_EQ(trySign(rsa, Data(32, 1)), 0);
+    EXPECT_EQ(result("verify KEY1" + WITH_PIN)["whole"], true);
+    result("unlock KEY1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN");
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+}
+
+TEST_F(AuthenticityTest, RekeyingNeedsBothPins)
+{
+    generate(KEY_KIND_EC_P256);
+    expectFailure("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env WRONG --so-pin-env WRONG", 3);
+    expectFailure("set-pin KEY1 --rekey --so --pin-env OFFICER_PIN --new-pin-env WRONG --so-pin-env OFFICER_PIN", 2);
+    EXPECT_EQ(result("verify KEY1" + WITH_PIN)["whole"], true);
+}
+
+} // namespace
+} // namespace softkey::test
