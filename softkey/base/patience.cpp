@@ -9,15 +9,16 @@ namespace softkey
 namespace
 {
 
-constexpr int PAUSE_MIN_US = 500;
-constexpr int PAUSE_MAX_US = 8'000;
+/// Of the longest pause, the shortest one's share.
+constexpr int SHORTEST_SHARE = 16;
 
 } // namespace
 
 std::atomic<int> Patience::limit{10'000};
 
-Patience::Patience(std::function<std::uint64_t()> progress)
+Patience::Patience(std::function<std::uint64_t()> progress, std::chrono::microseconds longestPause)
     : progress_(std::move(progress)),
+      longestPause_(longestPause),
       movedAt_(std::chrono::steady_clock::now()),
       random_(static_cast<std::minstd_rand::result_type>(movedAt_.time_since_epoch().count()))
 {
@@ -33,7 +34,7 @@ void Patience::pause()
         movedAt_ = now;
     }
     require(now - movedAt_ < std::chrono::milliseconds(limit), SoftkeyStatus::StorageBusy);
-    std::uniform_int_distribution<int> microseconds(PAUSE_MIN_US, PAUSE_MAX_US);
+    std::uniform_int_distribution microseconds(longestPause_.count() / SHORTEST_SHARE, longestPause_.count());
     std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random_)));
 }
 

@@ -13,8 +13,11 @@ namespace softkey
 class Patience
 {
 public:
+    static constexpr std::chrono::microseconds LONGEST_PAUSE{8'000};
+
     /// `progress` answers a number that changes while others get on with their work.
-    explicit Patience(std::function<std::uint64_t()> progress = {});
+    explicit Patience(std::function<std::uint64_t()> progress = {},
+                      std::chrono::microseconds longestPause = LONGEST_PAUSE);
 
     /// Sleeps for a moment; throws StorageBusy when nothing has moved for too long.
     void pause();
@@ -24,6 +27,7 @@ public:
 
 private:
     std::function<std::uint64_t()> progress_;
+    std::chrono::microseconds longestPause_;
     std::uint64_t seen_ = 0;
     std::chrono::steady_clock::time_point movedAt_;
     std::minstd_rand random_; ///< So that many who wait do not come all at once.

@@ -108,6 +108,7 @@ void takeAway(const std::filesystem::path& keyFile)
     const bool isLink = std::filesystem::is_symlink(keyFile, failure);
     require(!isLink || unlink(keyFile.c_str()) == 0, SoftkeyStatus::StorageFailed);
     unlink(lockOfKey(keyFile).c_str());
+    unlink(queueOfKey(keyFile).c_str());
 }
 
 } // namespace softkey

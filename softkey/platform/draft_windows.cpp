@@ -70,6 +70,7 @@ void takeAway(const std::filesystem::path& keyFile)
     require(DeleteFileW(keyFile.c_str()) != 0, SoftkeyStatus::StorageFailed);
     removeCompanions(keyFile);
     DeleteFileW(lockOfKey(keyFile).c_str());
+    DeleteFileW(queueOfKey(keyFile).c_str());
 }
 
 } // namespace softkey

@@ -2,6 +2,16 @@
 
 namespace softkey
 {
+namespace
+{
+
+std::filesystem::path hiddenBeside(const std::filesystem::path& keyFile, const char* suffix)
+{
+    std::filesystem::path name = ".";
+    return keyFile.parent_path() / (name += keyFile.stem()) += suffix;
+}
+
+} // namespace
 
 FileLock::FileLock(const std::filesystem::path& file, Patience patience)
 {
@@ -40,8 +50,12 @@ std::filesystem::path lockOfFolder(const std::filesystem::path& folder)
 
 std::filesystem::path lockOfKey(const std::filesystem::path& keyFile)
 {
-    std::filesystem::path name = ".";
-    return keyFile.parent_path() / (name += keyFile.stem()) += ".lock";
+    return hiddenBeside(keyFile, ".lock");
+}
+
+std::filesystem::path queueOfKey(const std::filesystem::path& keyFile)
+{
+    return hiddenBeside(keyFile, ".next");
 }
 
 } // namespace softkey

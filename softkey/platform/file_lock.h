@@ -43,5 +43,7 @@ private:
 std::filesystem::path lockOfFolder(const std::filesystem::path& folder);
 /// Held by whoever changes that key's file.
 std::filesystem::path lockOfKey(const std::filesystem::path& keyFile);
+/// Held by whoever is the next to hold that lock: who gives it back cannot take it again past those who wait.
+std::filesystem::path queueOfKey(const std::filesystem::path& keyFile);
 
 } // namespace softkey

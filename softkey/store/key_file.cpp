@@ -98,11 +98,15 @@ void KeyFile::read(const std::function<void(Database&)>& work)
     work(snapshot.database());
 }
 
-KeyFile::Turn::Turn(KeyFile& file)
-    : threads_(file.turnMutex_),
-      // They get on as long as the file changes.
-      processes_(lockOfKey(file.path_), Patience([&file] { return changeCounter(file.database_); }))
+KeyFile::Turn::Turn(KeyFile& file) : threads_(file.turnMutex_), processes_(queueForTurn(file)) {}
+
+FileLock KeyFile::Turn::queueForTurn(KeyFile& file)
 {
+    // The others get on as long as the file changes.
+    const auto progress = [&file] { return changeCounter(file.database_); };
+    const FileLock next(queueOfKey(file.path_), Patience(progress));
+    constexpr std::chrono::microseconds WHEN_NEXT{500};
+    return {lockOfKey(file.path_), Patience(progress, WHEN_NEXT)};
 }
 
 void KeyFile::transact(const Turn&, const std::function<void(Database&)>& work)

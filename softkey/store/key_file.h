@@ -38,6 +38,8 @@ public:
         explicit Turn(KeyFile& file);
 
     private:
+        static FileLock queueForTurn(KeyFile& file);
+
         std::unique_lock<std::mutex> threads_;
         FileLock processes_;
     };
