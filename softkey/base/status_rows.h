@@ -22,6 +22,7 @@
     ROW(PinIncorrect, 312, "the PIN is not right", PinRefused) \
     ROW(PinLocked, 313, "the PIN is locked", PinLocked) \
     ROW(PinLength, 314, "a PIN must have 4 to 63 bytes", Usage) \
+    ROW(OtherMachine, 315, "the key is bound to another machine or user", KeyFileUnusable) \
     /* Objects. */ \
     ROW(NoSuchObject, 321, "no such key pair or certificate", NotFound) \
     ROW(WrongKeyKind, 322, "the key is of the wrong kind", Failed) \

@@ -51,6 +51,21 @@ SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost)
     return key;
 }
 
+SecretBytes keyedCode(Bytes key, Bytes message)
+{
+    SecretBytes code(SEALING_KEY_SIZE);
+    std::size_t size = 0;
+    require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
+                      message.data(), message.size(), code.data(), code.size(), &size) != nullptr &&
+            size == code.size());
+    return code;
+}
+
+SecretBytes keyedCode(Bytes key, std::string_view message)
+{
+    return keyedCode(key, Bytes(reinterpret_cast<const unsigned char*>(message.data()), message.size()));
+}
+
 ByteVector seal(Bytes key, Bytes plaintext, Bytes identity)
 {
     ByteVector sealed(NONCE_SIZE + plaintext.size() + TAG_SIZE);

@@ -15,7 +15,7 @@ inline constexpr std::size_t SEALING_KEY_SIZE = 32;
 
 /// Work that one guess of a PIN costs: 2^logN rounds over 128 * blockSize bytes each, `lanes` times.
 struct ScryptCost {
-    std::uint32_t logN = 15;
+    std::uint32_t logN = 17;
     std::uint32_t blockSize = 8;
     std::uint32_t lanes = 1;
 };
@@ -26,6 +26,10 @@ inline constexpr std::uint32_t SCRYPT_LOG_N_MAX = 22;
 bool isAcceptable(const ScryptCost& cost);
 
 SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost);
+
+/// HMAC with SHA-256, which gives a key or a code.
+SecretBytes keyedCode(Bytes key, Bytes message);
+SecretBytes keyedCode(Bytes key, std::string_view message);
 
 /// Nonce, ciphertext and tag. `identity` is bound to the result: opening needs the same.
 ByteVector seal(Bytes key, Bytes plaintext, Bytes identity);

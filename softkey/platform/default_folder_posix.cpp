@@ -17,6 +17,7 @@ std::filesystem::path environmentPath(const char* name)
     return value != nullptr ? std::filesystem::path(value) : std::filesystem::path();
 }
 
+/// Empty when the system knows none.
 std::filesystem::path homeFolder()
 {
     if (std::filesystem::path home = environmentPath("HOME"); home.is_absolute())
@@ -39,6 +40,17 @@ std::filesystem::path defaultKeysFolder()
         return data / "velkor-softkey";
     const std::filesystem::path home = homeFolder();
     return home.empty() ? home : home / ".local" / "share" / "velkor-softkey";
+}
+
+std::filesystem::path machineSecretFile()
+{
+    constexpr const char* NAME = "velkor-softkey-machine-secret";
+    if (const std::filesystem::path chosen = environmentPath("VELKOR_SOFTKEY_MACHINE_SECRET"); !chosen.empty())
+        return std::filesystem::absolute(chosen);
+    if (const std::filesystem::path state = environmentPath("XDG_STATE_HOME"); state.is_absolute())
+        return state / NAME;
+    const std::filesystem::path home = homeFolder();
+    return home.empty() ? home : home / ".local" / "state" / NAME;
 }
 
 bool ensureFolder(const std::filesystem::path& folder)

@@ -27,6 +27,14 @@ std::filesystem::path defaultKeysFolder()
     return data.is_absolute() ? data / L"velkor-softkey" : std::filesystem::path();
 }
 
+std::filesystem::path machineSecretFile()
+{
+    if (const std::filesystem::path chosen = environmentPath(L"VELKOR_SOFTKEY_MACHINE_SECRET"); !chosen.empty())
+        return std::filesystem::absolute(chosen);
+    const std::filesystem::path data = environmentPath(L"LOCALAPPDATA");
+    return data.is_absolute() ? data / L"velkor-softkey-machine-secret" : std::filesystem::path();
+}
+
 bool ensureFolder(const std::filesystem::path& folder)
 {
     // Its access list is that of the folder above, which in the user's profile admits the user alone.

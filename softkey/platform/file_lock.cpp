@@ -35,6 +35,15 @@ std::optional<FileLock::Handle> FileLock::lock(const std::filesystem::path& file
     return std::nullopt;
 }
 
+std::optional<FileLock> FileLock::tryTake(const std::filesystem::path& file)
+{
+    const Handle handle = open(file);
+    if (tryLock(handle) && isAt(handle, file))
+        return FileLock(handle);
+    close(handle);
+    return std::nullopt;
+}
+
 FileLock::~FileLock()
 {
     if (!handle_)

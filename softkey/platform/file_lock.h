@@ -16,6 +16,8 @@ public:
     /// Makes the file, on POSIX for its owner alone, and waits for the lock. Throws StorageBusy, and StorageFailed when
     /// there can be no such file.
     FileLock(const std::filesystem::path& file, Patience patience);
+    /// Nothing when somebody has it. Throws StorageFailed.
+    static std::optional<FileLock> tryTake(const std::filesystem::path& file);
     ~FileLock();
     FileLock(FileLock&& other) noexcept : handle_(other.handle_) { other.handle_.reset(); }
     FileLock& operator=(FileLock&&) = delete;
@@ -26,6 +28,7 @@ private:
 #else
     using Handle = int;
 #endif
+    explicit FileLock(Handle handle) : handle_(handle) {}
     static Handle open(const std::filesystem::path& file);
     /// Whether the lock was free, and is held now.
     static bool tryLock(Handle handle);

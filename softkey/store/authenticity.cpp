@@ -9,8 +9,6 @@ namespace softkey
 namespace
 {
 
-constexpr std::size_t CODE_SIZE = 32;
-
 /// Fields one behind the other, each with its length: two different contents never look alike.
 class Writing
 {
@@ -57,22 +55,10 @@ Writing writingOf(const Contents& contents)
     return writing;
 }
 
-SecretBytes codeOf(Bytes key, Bytes message)
-{
-    SecretBytes code(CODE_SIZE);
-    std::size_t size = 0;
-    require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
-                      message.data(), message.size(), code.data(), code.size(), &size) != nullptr &&
-            size == CODE_SIZE);
-    return code;
-}
-
 SecretBytes codeOf(const Contents& contents, Bytes masterKey)
 {
-    constexpr std::string_view purpose = "velkor-softkey contents"; // The master key itself seals private keys.
-    const SecretBytes key = codeOf(masterKey, Bytes(reinterpret_cast<const unsigned char*>(purpose.data()),
-                                                    purpose.size()));
-    return codeOf(key, writingOf(contents).bytes());
+    // The master key itself seals private keys.
+    return keyedCode(keyedCode(masterKey, "velkor-softkey contents"), writingOf(contents).bytes());
 }
 
 } // namespace

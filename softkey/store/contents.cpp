@@ -127,6 +127,7 @@ ByteVector checksumOf(const PinRecord& pin)
             record.push_back(static_cast<unsigned char>(number >> shift));
     }
     record.insert(record.end(), pin.salt.begin(), pin.salt.end());
+    record.insert(record.end(), pin.machine.begin(), pin.machine.end());
     record.insert(record.end(), pin.wrappedMasterKey.begin(), pin.wrappedMasterKey.end());
     return sha256(record);
 }
@@ -142,7 +143,7 @@ Identifier identifierOf(Bytes content)
 PinRecord readPin(Database& database, PinRole role)
 {
     Statement row(database, "SELECT changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, scrypt_lanes, "
-                            "salt, wrapped_master_key, checksum FROM pin WHERE role = ?");
+                            "salt, wrapped_master_key, checksum, machine FROM pin WHERE role = ?");
     row.bind(static_cast<std::int64_t>(role));
     require(row.step(), SoftkeyStatus::FileDamaged);
     PinRecord pin;
@@ -156,6 +157,8 @@ PinRecord readPin(Database& database, PinRole role)
     pin.salt.assign(salt.begin(), salt.end());
     const Bytes wrapped = row.bytes(7);
     pin.wrappedMasterKey.assign(wrapped.begin(), wrapped.end());
+    const Bytes machine = row.bytes(9);
+    pin.machine.assign(machine.begin(), machine.end());
     const bool sound = pin.triesMax >= 1 && pin.triesMax <= 255 && pin.triesLeft >= 0 &&
                        pin.triesLeft <= pin.triesMax && isAcceptable(pin.cost);
     // A file of an older layout gets its checksums when PINs open it.

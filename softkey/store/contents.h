@@ -33,6 +33,7 @@ struct PinRecord {
     ScryptCost cost;
     ByteVector salt;
     ByteVector wrappedMasterKey;
+    ByteVector machine; ///< Mark of the machine that it is bound to; empty when it is bound to none.
 };
 
 struct Contents {

@@ -3,6 +3,7 @@
 #include "platform/draft.h"
 #include "platform/file_lock.h"
 #include "store/authenticity.h"
+#include "store/machine_binding.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
 
@@ -35,16 +36,24 @@ void insertDevice(Database& database, const KeySettings& settings)
         .run();
 }
 
-PinRecord wrappedPin(PinRole role, const PinSettings& settings, const KeySettings& key, std::string_view pin,
-                     Bytes masterKey)
+/// What both PINs of a new key go around.
+struct Wrapped {
+    const std::filesystem::path& folder;
+    const KeySettings& key;
+    SecretBytes masterKey;
+    ByteVector machine;
+};
+
+PinRecord wrappedPin(PinRole role, const PinSettings& settings, std::string_view pin, const Wrapped& wrapped)
 {
     PinRecord record;
     record.role = role;
     record.changed = settings.changed;
     record.triesMax = settings.triesMax;
     record.triesLeft = settings.triesLeft;
-    record.cost = key.cost;
-    wrapMasterKey(record, pin, masterKey, key.serialNumber);
+    record.cost = wrapped.key.cost;
+    record.machine = wrapped.machine;
+    wrapMasterKey(wrapped.folder, record, pin, wrapped.masterKey, wrapped.key.serialNumber);
     return record;
 }
 
@@ -56,8 +65,13 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     requireAcceptable(settings);
     requirePinLength(userPin);
     requirePinLength(soPin);
-    SecretBytes masterKey(SEALING_KEY_SIZE);
-    randomBytes({masterKey.data(), masterKey.size()});
+    if (userPin == soPin)
+        throw Refusal(SoftkeyStatus::BadArgument, "user PIN and SO PIN are the same");
+    Wrapped wrapped{folder, settings, SecretBytes(SEALING_KEY_SIZE),
+                    settings.boundToMachine ? bindToMachine() : ByteVector()};
+    randomBytes({wrapped.masterKey.data(), wrapped.masterKey.size()});
+    const PinRecord user = wrappedPin(PinRole::User, settings.userPin, userPin, wrapped);
+    const PinRecord securityOfficer = wrappedPin(PinRole::SecurityOfficer, settings.soPin, soPin, wrapped);
     // Whoever makes or removes a key holds the lock: a draft that is there belongs to nobody any more.
     const FileLock lock(lockOfFolder(folder), Patience());
     sweepDrafts(folder);
@@ -69,11 +83,11 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
         Transaction transaction(database, Transaction::Kind::Write);
         createSchema(database);
         insertDevice(database, settings);
-        insertPin(database, wrappedPin(PinRole::User, settings.userPin, settings, userPin, masterKey));
-        insertPin(database, wrappedPin(PinRole::SecurityOfficer, settings.soPin, settings, soPin, masterKey));
+        insertPin(database, user);
+        insertPin(database, securityOfficer);
         transaction.commit();
         Transaction sealing(database, Transaction::Kind::Write); // Of what the file says then.
-        authenticate(database, masterKey);
+        authenticate(database, wrapped.masterKey);
         sealing.commit();
     }
     draft.publish(folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX)));

@@ -8,8 +8,8 @@
 namespace softkey
 {
 
-/// Makes the file of a new key, whole or not at all. Throws BadArgument for settings out of range, PinLength, and
-/// AlreadyExists.
+/// Makes the file of a new key, whole or not at all. Throws BadArgument for settings out of range and for two PINs that
+/// are the same, PinLength, and AlreadyExists.
 void createKeyFile(const std::filesystem::path& folder, const KeySettings& settings, std::string_view userPin,
                    std::string_view soPin);
 

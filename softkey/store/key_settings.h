@@ -23,6 +23,7 @@ struct KeySettings {
     PinSettings userPin;
     PinSettings soPin;
     ScryptCost cost;
+    bool boundToMachine = false; ///< Of no use away from it.
 };
 
 inline constexpr std::string_view KEY_FILE_SUFFIX = ".velkorkey";

@@ -1,6 +1,8 @@
 #include "store/pin_policy.h"
 
 #include "store/authenticity.h"
+#include "store/derivation_slot.h"
+#include "store/machine_binding.h"
 #include "store/object_store.h"
 #include "store/refused_pins.h"
 
@@ -64,20 +66,34 @@ void refuseIfRefusedBefore(const PinRecord& record, std::string_view pin)
 
 bool isDerivedAlike(const PinRecord& one, const PinRecord& other)
 {
-    return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes;
+    return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes &&
+           one.machine == other.machine;
+}
+
+std::filesystem::path folderOf(const KeyFile& file)
+{
+    return file.path().parent_path();
+}
+
+SecretBytes deriveKey(const std::filesystem::path& folder, std::string_view pin, const PinRecord& record)
+{
+    const MachineBinding machine(record.machine);
+    const DerivationSlot slot(folder, record.cost);
+    return machine.mixInto(keyFromPin(pin, record.salt, record.cost));
 }
 
 void storeWrapping(Database& database, const PinRecord& record)
 {
     const ByteVector checksum = checksumOf(record);
     Statement(database, "UPDATE pin SET scrypt_log_n = ?, scrypt_block_size = ?, scrypt_lanes = ?, salt = ?, "
-                        "wrapped_master_key = ?, checksum = ? WHERE role = ?")
+                        "wrapped_master_key = ?, checksum = ?, machine = ? WHERE role = ?")
         .bind(record.cost.logN)
         .bind(record.cost.blockSize)
         .bind(record.cost.lanes)
         .bind(Bytes(record.salt))
         .bind(Bytes(record.wrappedMasterKey))
         .bind(Bytes(checksum))
+        .bind(Bytes(record.machine))
         .bind(static_cast<std::int64_t>(record.role))
         .run();
 }
@@ -136,7 +152,7 @@ CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const
         refuseIfRefusedBefore(expected, pin);
         SecretBytes key;
         if (expected.triesLeft > 0)
-            key = keyFromPin(pin, expected.salt, expected.cost);
+            key = deriveKey(folderOf(file), pin, expected);
         const KeyFile::Turn turn(file);
         const PinRecord present = file.contents()->pin(role);
         if (present.triesLeft == 0)
@@ -168,21 +184,27 @@ void replacePin(Database& database, const PinRecord& record)
 class Wrapping
 {
 public:
-    Wrapping(std::string_view pin, const ScryptCost& cost) : cost_(cost), salt_(SALT_SIZE)
+    /// At the cost and on the machine of a record.
+    Wrapping(const std::filesystem::path& folder, std::string_view pin, const PinRecord& like)
+        : cost_(like.cost), machine_(like.machine), salt_(SALT_SIZE)
     {
         randomBytes(salt_);
-        key_ = keyFromPin(pin, salt_, cost);
+        PinRecord fresh = like;
+        fresh.salt = salt_;
+        key_ = deriveKey(folder, pin, fresh);
     }
-    /// Fills cost, salt and wrapped key of a record that has its role.
+    /// Fills all but role, tries and state of a record that has these.
     void wrap(PinRecord& record, Bytes masterKey, std::string_view serialNumber) const
     {
         record.cost = cost_;
+        record.machine = machine_;
         record.salt = salt_;
         record.wrappedMasterKey = seal(key_, masterKey, masterKeyIdentity(record.role, serialNumber));
     }
 
 private:
     ScryptCost cost_;
+    ByteVector machine_;
     ByteVector salt_;
     SecretBytes key_;
 };
@@ -205,11 +227,14 @@ SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin)
     return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {}).masterKey;
 }
 
-void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin)
+void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin,
+               std::optional<ScryptCost> newCost)
 {
     requirePinLength(newPin);
     const std::shared_ptr<const Contents> before = file.contents();
-    const Wrapping wrapping(newPin, before->pin(role).cost);
+    PinRecord like = before->pin(role);
+    like.cost = newCost.value_or(like.cost);
+    const Wrapping wrapping(folderOf(file), newPin, like);
     checkAndThen(file, role, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
         requireAuthentic(file, checked);
         PinRecord record = checked.record;
@@ -224,8 +249,8 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
     requirePinLength(newPin);
     const PinRecord checkedSo = checkPin(file, PinRole::SecurityOfficer, soPin).record;
     const std::shared_ptr<const Contents> before = file.contents();
-    const Wrapping wrapping(newPin, before->userPin.cost);
-    const Wrapping soWrapping(soPin, before->soPin.cost);
+    const Wrapping wrapping(folderOf(file), newPin, before->userPin);
+    const Wrapping soWrapping(folderOf(file), soPin, before->soPin);
     SecretBytes masterKey(SEALING_KEY_SIZE);
     randomBytes({masterKey.data(), masterKey.size()});
     checkAndThen(file, PinRole::User, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
@@ -250,7 +275,7 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
 {
     requirePinLength(newUserPin);
     const std::shared_ptr<const Contents> before = file.contents();
-    const Wrapping wrapping(newUserPin, before->userPin.cost);
+    const Wrapping wrapping(folderOf(file), newUserPin, before->userPin);
     checkAndThen(file, PinRole::SecurityOfficer, soPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
         requireAuthentic(file, checked);
         PinRecord record = file.contents()->userPin;
@@ -260,16 +285,18 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
     });
 }
 
-void wrapMasterKey(PinRecord& record, std::string_view pin, Bytes masterKey, std::string_view serialNumber)
+void wrapMasterKey(const std::filesystem::path& folder, PinRecord& record, std::string_view pin, Bytes masterKey,
+                   std::string_view serialNumber)
 {
-    Wrapping(pin, record.cost).wrap(record, masterKey, serialNumber);
+    Wrapping(folder, pin, record).wrap(record, masterKey, serialNumber);
 }
 
 void insertPin(Database& database, const PinRecord& record)
 {
     const ByteVector checksum = checksumOf(record);
     Statement(database, "INSERT INTO pin (role, changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, "
-                        "scrypt_lanes, salt, wrapped_master_key, checksum) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                        "scrypt_lanes, salt, wrapped_master_key, checksum, machine) "
+                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .bind(static_cast<std::int64_t>(record.role))
         .bind(std::int64_t{record.changed})
         .bind(record.triesMax)
@@ -280,6 +307,7 @@ void insertPin(Database& database, const PinRecord& record)
         .bind(Bytes(record.salt))
         .bind(Bytes(record.wrappedMasterKey))
         .bind(Bytes(checksum))
+        .bind(Bytes(record.machine))
         .run();
 }
 

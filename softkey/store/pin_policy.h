@@ -4,6 +4,7 @@
 
 #include "store/key_file.h"
 
+#include <optional>
 #include <string_view>
 
 namespace softkey
@@ -26,8 +27,9 @@ CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
 /// What a PIN opens, authentic or not: for looking at what is left of a file.
 SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin);
 
-/// Replaces a PIN; the old one is checked first.
-void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin);
+/// Replaces a PIN, and perhaps what checking it costs; the old one is checked first.
+void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin,
+               std::optional<ScryptCost> newCost = {});
 
 /// Replaces the user PIN and the master key, so that older copies of the file open nothing that comes later. The PIN
 /// of the security officer stays, and has to be given, since it wraps the master key too.
@@ -36,8 +38,10 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
 /// Gives the user a new initial PIN and all tries, on the word of the security officer. Nothing else is lost.
 void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUserPin);
 
-/// Puts a PIN around the master key. `record` has its role, tries and cost; salt and wrapped key are filled.
-void wrapMasterKey(PinRecord& record, std::string_view pin, Bytes masterKey, std::string_view serialNumber);
+/// Puts a PIN around the master key of a key that is to live in the folder. `record` has its role, tries, cost and
+/// machine; salt and wrapped key are filled.
+void wrapMasterKey(const std::filesystem::path& folder, PinRecord& record, std::string_view pin, Bytes masterKey,
+                   std::string_view serialNumber);
 void insertPin(Database& database, const PinRecord& record);
 
 } // namespace softkey

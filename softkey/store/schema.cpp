@@ -42,7 +42,8 @@ constexpr const char* CREATE_TABLES = R"sql(
         scrypt_lanes INTEGER NOT NULL,
         salt BLOB NOT NULL,
         wrapped_master_key BLOB NOT NULL,
-        checksum BLOB NOT NULL DEFAULT X''
+        checksum BLOB NOT NULL DEFAULT X'',
+        machine BLOB NOT NULL DEFAULT X''
     ) STRICT;
 
     CREATE TABLE key_pair (
@@ -81,6 +82,7 @@ constexpr Migration MIGRATIONS[] = {
     {2, R"sql(
         ALTER TABLE device ADD COLUMN authenticator BLOB NOT NULL DEFAULT X'';
         ALTER TABLE pin ADD COLUMN checksum BLOB NOT NULL DEFAULT X'';
+        ALTER TABLE pin ADD COLUMN machine BLOB NOT NULL DEFAULT X'';
         ALTER TABLE key_pair ADD COLUMN oaep_only INTEGER NOT NULL DEFAULT 0 CHECK (oaep_only IN (0, 1));
     )sql"},
 };

@@ -153,10 +153,11 @@ void SoftKey::login(PinRole role, std::string_view pin)
         checkPin(file_, role, pin);
 }
 
-void SoftKey::changePin(PinRole role, std::string_view oldPin, std::string_view newPin)
+void SoftKey::changePin(PinRole role, std::string_view oldPin, std::string_view newPin,
+                        std::optional<ScryptCost> newCost)
 {
     pluggedContents();
-    softkey::changePin(file_, role, oldPin, newPin);
+    softkey::changePin(file_, role, oldPin, newPin, newCost);
 }
 
 void SoftKey::rekey(std::string_view oldPin, std::string_view newPin, std::string_view soPin)

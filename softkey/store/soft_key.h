@@ -58,7 +58,8 @@ public:
 
     /// Throws the statuses of `checkPin`.
     void login(PinRole role, std::string_view pin);
-    void changePin(PinRole role, std::string_view oldPin, std::string_view newPin);
+    void changePin(PinRole role, std::string_view oldPin, std::string_view newPin,
+                   std::optional<ScryptCost> newCost = {});
     void rekey(std::string_view oldPin, std::string_view newPin, std::string_view soPin);
     void resetUserPin(std::string_view soPin, std::string_view newUserPin);
 

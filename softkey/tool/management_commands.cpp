@@ -40,6 +40,8 @@ void create(Session& session, CreateOptions& options)
     const std::filesystem::path folder = session.folder();
     const Pin pin = options.pin.readNew();
     const Pin soPin = options.soPin.readNew();
+    warnOfShortPin(pin, "user PIN");
+    warnOfShortPin(soPin, "SO PIN");
     createKeyFile(folder, settings, pin, soPin);
     const std::string path = (folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX))).string();
     session.print({{"serial", settings.serialNumber}, {"file", path}}, settings.serialNumber);
@@ -71,6 +73,8 @@ void addCreate(CLI::App& app, Session& session)
     command->add_option("--scrypt-cost", settings.cost.logN, "Cost of checking a PIN, as a power of two")
         ->capture_default_str()
         ->check(CLI::Range(SCRYPT_LOG_N_MIN, SCRYPT_LOG_N_MAX));
+    command->add_flag("--bind-to-machine", settings.boundToMachine,
+                      "Make the key useless without a secret of this machine, which no backup of the key holds");
     options->pin.addTo(*command);
     options->soPin.addTo(*command);
     command->callback([&session, options] { create(session, *options); });
@@ -84,9 +88,14 @@ json pinJson(const PinRecord& pin)
 json deviceJson(const Contents& contents)
 {
     const DeviceRecord& device = contents.device;
-    return {{"serial", device.serialNumber},      {"label", device.label},     {"model", device.model},
-            {"firmware", device.firmwareVersion}, {"plugged", device.plugged}, {"userPin", pinJson(contents.userPin)},
-            {"soPin", pinJson(contents.soPin)}};
+    return {{"serial", device.serialNumber},
+            {"label", device.label},
+            {"model", device.model},
+            {"firmware", device.firmwareVersion},
+            {"plugged", device.plugged},
+            {"userPin", pinJson(contents.userPin)},
+            {"soPin", pinJson(contents.soPin)},
+            {"boundToMachine", !contents.userPin.machine.empty()}};
 }
 
 /// One line of the list; a file that cannot be used says why.
@@ -159,7 +168,9 @@ std::string infoText(const Contents& contents, const std::filesystem::path& path
     std::string text = "serial    " + device.serialNumber + "\nlabel     " + printable(device.label) + "\nmodel     " +
                        printable(device.model) + "\nfirmware  " + printable(device.firmwareVersion) + "\nstate     " +
                        (device.plugged ? "plugged" : "unplugged") + "\nuser PIN  " + pinText(contents.userPin) +
-                       "\nSO PIN    " + pinText(contents.soPin) + "\nfile      " + path.string();
+                       "\nSO PIN    " + pinText(contents.soPin) +
+                       (contents.userPin.machine.empty() ? "" : "\nbound to  a machine") + "\nfile      " +
+                       path.string();
     for (const VelkorKeyPair& keyPair : contents.keyPairs)
         text += "\nkey pair " + std::to_string(keyPair.id) + "  " + traitsOf(keyPair.keyKind).name + "  id " +
                 hexText(velkor::objectIdOf(keyPair)) + "  " + printable(keyPair.label);
@@ -247,9 +258,8 @@ private:
 bool opens(KeyFile& file, const Contents& contents, const VelkorKeyPair& keyPair, Bytes masterKey)
 {
     try {
-        file.read([&](Database& database) {
-            loadPrivateKey(database, keyPair, masterKey, contents.device.serialNumber);
-        });
+        file.read(
+            [&](Database& database) { loadPrivateKey(database, keyPair, masterKey, contents.device.serialNumber); });
         return true;
     } catch (const Refusal&) {
         return false;

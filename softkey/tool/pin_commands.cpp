@@ -11,10 +11,20 @@ struct SetPinOptions {
     std::string serialNumber;
     bool securityOfficer = false;
     bool rekey = false;
+    std::optional<std::uint32_t> logN;
     PinSource oldPin{"pin", "present PIN"};
     PinSource newPin{"new-pin", "new PIN"};
     PinSource soPin{"so-pin", "SO PIN"};
 };
+
+std::optional<ScryptCost> costOf(const SetPinOptions& options)
+{
+    if (!options.logN)
+        return std::nullopt;
+    ScryptCost cost;
+    cost.logN = *options.logN;
+    return cost;
+}
 
 void addSetPin(CLI::App& app, Session& session)
 {
@@ -22,10 +32,13 @@ void addSetPin(CLI::App& app, Session& session)
     const auto options = std::make_shared<SetPinOptions>();
     addSerialNumber(*command, options->serialNumber);
     CLI::Option* so = command->add_flag("--so", options->securityOfficer, "Change the SO PIN");
-    command
-        ->add_flag("--rekey", options->rekey,
-                   "Make a new master key as well: older copies open nothing that comes later. Needs the SO PIN too")
-        ->excludes(so);
+    CLI::Option* rekey = command->add_flag(
+        "--rekey", options->rekey,
+        "Make a new master key as well: older copies open nothing that comes later. Needs the SO PIN too");
+    rekey->excludes(so);
+    command->add_option("--scrypt-cost", options->logN, "New cost of checking the PIN, as a power of two")
+        ->check(CLI::Range(SCRYPT_LOG_N_MIN, SCRYPT_LOG_N_MAX))
+        ->excludes(rekey);
     options->oldPin.addTo(*command);
     options->newPin.addTo(*command);
     options->soPin.addTo(*command);
@@ -33,11 +46,12 @@ void addSetPin(CLI::App& app, Session& session)
         const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
         const Pin oldPin = options->oldPin.read();
         const Pin newPin = options->newPin.readNew();
+        warnOfShortPin(newPin, "new PIN");
         const PinRole role = options->securityOfficer ? PinRole::SecurityOfficer : PinRole::User;
         if (options->rekey)
             key->rekey(oldPin, newPin, options->soPin.read());
         else
-            key->changePin(role, oldPin, newPin);
+            key->changePin(role, oldPin, newPin, costOf(*options));
         session.print({{"serial", options->serialNumber}}, "PIN changed");
     });
 }

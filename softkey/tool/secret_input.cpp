@@ -92,4 +92,14 @@ Pin PinSource::readNew() const
     return pin;
 }
 
+void warnOfShortPin(std::string_view pin, const char* name)
+{
+    constexpr std::size_t ENOUGH = 8;
+    if (pin.size() < ENOUGH)
+        std::fprintf(stderr,
+                     "velkor-softkey: warning: the %s is shorter than %zu characters: whoever gets the key's "
+                     "file can try them all\n",
+                     name, ENOUGH);
+}
+
 } // namespace softkey

@@ -46,4 +46,7 @@ private:
     int descriptor_ = -1;
 };
 
+/// On standard error, when there is a PIN that whoever has the file finds in days.
+void warnOfShortPin(std::string_view pin, const char* name);
+
 } // namespace softkey
