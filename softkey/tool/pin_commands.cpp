@@ -46,7 +46,6 @@ void addSetPin(CLI::App& app, Session& session)
         const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
         const Pin oldPin = options->oldPin.read();
         const Pin newPin = options->newPin.readNew();
-        warnOfShortPin(newPin, "new PIN");
         const PinRole role = options->securityOfficer ? PinRole::SecurityOfficer : PinRole::User;
         if (options->rekey)
             key->rekey(oldPin, newPin, options->soPin.read());

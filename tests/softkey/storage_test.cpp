@@ -269,6 +269,8 @@ TEST_F(StorageTest, AFileTruncatedWhileInUseIsRefused)
     EXPECT_TRUE(devices().empty());
 }
 
+constexpr uid_t NOBODY = 65534;
+
 /// Nothing is out of reach for root, so such a test goes on as somebody else.
 class AsNobody
 {
@@ -279,7 +281,6 @@ public:
     AsNobody& operator=(const AsNobody&) = delete;
 
 private:
-    static constexpr uid_t NOBODY = 65534;
     uid_t self_;
 };
 
@@ -315,7 +316,7 @@ TEST_F(StorageTest, AReadOnlyFileIsNotChanged)
 TEST_F(StorageTest, WithoutRoomForAJournalNothingIsChanged)
 {
     createKey(cheapSettings("FIXED"));
-    chmod(keyPath("FIXED").c_str(), 0666);
+    ASSERT_EQ(chown(keyPath("FIXED").c_str(), NOBODY, NOBODY), 0);
     chmod(home.path().c_str(), 0555); // A journal cannot be made.
     const Data before = readFile(keyPath("FIXED"));
     {
@@ -420,9 +421,17 @@ public:
     explicit HalfWritten(const std::filesystem::path& path) : writer_(path, Database::Mode::Existing)
     {
         // So small a cache that pages are written before the end of the change.
-        writer_.execute("PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN; UPDATE device SET label = 'half';"
-                        "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
-                        "INSERT INTO certificate SELECT i, randomblob(16), x'', x'', randomblob(500) FROM n");
+        writer_.execute("PRAGMA cache_size = 1; PRAGMA cache_spill = 1; BEGIN; UPDATE device SET label = 'half'");
+        for (std::int64_t number = 2; number <= 200; ++number) {
+            Data der(500);
+            randomBytes(der);
+            const Identifier identifier = identifierOf(der);
+            Statement(writer_, "INSERT INTO certificate VALUES (?, ?, x'', x'', ?)")
+                .bind(number)
+                .bind(Bytes(identifier))
+                .bind(Bytes(der))
+                .run();
+        }
     }
     void complete() { writer_.execute("COMMIT"); }
     void giveUp() { writer_.execute("ROLLBACK"); }
@@ -675,7 +684,7 @@ TEST_F(StorageTest, ANewKeyHasTheDocumentedScryptCost)
     createKey(settings);
     const auto contents = otherProcess("USUAL")->contents();
     for (const PinRole role : {PinRole::User, PinRole::SecurityOfficer}) {
-        EXPECT_EQ(contents->pin(role).cost.logN, 15U);
+        EXPECT_EQ(contents->pin(role).cost.logN, 17U);
         EXPECT_EQ(contents->pin(role).cost.blockSize, 8U);
         EXPECT_EQ(contents->pin(role).cost.lanes, 1U);
     }

@@ -12,12 +12,16 @@ namespace softkey::test
 
 using nlohmann::json;
 
+/// Of keys that the tool makes: long enough for it not to warn.
+inline constexpr const char* CHOSEN_PIN = "chosen-pin";
+
 class ToolTest : public SoftkeyTest
 {
 protected:
     ToolTest()
     {
         test_system::setEnvironment("USER_PIN", PIN);
+        test_system::setEnvironment("CHOSEN_PIN", CHOSEN_PIN);
         test_system::setEnvironment("OFFICER_PIN", SO_PIN);
         test_system::setEnvironment("WRONG", WRONG_PIN);
     }
@@ -58,6 +62,7 @@ protected:
 };
 
 inline const std::string WITH_PIN = " --pin-env USER_PIN";
-inline const std::string WITH_PINS = " --pin-env USER_PIN --so-pin-env OFFICER_PIN --scrypt-cost 4";
+inline const std::string WITH_CHOSEN_PIN = " --pin-env CHOSEN_PIN";
+inline const std::string WITH_PINS = WITH_CHOSEN_PIN + " --so-pin-env OFFICER_PIN --scrypt-cost 4";
 
 } // namespace softkey::test

@@ -51,6 +51,34 @@ TEST_F(ToolTest, ACreatedKeyHasWhatWasChosen)
     expectFailure("create --serial T1" + WITH_PINS, 6);
 }
 
+TEST_F(ToolTest, ShortPinsAreWarnedOf)
+{
+    const Outcome outcome = tool("create --serial SHORT --scrypt-cost 4 --pin-env USER_PIN --so-pin-env OFFICER_PIN");
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.error,
+              "velkor-softkey: warning: the user PIN is shorter than 8 characters: whoever gets the key's "
+              "file can try them all\n");
+}
+
+TEST_F(ToolTest, TwoPinsThatAreTheSameAreRefused)
+{
+    expectFailure("create --serial SAME --scrypt-cost 4 --pin-env CHOSEN_PIN --so-pin-env CHOSEN_PIN", 2);
+    EXPECT_FALSE(std::filesystem::exists(keyPath("SAME")));
+}
+
+TEST_F(ToolTest, AChangeOfPinMayChangeWhatItsCheckCosts)
+{
+    EXPECT_EQ(tool("set-pin KEY1 --scrypt-cost 6 --pin-env USER_PIN --new-pin-env CHOSEN_PIN").exitCode, 0);
+    const auto contents = otherProcess()->contents();
+    EXPECT_EQ(contents->userPin.cost.logN, 6U);
+    EXPECT_EQ(contents->soPin.cost.logN, cheapSettings(SERIAL).cost.logN);
+    EXPECT_EQ(tool("generate KEY1 P-256" + WITH_CHOSEN_PIN).exitCode, 0);
+    EXPECT_EQ(tool("set-pin KEY1 --pin-env CHOSEN_PIN --new-pin-env USER_PIN").exitCode, 0);
+    EXPECT_EQ(otherProcess()->contents()->userPin.cost.logN, 6U) << "as it was";
+    expectFailure("set-pin KEY1 --scrypt-cost 99 --pin-env USER_PIN --new-pin-env USER_PIN", 2);
+    expectFailure("set-pin KEY1 --scrypt-cost 6 --rekey --pin-env USER_PIN --new-pin-env USER_PIN", 2);
+}
+
 TEST_F(ToolTest, APinThatWasChosenCountsAsChangedUnlessItIsMadeInitial)
 {
     result("create --serial CHOSEN" + WITH_PINS);
@@ -97,11 +125,11 @@ TEST_F(ToolTest, JsonDocumentsHaveTheDocumentedFields)
     };
     const Fields stored{"number", "kind", "identifier"};
     const Fields pin{"changed", "triesMax", "triesLeft"};
-    Fields key{"serial", "label", "model", "firmware", "plugged", "userPin", "soPin"};
+    Fields key{"serial", "label", "model", "firmware", "plugged", "userPin", "soPin", "boundToMachine"};
     expectFields(result("create --serial J1" + WITH_PINS), {"serial", "file"});
-    expectFields(result("generate J1 P-256" + WITH_PIN), stored);
-    expectFields(result("import-key J1 " + path("k.pem") + WITH_PIN), stored);
-    expectFields(result("import-certificate J1 " + path("c.pem") + WITH_PIN), {"number", "identifier"});
+    expectFields(result("generate J1 P-256" + WITH_CHOSEN_PIN), stored);
+    expectFields(result("import-key J1 " + path("k.pem") + WITH_CHOSEN_PIN), stored);
+    expectFields(result("import-certificate J1 " + path("c.pem") + WITH_CHOSEN_PIN), {"number", "identifier"});
     writeFile(keyPath("JUNK"), bytesOf("junk"));
     const json list = result("list");
     ASSERT_EQ(list.size(), 3U);
@@ -115,8 +143,8 @@ TEST_F(ToolTest, JsonDocumentsHaveTheDocumentedFields)
     expectFields(info["keyPairs"][0], {"number", "kind", "label", "id", "usage", "oaepOnly", "identifier"});
     expectFields(info["certificates"][0], {"number", "label", "id", "size", "identifier"});
     EXPECT_EQ(info["certificates"][0]["size"], readFile(path("c.der")).size());
-    expectFields(result("delete J1 --key 1" + WITH_PIN), {"serial"});
-    expectFields(result("set-pin J1 --pin-env USER_PIN --new-pin-env USER_PIN"), {"serial"});
+    expectFields(result("delete J1 --key 1" + WITH_CHOSEN_PIN), {"serial"});
+    expectFields(result("set-pin J1 --pin-env CHOSEN_PIN --new-pin-env USER_PIN"), {"serial"});
     expectFields(result("unlock J1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN"), {"serial"});
     expectFields(result("unplug J1"), {"serial", "plugged"});
     expectFields(result("plug J1"), {"serial", "plugged"});
