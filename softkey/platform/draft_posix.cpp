@@ -1,5 +1,6 @@
 #include "platform/draft.h"
 
+#include "platform/descriptor_posix.h"
 #include "platform/file_lock.h"
 #include "store/key_file.h"
 
@@ -13,24 +14,6 @@ namespace softkey
 {
 namespace
 {
-
-class Descriptor
-{
-public:
-    Descriptor(const std::filesystem::path& path, int flags) : value_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
-    ~Descriptor()
-    {
-        if (value_ >= 0)
-            close(value_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    bool isOpen() const { return value_ >= 0; }
-    bool synchronise() const { return fsync(value_) == 0; }
-
-private:
-    int value_;
-};
 
 void removeCompanions(const std::filesystem::path& file)
 {

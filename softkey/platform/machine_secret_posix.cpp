@@ -1,6 +1,7 @@
 #include "platform/machine_secret.h"
 
 #include "platform/default_folder.h"
+#include "platform/descriptor_posix.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,26 +12,7 @@ namespace softkey
 namespace
 {
 
-/// A descriptor that is closed with its owner.
-class Opened
-{
-public:
-    Opened(const std::filesystem::path& path, int flags) : value_(open(path.c_str(), flags | O_CLOEXEC, 0600)) {}
-    ~Opened()
-    {
-        if (value_ >= 0)
-            close(value_);
-    }
-    Opened(const Opened&) = delete;
-    Opened& operator=(const Opened&) = delete;
-    bool isOpen() const { return value_ >= 0; }
-    int value() const { return value_; }
-
-private:
-    int value_;
-};
-
-bool isPrivate(const Opened& file)
+bool isPrivate(const Descriptor& file)
 {
     struct stat status = {};
     return fstat(file.value(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
@@ -41,7 +23,7 @@ bool isPrivate(const Opened& file)
 
 std::optional<SecretBytes> readMachineSecret(std::size_t size)
 {
-    const Opened file(machineSecretFile(), O_RDONLY | O_NOFOLLOW);
+    const Descriptor file(machineSecretFile(), O_RDONLY | O_NOFOLLOW);
     SecretBytes secret(size);
     const bool complete = file.isOpen() && isPrivate(file) &&
                           read(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size());
@@ -56,13 +38,13 @@ void storeMachineSecret(Bytes secret)
     std::filesystem::path draft = path;
     draft += ".";
     draft += std::to_string(getpid());
-    const Opened file(draft, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
+    const Descriptor file(draft, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
     const bool written = file.isOpen() &&
                          write(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size()) &&
-                         fsync(file.value()) == 0;
+                         file.synchronise();
     if (written && link(draft.c_str(), path.c_str()) == 0) {
-        const Opened folder(path.parent_path(), O_RDONLY | O_DIRECTORY);
-        fsync(folder.value());
+        const Descriptor folder(path.parent_path(), O_RDONLY | O_DIRECTORY);
+        folder.synchronise();
     }
     unlink(draft.c_str());
 }

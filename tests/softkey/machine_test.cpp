@@ -109,10 +109,10 @@ TEST_F(MachineTest, TheSecretIsItsUsersAloneOrOfNoUse)
 }
 #endif
 
-class DerivationTest : public SoftkeyTest
+class DerivationSlotTest : public SoftkeyTest
 {
 protected:
-    DerivationTest()
+    DerivationSlotTest()
     {
         KeySettings settings = cheapSettings("COSTLY");
         settings.cost.logN = 15;
@@ -133,7 +133,7 @@ protected:
     }
 };
 
-TEST_F(DerivationTest, ACostlyCheckWaitsForAFreeSlot)
+TEST_F(DerivationSlotTest, ACostlyCheckWaitsForAFreeSlot)
 {
     std::optional<std::vector<FileLock>> held = holdAllSlots();
     int pauses = 0;
@@ -147,7 +147,7 @@ TEST_F(DerivationTest, ACostlyCheckWaitsForAFreeSlot)
     EXPECT_EQ(pauses, 3);
 }
 
-TEST_F(DerivationTest, SlotsThatNobodyGivesBackRefuseNoPin)
+TEST_F(DerivationSlotTest, SlotsThatNobodyGivesBackRefuseNoPin)
 {
     const std::vector<FileLock> held = holdAllSlots();
     const int usual = Patience::limit.exchange(50);
@@ -155,7 +155,7 @@ TEST_F(DerivationTest, SlotsThatNobodyGivesBackRefuseNoPin)
     Patience::limit = usual;
 }
 
-TEST_F(DerivationTest, ACheapCheckNeedsNoSlot)
+TEST_F(DerivationSlotTest, ACheapCheckNeedsNoSlot)
 {
     const std::vector<FileLock> held = holdAllSlots();
     int tries = 0;
