@@ -2,6 +2,7 @@
 // memory ends.
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -63,6 +64,19 @@ const CK_FUNCTION_LIST& front()
         return functions;
     }();
     return *list;
+}
+
+/// How often the key has refused a user's PIN; a right one afterwards gives the tries back, and hides that.
+int refusedPins()
+{
+    int count = 0;
+    const auto folder = world() / "tmp" / "Brenmoor" / test_system::loggedProgramName();
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        std::ifstream stream(file.path());
+        for (std::string line; std::getline(stream, line);)
+            count += line.find("Token password validation failed : 312") != std::string::npos ? 1 : 0;
+    }
+    return count;
 }
 
 class StrictSoftkeyTest : public testing::Test
@@ -168,6 +182,68 @@ protected:
         EXPECT_EQ(p11().C_VerifyUpdate(session, data.data(), 1), CKR_OK);
         EXPECT_EQ(p11().C_VerifyUpdate(session, data.data() + 1, sizeOf(data) - 1), CKR_OK);
         return p11().C_VerifyFinal(session, signature.data(), sizeOf(signature));
+    }
+
+    static std::vector<CK_OBJECT_HANDLE> find(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE> criteria)
+    {
+        std::vector<CK_OBJECT_HANDLE> found(64);
+        CK_ULONG count = 0;
+        EXPECT_EQ(p11().C_FindObjectsInit(session, criteria.data(), static_cast<CK_ULONG>(criteria.size())), CKR_OK);
+        EXPECT_EQ(p11().C_FindObjects(session, found.data(), static_cast<CK_ULONG>(found.size()), &count), CKR_OK);
+        EXPECT_EQ(p11().C_FindObjectsFinal(session), CKR_OK);
+        found.resize(count);
+        return found;
+    }
+
+    static void name(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, std::string label, unsigned char identifier)
+    {
+        CK_ATTRIBUTE names[] = {{CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())},
+                                {CKA_ID, &identifier, 1}};
+        EXPECT_EQ(p11().C_SetAttributeValue(session, key, names, 2), CKR_OK);
+    }
+
+    static CK_FLAGS pinFlags(std::size_t index)
+    {
+        CK_TOKEN_INFO info{};
+        EXPECT_EQ(p11().C_GetTokenInfo(slot(index), &info), CKR_OK);
+        return info.flags & (CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED);
+    }
+
+    static CK_RV setPin(CK_SESSION_HANDLE session, std::string oldPin, std::string newPin)
+    {
+        return p11().C_SetPIN(session, reinterpret_cast<CK_UTF8CHAR_PTR>(oldPin.data()),
+                              static_cast<CK_ULONG>(oldPin.size()), reinterpret_cast<CK_UTF8CHAR_PTR>(newPin.data()),
+                              static_cast<CK_ULONG>(newPin.size()));
+    }
+
+    /// Signs with the key of a label, whatever becomes of it; the public half of the same label has to fit.
+    static void signAndVerify(CK_SESSION_HANDLE session, std::string label, std::atomic<int>& signatures,
+                              std::atomic<int>& wrongKeys)
+    {
+        CK_OBJECT_HANDLE halves[2] = {};
+        CK_OBJECT_CLASS classes[] = {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY};
+        for (std::size_t half = 0; half < 2; ++half) {
+            CK_ATTRIBUTE criteria[] = {{CKA_CLASS, &classes[half], sizeof classes[half]},
+                                       {CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())}};
+            CK_ULONG count = 0;
+            if (p11().C_FindObjectsInit(session, criteria, 2) == CKR_OK) {
+                p11().C_FindObjects(session, &halves[half], 1, &count);
+                p11().C_FindObjectsFinal(session);
+            }
+            if (count == 0)
+                return;
+        }
+        CK_MECHANISM mechanism = {CKM_ECDSA_SHA256, nullptr, 0};
+        Bytes data(20, 1);
+        Bytes signature(64);
+        CK_ULONG length = 64;
+        if (p11().C_SignInit(session, &mechanism, halves[0]) != CKR_OK ||
+            p11().C_Sign(session, data.data(), sizeOf(data), signature.data(), &length) != CKR_OK ||
+            p11().C_VerifyInit(session, &mechanism, halves[1]) != CKR_OK)
+            return;
+        const CK_RV result = p11().C_Verify(session, data.data(), sizeOf(data), signature.data(), length);
+        signatures += result == CKR_OK ? 1 : 0;
+        wrongKeys += result == CKR_SIGNATURE_INVALID ? 1 : 0;
     }
 
     static Bytes value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
@@ -314,6 +390,7 @@ TEST_F(StrictSoftkeyTest, ManyThreadsUseTwoTokensWithTheirOwnPins)
     const CK_SESSION_HANDLE one = userSession(0);
     const CK_SESSION_HANDLE other = userSession(1);
     const KeyPair keys[] = {generateEc(one), generateEc(one), generateEc(other)};
+    const int refusedBefore = refusedPins();
     std::atomic<int> failures = 0;
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 8; ++thread)
@@ -330,11 +407,108 @@ TEST_F(StrictSoftkeyTest, ManyThreadsUseTwoTokensWithTheirOwnPins)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(failures, 0);
-    for (const std::size_t index : {0U, 1U}) {
-        CK_TOKEN_INFO info{};
-        EXPECT_EQ(p11().C_GetTokenInfo(slot(index), &info), CKR_OK);
-        EXPECT_EQ(info.flags & (CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED), 0U);
+    EXPECT_EQ(refusedPins(), refusedBefore);
+}
+
+TEST_F(StrictSoftkeyTest, TextsArePaddedAndEveryAttributeOfASearchCounts)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    CK_TOKEN_INFO info{};
+    ASSERT_EQ(p11().C_GetTokenInfo(slot(0), &info), CKR_OK);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(info.serialNumber), 16), "STRICT1         ");
+    const KeyPair rsa = generateRsa(session);
+    const KeyPair ec = generateEc(session);
+    name(session, rsa.privateKey, "one", 1);
+    name(session, ec.privateKey, "two", 2);
+    CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
+    CK_KEY_TYPE keyType = CKK_EC;
+    std::string label = "two";
+    unsigned char identifier = 1;
+    const CK_ATTRIBUTE ofClass = {CKA_CLASS, &privateKey, sizeof privateKey};
+    const CK_ATTRIBUTE ofType = {CKA_KEY_TYPE, &keyType, sizeof keyType};
+    const CK_ATTRIBUTE ofLabel = {CKA_LABEL, label.data(), 3};
+    const CK_ATTRIBUTE ofId = {CKA_ID, &identifier, 1};
+    using Handles = std::vector<CK_OBJECT_HANDLE>;
+    EXPECT_EQ(find(session, {}).size(), 4U);
+    EXPECT_EQ(find(session, {ofLabel}).size(), 2U);
+    EXPECT_EQ(find(session, {ofClass, ofType}), Handles{ec.privateKey});
+    EXPECT_EQ(find(session, {ofId, ofClass}), Handles{rsa.privateKey});
+    EXPECT_EQ(find(session, {ofId, ofLabel}), Handles{});
+}
+
+TEST_F(StrictSoftkeyTest, ASessionPairGoesWithItsSessionUnlessItIsCopied)
+{
+    const CK_SESSION_HANDLE keeper = userSession();
+    CK_SESSION_HANDLE session = userSession();
+    generateEc(session, CK_FALSE);
+    const KeyPair kept = generateEc(session, CK_FALSE);
+    CK_BBOOL onToken = CK_TRUE;
+    CK_ATTRIBUTE stays = {CKA_TOKEN, &onToken, sizeof onToken};
+    CK_OBJECT_HANDLE copy = 0;
+    ASSERT_EQ(p11().C_CopyObject(session, kept.privateKey, &stays, 1, &copy), CKR_OK);
+    EXPECT_EQ(p11().C_CloseSession(session), CKR_OK);
+    CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
+    EXPECT_EQ(find(keeper, {{CKA_CLASS, &privateKey, sizeof privateKey}}), std::vector<CK_OBJECT_HANDLE>{copy});
+    sign(keeper, {CKM_ECDSA_SHA256, nullptr, 0}, copy, Bytes(20, 1));
+    EXPECT_EQ(p11().C_DestroyObject(keeper, copy), CKR_OK);
+    EXPECT_EQ(find(keeper, {}).size(), 0U);
+}
+
+TEST_F(StrictSoftkeyTest, AWrongPinIsToldAndSeenAtOnce)
+{
+    const CK_SESSION_HANDLE session = userSession();
+    EXPECT_EQ(login(session, "first-pin"), CKR_USER_ALREADY_LOGGED_IN);
+    EXPECT_EQ(setPin(session, "no-such-pin", "other-pin"), CKR_PIN_INCORRECT);
+    EXPECT_EQ(setPin(session, "first-pin", "other-pin"), CKR_OK);
+    EXPECT_EQ(p11().C_Logout(session), CKR_OK);
+    const int before = refusedPins();
+    for (int wrong = 0; wrong < 3; ++wrong)
+        EXPECT_EQ(login(session, "wrong-pin-" + std::to_string(wrong)), CKR_PIN_INCORRECT);
+    EXPECT_EQ(refusedPins(), before + 3);
+    EXPECT_EQ(pinFlags(0), CKF_USER_PIN_COUNT_LOW);
+    EXPECT_EQ(login(session, "other-pin"), CKR_OK);
+    EXPECT_EQ(pinFlags(0), 0U);
+    EXPECT_EQ(pinFlags(1), 0U);
+}
+
+TEST_F(StrictSoftkeyTest, NoTryIsLostWhileKeysComeAndGo)
+{
+    const std::array<CK_SLOT_ID, 2> slots = {slot(0), slot(1)};
+    const CK_SESSION_HANDLE sessions[] = {userSession(0), userSession(1)};
+    for (const CK_SESSION_HANDLE session : sessions) {
+        name(session, generateEc(session).privateKey, "here", 1);
+        name(session, generateEc(session).privateKey, "there", 2);
     }
+    const int refusedBefore = refusedPins();
+    std::atomic<bool> isOver = false;
+    std::atomic<int> signatures = 0;
+    std::atomic<int> wrongKeys = 0;
+    const auto work = [&](std::size_t token, std::string label) {
+        while (!isOver) {
+            CK_SESSION_HANDLE session = 0;
+            if (p11().C_OpenSession(slots[token], CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
+                continue;
+            login(session, token == 0 ? "first-pin" : "second-pin");
+            signAndVerify(session, label, signatures, wrongKeys);
+            p11().C_CloseSession(session);
+        }
+    };
+    std::vector<std::thread> threads;
+    for (std::size_t thread = 0; thread < 8; ++thread)
+        threads.emplace_back(work, thread % 2, thread % 4 < 2 ? "here" : "there");
+    for (const char* serialNumber : {"STRICT1", "STRICT2", "STRICT1"}) {
+        tool(std::string("unplug ") + serialNumber);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        tool(std::string("plug ") + serialNumber);
+    }
+    const int before = signatures;
+    while (signatures < before + 20)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    isOver = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrongKeys, 0);
+    EXPECT_EQ(refusedPins(), refusedBefore);
 }
 
 } // namespace
