@@ -43,7 +43,8 @@ public:
     {
         if (size > BLOCK_SIZE_MAX || pages_ == nullptr)
             return nullptr;
-        const std::size_t sizeIndex = std::bit_width((size < BLOCK_SIZE_MIN ? 0 : size - 1) / BLOCK_SIZE_MIN);
+        const auto sizeIndex =
+            static_cast<std::size_t>(std::bit_width((size < BLOCK_SIZE_MIN ? 0 : size - 1) / BLOCK_SIZE_MIN));
         const std::lock_guard lock(mutex_);
         Block*& free = free_[sizeIndex];
         if (free == nullptr && !addSlab(sizeIndex))
