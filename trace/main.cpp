@@ -12,6 +12,7 @@
 #include "output.h"
 #include "redaction.h"
 #include "sources.h"
+#include "summary.h"
 #include "terminal.h"
 
 namespace
@@ -106,6 +107,32 @@ ExitCode show(Options& options)
     return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
 }
 
+ExitCode summarize(Options& options)
+{
+    readTimes(options);
+    const auto logs = chosenLogs(options);
+    if (logs.empty())
+        return tellNoLogs(options);
+    MergedCalls calls(logs);
+    Summary summary;
+    for (const auto& log : logs) {
+        if (const std::string why = whyUnwritable(log); !why.empty())
+            summary.addUnwritable(log.string(), why);
+    }
+    for (Call call; calls.next(call);) {
+        if (!options.filter.wants(call))
+            continue;
+        if (options.redact)
+            redact(call);
+        summary.add(call);
+    }
+    {
+        const PagedOutput output(!options.noPager && !options.json);
+        std::fputs((options.json ? jsonLine(summary.json()) : summary.text()).c_str(), output.file());
+    }
+    return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
+}
+
 ExitCode explainQuestion(const std::vector<std::string>& words)
 {
     std::string question;
@@ -140,9 +167,14 @@ ExitCode run(CLI::App& app, int argc, char** argv)
     addOptions(app, options);
     CLI::App* explaining = app.add_subcommand("explain", "Say what a line, a code, a number or a status means");
     explaining->add_option("WHAT", question, "The line, CKR_..., 0x50000001, status 313, C_...")->required();
+    CLI::App* summary = app.add_subcommand("summary", "Say what happened in all, and what is most likely wrong");
+    summary->add_option("FILE", options.files, "Logs, or folders of programs");
+    summary->fallthrough(); // The options may also follow the command.
     try {
         app.parse(argc, argv);
-        return explaining->parsed() ? explainQuestion(question) : show(options);
+        if (explaining->parsed())
+            return explainQuestion(question);
+        return summary->parsed() ? summarize(options) : show(options);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0)
             return static_cast<ExitCode>(app.exit(error)); // Help or version.

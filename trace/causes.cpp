@@ -1,0 +1,441 @@
+#include "causes.h"
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <optional>
+
+#include "describe.h"
+#include "names.h"
+#include "velkor/device_service.h"
+
+namespace velkor::trace
+{
+namespace
+{
+
+using Programs = std::map<std::string, Evidence, std::less<>>;
+
+constexpr std::size_t KINDS_OF_REFUSALS = 64;
+
+// Statuses of the software key that speak for a cause of their own.
+constexpr std::string_view STATUS_INSTANCE = "302";
+constexpr std::string_view STATUS_PIN_REQUIRED = "311";
+constexpr std::string_view STATUSES_OF_WRONG_KEY[] = {"322", "334", "336"};
+
+std::string times(std::uint64_t count)
+{
+    return count == 1 ? "once" : count == 2 ? "twice" : std::to_string(count) + " times";
+}
+
+bool contains(std::string_view text, std::string_view part)
+{
+    return text.find(part) != std::string_view::npos;
+}
+
+bool isGone(std::string_view status)
+{
+    return status == std::to_string(STATUS_DEVICE_REMOVED) || status == std::to_string(STATUS_DEVICE_UNREACHABLE);
+}
+
+bool isOfWrongKey(std::string_view status)
+{
+    return std::ranges::find(STATUSES_OF_WRONG_KEY, status) != std::end(STATUSES_OF_WRONG_KEY);
+}
+
+/// A number that no host means: two fields of another layout read as one.
+bool isOfOtherLayout(const KnownText& known)
+{
+    if (contains(known.row->pattern, "wrong size for CKA_CLASS"))
+        return true;
+    return std::ranges::any_of(known.values, [](const TextValue& value) {
+        const bool isType = value.kind == "attribute" || value.kind == "mechanism" || value.kind == "class";
+        const auto number = isType ? numberOf(value.text) : std::nullopt;
+        return number && *number > std::numeric_limits<std::uint32_t>::max();
+    });
+}
+
+// ---- What a line adds ----
+
+void addPinLine(Evidence& evidence, const Call& call, const KnownText& known)
+{
+    const std::string_view tries = known.value("tries");
+    if (tries.empty())
+        return;
+    const bool deviceIsGone = std::ranges::any_of(call.lines, [](const CallLine& line) {
+        KnownText other;
+        return line.row != nullptr && findText(line.text, other) && isGone(other.value("status"));
+    });
+    if (deviceIsGone)
+        return;
+    ++evidence.pinsRefused;
+    ++evidence.pinsRefusedSinceAccepted;
+    evidence.pinsLocked += tries == "0" ? 1U : 0U;
+    evidence.triesLeft = tries;
+}
+
+void addStatus(Evidence& evidence, std::string_view status)
+{
+    evidence.devicesGone += isGone(status) ? 1U : 0U;
+    evidence.instanceUnknown += status == STATUS_INSTANCE ? 1U : 0U;
+    evidence.withoutLogin += status == STATUS_PIN_REQUIRED ? 1U : 0U;
+    evidence.keyMismatches += isOfWrongKey(status) ? 1U : 0U;
+}
+
+struct Mark {
+    std::string_view part; ///< Of a row's pattern.
+    std::uint64_t Evidence::*count;
+};
+
+constexpr Mark MARKS[] = {
+    {"Init pkcs11 library failed", &Evidence::libraryFailures},
+    {"the device library did not start", &Evidence::libraryFailures},
+    {"the module is not loaded", &Evidence::libraryFailures},
+    {"C_Initialize: already initialized", &Evidence::startedTwice},
+    {"No valid token found", &Evidence::noTokens},
+    {"Device disconnected", &Evidence::devicesGone},
+    {"The token has been removed", &Evidence::devicesGone},
+    {"no token in slotID", &Evidence::devicesGone},
+    {"not supported on firmware", &Evidence::firmwareRefusals},
+    {"not with this firmware", &Evidence::firmwareRefusals},
+    {"on FIPS 140-3 token", &Evidence::fipsRefusals},
+    {": buffer too small, provided=", &Evidence::keyMismatches},
+    {": not as long as the key", &Evidence::keyMismatches},
+    {"the signature has a wrong length", &Evidence::keyMismatches},
+    {"The user PIN has been changed elsewhere", &Evidence::pinsRefusedSinceAccepted},
+};
+
+void addSearch(Evidence& evidence, const KnownText& known)
+{
+    if (known.row->pattern == "Find object init count : {count}")
+        evidence.searchedClass.clear();
+    if (const auto searched = known.value("class"); !searched.empty())
+        evidence.searchedClass = constantName("CKO", numberOf(searched).value_or(0));
+    if (known.value("found") == "0" && evidence.searchedClass == "CKO_CERTIFICATE")
+        ++evidence.certificateSearches;
+    std::string_view handles = known.value("objects");
+    while (!handles.empty()) {
+        const std::string_view handle = handles.substr(0, handles.find(' '));
+        handles.remove_prefix(std::min(handle.size() + 1, handles.size()));
+        const std::string name = objectName(numberOf(handle).value_or(0));
+        evidence.privateKeysFound += name.starts_with("private") ? 1U : 0U;
+        evidence.certificatesFound += name.starts_with("certificate") ? 1U : 0U;
+    }
+}
+
+void addLine(Evidence& evidence, const Call& call, const CallLine& line)
+{
+    KnownText known;
+    if (line.row == nullptr || !findText(line.text, known))
+        return;
+    for (const Mark& mark : MARKS)
+        evidence.*mark.count += contains(known.row->pattern, mark.part) ? 1U : 0U;
+    if (contains(known.row->pattern, "not supported on firmware"))
+        evidence.firmware.emplace(printable(known.value("version")));
+    // Only when it begins, the first count is the larger one.
+    const bool fewerDevices = known.row->pattern.starts_with("Slot event:") && known.values.size() == 2 &&
+                              numberOf(known.values[1].text) < numberOf(known.values[0].text);
+    evidence.devicesGone += fewerDevices ? 1U : 0U;
+    evidence.layoutMismatches += isOfOtherLayout(known) ? 1U : 0U;
+    addStatus(evidence, known.value("status"));
+    addPinLine(evidence, call, known);
+    addSearch(evidence, known);
+}
+
+// ---- What a call adds ----
+
+void addLifecycle(Evidence& evidence, const Call& call)
+{
+    if (call.function == "C_Initialize" && call.hasEntry && call.outcome == Outcome::NoRefusalSeen) {
+        ++evidence.initialized;
+        evidence.isRunning = true;
+        evidence.hasEnded = false;
+    }
+    if (call.function == "C_Finalize" && call.outcome == Outcome::NoRefusalSeen) {
+        evidence.isRunning = false;
+        evidence.hasEnded = true;
+    }
+    if (call.function == "C_Login" && call.outcome == Outcome::NoRefusalSeen) {
+        ++evidence.loginsAccepted;
+        evidence.pinsRefusedSinceAccepted = 0;
+    }
+}
+
+/// What speaks for a cause of its own.
+std::uint64_t countOfSpecial(const Evidence& evidence)
+{
+    return evidence.layoutMismatches + evidence.firmwareRefusals + evidence.fipsRefusals + evidence.keyMismatches +
+           evidence.pinsRefused + evidence.devicesGone + evidence.withoutLogin + evidence.instanceUnknown +
+           evidence.startedTwice + evidence.libraryFailures;
+}
+
+bool isHarmless(CK_RV code)
+{
+    constexpr CK_RV CODES[] = {CKR_NO_EVENT, CKR_USER_ALREADY_LOGGED_IN, CKR_FUNCTION_NOT_SUPPORTED, CKR_OK};
+    return std::ranges::find(CODES, code) != std::end(CODES);
+}
+
+void addRefusal(Evidence& evidence, const Call& call, bool isSpecial)
+{
+    if (call.outcome != Outcome::Refused || isHarmless(call.code) || isSpecial)
+        return;
+    const CallLine* line = call.refusal();
+    if (call.code == CKR_CRYPTOKI_NOT_INITIALIZED && call.function != "C_WaitForSlotEvent")
+        ++(evidence.hasEnded ? evidence.callsAfterEnd : evidence.callsBeforeStart);
+    else if (line != nullptr && contains(line->row->pattern, "invalid hSession="))
+        ++(evidence.initialized > 1 || evidence.hasEnded ? evidence.sessionsUnknownAfterEnd : evidence.sessionsUnknown);
+    else if (line != nullptr && (evidence.refusals.size() < KINDS_OF_REFUSALS))
+        ++evidence.refusals[call.function + ": " + codeName(call.code) + ". " + std::string(line->row->meaning) + " " +
+                            std::string(line->row->remedy)];
+}
+
+/// Whether a call of a host that has just loaded the module can be this one.
+bool canBeFirst(const Call& call)
+{
+    return !call.hasEntry || call.function == "C_GetFunctionList" || call.function == "C_Initialize" ||
+           call.code == CKR_CRYPTOKI_NOT_INITIALIZED || call.isMonitor;
+}
+
+// ---- Causes ----
+
+using Finder = std::optional<Cause> (*)(const std::string& program, const Evidence& evidence, const Programs& all);
+
+bool isRefusedStill(const Evidence& evidence)
+{
+    return evidence.pinsRefused != 0 && evidence.pinsRefusedSinceAccepted != 0;
+}
+
+std::optional<Cause> twoPins(const std::string& program, const Evidence& evidence, const Programs& all)
+{
+    const auto other = std::ranges::find_if(
+        all, [&](const auto& each) { return each.first != program && each.second.loginsAccepted != 0; });
+    if (!isRefusedStill(evidence) || other == all.end())
+        return std::nullopt;
+    return Cause{90, "Two programs use two PINs: " + program + " has an old or wrong one",
+                 other->first + " logged in; the PIN of " + program + " was refused " + times(evidence.pinsRefused) +
+                     (evidence.pinsLocked != 0 ? ", and is locked now." : "."),
+                 "Give " + program + " the PIN that " + other->first +
+                     " uses, before it spends the tries that are left."};
+}
+
+std::optional<Cause> lockedPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.pinsLocked == 0 || !isRefusedStill(evidence))
+        return std::nullopt;
+    const std::uint64_t wrong = evidence.pinsRefused - evidence.pinsLocked;
+    std::string title = "The PIN is locked";
+    if (wrong != 0 && evidence.loginsAccepted == 0)
+        title = "PIN refused " + times(wrong) + " and then locked: " + program + " uses a wrong or an old PIN";
+    return Cause{
+        88, title, program + ": the last refusal left no tries.",
+        "Unlock the user PIN with the SO PIN, and find out which program keeps an old PIN before it locks again."};
+}
+
+std::optional<Cause> wrongPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.pinsRefused == 0 || evidence.pinsLocked != 0)
+        return std::nullopt;
+    const bool isOver = evidence.pinsRefusedSinceAccepted == 0;
+    return Cause{isOver ? 30 : 85, isOver ? "A wrong PIN, followed by the right one" : "Wrong PIN",
+                 program + ": refused " + times(evidence.pinsRefused) + ", " + evidence.triesLeft +
+                     (evidence.triesLeft == "1" ? " try left." : " tries left."),
+                 "Give the right PIN; do not repeat a wrong one, each try counts."};
+}
+
+std::optional<Cause> noLibrary(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.libraryFailures == 0)
+        return std::nullopt;
+    return Cause{95, "No device library: it did not start",
+                 program + ": C_Initialize answered CKR_OK, but every call behind it is refused as not initialized.",
+                 "See that VelkorDSCLibrary lies beside the module, is the right one, and can load what it needs."};
+}
+
+std::optional<Cause> otherLayout(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.layoutMismatches == 0)
+        return std::nullopt;
+    return Cause{92, "Mixed-up structure layouts: host and module were built for different ones",
+                 program + ": sizes or types in templates that no host means, " + times(evidence.layoutMismatches) +
+                     ".",
+                 "Load velkor-pkcs11.so with programs of Linux; velkor-pkcs11-packed.so is for packed structures and "
+                 "32-bit numbers."};
+}
+
+std::optional<Cause> notStarted(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    const bool isRefused = evidence.callsBeforeStart != 0 && evidence.libraryFailures == 0;
+    if (!isRefused && evidence.instanceUnknown == 0)
+        return std::nullopt;
+    const std::string part = evidence.initialized != 0 ? "a child process of the host" : "the host";
+    return Cause{
+        84, "C_Initialize was not called: " + part + " forgot it",
+        program + ": calls were refused as not initialized " +
+            times(std::max(evidence.callsBeforeStart, evidence.instanceUnknown)) +
+            (evidence.initialized != 0 ? ", though another process of this name had started the module." : "."),
+        "Call C_Initialize in every process; in a forked child call C_Finalize first, then C_Initialize."};
+}
+
+std::optional<Cause> forked(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.startedTwice == 0)
+        return std::nullopt;
+    return Cause{
+        55, "C_Initialize was called twice, or in a forked child",
+        program + ": refused as already initialized " + times(evidence.startedTwice) + ".",
+        "Accept the code where two parts of a host share the module; in a forked child call C_Finalize first."};
+}
+
+std::optional<Cause> removed(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.devicesGone == 0)
+        return std::nullopt;
+    return Cause{82, "The device was removed",
+                 program + ": a key went away, or could not be reached, " + times(evidence.devicesGone) + ".",
+                 "Plug the key in; then fetch the slot list and log in again."};
+}
+
+std::optional<Cause> oldFirmware(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.firmwareRefusals == 0)
+        return std::nullopt;
+    std::string versions;
+    for (const std::string& version : evidence.firmware)
+        versions += (versions.empty() ? "" : ", ") + version;
+    return Cause{80, "Old firmware: the token does not do this mechanism",
+                 program + ": refused " + times(evidence.firmwareRefusals) + " on firmware " + versions + ".",
+                 "PSS, OAEP and ECDH need firmware 2.0.0: use another mechanism, or a token with newer firmware."};
+}
+
+std::optional<Cause> fips(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.fipsRefusals == 0)
+        return std::nullopt;
+    return Cause{79, "FIPS 140-3 rules: the token does not sign with SHA-1 or MD5",
+                 program + ": refused " + times(evidence.fipsRefusals) + ".", "Sign with SHA-256 or stronger."};
+}
+
+std::optional<Cause> otherKey(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.keyMismatches == 0)
+        return std::nullopt;
+    return Cause{78, "The data or the buffer belongs to another key",
+                 program +
+                     ": data of a length or content that does not suit the key, or a buffer sized for another "
+                     "one, " +
+                     times(evidence.keyMismatches) + ".",
+                 "Check which key the data was made for; look each key up right before its operation, and ask for "
+                 "lengths first."};
+}
+
+std::optional<Cause> oldSession(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.sessionsUnknownAfterEnd == 0)
+        return std::nullopt;
+    return Cause{70, "Session handle invalid after C_Finalize",
+                 program + ": " + times(evidence.sessionsUnknownAfterEnd) + ".",
+                 "Sessions end with C_Finalize: open new ones after C_Initialize."};
+}
+
+std::optional<Cause> afterEnd(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.callsAfterEnd == 0)
+        return std::nullopt;
+    return Cause{69, "Calls after C_Finalize", program + ": " + times(evidence.callsAfterEnd) + ".",
+                 "Call C_Initialize before the module is used again."};
+}
+
+std::optional<Cause> unknownSession(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.sessionsUnknown == 0)
+        return std::nullopt;
+    return Cause{68, "Session handle invalid", program + ": " + times(evidence.sessionsUnknown) + ".",
+                 "Forget handles when sessions are closed; C_CloseAllSessions closes those of all slots."};
+}
+
+std::optional<Cause> noLogin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.withoutLogin == 0)
+        return std::nullopt;
+    return Cause{66, "Nobody is logged in: the device wanted a PIN",
+                 program + ": " + times(evidence.withoutLogin) + ".",
+                 "Log in before keys are used. A removed key or a login on another token drops the PIN."};
+}
+
+std::optional<Cause> noKey(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.noTokens == 0)
+        return std::nullopt;
+    return Cause{64, "No key is plugged in", program + ": the list of keys was empty " + times(evidence.noTokens) + ".",
+                 "Plug the key in, and see that the system knows it."};
+}
+
+std::optional<Cause> mostRefused(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    const auto most = std::ranges::max_element(evidence.refusals, {}, [](const auto& each) { return each.second; });
+    if (most == evidence.refusals.end())
+        return std::nullopt;
+    return Cause{40, most->first, program + ": " + times(most->second) + ".", ""};
+}
+
+std::optional<Cause> noCertificate(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.certificateSearches == 0 || evidence.certificatesFound != 0 || evidence.privateKeysFound == 0)
+        return std::nullopt;
+    return Cause{50, "Key without certificate: the token has a private key and no certificate",
+                 program + ": private keys were found, and a search for certificates found none " +
+                     times(evidence.certificateSearches) + ".",
+                 "Put the key's certificate on the token."};
+}
+
+std::optional<Cause> incomplete(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (!evidence.beginsInTheMiddle)
+        return std::nullopt;
+    return Cause{20, "Log incomplete: its first lines are lost",
+                 program + ": the log begins in the middle of a program's life.",
+                 "On a machine without the folders of the log the first two lines are lost; otherwise debug lines were "
+                 "turned on later, or the program runs since yesterday."};
+}
+
+constexpr Finder FINDERS[] = {twoPins, lockedPin,   wrongPin,    noLibrary,     otherLayout, notStarted, forked,
+                              removed, oldFirmware, fips,        otherKey,      oldSession,  afterEnd,   unknownSession,
+                              noLogin, noKey,       mostRefused, noCertificate, incomplete};
+
+} // namespace
+
+void Investigation::add(const Call& call)
+{
+    const auto known = programs_.find(call.program);
+    Evidence& evidence = known != programs_.end() ? known->second : programs_[std::string(call.program)];
+    if (evidence.calls++ == 0 && !canBeFirst(call))
+        evidence.beginsInTheMiddle = true;
+    const std::uint64_t special = countOfSpecial(evidence);
+    for (const CallLine& line : call.lines)
+        addLine(evidence, call, line);
+    addLifecycle(evidence, call);
+    addRefusal(evidence, call, countOfSpecial(evidence) != special);
+}
+
+void Investigation::addUnwritable(const std::string& log, const std::string& why)
+{
+    unwritable_.push_back(log + ": " + why);
+}
+
+std::vector<Cause> Investigation::causes() const
+{
+    std::vector<Cause> causes;
+    for (const std::string& log : unwritable_)
+        causes.push_back({100, "The log cannot be written", log + "; the module's lines are lost.",
+                          "Remove what stands there; see that the folder is the user's own and the disk is not full."});
+    for (const auto& [program, evidence] : programs_) {
+        for (const Finder find : FINDERS) {
+            if (auto cause = find(program, evidence, programs_))
+                causes.push_back(std::move(*cause));
+        }
+    }
+    std::ranges::stable_sort(causes, std::ranges::greater(), &Cause::weight);
+    return causes;
+}
+
+} // namespace velkor::trace

@@ -1,0 +1,74 @@
+// What is most likely wrong, by what the calls of each program show.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "calls.h"
+
+namespace velkor::trace
+{
+
+struct Cause {
+    int weight = 0;      ///< The larger, the likelier.
+    std::string title;   ///< One line.
+    std::string details; ///< What in the log speaks for it.
+    std::string advice;  ///< What to do.
+};
+
+/// What the calls of one program show.
+struct Evidence {
+    std::uint64_t libraryFailures = 0;
+    std::uint64_t initialized = 0;
+    std::uint64_t callsBeforeStart = 0; ///< Refused as not initialised, though no C_Finalize was seen.
+    std::uint64_t callsAfterEnd = 0;    ///< The same after a C_Finalize.
+    std::uint64_t startedTwice = 0;
+    std::uint64_t instanceUnknown = 0; ///< The library knows the process's instance no more.
+    std::uint64_t loginsAccepted = 0;
+    std::uint64_t pinsRefused = 0;
+    std::uint64_t pinsRefusedSinceAccepted = 0;
+    std::uint64_t pinsLocked = 0;
+    std::string triesLeft; ///< After the last refused PIN.
+    std::uint64_t sessionsUnknown = 0;
+    std::uint64_t sessionsUnknownAfterEnd = 0;
+    std::uint64_t devicesGone = 0;
+    std::uint64_t noTokens = 0;
+    std::uint64_t keyMismatches = 0; ///< Data or buffers that belong to another key.
+    std::uint64_t withoutLogin = 0;  ///< The device wanted a PIN and there was none.
+    std::uint64_t layoutMismatches = 0;
+    std::uint64_t firmwareRefusals = 0;
+    std::set<std::string> firmware; ///< That was refused for its age.
+    std::uint64_t fipsRefusals = 0;
+    std::uint64_t privateKeysFound = 0;
+    std::uint64_t certificatesFound = 0;
+    std::uint64_t certificateSearches = 0;         ///< That found nothing.
+    bool beginsInTheMiddle = false;                ///< Lines of the start are missing.
+    std::map<std::string, std::uint64_t> refusals; ///< Others, by what they mean.
+
+    bool hasEnded = false;
+    bool isRunning = false;
+    std::uint64_t calls = 0;
+    std::string searchedClass;
+};
+
+/// Collects what speaks for a cause, call by call.
+class Investigation
+{
+public:
+    void add(const Call& call);
+    /// A log that the module cannot write, and why.
+    void addUnwritable(const std::string& log, const std::string& why);
+
+    /// The likeliest first; empty when nothing is wrong.
+    std::vector<Cause> causes() const;
+
+private:
+    std::map<std::string, Evidence, std::less<>> programs_;
+    std::vector<std::string> unwritable_;
+};
+
+} // namespace velkor::trace
