@@ -224,7 +224,7 @@ void CallBuilder::complete()
 {
     if (!current_)
         return;
-    if (isUnsupported(current_->function) && current_->hasEntry) {
+    if (current_->hasEntry && current_->lines.size() == 1 && isUnsupported(current_->function)) {
         current_->outcome = Outcome::Refused;
         current_->code = CKR_FUNCTION_NOT_SUPPORTED;
     } else if (endedSilently(*current_)) {

@@ -70,6 +70,8 @@ public:
     void add(const LogLine& line);
     /// Ends the call in progress.
     void finish();
+    /// Whether the call in progress has been refused, so that it is as good as complete.
+    bool isRefused() const { return current_ && current_->outcome == Outcome::Refused; }
     /// A call that is complete; false when there is none yet.
     bool take(Call& call);
 

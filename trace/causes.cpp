@@ -123,13 +123,55 @@ void addSearch(Evidence& evidence, const KnownText& known)
     }
 }
 
+/// What is looked for in lines of a row: made once, since logs have millions of lines.
+struct Interest {
+    std::vector<std::uint64_t Evidence::*> marks;
+    bool inValues = false;
+    bool inLongNumbers = false; ///< Types of another layout have more digits than 32 bits.
+    std::size_t shortest = 0;   ///< Of a line that can have such a number.
+};
+
+Interest interestIn(const TextRow& row)
+{
+    constexpr std::string_view VALUES[] = {"{status}", "{tries}", "{version}", "{class}", "{found}", "{objects}"};
+    constexpr std::string_view TYPES[] = {"{attribute}", "{mechanism}"};
+    const auto hasAny = [&](const auto& kinds) {
+        return std::ranges::any_of(kinds, [&](std::string_view kind) { return contains(row.pattern, kind); });
+    };
+    Interest interest;
+    for (const Mark& mark : MARKS) {
+        if (contains(row.pattern, mark.part))
+            interest.marks.push_back(mark.count);
+    }
+    interest.inValues = hasAny(VALUES) || row.pattern.starts_with("Slot event:") ||
+                        row.pattern.starts_with("Find object init count") || contains(row.pattern, "CKA_CLASS");
+    interest.inLongNumbers = hasAny(TYPES);
+    interest.shortest = row.pattern.find('{') + std::to_string(std::numeric_limits<std::uint32_t>::max()).size();
+    return interest;
+}
+
+const Interest& interestOf(const TextRow& row)
+{
+    static const std::vector<Interest> interests = [] {
+        std::vector<Interest> all;
+        for (const TextRow& each : textRows())
+            all.push_back(interestIn(each));
+        return all;
+    }();
+    return interests[static_cast<std::size_t>(&row - textRows().data())];
+}
+
 void addLine(Evidence& evidence, const Call& call, const CallLine& line)
 {
-    KnownText known;
-    if (line.row == nullptr || !findText(line.text, known))
+    if (line.row == nullptr)
         return;
-    for (const Mark& mark : MARKS)
-        evidence.*mark.count += contains(known.row->pattern, mark.part) ? 1U : 0U;
+    const Interest& interest = interestOf(*line.row);
+    for (const auto count : interest.marks)
+        ++(evidence.*count);
+    const bool mayHaveType = interest.inLongNumbers && line.text.size() >= interest.shortest;
+    KnownText known;
+    if ((!interest.inValues && !mayHaveType) || !findText(line.text, known))
+        return;
     if (contains(known.row->pattern, "not supported on firmware"))
         evidence.firmware.emplace(printable(known.value("version")));
     // Only when it begins, the first count is the larger one.

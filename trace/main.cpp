@@ -1,14 +1,18 @@
 // velkor-trace: says what happened in the module's log, in words.
+#include <chrono>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "describe.h"
 #include "filter.h"
+#include "html.h"
 #include "output.h"
 #include "redaction.h"
 #include "sources.h"
@@ -29,7 +33,10 @@ struct Options {
     std::string slow;
     bool json = false;
     bool redact = false;
+    bool noRedact = false; ///< Of pages, which are redacted otherwise.
     bool noPager = false;
+    bool follow = false;
+    std::string html;
 };
 
 /// A wrong use that CLI11 does not know of.
@@ -82,6 +89,74 @@ ExitCode tellNoLogs(const Options& options)
     return ExitCode::NothingRead;
 }
 
+/// A log that is followed.
+struct FollowedLog {
+    std::unique_ptr<Source> source;
+    std::chrono::steady_clock::time_point lastCall;
+    std::vector<std::string> notes;
+};
+
+/// Prints a call if it is wanted. False when nobody reads any more.
+bool print(Call& call, const Options& options, const TableStyle& style, std::FILE* file)
+{
+    if (!options.filter.wants(call))
+        return true;
+    if (options.redact)
+        redact(call);
+    const std::string row = options.json ? jsonLine(callAsJson(call)) : tableRow(call, style);
+    return std::fputs(row.c_str(), file) >= 0;
+}
+
+/// Prints what a log has had since the last look. False when nobody reads any more.
+bool followLog(FollowedLog& log, const Options& options, const TableStyle& style)
+{
+    using namespace std::chrono_literals;
+    const auto now = std::chrono::steady_clock::now();
+    log.source->refresh();
+    Call call;
+    for (bool isEnded = false; true;) {
+        while (log.source->next(call, true)) {
+            log.lastCall = now;
+            if (!print(call, options, style, stdout))
+                return false;
+        }
+        // What was refused is over; what is at work may take long.
+        const auto patience = log.source->builder().isRefused() ? 300ms : 10s;
+        if (isEnded || now - log.lastCall < patience)
+            break;
+        log.source->finish();
+        isEnded = true;
+    }
+    if (const auto notes = notesInWords(*log.source); notes != log.notes) {
+        log.notes = notes;
+        for (const std::string& note : notes)
+            std::fprintf(stderr, "velkor-trace: %s: %s\n", log.source->reader().path().string().c_str(), note.c_str());
+    }
+    return std::fflush(stdout) == 0;
+}
+
+/// Shows calls as they come, until it is interrupted: those of logs that appear too, and of the next day's.
+ExitCode follow(Options& options)
+{
+    readTimes(options);
+    const TableStyle style = {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), true};
+    if (!options.json)
+        std::fputs(tableHeader(style).c_str(), stdout);
+    std::map<std::filesystem::path, FollowedLog> logs;
+    while (true) {
+        for (const auto& path : chosenLogs(options)) {
+            FollowedLog& log = logs[path];
+            if (!log.source)
+                log = {std::make_unique<Source>(path), std::chrono::steady_clock::now(), {}};
+        }
+        for (auto& [path, log] : logs) {
+            if (!followLog(log, options, style))
+                return ExitCode::Done;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
 ExitCode show(Options& options)
 {
     readTimes(options);
@@ -95,12 +170,7 @@ ExitCode show(Options& options)
         if (!options.json)
             std::fputs(tableHeader(style).c_str(), output.file());
         for (Call call; calls.next(call);) {
-            if (!options.filter.wants(call))
-                continue;
-            if (options.redact)
-                redact(call);
-            const std::string row = options.json ? jsonLine(callAsJson(call)) : tableRow(call, style);
-            if (std::fputs(row.c_str(), output.file()) < 0)
+            if (!print(call, options, style, output.file()))
                 break; // The reader has seen enough.
         }
     }
@@ -133,6 +203,34 @@ ExitCode summarize(Options& options)
     return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
 }
 
+ExitCode writePage(Options& options)
+{
+    readTimes(options);
+    const auto logs = chosenLogs(options);
+    if (logs.empty())
+        return tellNoLogs(options);
+    struct Close {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+    const std::unique_ptr<std::FILE, Close> file(std::fopen(options.html.c_str(), "wb"));
+    if (!file)
+        throw std::runtime_error("cannot write " + options.html);
+    HtmlPage page(file.get());
+    MergedCalls calls(logs);
+    Summary summary;
+    for (Call call; calls.next(call);) {
+        if (!options.filter.wants(call))
+            continue;
+        if (!options.noRedact)
+            redact(call);
+        summary.add(call);
+        page.add(call);
+    }
+    if (!page.finish(summary))
+        throw std::runtime_error("cannot write " + options.html);
+    return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
+}
+
 ExitCode explainQuestion(const std::vector<std::string>& words)
 {
     std::string question;
@@ -157,6 +255,10 @@ void addOptions(CLI::App& app, Options& options)
     app.add_option("--slow", options.slow, "Only calls that took at least this long")->type_name("TIME");
     app.add_flag("--json", options.json, "Print JSON, one object a call");
     app.add_flag("--redact", options.redact, "Hide hashes, inputs, identifiers, labels and paths");
+    app.add_flag("--no-redact", options.noRedact, "Show them on a page too");
+    app.add_option("--html", options.html, "Write one page for a browser, redacted unless told otherwise")
+        ->type_name("FILE");
+    app.add_flag("--follow", options.follow, "Show calls as they come, of logs that appear too");
     app.add_flag("--no-pager", options.noPager, "Do not use a pager");
 }
 
@@ -174,6 +276,10 @@ ExitCode run(CLI::App& app, int argc, char** argv)
         app.parse(argc, argv);
         if (explaining->parsed())
             return explainQuestion(question);
+        if (!options.html.empty())
+            return writePage(options);
+        if (options.follow)
+            return follow(options);
         return summary->parsed() ? summarize(options) : show(options);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0)

@@ -19,7 +19,7 @@ constexpr std::size_t TIME_WIDTH = 12;
 constexpr std::size_t DURATION_WIDTH = 9;
 constexpr std::size_t PROGRAM_WIDTH = 12;
 constexpr std::size_t CALL_WIDTH = 20;
-constexpr std::size_t OUTCOME_WIDTH = 24;
+constexpr std::size_t OUTCOME_WIDTH = 25;
 /// Narrower than this the explanation goes to a line of its own.
 constexpr std::size_t EXPLANATION_LEAST = 30;
 
@@ -128,7 +128,9 @@ const char* outcomeKey(const Call& call)
 std::string tableHeader(const TableStyle& style)
 {
     const std::string header = columns(style, "TIME", "DURATION", "PROGRAM", "CALL", padded("OUTCOME", OUTCOME_WIDTH));
-    return coloured(header + "EXPLANATION", "1", style.colours) + "\n";
+    const bool isBeside =
+        style.width == 0 || static_cast<std::size_t>(style.width) >= header.size() + EXPLANATION_LEAST;
+    return coloured(isBeside ? header + "EXPLANATION" : header, "1", style.colours) + "\n";
 }
 
 std::string tableRow(const Call& call, const TableStyle& style)

@@ -90,12 +90,19 @@ void Summary::addSlow(const Call& call)
     slowest_.resize(std::min(slowest_.size(), SLOWEST_KEPT));
 }
 
+/// Whether lines of a row can name slots or tokens.
+bool Summary::namesTokens(const TextRow& row)
+{
+    const auto has = [&](std::string_view part) { return row.pattern.find(part) != std::string_view::npos; };
+    return has("{slot}") || has("{version}") || row.pattern.starts_with("Slot event:");
+}
+
 void Summary::addTokens(const Call& call)
 {
     KnownText known;
     for (const CallLine& line : call.lines) {
-        const bool mayName = line.row != nullptr && line.row->kind != TextKind::Refusal && findText(line.text, known);
-        if (!mayName || slots_.size() + firmware_.size() > SETS_KEPT)
+        const bool mayName = line.row != nullptr && line.row->kind != TextKind::Refusal && namesTokens(*line.row);
+        if (!mayName || !findText(line.text, known) || slots_.size() + firmware_.size() > SETS_KEPT)
             continue;
         if (const auto slot = known.value("slot"); !slot.empty())
             slots_.insert(valueInWords("slot", slot));

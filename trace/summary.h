@@ -49,6 +49,7 @@ private:
     void addLogin(OfProgram& program, const Call& call);
     void addSlow(const Call& call);
     void addTokens(const Call& call);
+    static bool namesTokens(const TextRow& row);
 
     std::map<std::string, OfFunction, std::less<>> functions_;
     std::map<std::string, OfProgram, std::less<>> programs_;

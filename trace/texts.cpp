@@ -223,7 +223,8 @@ std::string_view functionAtStart(std::string_view text)
 
 bool isFunction(std::string_view text)
 {
-    return text.size() > 3 && functionAtStart(text).size() == text.size();
+    // Most texts end in a number, and are told by that alone.
+    return text.size() > 3 && (text.back() < '0' || text.back() > '9') && functionAtStart(text).size() == text.size();
 }
 
 std::string_view KnownText::value(std::string_view kind) const
