@@ -85,7 +85,10 @@ bool tellNotes(const std::vector<std::unique_ptr<Source>>& sources)
 ExitCode tellNoLogs(const Options& options)
 {
     const std::string place = options.files.empty() ? logFolder().string() : options.files.front();
-    std::fprintf(stderr, "velkor-trace: there are no logs of today in %s\n", place.c_str());
+    std::error_code error;
+    std::filesystem::directory_iterator(place, error);
+    const std::string reason = error ? ": " + error.message() : "";
+    std::fprintf(stderr, "velkor-trace: there are no logs of today in %s%s\n", place.c_str(), reason.c_str());
     return ExitCode::NothingRead;
 }
 

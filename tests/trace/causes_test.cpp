@@ -106,6 +106,20 @@ TEST(TraceCausesTest, WhatIsRefusedMostIsNamedWhereNothingElseIs)
               "C_GetMechanismList that signs."});
 }
 
+TEST(TraceRecordedHostTest, TheLogOfARealHostIsReadWhole)
+{
+    MergedCalls merged({std::filesystem::path(SOURCES) / "tests/trace/recorded/pkcs11-tool/2026-11-22.LOG"});
+    Summary summary;
+    for (Call call; merged.next(call);) {
+        EXPECT_FALSE(call.isMixed) << call.function;
+        summary.add(call);
+    }
+    EXPECT_EQ(notesInWords(*merged.sources().front()), Lines{});
+    ASSERT_FALSE(summary.causes().empty());
+    EXPECT_EQ(summary.causes().front().title, "Wrong PIN");
+    EXPECT_EQ(summary.json()["programs"]["pkcs11-tool"]["loginsAccepted"], 2);
+}
+
 TEST(TraceSummaryTest, CountsCallsLoginsAndRefusals)
 {
     const auto document =

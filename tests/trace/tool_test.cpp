@@ -115,6 +115,14 @@ TEST_F(TraceToolTest, TellsOfWrongUse)
     EXPECT_EQ(runTool("--version").output.substr(0, 13), "velkor-trace ");
 }
 
+TEST_F(TraceToolTest, SaysWhereItFoundNoLogs)
+{
+    const ToolRun run =
+        runCommand("TMPDIR='" + std::filesystem::absolute(folder_ / "nowhere").string() + "' " + TRACE_TOOL);
+    EXPECT_EQ(run.code, 3);
+    EXPECT_NE(run.output.find("nowhere/Brenmoor: "), std::string::npos) << run.output;
+}
+
 TEST_F(TraceToolTest, ReadsTheOthersWhereOneLogIsMissing)
 {
     const ToolRun run = runTool("'" + (folder_ / "missing.LOG").string() + "' " + path());
