@@ -190,10 +190,11 @@ std::string_view codeMeaning(Number code)
     return found != std::end(CODES) ? found->meaning : std::string_view();
 }
 
-std::string objectName(Number handle)
+std::string objectName(Number number)
 {
-    if (handle < PRIVATE_KEY_BASE || handle > DERIVED_KEY_BASE + std::numeric_limits<std::uint16_t>::max())
+    if (number < PRIVATE_KEY_BASE || number > DERIVED_KEY_BASE + std::numeric_limits<std::uint16_t>::max())
         return {};
+    const auto handle = static_cast<CK_OBJECT_HANDLE>(number);
     if (isPrivateKeyHandle(handle))
         return "private key " + std::to_string(keyPairIdOf(handle));
     if (isPublicKeyHandle(handle))

@@ -32,7 +32,7 @@ std::string codeName(Number code);
 std::string_view codeMeaning(Number code);
 
 /// "private key 5", "certificate 0", "derived key 1"; empty for what is the handle of no object.
-std::string objectName(Number handle);
+std::string objectName(Number number);
 /// "slot 1"; empty for what is no slot's ID.
 std::string slotName(Number slotID);
 /// "session 2"; empty for what is no session's handle.
