@@ -13,6 +13,10 @@ namespace
 /// 2^14 rounds over 1 KiB each are 16 MiB.
 constexpr std::uint32_t CHEAP_LOG_N = 14;
 constexpr unsigned SLOTS_MAX = 8;
+/// How often there may be that many slots more, since those who are in the others do not get on.
+constexpr unsigned EXTENSIONS_MAX = 4;
+/// Hundreds who look for a slot all the time would leave no processor to those who have one.
+constexpr std::chrono::milliseconds PAUSE{100};
 
 /// A derivation keeps one processor busy.
 unsigned countSlots()
@@ -25,22 +29,21 @@ std::filesystem::path slotAt(const std::filesystem::path& folder, unsigned numbe
     return folder / (".derive" + std::to_string(number));
 }
 
-/// A number that changes whenever a slot is taken.
-std::uint64_t progressOf(const std::filesystem::path& folder)
+/// A number that changes whenever one of the first slots is taken.
+std::uint64_t progressOf(const std::filesystem::path& folder, unsigned slots)
 {
     std::uint64_t sum = 0;
     std::error_code failure;
-    for (unsigned number = 0; number < countSlots(); ++number) {
+    for (unsigned number = 0; number < slots; ++number) {
         const auto taken = std::filesystem::last_write_time(slotAt(folder, number), failure);
         sum += failure ? 0 : static_cast<std::uint64_t>(taken.time_since_epoch().count());
     }
     return sum;
 }
 
-std::optional<FileLock> takeSlot(const std::filesystem::path& folder)
+std::optional<FileLock> takeSlot(const std::filesystem::path& folder, unsigned slots)
 {
     static thread_local std::minstd_rand random(std::random_device{}());
-    const unsigned slots = countSlots();
     const auto first = static_cast<unsigned>(random() % slots);
     for (unsigned i = 0; i < slots; ++i) {
         const std::filesystem::path file = slotAt(folder, (first + i) % slots);
@@ -53,24 +56,35 @@ std::optional<FileLock> takeSlot(const std::filesystem::path& folder)
     return std::nullopt;
 }
 
-std::optional<FileLock> awaitSlot(const std::filesystem::path& folder)
+/// One of the first slots; throws StorageBusy when nobody got one of them for too long.
+FileLock awaitSlot(const std::filesystem::path& folder, unsigned slots)
 {
-    Patience patience([&] { return progressOf(folder); });
-    try {
-        for (;;) {
-            if (std::optional<FileLock> slot = takeSlot(folder))
-                return slot;
-            patience.pause();
-        }
-    } catch (const Refusal&) {
-        return std::nullopt; // Those in the slots were stopped, or there can be no slots: no reason to refuse a PIN.
+    Patience patience([&] { return progressOf(folder, slots); }, PAUSE);
+    for (;;) {
+        if (std::optional<FileLock> slot = takeSlot(folder, slots))
+            return std::move(*slot);
+        patience.pause();
     }
+}
+
+/// Those in the slots may have been stopped. Then there are some more, and not as many as there are who wait.
+std::optional<FileLock> awaitAnySlot(const std::filesystem::path& folder)
+{
+    for (unsigned extension = 0; extension <= EXTENSIONS_MAX; ++extension) {
+        try {
+            return awaitSlot(folder, countSlots() * (extension + 1));
+        } catch (const Refusal& refusal) {
+            if (refusal.status() != SoftkeyStatus::StorageBusy)
+                return std::nullopt; // There can be no slots: no reason to refuse a PIN.
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace
 
 DerivationSlot::DerivationSlot(const std::filesystem::path& folder, const ScryptCost& cost)
-    : slot_(cost.logN > CHEAP_LOG_N ? awaitSlot(folder) : std::nullopt)
+    : slot_(cost.logN > CHEAP_LOG_N ? awaitAnySlot(folder) : std::nullopt)
 {
 }
 

@@ -14,8 +14,8 @@ namespace softkey
 class DerivationSlot
 {
 public:
-    /// Waits until one of the folder's slots is free, as long as those in them get on; then goes without one. Cheap
-    /// derivations need none.
+    /// Waits until one of the folder's slots is free, as long as those in them get on; then for one of some more, and
+    /// in the end goes without one. Cheap derivations need none.
     DerivationSlot(const std::filesystem::path& folder, const ScryptCost& cost);
 
 private:
