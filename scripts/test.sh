@@ -66,6 +66,11 @@ demo() {
     scripts/demo.sh >build/demo.log 2>&1 || { cat build/demo.log; return 1; }
 }
 
+# Every kind of what scripts/softkey-hard.sh does, but few of each.
+softkey_hard() {
+    scripts/softkey-hard.sh --short >build/softkey-hard.log 2>&1 || { cat build/softkey-hard.log; return 1; }
+}
+
 mkdir -p build
 for preset in release asan tsan; do
     before=$failed
@@ -73,6 +78,7 @@ for preset in release asan tsan; do
     [ "$failed" -gt "$before" ] || step "test $preset" run_tests "$preset"
 done
 step "demo" count "demo" demo
+step "softkey-hard" count "softkey-hard" softkey_hard
 step "clang-format" count "clang-format" check_format
 step "clang-tidy" count "clang-tidy" check_tidy
 
