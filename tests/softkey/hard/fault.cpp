@@ -27,7 +27,7 @@ std::string setting(const char* name)
     return value == nullptr ? "" : value;
 }
 
-enum class Call { Reads, Changes };
+enum class FailingCall { Reads, Changes };
 enum class Verdict { GoOn, Fail, FailHalfway };
 
 bool isBelowFolder(const char* path)
@@ -59,13 +59,13 @@ void reportHit(const char* call)
 }
 
 /// What becomes of a call. A full disk stays full.
-Verdict judge(const char* name, Call call, bool grows)
+Verdict judge(const char* name, FailingCall call, bool grows)
 {
     static const long at = std::atol(setting("HARD_AT").c_str());
     static const std::string what = setting("HARD_DO");
     static const bool onlyChanges = setting("HARD_CALLS") == "changes";
     static std::atomic<long> count{0};
-    if (at == 0 || (onlyChanges && call != Call::Changes))
+    if (at == 0 || (onlyChanges && call != FailingCall::Changes))
         return Verdict::GoOn;
     const long now = ++count;
     const bool isFull = what == "full";
@@ -82,7 +82,7 @@ Verdict judge(const char* name, Call call, bool grows)
 }
 
 template <class Where>
-Verdict judgeAt(const Where& where, const char* name, Call call, bool grows = false)
+Verdict judgeAt(const Where& where, const char* name, FailingCall call, bool grows = false)
 {
     return isBelowFolder(where) ? judge(name, call, grows) : Verdict::GoOn;
 }
@@ -101,7 +101,7 @@ mode_t modeOf(int flags, va_list& arguments)
 int openCounted(const char* name, const char* path, int flags, mode_t mode)
 {
     const bool makes = (flags & O_CREAT) != 0 && access(path, F_OK) != 0;
-    if (judgeAt(path, "open", makes ? Call::Changes : Call::Reads, makes) != Verdict::GoOn)
+    if (judgeAt(path, "open", makes ? FailingCall::Changes : FailingCall::Reads, makes) != Verdict::GoOn)
         return -1;
     return original<int(const char*, int, ...)>(name)(path, flags, mode);
 }
@@ -109,7 +109,7 @@ int openCounted(const char* name, const char* path, int flags, mode_t mode)
 int lockCounted(const char* name, int descriptor, int command, void* argument)
 {
     const bool locks = command == F_SETLK || command == F_SETLKW;
-    if (locks && judgeAt(descriptor, "fcntl", Call::Reads) != Verdict::GoOn)
+    if (locks && judgeAt(descriptor, "fcntl", FailingCall::Reads) != Verdict::GoOn)
         return -1;
     return original<int(int, int, ...)>(name)(descriptor, command, argument);
 }
@@ -159,21 +159,21 @@ int fcntl64(int descriptor, int command, ...)
 
 int flock(int descriptor, int operation) noexcept
 {
-    if (judgeAt(descriptor, "flock", Call::Reads) != Verdict::GoOn)
+    if (judgeAt(descriptor, "flock", FailingCall::Reads) != Verdict::GoOn)
         return -1;
     return original<int(int, int)>("flock")(descriptor, operation);
 }
 
 ssize_t pread64(int descriptor, void* buffer, std::size_t size, off64_t offset)
 {
-    if (judgeAt(descriptor, "pread", Call::Reads) != Verdict::GoOn)
+    if (judgeAt(descriptor, "pread", FailingCall::Reads) != Verdict::GoOn)
         return -1;
     return original<ssize_t(int, void*, std::size_t, off64_t)>("pread64")(descriptor, buffer, size, offset);
 }
 
 ssize_t pwrite64(int descriptor, const void* buffer, std::size_t size, off64_t offset)
 {
-    const Verdict verdict = judgeAt(descriptor, "pwrite", Call::Changes, true);
+    const Verdict verdict = judgeAt(descriptor, "pwrite", FailingCall::Changes, true);
     if (verdict == Verdict::Fail)
         return -1;
     return original<ssize_t(int, const void*, std::size_t, off64_t)>("pwrite64")(descriptor, buffer,
@@ -182,7 +182,7 @@ ssize_t pwrite64(int descriptor, const void* buffer, std::size_t size, off64_t o
 
 ssize_t write(int descriptor, const void* buffer, std::size_t size)
 {
-    const Verdict verdict = judgeAt(descriptor, "write", Call::Changes, true);
+    const Verdict verdict = judgeAt(descriptor, "write", FailingCall::Changes, true);
     if (verdict == Verdict::Fail)
         return -1;
     return original<ssize_t(int, const void*, std::size_t)>("write")(descriptor, buffer, sizeToWrite(verdict, size));
@@ -190,49 +190,49 @@ ssize_t write(int descriptor, const void* buffer, std::size_t size)
 
 ssize_t writev(int descriptor, const iovec* parts, int count)
 {
-    if (judgeAt(descriptor, "writev", Call::Changes, true) != Verdict::GoOn)
+    if (judgeAt(descriptor, "writev", FailingCall::Changes, true) != Verdict::GoOn)
         return -1;
     return original<ssize_t(int, const iovec*, int)>("writev")(descriptor, parts, count);
 }
 
 int ftruncate64(int descriptor, off64_t size) noexcept
 {
-    if (judgeAt(descriptor, "ftruncate", Call::Changes) != Verdict::GoOn)
+    if (judgeAt(descriptor, "ftruncate", FailingCall::Changes) != Verdict::GoOn)
         return -1;
     return original<int(int, off64_t)>("ftruncate64")(descriptor, size);
 }
 
 int fsync(int descriptor)
 {
-    if (judgeAt(descriptor, "fsync", Call::Changes) != Verdict::GoOn)
+    if (judgeAt(descriptor, "fsync", FailingCall::Changes) != Verdict::GoOn)
         return -1;
     return original<int(int)>("fsync")(descriptor);
 }
 
 int fdatasync(int descriptor)
 {
-    if (judgeAt(descriptor, "fdatasync", Call::Changes) != Verdict::GoOn)
+    if (judgeAt(descriptor, "fdatasync", FailingCall::Changes) != Verdict::GoOn)
         return -1;
     return original<int(int)>("fdatasync")(descriptor);
 }
 
 int link(const char* from, const char* to) noexcept
 {
-    if (judgeAt(to, "link", Call::Changes, true) != Verdict::GoOn)
+    if (judgeAt(to, "link", FailingCall::Changes, true) != Verdict::GoOn)
         return -1;
     return original<int(const char*, const char*)>("link")(from, to);
 }
 
 int rename(const char* from, const char* to) noexcept
 {
-    if (judgeAt(to, "rename", Call::Changes) != Verdict::GoOn)
+    if (judgeAt(to, "rename", FailingCall::Changes) != Verdict::GoOn)
         return -1;
     return original<int(const char*, const char*)>("rename")(from, to);
 }
 
 int unlink(const char* path) noexcept
 {
-    if (judgeAt(path, "unlink", Call::Changes) != Verdict::GoOn)
+    if (judgeAt(path, "unlink", FailingCall::Changes) != Verdict::GoOn)
         return -1;
     return original<int(const char*)>("unlink")(path);
 }
