@@ -37,7 +37,7 @@ std::string valuesOfCall(const Call& call)
         if (line.row == nullptr || !findText(line.text, known))
             continue;
         for (const TextValue& value : known.values) {
-            const std::string words = valueInWords(value.kind, value.text);
+            const std::string words = printable(valueInWords(value.kind, value.text));
             if (saysSomething(value) && std::ranges::find(shown, words) == shown.end())
                 shown.push_back(words);
         }
@@ -116,7 +116,7 @@ std::string pageOfText(const KnownText& known, std::string_view text)
     if (const std::string code = codeOfRow(*known.row); !code.empty())
         page += "  code: " + code + "\n";
     for (const TextValue& value : known.values)
-        page += "  " + std::string(value.text) + ": " + valueInWords(value.kind, value.text) + "\n";
+        page += "  " + printable(value.text) + ": " + printable(valueInWords(value.kind, value.text)) + "\n";
     page += "  meaning: " + std::string(known.row->meaning) + "\n";
     if (!known.row->remedy.empty())
         page += "  what to do: " + std::string(known.row->remedy) + "\n";

@@ -68,12 +68,21 @@ std::size_t innerLine(std::string_view whole)
     return std::string_view::npos;
 }
 
+/// Whether two bytes begin no character: one in too many bytes, half of a pair, beyond the last, or a control that
+/// terminals obey as they obey ESC.
+bool beginNoCharacter(unsigned char first, unsigned char second)
+{
+    return (first == 0xC2 && second < 0xA0) || (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
+           (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
+}
+
 /// Bytes of the UTF-8 sequence at the beginning of the text; 0 when it is none.
 std::size_t sequenceLength(std::string_view bytes)
 {
     const auto first = static_cast<unsigned char>(bytes.front());
     const std::size_t length = first >= 0xF0 && first < 0xF5 ? 4 : first >= 0xE0 ? 3 : first >= 0xC2 ? 2 : 0;
-    if (length == 0 || first >= 0xF5 || bytes.size() < length)
+    if (length == 0 || first >= 0xF5 || bytes.size() < length ||
+        beginNoCharacter(first, static_cast<unsigned char>(bytes[1])))
         return 0;
     for (std::size_t place = 1; place < length; ++place) {
         if ((static_cast<unsigned char>(bytes[place]) & 0xC0) != 0x80)

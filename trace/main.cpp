@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,6 +24,8 @@ namespace
 {
 
 using namespace velkor::trace;
+
+constexpr std::filesystem::perms OWNER_ALONE = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
 
 enum class ExitCode : int { Done = 0, Failed = 1, Usage = 2, NothingRead = 3 };
 
@@ -206,6 +209,15 @@ ExitCode summarize(Options& options)
     return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
 }
 
+void refuseToOverwriteLogs(const std::filesystem::path& page, const std::vector<std::filesystem::path>& logs)
+{
+    for (const std::filesystem::path& log : logs) {
+        std::error_code different;
+        if (std::filesystem::equivalent(page, log, different))
+            throw UsageError("--html: " + page.string() + " is a log");
+    }
+}
+
 ExitCode writePage(Options& options)
 {
     readTimes(options);
@@ -215,9 +227,13 @@ ExitCode writePage(Options& options)
     struct Close {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
+    refuseToOverwriteLogs(options.html, logs);
     const std::unique_ptr<std::FILE, Close> file(std::fopen(options.html.c_str(), "wb"));
     if (!file)
         throw std::runtime_error("cannot write " + options.html);
+    std::error_code unsupported;
+    if (options.noRedact) // Like the log itself.
+        std::filesystem::permissions(options.html, OWNER_ALONE, unsupported);
     HtmlPage page(file.get());
     MergedCalls calls(logs);
     Summary summary;

@@ -78,7 +78,7 @@ std::string columns(const TableStyle& style, const std::string& time, const std:
 {
     std::string row = padded(time, TIME_WIDTH) + padded(duration, DURATION_WIDTH, true);
     if (style.programs)
-        row += padded(std::string(program), PROGRAM_WIDTH);
+        row += padded(printable(program), PROGRAM_WIDTH);
     return row + padded(call, CALL_WIDTH) + outcome;
 }
 

@@ -64,8 +64,13 @@ std::vector<fs::path> todaysLogs(const fs::path& folder)
     for (fs::directory_iterator each(folder, error), end; !error && each != end; each.increment(error)) {
         const fs::path log = each->path() / todaysName();
         std::error_code unreadable;
-        if (fs::exists(fs::symlink_status(log, unreadable)))
-            logs.push_back(log);
+        std::error_code unresolved;
+        const bool isThere = fs::exists(fs::symlink_status(log, unreadable));
+        const fs::file_status status = fs::status(log, unresolved);
+        // Reading from a pipe would wait for ever.
+        const bool mayWait = fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status);
+        if ((isThere && !mayWait) || unreadable == std::errc::permission_denied)
+            logs.push_back(log); // One that cannot be opened is told of.
     }
     std::ranges::sort(logs);
     return logs;

@@ -199,7 +199,9 @@ public:
 private:
     static std::size_t slotOf(std::string_view name)
     {
-        const auto at = [&](std::size_t place) { return static_cast<unsigned char>(name[place]); };
+        const auto at = [&](std::size_t place) {
+            return place < name.size() ? static_cast<unsigned char>(name[place]) : 0U;
+        };
         return (at(2) * 31U + at(name.size() - 1) * 7U + at(name.size() / 2) * 3U + name.size()) % 256;
     }
 

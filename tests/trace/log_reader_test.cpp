@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 
@@ -85,6 +86,25 @@ TEST(TraceReaderTest, WrongBytesAreCountedAndNotShown)
     const ReadLog read = readText(logLine("10:00:00:000", "DEBUG", "Label not provided, using: \xFF\x1B[2J"));
     EXPECT_EQ(read.notes.wrongBytes, 1U);
     EXPECT_EQ(printable(read.texts.at(0)), "Label not provided, using: ??[2J");
+}
+
+TEST(TraceReaderTest, ControlsOfTerminalsAreNotShownHoweverTheyAreWritten)
+{
+    EXPECT_EQ(printable("\xC2\x9B"
+                        "2J"),
+              "??2J")
+        << "one that terminals obey";
+    EXPECT_EQ(printable("\xE0\x80\x9B"), "???") << "in too many bytes";
+    EXPECT_EQ(printable("\xED\xA0\x80"), "???") << "half of a pair";
+    EXPECT_EQ(printable("\xC2\xA0\xF0\x9F\x94\x91"), "\xC2\xA0\xF0\x9F\x94\x91");
+}
+
+TEST(TraceReaderTest, APipeInThePlaceOfALogIsNotWaitedFor)
+{
+    const std::filesystem::path folder = test::freshFolder();
+    std::filesystem::create_directories(folder / "program");
+    ASSERT_EQ(mkfifo((folder / "program" / todaysName()).c_str(), 0600), 0);
+    EXPECT_TRUE(todaysLogs(folder).empty());
 }
 
 TEST(TraceReaderTest, TextInUtf8IsNoWrongByte)

@@ -104,6 +104,22 @@ TEST_F(TraceToolTest, FitsIntoTheWidthOfATerminal)
     }
 }
 
+TEST_F(TraceToolTest, WhatALogHoldsIsNoCommandToTheTerminal)
+{
+    const auto log = test::writtenFile(folder_ / "escape.LOG",
+                                       test::logOf({"D C_CreateObject", "D Label not provided, using: \x1B[2Jx"}));
+    for (const std::string how : {"", "summary "})
+        EXPECT_EQ(runTool(how + "'" + log.string() + "'").output.find('\x1B'), std::string::npos) << how;
+    EXPECT_EQ(runTool("explain 'Label not provided, using: \x1B[2Jx'").output.find('\x1B'), std::string::npos);
+}
+
+TEST_F(TraceToolTest, APageDoesNotReplaceALog)
+{
+    const std::string before = readWhole(log_);
+    EXPECT_EQ(runTool("--html " + path() + " " + path()).code, 2);
+    EXPECT_EQ(readWhole(log_), before);
+}
+
 TEST_F(TraceToolTest, TellsOfWrongUse)
 {
     EXPECT_EQ(runTool("--since noon " + path()).code, 2);
