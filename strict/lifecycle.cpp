@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -179,7 +179,7 @@ CK_RV finalize(CK_VOID_PTR pReserved)
     wakeEventWaiters();
     try {
         std::thread(endModule, std::ref(state), doomed).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) { // Of the system, or for lack of memory.
         life.unlock();
         endModule(state, doomed); // Late, but without a thread there is no other way.
     }
