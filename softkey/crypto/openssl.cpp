@@ -24,7 +24,7 @@ std::atomic<bool> openSslCleanedUp{false};
 void* take(std::size_t size, const char* file, int) noexcept
 {
     try {
-        const bool isSecret = std::string_view(file).ends_with("bn_lib.c");
+        const bool isSecret = file != nullptr && std::string_view(file).ends_with("bn_lib.c");
         return size == 0 ? nullptr : isSecret ? takeSecretMemory(size) : takeOrdinaryMemory(size);
     } catch (const std::bad_alloc&) {
         return nullptr;

@@ -47,7 +47,8 @@ void velkor_releaseInstance(void* libraryInstance)
 
 std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libraryInstance)
 {
-    // Without OpenSSL: a host's monitor thread asks for the list while the process is already exiting.
+    // Without OpenSSL as long as no key has changed: a host's monitor thread asks for the list while the process is
+    // already exiting.
     try {
         requireInstance(libraryInstance);
         return keysFolder().pluggedKeys(refresh);

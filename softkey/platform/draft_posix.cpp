@@ -71,6 +71,8 @@ void Draft::publish(const std::filesystem::path& destination) const
 
 void Draft::replace(const std::filesystem::path& destination) const
 {
+    if (std::filesystem::is_symlink(destination)) // What it leads to would go on being used.
+        throw Refusal(SoftkeyStatus::StorageFailed, destination.string() + " is a link; remove that key first");
     require(Descriptor(path_, O_RDONLY).synchronise(), SoftkeyStatus::StorageFailed);
     const StandingStill old(destination);
     removeCompanions(destination); // First: what is unfinished of the old file was undone by opening it.

@@ -38,8 +38,13 @@ std::optional<FileLock::Handle> FileLock::lock(const std::filesystem::path& file
 std::optional<FileLock> FileLock::tryTake(const std::filesystem::path& file)
 {
     const Handle handle = open(file);
-    if (tryLock(handle) && isAt(handle, file))
-        return FileLock(handle);
+    try {
+        if (tryLock(handle) && isAt(handle, file))
+            return FileLock(handle);
+    } catch (...) {
+        close(handle);
+        throw;
+    }
     close(handle);
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 
 #include "base/secret_memory.h"
 
+#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <shared_mutex>
@@ -15,6 +16,9 @@ std::atomic<std::uint32_t> generation{0};
 
 struct ForkGate {
     std::shared_mutex mutex;
+    /// A fork that waits for those inside holds this, so that others do not go on coming in past it.
+    std::mutex turnstile;
+    std::atomic<bool> closing{false};
 
     ForkGate()
     {
@@ -23,6 +27,8 @@ struct ForkGate {
 
     void close()
     {
+        turnstile.lock();
+        closing = true;
         mutex.lock();
         holdSecretMemory();
     }
@@ -31,14 +37,18 @@ struct ForkGate {
     {
         releaseSecretMemory();
         mutex.unlock();
+        closing = false;
+        turnstile.unlock();
     }
 
-    /// The lock still counts threads of the parent that wait for it; the child has none of them and begins anew.
+    /// The locks still count threads of the parent that wait for them; the child has none of them and begins anew.
     void openInChild()
     {
         generation.fetch_add(1, std::memory_order_acq_rel);
         releaseSecretMemory();
         new (&mutex) std::shared_mutex;
+        closing = false;
+        new (&turnstile) std::mutex;
     }
 
     static ForkGate& gate()
@@ -47,6 +57,8 @@ struct ForkGate {
         return *instance;
     }
 };
+
+thread_local int depth = 0; ///< Sections that this thread is in.
 
 } // namespace
 
@@ -57,12 +69,16 @@ std::uint32_t forkGeneration() noexcept
 
 ForkSafeSection::ForkSafeSection()
 {
-    ForkGate::gate().mutex.lock_shared();
+    ForkGate& gate = ForkGate::gate();
+    if (depth++ == 0 && gate.closing)
+        const std::lock_guard turn(gate.turnstile);
+    gate.mutex.lock_shared();
 }
 
 ForkSafeSection::~ForkSafeSection()
 {
     ForkGate::gate().mutex.unlock_shared();
+    --depth;
 }
 
 } // namespace softkey

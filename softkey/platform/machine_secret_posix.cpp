@@ -4,6 +4,8 @@
 #include "platform/descriptor_posix.h"
 
 #include <fcntl.h>
+#include <random>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,11 +14,11 @@ namespace softkey
 namespace
 {
 
-bool isPrivate(const Descriptor& file)
+bool isPrivate(const Descriptor& file, std::size_t size)
 {
     struct stat status = {};
     return fstat(file.value(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-           (status.st_mode & 077) == 0;
+           (status.st_mode & 077) == 0 && static_cast<std::size_t>(status.st_size) == size;
 }
 
 } // namespace
@@ -25,7 +27,7 @@ std::optional<SecretBytes> readMachineSecret(std::size_t size)
 {
     const Descriptor file(machineSecretFile(), O_RDONLY | O_NOFOLLOW);
     SecretBytes secret(size);
-    const bool complete = file.isOpen() && isPrivate(file) &&
+    const bool complete = file.isOpen() && isPrivate(file, size) &&
                           read(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size());
     return complete ? std::optional(std::move(secret)) : std::nullopt;
 }
@@ -37,11 +39,12 @@ void storeMachineSecret(Bytes secret)
         return;
     std::filesystem::path draft = path;
     draft += ".";
-    draft += std::to_string(getpid());
+    draft += std::to_string(std::random_device()());
     const Descriptor file(draft, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-    const bool written = file.isOpen() &&
-                         write(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size()) &&
-                         file.synchronise();
+    if (!file.isOpen())
+        return;
+    const bool written =
+        write(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size()) && file.synchronise();
     if (written && link(draft.c_str(), path.c_str()) == 0) {
         const Descriptor folder(path.parent_path(), O_RDONLY | O_DIRECTORY);
         folder.synchronise();

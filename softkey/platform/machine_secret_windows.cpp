@@ -4,6 +4,8 @@
 #include "platform/default_folder.h"
 
 #include <cstring>
+#include <random>
+#include <string>
 #include <windows.h>
 // Behind windows.h, which it needs.
 #include <dpapi.h>
@@ -48,15 +50,18 @@ void storeMachineSecret(Bytes secret)
     if (!path.has_parent_path() || !ensureFolder(path.parent_path()) ||
         CryptProtectData(&plain, L"velkor-softkey", nullptr, nullptr, nullptr, QUIETLY, &sealed) == 0)
         return;
+    std::filesystem::path draft = path;
+    draft += ".";
+    draft += std::to_string(std::random_device()());
     const HANDLE file =
-        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        CreateFileW(draft.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file != INVALID_HANDLE_VALUE) {
         DWORD written = 0;
         const bool complete = WriteFile(file, sealed.pbData, sealed.cbData, &written, nullptr) != 0 &&
                               written == sealed.cbData && FlushFileBuffers(file) != 0;
         CloseHandle(file);
-        if (!complete)
-            DeleteFileW(path.c_str());
+        if (!complete || MoveFileExW(draft.c_str(), path.c_str(), MOVEFILE_WRITE_THROUGH) == 0)
+            DeleteFileW(draft.c_str());
     }
     LocalFree(sealed.pbData);
 }

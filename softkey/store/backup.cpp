@@ -68,6 +68,7 @@ void requireFinished(const std::filesystem::path& backup)
 
 void backUp(KeyFile& file, const std::filesystem::path& destination)
 {
+    static_cast<void>(file.contents()); // A damaged key makes no backup.
     const Draft draft = draftFor(std::filesystem::absolute(destination));
     file.read([&](Database& database) { copyPages(database, draft.path()); });
     draft.publish(std::filesystem::absolute(destination));

@@ -65,8 +65,7 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     requireAcceptable(settings);
     requirePinLength(userPin);
     requirePinLength(soPin);
-    if (userPin == soPin)
-        throw Refusal(SoftkeyStatus::BadArgument, "user PIN and SO PIN are the same");
+    requireDifferent(userPin, soPin);
     Wrapped wrapped{folder, settings, SecretBytes(SEALING_KEY_SIZE),
                     settings.boundToMachine ? bindToMachine() : ByteVector()};
     randomBytes({wrapped.masterKey.data(), wrapped.masterKey.size()});

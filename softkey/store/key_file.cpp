@@ -34,8 +34,7 @@ std::shared_ptr<const Contents> KeyFile::contents()
 
 void KeyFile::reload()
 {
-    verified_ = false;
-    verify();
+    verifyNow();
 }
 
 void KeyFile::configure()
@@ -47,8 +46,12 @@ void KeyFile::configure()
 
 void KeyFile::verify()
 {
-    if (verified_)
-        return;
+    if (!verified_)
+        verifyNow();
+}
+
+void KeyFile::verifyNow()
+{
     std::int64_t layout = 0;
     read([&](Database& database) {
         requireSoundStructure(database);

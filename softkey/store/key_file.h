@@ -28,7 +28,7 @@ public:
     std::shared_ptr<const Contents> contents();
     /// What was read last; null before the first reading.
     std::shared_ptr<const Contents> lastContents() const;
-    /// Forgets what was read and checks the file anew.
+    /// Looks for damage in the file as a whole once more.
     void reload();
 
     /// While it lives, nobody else changes the file: no other process, and no other thread of this one.
@@ -60,6 +60,7 @@ public:
 private:
     std::shared_ptr<const Contents> readAnew();
     void verify();
+    void verifyNow();
     void configure();
     /// What the file says, which must be of the key that its name names.
     Contents requireOwnContents(Database& database) const;

@@ -35,15 +35,24 @@ void storeTries(Database& database, PinRole role, int triesLeft)
         .run();
 }
 
-PinRecord spendTry(KeyFile& file, const KeyFile::Turn& turn, PinRole role)
+bool isDerivedAlike(const PinRecord& one, const PinRecord& other)
+{
+    return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes &&
+           one.machine == other.machine;
+}
+
+/// `expected`: what the key was derived for.
+PinRecord spendTry(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& expected)
 {
     PinRecord record;
     file.change(turn, [&](Database& database) {
-        record = readPin(database, role);
+        record = readPin(database, expected.role);
+        // Somebody changes the file without taking turns: a right PIN must not cost a try.
+        require(isDerivedAlike(expected, record), SoftkeyStatus::StorageBusy);
         if (record.triesLeft == 0)
             throw Refusal::ofPin(SoftkeyStatus::PinLocked, 0);
         record.triesLeft -= 1;
-        storeTries(database, role, record.triesLeft);
+        storeTries(database, record.role, record.triesLeft);
     });
     return record;
 }
@@ -62,12 +71,6 @@ void refuseIfRefusedBefore(const PinRecord& record, std::string_view pin)
 {
     if (RefusedPins::ofProcess().contain(record, pin))
         throw wrongPin(record.triesLeft);
-}
-
-bool isDerivedAlike(const PinRecord& one, const PinRecord& other)
-{
-    return one.salt == other.salt && one.cost.logN == other.cost.logN && one.cost.lanes == other.cost.lanes &&
-           one.machine == other.machine;
 }
 
 std::filesystem::path folderOf(const KeyFile& file)
@@ -107,10 +110,12 @@ void putUnderSeal(Database& database, const PinRecord& record, Bytes masterKey)
 }
 
 /// A try is on the disk before the seal is looked at, and given back when it opens.
-CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, PinRole role, std::string_view pin, Bytes key)
+CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& expected, std::string_view pin,
+                     Bytes key)
 {
+    const PinRole role = expected.role;
     const std::string serialNumber = file.contents()->device.serialNumber;
-    PinRecord record = spendTry(file, turn, role);
+    PinRecord record = spendTry(file, turn, expected);
     std::optional<SecretBytes> masterKey;
     bool isOlder = false;
     try {
@@ -160,7 +165,7 @@ CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const
         if (key.size() == 0 || !isDerivedAlike(expected, present))
             continue;                        // The PIN was changed meanwhile, or its last try was given back.
         refuseIfRefusedBefore(present, pin); // Another thread may have tried it meanwhile.
-        CheckedPin checked = tryOnSeal(file, turn, role, pin, key);
+        CheckedPin checked = tryOnSeal(file, turn, present, pin, key);
         consequence(turn, checked);
         return checked;
     }
@@ -216,6 +221,12 @@ void requirePinLength(std::string_view newPin)
     require(newPin.size() >= PIN_LENGTH_MIN && newPin.size() <= PIN_LENGTH_MAX, SoftkeyStatus::PinLength);
 }
 
+void requireDifferent(std::string_view userPin, std::string_view soPin)
+{
+    if (userPin == soPin)
+        throw Refusal(SoftkeyStatus::BadArgument, "user PIN and SO PIN are the same");
+}
+
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin)
 {
     return checkAndThen(file, role, pin,
@@ -247,6 +258,7 @@ void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string
 void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std::string_view soPin)
 {
     requirePinLength(newPin);
+    requireDifferent(newPin, soPin);
     const PinRecord checkedSo = checkPin(file, PinRole::SecurityOfficer, soPin).record;
     const std::shared_ptr<const Contents> before = file.contents();
     const Wrapping wrapping(folderOf(file), newPin, before->userPin);
@@ -259,6 +271,7 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
         user.changed = user.changed || oldPin != newPin;
         file.change(turn, [&](Database& database) {
             const Contents contents = readContents(database);
+            require(areAuthentic(contents, checked.masterKey), SoftkeyStatus::FileDamaged); // As it is now.
             PinRecord so = contents.soPin;
             require(so.salt == checkedSo.salt, SoftkeyStatus::StorageBusy); // Changed since it was checked.
             wrapping.wrap(user, masterKey, contents.device.serialNumber);

@@ -13,6 +13,9 @@ namespace softkey
 /// Throws PinLength for a text that cannot become a PIN.
 void requirePinLength(std::string_view newPin);
 
+/// Throws BadArgument: who knows the one would know both.
+void requireDifferent(std::string_view userPin, std::string_view soPin);
+
 /// A PIN that was right: what it opens, and the record that it was right for.
 struct CheckedPin {
     SecretBytes masterKey;

@@ -113,10 +113,12 @@ std::filesystem::file_time_type timeOf(const std::filesystem::path& file)
     return std::filesystem::last_write_time(file, failure);
 }
 
-/// What changes when somebody is at work in the file.
+/// What changes when somebody is at work in the file. The counter is read first: it is in the first page, which is the
+/// first to be written, so that who sees it as it was has seen no page of a change that began after the journal was
+/// looked at.
 struct Moment {
-    ByteVector journal;
     std::uint32_t counter;
+    ByteVector journal;
     std::filesystem::file_time_type fileTime;
     std::filesystem::file_time_type journalTime;
 
@@ -125,8 +127,7 @@ struct Moment {
 
 Moment momentOf(const Database& file, const std::filesystem::path& path)
 {
-    const std::filesystem::path journal = journalOf(path);
-    return {contentOf(journal), softkey::changeCounter(file), timeOf(path), timeOf(journal)};
+    return {softkey::changeCounter(file), contentOf(file.journal()), timeOf(path), timeOf(file.journal())};
 }
 
 /// The file is read between two looks at its journal: when these are alike, all that was written to the file by then

@@ -118,8 +118,10 @@ std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
     // Read before the check: a key that is unplugged meanwhile has to be unlocked again.
     const std::shared_ptr<const Contents> before = pluggedContents();
     auto unlocked = std::make_shared<Unlocked>(pin, checkPin(file_, PinRole::User, pin), before->device);
+    std::shared_ptr<Unlocked> dropped = unlocked; // What it takes the place of goes without the lock.
     const std::lock_guard lock(unlockedMutex_);
-    unlocked_ = unlocked;
+    dropped.swap(unlocked_);
+    seen_.reset(); // Whatever was seen meanwhile has not been held against its code.
     return unlocked;
 }
 
@@ -175,8 +177,8 @@ void SoftKey::resetUserPin(std::string_view soPin, std::string_view newUserPin)
 std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifier, std::string_view pin,
                                                       std::uint32_t usage)
 {
-    const std::shared_ptr<const Contents> now = pluggedContents();
-    const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
+    const std::shared_ptr<Unlocked> unlocked = authorise(*pluggedContents(), pin);
+    const std::shared_ptr<const Contents> now = pluggedContents(); // As it was vouched for.
     const VelkorKeyPair* record = now->findKeyPair(identifier);
     require(record != nullptr, SoftkeyStatus::NoSuchObject);
     require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);

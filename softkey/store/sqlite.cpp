@@ -85,6 +85,8 @@ Database::Database(const std::filesystem::path& path, Mode mode) : handle_(openF
     check(sqlite3_file_control(handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file_));
     if (file_ == nullptr || file_->pMethods == nullptr)
         throw Refusal(SoftkeyStatus::DeviceUnreachable);
+    const char* journal = sqlite3_filename_journal(sqlite3_db_filename(handle(), "main"));
+    journal_ = reinterpret_cast<const char8_t*>(journal);
 }
 
 Database::Database(ByteVector& image) : handle_(openConnection(":memory:", SQLITE_OPEN_MEMORY))

@@ -33,6 +33,8 @@ public:
     bool readRaw(std::span<unsigned char> out, std::int64_t offset) const;
     /// Bytes of the file itself.
     std::size_t rawSize() const;
+    /// The journal beside the file itself, which a link's own name would not find.
+    const std::filesystem::path& journal() const { return journal_; }
     /// Whether the file at the path is no longer the one that was opened.
     bool fileWasReplaced() const;
 
@@ -43,6 +45,7 @@ private:
 
     Owned<sqlite3, sqlite3_close_v2> handle_;
     sqlite3_file* file_ = nullptr; ///< SQLite's own.
+    std::filesystem::path journal_;
 };
 
 class Statement

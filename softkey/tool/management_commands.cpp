@@ -1,4 +1,4 @@
-// Commands about keys as a whole: create, list, info, plug, unplug, remove.
+// Commands about keys as a whole: create, list, info, plug, unplug, remove, verify, backup, restore.
 #include "platform/quiet_terminal.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
@@ -266,13 +266,25 @@ bool opens(KeyFile& file, const Contents& contents, const VelkorKeyPair& keyPair
     }
 }
 
+bool isSoundWithoutPin(KeyFile& file)
+{
+    try {
+        file.reload();
+        return true;
+    } catch (const Refusal& refusal) {
+        if (refusal.status() != SoftkeyStatus::FileDamaged)
+            throw;
+        return false;
+    }
+}
+
 void verify(Session& session, const std::string& serialNumber, const PinSource& pin)
 {
     const std::shared_ptr<SoftKey> key = session.key(serialNumber);
     Findings findings;
-    key->file().reload(); // Throws when it finds damage that can be seen without a PIN.
-    findings.add("file", true);
-    if (pin.isGiven()) {
+    const bool isSound = isSoundWithoutPin(key->file());
+    findings.add("file", isSound);
+    if (isSound && pin.isGiven()) {
         const SecretBytes masterKey = masterKeyOf(key->file(), PinRole::User, pin.read());
         const std::shared_ptr<const Contents> contents = key->contents();
         findings.add("contents", areAuthentic(*contents, masterKey));

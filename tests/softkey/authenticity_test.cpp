@@ -191,10 +191,15 @@ TEST_F(AuthenticityTest, AfterRekeyingAnOldCopyOpensNothingThatComesLater)
     EXPECT_EQ(trySign(key, Data(32, 1)), 0);
 }
 
+TEST_F(AuthenticityTest, RekeyingRefusesOnePinForBoth)
+{
+    expectFailure("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env OFFICER_PIN --so-pin-env OFFICER_PIN", 2);
+}
+
 TEST_F(AuthenticityTest, RekeyingNeedsBothPins)
 {
     generate(KEY_KIND_EC_P256);
-    expectFailure("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env WRONG --so-pin-env WRONG", 3);
+    expectFailure("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env CHOSEN_PIN --so-pin-env WRONG", 3);
     expectFailure("set-pin KEY1 --rekey --so --pin-env OFFICER_PIN --new-pin-env WRONG --so-pin-env OFFICER_PIN", 2);
     EXPECT_EQ(result("verify KEY1" + WITH_PIN)["whole"], true);
 }

@@ -56,6 +56,28 @@ TEST_F(BackupTest, ABackupIsOneFileThatReplacesNothing)
     EXPECT_EQ(result("list").size(), 1U);
 }
 
+TEST_F(BackupTest, ADamagedKeyMakesNoBackup)
+{
+    generate(KEY_KIND_EC_P256);
+    Database(keyPath(), Database::Mode::Existing).execute("UPDATE key_pair SET identifier = zeroblob(16)");
+    expectFailure("backup KEY1 " + backup(), 7);
+    EXPECT_FALSE(std::filesystem::exists(backup()));
+}
+
+#ifndef _WIN32
+TEST_F(BackupTest, ALinkIsNotReplacedByABackup)
+{
+    result("backup KEY1 " + backup());
+    const std::filesystem::path target = scratch.path() / "KEY1.velkorkey";
+    std::filesystem::rename(keyPath(), target);
+    std::filesystem::create_symlink(target, keyPath());
+    const Data before = readFile(target);
+    expectFailure("restore --yes " + backup(), 9);
+    EXPECT_TRUE(std::filesystem::is_symlink(keyPath()));
+    EXPECT_EQ(readFile(target), before);
+}
+#endif
+
 TEST_F(BackupTest, BackupsOfAKeyThatIsBeingChangedAreWhole)
 {
     std::atomic<bool> done{false};

@@ -178,6 +178,13 @@ int forkMode()
     });
     // The others on the list come and go.
     const VelkorKeyPair lasting = velkor_getKeyPairList(serialNumber, instance).front();
+    // A fork waits for signatures that are under way, and not for those that come after it.
+    std::vector<std::thread> signers;
+    for (int i = 0; i < 4; ++i)
+        signers.emplace_back([&] {
+            while (!stop)
+                signStatus(lasting);
+        });
     int failures = 0;
     for (int i = 0; i < 10; ++i) {
         const pid_t child = fork();
@@ -193,6 +200,8 @@ int forkMode()
     stop = true;
     writer.join();
     lister.join();
+    for (std::thread& signer : signers)
+        signer.join();
     return failures == 0 && allSign() ? 0 : 4;
 }
 

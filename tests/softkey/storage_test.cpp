@@ -462,6 +462,19 @@ TEST_F(StorageTest, AReaderSeesTheLastCompletedChangeWhileAnotherIsUnderWay)
     EXPECT_EQ(certificates().size(), 199U);
 }
 
+TEST_F(StorageTest, AReaderThroughALinkFindsTheJournalBesideTheFile)
+{
+    generate(KEY_KIND_EC_P256, "label");
+    const std::filesystem::path target = scratch.path() / "KEY1.velkorkey";
+    std::filesystem::rename(keyPath(), target);
+    std::filesystem::create_symlink(target, keyPath());
+    HalfWritten change(target);
+    const auto seen = otherProcess()->contents();
+    EXPECT_EQ(seen->device.label, "Velkor Soft Key");
+    EXPECT_TRUE(seen->certificates.empty());
+    change.giveUp();
+}
+
 TEST_F(StorageTest, AReaderNeverSeesAChangeThatIsGivenUp)
 {
     const std::unique_ptr<SoftKey> open = otherProcess();
