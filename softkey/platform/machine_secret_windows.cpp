@@ -53,8 +53,7 @@ void storeMachineSecret(Bytes secret)
     std::filesystem::path draft = path;
     draft += ".";
     draft += std::to_string(std::random_device()());
-    const HANDLE file =
-        CreateFileW(draft.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file = CreateFileW(draft.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file != INVALID_HANDLE_VALUE) {
         DWORD written = 0;
         const bool complete = WriteFile(file, sealed.pbData, sealed.cbData, &written, nullptr) != 0 &&

@@ -80,7 +80,7 @@ std::string restoreBackup(const std::filesystem::path& folder, const std::filesy
     const FileLock lock(lockOfFolder(folder), Patience());
     const Draft draft = draftFor(folder / "restored");
     copyBytes(backup, draft.path());
-    const std::string serialNumber = verifyCopy(draft.path());
+    std::string serialNumber = verifyCopy(draft.path());
     const std::filesystem::path destination = folder / (serialNumber + std::string(KEY_FILE_SUFFIX));
     if (mayReplace)
         draft.replace(destination);
