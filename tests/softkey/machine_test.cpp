@@ -15,8 +15,9 @@ namespace
 class MachineTest : public SoftkeyTest
 {
 protected:
-    MachineTest()
+    void SetUp() override
     {
+        REQUIRE_PATHS_IN_EXCEPTIONS();
         test_system::setEnvironment("VELKOR_SOFTKEY_MACHINE_SECRET", secret.string());
         KeySettings settings = cheapSettings("BOUND");
         settings.boundToMachine = true;
