@@ -26,6 +26,9 @@ protected:
         test_system::setEnvironment("WRONG", WRONG_PIN);
     }
 
+    /// The tool reads a file's times just before it refuses.
+    void SetUp() override { REQUIRE_PATHS_IN_EXCEPTIONS(); }
+
     static Outcome tool(const std::string& arguments, const std::string& input = {})
     {
         return run(softkeyTool() + " " + arguments, input);
