@@ -29,7 +29,7 @@ public:
     {
         try {
             database_.emplace(file, Database::Mode::Existing);
-            transaction_.emplace(*database_, Transaction::Kind::Write);
+            transaction_.emplace(*database_);
         } catch (const Refusal& refusal) {
             if (refusal.status() == SoftkeyStatus::StorageBusy)
                 throw;

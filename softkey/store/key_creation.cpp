@@ -79,15 +79,13 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
         Database database(draft.path(), Database::Mode::Existing);
         // Nobody else sees the draft: it needs no journal and is synchronised once, as a whole.
         database.execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;");
-        Transaction transaction(database, Transaction::Kind::Write);
+        Transaction transaction(database);
         createSchema(database);
         insertDevice(database, settings);
         insertPin(database, user);
         insertPin(database, securityOfficer);
-        transaction.commit();
-        Transaction sealing(database, Transaction::Kind::Write); // Of what the file says then.
         authenticate(database, wrapped.masterKey);
-        sealing.commit();
+        transaction.commit();
     }
     draft.publish(folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX)));
 }

@@ -118,7 +118,7 @@ void KeyFile::transact(const Turn&, const std::function<void(Database&)>& work)
     const std::lock_guard lock(connectionMutex_);
     requireKeyFileHeader(database_); // Before SQLite acts on what a newer version may have written.
     configure();
-    Transaction transaction(database_, Transaction::Kind::Write);
+    Transaction transaction(database_);
     requirePresentLayout(database_);
     // A file that was taken away would swallow the change.
     require(!wasReplaced(), SoftkeyStatus::DeviceRemoved);

@@ -306,22 +306,14 @@ void wrapMasterKey(const std::filesystem::path& folder, PinRecord& record, std::
 
 void insertPin(Database& database, const PinRecord& record)
 {
-    const ByteVector checksum = checksumOf(record);
     Statement(database, "INSERT INTO pin (role, changed, tries_max, tries_left, scrypt_log_n, scrypt_block_size, "
-                        "scrypt_lanes, salt, wrapped_master_key, checksum, machine) "
-                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                        "scrypt_lanes, salt, wrapped_master_key) VALUES (?, ?, ?, ?, 0, 0, 0, X'', X'')")
         .bind(static_cast<std::int64_t>(record.role))
         .bind(std::int64_t{record.changed})
         .bind(record.triesMax)
         .bind(record.triesLeft)
-        .bind(record.cost.logN)
-        .bind(record.cost.blockSize)
-        .bind(record.cost.lanes)
-        .bind(Bytes(record.salt))
-        .bind(Bytes(record.wrappedMasterKey))
-        .bind(Bytes(checksum))
-        .bind(Bytes(record.machine))
         .run();
+    storeWrapping(database, record);
 }
 
 } // namespace softkey

@@ -154,7 +154,7 @@ std::int64_t layoutOf(Database& database)
 
 void migrate(Database& database, const std::function<void(Database&)>& requireSound)
 {
-    Transaction transaction(database, Transaction::Kind::Write);
+    Transaction transaction(database);
     // Another process may have been faster, perhaps one of a newer version.
     const std::int64_t found = layoutOf(database);
     for (const Migration& migration : MIGRATIONS) {

@@ -195,9 +195,9 @@ Bytes Statement::bytes(int column) const
     return {data, static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
 }
 
-Transaction::Transaction(Database& database, Kind kind) : database_(database)
+Transaction::Transaction(Database& database) : database_(database)
 {
-    database_.execute(kind == Kind::Write ? "BEGIN IMMEDIATE" : "BEGIN");
+    database_.execute("BEGIN IMMEDIATE");
 }
 
 Transaction::~Transaction()

@@ -71,12 +71,11 @@ private:
     int bound_ = 0;
 };
 
-/// Rolled back unless it is committed.
+/// A change, rolled back unless it is committed.
 class Transaction
 {
 public:
-    enum class Kind { Read, Write };
-    Transaction(Database& database, Kind kind);
+    explicit Transaction(Database& database);
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;

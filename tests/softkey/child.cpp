@@ -1,6 +1,6 @@
 // A process of its own that uses a software key, for tests with several processes and with processes that are killed.
 // Usage: child MODE SERIAL PIN [FILE...]. It knows nothing but the interface of the library.
-#include "velkor/device_service.h"
+#include "key_process.h"
 
 #include <csignal>
 #include <cstdio>
@@ -16,26 +16,7 @@
 namespace
 {
 
-const char* serialNumber = nullptr;
-const char* pin = nullptr;
-void* instance = nullptr;
-
-/// One line to the parent, at once and whole.
-void tell(const std::string& line)
-{
-    if (write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1) < 0)
-        std::_Exit(9);
-}
-
-std::string hexOf(const unsigned char (&identifier)[KEY_IDENTIFIER_SIZE])
-{
-    std::string text;
-    for (const unsigned char byte : identifier) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
-}
+using namespace softkey::test;
 
 bool generate(VelkorKeyPair& keyPair)
 {
@@ -241,12 +222,9 @@ int runMode(const std::string& mode, const char* file, const char* secondFile)
 
 int main(int argc, char** argv)
 {
-    if (argc < 4)
-        return 6;
-    serialNumber = argv[2];
-    pin = argv[3];
-    velkor_createInstance(&instance);
-    const int result = instance == nullptr ? 7 : runMode(argv[1], argc > 4 ? argv[4] : "", argc > 5 ? argv[5] : "");
+    if (const int failure = begin(argc, argv))
+        return failure;
+    const int result = runMode(argv[1], argc > 4 ? argv[4] : "", argc > 5 ? argv[5] : "");
     velkor_releaseInstance(instance);
     return result;
 }

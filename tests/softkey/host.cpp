@@ -1,6 +1,6 @@
 // A host that uses OpenSSL itself, treats it in every rough way a host can, and ends in every order.
 // Usage: host MODE SERIAL PIN; exits with 0 when the key did as it should.
-#include "velkor/device_service.h"
+#include "key_process.h"
 
 #include <openssl/engine.h>
 #include <openssl/err.h>
@@ -18,9 +18,7 @@
 namespace
 {
 
-const char* serialNumber = nullptr;
-const char* pin = nullptr;
-void* instance = nullptr;
+using namespace softkey::test;
 
 int signStatus(const VelkorKeyPair& keyPair)
 {
@@ -228,10 +226,7 @@ int runMode(const std::string& mode)
 
 int main(int argc, char** argv)
 {
-    if (argc < 4)
-        return 6;
-    serialNumber = argv[2];
-    pin = argv[3];
-    velkor_createInstance(&instance);
-    return instance == nullptr ? 7 : runMode(argv[1]);
+    if (const int failure = begin(argc, argv))
+        return failure;
+    return runMode(argv[1]);
 }

@@ -76,6 +76,17 @@ TEST_F(PosixFilesTest, WhoHoldsOneKeyKeepsNobodyFromAnother)
     EXPECT_EQ(velkor_validatePassword("OTHER", PIN, 1, &tries, instance), 0);
 }
 
+TEST_F(PosixFilesTest, WhoWaitsForAKeyIsServedBeforeWhoComesLater)
+{
+    std::optional<FileLock> held(std::in_place, lockOfKey(keyPath()), Patience());
+    std::thread waiting([&] { otherProcess()->file().setPlugged(true); });
+    EXPECT_TRUE(test_system::eventually([&] { return !FileLock::tryTake(queueOfKey(keyPath())); }))
+        << "nobody stands in the queue";
+    held.reset();
+    waiting.join();
+    EXPECT_TRUE(FileLock::tryTake(queueOfKey(keyPath()))) << "it was not left";
+}
+
 TEST_F(PosixFilesTest, ALockWhoseFileWasTakenAwayIsLeftForTheNewOne)
 {
     const std::filesystem::path file = scratch.path() / "lock";

@@ -1,6 +1,6 @@
 // A process that uses a software key, for the hard tests: it says what it does before it does it, and the status
 // after it. Usage: agent MODE SERIAL PIN [ARGUMENT...]. It knows nothing but the interface of the library.
-#include "velkor/device_service.h"
+#include "key_process.h"
 
 #include <algorithm>
 #include <chrono>
@@ -20,32 +20,13 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-const char* serialNumber = nullptr;
-const char* pin = nullptr;
-void* instance = nullptr;
-
-/// One line to the parent, at once and whole.
-void tell(const std::string& line)
-{
-    if (write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1) < 0)
-        std::_Exit(9);
-}
+using namespace softkey::test;
 
 void waitForLine()
 {
     char byte = 0;
     while (read(STDIN_FILENO, &byte, 1) == 1 && byte != '\n') {
     }
-}
-
-std::string hexOf(std::span<const unsigned char> bytes)
-{
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
 }
 
 /// A step with its name and what it is about; `work` gives the status and may add what came of it.
@@ -275,12 +256,9 @@ int runMode(const std::string& mode, std::span<char*> arguments)
 
 int main(int argc, char** argv)
 {
-    if (argc < 4)
-        return 6;
-    serialNumber = argv[2];
-    pin = argv[3];
-    velkor_createInstance(&instance);
-    const int result = instance == nullptr ? 7 : runMode(argv[1], {argv + 4, static_cast<std::size_t>(argc - 4)});
+    if (const int failure = begin(argc, argv))
+        return failure;
+    const int result = runMode(argv[1], {argv + 4, static_cast<std::size_t>(argc - 4)});
     velkor_releaseInstance(instance);
     return result;
 }
