@@ -27,9 +27,9 @@ enum Kind : unsigned {
 };
 
 /// Shapes of values.
-enum class Shape { Flag, Number, Bytes, Date };
+enum class Shape { Flag, Number, SecretBytes, Date };
 
-using Source = Bytes (*)(const View& view);
+using Source = SecretBytes (*)(const View& view);
 
 struct Row {
     CK_ATTRIBUTE_TYPE type;
@@ -38,33 +38,33 @@ struct Row {
     Source source; ///< Null: the value never leaves the token.
 };
 
-Bytes flag(bool value)
+SecretBytes flag(bool value)
 {
     return {static_cast<unsigned char>(value ? CK_TRUE : CK_FALSE)};
 }
 
-Bytes yes(const View& /*view*/)
+SecretBytes yes(const View& /*view*/)
 {
     return flag(true);
 }
 
-Bytes no(const View& /*view*/)
+SecretBytes no(const View& /*view*/)
 {
     return flag(false);
 }
 
-Bytes nothing(const View& /*view*/)
+SecretBytes nothing(const View& /*view*/)
 {
     return {};
 }
 
-Bytes zero(const View& /*view*/)
+SecretBytes zero(const View& /*view*/)
 {
     return bytesOfValue(CK_ULONG{0});
 }
 
-template <Bytes Contents::*Field>
-Bytes field(const View& view)
+template <SecretBytes Contents::*Field>
+SecretBytes field(const View& view)
 {
     return (*view.contents).*Field;
 }
@@ -79,19 +79,19 @@ bool isOfPair(const View& view)
     return isKey(view.objectClass);
 }
 
-Bytes publicUse(const View& view, bool permitted)
+SecretBytes publicUse(const View& view, bool permitted)
 {
     return flag(permitted && view.hasPair);
 }
 
-Bytes generationMechanism(const View& view)
+SecretBytes generationMechanism(const View& view)
 {
     if (!isOfPair(view))
         return bytesOfValue(CK_MECHANISM_TYPE{CKM_ECDH1_DERIVE});
     return bytesOfValue(CK_MECHANISM_TYPE{isEc(view) ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN});
 }
 
-Bytes pointInDer(const View& view)
+SecretBytes pointInDer(const View& view)
 {
     return derOctetString(view.contents->point);
 }
@@ -104,26 +104,26 @@ constexpr Row ROWS[] = {
     {CKA_MODIFIABLE, ANY, Shape::Flag, [](const View& view) { return flag(view.isModifiable); }},
     {CKA_COPYABLE, ANY, Shape::Flag, [](const View& view) { return flag(view.isCopyable); }},
     {CKA_DESTROYABLE, ANY, Shape::Flag, yes},
-    {CKA_LABEL, ANY, Shape::Bytes, field<&Contents::label>},
+    {CKA_LABEL, ANY, Shape::SecretBytes, field<&Contents::label>},
 
-    {CKA_APPLICATION, DATA, Shape::Bytes, nothing},
-    {CKA_OBJECT_ID, DATA, Shape::Bytes, nothing},
+    {CKA_APPLICATION, DATA, Shape::SecretBytes, nothing},
+    {CKA_OBJECT_ID, DATA, Shape::SecretBytes, nothing},
 
     {CKA_CERTIFICATE_TYPE, CERTIFICATE, Shape::Number, [](const View&) { return bytesOfValue(CK_ULONG{CKC_X_509}); }},
     {CKA_TRUSTED, CERTIFICATE | PUBLIC | SECRET, Shape::Flag, no}, // Only an SO could say otherwise.
     {CKA_CERTIFICATE_CATEGORY, CERTIFICATE, Shape::Number, zero},
-    {CKA_CHECK_VALUE, CERTIFICATE | SECRET, Shape::Bytes, nothing},
-    {CKA_SUBJECT, CERTIFICATE | PUBLIC | PRIVATE, Shape::Bytes, field<&Contents::subject>},
-    {CKA_ISSUER, CERTIFICATE, Shape::Bytes, field<&Contents::issuer>},
-    {CKA_SERIAL_NUMBER, CERTIFICATE, Shape::Bytes, field<&Contents::serialNumber>},
-    {CKA_URL, CERTIFICATE, Shape::Bytes, nothing},
-    {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CERTIFICATE, Shape::Bytes, nothing},
-    {CKA_HASH_OF_ISSUER_PUBLIC_KEY, CERTIFICATE, Shape::Bytes, nothing},
+    {CKA_CHECK_VALUE, CERTIFICATE | SECRET, Shape::SecretBytes, nothing},
+    {CKA_SUBJECT, CERTIFICATE | PUBLIC | PRIVATE, Shape::SecretBytes, field<&Contents::subject>},
+    {CKA_ISSUER, CERTIFICATE, Shape::SecretBytes, field<&Contents::issuer>},
+    {CKA_SERIAL_NUMBER, CERTIFICATE, Shape::SecretBytes, field<&Contents::serialNumber>},
+    {CKA_URL, CERTIFICATE, Shape::SecretBytes, nothing},
+    {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CERTIFICATE, Shape::SecretBytes, nothing},
+    {CKA_HASH_OF_ISSUER_PUBLIC_KEY, CERTIFICATE, Shape::SecretBytes, nothing},
     {CKA_JAVA_MIDP_SECURITY_DOMAIN, CERTIFICATE, Shape::Number, zero},
-    {CKA_VALUE, CERTIFICATE | SECRET | DATA, Shape::Bytes, field<&Contents::value>},
+    {CKA_VALUE, CERTIFICATE | SECRET | DATA, Shape::SecretBytes, field<&Contents::value>},
 
     {CKA_KEY_TYPE, KEY, Shape::Number, [](const View& view) { return bytesOfValue(view.contents->keyType); }},
-    {CKA_ID, CERTIFICATE | KEY, Shape::Bytes, field<&Contents::id>},
+    {CKA_ID, CERTIFICATE | KEY, Shape::SecretBytes, field<&Contents::id>},
     {CKA_START_DATE, CERTIFICATE | KEY, Shape::Date, nothing},
     {CKA_END_DATE, CERTIFICATE | KEY, Shape::Date, nothing},
     {CKA_DERIVE, KEY, Shape::Flag, [](const View& view) { return flag(isOfPair(view) && isEc(view) && view.hasPair); }},
@@ -149,18 +149,18 @@ constexpr Row ROWS[] = {
     {CKA_WRAP_WITH_TRUSTED, PRIVATE | SECRET, Shape::Flag, no},
     {CKA_ALWAYS_AUTHENTICATE, PRIVATE, Shape::Flag, no},
 
-    {CKA_MODULUS, RSA_PUBLIC | RSA_PRIVATE, Shape::Bytes, field<&Contents::modulus>},
+    {CKA_MODULUS, RSA_PUBLIC | RSA_PRIVATE, Shape::SecretBytes, field<&Contents::modulus>},
     {CKA_MODULUS_BITS, RSA_PUBLIC, Shape::Number, [](const View& view) { return bytesOfValue(view.contents->bits); }},
-    {CKA_PUBLIC_EXPONENT, RSA_PUBLIC | RSA_PRIVATE, Shape::Bytes, field<&Contents::exponent>},
-    {CKA_PRIVATE_EXPONENT, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_PRIME_1, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_PRIME_2, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_EXPONENT_1, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_EXPONENT_2, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_COEFFICIENT, RSA_PRIVATE, Shape::Bytes, nullptr},
-    {CKA_EC_PARAMS, EC_PUBLIC | EC_PRIVATE, Shape::Bytes, field<&Contents::curve>},
-    {CKA_EC_POINT, EC_PUBLIC, Shape::Bytes, pointInDer},
-    {CKA_VALUE, EC_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_PUBLIC_EXPONENT, RSA_PUBLIC | RSA_PRIVATE, Shape::SecretBytes, field<&Contents::exponent>},
+    {CKA_PRIVATE_EXPONENT, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_PRIME_1, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_PRIME_2, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_EXPONENT_1, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_EXPONENT_2, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_COEFFICIENT, RSA_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_EC_PARAMS, EC_PUBLIC | EC_PRIVATE, Shape::SecretBytes, field<&Contents::curve>},
+    {CKA_EC_POINT, EC_PUBLIC, Shape::SecretBytes, pointInDer},
+    {CKA_VALUE, EC_PRIVATE, Shape::SecretBytes, nullptr},
 
     {CKA_SENSITIVE, SECRET, Shape::Flag, no},
     {CKA_EXTRACTABLE, SECRET, Shape::Flag, yes},
@@ -203,7 +203,7 @@ bool isSensitiveSecret(const View& view, CK_ATTRIBUTE_TYPE type)
         return false;
     const auto is = [&](CK_ATTRIBUTE_TYPE wanted, unsigned char value) {
         const auto found = view.own.find(wanted);
-        return found != view.own.end() && found->second == Bytes{value};
+        return found != view.own.end() && found->second == SecretBytes{value};
     };
     return is(CKA_SENSITIVE, CK_TRUE) || is(CKA_EXTRACTABLE, CK_FALSE);
 }
@@ -224,7 +224,7 @@ bool hasRightSize(Shape shape, CK_ULONG size)
 
 } // namespace
 
-Answer attributeOf(const View& view, CK_ATTRIBUTE_TYPE type, Bytes& value)
+Answer attributeOf(const View& view, CK_ATTRIBUTE_TYPE type, SecretBytes& value)
 {
     const Row* row = findRow(kindOf(view.objectClass, view.contents ? view.contents->keyType : CKK_RSA), type);
     if (row == nullptr)
@@ -275,16 +275,15 @@ const CK_ATTRIBUTE* Template::find(CK_ATTRIBUTE_TYPE type) const
     return found != entries_.end() ? &*found : nullptr;
 }
 
-ByteView Template::bytes(CK_ATTRIBUTE_TYPE type) const
+Bytes Template::bytes(CK_ATTRIBUTE_TYPE type) const
 {
     const CK_ATTRIBUTE* entry = find(type);
-    return entry != nullptr ? ByteView(static_cast<const unsigned char*>(entry->pValue), entry->ulValueLen)
-                            : ByteView();
+    return entry != nullptr ? Bytes(static_cast<const unsigned char*>(entry->pValue), entry->ulValueLen) : Bytes();
 }
 
 CK_ULONG Template::number(CK_ATTRIBUTE_TYPE type, CK_ULONG fallback) const
 {
-    const ByteView value = bytes(type);
+    const Bytes value = bytes(type);
     CK_ULONG number = fallback;
     if (value.size() == sizeof number)
         std::memcpy(&number, value.data(), sizeof number);
@@ -293,7 +292,7 @@ CK_ULONG Template::number(CK_ATTRIBUTE_TYPE type, CK_ULONG fallback) const
 
 bool Template::flag(CK_ATTRIBUTE_TYPE type, bool fallback) const
 {
-    const ByteView value = bytes(type);
+    const Bytes value = bytes(type);
     return value.size() == sizeof(CK_BBOOL) ? value.front() != CK_FALSE : fallback;
 }
 

@@ -12,7 +12,7 @@ namespace velkor::strict
 enum class Answer { Value, NotThere, Sensitive };
 
 /// The value of one attribute of an object.
-Answer attributeOf(const View& view, CK_ATTRIBUTE_TYPE type, Bytes& value);
+Answer attributeOf(const View& view, CK_ATTRIBUTE_TYPE type, SecretBytes& value);
 
 /// Whether objects of that class and key type have the attribute.
 bool hasAttribute(CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType, CK_ATTRIBUTE_TYPE type);
@@ -30,7 +30,7 @@ public:
     std::span<const CK_ATTRIBUTE> entries() const { return entries_; }
     bool has(CK_ATTRIBUTE_TYPE type) const { return find(type) != nullptr; }
     /// Empty when the attribute is not there.
-    ByteView bytes(CK_ATTRIBUTE_TYPE type) const;
+    Bytes bytes(CK_ATTRIBUTE_TYPE type) const;
     /// The fallback when the attribute is not there or has another size.
     CK_ULONG number(CK_ATTRIBUTE_TYPE type, CK_ULONG fallback) const;
     bool flag(CK_ATTRIBUTE_TYPE type, bool fallback) const;

@@ -35,7 +35,7 @@ CK_RV checkCiphertext(const char* name, const KeyOperation& operation, std::size
     return CKR_OK;
 }
 
-CK_RV encryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, ByteView data, Bytes& result)
+CK_RV encryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, Bytes data, SecretBytes& result)
 {
     CK_MECHANISM mechanism = {operation.mechanism->type, nullptr, 0};
     const CK_RV status = module().C_EncryptInit(session, &mechanism, PUBLIC_KEY_BASE + operation.pair);
@@ -50,7 +50,7 @@ CK_RV encryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, 
 }
 
 /// The length is asked for first: the device alone knows it, and the module writes past any room.
-CK_RV decryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, ByteView data, Bytes& result)
+CK_RV decryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, Bytes data, SecretBytes& result)
 {
     CK_MECHANISM mechanism = {operation.mechanism->type, nullptr, 0};
     const CK_RV status = module().C_DecryptInit(session, &mechanism, PRIVATE_KEY_BASE + operation.pair);
@@ -69,7 +69,7 @@ CK_RV decryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, 
 }
 
 using CheckInput = CK_RV (*)(const char* name, const KeyOperation& operation, std::size_t size);
-using Work = CK_RV (*)(CK_SESSION_HANDLE session, const KeyOperation& operation, ByteView data, Bytes& result);
+using Work = CK_RV (*)(CK_SESSION_HANDLE session, const KeyOperation& operation, Bytes data, SecretBytes& result);
 
 /// What differs between the two directions.
 struct Direction {
@@ -88,7 +88,7 @@ std::size_t outputSize(const KeyOperation& operation)
     return operation.isFinished ? operation.result.size() : operation.contents->modulus.size();
 }
 
-CK_RV transform(const char* name, Token& token, const Direction& direction, KeyOperation& operation, ByteView data)
+CK_RV transform(const char* name, Token& token, const Direction& direction, KeyOperation& operation, Bytes data)
 {
     CK_RV result = direction.check(name, operation, data.size());
     if (result != CKR_OK)
@@ -102,7 +102,7 @@ CK_RV transform(const char* name, Token& token, const Direction& direction, KeyO
 
 /// A ciphertext has the length of its key, so that a short buffer is told before the device works; a plaintext has to
 /// be there first.
-CK_RV transformInto(const char* name, Session& session, const Direction& direction, ByteView data, Output output)
+CK_RV transformInto(const char* name, Session& session, const Direction& direction, Bytes data, Output output)
 {
     auto& operation = session.operations.*direction.operation;
     CK_RV result = CKR_OK;
@@ -119,7 +119,7 @@ CK_RV transformInto(const char* name, Session& session, const Direction& directi
     return endUnless(operation, CKR_OK, false);
 }
 
-CK_RV inOnePart(const char* name, Session& session, const Direction& direction, ByteView data, Output output)
+CK_RV inOnePart(const char* name, Session& session, const Direction& direction, Bytes data, Output output)
 {
     auto& operation = session.operations.*direction.operation;
     if (!operation)
@@ -132,7 +132,7 @@ CK_RV inOnePart(const char* name, Session& session, const Direction& direction, 
 }
 
 /// All output comes with the final call.
-CK_RV update(const char* name, Session& session, const Direction& direction, ByteView part, Output output)
+CK_RV update(const char* name, Session& session, const Direction& direction, Bytes part, Output output)
 {
     auto& operation = session.operations.*direction.operation;
     if (!operation)

@@ -13,7 +13,7 @@ constexpr unsigned char OCTET_STRING = 0x04;
 constexpr unsigned char SEQUENCE = 0x30;
 
 /// Takes one element off the front of `der` and gives its content. False when there is none with that tag.
-bool take(ByteView& der, unsigned char tag, ByteView& content)
+bool take(Bytes& der, unsigned char tag, Bytes& content)
 {
     if (der.size() < 2 || der[0] != tag)
         return false;
@@ -37,10 +37,10 @@ bool take(ByteView& der, unsigned char tag, ByteView& content)
 
 } // namespace
 
-Bytes derOctetString(ByteView content)
+SecretBytes derOctetString(Bytes content)
 {
-    Bytes der{OCTET_STRING};
-    Bytes length;
+    SecretBytes der{OCTET_STRING};
+    SecretBytes length;
     for (std::size_t rest = content.size(); rest != 0; rest >>= 8U)
         length.insert(length.begin(), static_cast<unsigned char>(rest & 0xFFU));
     if (content.size() >= 0x80)
@@ -52,25 +52,25 @@ Bytes derOctetString(ByteView content)
     return der;
 }
 
-ByteView contentOfOctetString(ByteView der)
+Bytes contentOfOctetString(Bytes der)
 {
-    ByteView content;
-    return take(der, OCTET_STRING, content) && der.empty() ? content : ByteView();
+    Bytes content;
+    return take(der, OCTET_STRING, content) && der.empty() ? content : Bytes();
 }
 
-ByteView withoutLeadingZeros(ByteView number)
+Bytes withoutLeadingZeros(Bytes number)
 {
     const auto first = std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
     return number.subspan(static_cast<std::size_t>(first - number.begin()));
 }
 
-bool readRsaPublicKey(ByteView der, Bytes& modulus, Bytes& exponent)
+bool readRsaPublicKey(Bytes der, SecretBytes& modulus, SecretBytes& exponent)
 {
-    ByteView key;
+    Bytes key;
     if (!take(der, SEQUENCE, key) || !der.empty())
         return false;
-    ByteView algorithm;
-    ByteView bits;
+    Bytes algorithm;
+    Bytes bits;
     if (take(key, SEQUENCE, algorithm)) {
         if (!take(key, BIT_STRING, bits) || bits.empty())
             return false;
@@ -78,12 +78,12 @@ bool readRsaPublicKey(ByteView der, Bytes& modulus, Bytes& exponent)
         if (!take(bits, SEQUENCE, key))
             return false;
     }
-    ByteView first;
-    ByteView second;
+    Bytes first;
+    Bytes second;
     if (!take(key, INTEGER, first) || !take(key, INTEGER, second) || !key.empty())
         return false;
-    modulus = copyOf(withoutLeadingZeros(first));
-    exponent = copyOf(withoutLeadingZeros(second));
+    modulus = secretCopyOf(withoutLeadingZeros(first));
+    exponent = secretCopyOf(withoutLeadingZeros(second));
     return true;
 }
 

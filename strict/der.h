@@ -7,15 +7,15 @@ namespace velkor::strict
 {
 
 /// The bytes as a DER OCTET STRING.
-Bytes derOctetString(ByteView content);
+SecretBytes derOctetString(Bytes content);
 
 /// The content of a DER OCTET STRING that is nothing else; empty when the bytes are no such thing.
-ByteView contentOfOctetString(ByteView der);
+Bytes contentOfOctetString(Bytes der);
 
 /// Modulus and exponent of a SubjectPublicKeyInfo or an RSAPublicKey, without leading zeros. False when it is neither.
-bool readRsaPublicKey(ByteView der, Bytes& modulus, Bytes& exponent);
+bool readRsaPublicKey(Bytes der, SecretBytes& modulus, SecretBytes& exponent);
 
 /// A big number without the zero bytes in front.
-ByteView withoutLeadingZeros(ByteView number);
+Bytes withoutLeadingZeros(Bytes number);
 
 } // namespace velkor::strict

@@ -20,7 +20,7 @@ constexpr const char* NAME = "C_DeriveKey";
 constexpr std::size_t SECRET_ROOM = 1024;
 
 /// The peer's point, bare; empty when the parameter is not one that the device honours.
-Bytes readPeer(const CK_MECHANISM& mechanism)
+SecretBytes readPeer(const CK_MECHANISM& mechanism)
 {
     CK_ECDH1_DERIVE_PARAMS parameter{};
     if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof parameter)
@@ -28,12 +28,12 @@ Bytes readPeer(const CK_MECHANISM& mechanism)
     std::memcpy(&parameter, mechanism.pParameter, sizeof parameter);
     if (parameter.kdf != CKD_NULL || parameter.ulSharedDataLen != 0 || parameter.pPublicData == nullptr)
         return {};
-    const ByteView given(parameter.pPublicData, parameter.ulPublicDataLen);
-    const ByteView content = contentOfOctetString(given);
-    return copyOf(content.empty() ? given : content);
+    const Bytes given(parameter.pPublicData, parameter.ulPublicDataLen);
+    const Bytes content = contentOfOctetString(given);
+    return secretCopyOf(content.empty() ? given : content);
 }
 
-CK_RV readMechanism(const Session& session, const CK_MECHANISM* pMechanism, Bytes& peer)
+CK_RV readMechanism(const Session& session, const CK_MECHANISM* pMechanism, SecretBytes& peer)
 {
     if (pMechanism == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, NAME, ": pMechanism is NULL");
@@ -62,7 +62,7 @@ CK_RV readTemplate(const Session& session, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG 
     return CKR_OK;
 }
 
-CK_RV findBase(const Session& session, CK_OBJECT_HANDLE hBaseKey, const Bytes& peer, ObjectPtr& base, View& view)
+CK_RV findBase(const Session& session, CK_OBJECT_HANDLE hBaseKey, const SecretBytes& peer, ObjectPtr& base, View& view)
 {
     CK_RV result = findObject(NAME, session, hBaseKey, CKR_KEY_HANDLE_INVALID, base);
     if (result == CKR_OK && base->objectClass != CKO_PRIVATE_KEY)
@@ -79,7 +79,7 @@ CK_RV findBase(const Session& session, CK_OBJECT_HANDLE hBaseKey, const Bytes& p
 }
 
 /// The module keeps each secret under a handle of its own until the end of the process; the front takes a copy.
-CK_RV deriveInModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE base, Bytes& peer, Bytes& secret)
+CK_RV deriveInModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE base, SecretBytes& peer, SecretBytes& secret)
 {
     CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, static_cast<CK_ULONG>(peer.size()), peer.data()};
     CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
@@ -99,7 +99,7 @@ CK_RV deriveInModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE base, Bytes& pe
 CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate,
                 CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
 {
-    Bytes peer;
+    SecretBytes peer;
     Template wanted;
     ObjectPtr base;
     View view;
@@ -110,7 +110,7 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
         return refuse(CKR_ARGUMENTS_BAD, NAME, ": phKey is NULL");
     if (result == CKR_OK)
         result = findBase(session, hBaseKey, peer, base, view);
-    Bytes secret;
+    SecretBytes secret;
     if (result == CKR_OK)
         result = useKeyPair(session.token, base->moduleHandle & PAIR_NUMBER, view.contents->identity,
                             [&](CK_SESSION_HANDLE moduleSession) {

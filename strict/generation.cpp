@@ -71,7 +71,7 @@ CK_RV checkRsa(const Template& ofPublic)
     if (std::find(std::begin(SIZES), std::end(SIZES), bits) == std::end(SIZES))
         return refuse(CKR_KEY_SIZE_RANGE, NAME, ": unsupported RSA modulusBits=", bits);
     constexpr unsigned char ONLY_EXPONENT[] = {0x01, 0x00, 0x01};
-    ByteView exponent = ofPublic.bytes(CKA_PUBLIC_EXPONENT);
+    Bytes exponent = ofPublic.bytes(CKA_PUBLIC_EXPONENT);
     while (!exponent.empty() && exponent.front() == 0)
         exponent = exponent.subspan(1);
     if (!exponent.empty() && !sameBytes(exponent, ONLY_EXPONENT))
@@ -81,11 +81,11 @@ CK_RV checkRsa(const Template& ofPublic)
 
 CK_RV checkEc(const Wanted& wanted)
 {
-    ByteView curve = wanted.ofPublic.bytes(CKA_EC_PARAMS);
+    Bytes curve = wanted.ofPublic.bytes(CKA_EC_PARAMS);
     if (curve.empty())
         return refuse(CKR_TEMPLATE_INCOMPLETE, NAME, ": CKA_EC_PARAMS is missing");
     constexpr std::span<const unsigned char> CURVES[] = {P256, P384, P521};
-    if (std::none_of(std::begin(CURVES), std::end(CURVES), [&](ByteView each) { return sameBytes(each, curve); }))
+    if (std::none_of(std::begin(CURVES), std::end(CURVES), [&](Bytes each) { return sameBytes(each, curve); }))
         return refuse(CKR_DOMAIN_PARAMS_INVALID, NAME, ": the token lacks this curve, ulValueLen=", curve.size());
     return CKR_OK;
 }
@@ -120,10 +120,10 @@ CK_BBOOL useOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE ofPrivate, CK_ATTRIBUTE_T
 }
 
 /// The module has generation take ID and label from the private template; without one there, the public one's count.
-Bytes nameOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE type)
+SecretBytes nameOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE type)
 {
-    const ByteView ofPrivate = wanted.ofPrivate.bytes(type);
-    return copyOf(ofPrivate.empty() ? wanted.ofPublic.bytes(type) : ofPrivate);
+    const Bytes ofPrivate = wanted.ofPrivate.bytes(type);
+    return secretCopyOf(ofPrivate.empty() ? wanted.ofPublic.bytes(type) : ofPrivate);
 }
 
 CK_RV generateInModule(CK_SESSION_HANDLE session, const CK_MECHANISM& given, const Wanted& wanted,
@@ -135,10 +135,10 @@ CK_RV generateInModule(CK_SESSION_HANDLE session, const CK_MECHANISM& given, con
     // The module takes a request for no use at all for one of signing.
     if (keyType == CKK_EC && signs == CK_FALSE)
         decrypts = CK_TRUE;
-    Bytes label = nameOf(wanted, CKA_LABEL);
-    Bytes id = nameOf(wanted, CKA_ID);
+    SecretBytes label = nameOf(wanted, CKA_LABEL);
+    SecretBytes id = nameOf(wanted, CKA_ID);
     const CK_ATTRIBUTE_TYPE sizeType = keyType == CKK_EC ? CKA_EC_PARAMS : CKA_MODULUS_BITS;
-    Bytes size = copyOf(wanted.ofPublic.bytes(sizeType));
+    SecretBytes size = secretCopyOf(wanted.ofPublic.bytes(sizeType));
     CK_ATTRIBUTE ofPublic[] = {{sizeType, size.data(), static_cast<CK_ULONG>(size.size())}};
     CK_ATTRIBUTE ofPrivate[] = {{CKA_KEY_TYPE, &keyType, sizeof keyType},
                                 {CKA_SIGN, &signs, sizeof signs},

@@ -8,14 +8,13 @@
 
 #include "cryptoki.h"
 #include "strict/state.h"
+#include "util/bytes.h"
 #include "util/secret.h"
 
 namespace velkor::strict
 {
 
-using Bytes = SecretBytes;
-using ByteView = std::span<const unsigned char>;
-using AttributeMap = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
+using AttributeMap = std::map<CK_ATTRIBUTE_TYPE, SecretBytes>;
 
 // Younger than 2.20, and asked for all the same.
 inline constexpr CK_ATTRIBUTE_TYPE CKA_COPYABLE = 0x171;
@@ -26,18 +25,18 @@ inline constexpr CK_RV CKR_ACTION_PROHIBITED = 0x1B;
 /// halves of a pair share it. Never changed once it is made.
 struct Contents {
     CK_KEY_TYPE keyType = CK_UNAVAILABLE_INFORMATION;
-    Bytes identity; ///< As the module has it: what makes it this object and no other.
-    Bytes value;    ///< A certificate, a secret, or data.
-    Bytes modulus;
-    Bytes exponent;
-    Bytes point; ///< Uncompressed, bare.
-    Bytes curve; ///< DER of the object identifier.
+    SecretBytes identity; ///< As the module has it: what makes it this object and no other.
+    SecretBytes value;    ///< A certificate, a secret, or data.
+    SecretBytes modulus;
+    SecretBytes exponent;
+    SecretBytes point; ///< Uncompressed, bare.
+    SecretBytes curve; ///< DER of the object identifier.
     CK_ULONG bits = 0;
-    Bytes label;
-    Bytes id;
-    Bytes subject;
-    Bytes issuer;
-    Bytes serialNumber;
+    SecretBytes label;
+    SecretBytes id;
+    SecretBytes subject;
+    SecretBytes issuer;
+    SecretBytes serialNumber;
     bool mayUseSignatures = false;
     bool mayUseCiphers = false;
 };
@@ -88,22 +87,22 @@ inline bool isKey(CK_OBJECT_CLASS objectClass)
     return objectClass == CKO_PUBLIC_KEY || objectClass == CKO_PRIVATE_KEY;
 }
 
-inline bool sameBytes(ByteView left, ByteView right)
+inline bool sameBytes(Bytes left, Bytes right)
 {
     return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
 }
 
-inline Bytes copyOf(ByteView bytes)
+inline SecretBytes secretCopyOf(Bytes bytes)
 {
-    return Bytes(bytes.begin(), bytes.end());
+    return SecretBytes(bytes.begin(), bytes.end());
 }
 
 /// A number or a structure as its bytes.
 template <typename Value>
-Bytes bytesOfValue(const Value& value)
+SecretBytes bytesOfValue(const Value& value)
 {
     const auto* first = reinterpret_cast<const unsigned char*>(&value);
-    return Bytes(first, first + sizeof value);
+    return SecretBytes(first, first + sizeof value);
 }
 
 } // namespace velkor::strict

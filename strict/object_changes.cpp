@@ -18,12 +18,12 @@ namespace
 constexpr const char* CREATE = "C_CreateObject";
 constexpr const char* COPY = "C_CopyObject";
 
-CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, const Bytes& value)
+CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, const SecretBytes& value)
 {
     return {type, const_cast<unsigned char*>(value.data()), static_cast<CK_ULONG>(value.size())};
 }
 
-void addIfGiven(std::vector<CK_ATTRIBUTE>& attributes, CK_ATTRIBUTE_TYPE type, const Bytes& value)
+void addIfGiven(std::vector<CK_ATTRIBUTE>& attributes, CK_ATTRIBUTE_TYPE type, const SecretBytes& value)
 {
     if (!value.empty())
         attributes.push_back(attribute(type, value));
@@ -56,8 +56,8 @@ CK_RV createInModule(Session& session, std::vector<CK_ATTRIBUTE>& attributes, CK
     return result;
 }
 
-CK_RV storeCertificate(const char* name, Session& session, const Bytes& der, const Bytes& label, const Bytes& id,
-                       CK_OBJECT_HANDLE_PTR phObject)
+CK_RV storeCertificate(const char* name, Session& session, const SecretBytes& der, const SecretBytes& label,
+                       const SecretBytes& id, CK_OBJECT_HANDLE_PTR phObject)
 {
     CK_RV result = checkMayWrite(name, session);
     if (result != CKR_OK)
@@ -88,11 +88,11 @@ CK_RV createCertificate(Session& session, const Template& wanted, CK_OBJECT_HAND
     if (wanted.flag(CKA_TOKEN, false)) {
         if (wanted.flag(CKA_PRIVATE, false))
             return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": certificates on the token are public");
-        return storeCertificate(CREATE, session, copyOf(wanted.bytes(CKA_VALUE)), copyOf(wanted.bytes(CKA_LABEL)),
-                                copyOf(wanted.bytes(CKA_ID)), phObject);
+        return storeCertificate(CREATE, session, secretCopyOf(wanted.bytes(CKA_VALUE)),
+                                secretCopyOf(wanted.bytes(CKA_LABEL)), secretCopyOf(wanted.bytes(CKA_ID)), phObject);
     }
     auto contents = std::make_shared<Contents>();
-    contents->value = copyOf(wanted.bytes(CKA_VALUE));
+    contents->value = secretCopyOf(wanted.bytes(CKA_VALUE));
     return addSessionObject(CREATE, session, CKO_CERTIFICATE, wanted, contents, phObject);
 }
 
@@ -100,8 +100,8 @@ CK_RV readPublicKey(const Template& wanted, Contents& contents)
 {
     contents.keyType = wanted.number(CKA_KEY_TYPE, CK_UNAVAILABLE_INFORMATION);
     if (contents.keyType == CKK_RSA) {
-        contents.modulus = copyOf(withoutLeadingZeros(wanted.bytes(CKA_MODULUS)));
-        contents.exponent = copyOf(withoutLeadingZeros(wanted.bytes(CKA_PUBLIC_EXPONENT)));
+        contents.modulus = secretCopyOf(withoutLeadingZeros(wanted.bytes(CKA_MODULUS)));
+        contents.exponent = secretCopyOf(withoutLeadingZeros(wanted.bytes(CKA_PUBLIC_EXPONENT)));
         contents.bits = static_cast<CK_ULONG>(contents.modulus.size() * 8);
         if (contents.modulus.empty() || contents.exponent.empty())
             return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": CKA_MODULUS or CKA_PUBLIC_EXPONENT is missing");
@@ -109,10 +109,10 @@ CK_RV readPublicKey(const Template& wanted, Contents& contents)
     }
     if (contents.keyType != CKK_EC)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": unsupported CKA_KEY_TYPE=", contents.keyType);
-    const ByteView point = wanted.bytes(CKA_EC_POINT);
-    const ByteView bare = contentOfOctetString(point);
-    contents.point = copyOf(bare.empty() ? point : bare);
-    contents.curve = copyOf(wanted.bytes(CKA_EC_PARAMS));
+    const Bytes point = wanted.bytes(CKA_EC_POINT);
+    const Bytes bare = contentOfOctetString(point);
+    contents.point = secretCopyOf(bare.empty() ? point : bare);
+    contents.curve = secretCopyOf(wanted.bytes(CKA_EC_PARAMS));
     if (contents.point.empty() || contents.curve.empty())
         return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": CKA_EC_POINT or CKA_EC_PARAMS is missing");
     return CKR_OK;
@@ -182,7 +182,7 @@ CK_RV checkPrivateKey(const Template& wanted)
         if (wanted.bytes(type).empty())
             return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": a component is missing, type=", CK_ATTRIBUTE_TYPE{type});
     }
-    const ByteView exponent = withoutLeadingZeros(wanted.bytes(CKA_PUBLIC_EXPONENT));
+    const Bytes exponent = withoutLeadingZeros(wanted.bytes(CKA_PUBLIC_EXPONENT));
     constexpr unsigned char ONLY_EXPONENT[] = {0x01, 0x00, 0x01};
     if (!exponent.empty() && !sameBytes(exponent, ONLY_EXPONENT))
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the public exponent has to be 65537");
@@ -204,11 +204,11 @@ CK_RV createPrivateKey(Session& session, const Template& wanted, CK_OBJECT_HANDL
         return result;
     CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
     CK_KEY_TYPE keyType = CKK_RSA;
-    Bytes values[] = {copyOf(withoutLeadingZeros(wanted.bytes(CKA_MODULUS))),
-                      copyOf(withoutLeadingZeros(wanted.bytes(CKA_PRIVATE_EXPONENT))),
-                      copyOf(withoutLeadingZeros(wanted.bytes(CKA_PRIME_1)))};
-    const Bytes label = copyOf(wanted.bytes(CKA_LABEL));
-    const Bytes id = copyOf(wanted.bytes(CKA_ID));
+    SecretBytes values[] = {secretCopyOf(withoutLeadingZeros(wanted.bytes(CKA_MODULUS))),
+                            secretCopyOf(withoutLeadingZeros(wanted.bytes(CKA_PRIVATE_EXPONENT))),
+                            secretCopyOf(withoutLeadingZeros(wanted.bytes(CKA_PRIME_1)))};
+    const SecretBytes label = secretCopyOf(wanted.bytes(CKA_LABEL));
+    const SecretBytes id = secretCopyOf(wanted.bytes(CKA_ID));
     std::vector<CK_ATTRIBUTE> attributes = {{CKA_CLASS, &objectClass, sizeof objectClass},
                                             {CKA_KEY_TYPE, &keyType, sizeof keyType},
                                             attribute(CKA_MODULUS, values[0]),
@@ -230,7 +230,7 @@ CK_RV createData(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR 
     if (wanted.flag(CKA_TOKEN, false))
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps no data objects");
     auto contents = std::make_shared<Contents>();
-    contents->value = copyOf(wanted.bytes(CKA_VALUE));
+    contents->value = secretCopyOf(wanted.bytes(CKA_VALUE));
     return addSessionObject(CREATE, session, CKO_DATA, wanted, contents, phObject);
 }
 
@@ -252,7 +252,7 @@ CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& w
     copy->isCopyable = wanted.flag(CKA_COPYABLE, source->isCopyable);
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
         if (needsContents(entry.type))
-            copy->own[entry.type] = copyOf(wanted.bytes(entry.type));
+            copy->own[entry.type] = secretCopyOf(wanted.bytes(entry.type));
     }
     *phNewObject = addObject(state(), copy)->handle;
     return CKR_OK;
@@ -306,14 +306,14 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
         return keepPair(session, source, wanted, phNewObject);
     if (view.objectClass != CKO_CERTIFICATE || view.isTokenObject)
         return refuse(CKR_TEMPLATE_INCONSISTENT, COPY, ": the token cannot hold this twice, handle=", source->handle);
-    Bytes label;
-    Bytes id;
+    SecretBytes label;
+    SecretBytes id;
     attributeOf(view, CKA_LABEL, label);
     attributeOf(view, CKA_ID, id);
     if (wanted.has(CKA_LABEL))
-        label = copyOf(wanted.bytes(CKA_LABEL));
+        label = secretCopyOf(wanted.bytes(CKA_LABEL));
     if (wanted.has(CKA_ID))
-        id = copyOf(wanted.bytes(CKA_ID));
+        id = secretCopyOf(wanted.bytes(CKA_ID));
     return storeCertificate(COPY, session, view.contents->value, label, id, phNewObject);
 }
 
@@ -322,7 +322,7 @@ CK_RV checkCopyTemplate(const View& view, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
         const CK_ATTRIBUTE_TYPE type = entry.type;
-        Bytes value;
+        SecretBytes value;
         const Answer answer = attributeOf(view, type, value);
         if (answer == Answer::NotThere)
             return refuse(CKR_ATTRIBUTE_TYPE_INVALID, COPY, ": no such attribute here, type=", type);
@@ -337,7 +337,7 @@ CK_RV checkCopyTemplate(const View& view, const Template& wanted)
 CK_RV checkChange(const char* name, const View& view, const Object& object, const CK_ATTRIBUTE& entry)
 {
     const CK_ATTRIBUTE_TYPE type = entry.type;
-    Bytes value;
+    SecretBytes value;
     if (attributeOf(view, type, value) == Answer::NotThere)
         return refuse(CKR_ATTRIBUTE_TYPE_INVALID, name, ": no such attribute here, type=", type);
     const bool isName = type == CKA_LABEL || type == CKA_ID;
@@ -346,7 +346,7 @@ CK_RV checkChange(const char* name, const View& view, const Object& object, cons
         return refuse(CKR_ATTRIBUTE_READ_ONLY, name, ": cannot be changed, type=", type);
     if (!staysOnDevice(object))
         return CKR_OK;
-    return checkName(name, type, ByteView(static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen));
+    return checkName(name, type, Bytes(static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen));
 }
 
 /// Both halves are one record on the device.
@@ -361,9 +361,9 @@ void noteNewNames(const Object& changed, const Template& wanted)
             continue;
         auto contents = std::make_shared<Contents>(*mapped->second->contents);
         if (wanted.has(CKA_LABEL))
-            contents->label = copyOf(wanted.bytes(CKA_LABEL));
+            contents->label = secretCopyOf(wanted.bytes(CKA_LABEL));
         if (wanted.has(CKA_ID))
-            contents->id = copyOf(wanted.bytes(CKA_ID));
+            contents->id = secretCopyOf(wanted.bytes(CKA_ID));
         mapped->second->contents = std::move(contents);
     }
 }
@@ -462,7 +462,7 @@ CK_RV checkMayWrite(const char* name, const Session& session)
     return CKR_OK;
 }
 
-CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, ByteView value)
+CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, Bytes value)
 {
     const bool hasZeroByte = std::find(value.begin(), value.end(), 0) != value.end();
     if (value.empty() || value.size() > LABEL_CAPACITY || (type == CKA_LABEL && hasZeroByte))
@@ -490,7 +490,7 @@ CK_RV addSessionObject(const char* name, Session& session, CK_OBJECT_CLASS objec
     object->contents = std::move(contents);
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
         if (needsContents(entry.type) && entry.type != CKA_VALUE_LEN) // The value has its own length.
-            object->own[entry.type] = copyOf(wanted.bytes(entry.type));
+            object->own[entry.type] = secretCopyOf(wanted.bytes(entry.type));
     }
     if (object->isPrivate && !isUserLoggedIn(session.token))
         return refuse(CKR_USER_NOT_LOGGED_IN, name, ": the object is private");
@@ -629,7 +629,7 @@ CK_RV setAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE
         return changeOnDevice(session, object, view, wanted);
     const std::scoped_lock lock(state().lock);
     for (const CK_ATTRIBUTE& entry : wanted.entries())
-        object->own[entry.type] = copyOf(wanted.bytes(entry.type));
+        object->own[entry.type] = secretCopyOf(wanted.bytes(entry.type));
     return CKR_OK;
 }
 

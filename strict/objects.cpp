@@ -42,7 +42,7 @@ enum CertificateAnswer { CERT_VALUE, CERT_SUBJECT, CERT_ISSUER, CERT_SERIAL, CER
 /// All that is asked, in one call; a second one where a value is longer than any that was thought of.
 template <std::size_t Count>
 CK_RV ask(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE moduleHandle, const Asked (&asked)[Count],
-          std::array<Bytes, Count>& answers)
+          std::array<SecretBytes, Count>& answers)
 {
     std::array<CK_ATTRIBUTE, Count> attributes{};
     const auto prepare = [&](std::size_t index, std::size_t room) {
@@ -67,7 +67,7 @@ CK_RV ask(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE moduleHandle, const Asked 
 }
 
 template <typename Number>
-Number numberIn(const Bytes& bytes)
+Number numberIn(const SecretBytes& bytes)
 {
     Number number{};
     if (bytes.size() == sizeof number)
@@ -78,7 +78,7 @@ Number numberIn(const Bytes& bytes)
 /// Both halves of a pair have the same contents.
 CK_RV askKeyPair(CK_SESSION_HANDLE session, CK_ULONG number, Contents& contents)
 {
-    std::array<Bytes, std::size(OF_KEY_PAIR)> answers;
+    std::array<SecretBytes, std::size(OF_KEY_PAIR)> answers;
     const CK_RV result = ask(session, PRIVATE_KEY_BASE + number, OF_KEY_PAIR, answers);
     if (result != CKR_OK)
         return result;
@@ -93,15 +93,15 @@ CK_RV askKeyPair(CK_SESSION_HANDLE session, CK_ULONG number, Contents& contents)
     if (contents.keyType == CKK_EC) {
         contents.point = contents.identity;
     } else if (!readRsaPublicKey(contents.identity, contents.modulus, contents.exponent)) {
-        contents.modulus = copyOf(withoutLeadingZeros(contents.identity));
-        contents.exponent = copyOf(RSA_PUBLIC_EXPONENT);
+        contents.modulus = secretCopyOf(withoutLeadingZeros(contents.identity));
+        contents.exponent = secretCopyOf(RSA_PUBLIC_EXPONENT);
     }
     return CKR_OK;
 }
 
 CK_RV askCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE moduleHandle, Contents& contents)
 {
-    std::array<Bytes, std::size(OF_CERTIFICATE)> answers;
+    std::array<SecretBytes, std::size(OF_CERTIFICATE)> answers;
     const CK_RV result = ask(session, moduleHandle, OF_CERTIFICATE, answers);
     if (result != CKR_OK)
         return result;
@@ -176,7 +176,7 @@ void takeObjects(State& state, const IsMeant& isMeant, RemovedThings& removed)
 
 CK_RV checkAttributes(const View& view, CK_ATTRIBUTE& entry)
 {
-    Bytes value;
+    SecretBytes value;
     switch (attributeOf(view, entry.type, value)) {
     case Answer::NotThere:
         entry.ulValueLen = CK_UNAVAILABLE_INFORMATION;
@@ -295,14 +295,14 @@ CK_RV searchModule(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE>& criteri
 CK_RV findPairOf(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere)
 {
     // The device has a modulus bare or in DER, and a point bare.
-    std::vector<Bytes> forms;
+    std::vector<SecretBytes> forms;
     if (publicKey.keyType == CKK_EC)
         forms = {publicKey.point};
     else
-        forms = {publicKey.modulus, copyOf(rsaSubjectPublicKeyInfo(publicKey.modulus))};
+        forms = {publicKey.modulus, secretCopyOf(rsaSubjectPublicKeyInfo(publicKey.modulus))};
     return useToken(token, [&](CK_SESSION_HANDLE session) -> CK_RV {
         isThere = false;
-        for (Bytes& form : forms) {
+        for (SecretBytes& form : forms) {
             if (form.empty())
                 continue;
             CK_OBJECT_CLASS objectClass = CKO_PUBLIC_KEY;

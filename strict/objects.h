@@ -74,6 +74,6 @@ CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishe
 CK_RV checkMayWrite(const char* name, const Session& session);
 
 /// Whether a label or an ID can be kept on the token.
-CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, ByteView value);
+CK_RV checkName(const char* name, CK_ATTRIBUTE_TYPE type, Bytes value);
 
 } // namespace velkor::strict

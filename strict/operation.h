@@ -31,10 +31,10 @@ CK_RV endUnless(std::optional<Operation>& operation, CK_RV result, bool goesOn)
 }
 
 /// Gathers or hashes data of an operation in parts.
-CK_RV addPart(const char* name, Token& token, KeyOperation& operation, ByteView part);
+CK_RV addPart(const char* name, Token& token, KeyOperation& operation, Bytes part);
 
 /// The data that the mechanism is to work on: as it is, or hashed.
-CK_RV prepareInput(Token& token, KeyOperation& operation, ByteView data, Bytes& input);
+CK_RV prepareInput(Token& token, KeyOperation& operation, Bytes data, SecretBytes& input);
 
 /// Whether the input has a length that the device treats as the mechanism says.
 CK_RV checkInput(const char* name, const KeyOperation& operation, std::size_t size);
@@ -52,7 +52,7 @@ inline bool answersLength(const char* name, Output output, std::size_t size, CK_
     return true;
 }
 
-inline void deliver(Output output, const Bytes& result)
+inline void deliver(Output output, const SecretBytes& result)
 {
     std::copy(result.begin(), result.end(), output.buffer);
     *output.length = static_cast<CK_ULONG>(result.size());

@@ -19,7 +19,7 @@ namespace
 /// The device counts in signed 32-bit numbers.
 constexpr std::size_t PIECE = 1U << 30U;
 
-CK_BYTE_PTR inputPointer(ByteView data)
+CK_BYTE_PTR inputPointer(Bytes data)
 {
     return const_cast<CK_BYTE_PTR>(data.data());
 }
@@ -28,9 +28,9 @@ CK_RV checkPermission(const Use& use, const View& view, const Mechanism& mechani
 {
     if (view.objectClass != use.keyClass || view.contents->keyType != mechanism.keyType)
         return refuse(CKR_KEY_TYPE_INCONSISTENT, use.name, ": the key is of another kind, mechanism=", mechanism.type);
-    Bytes permission;
+    SecretBytes permission;
     attributeOf(view, use.permission, permission);
-    if (permission != Bytes{CK_TRUE})
+    if (permission != SecretBytes{CK_TRUE})
         return refuse(CKR_KEY_FUNCTION_NOT_PERMITTED, use.name,
                       view.hasPair ? ": the key does not do this"
                                    : ": the pair of this public key is not on the token");
@@ -75,7 +75,7 @@ HashRun::~HashRun()
         session_.spoil();
 }
 
-CK_RV HashRun::update(Token& token, ByteView data)
+CK_RV HashRun::update(Token& token, Bytes data)
 {
     if (data.empty())
         return CKR_OK;
@@ -94,17 +94,17 @@ CK_RV HashRun::update(Token& token, ByteView data)
         session_ = std::move(session);
     }
     while (!data.empty() && result == CKR_OK) {
-        const ByteView piece = data.first(std::min(data.size(), PIECE));
+        const Bytes piece = data.first(std::min(data.size(), PIECE));
         result = module().C_DigestUpdate(session_.handle(), inputPointer(piece), static_cast<CK_ULONG>(piece.size()));
         data = data.subspan(piece.size());
     }
     return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
 }
 
-CK_RV HashRun::finish(Token& token, Bytes& result)
+CK_RV HashRun::finish(Token& token, SecretBytes& result)
 {
     if (!session_.isOpen()) {
-        result = copyOf({hash_->ofNothing, hash_->size});
+        result = secretCopyOf({hash_->ofNothing, hash_->size});
         return CKR_OK;
     }
     ModuleSession session = std::move(session_);
@@ -155,7 +155,7 @@ CK_RV beginWithKey(Session& session, std::optional<KeyOperation>& slot, const Us
     return CKR_OK;
 }
 
-CK_RV addPart(const char* name, Token& token, KeyOperation& operation, ByteView part)
+CK_RV addPart(const char* name, Token& token, KeyOperation& operation, Bytes part)
 {
     if (part.data() == nullptr && !part.empty())
         return refuse(CKR_ARGUMENTS_BAD, name, ": pPart is NULL");
@@ -169,10 +169,10 @@ CK_RV addPart(const char* name, Token& token, KeyOperation& operation, ByteView 
     return CKR_OK;
 }
 
-CK_RV prepareInput(Token& token, KeyOperation& operation, ByteView data, Bytes& input)
+CK_RV prepareInput(Token& token, KeyOperation& operation, Bytes data, SecretBytes& input)
 {
     if (operation.mechanism->hash == nullptr) {
-        input = operation.way == Way::InParts ? std::move(operation.gathered) : copyOf(data);
+        input = operation.way == Way::InParts ? std::move(operation.gathered) : secretCopyOf(data);
         return CKR_OK;
     }
     const CK_RV result = operation.run.update(token, data);
@@ -226,7 +226,7 @@ CK_RV digest(Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen, Output out
     CK_RV result = CKR_OK;
     if (answersLength("C_Digest", output, operation->hash->size, result))
         return result;
-    Bytes hash;
+    SecretBytes hash;
     result = operation->run.update(session.token, {pData, ulDataLen});
     if (result == CKR_OK)
         result = operation->run.finish(session.token, hash);
@@ -257,7 +257,7 @@ CK_RV digestFinal(Session& session, Output output)
     CK_RV result = CKR_OK;
     if (answersLength("C_DigestFinal", output, operation->hash->size, result))
         return result;
-    Bytes hash;
+    SecretBytes hash;
     result = operation->run.finish(session.token, hash);
     if (result == CKR_OK)
         deliver(output, hash);

@@ -25,9 +25,9 @@ public:
     HashRun& operator=(const HashRun&) = delete;
     ~HashRun();
 
-    CK_RV update(Token& token, ByteView data);
+    CK_RV update(Token& token, Bytes data);
     /// Also of nothing at all.
-    CK_RV finish(Token& token, Bytes& result);
+    CK_RV finish(Token& token, SecretBytes& result);
 
 private:
     const Hash* hash_ = nullptr;
@@ -41,7 +41,7 @@ struct DigestOperation {
     const Hash* hash = nullptr;
     Way way = Way::Undecided;
     HashRun run;
-    Bytes result; ///< Finished, but not yet fetched.
+    SecretBytes result; ///< Finished, but not yet fetched.
 };
 
 struct KeyOperation {
@@ -52,8 +52,8 @@ struct KeyOperation {
     std::size_t hashSize = 0; ///< That PSS data must have.
     Way way = Way::Undecided;
     HashRun run;
-    Bytes gathered;
-    Bytes result; ///< Finished, but not yet fetched.
+    SecretBytes gathered;
+    SecretBytes result; ///< Finished, but not yet fetched.
     bool isFinished = false;
 };
 

@@ -49,7 +49,7 @@ constexpr Criterion OF_CERTIFICATES[] = {
 struct Query {
     CK_OBJECT_CLASS objectClass;
     const Criterion* criterion = nullptr;
-    Bytes value;
+    SecretBytes value;
 };
 
 template <std::size_t Count>
@@ -61,16 +61,16 @@ const Criterion* chooseCriterion(const Template& wanted, const Criterion (&crite
 }
 
 /// The module reads labels up to a zero byte.
-Bytes valueFor(const Criterion& criterion, const Template& wanted)
+SecretBytes valueFor(const Criterion& criterion, const Template& wanted)
 {
-    const ByteView value = wanted.bytes(criterion.asked);
-    Bytes passed = copyOf(value);
+    const Bytes value = wanted.bytes(criterion.asked);
+    SecretBytes passed = secretCopyOf(value);
     if (criterion.asked == CKA_LABEL)
         passed.push_back(0);
     if (criterion.asked == CKA_EC_POINT && !contentOfOctetString(value).empty())
-        passed = copyOf(contentOfOctetString(value));
+        passed = secretCopyOf(contentOfOctetString(value));
     if (criterion.asked == CKA_MODULUS)
-        passed = copyOf(withoutLeadingZeros(value));
+        passed = secretCopyOf(withoutLeadingZeros(value));
     return passed;
 }
 
@@ -206,7 +206,7 @@ bool mustRead(const View& view, const Candidate& candidate, const Template& want
 bool matches(const View& view, const Candidate& candidate, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        Bytes value;
+        SecretBytes value;
         if (attributeOf(view, entry.type, value) != Answer::Value)
             return false;
         const bool isCertain = entry.type == candidate.certain && !view.own.contains(entry.type);
@@ -220,7 +220,7 @@ bool matches(const View& view, const Candidate& candidate, const Template& wante
 bool matchesWithoutReading(const View& view, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        Bytes value;
+        SecretBytes value;
         if (!needsContents(entry.type) &&
             (attributeOf(view, entry.type, value) != Answer::Value || !sameBytes(value, wanted.bytes(entry.type))))
             return false;

@@ -25,11 +25,11 @@ std::size_t signatureSize(const Contents& key)
 /// it.
 struct Call {
     CK_MECHANISM_TYPE mechanism;
-    ByteView input;
-    Bytes hashed; ///< Where the input is not the host's data.
+    Bytes input;
+    SecretBytes hashed; ///< Where the input is not the host's data.
 };
 
-CK_RV prepareCall(const char* name, Token& token, KeyOperation& operation, ByteView data, Call& call)
+CK_RV prepareCall(const char* name, Token& token, KeyOperation& operation, Bytes data, Call& call)
 {
     const Mechanism& mechanism = *operation.mechanism;
     call.mechanism = mechanism.type;
@@ -46,7 +46,7 @@ CK_RV prepareCall(const char* name, Token& token, KeyOperation& operation, ByteV
     return mechanism.hash == nullptr ? checkInput(name, operation, call.input.size()) : CKR_OK;
 }
 
-CK_RV signInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, const Call& call, Bytes& signature)
+CK_RV signInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, const Call& call, SecretBytes& signature)
 {
     CK_MECHANISM mechanism = {call.mechanism, nullptr, 0};
     CK_RV result = module().C_SignInit(session, &mechanism, PRIVATE_KEY_BASE + operation.pair);
@@ -61,7 +61,7 @@ CK_RV signInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, con
     return result == CKR_MECHANISM_INVALID ? CKR_DATA_INVALID : result;
 }
 
-CK_RV makeSignature(const char* name, Token& token, KeyOperation& operation, ByteView data)
+CK_RV makeSignature(const char* name, Token& token, KeyOperation& operation, Bytes data)
 {
     Call call{};
     const CK_RV result = prepareCall(name, token, operation, data, call);
@@ -72,7 +72,7 @@ CK_RV makeSignature(const char* name, Token& token, KeyOperation& operation, Byt
     });
 }
 
-CK_RV signInto(const char* name, Session& session, ByteView data, Output output)
+CK_RV signInto(const char* name, Session& session, Bytes data, Output output)
 {
     auto& operation = session.operations.sign;
     CK_RV result = CKR_OK;
@@ -90,7 +90,7 @@ CK_RV signInto(const char* name, Session& session, ByteView data, Output output)
     return endUnless(operation, CKR_OK, false);
 }
 
-CK_RV verifyInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, const Call& call, ByteView signature)
+CK_RV verifyInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, const Call& call, Bytes signature)
 {
     CK_MECHANISM mechanism = {call.mechanism, nullptr, 0};
     const CK_RV result = module().C_VerifyInit(session, &mechanism, PUBLIC_KEY_BASE + operation.pair);
@@ -101,7 +101,7 @@ CK_RV verifyInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, c
                              static_cast<CK_ULONG>(signature.size()));
 }
 
-CK_RV checkSignature(const char* name, Token& token, KeyOperation& operation, ByteView data, ByteView signature)
+CK_RV checkSignature(const char* name, Token& token, KeyOperation& operation, Bytes data, Bytes signature)
 {
     const std::size_t expected = signatureSize(*operation.contents);
     if (signature.size() != expected)

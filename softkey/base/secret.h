@@ -11,18 +11,18 @@
 namespace softkey
 {
 
-class SecretBytes
+class SecretBuffer
 {
 public:
-    SecretBytes() = default;
-    explicit SecretBytes(std::size_t size) : bytes_(static_cast<unsigned char*>(takeSecretMemory(size))), size_(size)
+    SecretBuffer() = default;
+    explicit SecretBuffer(std::size_t size) : bytes_(static_cast<unsigned char*>(takeSecretMemory(size))), size_(size)
     {
         std::memset(bytes_.get(), 0, size);
     }
-    SecretBytes(SecretBytes&& other) noexcept { swap(other); }
-    SecretBytes& operator=(SecretBytes&& other) noexcept
+    SecretBuffer(SecretBuffer&& other) noexcept { swap(other); }
+    SecretBuffer& operator=(SecretBuffer&& other) noexcept
     {
-        SecretBytes taken(std::move(other));
+        SecretBuffer taken(std::move(other));
         swap(taken);
         return *this;
     }
@@ -39,7 +39,7 @@ private:
         void operator()(unsigned char* bytes) const { giveBackMemory(bytes); }
     };
 
-    void swap(SecretBytes& other) noexcept
+    void swap(SecretBuffer& other) noexcept
     {
         std::swap(bytes_, other.bytes_);
         std::swap(size_, other.size_);

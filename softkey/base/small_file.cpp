@@ -38,9 +38,9 @@ std::optional<ByteVector> readSmallFile(const std::filesystem::path& path)
     return contentOf<ByteVector>(path);
 }
 
-std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path)
+std::optional<SecretBuffer> readSmallSecretFile(const std::filesystem::path& path)
 {
-    return contentOf<SecretBytes>(path);
+    return contentOf<SecretBuffer>(path);
 }
 
 } // namespace softkey

@@ -13,6 +13,6 @@ namespace softkey
 /// A regular file's content; nothing when it cannot be read or is larger than a certificate file can be.
 std::optional<ByteVector> readSmallFile(const std::filesystem::path& path);
 /// The same in memory that is wiped.
-std::optional<SecretBytes> readSmallSecretFile(const std::filesystem::path& path);
+std::optional<SecretBuffer> readSmallSecretFile(const std::filesystem::path& path);
 
 } // namespace softkey

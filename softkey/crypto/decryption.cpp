@@ -6,7 +6,7 @@
 namespace softkey
 {
 
-SecretBytes PrivateKey::decrypt(Bytes ciphertext) const
+SecretBuffer PrivateKey::decrypt(Bytes ciphertext) const
 {
     const ForkSafeSection section; // What a decryption works with is on this stack, too.
     require(traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
@@ -16,7 +16,7 @@ SecretBytes PrivateKey::decrypt(Bytes ciphertext) const
     const EvpKeyContext context = newContext();
     require(EVP_PKEY_decrypt_init(context.get()) == 1 &&
             EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) == 1);
-    SecretBytes block(traits_.size());
+    SecretBuffer block(traits_.size());
     std::size_t size = block.size();
     require(EVP_PKEY_decrypt(context.get(), block.data(), &size, ciphertext.data(), ciphertext.size()) == 1,
             SoftkeyStatus::DecryptionFailed);

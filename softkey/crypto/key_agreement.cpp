@@ -23,7 +23,7 @@ Bytes barePoint(Bytes encoded, const KeyKindTraits& traits)
 
 } // namespace
 
-SecretBytes PrivateKey::agree(Bytes peerPoint) const
+SecretBuffer PrivateKey::agree(Bytes peerPoint) const
 {
     const ForkSafeSection section; // What an agreement works with is on this stack, too.
     require(!traits_.isRsa(), SoftkeyStatus::WrongKeyKind);
@@ -31,7 +31,7 @@ SecretBytes PrivateKey::agree(Bytes peerPoint) const
     const EvpKeyContext context = newContext();
     require(EVP_PKEY_derive_init(context.get()) == 1);
     require(EVP_PKEY_derive_set_peer(context.get(), peer.get()) == 1, SoftkeyStatus::BadPublicKey);
-    SecretBytes secret(traits_.size());
+    SecretBuffer secret(traits_.size());
     std::size_t size = secret.size();
     require(EVP_PKEY_derive(context.get(), secret.data(), &size) == 1 && size == secret.size());
     return secret;

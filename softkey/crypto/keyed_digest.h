@@ -16,7 +16,7 @@ public:
     ByteVector of(std::initializer_list<Bytes> parts) const;
 
 private:
-    SecretBytes key_;
+    SecretBuffer key_;
 };
 
 /// Without telling by its time where they differ.

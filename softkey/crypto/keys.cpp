@@ -83,14 +83,14 @@ ByteVector publicKeyValue(const EVP_PKEY* key)
     return EVP_PKEY_is_a(key, "RSA") == 1 ? modulusOf(key) : pointOf(key);
 }
 
-SecretBytes encodePrivateKey(const EVP_PKEY* key)
+SecretBuffer encodePrivateKey(const EVP_PKEY* key)
 {
     const auto encoder =
         requireObject<Encoder>(OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_KEYPAIR, "DER", "PrivateKeyInfo", nullptr));
     unsigned char* der = nullptr;
     std::size_t size = 0;
     require(OSSL_ENCODER_to_data(encoder.get(), &der, &size) == 1);
-    SecretBytes encoded(size);
+    SecretBuffer encoded(size);
     std::copy_n(der, size, encoded.data());
     OPENSSL_clear_free(der, size);
     return encoded;

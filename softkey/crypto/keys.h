@@ -29,7 +29,7 @@ void checkPrivateKey(const EVP_PKEY* key);
 ByteVector publicKeyValue(const EVP_PKEY* key);
 
 /// Private key as DER of PKCS #8.
-SecretBytes encodePrivateKey(const EVP_PKEY* key);
+SecretBuffer encodePrivateKey(const EVP_PKEY* key);
 EvpKey decodePrivateKey(Bytes pkcs8);
 /// A key file's content: PEM or DER, PKCS #8 or the older forms, not encrypted. Null when there is no such key.
 EvpKey privateKeyFromFileContent(Bytes content);

@@ -28,10 +28,10 @@ public:
     std::size_t sign(Bytes input, bool isPss, std::span<unsigned char> signature) const;
 
     /// Plaintext of a block in one of the paddings that the key takes; throws DecryptionFailed.
-    SecretBytes decrypt(Bytes ciphertext) const;
+    SecretBuffer decrypt(Bytes ciphertext) const;
 
     /// The X coordinate of the product with a peer's point, which is bare or a DER OCTET STRING.
-    SecretBytes agree(Bytes peerPoint) const;
+    SecretBuffer agree(Bytes peerPoint) const;
 
 private:
     // Signing as ECDSA or PKCS #1 v1.5, or as PSS with one of the five hashes. Setting up a context takes a good

@@ -28,7 +28,7 @@ bool isAcceptable(const ScryptCost& cost)
            cost.lanes <= 16;
 }
 
-SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost)
+SecretBuffer keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost)
 {
     const auto kdf = requireObject<EvpKdf>(EVP_KDF_fetch(CryptoContext::get().library(), "SCRYPT", nullptr));
     const auto context = requireObject<EvpKdfContext>(EVP_KDF_CTX_new(kdf.get()));
@@ -46,14 +46,14 @@ SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost)
         OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_MAXMEM, &memoryLimit),
         OSSL_PARAM_construct_end(),
     };
-    SecretBytes key(SEALING_KEY_SIZE);
+    SecretBuffer key(SEALING_KEY_SIZE);
     require(EVP_KDF_derive(context.get(), key.data(), key.size(), parameters) == 1);
     return key;
 }
 
-SecretBytes keyedCode(Bytes key, Bytes message)
+SecretBuffer keyedCode(Bytes key, Bytes message)
 {
-    SecretBytes code(SEALING_KEY_SIZE);
+    SecretBuffer code(SEALING_KEY_SIZE);
     std::size_t size = 0;
     require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
                       message.data(), message.size(), code.data(), code.size(), &size) != nullptr &&
@@ -61,7 +61,7 @@ SecretBytes keyedCode(Bytes key, Bytes message)
     return code;
 }
 
-SecretBytes keyedCode(Bytes key, std::string_view message)
+SecretBuffer keyedCode(Bytes key, std::string_view message)
 {
     return keyedCode(key, Bytes(reinterpret_cast<const unsigned char*>(message.data()), message.size()));
 }
@@ -84,7 +84,7 @@ ByteVector seal(Bytes key, Bytes plaintext, Bytes identity)
     return sealed;
 }
 
-std::optional<SecretBytes> unseal(Bytes key, Bytes sealed, Bytes identity)
+std::optional<SecretBuffer> unseal(Bytes key, Bytes sealed, Bytes identity)
 {
     if (key.size() != SEALING_KEY_SIZE || sealed.size() < NONCE_SIZE + TAG_SIZE)
         return std::nullopt;
@@ -93,7 +93,7 @@ std::optional<SecretBytes> unseal(Bytes key, Bytes sealed, Bytes identity)
 
     const auto context = requireObject<EvpCipherContext>(EVP_CIPHER_CTX_new());
     const EVP_CIPHER* cipher = CryptoContext::get().aes256Gcm();
-    SecretBytes plaintext(ciphertext.size());
+    SecretBuffer plaintext(ciphertext.size());
     int written = 0;
     require(EVP_DecryptInit_ex2(context.get(), cipher, key.data(), sealed.data(), nullptr) == 1);
     require(EVP_DecryptUpdate(context.get(), nullptr, &written, identity.data(), asInt(identity.size())) == 1);

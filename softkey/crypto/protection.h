@@ -25,15 +25,15 @@ inline constexpr std::uint32_t SCRYPT_LOG_N_MAX = 22;
 /// False for costs out of range, which only a damaged file asks for.
 bool isAcceptable(const ScryptCost& cost);
 
-SecretBytes keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost);
+SecretBuffer keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost);
 
 /// HMAC with SHA-256, which gives a key or a code.
-SecretBytes keyedCode(Bytes key, Bytes message);
-SecretBytes keyedCode(Bytes key, std::string_view message);
+SecretBuffer keyedCode(Bytes key, Bytes message);
+SecretBuffer keyedCode(Bytes key, std::string_view message);
 
 /// Nonce, ciphertext and tag. `identity` is bound to the result: opening needs the same.
 ByteVector seal(Bytes key, Bytes plaintext, Bytes identity);
 /// Nothing when the key or the identity is another one, or the sealed bytes were changed.
-std::optional<SecretBytes> unseal(Bytes key, Bytes sealed, Bytes identity);
+std::optional<SecretBuffer> unseal(Bytes key, Bytes sealed, Bytes identity);
 
 } // namespace softkey

@@ -45,7 +45,7 @@ std::array<unsigned char, 4> bigEndian32(std::size_t number)
 void applyMask(std::span<unsigned char> data, Bytes seed, const Digest& hash)
 {
     const auto context = requireObject<EvpDigestContext>(EVP_MD_CTX_new());
-    SecretBytes mask(hash.size);
+    SecretBuffer mask(hash.size);
     for (std::size_t counter = 0; counter * hash.size < data.size(); ++counter) {
         const auto counterBytes = bigEndian32(counter);
         require(EVP_DigestInit_ex2(context.get(), hash.algorithm, nullptr) == 1 &&
@@ -67,7 +67,7 @@ ByteVector hashOfEmptyLabel(const Digest& hash)
 
 /// A block with its padding looked through: the plaintext is its end.
 struct OpenedBlock {
-    SecretBytes bytes;
+    SecretBuffer bytes;
     Mask good = 0;
     std::size_t start = 0; ///< Of the plaintext; any number when the block is not good.
 };
@@ -90,7 +90,7 @@ OpenedBlock openOaep(Bytes block, const OaepKind& kind)
 {
     const Digest& hash = *CryptoContext::get().digestOfSize(kind.hashSize);
     const Digest& maskHash = *CryptoContext::get().digestOfSize(kind.maskHashSize);
-    OpenedBlock opened{SecretBytes(block.size()), isZero(block[0])};
+    OpenedBlock opened{SecretBuffer(block.size()), isZero(block[0])};
     std::copy(block.begin(), block.end(), opened.bytes.data());
     const std::span<unsigned char> whole(opened.bytes.data(), opened.bytes.size());
     const std::span<unsigned char> seed = whole.subspan(1, hash.size);
@@ -123,11 +123,11 @@ public:
         require(EVP_MAC_init(context_.get(), key.data(), key.size(), parameters) == 1);
     }
 
-    SecretBytes bytes(std::string_view purpose, std::size_t size)
+    SecretBuffer bytes(std::string_view purpose, std::size_t size)
     {
-        SecretBytes text(size);
+        SecretBuffer text(size);
         for (std::size_t counter = 0; counter * SHA256_SIZE < size; ++counter) {
-            const SecretBytes part = block(purpose, counter, size * 8);
+            const SecretBuffer part = block(purpose, counter, size * 8);
             const std::size_t offset = counter * SHA256_SIZE;
             std::copy_n(part.data(), std::min(part.size(), size - offset), text.data() + offset);
         }
@@ -135,13 +135,13 @@ public:
     }
 
 private:
-    SecretBytes block(std::string_view purpose, std::size_t counter, std::size_t bits)
+    SecretBuffer block(std::string_view purpose, std::size_t counter, std::size_t bits)
     {
         const std::array<unsigned char, 2> before{static_cast<unsigned char>(counter >> 8),
                                                   static_cast<unsigned char>(counter)};
         const std::array<unsigned char, 2> behind{static_cast<unsigned char>(bits >> 8),
                                                   static_cast<unsigned char>(bits)};
-        SecretBytes value(SHA256_SIZE);
+        SecretBuffer value(SHA256_SIZE);
         std::size_t size = 0;
         require(EVP_MAC_init(context_.get(), nullptr, 0, nullptr) == 1 &&
                 EVP_MAC_update(context_.get(), before.data(), before.size()) == 1 &&
@@ -163,7 +163,7 @@ std::size_t rejectionLength(RejectionText& text, std::size_t blockSize)
     std::size_t bits = 1;
     while (bits <= limit)
         bits <<= 1;
-    const SecretBytes numbers = text.bytes("length", 2 * CANDIDATES);
+    const SecretBuffer numbers = text.bytes("length", 2 * CANDIDATES);
     std::size_t length = 0;
     for (std::size_t i = 0; i < numbers.size(); i += 2) {
         const std::size_t candidate = (std::size_t{numbers.data()[i]} << 8 | numbers.data()[i + 1]) & (bits - 1);
@@ -204,9 +204,9 @@ void take(OpenedBlock& chosen, const OpenedBlock& offered)
 
 } // namespace
 
-SecretBytes plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey)
+SecretBuffer plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey)
 {
-    OpenedBlock chosen{SecretBytes(block.size())};
+    OpenedBlock chosen{SecretBuffer(block.size())};
     for (const OaepKind& kind : OAEP_KINDS) {
         if (2 * kind.hashSize + 2 <= block.size())
             take(chosen, openOaep(block, kind));
@@ -214,23 +214,23 @@ SecretBytes plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey)
     if (taken == PaddingsTaken::All)
         take(chosen, openPkcs1(block, rejectionKey));
     require(chosen.good != 0, SoftkeyStatus::DecryptionFailed);
-    SecretBytes plaintext(block.size() - chosen.start);
+    SecretBuffer plaintext(block.size() - chosen.start);
     std::copy_n(chosen.bytes.data() + chosen.start, plaintext.size(), plaintext.data());
     return plaintext;
 }
 
-SecretBytes rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext)
+SecretBuffer rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext)
 {
     BIGNUM* exponent = nullptr;
     require(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_D, &exponent) == 1);
     const SecretNumber owner(exponent);
-    SecretBytes exponentBytes(ciphertext.size());
+    SecretBuffer exponentBytes(ciphertext.size());
     require(BN_bn2binpad(exponent, exponentBytes.data(), static_cast<int>(exponentBytes.size())) >= 0);
     const Digest& sha256 = *CryptoContext::get().digestOfSize(SHA256_SIZE);
-    SecretBytes hash(SHA256_SIZE);
+    SecretBuffer hash(SHA256_SIZE);
     require(EVP_Digest(exponentBytes.data(), exponentBytes.size(), hash.data(), nullptr, sha256.algorithm, nullptr) ==
             1);
-    SecretBytes rejectionKey(SHA256_SIZE);
+    SecretBuffer rejectionKey(SHA256_SIZE);
     std::size_t size = 0;
     require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, hash.data(), hash.size(),
                       ciphertext.data(), ciphertext.size(), rejectionKey.data(), rejectionKey.size(),

@@ -16,9 +16,9 @@ enum class PaddingsTaken {
 /// The plaintext of a decrypted block, which is as long as the modulus. OAEP has no label and SHA-1, SHA-256, SHA-384
 /// or SHA-512, with MGF1 over the same hash or over SHA-1. A block that is no OAEP counts as PKCS #1 v1.5; a bad one
 /// of those answers a text that only `rejectionKey` and the ciphertext decide. Throws DecryptionFailed.
-SecretBytes plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey);
+SecretBuffer plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey);
 
 /// The key of the texts that bad PKCS #1 v1.5 blocks answer, for one ciphertext.
-SecretBytes rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext);
+SecretBuffer rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext);
 
 } // namespace softkey

@@ -79,7 +79,7 @@ int velkor_decrypt(const char* deviceId, const unsigned char* keyIdentifier, con
         const Identifier wanted = identifier(keyIdentifier);
         const std::shared_ptr<SoftKey> device = pluggedKey(deviceId, libraryInstance);
         const auto key = device->privateKey(wanted, text(pin), USAGE_DECRYPT_ENCRYPT);
-        const SecretBytes plaintext = key->decrypt(ciphertext);
+        const SecretBuffer plaintext = key->decrypt(ciphertext);
         *out = allocateCopy(plaintext);
         *outLength = static_cast<int>(plaintext.size());
     });
@@ -95,7 +95,7 @@ int velkor_ecdhDerive(const char* deviceId, const unsigned char* keyIdentifier, 
         const Identifier wanted = identifier(keyIdentifier);
         const std::shared_ptr<SoftKey> device = pluggedKey(deviceId, libraryInstance);
         const auto key = device->privateKey(wanted, text(pin), 0); // No usage flag stands for derivation.
-        const SecretBytes secret = key->agree(peer);
+        const SecretBuffer secret = key->agree(peer);
         *out = allocateCopy(secret);
         *outLength = static_cast<int>(secret.size());
     });

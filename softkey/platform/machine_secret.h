@@ -11,7 +11,7 @@ namespace softkey
 {
 
 /// Nothing when there is none of that size, or none that this user on this machine alone can read.
-std::optional<SecretBytes> readMachineSecret(std::size_t size);
+std::optional<SecretBuffer> readMachineSecret(std::size_t size);
 /// Writes the file, whole or not at all; one that is there stays.
 void storeMachineSecret(Bytes secret);
 

@@ -23,10 +23,10 @@ bool isPrivate(const Descriptor& file, std::size_t size)
 
 } // namespace
 
-std::optional<SecretBytes> readMachineSecret(std::size_t size)
+std::optional<SecretBuffer> readMachineSecret(std::size_t size)
 {
     const Descriptor file(machineSecretFile(), O_RDONLY | O_NOFOLLOW);
-    SecretBytes secret(size);
+    SecretBuffer secret(size);
     const bool complete = file.isOpen() && isPrivate(file, size) &&
                           read(file.value(), secret.data(), secret.size()) == static_cast<ssize_t>(secret.size());
     return complete ? std::optional(std::move(secret)) : std::nullopt;

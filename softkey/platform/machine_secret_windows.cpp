@@ -24,7 +24,7 @@ DATA_BLOB blobOf(Bytes bytes)
 
 } // namespace
 
-std::optional<SecretBytes> readMachineSecret(std::size_t size)
+std::optional<SecretBuffer> readMachineSecret(std::size_t size)
 {
     const std::optional<ByteVector> content = readSmallFile(machineSecretFile());
     if (!content)
@@ -33,7 +33,7 @@ std::optional<SecretBytes> readMachineSecret(std::size_t size)
     DATA_BLOB plain{};
     if (CryptUnprotectData(&sealed, nullptr, nullptr, nullptr, nullptr, QUIETLY, &plain) == 0)
         return std::nullopt;
-    SecretBytes secret(size);
+    SecretBuffer secret(size);
     const bool complete = plain.cbData == size;
     if (complete)
         std::memcpy(secret.data(), plain.pbData, size);

@@ -24,7 +24,7 @@ constexpr std::size_t LINE_MAX_SIZE = 256; // In characters; what is longer come
 struct QuietTerminal::State {
     HANDLE input = INVALID_HANDLE_VALUE;
     HANDLE output = INVALID_HANDLE_VALUE;
-    SecretBytes line{4 * LINE_MAX_SIZE}; ///< What was typed, as UTF-8.
+    SecretBuffer line{4 * LINE_MAX_SIZE}; ///< What was typed, as UTF-8.
     std::size_t next = 0;
     std::size_t end = 0;
 };
@@ -82,7 +82,7 @@ bool QuietTerminal::read(unsigned char& byte) const
 {
     State& state = *state_;
     if (state.next == state.end) {
-        SecretBytes typed(LINE_MAX_SIZE * sizeof(wchar_t));
+        SecretBuffer typed(LINE_MAX_SIZE * sizeof(wchar_t));
         auto* characters = reinterpret_cast<wchar_t*>(typed.data());
         DWORD count = 0;
         // Nothing comes when Ctrl-C is pressed; the program ends then, or will soon.

@@ -55,7 +55,7 @@ Writing writingOf(const Contents& contents)
     return writing;
 }
 
-SecretBytes codeOf(const Contents& contents, Bytes masterKey)
+SecretBuffer codeOf(const Contents& contents, Bytes masterKey)
 {
     // The master key itself seals private keys.
     return keyedCode(keyedCode(masterKey, "velkor-softkey contents"), writingOf(contents).bytes());
@@ -65,14 +65,14 @@ SecretBytes codeOf(const Contents& contents, Bytes masterKey)
 
 bool areAuthentic(const Contents& contents, Bytes masterKey)
 {
-    const SecretBytes code = codeOf(contents, masterKey);
+    const SecretBuffer code = codeOf(contents, masterKey);
     return contents.authenticator.size() == code.size() &&
            CRYPTO_memcmp(contents.authenticator.data(), code.data(), code.size()) == 0;
 }
 
 void authenticate(Database& database, Bytes masterKey)
 {
-    const SecretBytes code = codeOf(readContents(database), masterKey);
+    const SecretBuffer code = codeOf(readContents(database), masterKey);
     Statement(database, "UPDATE device SET authenticator = ?").bind(Bytes(code)).run();
 }
 

@@ -40,7 +40,7 @@ void insertDevice(Database& database, const KeySettings& settings)
 struct Wrapped {
     const std::filesystem::path& folder;
     const KeySettings& key;
-    SecretBytes masterKey;
+    SecretBuffer masterKey;
     ByteVector machine;
 };
 
@@ -66,7 +66,7 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     requirePinLength(userPin);
     requirePinLength(soPin);
     requireDifferent(userPin, soPin);
-    Wrapped wrapped{folder, settings, SecretBytes(SEALING_KEY_SIZE),
+    Wrapped wrapped{folder, settings, SecretBuffer(SEALING_KEY_SIZE),
                     settings.boundToMachine ? bindToMachine() : ByteVector()};
     randomBytes({wrapped.masterKey.data(), wrapped.masterKey.size()});
     const PinRecord user = wrappedPin(PinRole::User, settings.userPin, userPin, wrapped);

@@ -15,7 +15,7 @@ constexpr std::size_t MARK_SIZE = 16;
 
 ByteVector markOf(Bytes secret)
 {
-    const SecretBytes code = keyedCode(secret, "velkor-softkey machine");
+    const SecretBuffer code = keyedCode(secret, "velkor-softkey machine");
     return {code.data(), code.data() + MARK_SIZE};
 }
 
@@ -24,11 +24,11 @@ ByteVector markOf(Bytes secret)
 ByteVector bindToMachine()
 {
     if (!readMachineSecret(SECRET_SIZE)) {
-        SecretBytes fresh(SECRET_SIZE);
+        SecretBuffer fresh(SECRET_SIZE);
         randomBytes({fresh.data(), fresh.size()});
         storeMachineSecret(fresh);
     }
-    const std::optional<SecretBytes> secret = readMachineSecret(SECRET_SIZE); // Perhaps another process's.
+    const std::optional<SecretBuffer> secret = readMachineSecret(SECRET_SIZE); // Perhaps another process's.
     if (!secret)
         throw Refusal(SoftkeyStatus::StorageFailed, "the machine's secret, " + machineSecretFile().string());
     return markOf(*secret);
@@ -38,12 +38,12 @@ MachineBinding::MachineBinding(Bytes mark)
 {
     if (mark.empty())
         return;
-    std::optional<SecretBytes> secret = readMachineSecret(SECRET_SIZE);
+    std::optional<SecretBuffer> secret = readMachineSecret(SECRET_SIZE);
     require(secret && velkor::sameBytes(markOf(*secret), mark), SoftkeyStatus::OtherMachine);
     secret_ = std::move(*secret);
 }
 
-SecretBytes MachineBinding::mixInto(SecretBytes key) const
+SecretBuffer MachineBinding::mixInto(SecretBuffer key) const
 {
     return secret_.size() == 0 ? std::move(key) : keyedCode(secret_, key);
 }

@@ -17,10 +17,10 @@ class MachineBinding
 {
 public:
     explicit MachineBinding(Bytes mark);
-    SecretBytes mixInto(SecretBytes key) const;
+    SecretBuffer mixInto(SecretBuffer key) const;
 
 private:
-    SecretBytes secret_;
+    SecretBuffer secret_;
 };
 
 } // namespace softkey

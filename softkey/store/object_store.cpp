@@ -68,13 +68,13 @@ std::uint32_t smallestFreeNumber(Database& database, const char* selectNumbers)
     return static_cast<std::uint32_t>(candidate);
 }
 
-SecretBytes openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
-                           std::string_view serialNumber)
+SecretBuffer openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
+                            std::string_view serialNumber)
 {
     Statement row(database, "SELECT sealed_private_key FROM key_pair WHERE identifier = ?");
     row.bind(Bytes(record.keyIdentifier));
     require(row.step(), SoftkeyStatus::NoSuchObject);
-    std::optional<SecretBytes> pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
+    std::optional<SecretBuffer> pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
     require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
     return std::move(*pkcs8);
 }
@@ -118,7 +118,7 @@ NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attribute
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
                                                  std::string_view serialNumber)
 {
-    const SecretBytes pkcs8 = openPrivateKey(database, record, masterKey, serialNumber);
+    const SecretBuffer pkcs8 = openPrivateKey(database, record, masterKey, serialNumber);
     return std::make_shared<const PrivateKey>(decodePrivateKey(pkcs8), traitsOf(record.keyKind), paddingsOf(record));
 }
 
@@ -126,7 +126,7 @@ void resealPrivateKeys(Database& database, const Contents& contents, Bytes oldMa
 {
     const std::string& serialNumber = contents.device.serialNumber;
     for (const VelkorKeyPair& record : contents.keyPairs) {
-        const SecretBytes pkcs8 = openPrivateKey(database, record, oldMasterKey, serialNumber);
+        const SecretBuffer pkcs8 = openPrivateKey(database, record, oldMasterKey, serialNumber);
         const ByteVector sealed = seal(newMasterKey, pkcs8, privateKeyIdentity(record, serialNumber));
         Statement(database, "UPDATE key_pair SET sealed_private_key = ? WHERE identifier = ?")
             .bind(Bytes(sealed))

@@ -78,7 +78,7 @@ std::filesystem::path folderOf(const KeyFile& file)
     return file.path().parent_path();
 }
 
-SecretBytes deriveKey(const std::filesystem::path& folder, std::string_view pin, const PinRecord& record)
+SecretBuffer deriveKey(const std::filesystem::path& folder, std::string_view pin, const PinRecord& record)
 {
     const MachineBinding machine(record.machine);
     const DerivationSlot slot(folder, record.cost);
@@ -116,7 +116,7 @@ CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& 
     const PinRole role = expected.role;
     const std::string serialNumber = file.contents()->device.serialNumber;
     PinRecord record = spendTry(file, turn, expected);
-    std::optional<SecretBytes> masterKey;
+    std::optional<SecretBuffer> masterKey;
     bool isOlder = false;
     try {
         masterKey = unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber));
@@ -155,7 +155,7 @@ CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const
         // while someone else's last try is being checked, none is left either.
         const PinRecord expected = file.contents()->pin(role);
         refuseIfRefusedBefore(expected, pin);
-        SecretBytes key;
+        SecretBuffer key;
         if (expected.triesLeft > 0)
             key = deriveKey(folderOf(file), pin, expected);
         const KeyFile::Turn turn(file);
@@ -211,7 +211,7 @@ private:
     ScryptCost cost_;
     ByteVector machine_;
     ByteVector salt_;
-    SecretBytes key_;
+    SecretBuffer key_;
 };
 
 } // namespace
@@ -233,7 +233,7 @@ CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin)
                         [&](const KeyFile::Turn&, const CheckedPin& checked) { requireAuthentic(file, checked); });
 }
 
-SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin)
+SecretBuffer masterKeyOf(KeyFile& file, PinRole role, std::string_view pin)
 {
     return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {}).masterKey;
 }
@@ -263,7 +263,7 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
     const std::shared_ptr<const Contents> before = file.contents();
     const Wrapping wrapping(folderOf(file), newPin, before->userPin);
     const Wrapping soWrapping(folderOf(file), soPin, before->soPin);
-    SecretBytes masterKey(SEALING_KEY_SIZE);
+    SecretBuffer masterKey(SEALING_KEY_SIZE);
     randomBytes({masterKey.data(), masterKey.size()});
     checkAndThen(file, PinRole::User, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
         requireAuthentic(file, checked);

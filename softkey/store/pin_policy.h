@@ -18,7 +18,7 @@ void requireDifferent(std::string_view userPin, std::string_view soPin);
 
 /// A PIN that was right: what it opens, and the record that it was right for.
 struct CheckedPin {
-    SecretBytes masterKey;
+    SecretBuffer masterKey;
     PinRecord record;
 };
 
@@ -28,7 +28,7 @@ struct CheckedPin {
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
 
 /// What a PIN opens, authentic or not: for looking at what is left of a file.
-SecretBytes masterKeyOf(KeyFile& file, PinRole role, std::string_view pin);
+SecretBuffer masterKeyOf(KeyFile& file, PinRole role, std::string_view pin);
 
 /// Replaces a PIN, and perhaps what checking it costs; the old one is checked first.
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin,

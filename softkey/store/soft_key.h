@@ -27,7 +27,7 @@ public:
     std::chrono::steady_clock::time_point usedAt() const { return usedAt_; }
     /// Whether the contents are those that whoever has the master key has put there.
     bool vouchesFor(const Contents& contents) const;
-    const SecretBytes& masterKey() const { return masterKey_; }
+    const SecretBuffer& masterKey() const { return masterKey_; }
 
     std::shared_ptr<const PrivateKey> find(const Identifier& identifier) const;
     void keep(const Identifier& identifier, std::shared_ptr<const PrivateKey> key);
@@ -36,7 +36,7 @@ public:
 private:
     ByteVector digest(std::string_view pin) const;
 
-    SecretBytes masterKey_;
+    SecretBuffer masterKey_;
     KeyedDigest digest_;
     ByteVector pinDigest_; ///< Not the PIN.
     ByteVector salt_;

@@ -110,7 +110,7 @@ void addGenerate(CLI::App& app, Session& session)
 
 EvpKey readKeyFile(const std::string& file)
 {
-    const std::optional<SecretBytes> content = readSmallSecretFile(file);
+    const std::optional<SecretBuffer> content = readSmallSecretFile(file);
     if (!content)
         throw Refusal(SoftkeyStatus::BadArgument, "cannot read " + file);
     EvpKey key = privateKeyFromFileContent(*content);

@@ -285,7 +285,7 @@ void verify(Session& session, const std::string& serialNumber, const PinSource& 
     const bool isSound = isSoundWithoutPin(key->file());
     findings.add("file", isSound);
     if (isSound && pin.isGiven()) {
-        const SecretBytes masterKey = masterKeyOf(key->file(), PinRole::User, pin.read());
+        const SecretBuffer masterKey = masterKeyOf(key->file(), PinRole::User, pin.read());
         const std::shared_ptr<const Contents> contents = key->contents();
         findings.add("contents", areAuthentic(*contents, masterKey));
         for (const VelkorKeyPair& keyPair : contents->keyPairs)

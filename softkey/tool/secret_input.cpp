@@ -26,7 +26,7 @@ bool readByte(int descriptor, unsigned char& byte)
 template <class Read>
 Pin readLine(Read read)
 {
-    SecretBytes line(LINE_MAX_SIZE);
+    SecretBuffer line(LINE_MAX_SIZE);
     std::size_t size = 0;
     for (unsigned char byte = 0; read(byte) && byte != '\n';) {
         if (byte == '\0') // The library takes PINs as texts that end with it.

@@ -20,7 +20,7 @@ public:
     operator std::string_view() const;
 
 private:
-    SecretBytes bytes_;
+    SecretBuffer bytes_;
 };
 
 /// One PIN that a command needs, with its two options.

@@ -9,13 +9,13 @@ using testing::Each;
 using testing::IsEmpty;
 using testing::StrEq;
 
-const Bytes YES = {CK_TRUE};
-const Bytes NO = {CK_FALSE};
-const Bytes NOTHING;
+const ByteVector YES = {CK_TRUE};
+const ByteVector NO = {CK_FALSE};
+const ByteVector NOTHING;
 
-const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+const ByteVector P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+const ByteVector P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+const ByteVector P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
 // ---- The attribute table ----
 
@@ -26,8 +26,8 @@ struct KindAttributes {
     CK_KEY_TYPE keyType;
     CK_ULONG bits;
     CK_MECHANISM_TYPE mechanism;
-    Bytes ecParams;
-    Bytes pointStart;
+    ByteVector ecParams;
+    ByteVector pointStart;
 
     friend std::ostream& operator<<(std::ostream& out, const KindAttributes& kind) { return out << kind.name; }
 };
@@ -47,12 +47,12 @@ const KindAttributes kindCases[] = {
 
 struct AttributeRow {
     CK_ATTRIBUTE_TYPE type;
-    Bytes privateKey;
-    Bytes publicKey;
-    Bytes certificate;
+    ByteVector privateKey;
+    ByteVector publicKey;
+    ByteVector certificate;
 };
 
-AttributeRow same(CK_ATTRIBUTE_TYPE type, const Bytes& value)
+AttributeRow same(CK_ATTRIBUTE_TYPE type, const ByteVector& value)
 {
     return {type, value, value, value};
 }
@@ -102,7 +102,7 @@ const CK_ATTRIBUTE_TYPE UNKNOWN_TYPES[] = {CKA_APPLICATION,
 class AttributeTest : public ObjectTest
 {
 protected:
-    void expect(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type, const Bytes& value) const
+    void expect(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type, const ByteVector& value) const
     {
         EXPECT_EQ(attribute(hObject, type), value) << "type " << logged(type) << " of " << logged(hObject);
     }
@@ -157,7 +157,7 @@ protected:
         };
     }
 
-    Bytes point_;
+    ByteVector point_;
 };
 
 INSTANTIATE_TEST_SUITE_P(All, KeyAttributeTest, testing::ValuesIn(kindCases),
@@ -193,8 +193,8 @@ using CertificateAttributeTest = AttributeTest;
 
 TEST_F(CertificateAttributeTest, ACertificateAnswersEveryRowOfTheTable)
 {
-    const Bytes der = certificateRecord(2).der;
-    const std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> rows = {
+    const ByteVector der = certificateRecord(2).der;
+    const std::vector<std::pair<CK_ATTRIBUTE_TYPE, ByteVector>> rows = {
         {CKA_LABEL, bytesOf("certificate 2")},
         {CKA_VALUE, der},
         {CKA_MODULUS, der},
@@ -217,27 +217,27 @@ TEST_F(CertificateAttributeTest, ACertificateAnswersEveryRowOfTheTable)
 
 TEST_F(CertificateAttributeTest, IssuerSubjectAndSerialNumberAreAskedOfTheLibrary)
 {
-    const Bytes der = certificateRecord(2).der;
+    const ByteVector der = certificateRecord(2).der;
     const auto length = static_cast<int>(der.size());
     EXPECT_CALL(*device_, velkor_getCertificateIssuer(PointsTo(der), length, instance_))
-        .WillOnce(testing::Return(Bytes{1}));
+        .WillOnce(testing::Return(ByteVector{1}));
     EXPECT_CALL(*device_, velkor_getCertificateSubject(PointsTo(der), length, instance_))
-        .WillOnce(testing::Return(Bytes{2}));
+        .WillOnce(testing::Return(ByteVector{2}));
     EXPECT_CALL(*device_, velkor_getCertificateSerialDER(PointsTo(der), length, instance_))
-        .WillOnce(testing::Return(Bytes{3}));
+        .WillOnce(testing::Return(ByteVector{3}));
     Template attributes;
     attributes.addRoom(CKA_ISSUER, 1).addRoom(CKA_SUBJECT, 1).addRoom(CKA_SERIAL_NUMBER, 1);
     EXPECT_EQ(get(certificate(2), attributes).code, CKR_OK);
-    EXPECT_EQ(attributes.value(0), Bytes{1});
-    EXPECT_EQ(attributes.value(1), Bytes{2});
-    EXPECT_EQ(attributes.value(2), Bytes{3});
+    EXPECT_EQ(attributes.value(0), ByteVector{1});
+    EXPECT_EQ(attributes.value(1), ByteVector{2});
+    EXPECT_EQ(attributes.value(2), ByteVector{3});
 }
 
 TEST_F(CertificateAttributeTest, WhatCannotBeParsedIsEmpty)
 {
-    EXPECT_CALL(*device_, velkor_getCertificateIssuer).WillRepeatedly(testing::Return(Bytes()));
-    EXPECT_CALL(*device_, velkor_getCertificateSubject).WillRepeatedly(testing::Return(Bytes()));
-    EXPECT_CALL(*device_, velkor_getCertificateSerialDER).WillRepeatedly(testing::Return(Bytes()));
+    EXPECT_CALL(*device_, velkor_getCertificateIssuer).WillRepeatedly(testing::Return(ByteVector()));
+    EXPECT_CALL(*device_, velkor_getCertificateSubject).WillRepeatedly(testing::Return(ByteVector()));
+    EXPECT_CALL(*device_, velkor_getCertificateSerialDER).WillRepeatedly(testing::Return(ByteVector()));
     for (const CK_ATTRIBUTE_TYPE type : {CKA_ISSUER, CKA_SUBJECT, CKA_SERIAL_NUMBER})
         expect(certificate(2), type, NOTHING);
 }
@@ -255,14 +255,14 @@ TEST_F(AttributeTest, AnObjectIdOfSeveralBytesIsAnsweredWhole)
     std::fill(std::begin(keyPair(2).objectId), std::end(keyPair(2).objectId), 0xAB);
     keyPair(2).objectIdLength = OBJECT_ID_CAPACITY;
     certificateRecord(2).objectIdLength = 0;
-    expect(privateKey(2), CKA_ID, Bytes(128, 0xAB));
-    expect(publicKey(2), CKA_ID, Bytes(128, 0xAB));
+    expect(privateKey(2), CKA_ID, ByteVector(128, 0xAB));
+    expect(publicKey(2), CKA_ID, ByteVector(128, 0xAB));
     expect(certificate(2), CKA_ID, NOTHING);
 }
 
 struct PointCase {
     std::int32_t length;
-    Bytes start;
+    ByteVector start;
 
     friend std::ostream& operator<<(std::ostream& out, const PointCase& point) { return out << point.length; }
 };
@@ -285,7 +285,7 @@ TEST_P(EcPointTest, IsWrappedWithItsLength)
 class UsageTest : public AttributeTest, public testing::WithParamInterface<std::uint32_t>
 {
 protected:
-    static Bytes usage(std::uint32_t bit) { return (GetParam() & bit) != 0 ? YES : NO; }
+    static ByteVector usage(std::uint32_t bit) { return (GetParam() & bit) != 0 ? YES : NO; }
 };
 
 INSTANTIATE_TEST_SUITE_P(Flags, UsageTest, testing::Values(0u, 1u, 2u, 3u, 0xFFFFFFFCu));
@@ -324,7 +324,7 @@ TEST_F(AttributeTest, ABufferOfTheExactSizeIsFilled)
     attributes.addRoom(CKA_LABEL, 6).addRoom(CKA_PUBLIC_EXPONENT, 3);
     EXPECT_EQ(get(publicKey(2), attributes), answered({{CKA_LABEL, 6}, {CKA_PUBLIC_EXPONENT, 3}}));
     EXPECT_EQ(attributes.value(0), bytesOf("pair 2"));
-    EXPECT_EQ(attributes.value(1), (Bytes{1, 0, 1}));
+    EXPECT_EQ(attributes.value(1), (ByteVector{1, 0, 1}));
 }
 
 TEST_F(AttributeTest, ALargerBufferKeepsTheBytesBehindTheValue)
@@ -333,7 +333,7 @@ TEST_F(AttributeTest, ALargerBufferKeepsTheBytesBehindTheValue)
     attributes.addRoom(CKA_LABEL, 9).addRoom(CKA_ISSUER, 2);
     EXPECT_EQ(get(publicKey(2), attributes), answered({{CKA_LABEL, 6}, {CKA_ISSUER, 0}}));
     EXPECT_EQ(attributes.length(0), 6u);
-    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), Bytes(3, 0xEE)));
+    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), ByteVector(3, 0xEE)));
     EXPECT_EQ(attributes.length(1), 0u);
     EXPECT_THAT(attributes.value(1), Each(0xEE));
 }
@@ -365,7 +365,7 @@ TEST_F(AttributeTest, AShortBufferEndsTheCallWithLaterLengthsUnchanged)
                        "DEBUG C_GetAttributeValue type : 288",
                        "ERROR C_GetAttributeValue: buffer too small at index=1 type=288 provided=255 required=256"}}));
     EXPECT_EQ(attributes.length(0), 6u);
-    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), Bytes(14, 0xEE)));
+    EXPECT_EQ(attributes.value(0), joined(bytesOf("pair 2"), ByteVector(14, 0xEE)));
     EXPECT_EQ(attributes.length(1), 255u);
     EXPECT_EQ(attributes.length(2), 7u);
     EXPECT_THAT(attributes.value(1), Each(0xEE));

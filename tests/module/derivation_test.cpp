@@ -35,7 +35,7 @@ protected:
         hKey_ = UNTOUCHED;
     }
 
-    void setPeer(const Bytes& peer)
+    void setPeer(const ByteVector& peer)
     {
         peer_ = peer;
         parameter_.pPublicData = peer_.data();
@@ -81,16 +81,16 @@ protected:
         return answer(C_GetAttributeValue, hSession_, hKey, attributes.data(), attributes.size());
     }
 
-    Bytes valueOf(CK_OBJECT_HANDLE hKey) const
+    ByteVector valueOf(CK_OBJECT_HANDLE hKey) const
     {
-        Template value = {{CKA_VALUE, Bytes(128, 0)}};
+        Template value = {{CKA_VALUE, ByteVector(128, 0)}};
         EXPECT_EQ(attributesOf(hKey, value).code, CKR_OK);
         const auto* bytes = static_cast<const unsigned char*>(value[0].pValue);
         return {bytes, bytes + value[0].ulValueLen};
     }
 
     inline static const std::string KEY_IDENTIFIER = "A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5A5";
-    Bytes peer_ = {0x04, 0x01, 0x02, 0x03};
+    ByteVector peer_ = {0x04, 0x01, 0x02, 0x03};
     CK_ECDH1_DERIVE_PARAMS parameter_ = {CKD_NULL, 0, nullptr, 4, peer_.data()};
     CK_MECHANISM mechanism_ = {CKM_ECDH1_DERIVE, &parameter_, sizeof parameter_};
     CK_OBJECT_HANDLE hKey_ = UNTOUCHED;
@@ -126,7 +126,7 @@ TEST_F(DerivationTest, ADerivationTellsKeyPeerAndHandle)
 
 TEST_F(DerivationTest, TheDeviceGetsKeyPasswordAndPeer)
 {
-    const Bytes key(16, 0xA5);
+    const ByteVector key(16, 0xA5);
     for (const char* password : {"", "1234"}) {
         EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(FIRST_DEVICE), PointsTo(key), StrEq(password), PointsTo(peer_), 4,
                                                 testing::Pointee(testing::IsNull()), testing::Pointee(0), &instance_));
@@ -149,14 +149,14 @@ TEST_F(DerivationTest, TheKeyIsLookedUpOnTheSessionsDevice)
 {
     reopenSession(CKF_SERIAL_SESSION, SECOND_SLOT);
     EXPECT_CALL(*device_, velkor_getKeyPairList(StrEq(SECOND_DEVICE), &instance_)).Times(1);
-    EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(SECOND_DEVICE), PointsTo(Bytes(16, 0xA1)), _, _, _, _, _, _));
+    EXPECT_CALL(*device_, velkor_ecdhDerive(StrEq(SECOND_DEVICE), PointsTo(ByteVector(16, 0xA1)), _, _, _, _, _, _));
     EXPECT_EQ(derive(privateKey(1)).code, CKR_OK);
 }
 
 TEST_F(DerivationTest, PeersOfAnyLengthGoToTheDeviceAsTheyAre)
 {
     for (const std::size_t length : {std::size_t{1}, std::size_t{65}, std::size_t{133}, std::size_t{5000}}) {
-        setPeer(Bytes(length, 0xBC));
+        setPeer(ByteVector(length, 0xBC));
         EXPECT_CALL(*device_, velkor_ecdhDerive(_, _, _, PointsTo(peer_), static_cast<int>(length), _, _, _));
         std::string text = "DEBUG public key :: ";
         for (std::size_t byte = 0; byte < length; ++byte)
@@ -218,7 +218,7 @@ TEST_F(DerivationTest, AThrowingLibraryIsAFailureOfTheModuleAndItsBufferIsReleas
 TEST_F(DerivationTest, ASecretOfOneByteIsEnough)
 {
     EXPECT_CALL(*device_, velkor_ecdhDerive).WillOnce(GivesBuffer(std::string_view("x"), 0));
-    EXPECT_EQ(valueOf(mustDerive()), Bytes(1, 'x'));
+    EXPECT_EQ(valueOf(mustDerive()), ByteVector(1, 'x'));
 }
 
 // ---- From the secret to the value ----
@@ -329,7 +329,7 @@ TEST_F(KdfTest, ADigestInProgressKeepsItsContext)
     EXPECT_CALL(*device_, velkor_finalHash(&context_, _, _, _));
     parameter_.kdf = CKD_SHA256_KDF;
     mustDerive();
-    Bytes digest(64, 0);
+    ByteVector digest(64, 0);
     CK_ULONG length = 64;
     EXPECT_EQ(C_DigestFinal(hSession_, digest.data(), &length), CKR_OK);
 }
@@ -556,7 +556,7 @@ TEST_F(DerivationTest, TheLookupChangesTheKeyOfAnOperationInProgress)
 {
     start(DECRYPT);
     mustDerive();
-    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(Bytes(16, 0xA5)), _, _, _, _, _, _, _)).Times(1);
+    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(ByteVector(16, 0xA5)), _, _, _, _, _, _, _)).Times(1);
     CK_BYTE data = 'd';
     CK_ULONG length = 0;
     EXPECT_EQ(C_Decrypt(hSession_, &data, 1, nullptr, &length), CKR_OK);
@@ -585,7 +585,7 @@ protected:
 
 TEST_F(DerivedKeyTest, AnswerTheirValue)
 {
-    Template value = {{CKA_VALUE, Bytes(SECRET.size(), 0)}};
+    Template value = {{CKA_VALUE, ByteVector(SECRET.size(), 0)}};
     EXPECT_EQ(attributesOf(derived_, value), attributesAnswer(CKR_OK, 1, {"DEBUG C_GetAttributeValue length : 66"}));
     EXPECT_EQ(CK_ULONG{value[0].ulValueLen}, 66U);
     EXPECT_EQ(std::memcmp(value[0].pValue, SECRET.data(), SECRET.size()), 0);
@@ -601,11 +601,11 @@ TEST_F(DerivedKeyTest, AnswerALengthQuery)
 
 TEST_F(DerivedKeyTest, SetTheLengthOfALargerBufferAndLeaveItsRest)
 {
-    Template value = {{CKA_VALUE, Bytes(70, 9)}};
+    Template value = {{CKA_VALUE, ByteVector(70, 9)}};
     EXPECT_EQ(attributesOf(derived_, value).code, CKR_OK);
     EXPECT_EQ(CK_ULONG{value[0].ulValueLen}, 66U);
     const auto* bytes = static_cast<const unsigned char*>(value[0].pValue);
-    EXPECT_EQ(Bytes(bytes + 66, bytes + 70), Bytes(4, 9));
+    EXPECT_EQ(ByteVector(bytes + 66, bytes + 70), ByteVector(4, 9));
 }
 
 /// What other objects answer, and types that no object does. Not CKA_VALUE.
@@ -649,30 +649,31 @@ TEST_F(DerivedKeyTest, AnswerNoRowOfTheTableButTheirValueAndSaySoWithoutAnError)
 {
     const CK_ULONG roomLength = 8;
     for (const CK_ATTRIBUTE_TYPE type : OTHER_TYPES) {
-        Template attributes = {{type, Bytes(roomLength, 9)}, {type, {}}};
+        Template attributes = {{type, ByteVector(roomLength, 9)}, {type, {}}};
         attributes[1].pValue = nullptr;
         EXPECT_EQ(attributesOf(derived_, attributes), attributesAnswer(CKR_OK, 2, {})) << logged(type);
         EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
         EXPECT_EQ(CK_ULONG{attributes[1].ulValueLen}, CK_UNAVAILABLE_INFORMATION) << logged(type);
-        EXPECT_EQ(std::memcmp(attributes[0].pValue, Bytes(roomLength, 9).data(), roomLength), 0) << logged(type);
+        EXPECT_EQ(std::memcmp(attributes[0].pValue, ByteVector(roomLength, 9).data(), roomLength), 0) << logged(type);
     }
 }
 
 TEST_F(DerivedKeyTest, DoNotFitIntoABufferOfNoBytes)
 {
-    Bytes room(SECRET.size(), 9); // There is more, but the length does not say so.
+    ByteVector room(SECRET.size(), 9); // There is more, but the length does not say so.
     CK_ATTRIBUTE entry = {CKA_VALUE, room.data(), 0};
     EXPECT_EQ(
         answer(C_GetAttributeValue, hSession_, hKey_, &entry, 1),
         attributesAnswer(CKR_BUFFER_TOO_SMALL, 1,
                          {"ERROR C_GetAttributeValue: buffer too small at index=0 type=17 provided=0 required=66"}));
     EXPECT_EQ(CK_ULONG{entry.ulValueLen}, 0U);
-    EXPECT_EQ(room, Bytes(SECRET.size(), 9));
+    EXPECT_EQ(room, ByteVector(SECRET.size(), 9));
 }
 
 TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
 {
-    Template attributes = {{CKA_CLASS, Bytes(8, 9)}, {CKA_VALUE, Bytes(66, 0)}, {CKA_LABEL, {}}, {CKA_VALUE, {}}};
+    Template attributes = {
+        {CKA_CLASS, ByteVector(8, 9)}, {CKA_VALUE, ByteVector(66, 0)}, {CKA_LABEL, {}}, {CKA_VALUE, {}}};
     attributes[3].pValue = nullptr;
     EXPECT_EQ(attributesOf(derived_, attributes).code, CKR_OK);
     EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION);
@@ -683,7 +684,8 @@ TEST_F(DerivedKeyTest, AnswerEveryEntryOfAMixedTemplate)
 
 TEST_F(DerivedKeyTest, AShortBufferEndsTheAnswerAtOnce)
 {
-    Template attributes = {{CKA_CLASS, Bytes(8, 9)}, {CKA_VALUE, Bytes(65, 9)}, {CKA_LABEL, Bytes(5, 9)}};
+    Template attributes = {
+        {CKA_CLASS, ByteVector(8, 9)}, {CKA_VALUE, ByteVector(65, 9)}, {CKA_LABEL, ByteVector(5, 9)}};
     EXPECT_EQ(attributesOf(derived_, attributes),
               attributesAnswer(CKR_BUFFER_TOO_SMALL, 3,
                                {"ERROR C_GetAttributeValue: buffer too small at index=1 type=17 provided=65 "
@@ -691,13 +693,13 @@ TEST_F(DerivedKeyTest, AShortBufferEndsTheAnswerAtOnce)
     EXPECT_EQ(CK_ULONG{attributes[0].ulValueLen}, CK_UNAVAILABLE_INFORMATION);
     EXPECT_EQ(CK_ULONG{attributes[1].ulValueLen}, 65U);
     EXPECT_EQ(CK_ULONG{attributes[2].ulValueLen}, 5U);
-    EXPECT_EQ(std::memcmp(attributes[1].pValue, Bytes(65, 9).data(), 65), 0);
+    EXPECT_EQ(std::memcmp(attributes[1].pValue, ByteVector(65, 9).data(), 65), 0);
 }
 
 TEST_F(DerivedKeyTest, AreUnknownUnderEveryOtherHandle)
 {
     for (const CK_OBJECT_HANDLE hObject : {derived_ + 1, derived_ + 0x1000, ALL_BITS}) {
-        Template value = {{CKA_VALUE, Bytes(66, 0)}};
+        Template value = {{CKA_VALUE, ByteVector(66, 0)}};
         EXPECT_EQ(attributesOf(hObject, value),
                   attributesAnswer(CKR_OBJECT_HANDLE_INVALID, 1,
                                    {"ERROR C_GetAttributeValue: derived key handle not found=" + logged(hObject)}));

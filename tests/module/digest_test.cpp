@@ -4,23 +4,26 @@
 namespace
 {
 
-const Bytes DATA = {1, 2, 3};
-const Bytes OTHER_DATA = {4, 5, 6, 7};
+const ByteVector DATA = {1, 2, 3};
+const ByteVector OTHER_DATA = {4, 5, 6, 7};
 
 class DigestTest : public ScriptedDeviceTest
 {
 protected:
-    Answer digest(const Bytes& data, Output& output) const
+    Answer digest(const ByteVector& data, Output& output) const
     {
         return answer(C_Digest, hSession_, pointerTo(data), sizeOf(data), output.data(), &output.length);
     }
 
-    Answer askDigestLength(const Bytes& data, CK_ULONG& length) const
+    Answer askDigestLength(const ByteVector& data, CK_ULONG& length) const
     {
         return answer(C_Digest, hSession_, pointerTo(data), sizeOf(data), nullptr, &length);
     }
 
-    Answer update(const Bytes& data) const { return answer(C_DigestUpdate, hSession_, pointerTo(data), sizeOf(data)); }
+    Answer update(const ByteVector& data) const
+    {
+        return answer(C_DigestUpdate, hSession_, pointerTo(data), sizeOf(data));
+    }
 
     Answer finish(Output& output) const { return answer(C_DigestFinal, hSession_, output.data(), &output.length); }
 
@@ -250,7 +253,7 @@ TEST_F(DigestTest, AnEmptyDigestIsNotKeptAfterALengthQuery)
 
 TEST_F(DigestTest, ALengthThatADigestCannotHaveIsCutToItsRoom)
 {
-    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    const std::pair<int, ByteVector> lengths[] = {{65, digestOf(5)}, {-1, {}}};
     for (const auto& [told, delivered] : lengths) {
         startDigest(CKM_SHA512, 5);
         expectUpdateHash(DATA);
@@ -297,7 +300,7 @@ TEST_F(DigestTest, BadArgumentsOfDigestAreRefusedInTheirOrderAndKeepTheDigest)
     EXPECT_EQ(answer(C_Digest, hSession_, &byte, 1, output.data(), nullptr), refused("C_Digest: pulDigestLen is NULL"));
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(output.length, 5u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
 }
 
 TEST_F(DigestTest, BadArgumentsOfTheFetchingCallKeepTheDigestAndItsResult)
@@ -310,7 +313,7 @@ TEST_F(DigestTest, BadArgumentsOfTheFetchingCallKeepTheDigestAndItsResult)
     EXPECT_EQ(answer(C_Digest, hSession_, nullptr, 1, output.data(), &output.length).code, CKR_ARGUMENTS_BAD);
     EXPECT_EQ(answer(C_DigestFinal, hSession_, output.data(), nullptr),
               refusal(CKR_ARGUMENTS_BAD, "C_DigestFinal", "C_DigestFinal: pulDigestLen is NULL"));
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(finish(output), FINISHED);
     EXPECT_EQ(output.written(), digestOf(3));
 }
@@ -335,7 +338,7 @@ TEST_F(DigestTest, AFailedUpdateKeepsTheDigestForAnotherTry)
     expectFinalHash(0, digestOf(3));
     Output output;
     EXPECT_EQ(digest(DATA, output), refusal(CKR_FUNCTION_FAILED, "C_Digest", "Update hash data in diget failed : 40"));
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(output.length, 2048u);
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(digest(DATA, output), DIGESTED);
@@ -352,7 +355,7 @@ TEST_F(DigestTest, AfterAFailedFinalStepBothStepsAreDoneAgainOnTheSameContext)
     Output output;
     EXPECT_EQ(digest(DATA, output), refusal(CKR_FUNCTION_FAILED, "C_Digest", "Final hash data in diget failed : 41"));
     EXPECT_EQ(output.length, 2048u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(digest(DATA, output), DIGESTED);
     EXPECT_EQ(output.written(), digestOf(3));
@@ -377,7 +380,7 @@ TEST_F(DigestTest, AFailedDigestFinalKeepsTheDigestForAnotherTry)
     Output output;
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_DigestFinal", "Final hash data in diget failed : 43"));
     EXPECT_EQ(output.length, 2048u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(activeOperation(), DIGEST);
     EXPECT_EQ(finish(output), FINISHED);
     EXPECT_EQ(output.written(), digestOf(3));

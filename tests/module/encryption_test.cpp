@@ -57,12 +57,12 @@ protected:
     struct Output {
         Answer answer;
         CK_ULONG length = 0;
-        Bytes bytes = Bytes(1024, 0);
+        ByteVector bytes = ByteVector(1024, 0);
 
-        Bytes used() const { return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)}; }
+        ByteVector used() const { return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)}; }
     };
 
-    Output run(const Direction& direction, Bytes data = Bytes(SOME_DATA, SOME_DATA + sizeof SOME_DATA)) const
+    Output run(const Direction& direction, ByteVector data = ByteVector(SOME_DATA, SOME_DATA + sizeof SOME_DATA)) const
     {
         Output output;
         output.answer = answer(direction.run, hSession_, data.data(), data.size(), output.bytes.data(), &output.length);
@@ -72,7 +72,7 @@ protected:
     /// The single-part call without an output.
     CK_ULONG queryLength(const Direction& direction) const
     {
-        Bytes data(SOME_DATA, SOME_DATA + sizeof SOME_DATA);
+        ByteVector data(SOME_DATA, SOME_DATA + sizeof SOME_DATA);
         CK_ULONG length = ALL_BITS;
         EXPECT_EQ(answer(direction.run, hSession_, data.data(), data.size(), nullptr, &length), passed(direction));
         return length;
@@ -225,7 +225,7 @@ TEST_P(CipherTest, AFailedInitDuringADigestLeavesTheDigest)
     start(DIGEST);
     EXPECT_EQ(init(GetParam(), CKM_RSA_PKCS, privateKey(0xFFF)).code, CKR_OBJECT_HANDLE_INVALID);
     EXPECT_EQ(activeOperation(), DIGEST);
-    Bytes digest(64, 0);
+    ByteVector digest(64, 0);
     auto length = static_cast<CK_ULONG>(digest.size());
     EXPECT_EQ(C_DigestFinal(hSession_, digest.data(), &length), CKR_OK);
 }
@@ -268,9 +268,9 @@ TEST_P(CipherTest, AfterALengthQueryTheKeptResultIsDeliveredWhateverTheData)
     EXPECT_EQ(queryLength(GetParam()), sizeof SOME_DATA);
     EXPECT_EQ(queryLength(GetParam()), sizeof SOME_DATA);
     EXPECT_EQ(activeOperation(), GetParam().operation);
-    const Output output = run(GetParam(), Bytes(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA));
+    const Output output = run(GetParam(), ByteVector(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA));
     EXPECT_EQ(output.answer, passed(GetParam()));
-    EXPECT_EQ(output.used(), (Bytes{0x9B, 0x9E, 0x8B, 0x9E}));
+    EXPECT_EQ(output.used(), (ByteVector{0x9B, 0x9E, 0x8B, 0x9E}));
 }
 
 TEST_P(CipherTest, AnArgumentErrorAfterALengthQueryKeepsTheResult)
@@ -287,12 +287,12 @@ TEST_P(CipherTest, AnArgumentErrorAfterALengthQueryKeepsTheResult)
 TEST_P(CipherTest, ATooSmallBufferGetsTheWholeResult)
 {
     mustInit(GetParam());
-    Bytes data(SOME_DATA, SOME_DATA + sizeof SOME_DATA);
-    Bytes output(8, 0);
+    ByteVector data(SOME_DATA, SOME_DATA + sizeof SOME_DATA);
+    ByteVector output(8, 0);
     CK_ULONG length = 1;
     EXPECT_EQ(answer(GetParam().run, hSession_, data.data(), data.size(), output.data(), &length), passed(GetParam()));
     EXPECT_EQ(length, 4U);
-    EXPECT_EQ(output, (Bytes{0x9B, 0x9E, 0x8B, 0x9E, 0, 0, 0, 0}));
+    EXPECT_EQ(output, (ByteVector{0x9B, 0x9E, 0x8B, 0x9E, 0, 0, 0, 0}));
 }
 
 TEST_P(CipherTest, DeliveryEndsTheOperation)
@@ -311,7 +311,7 @@ TEST_P(CipherTest, EachOperationComputesItsOwnResult)
     mustInit(GetParam());
     run(GetParam());
     mustInit(GetParam());
-    EXPECT_EQ(run(GetParam(), Bytes(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA)).length, sizeof OTHER_DATA);
+    EXPECT_EQ(run(GetParam(), ByteVector(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA)).length, sizeof OTHER_DATA);
 }
 
 TEST_P(CipherTest, InitDropsAResultThatWasNeverFetched)
@@ -321,7 +321,7 @@ TEST_P(CipherTest, InitDropsAResultThatWasNeverFetched)
     queryLength(GetParam());
     abandonOperation();
     mustInit(GetParam());
-    EXPECT_EQ(run(GetParam(), Bytes(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA)).length, sizeof OTHER_DATA);
+    EXPECT_EQ(run(GetParam(), ByteVector(OTHER_DATA, OTHER_DATA + sizeof OTHER_DATA)).length, sizeof OTHER_DATA);
 }
 
 TEST_P(CipherTest, AThrowingLibraryLeavesTheOperationAsAFailureOfTheDeviceDoes)
@@ -512,7 +512,7 @@ TEST_F(CipherInitTest, EveryOtherSessionStateDecrypts)
 class EncryptionTest : public CipherFixture
 {
 protected:
-    void setModulus(std::uint32_t id, const Bytes& modulus) const
+    void setModulus(std::uint32_t id, const ByteVector& modulus) const
     {
         VelkorKeyPair& record = keyPair(id);
         std::copy(modulus.begin(), modulus.end(), record.publicKey);
@@ -532,45 +532,46 @@ protected:
     }
 };
 
-const Bytes EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
-const Bytes RSA_ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+const ByteVector EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
+const ByteVector RSA_ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
+                                  0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
 
 /// The headers around a modulus in its SubjectPublicKeyInfo.
 struct PublicKeyInfo {
-    Bytes modulus;
-    Bytes outer;     ///< Before the algorithm.
-    Bytes bitString; ///< Between the algorithm and the modulus.
+    ByteVector modulus;
+    ByteVector outer;     ///< Before the algorithm.
+    ByteVector bitString; ///< Between the algorithm and the modulus.
 };
 
-Bytes encoded(const PublicKeyInfo& info)
+ByteVector encoded(const PublicKeyInfo& info)
 {
     return joined({info.outer, RSA_ALGORITHM, info.bitString, info.modulus, EXPONENT});
 }
 
 const PublicKeyInfo PUBLIC_KEYS[] = {
-    {Bytes(1, 0x7F), {0x30, 0x1C}, {0x03, 0x0B, 0x00, 0x30, 0x08, 0x02, 0x01}},
-    {Bytes(1, 0x80), {0x30, 0x1D}, {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x00}},
-    {Bytes(3, 0x00), {0x30, 0x1E}, {0x03, 0x0D, 0x00, 0x30, 0x0A, 0x02, 0x03}},
-    {Bytes(100, 0x11), {0x30, 0x7F}, {0x03, 0x6E, 0x00, 0x30, 0x6B, 0x02, 0x64}},
-    {Bytes(101, 0x11), {0x30, 0x81, 0x80}, {0x03, 0x6F, 0x00, 0x30, 0x6C, 0x02, 0x65}},
-    {Bytes(117, 0x11), {0x30, 0x81, 0x90}, {0x03, 0x7F, 0x00, 0x30, 0x7C, 0x02, 0x75}},
-    {Bytes(118, 0x11), {0x30, 0x81, 0x92}, {0x03, 0x81, 0x80, 0x00, 0x30, 0x7D, 0x02, 0x76}},
-    {Bytes(127, 0x11), {0x30, 0x81, 0x9C}, {0x03, 0x81, 0x8A, 0x00, 0x30, 0x81, 0x86, 0x02, 0x7F}},
-    {Bytes(127, 0xFF), {0x30, 0x81, 0x9E}, {0x03, 0x81, 0x8C, 0x00, 0x30, 0x81, 0x88, 0x02, 0x81, 0x80, 0x00}},
-    {Bytes(128, 0xC5), {0x30, 0x81, 0x9F}, {0x03, 0x81, 0x8D, 0x00, 0x30, 0x81, 0x89, 0x02, 0x81, 0x81, 0x00}},
-    {Bytes(256, 0x7F),
+    {ByteVector(1, 0x7F), {0x30, 0x1C}, {0x03, 0x0B, 0x00, 0x30, 0x08, 0x02, 0x01}},
+    {ByteVector(1, 0x80), {0x30, 0x1D}, {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x00}},
+    {ByteVector(3, 0x00), {0x30, 0x1E}, {0x03, 0x0D, 0x00, 0x30, 0x0A, 0x02, 0x03}},
+    {ByteVector(100, 0x11), {0x30, 0x7F}, {0x03, 0x6E, 0x00, 0x30, 0x6B, 0x02, 0x64}},
+    {ByteVector(101, 0x11), {0x30, 0x81, 0x80}, {0x03, 0x6F, 0x00, 0x30, 0x6C, 0x02, 0x65}},
+    {ByteVector(117, 0x11), {0x30, 0x81, 0x90}, {0x03, 0x7F, 0x00, 0x30, 0x7C, 0x02, 0x75}},
+    {ByteVector(118, 0x11), {0x30, 0x81, 0x92}, {0x03, 0x81, 0x80, 0x00, 0x30, 0x7D, 0x02, 0x76}},
+    {ByteVector(127, 0x11), {0x30, 0x81, 0x9C}, {0x03, 0x81, 0x8A, 0x00, 0x30, 0x81, 0x86, 0x02, 0x7F}},
+    {ByteVector(127, 0xFF), {0x30, 0x81, 0x9E}, {0x03, 0x81, 0x8C, 0x00, 0x30, 0x81, 0x88, 0x02, 0x81, 0x80, 0x00}},
+    {ByteVector(128, 0xC5), {0x30, 0x81, 0x9F}, {0x03, 0x81, 0x8D, 0x00, 0x30, 0x81, 0x89, 0x02, 0x81, 0x81, 0x00}},
+    {ByteVector(256, 0x7F),
      {0x30, 0x82, 0x01, 0x21},
      {0x03, 0x82, 0x01, 0x0E, 0x00, 0x30, 0x82, 0x01, 0x09, 0x02, 0x82, 0x01, 0x00}},
-    {Bytes(256, 0x80),
+    {ByteVector(256, 0x80),
      {0x30, 0x82, 0x01, 0x22},
      {0x03, 0x82, 0x01, 0x0F, 0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00}},
-    {Bytes(384, 0xC5),
+    {ByteVector(384, 0xC5),
      {0x30, 0x82, 0x01, 0xA2},
      {0x03, 0x82, 0x01, 0x8F, 0x00, 0x30, 0x82, 0x01, 0x8A, 0x02, 0x82, 0x01, 0x81, 0x00}},
-    {Bytes(512, 0xC5),
+    {ByteVector(512, 0xC5),
      {0x30, 0x82, 0x02, 0x22},
      {0x03, 0x82, 0x02, 0x0F, 0x00, 0x30, 0x82, 0x02, 0x0A, 0x02, 0x82, 0x02, 0x01, 0x00}},
-    {Bytes(1024, 0xC5),
+    {ByteVector(1024, 0xC5),
      {0x30, 0x82, 0x04, 0x22},
      {0x03, 0x82, 0x04, 0x0F, 0x00, 0x30, 0x82, 0x04, 0x0A, 0x02, 0x82, 0x04, 0x01, 0x00}},
 };
@@ -580,7 +581,7 @@ TEST_F(EncryptionTest, ThePublicKeyGoesToTheDeviceAsSubjectPublicKeyInfo)
     for (const PublicKeyInfo& info : PUBLIC_KEYS) {
         SCOPED_TRACE(info.modulus.size());
         setModulus(2, info.modulus);
-        const Bytes der = encoded(info);
+        const ByteVector der = encoded(info);
         EXPECT_CALL(*device_, velkor_encrypt(_, _, _, _, _, _, PointsTo(der), static_cast<int>(der.size()), _));
         encryptWith(publicKey(2));
     }
@@ -606,7 +607,7 @@ TEST_F(EncryptionTest, TheDeviceGetsPaddingDataAndAnEmptyOutput)
     const int dataLength = sizeof SOME_DATA;
     for (const int padding : {1, 4}) {
         EXPECT_CALL(*device_, velkor_encrypt(EncryptionType::Rsa2048, static_cast<PaddingMode>(padding),
-                                             PointsTo(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength, _,
+                                             PointsTo(ByteVector(SOME_DATA, SOME_DATA + dataLength)), dataLength, _,
                                              testing::Pointee(0), _, 294, &instance_));
         encryptWith(publicKey(2), padding == 1 ? CKM_RSA_PKCS : CKM_RSA_PKCS_OAEP);
     }
@@ -620,7 +621,7 @@ TEST_F(EncryptionTest, TheOutputHasRoomFor1024Bytes)
         return 0;
     });
     mustInit(ENCRYPTION);
-    EXPECT_EQ(run(ENCRYPTION).used(), Bytes(1024, 0xEE));
+    EXPECT_EQ(run(ENCRYPTION).used(), ByteVector(1024, 0xEE));
 }
 
 TEST_F(EncryptionTest, ALengthThatTheOutputCannotHaveIsCutToIt)
@@ -645,8 +646,8 @@ TEST_F(EncryptionTest, AnEmptyCiphertextIsNotKeptAfterALengthQuery)
 
 TEST_F(EncryptionTest, WithPkcsBothHalvesOfAPairSelectTheSameKey)
 {
-    const Bytes der = encoded({Bytes(384, 0xC5), PUBLIC_KEYS[12].outer, PUBLIC_KEYS[12].bitString});
-    setModulus(3, Bytes(384, 0xC5));
+    const ByteVector der = encoded({ByteVector(384, 0xC5), PUBLIC_KEYS[12].outer, PUBLIC_KEYS[12].bitString});
+    setModulus(3, ByteVector(384, 0xC5));
     EXPECT_CALL(*device_, velkor_encrypt(EncryptionType::Rsa3072, _, _, _, _, _, PointsTo(der), _, _)).Times(2);
     encryptWith(publicKey(3));
     encryptWith(privateKey(3));
@@ -704,7 +705,7 @@ TEST_F(EncryptionTest, AFailureOfTheDeviceEndsTheOperation)
         EXPECT_EQ(output.answer,
                   refusal(CKR_FUNCTION_FAILED, "C_Encrypt", "Encrypt data failed : " + std::to_string(status)));
         EXPECT_EQ(output.length, 0U);
-        EXPECT_EQ(output.bytes, Bytes(1024, 0));
+        EXPECT_EQ(output.bytes, ByteVector(1024, 0));
         EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 }
@@ -745,8 +746,8 @@ TEST_F(DecryptionTest, TheDeviceGetsKeyPasswordDataAndFlag)
     for (const bool flag : {false, true}) {
         keyPair(2).deviceFlag = flag;
         EXPECT_CALL(*device_,
-                    velkor_decrypt(StrEq(FIRST_DEVICE), PointsTo(Bytes(16, 0xA2)), StrEq(""),
-                                   PointsTo(Bytes(SOME_DATA, SOME_DATA + dataLength)), dataLength,
+                    velkor_decrypt(StrEq(FIRST_DEVICE), PointsTo(ByteVector(16, 0xA2)), StrEq(""),
+                                   PointsTo(ByteVector(SOME_DATA, SOME_DATA + dataLength)), dataLength,
                                    testing::Pointee(testing::IsNull()), testing::Pointee(0), flag, &instance_));
         mustInit(DECRYPTION);
         EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
@@ -763,7 +764,7 @@ TEST_F(DecryptionTest, TheCachedPasswordIsTheOneOfTheCallNotOfTheInitialisation)
 
 TEST_F(DecryptionTest, OaepAndPkcsLookTheSameToTheDevice)
 {
-    const Bytes key(16, 0xA2);
+    const ByteVector key(16, 0xA2);
     EXPECT_CALL(*device_, velkor_decrypt(StrEq(FIRST_DEVICE), PointsTo(key), StrEq(""), _, 4, _, _, false, _)).Times(2);
     for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
         mustInit(DECRYPTION, type);
@@ -783,7 +784,7 @@ TEST_F(DecryptionTest, ALaterLookupOfAnySessionChangesTheKey)
     mustInit(DECRYPTION);
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(C_EncryptInit(openSession(CKF_SERIAL_SESSION), &mechanism, publicKey(4)), CKR_OK);
-    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(Bytes(16, 0xA4)), _, _, _, _, _, _, _)).Times(1);
+    EXPECT_CALL(*device_, velkor_decrypt(_, PointsTo(ByteVector(16, 0xA4)), _, _, _, _, _, _, _)).Times(1);
     EXPECT_EQ(run(DECRYPTION).answer, passed(DECRYPTION));
 }
 
@@ -808,7 +809,7 @@ TEST_F(DecryptionTest, AFailureOfTheDeviceKeepsTheOperationAndReleasesWhatWasAll
         EXPECT_EQ(output.answer,
                   refusal(CKR_FUNCTION_FAILED, "C_Decrypt", "Dacrypt data failed : " + std::to_string(status)));
         EXPECT_EQ(output.length, 0U);
-        EXPECT_EQ(output.bytes, Bytes(1024, 0));
+        EXPECT_EQ(output.bytes, ByteVector(1024, 0));
         EXPECT_EQ(activeOperation(), DECRYPT);
     }
     giveNext(PLAINTEXT);

@@ -20,7 +20,7 @@ class KeyImportMemoryTest : public OpenSessionTest
 protected:
     KeyImportMemoryTest()
     {
-        entries_.add(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, LABEL).add(CKA_MODULUS, Bytes(256, 1));
+        entries_.add(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, LABEL).add(CKA_MODULUS, ByteVector(256, 1));
         entries_.add(CKA_PRIVATE_EXPONENT, PRIVATE_EXPONENT).add(CKA_PRIME_1, PRIME);
         ON_CALL(*device_, velkor_importPfx).WillByDefault(Return(0));
     }

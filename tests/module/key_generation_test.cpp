@@ -10,13 +10,13 @@ using testing::StrEq;
 
 constexpr CK_OBJECT_HANDLE UNTOUCHED = 7;
 
-const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+const ByteVector P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+const ByteVector P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+const ByteVector P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
 /// The first byte decides on a boolean attribute.
-const Bytes YES = {1};
-const Bytes NO = {0};
+const ByteVector YES = {1};
+const ByteVector NO = {0};
 
 const std::string TOO_SMALL = "RSA-1024 key generation not allowed — key size below 112-bit security strength";
 
@@ -49,7 +49,7 @@ protected:
 
     Answer generateRsa(CK_ULONG bits) { return generate({{CKA_MODULUS_BITS, bytesOf(bits)}}, {{CKA_TOKEN, YES}}); }
 
-    Answer generateEc(const Bytes& parameters)
+    Answer generateEc(const ByteVector& parameters)
     {
         return generate({{CKA_EC_PARAMS, parameters}}, {{CKA_KEY_TYPE, bytesOf(CKK_EC)}});
     }
@@ -127,7 +127,7 @@ TEST_F(KeyGenerationTest, ModulusBitsChooseTheKindOfAnRsaKey)
 TEST_F(KeyGenerationTest, ParametersChooseTheKindOfAnEcKey)
 {
     struct Row {
-        const Bytes& parameters;
+        const ByteVector& parameters;
         std::uint32_t kind;
     };
     for (const Row& row : {Row{P256, 5}, Row{P384, 6}, Row{P521, 7}}) {
@@ -234,11 +234,11 @@ TEST_F(KeyGenerationTest, AModulusSizeBeyond32BitsIsNotCut)
 
 TEST_F(KeyGenerationTest, EcParametersMustBeExactlyThoseOfACurve)
 {
-    for (const Bytes& curve : {P256, P384, P521}) {
-        const Bytes cut(curve.begin(), curve.end() - 1);
+    for (const ByteVector& curve : {P256, P384, P521}) {
+        const ByteVector cut(curve.begin(), curve.end() - 1);
         EXPECT_EQ(generateEc(cut), refusedCurve(curve.size() - 1));
         EXPECT_EQ(generateEc(joined({curve, {0}})), refusedCurve(curve.size() + 1));
-        Bytes changed = curve;
+        ByteVector changed = curve;
         changed.back() ^= 0x40;
         EXPECT_EQ(generateEc(changed), refusedCurve(curve.size()));
         changed = curve;
@@ -246,7 +246,7 @@ TEST_F(KeyGenerationTest, EcParametersMustBeExactlyThoseOfACurve)
         EXPECT_EQ(generateEc(changed), refusedCurve(curve.size()));
     }
     EXPECT_EQ(generateEc(bytesOf(std::string_view("prime256v1"))), refusedCurve(10));
-    EXPECT_EQ(generateEc(Bytes(5000, 6)), refusedCurve(5000));
+    EXPECT_EQ(generateEc(ByteVector(5000, 6)), refusedCurve(5000));
     expectUntouched();
 }
 
@@ -263,8 +263,8 @@ TEST_F(KeyGenerationTest, AShortNumberIsNotReadBeyondItsEnd)
 TEST_F(KeyGenerationTest, UsageComesFromSignAndDecryptAndHasADefaultByKeyType)
 {
     struct Row {
-        Bytes sign;
-        Bytes decrypt;
+        ByteVector sign;
+        ByteVector decrypt;
         std::uint32_t rsaUsage;
         std::uint32_t ecUsage;
     };
@@ -291,10 +291,11 @@ TEST_F(KeyGenerationTest, UsageOfThePublicTemplatePlaysNoPart)
 TEST_F(KeyGenerationTest, AtMost128BytesOfTheIdentifierAreTaken)
 {
     for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{128}, std::size_t{129}}) {
-        const VelkorKeyPair request = requestOf({{CKA_ID, Bytes(length, 0xAB)}});
+        const VelkorKeyPair request = requestOf({{CKA_ID, ByteVector(length, 0xAB)}});
         const std::size_t taken = std::min<std::size_t>(length, 128);
         EXPECT_EQ(request.objectIdLength, static_cast<std::int32_t>(taken));
-        EXPECT_EQ(Bytes(request.objectId, request.objectId + 128), joined({Bytes(taken, 0xAB), Bytes(128 - taken, 0)}));
+        EXPECT_EQ(ByteVector(request.objectId, request.objectId + 128),
+                  joined({ByteVector(taken, 0xAB), ByteVector(128 - taken, 0)}));
         EXPECT_STREQ(request.label, "");
     }
 }
@@ -302,7 +303,7 @@ TEST_F(KeyGenerationTest, AtMost128BytesOfTheIdentifierAreTaken)
 TEST_F(KeyGenerationTest, AtMost128BytesOfTheLabelAreTakenAndAZeroFollows)
 {
     for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{128}, std::size_t{129}}) {
-        const VelkorKeyPair request = requestOf({{CKA_LABEL, Bytes(length, 'L')}});
+        const VelkorKeyPair request = requestOf({{CKA_LABEL, ByteVector(length, 'L')}});
         const std::size_t taken = std::min<std::size_t>(length, 128);
         EXPECT_EQ(std::string(request.label, sizeof request.label),
                   std::string(taken, 'L') + std::string(129 - taken, '\0'));
@@ -336,8 +337,8 @@ TEST_F(KeyGenerationTest, WhatNoTemplateSetsIsZeroInTheRequest)
 {
     const VelkorKeyPair request = requestOf({{CKA_TOKEN, YES}});
     EXPECT_EQ(request.id, 0U);
-    EXPECT_EQ(Bytes(request.keyIdentifier, request.keyIdentifier + KEY_IDENTIFIER_SIZE), Bytes(16, 0));
-    EXPECT_EQ(Bytes(request.publicKey, request.publicKey + PUBLIC_KEY_CAPACITY), Bytes(1024, 0));
+    EXPECT_EQ(ByteVector(request.keyIdentifier, request.keyIdentifier + KEY_IDENTIFIER_SIZE), ByteVector(16, 0));
+    EXPECT_EQ(ByteVector(request.publicKey, request.publicKey + PUBLIC_KEY_CAPACITY), ByteVector(1024, 0));
     EXPECT_EQ(request.publicKeyLength, 0);
     EXPECT_EQ(request.objectIdLength, 0);
     EXPECT_FALSE(request.deviceFlag);

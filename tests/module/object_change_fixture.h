@@ -40,12 +40,12 @@ protected:
 
     VelkorKeyPair& keyPair(std::uint32_t id) const { return first().keyPairs.at(id - 1); }
 
-    static Bytes identifierOf(const VelkorKeyPair& record)
+    static ByteVector identifierOf(const VelkorKeyPair& record)
     {
         return {std::begin(record.keyIdentifier), std::end(record.keyIdentifier)};
     }
 
-    static Bytes identifierOf(const VelkorCertificate& record)
+    static ByteVector identifierOf(const VelkorCertificate& record)
     {
         return {std::begin(record.certificateIdentifier), std::end(record.certificateIdentifier)};
     }

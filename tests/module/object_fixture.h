@@ -9,12 +9,12 @@ using Handles = std::vector<CK_OBJECT_HANDLE>;
 constexpr CK_OBJECT_HANDLE FIRST_DERIVED_KEY = 0x70003000;
 constexpr CK_ULONG MAX_ULONG = static_cast<CK_ULONG>(-1);
 
-inline Bytes publicKeyBytes(const VelkorKeyPair& keyPair)
+inline ByteVector publicKeyBytes(const VelkorKeyPair& keyPair)
 {
     return {keyPair.publicKey, keyPair.publicKey + keyPair.publicKeyLength};
 }
 
-inline Bytes identifierBytes(const VelkorKeyPair& keyPair)
+inline ByteVector identifierBytes(const VelkorKeyPair& keyPair)
 {
     return {keyPair.keyIdentifier, keyPair.keyIdentifier + KEY_IDENTIFIER_SIZE};
 }
@@ -78,7 +78,7 @@ protected:
     static void clearLabel(auto& record) { std::fill(std::begin(record.label), std::end(record.label), '\0'); }
 
     /// Makes a second certificate that parses to a public key and the two halves of a label.
-    CertificateDetails& addCertificate(std::uint32_t id, const Bytes& publicKeyOfIt)
+    CertificateDetails& addCertificate(std::uint32_t id, const ByteVector& publicKeyOfIt)
     {
         first().certificates.push_back(makeCertificate(id, "certificate " + std::to_string(id)));
         CertificateDetails& details = detailsOf(id);
@@ -106,12 +106,12 @@ protected:
     }
 
     /// An attribute's value, fetched as an application does: length first, then a buffer of that length.
-    Bytes attribute(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type) const
+    ByteVector attribute(CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_TYPE type) const
     {
         CK_ATTRIBUTE entry = {type, nullptr, 0};
         EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, &entry, 1), CKR_OK);
         const CK_ULONG length = entry.ulValueLen;
-        Bytes value(length);
+        ByteVector value(length);
         entry.pValue = value.data();
         EXPECT_EQ(C_GetAttributeValue(hSession_, hObject, &entry, 1), CKR_OK);
         EXPECT_EQ(CK_ULONG{entry.ulValueLen}, length);
@@ -119,9 +119,9 @@ protected:
     }
 
     /// Derives the bytes as a new key with the first device's key pair, whose "ECDH" gives the point behind its tag.
-    static CK_OBJECT_HANDLE derive(CK_SESSION_HANDLE hSession, CK_ULONG baseKeyId, const Bytes& secret)
+    static CK_OBJECT_HANDLE derive(CK_SESSION_HANDLE hSession, CK_ULONG baseKeyId, const ByteVector& secret)
     {
-        Bytes point = {0x04};
+        ByteVector point = {0x04};
         point.insert(point.end(), secret.begin(), secret.end());
         CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, static_cast<CK_ULONG>(point.size()), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};

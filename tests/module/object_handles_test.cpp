@@ -21,9 +21,9 @@ TEST_F(DerivedKeyHandleTest, HandlesCountUpwardsAcrossSessionsAndSlots)
     EXPECT_EQ(derive(hSession_, 5, {1}), FIRST_DERIVED_KEY);
     EXPECT_EQ(derive(openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION), 5, {2}), FIRST_DERIVED_KEY + 1);
     EXPECT_EQ(derive(openSession(CKF_SERIAL_SESSION | CKF_RW_SESSION, SECOND_SLOT), 1, {3}), FIRST_DERIVED_KEY + 2);
-    EXPECT_EQ(attribute(FIRST_DERIVED_KEY, CKA_VALUE), Bytes{1});
-    EXPECT_EQ(attribute(FIRST_DERIVED_KEY + 1, CKA_VALUE), Bytes{2});
-    EXPECT_EQ(attribute(FIRST_DERIVED_KEY + 2, CKA_VALUE), Bytes{3});
+    EXPECT_EQ(attribute(FIRST_DERIVED_KEY, CKA_VALUE), ByteVector{1});
+    EXPECT_EQ(attribute(FIRST_DERIVED_KEY + 1, CKA_VALUE), ByteVector{2});
+    EXPECT_EQ(attribute(FIRST_DERIVED_KEY + 2, CKA_VALUE), ByteVector{3});
 }
 
 TEST_F(DerivedKeyHandleTest, AnswersItsValueAndNothingElse)
@@ -38,7 +38,7 @@ TEST_F(DerivedKeyHandleTest, AnswersItsValueAndNothingElse)
     EXPECT_EQ(attributes.length(0), CK_UNAVAILABLE_INFORMATION);
     EXPECT_THAT(attributes.value(0), Each(0xEE));
     EXPECT_EQ(attributes.length(1), 3u);
-    EXPECT_EQ(attributes.value(1), (Bytes{1, 2, 3, 0xEE}));
+    EXPECT_EQ(attributes.value(1), (ByteVector{1, 2, 3, 0xEE}));
     EXPECT_EQ(attributes.length(2), CK_UNAVAILABLE_INFORMATION);
     EXPECT_EQ(attributes.length(3), 3u);
 }
@@ -63,7 +63,7 @@ TEST_F(DerivedKeyHandleTest, IsReadWithoutTheDevice)
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     EXPECT_CALL(*device_, velkor_getKeyPairList).Times(0);
     EXPECT_CALL(*device_, velkor_getCertificateList).Times(0);
-    EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
+    EXPECT_EQ(attribute(hKey, CKA_VALUE), (ByteVector{1, 2, 3}));
 }
 
 TEST_F(DerivedKeyHandleTest, OutlivesItsSessionAndTheModulesFinalizing)
@@ -71,12 +71,12 @@ TEST_F(DerivedKeyHandleTest, OutlivesItsSessionAndTheModulesFinalizing)
     const CK_OBJECT_HANDLE hKey = derive(hSession_, 5, {1, 2, 3});
     ASSERT_EQ(C_CloseAllSessions(FIRST_SLOT), CKR_OK);
     hSession_ = openSession(CKF_SERIAL_SESSION, SECOND_SLOT);
-    EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
+    EXPECT_EQ(attribute(hKey, CKA_VALUE), (ByteVector{1, 2, 3}));
     ASSERT_EQ(finalize(), CKR_OK);
     ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
     listSlots();
     hSession_ = openSession(CKF_SERIAL_SESSION);
-    EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
+    EXPECT_EQ(attribute(hKey, CKA_VALUE), (ByteVector{1, 2, 3}));
 }
 
 TEST_F(DerivedKeyHandleTest, CannotBeDestroyedChangedOrMeasured)
@@ -96,7 +96,7 @@ TEST_F(DerivedKeyHandleTest, CannotBeDestroyedChangedOrMeasured)
               refusal(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
                       "Certificate not found in get object size : " + logged(hKey)));
     EXPECT_EQ(size, 77u);
-    EXPECT_EQ(attribute(hKey, CKA_VALUE), (Bytes{1, 2, 3}));
+    EXPECT_EQ(attribute(hKey, CKA_VALUE), (ByteVector{1, 2, 3}));
 }
 
 // ---- Ranges ----
@@ -176,7 +176,7 @@ protected:
         }
     }
 
-    static Bytes objectIdFor(std::uint32_t id)
+    static ByteVector objectIdFor(std::uint32_t id)
     {
         return {static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id)};
     }
@@ -210,7 +210,7 @@ TEST_P(HandleRangeTest, DecideWhatIsChanged)
 {
     EXPECT_CALL(*device_, velkor_updateKeyPairDetails).Times(0);
     if (GetParam().set.empty()) {
-        const Bytes identifier = identifierBytes(keyPair(GetParam().object.id));
+        const ByteVector identifier = identifierBytes(keyPair(GetParam().object.id));
         EXPECT_CALL(*device_, velkor_updateKeyPairDetails(StrEq(FIRST_DEVICE), PointsTo(identifier), StrEq(""),
                                                           StrEq("new"), _, 0, instance_));
     }
@@ -446,8 +446,8 @@ protected:
     void expectSignatureWith(const VelkorKeyPair& record) const
     {
         EXPECT_CALL(*device_, velkor_signHash(_, PointsTo(identifierBytes(record)), _, _, _, _, _, _, _, _));
-        Bytes hash(32, 1);
-        Bytes signature(1024);
+        ByteVector hash(32, 1);
+        ByteVector signature(1024);
         auto length = static_cast<CK_ULONG>(signature.size());
         EXPECT_EQ(C_Sign(hSession_, hash.data(), 32, signature.data(), &length), CKR_OK);
     }
@@ -460,7 +460,7 @@ TEST_F(LookupRecordTest, StaysAsItIsWithoutAnotherLookup)
 
 TEST_F(LookupRecordTest, IsOverwrittenWhenAnotherKeyIsRead)
 {
-    EXPECT_EQ(attribute(publicKey(6), CKA_ID), Bytes{6});
+    EXPECT_EQ(attribute(publicKey(6), CKA_ID), ByteVector{6});
     expectSignatureWith(keyPair(6));
 }
 
@@ -474,7 +474,7 @@ TEST_F(LookupRecordTest, IsOverwrittenWhenAnotherKeyIsMeasured)
 TEST_F(LookupRecordTest, IsOverwrittenWhenAnotherKeyIsChanged)
 {
     Template changes;
-    changes.add(CKA_TOKEN, Bytes{1});
+    changes.add(CKA_TOKEN, ByteVector{1});
     EXPECT_EQ(C_SetAttributeValue(hSession_, privateKey(6), changes.data(), changes.size()), CKR_OK);
     expectSignatureWith(keyPair(6));
 }
@@ -504,13 +504,13 @@ TEST_F(LookupRecordTest, StaysAsItIsWhenNothingIsFound)
 
 TEST_F(LookupRecordTest, StaysAsItIsWhenACertificateIsRead)
 {
-    EXPECT_EQ(attribute(certificate(1), CKA_ID), Bytes{1});
+    EXPECT_EQ(attribute(certificate(1), CKA_ID), ByteVector{1});
     expectSignatureWith(keyPair(5));
 }
 
 TEST_F(LookupRecordTest, StaysAsItIsWhenACertificateIsImported)
 {
-    const Bytes der = {1, 2, 3};
+    const ByteVector der = {1, 2, 3};
     device_->defaults.detailsOf(der).publicKey = publicKeyBytes(keyPair(6)); // The import looks for this key pair.
     Template entries;
     entries.add(CKA_VALUE, der);
@@ -549,7 +549,7 @@ protected:
     /// A parsing of the certificate, which is done without the instance.
     auto& expectParsing(std::uint32_t certificateId) const
     {
-        const Bytes der = certificateRecord(certificateId).der;
+        const ByteVector der = certificateRecord(certificateId).der;
         return EXPECT_CALL(*device_,
                            velkor_getCertificateDetails(PointsTo(der), static_cast<int>(der.size()), _, nullptr));
     }
@@ -680,11 +680,11 @@ TEST_F(ObjectLabelTest, OfAKeyPairWithoutACertificateStaysEmpty)
 
 TEST_F(ObjectLabelTest, OfAKeyPairComesFromTheFirstCertificateThatParsesAndMatches)
 {
-    const Bytes key = publicKeyBytes(keyPair(2));
+    const ByteVector key = publicKeyBytes(keyPair(2));
     first().certificates.clear();
     addCertificate(11, key); // Will not be parsed.
     addCertificate(12, {key.begin(), key.end() - 1});
-    Bytes other = key;
+    ByteVector other = key;
     other.back() ^= 1;
     addCertificate(13, other);
     addCertificate(14, key);

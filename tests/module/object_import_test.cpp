@@ -41,7 +41,7 @@ std::string labelLine(const std::string& label)
     return "Label not provided, using: " + label;
 }
 
-Bytes toBytes(const std::string& text)
+ByteVector toBytes(const std::string& text)
 {
     return {text.begin(), text.end()};
 }
@@ -126,9 +126,9 @@ class CertificateImportTest : public ObjectImportTest
 {
 protected:
     /// Makes a certificate that can be parsed; gives its DER.
-    Bytes certificate(const std::string& subject, const std::string& issuer) const
+    ByteVector certificate(const std::string& subject, const std::string& issuer) const
     {
-        const Bytes der = toBytes(subject + " by " + issuer);
+        const ByteVector der = toBytes(subject + " by " + issuer);
         CertificateDetails& details = device_->defaults.detailsOf(der);
         details.subjectCommonName = "second text";
         details.issuerCommonName = "third text";
@@ -137,17 +137,17 @@ protected:
         return der;
     }
 
-    void putOnDisk(const Bytes& der) const { device_->defaults.files.emplace_back("some file.cer", der); }
+    void putOnDisk(const ByteVector& der) const { device_->defaults.files.emplace_back("some file.cer", der); }
 
     /// A certificate that can be parsed, in a file.
-    Bytes issuerOnDisk(const std::string& subject, const std::string& issuer) const
+    ByteVector issuerOnDisk(const std::string& subject, const std::string& issuer) const
     {
-        const Bytes der = certificate(subject, issuer);
+        const ByteVector der = certificate(subject, issuer);
         putOnDisk(der);
         return der;
     }
 
-    static Template templateOf(const Bytes& der, const std::string& label = "leaf")
+    static Template templateOf(const ByteVector& der, const std::string& label = "leaf")
     {
         Template entries;
         entries.add(CKA_VALUE, der).add(CKA_LABEL, label);
@@ -155,12 +155,12 @@ protected:
     }
 
     /// The record of a certificate to be stored, to the last byte.
-    static testing::Matcher<VelkorCertificate*> newRecord(const Bytes& der, const std::string& label,
-                                                          const Bytes& objectId = {})
+    static testing::Matcher<VelkorCertificate*> newRecord(const ByteVector& der, const std::string& label,
+                                                          const ByteVector& objectId = {})
     {
         std::string labelField = label;
         labelField.resize(LABEL_CAPACITY + 1);
-        Bytes objectIdField = objectId;
+        ByteVector objectIdField = objectId;
         objectIdField.resize(OBJECT_ID_CAPACITY);
         return Pointee(AllOf(Field(&VelkorCertificate::id, 0u), Field(&VelkorCertificate::der, der),
                              Field(&VelkorCertificate::certificateIdentifier, Each(0)),
@@ -169,7 +169,7 @@ protected:
                              Field(&VelkorCertificate::label, ElementsAreArray(labelField))));
     }
 
-    void expectParsing(const Bytes& der)
+    void expectParsing(const ByteVector& der)
     {
         EXPECT_CALL(*device_, velkor_getCertificateDetails(_, _, _, instance()))
             .With(Args<0, 1>(ElementsAreArray(der)))
@@ -215,7 +215,7 @@ protected:
 
 TEST_F(CertificateImportTest, IsMeantByATemplateWithoutAClass)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)), success({FOLDER_LINE, ALONE_LINE}));
     EXPECT_EQ(hObject_, FIRST_STORED);
@@ -223,7 +223,7 @@ TEST_F(CertificateImportTest, IsMeantByATemplateWithoutAClass)
 
 TEST_F(CertificateImportTest, IsMeantByTheCertificateClass)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der).add(CKA_CLASS, CKO_CERTIFICATE)), success({FOLDER_LINE, ALONE_LINE}));
     EXPECT_EQ(hObject_, FIRST_STORED);
@@ -232,7 +232,7 @@ TEST_F(CertificateImportTest, IsMeantByTheCertificateClass)
 TEST_F(CertificateImportTest, NeedsNoLogin)
 {
     hSession_ = openSession(READ_ONLY);
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)).code, CKR_OK);
 }
@@ -240,7 +240,7 @@ TEST_F(CertificateImportTest, NeedsNoLogin)
 TEST_F(CertificateImportTest, PassesTheCachedPin)
 {
     login();
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectFolderRead();
     expectImport(newRecord(der, "leaf"), USER_PIN);
     expectLookups();
@@ -262,7 +262,7 @@ TEST_F(CertificateImportTest, WithoutAValueIsRefused)
 class UnparsableCertificateTest : public CertificateImportTest
 {
 protected:
-    void expectRefusal(const Bytes& der)
+    void expectRefusal(const ByteVector& der)
     {
         EXPECT_EQ(create(templateOf(der)), answerOf(FUNCTION, CKR_DATA_INVALID, {"certificate parsing failed"}));
         EXPECT_EQ(hObject_, UNTOUCHED);
@@ -283,7 +283,7 @@ TEST_P(ParsingStatusTest, OtherThanZeroIsInvalidData)
 
 TEST_F(UnparsableCertificateTest, OfAMebibyteOfNoiseGoesToTheParserWhole)
 {
-    Bytes noise(1 << 20);
+    ByteVector noise(1 << 20);
     unsigned state = 1;
     for (unsigned char& byte : noise)
         byte = static_cast<unsigned char>((state = state * 1103515245 + 12345) >> 16);
@@ -293,15 +293,15 @@ TEST_F(UnparsableCertificateTest, OfAMebibyteOfNoiseGoesToTheParserWhole)
 
 TEST_F(UnparsableCertificateTest, OfTextGoesToTheParserAsItStands)
 {
-    const Bytes pem = toBytes("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
+    const ByteVector pem = toBytes("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
     expectParsing(pem);
     expectRefusal(pem);
 }
 
 TEST_F(UnparsableCertificateTest, GoesToTheParserWhereverItWasCutAndNoByteMore)
 {
-    const Bytes whole = certificate("Leaf", "Nobody");
-    for (Bytes cut = {whole.begin(), whole.end() - 1}; !cut.empty(); cut.pop_back()) {
+    const ByteVector whole = certificate("Leaf", "Nobody");
+    for (ByteVector cut = {whole.begin(), whole.end() - 1}; !cut.empty(); cut.pop_back()) {
         SCOPED_TRACE(cut.size());
         EXPECT_CALL(*device_, velkor_getCertificateDetails(_, _, _, instance()))
             .With(Args<0, 1>(ElementsAreArray(cut)))
@@ -317,14 +317,14 @@ using TemplateTest = CertificateImportTest;
 
 TEST_F(TemplateTest, EveryEntryWithAValueIsLoggedInOrder)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     const CK_ATTRIBUTE_TYPE types[] = {CKA_LABEL, CKA_CLASS, CKA_TOKEN, CKA_ID, CKA_VENDOR_DEFINED, CKA_VALUE};
     Template entries;
     std::vector<std::string> lines;
     for (const CK_ATTRIBUTE_TYPE type : types)
         lines.push_back(ENTRY_LINE + logged(type));
-    entries.add(CKA_LABEL, "leaf").add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_TOKEN, Bytes{CK_TRUE});
-    entries.add(CKA_ID, Bytes{1}).add(CKA_VENDOR_DEFINED, Bytes{2}).add(CKA_VALUE, der);
+    entries.add(CKA_LABEL, "leaf").add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_TOKEN, ByteVector{CK_TRUE});
+    entries.add(CKA_ID, ByteVector{1}).add(CKA_VENDOR_DEFINED, ByteVector{2}).add(CKA_VALUE, der);
     lines.insert(lines.end(), {FOLDER_LINE, ALONE_LINE});
     expectLeafAlone(newRecord(der, "leaf", {1}));
     EXPECT_EQ(createWithEntryLines(entries), success(lines));
@@ -332,7 +332,7 @@ TEST_F(TemplateTest, EveryEntryWithAValueIsLoggedInOrder)
 
 TEST_F(TemplateTest, EntriesWithoutAValueAreSkipped)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     Template entries = templateOf(der);
     char something = 'x';
     for (const CK_ATTRIBUTE_TYPE type : {CKA_CLASS, CKA_VALUE, CKA_LABEL, CKA_ID}) {
@@ -353,18 +353,18 @@ TEST_F(TemplateTest, WithNothingButEmptyEntriesHasNoCertificate)
 
 TEST_F(TemplateTest, LaterEntriesReplaceEarlierOnes)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     Template entries;
     entries.add(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_VALUE, "no certificate");
-    entries.add(CKA_LABEL, "a longer label").add(CKA_ID, Bytes{1, 2, 3});
-    entries.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_VALUE, der).add(CKA_LABEL, "leaf").add(CKA_ID, Bytes{4});
+    entries.add(CKA_LABEL, "a longer label").add(CKA_ID, ByteVector{1, 2, 3});
+    entries.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_VALUE, der).add(CKA_LABEL, "leaf").add(CKA_ID, ByteVector{4});
     expectLeafAlone(newRecord(der, "leaf", {4}));
     EXPECT_EQ(create(entries).code, CKR_OK);
 }
 
 TEST_F(TemplateTest, MayHaveTenThousandEntries)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     Template entries = templateOf(der, "first");
     while (entries.size() < 9'999)
         entries.addRaw(CKA_TOKEN, nullptr, 0);
@@ -398,7 +398,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(GivenLabelTest, IsStoredTrimmedAndCut)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, GetParam().stored));
     EXPECT_EQ(create(templateOf(der, GetParam().given)), success({FOLDER_LINE, ALONE_LINE}));
 }
@@ -414,7 +414,7 @@ INSTANTIATE_TEST_SUITE_P(Labels, EmptyLabelTest,
 
 TEST_P(EmptyLabelTest, IsReplacedByTheSecondAndThirdTextOfTheCertificate)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, "second text_third text"));
     EXPECT_EQ(create(templateOf(der, GetParam().given)),
               success({labelLine("second text_third text"), FOLDER_LINE, ALONE_LINE}));
@@ -422,7 +422,7 @@ TEST_P(EmptyLabelTest, IsReplacedByTheSecondAndThirdTextOfTheCertificate)
 
 TEST_F(CertificateImportTest, WithoutALabelGetsTheSecondAndThirdTextOfTheCertificate)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectLeafAlone(newRecord(der, "second text_third text"));
     Template entries;
     entries.add(CKA_VALUE, der);
@@ -456,7 +456,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, ImportedLabelTest,
 
 TEST_P(ImportedLabelTest, IsCutAt128Bytes)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     device_->defaults.detailsOf(der).subjectCommonName = GetParam().second;
     device_->defaults.detailsOf(der).issuerCommonName = GetParam().third;
     expectLeafAlone(newRecord(der, GetParam().label));
@@ -473,10 +473,10 @@ INSTANTIATE_TEST_SUITE_P(Sizes, IdentifierSizeTest, testing::Values(0, 1, 127, 1
 
 TEST_P(IdentifierSizeTest, IsStoredUpTo128Bytes)
 {
-    const Bytes der = certificate("Leaf", "Nobody");
-    expectLeafAlone(newRecord(der, "leaf", Bytes(std::min<std::size_t>(GetParam(), 128), 0x5C)));
+    const ByteVector der = certificate("Leaf", "Nobody");
+    expectLeafAlone(newRecord(der, "leaf", ByteVector(std::min<std::size_t>(GetParam(), 128), 0x5C)));
     Template entries = templateOf(der);
-    entries.add(CKA_ID, Bytes(GetParam(), 0x5C));
+    entries.add(CKA_ID, ByteVector(GetParam(), 0x5C));
     EXPECT_EQ(create(entries).code, CKR_OK);
 }
 
@@ -520,7 +520,7 @@ TEST_P(HomeTest, HasTheFolderOfTheIssuersOrElseTheProgramsFolderHasIt)
     std::vector<std::string> lines = {"CA Folder: " + folder, ALONE_LINE};
     if (!GetParam().isUsed)
         lines.insert(lines.begin(), NO_HOME_LINE);
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectFolderRead(folder);
     expectImport(newRecord(der, "leaf"));
     expectLookups();
@@ -602,7 +602,7 @@ TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolderOfADrive)
     const int used = haveDrivesLetters() ? GetParam().used : -1;
     const std::string program = test_system::program().parent_path().string();
     const std::string folder = (used < 0 ? program : std::string(DEFAULT_FOLDERS[used])) + "\\VelkorDSC\\Certificates";
-    const Bytes der = certificate("Leaf", "Nobody");
+    const ByteVector der = certificate("Leaf", "Nobody");
     expectFolderRead(folder);
     expectImport(newRecord(der, "leaf"));
     expectLookups();
@@ -613,7 +613,7 @@ TEST_P(DefaultFolderTest, IsTheFirstThatIsAFolderOfADrive)
 
 TEST_F(CertificateImportTest, WithAnEmptyFolderIsThatOfTheLeafAlone)
 {
-    const Bytes der = certificate("Leaf", "Root");
+    const ByteVector der = certificate("Leaf", "Root");
     expectParsing(der);
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)), success({FOLDER_LINE, ALONE_LINE}));
@@ -622,8 +622,8 @@ TEST_F(CertificateImportTest, WithAnEmptyFolderIsThatOfTheLeafAlone)
 
 TEST_F(CertificateImportTest, WithNothingButUnparsableFilesIsThatOfTheLeafAlone)
 {
-    const Bytes der = certificate("Leaf", "Root");
-    const Bytes noise = {1, 2, 3};
+    const ByteVector der = certificate("Leaf", "Root");
+    const ByteVector noise = {1, 2, 3};
     putOnDisk(noise);
     putOnDisk({});
     putOnDisk(noise);
@@ -639,7 +639,7 @@ TEST_F(CertificateImportTest, WithNothingButUnparsableFilesIsThatOfTheLeafAlone)
 
 TEST_F(CertificateImportTest, WithoutTheIssuerAmongTheFilesIsThatOfTheLeafAlone)
 {
-    const Bytes der = certificate("Leaf", "Root");
+    const ByteVector der = certificate("Leaf", "Root");
     issuerOnDisk("Another Root", "Another Root");
     issuerOnDisk("root", "root");
     expectLeafAlone(newRecord(der, "leaf"));
@@ -649,7 +649,7 @@ TEST_F(CertificateImportTest, WithoutTheIssuerAmongTheFilesIsThatOfTheLeafAlone)
 
 TEST_F(CertificateImportTest, WithoutTheIssuersIssuerAmongTheFilesIsThatOfTheLeafAlone)
 {
-    const Bytes der = certificate("Leaf", "Intermediate");
+    const ByteVector der = certificate("Leaf", "Intermediate");
     issuerOnDisk("Intermediate", "Root");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)), success({FOLDER_LINE, missingLine("Root"), ALONE_LINE}));
@@ -658,7 +658,7 @@ TEST_F(CertificateImportTest, WithoutTheIssuersIssuerAmongTheFilesIsThatOfTheLea
 
 TEST_F(CertificateImportTest, OfASelfSignedLeafThatIsNotOnDiskIsThatOfTheLeafAlone)
 {
-    const Bytes der = certificate("Self", "Self");
+    const ByteVector der = certificate("Self", "Self");
     issuerOnDisk("Another Root", "Another Root");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)), success({FOLDER_LINE, missingLine("Self"), ALONE_LINE}));
@@ -687,7 +687,7 @@ TEST_P(CircleTest, EndsAndLeavesTheLeafAlone)
 {
     for (const auto& [subject, issuer] : GetParam().issuers)
         issuerOnDisk(subject, issuer);
-    const Bytes der = certificate("Leaf", "A");
+    const ByteVector der = certificate("Leaf", "A");
     expectLeafAlone(newRecord(der, "leaf"));
     EXPECT_EQ(create(templateOf(der)), success({FOLDER_LINE, missingLine(GetParam().repeated), ALONE_LINE}));
     EXPECT_EQ(hObject_, FIRST_STORED);
@@ -699,10 +699,10 @@ using ChainImportTest = CertificateImportTest;
 
 TEST_F(ChainImportTest, StoresRootThenIntermediateThenLeafAndGivesTheLeafsHandle)
 {
-    const Bytes leaf = certificate("Leaf", "Intermediate");
-    const Bytes intermediate = issuerOnDisk("Intermediate", "Root");
+    const ByteVector leaf = certificate("Leaf", "Intermediate");
+    const ByteVector intermediate = issuerOnDisk("Intermediate", "Root");
     issuerOnDisk("Another Root", "Another Root");
-    const Bytes root = issuerOnDisk("Root", "Root");
+    const ByteVector root = issuerOnDisk("Root", "Root");
     login();
     expectFolderRead();
     expectImport(newRecord(root, "Root"), USER_PIN);
@@ -710,16 +710,16 @@ TEST_F(ChainImportTest, StoresRootThenIntermediateThenLeafAndGivesTheLeafsHandle
     expectImport(newRecord(leaf, "leaf", {7, 8}), USER_PIN);
     expectLookups();
     Template entries = templateOf(leaf);
-    entries.add(CKA_ID, Bytes{7, 8});
+    entries.add(CKA_ID, ByteVector{7, 8});
     EXPECT_EQ(create(entries), success({FOLDER_LINE, STORED_LINE, STORED_LINE, STORED_LINE}));
     EXPECT_EQ(hObject_, FIRST_STORED + 2);
 }
 
 TEST_F(ChainImportTest, ParsesTheLeafThenReadsTheFolderThenParsesItsFiles)
 {
-    const Bytes leaf = certificate("Leaf", "Root");
-    const Bytes root = issuerOnDisk("Root", "Root");
-    const Bytes other = issuerOnDisk("Another Root", "Another Root");
+    const ByteVector leaf = certificate("Leaf", "Root");
+    const ByteVector root = issuerOnDisk("Root", "Root");
+    const ByteVector other = issuerOnDisk("Another Root", "Another Root");
     expectParsing(leaf);
     expectFolderRead();
     expectParsing(root);
@@ -732,9 +732,9 @@ TEST_F(ChainImportTest, ParsesTheLeafThenReadsTheFolderThenParsesItsFiles)
 
 TEST_F(ChainImportTest, PassesOverFilesThatCannotBeParsed)
 {
-    const Bytes leaf = certificate("Leaf", "Root");
+    const ByteVector leaf = certificate("Leaf", "Root");
     putOnDisk({1, 2, 3});
-    const Bytes root = issuerOnDisk("Root", "Root");
+    const ByteVector root = issuerOnDisk("Root", "Root");
     putOnDisk({});
     expectFolderRead();
     expectImport(newRecord(root, "Root"));
@@ -745,11 +745,11 @@ TEST_F(ChainImportTest, PassesOverFilesThatCannotBeParsed)
 
 TEST_F(ChainImportTest, OfTwoFilesWithOneNameTheLaterCounts)
 {
-    const Bytes leaf = certificate("Leaf", "Intermediate");
+    const ByteVector leaf = certificate("Leaf", "Intermediate");
     issuerOnDisk("Root", "Root");
     issuerOnDisk("Intermediate", "Root");
-    const Bytes otherRoot = issuerOnDisk("Other Root", "Other Root");
-    const Bytes later = issuerOnDisk("Intermediate", "Other Root");
+    const ByteVector otherRoot = issuerOnDisk("Other Root", "Other Root");
+    const ByteVector later = issuerOnDisk("Intermediate", "Other Root");
     expectFolderRead();
     expectImport(newRecord(otherRoot, "Other Root"));
     expectImport(newRecord(later, "Intermediate"));
@@ -760,7 +760,7 @@ TEST_F(ChainImportTest, OfTwoFilesWithOneNameTheLaterCounts)
 
 TEST_F(ChainImportTest, OfASelfSignedLeafThatIsOnDiskStoresItTwice)
 {
-    const Bytes leaf = issuerOnDisk("Self", "Self");
+    const ByteVector leaf = issuerOnDisk("Self", "Self");
     expectFolderRead();
     expectImport(newRecord(leaf, "Self"));
     expectImport(newRecord(leaf, "leaf"));
@@ -777,7 +777,7 @@ INSTANTIATE_TEST_SUITE_P(Issuers, NoIssuerNameTest, testing::Values("", "O=Examp
 
 TEST_P(NoIssuerNameTest, MakesTheLeafAChainOfItsOwn)
 {
-    const Bytes leaf = certificate("Leaf", "");
+    const ByteVector leaf = certificate("Leaf", "");
     device_->defaults.detailsOf(leaf).issuer = GetParam();
     issuerOnDisk("", "");
     expectLeafAlone(newRecord(leaf, "leaf"));
@@ -787,8 +787,8 @@ TEST_P(NoIssuerNameTest, MakesTheLeafAChainOfItsOwn)
 
 TEST_P(NoIssuerNameTest, EndsTheChainAtItsCertificate)
 {
-    const Bytes leaf = certificate("Leaf", "Top");
-    const Bytes top = issuerOnDisk("Top", "");
+    const ByteVector leaf = certificate("Leaf", "Top");
+    const ByteVector top = issuerOnDisk("Top", "");
     device_->defaults.detailsOf(top).issuer = GetParam();
     expectFolderRead();
     expectImport(newRecord(top, "Top"));
@@ -806,8 +806,8 @@ INSTANTIATE_TEST_SUITE_P(Lengths, IssuerNameLengthTest, testing::Values(127, 128
 TEST_P(IssuerNameLengthTest, IsCutTo128BytesInTheLabelOnly)
 {
     const std::string name(GetParam(), 'n');
-    const Bytes leaf = certificate("Leaf", name);
-    const Bytes root = issuerOnDisk(name, name);
+    const ByteVector leaf = certificate("Leaf", name);
+    const ByteVector root = issuerOnDisk(name, name);
     expectFolderRead();
     expectImport(newRecord(root, name.substr(0, 128)));
     expectImport(newRecord(leaf, "leaf"));
@@ -817,11 +817,11 @@ TEST_P(IssuerNameLengthTest, IsCutTo128BytesInTheLabelOnly)
 
 TEST_F(ChainImportTest, FindsTheIssuersAmongTenThousandFiles)
 {
-    const Bytes leaf = certificate("Leaf", "CA 9999");
+    const ByteVector leaf = certificate("Leaf", "CA 9999");
     for (int number = 0; number < 9'998; ++number)
         issuerOnDisk("CA " + std::to_string(number), "CA " + std::to_string(number));
-    const Bytes root = issuerOnDisk("Root", "Root");
-    const Bytes intermediate = issuerOnDisk("CA 9999", "Root");
+    const ByteVector root = issuerOnDisk("Root", "Root");
+    const ByteVector intermediate = issuerOnDisk("CA 9999", "Root");
     expectFolderRead();
     expectImport(newRecord(root, "Root"));
     expectImport(newRecord(intermediate, "CA 9999"));
@@ -840,7 +840,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, LeafFailureTest, testing::ValuesIn(DEVICE_FAI
 
 TEST_P(LeafFailureTest, EndsTheCallWithoutAHandle)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     expectFolderRead();
     expectFailingImport(GetParam().status);
     EXPECT_EQ(create(templateOf(leaf)), answerOf(FUNCTION, GetParam().code, {FOLDER_LINE, ALONE_LINE},
@@ -859,8 +859,8 @@ INSTANTIATE_TEST_SUITE_P(PositionsAndStatuses, ChainFailureTest,
 TEST_P(ChainFailureTest, EndsTheCallAndLeavesWhatWasStoredBefore)
 {
     const auto [position, failure] = GetParam();
-    const Bytes leaf = certificate("Leaf", "Intermediate");
-    const Bytes issuers[] = {issuerOnDisk("Root", "Root"), issuerOnDisk("Intermediate", "Root")};
+    const ByteVector leaf = certificate("Leaf", "Intermediate");
+    const ByteVector issuers[] = {issuerOnDisk("Root", "Root"), issuerOnDisk("Intermediate", "Root")};
     const char* const labels[] = {"Root", "Intermediate"};
     expectFolderRead();
     std::vector<std::string> lines = {FOLDER_LINE};
@@ -877,7 +877,7 @@ TEST_P(ChainFailureTest, EndsTheCallAndLeavesWhatWasStoredBefore)
 
 TEST_F(CertificateImportTest, WithAThrowingLibraryIsAFailureOfTheModule)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     expectFolderRead();
     EXPECT_CALL(*device_, velkor_importCertificate).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
     EXPECT_EQ(create(templateOf(leaf)), answerOf(FUNCTION, CKR_GENERAL_ERROR, {FOLDER_LINE, ALONE_LINE}, BROKEN_LINE));
@@ -886,7 +886,7 @@ TEST_F(CertificateImportTest, WithAThrowingLibraryIsAFailureOfTheModule)
 
 TEST_F(CertificateImportTest, WithAFolderThatThrowsIsAFailureOfTheModule)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     EXPECT_CALL(*device_, velkor_getFilesWithExtensionsAndConvertDER).WillOnce(Throw(std::runtime_error("broken")));
     EXPECT_EQ(create(templateOf(leaf)), answerOf(FUNCTION, CKR_GENERAL_ERROR, {FOLDER_LINE}, BROKEN_LINE));
     EXPECT_EQ(hObject_, UNTOUCHED);
@@ -894,7 +894,7 @@ TEST_F(CertificateImportTest, WithAFolderThatThrowsIsAFailureOfTheModule)
 
 TEST_F(CertificateImportTest, ThatTheDeviceDoesNotListLeavesTheHandleAlone)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     expectFolderRead();
     expectFailingImport(0);
     expectLookups();
@@ -904,8 +904,8 @@ TEST_F(CertificateImportTest, ThatTheDeviceDoesNotListLeavesTheHandleAlone)
 
 TEST_F(ChainImportTest, ThatTheDeviceDoesNotListLeavesTheHandleAlone)
 {
-    const Bytes leaf = certificate("Leaf", "Root");
-    const Bytes root = issuerOnDisk("Root", "Root");
+    const ByteVector leaf = certificate("Leaf", "Root");
+    const ByteVector root = issuerOnDisk("Root", "Root");
     expectFolderRead();
     expectImport(newRecord(root, "Root"));
     expectFailingImport(0);
@@ -916,7 +916,7 @@ TEST_F(ChainImportTest, ThatTheDeviceDoesNotListLeavesTheHandleAlone)
 
 TEST_F(CertificateImportTest, FindsTheHandleByTheIdentifierThatTheDeviceGave)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     expectFolderRead();
     EXPECT_CALL(*device_, velkor_importCertificate)
         .InSequence(script_)
@@ -932,7 +932,7 @@ TEST_F(CertificateImportTest, FindsTheHandleByTheIdentifierThatTheDeviceGave)
 
 TEST_F(CertificateImportTest, AnOperationInProgressGoesOn)
 {
-    const Bytes leaf = certificate("Leaf", "Nobody");
+    const ByteVector leaf = certificate("Leaf", "Nobody");
     EXPECT_CALL(*device_, velkor_getFilesWithExtensionsAndConvertDER).WillRepeatedly(testing::DoDefault());
     EXPECT_CALL(*device_, velkor_importCertificate).WillRepeatedly(testing::DoDefault());
     expectOperationsGoOn([&] { EXPECT_EQ(create(templateOf(leaf)).code, CKR_OK); });
@@ -976,7 +976,7 @@ protected:
 
     static std::string updateLine(const std::string& alias) { return "Updating empty key pair alias to: " + alias; }
 
-    Bytes leaf_;
+    ByteVector leaf_;
 };
 
 class EmptyAliasTest : public AliasTest, public testing::WithParamInterface<const char*>
@@ -1083,14 +1083,14 @@ TEST_F(AliasTest, OfTheFirstOfTwoEqualKeysCounts)
 
 // ---- Private keys ----
 
-const Bytes MODULUS = toBytes("The modulus: " + std::string(243, 'm'));
+const ByteVector MODULUS = toBytes("The modulus: " + std::string(243, 'm'));
 const std::string PRIVATE_EXPONENT = "The private exponent, which nobody else may see.";
 const std::string PRIME = "The first prime, which nobody else may see.";
 
 class KeyImportTest : public ObjectImportTest
 {
 protected:
-    static Template keyTemplate(const Bytes& modulus = MODULUS)
+    static Template keyTemplate(const ByteVector& modulus = MODULUS)
     {
         Template entries;
         entries.add(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_MODULUS, modulus);
@@ -1098,8 +1098,8 @@ protected:
         return entries;
     }
 
-    static testing::Matcher<ImportPFXDetails*> request(const std::string& label, const Bytes& objectId,
-                                                       const Bytes& modulus = MODULUS)
+    static testing::Matcher<ImportPFXDetails*> request(const std::string& label, const ByteVector& objectId,
+                                                       const ByteVector& modulus = MODULUS)
     {
         return Pointee(AllOf(Field(&ImportPFXDetails::kind, 2), Field(&ImportPFXDetails::label, label),
                              Field(&ImportPFXDetails::objectId, objectId), Field(&ImportPFXDetails::modulus, modulus),
@@ -1127,7 +1127,7 @@ TEST_F(KeyImportTest, GivesTheDeviceEveryPartAndReturnsThePrivateKeysHandle)
 {
     login();
     Template entries = keyTemplate();
-    entries.add(CKA_KEY_TYPE, CKK_RSA).add(CKA_LABEL, " my key ").add(CKA_ID, Bytes{1, 2});
+    entries.add(CKA_KEY_TYPE, CKK_RSA).add(CKA_LABEL, " my key ").add(CKA_ID, ByteVector{1, 2});
     expectImport(request(" my key ", {1, 2}), USER_PIN);
     expectKeyPairList();
     EXPECT_EQ(create(entries), success({}));
@@ -1154,7 +1154,7 @@ TEST_F(KeyImportTest, LogsItsEntriesOnly)
 TEST_F(KeyImportTest, TakesTheLastOfSeveralEntries)
 {
     Template entries;
-    entries.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_KEY_TYPE, CKK_EC).add(CKA_MODULUS, Bytes(128, 1));
+    entries.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_KEY_TYPE, CKK_EC).add(CKA_MODULUS, ByteVector(128, 1));
     entries.add(CKA_PRIVATE_EXPONENT, "another").add(CKA_PRIME_1, "another");
     entries.add(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_KEY_TYPE, CKK_RSA).add(CKA_MODULUS, MODULUS);
     entries.add(CKA_PRIVATE_EXPONENT, PRIVATE_EXPONENT).add(CKA_PRIME_1, PRIME);
@@ -1200,7 +1200,7 @@ TEST_P(MissingPartTest, IsRefusedBeforeTheSizeIsLookedAt)
     entries.add(CKA_CLASS, CKO_PRIVATE_KEY);
     for (const CK_ATTRIBUTE_TYPE type : {CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) {
         if (type != GetParam())
-            entries.add(type, Bytes(64, 1));
+            entries.add(type, ByteVector(64, 1));
     }
     EXPECT_EQ(create(entries), refusal(CKR_FUNCTION_FAILED, FUNCTION, "Invalid input parameters for import RSA key"));
     EXPECT_EQ(hObject_, UNTOUCHED);
@@ -1214,7 +1214,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, SmallModulusTest, testing::Values(1, 64, 127, 12
 
 TEST_P(SmallModulusTest, IsRefused)
 {
-    EXPECT_EQ(create(keyTemplate(Bytes(GetParam(), 1))),
+    EXPECT_EQ(create(keyTemplate(ByteVector(GetParam(), 1))),
               refusal(CKR_KEY_SIZE_RANGE, FUNCTION,
                       "C_CreateObject: RSA-1024 key import not allowed — key size below 112-bit security strength"));
     EXPECT_EQ(hObject_, UNTOUCHED);
@@ -1228,7 +1228,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, LargeModulusTest, testing::Values(129, 256, 384,
 
 TEST_P(LargeModulusTest, GoesToTheDevice)
 {
-    const Bytes modulus(GetParam(), 1);
+    const ByteVector modulus(GetParam(), 1);
     expectImport(request("", {}, modulus));
     expectKeyPairList();
     EXPECT_EQ(create(keyTemplate(modulus)), success({}));
@@ -1243,7 +1243,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, KeyIdentifierSizeTest, testing::Values(0, 128, 1
 
 TEST_P(KeyIdentifierSizeTest, IsPassedWhole)
 {
-    const Bytes objectId(GetParam(), 0x5C);
+    const ByteVector objectId(GetParam(), 0x5C);
     Template entries = keyTemplate();
     entries.add(CKA_ID, objectId);
     expectImport(request("", objectId));
@@ -1338,7 +1338,7 @@ TEST_P(OtherClassTest, IsNotSupported)
 TEST_F(ObjectImportTest, ReadsNoFurtherThanAShortClassGoes)
 {
     Template entries;
-    entries.add(CKA_CLASS, Bytes{CKO_SECRET_KEY});
+    entries.add(CKA_CLASS, ByteVector{CKO_SECRET_KEY});
     EXPECT_EQ(create(entries),
               refusal(CKR_FUNCTION_NOT_SUPPORTED, FUNCTION, "Provided object class not supported : 4"));
 }

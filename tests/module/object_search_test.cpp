@@ -88,8 +88,10 @@ TEST_F(ObjectSearchTest, ATemplateOfWhichNoEntryCountsFindsEverything)
 TEST_F(ObjectSearchTest, EveryEntryIsLoggedAndSomeValuesAre)
 {
     Template criteria;
-    criteria.add(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_MODULUS, Bytes{1, 2, 3}).add(CKA_ID, Bytes{0xAB, 0x0C});
-    criteria.add(CKA_TOKEN, Bytes{CK_TRUE}).addTerminated(CKA_LABEL, "pair 1").add(CKA_VENDOR_DEFINED, Bytes{1});
+    criteria.add(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_MODULUS, ByteVector{1, 2, 3}).add(CKA_ID, ByteVector{0xAB, 0x0C});
+    criteria.add(CKA_TOKEN, ByteVector{CK_TRUE})
+        .addTerminated(CKA_LABEL, "pair 1")
+        .add(CKA_VENDOR_DEFINED, ByteVector{1});
     EXPECT_EQ(begin(criteria),
               (Answer{CKR_OK,
                       {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 6", "DEBUG Find object init type : 0",
@@ -169,7 +171,8 @@ protected:
     Answer refused()
     {
         const BadEntry& entry = GetParam();
-        criteria_.add(CKA_TOKEN, Bytes{CK_TRUE}).addRaw(entry.type, entry.hasValue ? room_ : nullptr, entry.length);
+        criteria_.add(CKA_TOKEN, ByteVector{CK_TRUE})
+            .addRaw(entry.type, entry.hasValue ? room_ : nullptr, entry.length);
         criteria_.addRaw(CKA_CLASS, nullptr, 0); // Not reached.
         return begin(criteria_);
     }
@@ -241,14 +244,14 @@ TEST_F(ObjectSearchTest, TenThousandEntriesAreRead)
     setLogLevel("2");
     Template criteria;
     for (int entry = 0; entry < 9999; ++entry)
-        criteria.add(CKA_TOKEN, Bytes{CK_TRUE});
+        criteria.add(CKA_TOKEN, ByteVector{CK_TRUE});
     criteria.add(CKA_CLASS, CKO_CERTIFICATE);
     EXPECT_EQ(search(criteria), CERTIFICATES);
 }
 
 TEST_F(ObjectSearchTest, AClassNeedNotBeAligned)
 {
-    Bytes room = bytesOf(CKO_CERTIFICATE);
+    ByteVector room = bytesOf(CKO_CERTIFICATE);
     room.insert(room.begin(), 0xFF);
     Template criteria;
     EXPECT_EQ(search(criteria.addRaw(CKA_CLASS, room.data() + 1, sizeof(CK_OBJECT_CLASS))), CERTIFICATES);
@@ -333,7 +336,7 @@ TEST_P(EmptyListsTest, AreSearchedAsTheyAreWhenTheInitializationFails)
     expectInitialization().WillOnce(testing::Return(-5));
     Template criteria;
     EXPECT_EQ(
-        begin(criteria.add(CKA_ID, Bytes{1})),
+        begin(criteria.add(CKA_ID, ByteVector{1})),
         (Answer{CKR_OK,
                 {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 1", "DEBUG Find object init type : 258",
                  "ERROR Init device for certificates in find objects failed : -5", "DEBUG Find init id : 01"}}));
@@ -434,15 +437,15 @@ TEST_F(ObjectSearchTest, CriteriaWithoutAClassFindEverything)
 {
     for (const CK_ATTRIBUTE_TYPE type : {CKA_VALUE, CKA_SUBJECT, CKA_ID, CKA_MODULUS}) {
         Template criteria;
-        EXPECT_EQ(search(criteria.add(type, Bytes{0xFF})), joined({PUBLIC_KEYS, CERTIFICATES})) << logged(type);
+        EXPECT_EQ(search(criteria.add(type, ByteVector{0xFF})), joined({PUBLIC_KEYS, CERTIFICATES})) << logged(type);
     }
 }
 
 TEST_F(ObjectSearchTest, OtherAttributesAreIgnored)
 {
     Template criteria;
-    criteria.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_TOKEN, Bytes{CK_FALSE}).add(CKA_ISSUER, Bytes{1});
-    criteria.add(CKA_KEY_TYPE, CKK_EC).add(MAX_ULONG, Bytes{1});
+    criteria.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_TOKEN, ByteVector{CK_FALSE}).add(CKA_ISSUER, ByteVector{1});
+    criteria.add(CKA_KEY_TYPE, CKK_EC).add(MAX_ULONG, ByteVector{1});
     EXPECT_EQ(search(criteria), CERTIFICATES);
 }
 
@@ -499,37 +502,37 @@ protected:
 
     static void setObjectId(auto& record, unsigned char start)
     {
-        const Bytes id = {start, 0x00, 0xFE};
+        const ByteVector id = {start, 0x00, 0xFE};
         std::copy(id.begin(), id.end(), record.objectId);
         record.objectIdLength = 3;
     }
 
     /// What the object has of a criterion.
-    Bytes valueOf(CK_ATTRIBUTE_TYPE type, std::uint32_t id) const
+    ByteVector valueOf(CK_ATTRIBUTE_TYPE type, std::uint32_t id) const
     {
         return GetParam().objectClass == CKO_CERTIFICATE ? certificateValue(type, certificateRecord(id))
                                                          : keyValue(type, keyPair(id));
     }
 
-    static Bytes keyValue(CK_ATTRIBUTE_TYPE type, const VelkorKeyPair& record)
+    static ByteVector keyValue(CK_ATTRIBUTE_TYPE type, const VelkorKeyPair& record)
     {
         if (type == CKA_LABEL)
             return bytesOf(record.label);
-        return type == CKA_ID ? Bytes(record.objectId, record.objectId + 3) : publicKeyBytes(record);
+        return type == CKA_ID ? ByteVector(record.objectId, record.objectId + 3) : publicKeyBytes(record);
     }
 
-    static Bytes certificateValue(CK_ATTRIBUTE_TYPE type, const VelkorCertificate& record)
+    static ByteVector certificateValue(CK_ATTRIBUTE_TYPE type, const VelkorCertificate& record)
     {
         if (type == CKA_LABEL)
             return bytesOf(record.label);
         if (type == CKA_ID)
             return {record.objectId, record.objectId + 3};
-        Bytes value = type == CKA_SUBJECT ? bytesOf("subject") : Bytes();
+        ByteVector value = type == CKA_SUBJECT ? bytesOf("subject") : ByteVector();
         value.insert(value.end(), record.der.begin(), record.der.end());
         return value;
     }
 
-    static void add(Template& criteria, CK_ATTRIBUTE_TYPE type, const Bytes& value)
+    static void add(Template& criteria, CK_ATTRIBUTE_TYPE type, const ByteVector& value)
     {
         if (type == CKA_LABEL)
             criteria.addTerminated(type, std::string(value.begin(), value.end()));
@@ -538,7 +541,7 @@ protected:
     }
 
     /// Finds with the class and the criteria, each with its value.
-    Handles find(const std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>>& values) const
+    Handles find(const std::vector<std::pair<CK_ATTRIBUTE_TYPE, ByteVector>>& values) const
     {
         Template criteria;
         criteria.add(CKA_CLASS, GetParam().objectClass);
@@ -564,12 +567,12 @@ TEST_P(SearchCriteriaTest, EachFindsTheObjectThatHasItsValue)
 TEST_P(SearchCriteriaTest, EachWantsTheWholeValueAndNoMore)
 {
     for (const CK_ATTRIBUTE_TYPE type : GetParam().criteria) {
-        const Bytes value = valueOf(type, 1);
-        Bytes longer = value;
+        const ByteVector value = valueOf(type, 1);
+        ByteVector longer = value;
         longer.push_back('1');
-        Bytes changed = value;
+        ByteVector changed = value;
         changed.back() ^= 0x20;
-        for (const Bytes& other : {longer, Bytes(value.begin(), value.end() - 1), changed})
+        for (const ByteVector& other : {longer, ByteVector(value.begin(), value.end() - 1), changed})
             EXPECT_THAT(find({{type, other}}), IsEmpty()) << logged(type);
     }
 }
@@ -589,9 +592,9 @@ TEST_P(SearchCriteriaTest, AnEarlierOneInThePrecedenceDecidesAlone)
 
 TEST_P(SearchCriteriaTest, ThoseOfOtherClassesAreIgnored)
 {
-    EXPECT_EQ(find({{GetParam().ignored, Bytes{1}}}), searchClass(GetParam().objectClass));
+    EXPECT_EQ(find({{GetParam().ignored, ByteVector{1}}}), searchClass(GetParam().objectClass));
     const CK_ATTRIBUTE_TYPE last = GetParam().criteria.back();
-    EXPECT_EQ(find({{GetParam().ignored, Bytes{1}}, {last, valueOf(last, 2)}}), only(2));
+    EXPECT_EQ(find({{GetParam().ignored, ByteVector{1}}, {last, valueOf(last, 2)}}), only(2));
 }
 
 TEST_P(SearchCriteriaTest, ALaterOneOfTheSameTypeReplacesTheEarlier)
@@ -610,7 +613,7 @@ TEST_P(SearchCriteriaTest, ALaterClassReplacesTheEarlier)
 
 TEST_P(SearchCriteriaTest, SeveralObjectsMayMatch)
 {
-    const Bytes label = valueOf(CKA_LABEL, 3);
+    const ByteVector label = valueOf(CKA_LABEL, 3);
     std::copy(label.begin(), label.end(), keyPair(1).label);
     std::copy(label.begin(), label.end(), certificateRecord(1).label);
     EXPECT_EQ(find({{CKA_LABEL, label}}), (Handles{GetParam().handle(1), GetParam().handle(3)}));
@@ -618,7 +621,7 @@ TEST_P(SearchCriteriaTest, SeveralObjectsMayMatch)
 
 TEST_P(SearchCriteriaTest, ALabelEndsAtItsZeroByteWhateverItsLength)
 {
-    Bytes label = valueOf(CKA_LABEL, 2);
+    ByteVector label = valueOf(CKA_LABEL, 2);
     label.resize(label.size() + 5);
     for (const CK_ULONG length : {CK_ULONG{1}, static_cast<CK_ULONG>(label.size())}) {
         Template criteria;
@@ -640,12 +643,12 @@ TEST_P(SearchCriteriaTest, AnEmptyLabelFindsWhatHasNone)
 TEST_F(ObjectSearchTest, TheSubjectOfEveryCertificateIsAskedOf)
 {
     for (std::uint32_t id = 1; id <= 3; ++id) {
-        const Bytes der = certificateRecord(id).der;
+        const ByteVector der = certificateRecord(id).der;
         EXPECT_CALL(*device_, velkor_getCertificateSubject(PointsTo(der), static_cast<int>(der.size()), instance_))
-            .WillOnce(testing::Return(Bytes{static_cast<unsigned char>(id / 2)}));
+            .WillOnce(testing::Return(ByteVector{static_cast<unsigned char>(id / 2)}));
     }
     Template criteria;
-    criteria.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_SUBJECT, Bytes{1});
+    criteria.add(CKA_CLASS, CKO_CERTIFICATE).add(CKA_SUBJECT, ByteVector{1});
     EXPECT_EQ(search(criteria), (Handles{certificate(2), certificate(3)}));
 }
 
@@ -683,7 +686,7 @@ protected:
     /// A parsing of the first certificate, which is done without the instance.
     auto& expectParsing() const
     {
-        const Bytes der = certificateRecord(1).der;
+        const ByteVector der = certificateRecord(1).der;
         return EXPECT_CALL(*device_,
                            velkor_getCertificateDetails(PointsTo(der), static_cast<int>(der.size()), _, nullptr));
     }

@@ -7,8 +7,8 @@
 namespace
 {
 
-const Bytes DATA = {1, 2, 3};
-const Bytes GATHERED = {7, 8, 9};
+const ByteVector DATA = {1, 2, 3};
+const ByteVector GATHERED = {7, 8, 9};
 
 struct Step {
     const char* function;
@@ -179,7 +179,7 @@ protected:
         const Left left = GetParam().left;
         EXPECT_EQ(activeOperation(), GetParam().operation);
         abandon();
-        EXPECT_EQ(dataLeft(), left == Left::Data || left == Left::Both ? GATHERED : Bytes());
+        EXPECT_EQ(dataLeft(), left == Left::Data || left == Left::Both ? GATHERED : ByteVector());
         EXPECT_EQ(isHashLeft(), left == Left::Hash || left == Left::Both);
     }
 
@@ -207,9 +207,9 @@ private:
     }
 
     /// What goes before the data of the next operation that gathers.
-    Bytes dataLeft() const
+    ByteVector dataLeft() const
     {
-        Bytes signedData;
+        ByteVector signedData;
         EXPECT_CALL(*device_, velkor_signHash)
             .WillOnce([&](auto, auto, auto, const unsigned char* hash, int length, auto...) {
                 signedData.assign(hash, hash + length);

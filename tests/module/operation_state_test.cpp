@@ -248,7 +248,7 @@ TEST_F(OperationStateTest, EveryCallNamesTheDeviceOfItsSession)
     deviceId_ = SECOND_DEVICE;
     hSession_ = openSession(READ_WRITE, SECOND_SLOT);
     keyPair(1).publicKey[0] = 0x30; // C_Verify passes it as it stands then, as C_VerifyFinal always does.
-    const Bytes hash = digestOf(3);
+    const ByteVector hash = digestOf(3);
     const SignRequest signature = {.keyId = 1, .hash = hash};
     const VerifyRequest verdict = {.hash = hash, .publicKey = storedPublicKey(1), .signature = {1}};
     Output output;

@@ -28,18 +28,18 @@ const Answer GENERATED = {CKR_OK, {"DEBUG C_GenerateRandom"}};
 
 TEST_F(RandomTest, TheDeviceWritesStraightIntoTheCallersBufferAndGetsNoInstance)
 {
-    Bytes random(32, 0);
+    ByteVector random(32, 0);
     EXPECT_CALL(*device_, velkor_generateRamdomNumber(StrEq(FIRST_DEVICE), 32, random.data(), true, nullptr)).Times(1);
     EXPECT_EQ(generate(random.data(), 32), GENERATED);
-    EXPECT_EQ(random, Bytes(32, 0x5A));
+    EXPECT_EQ(random, ByteVector(32, 0x5A));
 }
 
 TEST_F(RandomTest, NoMoreBytesAreWrittenThanAskedFor)
 {
     for (const CK_ULONG length : {CK_ULONG{1}, CK_ULONG{1} << 20}) {
-        Bytes random(length + 1, 0);
+        ByteVector random(length + 1, 0);
         EXPECT_EQ(generate(random.data(), length), GENERATED);
-        EXPECT_EQ(random, joined({Bytes(length, 0x5A), {0}}));
+        EXPECT_EQ(random, joined({ByteVector(length, 0x5A), {0}}));
     }
 }
 

@@ -11,9 +11,9 @@ namespace
 constexpr unsigned char UNTOUCHED = 0xEE;
 constexpr CK_ULONG KEY_COUNT = 7;
 
-const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+const ByteVector P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+const ByteVector P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+const ByteVector P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
 /// Attributes that applications ask for, and some that nothing has.
 constexpr CK_ATTRIBUTE_TYPE ATTRIBUTES[] = {
@@ -23,7 +23,7 @@ constexpr CK_ATTRIBUTE_TYPE ATTRIBUTES[] = {
     CKA_EC_POINT, CKA_PRIME_1, CKA_MODULUS_BITS, CKA_PUBLIC_EXPONENT, CKA_EC_PARAMS, CKA_VENDOR_DEFINED};
 
 /// Two digits a byte; many of the same are one with a count behind it.
-std::string hexadecimal(const Bytes& bytes)
+std::string hexadecimal(const ByteVector& bytes)
 {
     std::string text;
     for (auto byte = bytes.begin(); byte != bytes.end();) {
@@ -41,13 +41,13 @@ std::string hexadecimal(const Bytes& bytes)
     return text;
 }
 
-Bytes bytesIn(const Bytes& bytes)
+ByteVector bytesIn(const ByteVector& bytes)
 {
     return bytes;
 }
 
 template <typename Structure>
-Bytes bytesIn(const Structure& structure)
+ByteVector bytesIn(const Structure& structure)
 {
     static_assert(std::is_trivially_copyable_v<Structure>);
     const auto* first = reinterpret_cast<const unsigned char*>(&structure);
@@ -64,7 +64,7 @@ Structure untouched()
 }
 
 /// A label as the module reads it in some places, up to its zero byte.
-Bytes terminated(std::string_view text)
+ByteVector terminated(std::string_view text)
 {
     return joined({bytesOf(text), {0}});
 }
@@ -214,9 +214,9 @@ protected:
             attributes.push_back({type, nullptr, 0});
         const auto count = static_cast<CK_ULONG>(attributes.size());
         record("C_GetAttributeValue", C_GetAttributeValue(session_, object, attributes.data(), count));
-        std::vector<Bytes> rooms;
+        std::vector<ByteVector> rooms;
         for (CK_ATTRIBUTE& attribute : attributes) {
-            Bytes& room = rooms.emplace_back(attribute.ulValueLen <= 4096 ? attribute.ulValueLen : 0, UNTOUCHED);
+            ByteVector& room = rooms.emplace_back(attribute.ulValueLen <= 4096 ? attribute.ulValueLen : 0, UNTOUCHED);
             attribute.pValue = room.data();
         }
         record("C_GetAttributeValue", C_GetAttributeValue(session_, object, attributes.data(), count));
@@ -253,7 +253,7 @@ protected:
             return;
         CK_ULONG length = 0;
         record("C_Sign", C_Sign(session_, data_.data(), 20, nullptr, &length), length);
-        Bytes signature(length, UNTOUCHED);
+        ByteVector signature(length, UNTOUCHED);
         record("C_Sign", C_Sign(session_, data_.data(), 20, signature.data(), &length), length, signature);
         for (const CK_ULONG dataLength : {20U, 19U}) {
             record("C_VerifyInit", C_VerifyInit(session_, &mechanism, publicKey(key)));
@@ -320,7 +320,7 @@ protected:
             recordAttributes(keys[1]);
         }
         CK_MECHANISM ec = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-        for (const Bytes& parameters : {P256, P384, P521, bytesOf("no curve")}) {
+        for (const ByteVector& parameters : {P256, P384, P521, bytesOf("no curve")}) {
             Template publicHalf = {{CKA_EC_PARAMS, parameters}};
             Template privateHalf = {{CKA_KEY_TYPE, bytesOf(CK_ULONG{CKK_EC})}, {CKA_ID, {8}}, {CKA_DECRYPT, {1}}};
             auto keys = untouched<std::array<CK_OBJECT_HANDLE, 2>>();
@@ -344,7 +344,7 @@ protected:
     void recordChanges()
     {
         for (const CK_OBJECT_HANDLE object : {privateKey(2), publicKey(2), certificate(1), privateKey(99)}) {
-            Bytes label = terminated("renamed");
+            ByteVector label = terminated("renamed");
             CK_ATTRIBUTE attribute = {CKA_LABEL, label.data(), 7};
             record("C_SetAttributeValue", C_SetAttributeValue(session_, object, &attribute, 1), object);
             recordAttributes(object);
@@ -355,9 +355,9 @@ protected:
                            {CKA_KEY_TYPE, bytesOf(CK_ULONG{CKK_RSA})},
                            {CKA_LABEL, bytesOf("imported")},
                            {CKA_ID, {3, 4}},
-                           {CKA_MODULUS, Bytes(256, 0xC1)},
-                           {CKA_PRIVATE_EXPONENT, Bytes(256, 0xC2)},
-                           {CKA_PRIME_1, Bytes(128, 0xC3)}};
+                           {CKA_MODULUS, ByteVector(256, 0xC1)},
+                           {CKA_PRIVATE_EXPONENT, ByteVector(256, 0xC2)},
+                           {CKA_PRIME_1, ByteVector(128, 0xC3)}};
         for (Template* object : {&leaf, &rsaKey}) {
             auto handle = untouched<CK_OBJECT_HANDLE>();
             record("C_CreateObject", C_CreateObject(session_, object->data(), object->size(), &handle), handle);
@@ -394,8 +394,8 @@ protected:
 
     std::vector<std::string> recorded_;
     std::vector<CK_MECHANISM_TYPE> mechanisms_;
-    Bytes data_ = [] {
-        Bytes bytes(200);
+    ByteVector data_ = [] {
+        ByteVector bytes(200);
         std::generate(bytes.begin(), bytes.end(), [next = 3]() mutable { return static_cast<unsigned char>(++next); });
         return bytes;
     }();

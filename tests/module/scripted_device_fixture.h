@@ -14,20 +14,20 @@
 #include "operation_in_progress.h"
 #include "template.h"
 
-inline CK_BYTE_PTR pointerTo(const Bytes& bytes)
+inline CK_BYTE_PTR pointerTo(const ByteVector& bytes)
 {
     return const_cast<CK_BYTE_PTR>(bytes.data());
 }
 
-inline CK_ULONG sizeOf(const Bytes& bytes)
+inline CK_ULONG sizeOf(const ByteVector& bytes)
 {
     return static_cast<CK_ULONG>(bytes.size());
 }
 
 /// `size` different bytes.
-inline Bytes numbered(std::size_t size, unsigned char first)
+inline ByteVector numbered(std::size_t size, unsigned char first)
 {
-    Bytes bytes(size);
+    ByteVector bytes(size);
     std::iota(bytes.begin(), bytes.end(), first);
     return bytes;
 }
@@ -35,7 +35,7 @@ inline Bytes numbered(std::size_t size, unsigned char first)
 /// Stands for a hash code where a mechanism has no hash.
 constexpr int NOT_HASHED = 0;
 
-inline Bytes digestOf(int hashCode)
+inline ByteVector digestOf(int hashCode)
 {
     static const std::map<int, std::size_t> lengths = {{2, 20}, {3, 32}, {4, 48}, {5, 64}, {6, 28}};
     return numbered(lengths.at(hashCode), static_cast<unsigned char>(16 * hashCode));
@@ -106,11 +106,11 @@ inline std::vector<CK_OBJECT_HANDLE> withLargeHandles(std::vector<CK_OBJECT_HAND
 }
 
 /// DER of a hash with its algorithm, as the raw RSA mechanism is given it.
-inline const Bytes SHA1_DIGEST_INFO =
-    joined({0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14}, Bytes(20, 0xAA));
-inline const Bytes MD5_DIGEST_INFO =
+inline const ByteVector SHA1_DIGEST_INFO = joined(
+    {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14}, ByteVector(20, 0xAA));
+inline const ByteVector MD5_DIGEST_INFO =
     joined({0x30, 0x20, 0x30, 0x0C, 0x06, 0x08, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10},
-           Bytes(16, 0xAA));
+           ByteVector(16, 0xAA));
 
 /// Where a result goes; larger than any result, so that what is written behind the caller's length can be seen.
 class Output
@@ -121,7 +121,7 @@ public:
     CK_BYTE_PTR data() { return memory_.data(); }
 
     /// Everything up to the last byte that has changed.
-    Bytes written() const
+    ByteVector written() const
     {
         const auto end = std::find_if(memory_.rbegin(), memory_.rend(), [](CK_BYTE byte) { return byte != UNTOUCHED; });
         return {memory_.begin(), end.base()};
@@ -137,15 +137,15 @@ private:
 struct SignRequest {
     std::uint32_t keyId = 2;
     std::string pin = {};
-    Bytes hash = {};
+    ByteVector hash = {};
     bool isPss = false;
 };
 
 struct VerifyRequest {
     unsigned int keyKind = KEY_KIND_RSA_2048;
-    Bytes hash = {};
-    Bytes publicKey = {};
-    Bytes signature = {};
+    ByteVector hash = {};
+    ByteVector publicKey = {};
+    ByteVector signature = {};
     bool isPss = false;
 };
 
@@ -194,7 +194,7 @@ protected:
             });
     }
 
-    void expectUpdateHash(const Bytes& data, int status = 0)
+    void expectUpdateHash(const ByteVector& data, int status = 0)
     {
         EXPECT_CALL(*device_, velkor_updateHash(context_, testing::_, testing::_, instance_))
             .With(testing::Args<1, 2>(testing::ElementsAreArray(data)))
@@ -210,7 +210,7 @@ protected:
             .WillOnce(testing::Return(0));
     }
 
-    void expectFinalHash(int lengthOnEntry, const Bytes& hash, int status = 0)
+    void expectFinalHash(int lengthOnEntry, const ByteVector& hash, int status = 0)
     {
         EXPECT_CALL(*device_,
                     velkor_finalHash(context_, testing::NotNull(), testing::Pointee(lengthOnEntry), instance_))
@@ -229,7 +229,7 @@ protected:
                     velkor_finalHash(context_, testing::NotNull(), testing::Pointee(lengthOnEntry), instance_))
             .InSequence(script_)
             .WillOnce([lengthTold](void*, unsigned char* out, int* length, void*) {
-                const Bytes whole = digestOf(5);
+                const ByteVector whole = digestOf(5);
                 std::copy(whole.begin(), whole.end(), out);
                 *length = lengthTold;
                 return 0;
@@ -237,14 +237,14 @@ protected:
     }
 
     /// A whole hash, made in one go by a mechanism that has one.
-    void expectHash(int hashCode, const Bytes& data, const Bytes& hash)
+    void expectHash(int hashCode, const ByteVector& data, const ByteVector& hash)
     {
         expectInitHash(hashCode);
         expectUpdateHash(data);
         expectFinalHash(64, hash);
     }
 
-    void expectSignHash(const SignRequest& request, const Bytes& signature, int status = 0)
+    void expectSignHash(const SignRequest& request, const ByteVector& signature, int status = 0)
     {
         EXPECT_CALL(*device_, velkor_signHash(testing::StrEq(deviceId_), IsKeyIdentifierOf(keyPair(request.keyId)),
                                               testing::StrEq(request.pin), testing::_, testing::_, testing::NotNull(),
@@ -277,7 +277,7 @@ protected:
         return device_->defaults.devices.at(deviceId_).keyPairs.at(id - 1);
     }
 
-    Bytes storedPublicKey(std::uint32_t id) const
+    ByteVector storedPublicKey(std::uint32_t id) const
     {
         const VelkorKeyPair& found = keyPair(id);
         return {found.publicKey, found.publicKey + found.publicKeyLength};

@@ -23,7 +23,7 @@ protected:
         return answer(C_SetAttributeValue, hSession_, hObject, changes.data(), changes.size());
     }
 
-    auto& expectUpdate(const std::string& label, const Bytes& objectId, const std::string& pin = "") const
+    auto& expectUpdate(const std::string& label, const ByteVector& objectId, const std::string& pin = "") const
     {
         return EXPECT_CALL(*device_,
                            velkor_updateKeyPairDetails(StrEq(FIRST_DEVICE), PointsTo(identifierBytes(keyPair(2))),
@@ -41,15 +41,16 @@ TEST_F(SetAttributeTest, ALabelAloneLeavesTheIdEmpty)
     EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, "new label")),
               (Answer{CKR_OK, {SET, typeLine(CKA_LABEL), END}}));
     EXPECT_EQ(attribute(publicKey(2), CKA_LABEL), bytesOf("new label"));
-    EXPECT_EQ(attribute(publicKey(2), CKA_ID), Bytes{2});
+    EXPECT_EQ(attribute(publicKey(2), CKA_ID), ByteVector{2});
 }
 
 TEST_F(SetAttributeTest, AnIdAloneLeavesTheLabelEmpty)
 {
     expectUpdate("", {7, 0, 9});
     Template changes;
-    EXPECT_EQ(set(publicKey(2), changes.add(CKA_ID, Bytes{7, 0, 9})), (Answer{CKR_OK, {SET, typeLine(CKA_ID), END}}));
-    EXPECT_EQ(attribute(privateKey(2), CKA_ID), (Bytes{7, 0, 9}));
+    EXPECT_EQ(set(publicKey(2), changes.add(CKA_ID, ByteVector{7, 0, 9})),
+              (Answer{CKR_OK, {SET, typeLine(CKA_ID), END}}));
+    EXPECT_EQ(attribute(privateKey(2), CKA_ID), (ByteVector{7, 0, 9}));
     EXPECT_EQ(attribute(privateKey(2), CKA_LABEL), bytesOf("pair 2"));
 }
 
@@ -58,7 +59,7 @@ TEST_F(SetAttributeTest, LabelAndIdGoInOneUpdateWithTheUsersPin)
     login();
     expectUpdate("new", {8}, "1234");
     Template changes;
-    EXPECT_EQ(set(privateKey(2), changes.add(CKA_ID, Bytes{8}).add(CKA_LABEL, "new")),
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_ID, ByteVector{8}).add(CKA_LABEL, "new")),
               (Answer{CKR_OK, {SET, typeLine(CKA_ID), typeLine(CKA_LABEL), END}}));
 }
 
@@ -78,7 +79,7 @@ TEST_F(SetAttributeTest, ALaterEntryOfTheSameTypeReplacesTheEarlier)
 {
     expectUpdate("later", {2, 2});
     Template changes;
-    changes.add(CKA_LABEL, "earlier").add(CKA_ID, Bytes{1}).add(CKA_LABEL, "later").add(CKA_ID, Bytes{2, 2});
+    changes.add(CKA_LABEL, "earlier").add(CKA_ID, ByteVector{1}).add(CKA_LABEL, "later").add(CKA_ID, ByteVector{2, 2});
     EXPECT_EQ(set(privateKey(2), changes).code, CKR_OK);
 }
 
@@ -94,22 +95,23 @@ TEST_F(SetAttributeTest, ALabelIsCutAtItsZeroByte)
 {
     expectUpdate("ab", {});
     Template changes;
-    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, Bytes{'a', 'b', 0, 'c', 'd'})).code, CKR_OK);
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, ByteVector{'a', 'b', 0, 'c', 'd'})).code, CKR_OK);
 }
 
 TEST_F(SetAttributeTest, ALabelOfOneZeroByteIsSentEmpty)
 {
     expectUpdate("", {}).Times(1);
     Template changes;
-    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, Bytes{0})), (Answer{CKR_OK, {SET, typeLine(CKA_LABEL), END}}));
+    EXPECT_EQ(set(privateKey(2), changes.add(CKA_LABEL, ByteVector{0})),
+              (Answer{CKR_OK, {SET, typeLine(CKA_LABEL), END}}));
 }
 
 TEST_F(SetAttributeTest, LongValuesGoToTheDeviceWhole)
 {
     const std::string label(300, 'x');
-    expectUpdate(label, Bytes(200, 0xAB)).WillOnce(testing::Return(0));
+    expectUpdate(label, ByteVector(200, 0xAB)).WillOnce(testing::Return(0));
     Template changes;
-    changes.add(CKA_LABEL, label.c_str()).add(CKA_ID, Bytes(200, 0xAB));
+    changes.add(CKA_LABEL, label.c_str()).add(CKA_ID, ByteVector(200, 0xAB));
     EXPECT_EQ(set(privateKey(2), changes).code, CKR_OK);
 }
 
@@ -134,7 +136,7 @@ TEST_F(SetAttributeTest, OtherTypesAreIgnoredWithoutAnUpdate)
 {
     expectNoUpdate();
     Template changes;
-    changes.add(CKA_VENDOR_DEFINED, Bytes{1}).add(CKA_CLASS, CKO_DATA).add(CKA_SUBJECT, Bytes{1});
+    changes.add(CKA_VENDOR_DEFINED, ByteVector{1}).add(CKA_CLASS, CKO_DATA).add(CKA_SUBJECT, ByteVector{1});
     EXPECT_EQ(set(privateKey(2), changes),
               (Answer{CKR_OK, {SET, typeLine(CKA_VENDOR_DEFINED), typeLine(CKA_CLASS), typeLine(CKA_SUBJECT), END}}));
 }

@@ -6,13 +6,13 @@
 namespace
 {
 
-const Bytes DATA = numbered(40, 0x60);
-const Bytes OTHER_DATA = numbered(7, 0x20);
-const Bytes SIGNATURE = numbered(70, 0x11);
-const Bytes OTHER_SIGNATURE = numbered(72, 0x77);
+const ByteVector DATA = numbered(40, 0x60);
+const ByteVector OTHER_DATA = numbered(7, 0x20);
+const ByteVector SIGNATURE = numbered(70, 0x11);
+const ByteVector OTHER_SIGNATURE = numbered(72, 0x77);
 constexpr int HASH_ROOM = 64;
 
-std::string hexadecimal(const Bytes& bytes)
+std::string hexadecimal(const ByteVector& bytes)
 {
     std::string text;
     for (const unsigned char byte : bytes) {
@@ -26,24 +26,27 @@ std::string hexadecimal(const Bytes& bytes)
 class SigningTest : public ScriptedDeviceTest
 {
 protected:
-    Answer sign(const Bytes& data, Output& output) const
+    Answer sign(const ByteVector& data, Output& output) const
     {
         return answer(C_Sign, hSession_, pointerTo(data), sizeOf(data), output.data(), &output.length);
     }
 
-    Answer askSignLength(const Bytes& data, CK_ULONG& length) const
+    Answer askSignLength(const ByteVector& data, CK_ULONG& length) const
     {
         return answer(C_Sign, hSession_, pointerTo(data), sizeOf(data), nullptr, &length);
     }
 
-    Answer update(const Bytes& data) const { return answer(C_SignUpdate, hSession_, pointerTo(data), sizeOf(data)); }
+    Answer update(const ByteVector& data) const
+    {
+        return answer(C_SignUpdate, hSession_, pointerTo(data), sizeOf(data));
+    }
 
     Answer finish(Output& output) const { return answer(C_SignFinal, hSession_, output.data(), &output.length); }
 
     Answer askFinalLength(CK_ULONG& length) const { return answer(C_SignFinal, hSession_, nullptr, &length); }
 
     /// What C_Sign writes when it computes a signature, and when it delivers a kept one.
-    static Answer computed(CK_MECHANISM_TYPE type, const Bytes& hash, int passwordEmpty = 1, int state = 2)
+    static Answer computed(CK_MECHANISM_TYPE type, const ByteVector& hash, int passwordEmpty = 1, int state = 2)
     {
         return success("C_Sign", {"sign echanism : " + logged(type),
                                   "Sign: password empty=" + std::to_string(passwordEmpty) + " hashLen=" +
@@ -62,14 +65,14 @@ protected:
 
     static Answer initRefused(CK_RV code, const std::string& text) { return refusal(code, "C_SignInit", text); }
 
-    static void expectDelivered(const Output& output, const Bytes& signature)
+    static void expectDelivered(const Output& output, const ByteVector& signature)
     {
         EXPECT_EQ(output.length, signature.size());
         EXPECT_EQ(output.written(), signature);
     }
 
     /// Leaves data in the session that no operation has signed.
-    void gatherAndAbandon(const Bytes& data)
+    void gatherAndAbandon(const ByteVector& data)
     {
         startSigning(CKM_ECDSA);
         ASSERT_EQ(update(data), UPDATED);
@@ -101,7 +104,7 @@ TEST_P(EverySignature, BeginsWithoutAWordButForTheFirmware)
 TEST_P(EverySignature, IsMadeInOnePart)
 {
     startSigning(mechanism_.type);
-    const Bytes hash = isHashed_ ? digestOf(mechanism_.hash) : DATA;
+    const ByteVector hash = isHashed_ ? digestOf(mechanism_.hash) : DATA;
     if (isHashed_)
         expectHash(mechanism_.hash, DATA, hash);
     expectSignHash({.hash = hash, .isPss = mechanism_.isPss}, SIGNATURE);
@@ -114,7 +117,7 @@ TEST_P(EverySignature, IsMadeInOnePart)
 TEST_P(EverySignature, IsMadeInParts)
 {
     startSigning(mechanism_.type);
-    Bytes hash = joined(DATA, OTHER_DATA);
+    ByteVector hash = joined(DATA, OTHER_DATA);
     if (isHashed_) {
         hash = digestOf(mechanism_.hash);
         expectInitHash(mechanism_.hash);
@@ -438,7 +441,7 @@ TEST_F(SigningTest, ALengthThatIsTooShortStillGetsTheWholeSignature)
 
 TEST_F(SigningTest, ASignatureMayFillTheWholeRoomOfTheDevice)
 {
-    const Bytes largest = numbered(1024, 1);
+    const ByteVector largest = numbered(1024, 1);
     startSigning(CKM_RSA_PKCS, 4);
     expectSignHash({.keyId = 4, .hash = DATA}, largest);
     Output output;
@@ -455,13 +458,13 @@ TEST_F(SigningTest, ALengthThatTheSignatureCannotHaveIsCutToItsRoom)
             .WillOnce(testing::DoAll(testing::SetArgPointee<6>(told), testing::Return(0)));
         Output output;
         EXPECT_EQ(sign(DATA, output), computed(CKM_ECDSA, DATA));
-        expectDelivered(output, Bytes(delivered));
+        expectDelivered(output, ByteVector(delivered));
     }
 }
 
 TEST_F(SigningTest, ALengthThatTheHashCannotHaveIsCutToItsRoom)
 {
-    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    const std::pair<int, ByteVector> lengths[] = {{65, digestOf(5)}, {-1, {}}};
     for (const auto& [told, hash] : lengths) {
         startSigning(CKM_SHA512_RSA_PKCS);
         expectInitHash(5);
@@ -498,7 +501,7 @@ TEST_F(SigningTest, BadArgumentsOfSignAreRefusedInTheirOrderAndKeepTheOperation)
               refused("C_Sign: ulDataLen<=0, ulDataLen=0"));
     EXPECT_EQ(answer(C_Sign, hSession_, &byte, 1, output.data(), nullptr), refused("C_Sign: pulSignatureLen is NULL"));
     EXPECT_EQ(output.length, 5u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(activeOperation(), SIGN);
 }
 
@@ -564,7 +567,7 @@ TEST_F(SigningTest, AFailedSignatureOfSignEndsTheOperation)
     Output output(5);
     EXPECT_EQ(sign(DATA, output), failed(computed(CKM_ECDSA, DATA), CKR_FUNCTION_FAILED, "Sign hash failed : 34"));
     EXPECT_EQ(output.length, 5u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
 
@@ -643,7 +646,7 @@ TEST_F(SigningTest, AFailedSignatureOfFinalEndsTheOperationAndDropsWhatWasGather
     Output output(5);
     EXPECT_EQ(finish(output), refusal(CKR_FUNCTION_FAILED, "C_SignFinal", "C_SignFinal: signHash failed 38"));
     EXPECT_EQ(output.length, 5u);
-    EXPECT_EQ(output.written(), Bytes());
+    EXPECT_EQ(output.written(), ByteVector());
     EXPECT_EQ(activeOperation(), NO_OPERATION);
 
     startSigning(CKM_ECDSA);
@@ -654,7 +657,7 @@ TEST_F(SigningTest, AFailedSignatureOfFinalEndsTheOperationAndDropsWhatWasGather
 
 TEST_F(SigningTest, WhatWasGatheredIsGoneAfterFinal)
 {
-    for (const Bytes& data : {DATA, OTHER_DATA}) {
+    for (const ByteVector& data : {DATA, OTHER_DATA}) {
         startSigning(CKM_ECDSA);
         expectSignHash({.hash = data}, SIGNATURE);
         ASSERT_EQ(update(data), UPDATED);
@@ -828,16 +831,16 @@ TEST_F(SigningTest, AnEnormousRawInputReachesTheDeviceWhenNothingIsLogged)
 
 // ---- What a FIPS token does not sign ----
 
-const Bytes SHA1_IDENTIFIER = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
-const Bytes MD5_IDENTIFIER = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
-const Bytes SHA256_DIGEST_INFO = joined(
+const ByteVector SHA1_IDENTIFIER = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
+const ByteVector MD5_IDENTIFIER = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
+const ByteVector SHA256_DIGEST_INFO = joined(
     {0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20},
-    Bytes(32, 0xAA));
+    ByteVector(32, 0xAA));
 
 /// `size` bytes that begin as a DER sequence does, with an identifier somewhere in them.
-Bytes inputWith(const Bytes& identifier, std::size_t offset, std::size_t size)
+ByteVector inputWith(const ByteVector& identifier, std::size_t offset, std::size_t size)
 {
-    Bytes input(size, 0xAA);
+    ByteVector input(size, 0xAA);
     input.front() = 0x30;
     std::copy(identifier.begin(), identifier.end(), input.begin() + static_cast<std::ptrdiff_t>(offset));
     return input;
@@ -852,7 +855,7 @@ protected:
         setModel("VK3 Key");
     }
 
-    void expectSigned(CK_MECHANISM_TYPE type, const Bytes& data)
+    void expectSigned(CK_MECHANISM_TYPE type, const ByteVector& data)
     {
         startSigning(type);
         expectSignHash({.hash = data, .isPss = type == CKM_RSA_PKCS_PSS}, SIGNATURE);
@@ -861,14 +864,14 @@ protected:
         expectDelivered(output, SIGNATURE);
     }
 
-    void expectRefused(CK_MECHANISM_TYPE type, const Bytes& data, const std::string& what)
+    void expectRefused(CK_MECHANISM_TYPE type, const ByteVector& data, const std::string& what)
     {
         startSigning(type);
         Output output(5);
         EXPECT_EQ(sign(data, output), failed(delivered(type), CKR_MECHANISM_INVALID,
                                              "C_Sign: " + what + " not allowed on FIPS 140-3 token"));
         EXPECT_EQ(output.length, 5u);
-        EXPECT_EQ(output.written(), Bytes());
+        EXPECT_EQ(output.written(), ByteVector());
         EXPECT_EQ(activeOperation(), NO_OPERATION);
     }
 
@@ -909,9 +912,9 @@ TEST_F(FipsSigningTest, InputsOfFewerThanElevenBytesAreSigned)
 
 TEST_F(FipsSigningTest, InputsThatDoNotBeginAsASequenceAreSigned)
 {
-    for (const Bytes& digestInfo : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO}) {
-        for (const unsigned char firstByte : Bytes{0x00, 0x2F, 0x31, 0xB0}) {
-            Bytes input = digestInfo;
+    for (const ByteVector& digestInfo : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO}) {
+        for (const unsigned char firstByte : ByteVector{0x00, 0x2F, 0x31, 0xB0}) {
+            ByteVector input = digestInfo;
             input.front() = firstByte;
             expectSigned(CKM_RSA_PKCS, input);
         }
@@ -922,13 +925,13 @@ TEST_F(FipsSigningTest, InputsThatDoNotBeginAsASequenceAreSigned)
 
 TEST_F(FipsSigningTest, IncompleteIdentifiersAreSigned)
 {
-    for (const Bytes& identifier : {SHA1_IDENTIFIER, MD5_IDENTIFIER}) {
+    for (const ByteVector& identifier : {SHA1_IDENTIFIER, MD5_IDENTIFIER}) {
         for (std::size_t changed = 0; changed < identifier.size(); ++changed) {
-            Bytes nearMiss = identifier;
+            ByteVector nearMiss = identifier;
             nearMiss[changed] ^= 1;
             expectSigned(CKM_RSA_PKCS, inputWith(nearMiss, 4, 24));
         }
-        const Bytes cut(identifier.begin(), identifier.end() - 1);
+        const ByteVector cut(identifier.begin(), identifier.end() - 1);
         expectSigned(CKM_RSA_PKCS, inputWith(cut, 24 - cut.size(), 24));
     }
 }
@@ -941,24 +944,24 @@ TEST_F(FipsSigningTest, Sha1IsToldBeforeMd5WhereverTheyStand)
 
 TEST_F(FipsSigningTest, HashesOfTheLengthOfSha1AndMd5AreRefused)
 {
-    expectRefused(CKM_ECDSA, Bytes(20, 0xAA), "SHA1 hash signing via CKM_ECDSA");
-    expectRefused(CKM_ECDSA, Bytes(16, 0xAA), "MD5 hash signing via CKM_ECDSA");
-    expectRefused(CKM_RSA_PKCS_PSS, Bytes(20, 0xAA), "SHA1 hash signing via CKM_RSA_PKCS_PSS");
-    expectRefused(CKM_RSA_PKCS_PSS, Bytes(16, 0xAA), "MD5 hash signing via CKM_RSA_PKCS_PSS");
+    expectRefused(CKM_ECDSA, ByteVector(20, 0xAA), "SHA1 hash signing via CKM_ECDSA");
+    expectRefused(CKM_ECDSA, ByteVector(16, 0xAA), "MD5 hash signing via CKM_ECDSA");
+    expectRefused(CKM_RSA_PKCS_PSS, ByteVector(20, 0xAA), "SHA1 hash signing via CKM_RSA_PKCS_PSS");
+    expectRefused(CKM_RSA_PKCS_PSS, ByteVector(16, 0xAA), "MD5 hash signing via CKM_RSA_PKCS_PSS");
 }
 
 TEST_F(FipsSigningTest, HashesOfOtherLengthsAreSigned)
 {
     for (const CK_MECHANISM_TYPE type : {CKM_ECDSA, CKM_RSA_PKCS_PSS}) {
         for (const std::size_t size : {1u, 15u, 17u, 19u, 21u, 28u, 32u, 48u, 64u})
-            expectSigned(type, Bytes(size, 0xAA));
+            expectSigned(type, ByteVector(size, 0xAA));
     }
 }
 
 TEST_F(FipsSigningTest, TheRulesOfOneMechanismAreNotThoseOfAnother)
 {
-    expectSigned(CKM_RSA_PKCS, Bytes(20, 0xAA));
-    expectSigned(CKM_RSA_PKCS, Bytes(16, 0xAA));
+    expectSigned(CKM_RSA_PKCS, ByteVector(20, 0xAA));
+    expectSigned(CKM_RSA_PKCS, ByteVector(16, 0xAA));
     expectSigned(CKM_ECDSA, SHA1_DIGEST_INFO);
     expectSigned(CKM_RSA_PKCS_PSS, MD5_DIGEST_INFO);
 }
@@ -967,7 +970,7 @@ TEST_F(FipsSigningTest, ALengthQueryIsRefusedToo)
 {
     startSigning(CKM_ECDSA);
     CK_ULONG length = 5;
-    EXPECT_EQ(askSignLength(Bytes(20, 0xAA), length).code, CKR_MECHANISM_INVALID);
+    EXPECT_EQ(askSignLength(ByteVector(20, 0xAA), length).code, CKR_MECHANISM_INVALID);
     EXPECT_EQ(length, 5u);
     EXPECT_EQ(activeOperation(), NO_OPERATION);
 }
@@ -979,13 +982,13 @@ TEST_F(FipsSigningTest, AKeptSignatureIsDeliveredWhateverTheDataOfTheFetchingCal
     CK_ULONG length = 0;
     ASSERT_EQ(askSignLength(DATA, length).code, CKR_OK);
     Output output;
-    EXPECT_EQ(sign(Bytes(20, 0xAA), output), delivered(CKM_ECDSA));
+    EXPECT_EQ(sign(ByteVector(20, 0xAA), output), delivered(CKM_ECDSA));
     expectDelivered(output, SIGNATURE);
 }
 
 TEST_F(FipsSigningTest, DataOfAHashMechanismIsNotLookedAt)
 {
-    for (const Bytes& data : {Bytes(20, 0xAA), SHA1_DIGEST_INFO}) {
+    for (const ByteVector& data : {ByteVector(20, 0xAA), SHA1_DIGEST_INFO}) {
         startSigning(CKM_ECDSA_SHA256);
         expectHash(3, data, digestOf(3));
         expectSignHash({.hash = digestOf(3)}, SIGNATURE);
@@ -996,9 +999,10 @@ TEST_F(FipsSigningTest, DataOfAHashMechanismIsNotLookedAt)
 
 TEST_F(FipsSigningTest, MultiPartSigningRefusesNothing)
 {
-    const std::pair<CK_MECHANISM_TYPE, Bytes> inputs[] = {
-        {CKM_RSA_PKCS, SHA1_DIGEST_INFO}, {CKM_RSA_PKCS, MD5_DIGEST_INFO},     {CKM_ECDSA, Bytes(20, 0xAA)},
-        {CKM_ECDSA, Bytes(16, 0xAA)},     {CKM_RSA_PKCS_PSS, Bytes(20, 0xAA)}, {CKM_RSA_PKCS_PSS, Bytes(16, 0xAA)},
+    const std::pair<CK_MECHANISM_TYPE, ByteVector> inputs[] = {
+        {CKM_RSA_PKCS, SHA1_DIGEST_INFO},         {CKM_RSA_PKCS, MD5_DIGEST_INFO},
+        {CKM_ECDSA, ByteVector(20, 0xAA)},        {CKM_ECDSA, ByteVector(16, 0xAA)},
+        {CKM_RSA_PKCS_PSS, ByteVector(20, 0xAA)}, {CKM_RSA_PKCS_PSS, ByteVector(16, 0xAA)},
     };
     for (const auto& [type, data] : inputs) {
         startSigning(type);
@@ -1012,7 +1016,7 @@ TEST_F(FipsSigningTest, MultiPartSigningRefusesNothing)
 TEST_F(FipsSigningTest, ATokenThatIsNotFipsSignsAllOfIt)
 {
     setModel("VK1 Key");
-    for (const Bytes& data : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO, Bytes(20, 0xAA), Bytes(16, 0xAA)}) {
+    for (const ByteVector& data : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO, ByteVector(20, 0xAA), ByteVector(16, 0xAA)}) {
         for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_ECDSA, CKM_RSA_PKCS_PSS})
             expectSigned(type, data);
     }

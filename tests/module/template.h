@@ -12,28 +12,28 @@
 
 #include "cryptoki.h"
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
-inline Bytes bytesOf(std::string_view text)
+inline ByteVector bytesOf(std::string_view text)
 {
     return {text.begin(), text.end()};
 }
 
-inline Bytes bytesOf(CK_ULONG number)
+inline ByteVector bytesOf(CK_ULONG number)
 {
     const auto* first = reinterpret_cast<const unsigned char*>(&number);
     return {first, first + sizeof number};
 }
 
-inline Bytes joined(std::initializer_list<Bytes> parts)
+inline ByteVector joined(std::initializer_list<ByteVector> parts)
 {
-    Bytes all;
-    for (const Bytes& part : parts)
+    ByteVector all;
+    for (const ByteVector& part : parts)
         all.insert(all.end(), part.begin(), part.end());
     return all;
 }
 
-inline Bytes joined(const Bytes& left, const Bytes& right)
+inline ByteVector joined(const ByteVector& left, const ByteVector& right)
 {
     return joined({left, right});
 }
@@ -50,7 +50,7 @@ class Template
 public:
     struct Entry {
         CK_ATTRIBUTE_TYPE type;
-        Bytes value;
+        ByteVector value;
     };
 
     Template() = default;
@@ -65,9 +65,9 @@ public:
     Template(Template&&) = default;
     Template& operator=(Template&&) = default;
 
-    Template& add(CK_ATTRIBUTE_TYPE type, Bytes value)
+    Template& add(CK_ATTRIBUTE_TYPE type, ByteVector value)
     {
-        Bytes& kept = values_.emplace_back(std::move(value));
+        ByteVector& kept = values_.emplace_back(std::move(value));
         return addRaw(type, kept.data(), static_cast<CK_ULONG>(kept.size()));
     }
 
@@ -77,13 +77,13 @@ public:
     /// A text with a zero byte behind it that is not counted: a search reads a label up to there.
     Template& addTerminated(CK_ATTRIBUTE_TYPE type, std::string_view text)
     {
-        Bytes& kept = values_.emplace_back(text.begin(), text.end());
+        ByteVector& kept = values_.emplace_back(text.begin(), text.end());
         kept.push_back(0);
         return addRaw(type, kept.data(), static_cast<CK_ULONG>(text.size()));
     }
 
     /// Room for an answer, every byte of it 0xEE.
-    Template& addRoom(CK_ATTRIBUTE_TYPE type, CK_ULONG size) { return add(type, Bytes(size, 0xEE)); }
+    Template& addRoom(CK_ATTRIBUTE_TYPE type, CK_ULONG size) { return add(type, ByteVector(size, 0xEE)); }
 
     /// An entry for memory of the caller's, or for none.
     Template& addRaw(CK_ATTRIBUTE_TYPE type, void* value, CK_ULONG length)
@@ -100,9 +100,9 @@ public:
     CK_ULONG length(std::size_t index) const { return entries_.at(index).ulValueLen; }
 
     /// The bytes behind the owned value of this number.
-    const Bytes& value(std::size_t index) const { return values_.at(index); }
+    const ByteVector& value(std::size_t index) const { return values_.at(index); }
 
 private:
-    std::deque<Bytes> values_; ///< Each stays where it is when others are added.
+    std::deque<ByteVector> values_; ///< Each stays where it is when others are added.
     std::vector<CK_ATTRIBUTE> entries_;
 };

@@ -4,28 +4,31 @@
 namespace
 {
 
-const Bytes DATA = numbered(40, 0x60);
-const Bytes OTHER_DATA = numbered(7, 0x20);
-const Bytes SIGNATURE = numbered(70, 0x11);
+const ByteVector DATA = numbered(40, 0x60);
+const ByteVector OTHER_DATA = numbered(7, 0x20);
+const ByteVector SIGNATURE = numbered(70, 0x11);
 constexpr int HASH_ROOM = 64;
 constexpr std::uint32_t EC_KEY = 5;
 
 class VerificationTest : public ScriptedDeviceTest
 {
 protected:
-    Answer verify(const Bytes& data, const Bytes& signature) const
+    Answer verify(const ByteVector& data, const ByteVector& signature) const
     {
         return answer(C_Verify, hSession_, pointerTo(data), sizeOf(data), pointerTo(signature), sizeOf(signature));
     }
 
-    Answer update(const Bytes& data) const { return answer(C_VerifyUpdate, hSession_, pointerTo(data), sizeOf(data)); }
+    Answer update(const ByteVector& data) const
+    {
+        return answer(C_VerifyUpdate, hSession_, pointerTo(data), sizeOf(data));
+    }
 
-    Answer finish(const Bytes& signature) const
+    Answer finish(const ByteVector& signature) const
     {
         return answer(C_VerifyFinal, hSession_, pointerTo(signature), sizeOf(signature));
     }
 
-    VerifyRequest ecRequest(const Bytes& hash) const
+    VerifyRequest ecRequest(const ByteVector& hash) const
     {
         return {
             .keyKind = KEY_KIND_EC_P256, .hash = hash, .publicKey = storedPublicKey(EC_KEY), .signature = SIGNATURE};
@@ -44,7 +47,7 @@ protected:
     static Answer initRefused(CK_RV code, const std::string& text) { return refusal(code, "C_VerifyInit", text); }
 
     /// Single-part verification with a key, the public key that the device is to be given, and how the log tells it.
-    void expectPublicKeyPassed(std::uint32_t keyId, const Bytes& passed, const Answer& told)
+    void expectPublicKeyPassed(std::uint32_t keyId, const ByteVector& passed, const Answer& told)
     {
         startVerification(CKM_ECDSA, keyId);
         expectVerifySignatureHash(
@@ -52,7 +55,7 @@ protected:
         EXPECT_EQ(verify(DATA, SIGNATURE), told);
     }
 
-    void setPublicKey(std::uint32_t keyId, const Bytes& bytes) const
+    void setPublicKey(std::uint32_t keyId, const ByteVector& bytes) const
     {
         VelkorKeyPair& changed = keyPair(keyId);
         std::copy(bytes.begin(), bytes.end(), changed.publicKey);
@@ -119,7 +122,7 @@ TEST_P(EveryVerification, BeginsWithAnyParametersAlsoOnAFipsToken)
 TEST_F(VerificationTest, AFipsTokenVerifiesWhatItDoesNotSign)
 {
     setModel("VK3 Key");
-    const auto expectVerified = [&](CK_MECHANISM_TYPE type, const Bytes& data, const Bytes& hash) {
+    const auto expectVerified = [&](CK_MECHANISM_TYPE type, const ByteVector& data, const ByteVector& hash) {
         VerifyRequest request = ecRequest(hash);
         request.isPss = type == CKM_RSA_PKCS_PSS;
         expectVerifySignatureHash(request);
@@ -128,10 +131,10 @@ TEST_F(VerificationTest, AFipsTokenVerifiesWhatItDoesNotSign)
     for (const CK_MECHANISM_TYPE type : {CKM_ECDSA, CKM_RSA_PKCS_PSS}) {
         for (const std::size_t size : {20u, 16u}) {
             startVerification(type, EC_KEY);
-            expectVerified(type, Bytes(size, 0xAA), Bytes(size, 0xAA));
+            expectVerified(type, ByteVector(size, 0xAA), ByteVector(size, 0xAA));
         }
     }
-    for (const Bytes& digestInfo : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO}) {
+    for (const ByteVector& digestInfo : {SHA1_DIGEST_INFO, MD5_DIGEST_INFO}) {
         startVerification(CKM_RSA_PKCS, EC_KEY);
         expectVerified(CKM_RSA_PKCS, digestInfo, digestInfo);
     }
@@ -222,13 +225,14 @@ TEST_F(VerificationTest, EveryKindOfKeyIsTakenAndToldToTheDevice)
 
 // ---- The public key of single-part verification ----
 
-const Bytes ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-const Bytes EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
+const ByteVector ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+const ByteVector EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
 
 TEST_F(VerificationTest, ABareModulusIsWrappedIntoASubjectPublicKeyInfo)
 {
-    const Bytes head = joined(joined({0x30, 0x82, 0x01, 0x22}, ALGORITHM),
-                              {0x03, 0x82, 0x01, 0x0F, 0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00});
+    const ByteVector head =
+        joined(joined({0x30, 0x82, 0x01, 0x22}, ALGORITHM),
+               {0x03, 0x82, 0x01, 0x0F, 0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00});
     ASSERT_EQ(storedPublicKey(2).front(), 0xC5);
     expectPublicKeyPassed(2, joined(joined(head, storedPublicKey(2)), EXPONENT), WRAPPED);
 }
@@ -236,17 +240,17 @@ TEST_F(VerificationTest, ABareModulusIsWrappedIntoASubjectPublicKeyInfo)
 TEST_F(VerificationTest, AModulusWithoutTopBitIsWrappedAsItStands)
 {
     setPublicKey(2, {0x45, 0x01});
-    const Bytes content = {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x45, 0x01};
+    const ByteVector content = {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x45, 0x01};
     expectPublicKeyPassed(2, joined(joined(joined({0x30, 0x1D}, ALGORITHM), content), EXPONENT), WRAPPED);
     setPublicKey(2, {0x00, 0xC5});
-    const Bytes leadingZero = {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x00, 0xC5};
+    const ByteVector leadingZero = {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x00, 0xC5};
     expectPublicKeyPassed(2, joined(joined(joined({0x30, 0x1D}, ALGORITHM), leadingZero), EXPONENT), WRAPPED);
 }
 
 TEST_F(VerificationTest, RsaKeysOfEveryKindAreWrapped)
 {
     first().keyPairs.push_back(makeKeyPair(8, 99, "kind 99"));
-    const Bytes wrapped =
+    const ByteVector wrapped =
         joined(joined(joined({0x30, 0x1C}, ALGORITHM), {0x03, 0x0B, 0x00, 0x30, 0x08, 0x02, 0x01, 0x31}), EXPONENT);
     for (const std::uint32_t id : {1u, 2u, 3u, 4u, 8u}) {
         setPublicKey(id, {0x31});
@@ -279,7 +283,7 @@ TEST_F(VerificationTest, AKeyWithoutBytesIsPassedAsNone)
 
 TEST_F(VerificationTest, InPartsTheKeyIsPassedAsStored)
 {
-    for (const Bytes& stored : {Bytes{0xC5, 0x01}, Bytes{0x30, 0x01}, Bytes{0x45}}) {
+    for (const ByteVector& stored : {ByteVector{0xC5, 0x01}, ByteVector{0x30, 0x01}, ByteVector{0x45}}) {
         setPublicKey(2, stored);
         startVerification(CKM_RSA_PKCS);
         expectVerifySignatureHash({.hash = DATA, .publicKey = stored, .signature = SIGNATURE});
@@ -315,7 +319,7 @@ TEST_F(VerificationTest, ASignatureOfAWrongLengthIsJudgedByTheDevice)
     for (const std::size_t size : {1u, 69u, 71u, 5000u}) {
         startVerification(CKM_ECDSA, EC_KEY);
         VerifyRequest request = ecRequest(DATA);
-        request.signature = Bytes(size, 0x33);
+        request.signature = ByteVector(size, 0x33);
         expectVerifySignatureHash(request, 6);
         EXPECT_EQ(verify(DATA, request.signature).code, CKR_SIGNATURE_INVALID);
         EXPECT_EQ(activeOperation(), NO_OPERATION);
@@ -406,7 +410,7 @@ TEST_F(VerificationTest, AFinalHashTakesThePlaceOfGatheredData)
 
 TEST_F(VerificationTest, ALengthThatTheHashCannotHaveIsCutToItsRoom)
 {
-    const std::pair<int, Bytes> lengths[] = {{65, digestOf(5)}, {-1, {}}};
+    const std::pair<int, ByteVector> lengths[] = {{65, digestOf(5)}, {-1, {}}};
     for (const auto& [told, hash] : lengths) {
         startVerification(CKM_SHA512_RSA_PKCS, EC_KEY);
         expectInitHash(5);

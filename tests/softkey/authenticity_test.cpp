@@ -176,7 +176,7 @@ TEST_F(AuthenticityTest, AfterRekeyingAnOldCopyOpensNothingThatComesLater)
 {
     const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
     const VelkorKeyPair rsa = store(keyOf(signatureVectorKey()).get());
-    const SecretBytes oldMasterKey = checkPin(otherProcess()->file(), PinRole::User, PIN).masterKey;
+    const SecretBuffer oldMasterKey = checkPin(otherProcess()->file(), PinRole::User, PIN).masterKey;
     result("set-pin KEY1 --rekey --pin-env USER_PIN --new-pin-env USER_PIN --so-pin-env OFFICER_PIN");
     const std::unique_ptr<SoftKey> other = otherProcess();
     EXPECT_THROW(other->file().read([&](Database& database) {

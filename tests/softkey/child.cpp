@@ -44,9 +44,9 @@ int repeat(int times, const std::function<bool()>& work)
     return 0;
 }
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
-Bytes contentOf(const char* file)
+ByteVector contentOf(const char* file)
 {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -88,7 +88,7 @@ void storeFreshCertificate(VelkorCertificate& certificate)
 }
 
 /// The file has the modulus, the private exponent and the first prime of an RSA-1024 key, one after the other.
-void importRsaKey(const Bytes& components)
+void importRsaKey(const ByteVector& components)
 {
     ImportPFXDetails details;
     details.kind = IMPORT_KIND_RSA_COMPONENTS;
@@ -106,7 +106,7 @@ void importRsaKey(const Bytes& components)
 {
     VelkorCertificate certificate;
     certificate.der = contentOf(certificateFile);
-    const Bytes components = contentOf(componentsFile);
+    const ByteVector components = contentOf(componentsFile);
     tell("ready");
     for (;;) {
         checkPins(1, "user");

@@ -164,7 +164,7 @@ TEST_F(CryptoTest, Pkcs1SignaturesAreByteForByteThoseOfOpenssl)
     REQUIRE_OPENSSL_PROGRAM();
     const EvpKey privateKey = keyOf(signatureVectorKey());
     const VelkorKeyPair key = store(privateKey.get());
-    const SecretBytes pkcs8 = encodePrivateKey(privateKey.get());
+    const SecretBuffer pkcs8 = encodePrivateKey(privateKey.get());
     scratch.file("key.p8", pkcs8);
     for (const auto& [size, digest] : DIGESTS) {
         const Data hash(size, 0x77);

@@ -22,27 +22,27 @@ namespace
 
 using softkey::test::NULL_DEVICE;
 using softkey::test::softkeyTool;
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
 /// A part of a DER structure, with and without its tag and length.
 struct DerPart {
-    Bytes whole;
-    Bytes content;
+    ByteVector whole;
+    ByteVector content;
 };
 
 /// An INTEGER's bytes without the zero that keeps it positive.
-Bytes magnitude(const DerPart& integer)
+ByteVector magnitude(const DerPart& integer)
 {
-    Bytes bytes = integer.content;
+    ByteVector bytes = integer.content;
     if (bytes.size() > 1 && bytes.front() == 0)
         bytes.erase(bytes.begin());
     return bytes;
 }
 
-Bytes bytesOf(const std::string& text)
+ByteVector bytesOf(const std::string& text)
 {
-    return Bytes(text.begin(), text.end());
+    return ByteVector(text.begin(), text.end());
 }
 
 /// Of bytes or a text; packed structures count with 32 bits.
@@ -52,7 +52,7 @@ CK_ULONG sizeOf(const Container& container)
     return static_cast<CK_ULONG>(container.size());
 }
 
-CK_ATTRIBUTE attributeOf(CK_ATTRIBUTE_TYPE type, Bytes& value)
+CK_ATTRIBUTE attributeOf(CK_ATTRIBUTE_TYPE type, ByteVector& value)
 {
     return {type, value.data(), sizeOf(value)};
 }
@@ -71,14 +71,14 @@ std::string textOf(const unsigned char (&field)[Size])
 }
 
 /// r and s, each half of the bytes, as openssl reads them.
-Bytes derOfEcdsa(const Bytes& signature)
+ByteVector derOfEcdsa(const ByteVector& signature)
 {
-    Bytes integers;
+    ByteVector integers;
     for (const std::size_t half : {std::size_t{0}, signature.size() / 2}) {
         auto first = signature.begin() + static_cast<std::ptrdiff_t>(half);
         const auto end = first + static_cast<std::ptrdiff_t>(signature.size() / 2);
         first = std::find_if(first, end, [](unsigned char byte) { return byte != 0; });
-        Bytes integer(first, end);
+        ByteVector integer(first, end);
         if (integer.front() >= 0x80)
             integer.insert(integer.begin(), 0);
         integers.push_back(0x02);
@@ -173,33 +173,33 @@ protected:
 
     static KeyPair generateP256(CK_SESSION_HANDLE session)
     {
-        Bytes curve = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+        ByteVector curve = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
         return generate(session, CKK_EC, {CKA_EC_PARAMS, curve.data(), sizeOf(curve)});
     }
 
-    static Bytes attribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
+    static ByteVector attribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
     {
         CK_ATTRIBUTE query = {type, nullptr, 0};
         EXPECT_EQ(C_GetAttributeValue(session, object, &query, 1), CKR_OK);
-        Bytes value(query.ulValueLen);
+        ByteVector value(query.ulValueLen);
         query.pValue = value.data();
         EXPECT_EQ(C_GetAttributeValue(session, object, &query, 1), CKR_OK);
         return value;
     }
 
-    static Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data)
+    static ByteVector sign(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, ByteVector data)
     {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_SignInit(session, &mechanism, key), CKR_OK);
         CK_ULONG length = 0;
         EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_OK);
-        Bytes signature(length);
+        ByteVector signature(length);
         EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), signature.data(), &length), CKR_OK);
         return signature;
     }
 
-    static CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data,
-                        Bytes signature)
+    static CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, ByteVector data,
+                        ByteVector signature)
     {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_VerifyInit(session, &mechanism, key), CKR_OK);
@@ -207,14 +207,14 @@ protected:
     }
 
     /// The parts of the data go in one by one.
-    static Bytes signInParts(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key,
-                             std::vector<Bytes> parts)
+    static ByteVector signInParts(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key,
+                                  std::vector<ByteVector> parts)
     {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         EXPECT_EQ(C_SignInit(session, &mechanism, key), CKR_OK);
-        for (Bytes& part : parts)
+        for (ByteVector& part : parts)
             EXPECT_EQ(C_SignUpdate(session, part.data(), sizeOf(part)), CKR_OK);
-        Bytes signature(512);
+        ByteVector signature(512);
         CK_ULONG length = sizeOf(signature);
         EXPECT_EQ(C_SignFinal(session, signature.data(), &length), CKR_OK);
         signature.resize(length);
@@ -251,7 +251,7 @@ protected:
 
     std::string path(const std::string& name) const { return (folder_ / name).string(); }
 
-    std::string write(const std::string& name, const Bytes& content) const
+    std::string write(const std::string& name, const ByteVector& content) const
     {
         std::ofstream(path(name), std::ios::binary)
             .write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
@@ -259,11 +259,11 @@ protected:
     }
 
     /// What a command prints.
-    Bytes output(const std::string& command) const
+    ByteVector output(const std::string& command) const
     {
         run(command + " >" + path("output") + " 2>" + path("errors"));
         std::ifstream in(path("output"), std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(in), {});
+        return ByteVector(std::istreambuf_iterator<char>(in), {});
     }
 
     void openssl(const std::string& arguments) const { output("openssl " + arguments); }
@@ -271,8 +271,8 @@ protected:
     /// The parts of a DER file at one depth, as the openssl program finds them.
     std::vector<DerPart> derParts(const std::string& name, int depth) const
     {
-        const Bytes der = output("cat " + path(name));
-        const Bytes listing = output("openssl asn1parse -inform DER -in " + path(name));
+        const ByteVector der = output("cat " + path(name));
+        const ByteVector listing = output("openssl asn1parse -inform DER -in " + path(name));
         std::istringstream lines(std::string(listing.begin(), listing.end()));
         std::vector<DerPart> parts;
         for (std::string line; std::getline(lines, line);) {
@@ -286,7 +286,7 @@ protected:
             const auto start = der.begin() + static_cast<std::ptrdiff_t>(offset);
             const auto content = start + static_cast<std::ptrdiff_t>(headerLength);
             const auto end = content + static_cast<std::ptrdiff_t>(length);
-            parts.push_back({Bytes(start, end), Bytes(content, end)});
+            parts.push_back({ByteVector(start, end), ByteVector(content, end)});
         }
         return parts;
     }
@@ -299,7 +299,7 @@ protected:
     }
 
     /// Fails unless openssl verifies the signature of `data`.
-    void expectOpensslAccepts(const Bytes& signature, const Bytes& data, const std::string& key,
+    void expectOpensslAccepts(const ByteVector& signature, const ByteVector& data, const std::string& key,
                               const std::string& options) const
     {
         openssl("dgst " + options + " -verify " + path(key) + ".pub -signature " + write("sig", signature) + " " +
@@ -326,7 +326,7 @@ protected:
 
     std::filesystem::path folder_ =
         test_system::scratchFolder(testing::UnitTest::GetInstance()->current_test_info()->name());
-    const Bytes data_ = {'d', 'a', 't', 'a'};
+    const ByteVector data_ = {'d', 'a', 't', 'a'};
 };
 
 struct Mechanism {
@@ -360,7 +360,7 @@ TEST_F(ModuleOverSoftkeyTest, SignaturesOfEveryHashMechanismVerify)
     };
     for (const Mechanism& mechanism : MECHANISMS) {
         const KeyPair& keys = mechanism.isEc ? ec : rsa;
-        const Bytes signature = sign(session, mechanism.type, keys.privateKey, data_);
+        const ByteVector signature = sign(session, mechanism.type, keys.privateKey, data_);
         EXPECT_EQ(verify(session, mechanism.type, keys.publicKey, data_, signature), CKR_OK) << mechanism.type;
         EXPECT_EQ(verify(session, mechanism.type, keys.publicKey, {'o', 't', 'h', 'e', 'r'}, signature),
                   CKR_SIGNATURE_INVALID)
@@ -376,7 +376,7 @@ TEST_F(ModuleOverSoftkeyTest, OpensslAcceptsASignatureOfAnImportedKey)
     run("openssl pkey -in " + key + " -pubout -out " + key + ".pub");
     tool("import-key MODULE1 " + key + " --label imported --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
-    const Bytes signature = sign(session, CKM_SHA256_RSA_PKCS, 0x70000001, data_);
+    const ByteVector signature = sign(session, CKM_SHA256_RSA_PKCS, 0x70000001, data_);
     std::ofstream(folder_ / "data", std::ios::binary).write("data", 4);
     std::ofstream(folder_ / "sig", std::ios::binary)
         .write(reinterpret_cast<const char*>(signature.data()), static_cast<std::streamsize>(signature.size()));
@@ -390,7 +390,7 @@ TEST_F(ModuleOverSoftkeyTest, WhatIsEncryptedIsDecrypted)
     const KeyPair keys = generateRsa(session);
     for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
-        Bytes data = data_;
+        ByteVector data = data_;
         std::array<unsigned char, 512> ciphertext{};
         std::array<unsigned char, 512> plaintext{};
         CK_ULONG length = 0;
@@ -399,7 +399,7 @@ TEST_F(ModuleOverSoftkeyTest, WhatIsEncryptedIsDecrypted)
         ASSERT_EQ(C_Encrypt(session, data.data(), sizeOf(data), ciphertext.data(), &length), CKR_OK);
         ASSERT_EQ(C_DecryptInit(session, &mechanism, keys.privateKey), CKR_OK);
         ASSERT_EQ(C_Decrypt(session, ciphertext.data(), length, plaintext.data(), &plainLength), CKR_OK);
-        EXPECT_EQ(Bytes(plaintext.begin(), plaintext.begin() + plainLength), data_);
+        EXPECT_EQ(ByteVector(plaintext.begin(), plaintext.begin() + plainLength), data_);
     }
 }
 
@@ -409,14 +409,14 @@ TEST_F(ModuleOverSoftkeyTest, TwoKeyPairsDeriveTheSameSecret)
     const KeyPair first = generateP256(session);
     const KeyPair second = generateP256(session);
     const auto derive = [&](CK_OBJECT_HANDLE own, CK_OBJECT_HANDLE peer) {
-        Bytes point = attribute(session, peer, CKA_VALUE);
+        ByteVector point = attribute(session, peer, CKA_VALUE);
         CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
         EXPECT_EQ(C_DeriveKey(session, &mechanism, own, nullptr, 0, &secret), CKR_OK);
         return attribute(session, secret, CKA_VALUE);
     };
-    const Bytes secret = derive(first.privateKey, second.publicKey);
+    const ByteVector secret = derive(first.privateKey, second.publicKey);
     EXPECT_EQ(secret.size(), 32u);
     EXPECT_EQ(secret, derive(second.privateKey, first.publicKey));
 }
@@ -428,7 +428,7 @@ TEST_F(ModuleOverSoftkeyTest, APeersPointMayBeBareOrADerOctetString)
         tool("generate MODULE1 " + kind + " --pin-env PIN");
     }
     const CK_SESSION_HANDLE session = loggedInSession();
-    const auto derive = [&](CK_OBJECT_HANDLE own, Bytes point) {
+    const auto derive = [&](CK_OBJECT_HANDLE own, ByteVector point) {
         CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
@@ -438,10 +438,10 @@ TEST_F(ModuleOverSoftkeyTest, APeersPointMayBeBareOrADerOctetString)
     for (const CK_ULONG first : {1u, 3u, 5u}) {
         const CK_OBJECT_HANDLE own = 0x70000000 + first;
         const CK_OBJECT_HANDLE peer = 0x70001000 + first + 1;
-        const Bytes bare = attribute(session, peer, CKA_VALUE);
-        const Bytes der = attribute(session, peer, CKA_EC_POINT);
+        const ByteVector bare = attribute(session, peer, CKA_VALUE);
+        const ByteVector der = attribute(session, peer, CKA_EC_POINT);
         EXPECT_GT(der.size(), bare.size());
-        const Bytes secret = derive(own, bare);
+        const ByteVector secret = derive(own, bare);
         EXPECT_EQ(secret.size(), bare.size() / 2);
         EXPECT_EQ(derive(own, der), secret);
         EXPECT_EQ(derive(own + 1, attribute(session, peer - 1, CKA_EC_POINT)), secret);
@@ -453,7 +453,7 @@ TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
     REQUIRE_OPENSSL_PROGRAM();
     const CK_SESSION_HANDLE session = loggedInSession();
     const KeyPair keys = generateP256(session);
-    Bytes point = attribute(session, keys.publicKey, CKA_VALUE);
+    ByteVector point = attribute(session, keys.publicKey, CKA_VALUE);
     const auto derive = [&](CK_ULONG function, CK_OBJECT_HANDLE& secret) {
         CK_ECDH1_DERIVE_PARAMS parameter = {function, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
@@ -464,7 +464,7 @@ TEST_F(ModuleOverSoftkeyTest, KeyDerivationFunctionsAreThoseOfTheDeviceCodes)
     ASSERT_EQ(derive(CKD_NULL, raw), CKR_OK);
     ASSERT_EQ(derive(CKD_SHA256_KDF, hashed), CKR_OK);
     write("secret", attribute(session, raw, CKA_VALUE));
-    Bytes sha384 = output("openssl dgst -sha384 -binary " + path("secret"));
+    ByteVector sha384 = output("openssl dgst -sha384 -binary " + path("secret"));
     sha384.resize(32);
     EXPECT_EQ(attribute(session, hashed, CKA_VALUE), sha384);
     CK_OBJECT_HANDLE none = 77;
@@ -491,7 +491,7 @@ TEST_F(ModuleOverSoftkeyTest, KeysAreUsedByLoggedInUsersOnly)
     const KeyPair keys = generateRsa(session);
     ASSERT_EQ(C_Logout(session), CKR_OK);
     CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
-    Bytes data = data_;
+    ByteVector data = data_;
     CK_ULONG length = 0;
     ASSERT_EQ(C_SignInit(session, &mechanism, keys.privateKey), CKR_OK);
     EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_FUNCTION_FAILED);
@@ -528,7 +528,7 @@ TEST_F(ModuleOverSoftkeyTest, GeneratedSizesAndCurvesAreReported)
     const CK_SESSION_HANDLE session = loggedInSession();
     for (const CK_ULONG bits : {2048ul, 3072ul, 4096ul})
         EXPECT_EQ(attribute(session, generateRsa(session, bits).publicKey, CKA_MODULUS).size(), bits / 8);
-    const std::vector<std::pair<Bytes, std::size_t>> curves = {
+    const std::vector<std::pair<ByteVector, std::size_t>> curves = {
         {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, 65},
         {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, 97},
         {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, 133},
@@ -550,10 +550,10 @@ TEST_F(ModuleOverSoftkeyTest, ObjectsAreFoundByClassIdAndLabel)
     CK_ULONG certificate = CKO_CERTIFICATE;
     CK_ULONG publicKey = CKO_PUBLIC_KEY;
     CK_ULONG privateKey = CKO_PRIVATE_KEY;
-    Bytes idOfTwo = {2, 2};
-    Bytes idOfThree = {3};
-    Bytes two = bytesOf(std::string("two") + '\0'); // Labels are read up to their zero.
-    Bytes three = bytesOf(std::string("three") + '\0');
+    ByteVector idOfTwo = {2, 2};
+    ByteVector idOfThree = {3};
+    ByteVector two = bytesOf(std::string("two") + '\0'); // Labels are read up to their zero.
+    ByteVector three = bytesOf(std::string("three") + '\0');
     const CK_ATTRIBUTE isCertificate = attributeOf(CKA_CLASS, certificate);
     const CK_ATTRIBUTE isPublic = attributeOf(CKA_CLASS, publicKey);
     const CK_ATTRIBUTE isPrivate = attributeOf(CKA_CLASS, privateKey);
@@ -583,9 +583,9 @@ TEST_F(ModuleOverSoftkeyTest, ACertificateBringsItsIssuersFromDisk)
     std::filesystem::copy_file(path("middle.der"), path("VelkorDSC/Certificates/middle.cer"));
     const CK_SESSION_HANDLE session = loggedInSession();
     CK_ULONG certificate = CKO_CERTIFICATE;
-    Bytes der = output("cat " + path("leaf.der"));
-    Bytes id = {7, 7};
-    Bytes label = bytesOf("my leaf");
+    ByteVector der = output("cat " + path("leaf.der"));
+    ByteVector id = {7, 7};
+    ByteVector label = bytesOf("my leaf");
     CK_ATTRIBUTE leaf[] = {attributeOf(CKA_CLASS, certificate), attributeOf(CKA_VALUE, der), attributeOf(CKA_ID, id),
                            attributeOf(CKA_LABEL, label)};
     CK_OBJECT_HANDLE created = 0;
@@ -621,11 +621,11 @@ TEST_F(ModuleOverSoftkeyTest, AnImportedRsaKeySignsAndOpensslAccepts)
     const CK_SESSION_HANDLE session = loggedInSession();
     CK_ULONG privateKey = CKO_PRIVATE_KEY;
     CK_ULONG keyType = CKK_RSA;
-    Bytes modulus = magnitude(numbers[1]);
-    Bytes exponent = magnitude(numbers[3]);
-    Bytes prime = magnitude(numbers[4]);
-    Bytes id = {9};
-    Bytes label = bytesOf("from outside");
+    ByteVector modulus = magnitude(numbers[1]);
+    ByteVector exponent = magnitude(numbers[3]);
+    ByteVector prime = magnitude(numbers[4]);
+    ByteVector id = {9};
+    ByteVector label = bytesOf("from outside");
     CK_ATTRIBUTE key[] = {
         attributeOf(CKA_CLASS, privateKey), attributeOf(CKA_KEY_TYPE, keyType),
         attributeOf(CKA_MODULUS, modulus),  attributeOf(CKA_PRIVATE_EXPONENT, exponent),
@@ -646,15 +646,15 @@ TEST_F(ModuleOverSoftkeyTest, LabelAndIdChangeOnTheDevice)
 {
     tool("generate MODULE1 P-256 --label before --id 01 --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
-    Bytes label = bytesOf("after");
-    Bytes id = {0xab, 0xcd};
+    ByteVector label = bytesOf("after");
+    ByteVector id = {0xab, 0xcd};
     CK_ATTRIBUTE changes[] = {attributeOf(CKA_LABEL, label), attributeOf(CKA_ID, id)};
     ASSERT_EQ(C_SetAttributeValue(session, 0x70000001, changes, 2), CKR_OK);
     for (const CK_OBJECT_HANDLE half : {0x70000001u, 0x70001001u}) {
         EXPECT_EQ(attribute(session, half, CKA_LABEL), label);
         EXPECT_EQ(attribute(session, half, CKA_ID), id);
     }
-    const Bytes info = output(softkeyTool() + " info MODULE1");
+    const ByteVector info = output(softkeyTool() + " info MODULE1");
     EXPECT_NE(std::string(info.begin(), info.end()).find("id abcd  after"), std::string::npos);
     ASSERT_EQ(C_Logout(session), CKR_OK);
     EXPECT_EQ(C_SetAttributeValue(session, 0x70000001, changes, 2), CKR_FUNCTION_FAILED);
@@ -664,7 +664,7 @@ TEST_F(ModuleOverSoftkeyTest, DigestsAreThoseOfOpenssl)
 {
     REQUIRE_OPENSSL_PROGRAM();
     const CK_SESSION_HANDLE session = loggedInSession();
-    Bytes data(100'000, 'x');
+    ByteVector data(100'000, 'x');
     const std::string file = write("data", data);
     const std::pair<CK_MECHANISM_TYPE, std::string> mechanisms[] = {{CKM_SHA_1, "sha1"},
                                                                     {CKM_SHA224, "sha224"},
@@ -673,19 +673,19 @@ TEST_F(ModuleOverSoftkeyTest, DigestsAreThoseOfOpenssl)
                                                                     {CKM_SHA512, "sha512"}};
     for (const auto& [type, name] : mechanisms) {
         SCOPED_TRACE(name);
-        const Bytes expected = output("openssl dgst -" + name + " -binary " + file);
+        const ByteVector expected = output("openssl dgst -" + name + " -binary " + file);
         CK_MECHANISM mechanism = {type, nullptr, 0};
-        Bytes digest(64);
+        ByteVector digest(64);
         CK_ULONG length = sizeOf(digest);
         ASSERT_EQ(C_DigestInit(session, &mechanism), CKR_OK);
         ASSERT_EQ(C_Digest(session, data.data(), sizeOf(data), digest.data(), &length), CKR_OK);
-        EXPECT_EQ(Bytes(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
+        EXPECT_EQ(ByteVector(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
         ASSERT_EQ(C_DigestInit(session, &mechanism), CKR_OK);
         ASSERT_EQ(C_DigestUpdate(session, data.data(), 1), CKR_OK);
         ASSERT_EQ(C_DigestUpdate(session, data.data() + 1, sizeOf(data) - 1), CKR_OK);
         length = sizeOf(digest);
         ASSERT_EQ(C_DigestFinal(session, digest.data(), &length), CKR_OK);
-        EXPECT_EQ(Bytes(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
+        EXPECT_EQ(ByteVector(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(length)), expected);
     }
 }
 
@@ -697,9 +697,9 @@ TEST_F(ModuleOverSoftkeyTest, MultiPartSignaturesAreAcceptedByOpenssl)
     tool("import-key MODULE1 " + path("rsa") + " --pin-env PIN");
     tool("import-key MODULE1 " + path("ec") + " --pin-env PIN");
     const CK_SESSION_HANDLE session = loggedInSession();
-    const std::vector<Bytes> parts = {Bytes(1, 'a'), Bytes(1'000, 'b'), Bytes(70'000, 'c')};
-    Bytes whole;
-    for (const Bytes& part : parts)
+    const std::vector<ByteVector> parts = {ByteVector(1, 'a'), ByteVector(1'000, 'b'), ByteVector(70'000, 'c')};
+    ByteVector whole;
+    for (const ByteVector& part : parts)
         whole.insert(whole.end(), part.begin(), part.end());
     expectOpensslAccepts(signInParts(session, CKM_SHA256_RSA_PKCS, 0x70000001, parts), whole, "rsa", "-sha256");
     expectOpensslAccepts(signInParts(session, CKM_SHA1_RSA_PKCS, 0x70000001, parts), whole, "rsa", "-sha1");
@@ -711,8 +711,8 @@ TEST_F(ModuleOverSoftkeyTest, MultiPartSignaturesAreAcceptedByOpenssl)
 TEST_F(ModuleOverSoftkeyTest, RandomNumbersAreDrawn)
 {
     const CK_SESSION_HANDLE session = openSession();
-    Bytes first(1 << 20);
-    Bytes second(1 << 20);
+    ByteVector first(1 << 20);
+    ByteVector second(1 << 20);
     ASSERT_EQ(C_GenerateRandom(session, first.data(), sizeOf(first)), CKR_OK);
     ASSERT_EQ(C_GenerateRandom(session, second.data(), sizeOf(second)), CKR_OK);
     std::array<std::size_t, 256> counts{};
@@ -725,7 +725,7 @@ TEST_F(ModuleOverSoftkeyTest, RandomNumbersAreDrawn)
         EXPECT_FALSE(std::equal(first.begin() + static_cast<std::ptrdiff_t>(i),
                                 first.begin() + static_cast<std::ptrdiff_t>(i + 64),
                                 second.begin() + static_cast<std::ptrdiff_t>(i)));
-    Bytes fenced(3, 0xee);
+    ByteVector fenced(3, 0xee);
     ASSERT_EQ(C_GenerateRandom(session, &fenced[1], 1), CKR_OK);
     EXPECT_EQ(fenced[0], 0xee);
     EXPECT_EQ(fenced[2], 0xee);
@@ -768,7 +768,7 @@ TEST_F(ModuleOverSoftkeyTest, TheSecurityOfficerLogsInAndUsesNoKey)
     CK_ULONG privateKey = CKO_PRIVATE_KEY;
     EXPECT_EQ(find(session, {attributeOf(CKA_CLASS, privateKey)}), Handles{});
     ASSERT_EQ(initSign(session, CKM_ECDSA_SHA256, 0x70000001), CKR_OK);
-    Bytes data = data_;
+    ByteVector data = data_;
     CK_ULONG length = 0;
     EXPECT_EQ(C_Sign(session, data.data(), sizeOf(data), nullptr, &length), CKR_FUNCTION_FAILED);
     ASSERT_EQ(C_Logout(session), CKR_OK);
@@ -805,7 +805,7 @@ TEST_F(ModuleOverSoftkeyTest, ModelAndFirmwareDecideOnMechanisms)
         EXPECT_EQ(initInNewSession(slot, CKM_RSA_PKCS_OAEP, rsa, C_DecryptInit), expected);
         EXPECT_EQ(initInNewSession(slot, CKM_SHA256_RSA_PKCS, rsa, C_SignInit), CKR_OK);
         const CK_SESSION_HANDLE session = openSession(slot);
-        Bytes point = attribute(session, 0x70001002, CKA_VALUE);
+        ByteVector point = attribute(session, 0x70001002, CKA_VALUE);
         CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
@@ -821,14 +821,14 @@ TEST_F(ModuleOverSoftkeyTest, AnRsa1024PairDoesNotSignButDecryptsAndVerifies)
     const CK_SESSION_HANDLE session = loggedInSession();
     EXPECT_EQ(initSign(session, CKM_SHA256_RSA_PKCS, 0x70000001), CKR_KEY_SIZE_RANGE);
     const std::string file = write("data", data_);
-    Bytes signature = output("openssl dgst -sha256 -sign " + path("small") + " " + file);
+    ByteVector signature = output("openssl dgst -sha256 -sign " + path("small") + " " + file);
     EXPECT_EQ(verify(session, CKM_SHA256_RSA_PKCS, 0x70001001, data_, signature), CKR_OK);
     signature[5] ^= 1;
     EXPECT_EQ(verify(session, CKM_SHA256_RSA_PKCS, 0x70001001, data_, signature), CKR_SIGNATURE_INVALID);
-    Bytes ciphertext = output("openssl pkeyutl -encrypt -pubin -inkey " + path("small") + ".pub -in " + file);
+    ByteVector ciphertext = output("openssl pkeyutl -encrypt -pubin -inkey " + path("small") + ".pub -in " + file);
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(C_DecryptInit(session, &mechanism, 0x70000001), CKR_OK);
-    Bytes plaintext(128);
+    ByteVector plaintext(128);
     CK_ULONG length = sizeOf(plaintext);
     ASSERT_EQ(C_Decrypt(session, ciphertext.data(), sizeOf(ciphertext), plaintext.data(), &length), CKR_OK);
     plaintext.resize(length);
@@ -851,7 +851,7 @@ TEST_F(ModuleOverSoftkeyTest, DeletedObjectsAreGoneFromTheDevice)
     EXPECT_EQ(find(session, {}), (Handles{0x70001001, 0x70000001}));
     CK_ULONG size = 0;
     EXPECT_EQ(C_GetObjectSize(session, 0x70001002, &size), CKR_OBJECT_HANDLE_INVALID);
-    const Bytes shown = output(softkeyTool() + " info MODULE1");
+    const ByteVector shown = output(softkeyTool() + " info MODULE1");
     const std::string info(shown.begin(), shown.end());
     EXPECT_NE(info.find("kept"), std::string::npos);
     EXPECT_EQ(info.find("dropped"), std::string::npos);

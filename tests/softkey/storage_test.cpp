@@ -662,7 +662,7 @@ TEST_F(StorageTest, ASealedKeyBelongsToItsRecordAlone)
 
 TEST_F(StorageTest, ASealedKeyBelongsToItsFileAlone)
 {
-    const SecretBytes masterKey(SEALING_KEY_SIZE); // The same for both files, which two keys never have.
+    const SecretBuffer masterKey(SEALING_KEY_SIZE); // The same for both files, which two keys never have.
     NewKeyPair keyPair =
         prepareKeyPair(keyOf(signatureVectorKey()).get(), {}, {USAGE_SIGN_VERIFY}, masterKey, "ELSEWHERE");
     const std::unique_ptr<SoftKey> key = otherProcess();

@@ -18,7 +18,7 @@ protected:
         session = userSession();
     }
 
-    Bytes modulusOf(int number) const { return value(session, publicKey(session, number), CKA_MODULUS); }
+    ByteVector modulusOf(int number) const { return value(session, publicKey(session, number), CKA_MODULUS); }
 
     CK_SESSION_HANDLE session = 0;
     CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
@@ -40,8 +40,8 @@ TEST_F(StrictAttributesTest, AnRsaPairHasTheStandardsAttributes)
     EXPECT_EQ(number(session, pub, CKA_MODULUS_BITS), 2048U);
     EXPECT_EQ(value(session, pub, CKA_MODULUS).size(), 256U);
     EXPECT_EQ(value(session, priv, CKA_MODULUS), value(session, pub, CKA_MODULUS));
-    EXPECT_EQ(value(session, priv, CKA_PUBLIC_EXPONENT), (Bytes{1, 0, 1}));
-    EXPECT_EQ(value(session, pub, CKA_ID), Bytes{2});
+    EXPECT_EQ(value(session, priv, CKA_PUBLIC_EXPONENT), (ByteVector{1, 0, 1}));
+    EXPECT_EQ(value(session, pub, CKA_ID), ByteVector{2});
     EXPECT_EQ(number(session, priv, CKA_KEY_GEN_MECHANISM), CKM_RSA_PKCS_KEY_PAIR_GEN);
     EXPECT_TRUE(flag(session, pub, CKA_VERIFY));
     EXPECT_TRUE(flag(session, pub, CKA_ENCRYPT));
@@ -72,10 +72,10 @@ TEST_F(StrictAttributesTest, AnEcPairHasTheStandardsAttributes)
     const CK_OBJECT_HANDLE pub = publicKey(session, 7);
     const CK_OBJECT_HANDLE priv = privateKey(session, 7);
     EXPECT_EQ(number(session, priv, CKA_KEY_TYPE), CKK_EC);
-    const Bytes point = value(session, pub, CKA_EC_POINT);
+    const ByteVector point = value(session, pub, CKA_EC_POINT);
     ASSERT_EQ(point.size(), 136U);
-    EXPECT_EQ(Bytes(point.begin(), point.begin() + 4), (Bytes{0x04, 0x81, 0x85, 0x04}));
-    EXPECT_EQ(value(session, pub, CKA_EC_PARAMS), (Bytes{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}));
+    EXPECT_EQ(ByteVector(point.begin(), point.begin() + 4), (ByteVector{0x04, 0x81, 0x85, 0x04}));
+    EXPECT_EQ(value(session, pub, CKA_EC_PARAMS), (ByteVector{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}));
     EXPECT_EQ(value(session, priv, CKA_EC_PARAMS), value(session, pub, CKA_EC_PARAMS));
     EXPECT_TRUE(flag(session, pub, CKA_DERIVE));
     EXPECT_TRUE(flag(session, priv, CKA_DERIVE));
@@ -88,13 +88,13 @@ TEST_F(StrictAttributesTest, AnEcPairHasTheStandardsAttributes)
 TEST_F(StrictAttributesTest, ACertificateHasTheStandardsAttributes)
 {
     const CK_OBJECT_HANDLE certificate = findOne(session, CKO_CERTIFICATE, "certificate 2");
-    const Bytes der{0x30, 0x03, 0x02, 0x01, 2};
+    const ByteVector der{0x30, 0x03, 0x02, 0x01, 2};
     EXPECT_EQ(number(session, certificate, CKA_CERTIFICATE_TYPE), CKC_X_509);
     EXPECT_EQ(value(session, certificate, CKA_VALUE), der);
     EXPECT_EQ(value(session, certificate, CKA_SUBJECT).size(), 7 + der.size());
     EXPECT_EQ(value(session, certificate, CKA_ISSUER).size(), 6 + der.size());
     EXPECT_EQ(value(session, certificate, CKA_SERIAL_NUMBER).size(), 6 + der.size());
-    EXPECT_EQ(value(session, certificate, CKA_ID), Bytes{2});
+    EXPECT_EQ(value(session, certificate, CKA_ID), ByteVector{2});
     EXPECT_FALSE(flag(session, certificate, CKA_TRUSTED));
     EXPECT_FALSE(flag(session, certificate, CKA_MODIFIABLE));
     EXPECT_EQ(number(session, certificate, CKA_CERTIFICATE_CATEGORY), 0U);
@@ -105,8 +105,9 @@ TEST_F(StrictAttributesTest, ACertificateHasTheStandardsAttributes)
 TEST_F(StrictAttributesTest, AKeyThatTheDeviceHoldsInDerIsTakenApart)
 {
     // SubjectPublicKeyInfo of a modulus of 256 bytes, which begins with 0xC9.
-    Bytes der = {0x30, 0x82, 0x01, 0x22, 0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01,
-                 0x05, 0x00, 0x03, 0x82, 0x01, 0x0F, 0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00, 0xC9};
+    ByteVector der = {0x30, 0x82, 0x01, 0x22, 0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86,
+                      0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00, 0x03, 0x82, 0x01, 0x0F, 0x00,
+                      0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00, 0xC9};
     der.resize(der.size() + 255, 0x77);
     der.insert(der.end(), {0x02, 0x03, 0x01, 0x00, 0x01});
     p11.C_Finalize(nullptr);
@@ -115,7 +116,7 @@ TEST_F(StrictAttributesTest, AKeyThatTheDeviceHoldsInDerIsTakenApart)
     pair.publicKeyLength = static_cast<std::int32_t>(der.size());
     start();
     session = userSession();
-    Bytes modulus{0xC9};
+    ByteVector modulus{0xC9};
     modulus.resize(256, 0x77);
     EXPECT_EQ(modulusOf(2), modulus);
     EXPECT_EQ(find(session, {attribute(CKA_CLASS, publicClass), attribute(CKA_MODULUS, modulus)}).size(), 1U);
@@ -124,8 +125,8 @@ TEST_F(StrictAttributesTest, AKeyThatTheDeviceHoldsInDerIsTakenApart)
 TEST_F(StrictAttributesTest, EveryEntryOfATemplateIsTreated)
 {
     const CK_OBJECT_HANDLE priv = privateKey(session, 2);
-    Bytes modulus(256);
-    Bytes shortLabel(2);
+    ByteVector modulus(256);
+    ByteVector shortLabel(2);
     CK_ULONG keyType = 0;
     CK_ATTRIBUTE entries[] = {{CKA_PRIVATE_EXPONENT, modulus.data(), 256},
                               {CKA_EC_POINT, modulus.data(), 256},
@@ -143,7 +144,7 @@ TEST_F(StrictAttributesTest, EveryEntryOfATemplateIsTreated)
     EXPECT_EQ(modulus[0], 0xC5);
     EXPECT_EQ(entries[4].ulValueLen, 1U);
     EXPECT_EQ(keyType, CKK_RSA);
-    EXPECT_EQ(shortLabel, Bytes(2));
+    EXPECT_EQ(shortLabel, ByteVector(2));
     EXPECT_EQ(p11.C_GetAttributeValue(session, priv, nullptr, 1), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(p11.C_GetAttributeValue(session, 9999, entries, 1), CKR_OBJECT_HANDLE_INVALID);
 }
@@ -174,8 +175,8 @@ TEST_F(StrictAttributesTest, AnEmptyTemplateFindsAll)
 TEST_F(StrictAttributesTest, EveryAttributeOfATemplateIsHonoured)
 {
     std::string label = "pair 5";
-    Bytes id{5};
-    Bytes otherId{6};
+    ByteVector id{5};
+    ByteVector otherId{6};
     EXPECT_EQ(find(session, {attribute(CKA_LABEL, label)}).size(), 2U);
     EXPECT_EQ(find(session, {attribute(CKA_ID, id)}).size(), 2U);
     EXPECT_EQ(
@@ -187,12 +188,12 @@ TEST_F(StrictAttributesTest, EveryAttributeOfATemplateIsHonoured)
     EXPECT_TRUE(find(session, {attribute(CKA_CLASS, privateClass), attribute(CKA_SIGN, no)}).empty());
     EXPECT_TRUE(find(session, {attribute(CKA_TOKEN, no)}).empty());
     EXPECT_EQ(find(session, {attribute(CKA_TOKEN, yes), attribute(CKA_PRIVATE, yes)}).size(), 7U);
-    Bytes modulus = modulusOf(3);
+    ByteVector modulus = modulusOf(3);
     EXPECT_EQ(find(session, {attribute(CKA_MODULUS, modulus)}).size(), 2U);
-    Bytes point = value(session, publicKey(session, 6), CKA_EC_POINT);
+    ByteVector point = value(session, publicKey(session, 6), CKA_EC_POINT);
     EXPECT_EQ(find(session, {attribute(CKA_EC_POINT, point)}), Handles{publicKey(session, 6)});
-    Bytes subject = value(session, findOne(session, CKO_CERTIFICATE, "certificate 1"), CKA_SUBJECT);
-    Bytes issuer = value(session, findOne(session, CKO_CERTIFICATE, "certificate 1"), CKA_ISSUER);
+    ByteVector subject = value(session, findOne(session, CKO_CERTIFICATE, "certificate 1"), CKA_SUBJECT);
+    ByteVector issuer = value(session, findOne(session, CKO_CERTIFICATE, "certificate 1"), CKA_ISSUER);
     EXPECT_EQ(find(session, {attribute(CKA_SUBJECT, subject)}).size(), 1U);
     EXPECT_EQ(find(session, {attribute(CKA_CLASS, certificateClass), attribute(CKA_ISSUER, issuer)}).size(), 1U);
     CK_OBJECT_CLASS secret = CKO_SECRET_KEY;
@@ -201,7 +202,7 @@ TEST_F(StrictAttributesTest, EveryAttributeOfATemplateIsHonoured)
 
 TEST_F(StrictAttributesTest, ALabelNeedsNoZeroByteBehindIt)
 {
-    Bytes label = {'p', 'a', 'i', 'r', ' ', '5', '!', '!'};
+    ByteVector label = {'p', 'a', 'i', 'r', ' ', '5', '!', '!'};
     CK_ATTRIBUTE entry = {CKA_LABEL, label.data(), 6};
     EXPECT_EQ(find(session, {entry}).size(), 2U);
 }
@@ -235,11 +236,11 @@ TEST_F(StrictAttributesTest, LabelAndIdChangeOneByOne)
 {
     const CK_OBJECT_HANDLE priv = privateKey(session, 5);
     std::string label = "new label";
-    Bytes id{9, 9};
+    ByteVector id{9, 9};
     CK_ATTRIBUTE entry = attribute(CKA_LABEL, label);
     ASSERT_EQ(p11.C_SetAttributeValue(session, priv, &entry, 1), CKR_OK);
-    EXPECT_EQ(value(session, priv, CKA_LABEL), Bytes(label.begin(), label.end()));
-    EXPECT_EQ(value(session, priv, CKA_ID), Bytes{5});
+    EXPECT_EQ(value(session, priv, CKA_LABEL), ByteVector(label.begin(), label.end()));
+    EXPECT_EQ(value(session, priv, CKA_ID), ByteVector{5});
     entry = attribute(CKA_ID, id);
     ASSERT_EQ(p11.C_SetAttributeValue(session, priv, &entry, 1), CKR_OK);
     EXPECT_EQ(value(session, priv, CKA_ID), id);
@@ -280,8 +281,8 @@ TEST_F(StrictAttributesTest, AHandleNeverStandsForAnotherObject)
     EXPECT_NE(privateKey(session, 5), priv);
     pair.publicKey[10] ^= 0xFF;
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    Bytes signature;
-    EXPECT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, priv, Bytes(32), signature), CKR_KEY_HANDLE_INVALID);
+    ByteVector signature;
+    EXPECT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, priv, ByteVector(32), signature), CKR_KEY_HANDLE_INVALID);
 }
 
 TEST_F(StrictAttributesTest, AnObjectHasASize)

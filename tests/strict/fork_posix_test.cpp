@@ -43,9 +43,9 @@ TEST_F(StrictForkTest, AForkedChildIsUninitializedAndMayBeginAnew)
         if (slots().front() != slot || textIn(tokenInfo(slot).serialNumber) != padded(FIRST_DEVICE, 16))
             return 4;
         const CK_SESSION_HANDLE own = open(slot);
-        Bytes signature;
+        ByteVector signature;
         if (login(own) != CKR_OK ||
-            sign(own, {CKM_ECDSA, nullptr, 0}, privateKey(own, 5), Bytes(32), signature) != CKR_OK)
+            sign(own, {CKM_ECDSA, nullptr, 0}, privateKey(own, 5), ByteVector(32), signature) != CKR_OK)
             return 5;
         return p11.C_Finalize(nullptr) == CKR_OK ? 0 : 6;
     });
@@ -84,8 +84,8 @@ TEST_F(StrictForkTest, AProcessMayForkWhileAThreadSigns)
     const CK_SESSION_HANDLE session = userSession();
     device->signingDelayMilliseconds = 50;
     std::thread signer([&] {
-        Bytes signature;
-        EXPECT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, privateKey(session, 5), Bytes(32), signature), CKR_OK);
+        ByteVector signature;
+        EXPECT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, privateKey(session, 5), ByteVector(32), signature), CKR_OK);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(inChild([&] { return p11.C_Initialize(nullptr) == CKR_OK ? 0 : 1; }), 0);

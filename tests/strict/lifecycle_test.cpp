@@ -143,9 +143,9 @@ TEST_F(StrictLifecycleTest, RandomNumbersMayBeNoneAndSeedsAreNotTaken)
 {
     start();
     const CK_SESSION_HANDLE session = open(slots().front(), READ_ONLY);
-    Bytes random(8);
+    ByteVector random(8);
     EXPECT_EQ(p11.C_GenerateRandom(session, random.data(), 8), CKR_OK);
-    EXPECT_EQ(random, Bytes(8, 0x5A));
+    EXPECT_EQ(random, ByteVector(8, 0x5A));
     EXPECT_EQ(p11.C_GenerateRandom(session, random.data(), 0), CKR_OK);
     EXPECT_EQ(p11.C_GenerateRandom(session, nullptr, 0), CKR_OK);
     EXPECT_EQ(p11.C_GenerateRandom(session, nullptr, 1), CKR_ARGUMENTS_BAD);

@@ -16,8 +16,8 @@ protected:
 
     CK_RV signWith(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) const
     {
-        Bytes signature;
-        return sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, key, Bytes(10), signature);
+        ByteVector signature;
+        return sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, key, ByteVector(10), signature);
     }
 
     CK_SLOT_ID first = 0;
@@ -104,7 +104,7 @@ TEST_F(StrictLoginTest, LookingAtAnotherTokenGivesItNoForeignPin)
     EXPECT_EQ(find(other, {attribute(CKA_CLASS, objectClass), attribute(CKA_LABEL, label)}).size(), 1U);
     const Handles keys = find(other, {attribute(CKA_CLASS, objectClass)});
     ASSERT_EQ(keys.size(), 1U);
-    EXPECT_EQ(value(other, keys[0], CKA_LABEL), Bytes(label.begin(), label.end()));
+    EXPECT_EQ(value(other, keys[0], CKA_LABEL), ByteVector(label.begin(), label.end()));
     EXPECT_EQ(device->pinsSeen(SECOND_DEVICE), std::vector<std::string>{});
     EXPECT_EQ(signWith(one, privateKey(one, 2)), CKR_OK);
 }

@@ -40,12 +40,12 @@ protected:
 
     CK_RV signWith(CK_OBJECT_HANDLE key) const
     {
-        Bytes signature;
-        return sign(session, {CKM_ECDSA, nullptr, 0}, key, Bytes(32), signature);
+        ByteVector signature;
+        return sign(session, {CKM_ECDSA, nullptr, 0}, key, ByteVector(32), signature);
     }
 
     CK_SESSION_HANDLE session = 0;
-    Bytes p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+    ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
     CK_BBOOL yes = CK_TRUE;
     CK_BBOOL no = CK_FALSE;
     CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
@@ -73,13 +73,13 @@ TEST_F(StrictObjectsTest, KeyPairsTakeTheirTypeFromTheMechanism)
 TEST_F(StrictObjectsTest, IdAndLabelComeFromBothTemplates)
 {
     std::string label = "of public";
-    Bytes id{7, 7};
+    ByteVector id{7, 7};
     KeyPair pair;
     ASSERT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN,
                        {attribute(CKA_EC_PARAMS, p256), attribute(CKA_LABEL, label), attribute(CKA_TOKEN, yes)},
                        {attribute(CKA_ID, id), attribute(CKA_TOKEN, yes)}, pair),
               CKR_OK);
-    EXPECT_EQ(value(session, pair.privateKey, CKA_LABEL), Bytes(label.begin(), label.end()));
+    EXPECT_EQ(value(session, pair.privateKey, CKA_LABEL), ByteVector(label.begin(), label.end()));
     EXPECT_EQ(value(session, pair.publicKey, CKA_ID), id);
 }
 
@@ -92,15 +92,15 @@ TEST_F(StrictObjectsTest, UsageComesFromTheTemplates)
     EXPECT_FALSE(flag(session, pair.privateKey, CKA_SIGN));
     EXPECT_TRUE(flag(session, pair.privateKey, CKA_DECRYPT));
     EXPECT_FALSE(flag(session, pair.publicKey, CKA_VERIFY));
-    Bytes signature;
-    EXPECT_EQ(sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, pair.privateKey, Bytes(5), signature),
+    ByteVector signature;
+    EXPECT_EQ(sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, pair.privateKey, ByteVector(5), signature),
               CKR_KEY_FUNCTION_NOT_PERMITTED);
 }
 
 TEST_F(StrictObjectsTest, WhatTheTokenCannotGenerateIsRefused)
 {
     KeyPair pair;
-    Bytes curve = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x0A};
+    ByteVector curve = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x0A};
     EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, curve)}, {}, pair),
               CKR_DOMAIN_PARAMS_INVALID);
     EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {}, {}, pair), CKR_TEMPLATE_INCOMPLETE);
@@ -108,7 +108,7 @@ TEST_F(StrictObjectsTest, WhatTheTokenCannotGenerateIsRefused)
     bits = 1024;
     EXPECT_EQ(generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN, {attribute(CKA_MODULUS_BITS, bits)}, {}, pair),
               CKR_KEY_SIZE_RANGE);
-    Bytes three{3};
+    ByteVector three{3};
     bits = 2048;
     EXPECT_EQ(generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN,
                        {attribute(CKA_MODULUS_BITS, bits), attribute(CKA_PUBLIC_EXPONENT, three)}, {}, pair),
@@ -187,8 +187,8 @@ TEST_F(StrictObjectsTest, CopiesForTheSessionHaveNamesOfTheirOwn)
     CK_OBJECT_HANDLE alias = 0;
     ASSERT_EQ(copy(key, {attribute(CKA_TOKEN, no), attribute(CKA_LABEL, label)}, alias), CKR_OK);
     EXPECT_EQ(signWith(alias), CKR_OK);
-    EXPECT_EQ(value(session, alias, CKA_LABEL), Bytes(label.begin(), label.end()));
-    EXPECT_EQ(value(session, alias, CKA_ID), Bytes{5});
+    EXPECT_EQ(value(session, alias, CKA_LABEL), ByteVector(label.begin(), label.end()));
+    EXPECT_EQ(value(session, alias, CKA_ID), ByteVector{5});
     EXPECT_EQ(findOne(session, CKO_PRIVATE_KEY, label), alias);
     EXPECT_EQ(p11.C_DestroyObject(session, alias), CKR_OK);
     EXPECT_EQ(signWith(key), CKR_OK);
@@ -265,10 +265,10 @@ TEST_F(StrictObjectsTest, DestroyingNeedsTheRightSession)
 
 TEST_F(StrictObjectsTest, CertificatesAreStored)
 {
-    Bytes der{0x30, 0x03, 0x02, 0x01, 77};
+    ByteVector der{0x30, 0x03, 0x02, 0x01, 77};
     device->detailsOf(der).subjectCommonName = "Fresh";
     std::string label = "stored";
-    Bytes id{3, 3};
+    ByteVector id{3, 3};
     CK_OBJECT_HANDLE object = 0;
     ASSERT_EQ(create({attribute(CKA_CLASS, certificateClass), attribute(CKA_TOKEN, yes), attribute(CKA_VALUE, der),
                       attribute(CKA_LABEL, label), attribute(CKA_ID, id)},
@@ -278,7 +278,7 @@ TEST_F(StrictObjectsTest, CertificatesAreStored)
     EXPECT_EQ(findOne(session, CKO_CERTIFICATE, label), object);
     EXPECT_EQ(create({attribute(CKA_CLASS, certificateClass), attribute(CKA_TOKEN, yes)}, object),
               CKR_TEMPLATE_INCOMPLETE);
-    Bytes noDer{1, 2, 3};
+    ByteVector noDer{1, 2, 3};
     EXPECT_EQ(create({attribute(CKA_CLASS, certificateClass), attribute(CKA_TOKEN, yes), attribute(CKA_VALUE, noDer)},
                      object),
               CKR_ATTRIBUTE_VALUE_INVALID);
@@ -286,8 +286,8 @@ TEST_F(StrictObjectsTest, CertificatesAreStored)
 
 TEST_F(StrictObjectsTest, ACertificateOfTheSessionStaysInTheFront)
 {
-    Bytes der{0x30, 0x03, 0x02, 0x01, 78};
-    Bytes subject{0x30, 0x00};
+    ByteVector der{0x30, 0x03, 0x02, 0x01, 78};
+    ByteVector subject{0x30, 0x00};
     CK_OBJECT_HANDLE object = 0;
     ASSERT_EQ(
         create({attribute(CKA_CLASS, certificateClass), attribute(CKA_VALUE, der), attribute(CKA_SUBJECT, subject)},
@@ -300,30 +300,31 @@ TEST_F(StrictObjectsTest, ACertificateOfTheSessionStaysInTheFront)
 
 TEST_F(StrictObjectsTest, APublicKeyOfAPairVerifies)
 {
-    Bytes modulus = value(session, publicKey(session, 2), CKA_MODULUS);
-    Bytes exponent{1, 0, 1};
+    ByteVector modulus = value(session, publicKey(session, 2), CKA_MODULUS);
+    ByteVector exponent{1, 0, 1};
     CK_OBJECT_HANDLE object = 0;
     ASSERT_EQ(create({attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, rsa), attribute(CKA_MODULUS, modulus),
                       attribute(CKA_PUBLIC_EXPONENT, exponent)},
                      object),
               CKR_OK);
     EXPECT_TRUE(flag(session, object, CKA_VERIFY));
-    Bytes signature;
-    ASSERT_EQ(sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, privateKey(session, 2), Bytes(9), signature), CKR_OK);
-    EXPECT_EQ(verify(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, object, Bytes(9), signature), CKR_OK);
-    Bytes point = value(session, publicKey(session, 5), CKA_EC_POINT);
+    ByteVector signature;
+    ASSERT_EQ(sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, privateKey(session, 2), ByteVector(9), signature),
+              CKR_OK);
+    EXPECT_EQ(verify(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, object, ByteVector(9), signature), CKR_OK);
+    ByteVector point = value(session, publicKey(session, 5), CKA_EC_POINT);
     ASSERT_EQ(create({attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, ec), attribute(CKA_EC_POINT, point),
                       attribute(CKA_EC_PARAMS, p256)},
                      object),
               CKR_OK);
-    ASSERT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, privateKey(session, 5), Bytes(32), signature), CKR_OK);
-    EXPECT_EQ(verify(session, {CKM_ECDSA, nullptr, 0}, object, Bytes(32), signature), CKR_OK);
+    ASSERT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, privateKey(session, 5), ByteVector(32), signature), CKR_OK);
+    EXPECT_EQ(verify(session, {CKM_ECDSA, nullptr, 0}, object, ByteVector(32), signature), CKR_OK);
 }
 
 TEST_F(StrictObjectsTest, APublicKeyThatIsOnNoTokenCanBeReadButNotUsed)
 {
-    Bytes modulus(256, 0x99);
-    Bytes exponent{1, 0, 1};
+    ByteVector modulus(256, 0x99);
+    ByteVector exponent{1, 0, 1};
     CK_OBJECT_HANDLE object = 0;
     const std::vector<CK_ATTRIBUTE> key = {attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, rsa),
                                            attribute(CKA_MODULUS, modulus), attribute(CKA_PUBLIC_EXPONENT, exponent)};
@@ -331,7 +332,7 @@ TEST_F(StrictObjectsTest, APublicKeyThatIsOnNoTokenCanBeReadButNotUsed)
     EXPECT_EQ(value(session, object, CKA_MODULUS), modulus);
     EXPECT_EQ(number(session, object, CKA_MODULUS_BITS), 2048U);
     EXPECT_FALSE(flag(session, object, CKA_VERIFY));
-    EXPECT_EQ(verify(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, object, Bytes(9), Bytes(256)),
+    EXPECT_EQ(verify(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, object, ByteVector(9), ByteVector(256)),
               CKR_KEY_FUNCTION_NOT_PERMITTED);
     EXPECT_TRUE(isLogged("C_VerifyInit: the pair of this public key is not on the token"));
     std::vector<CK_ATTRIBUTE> onToken = key;
@@ -343,7 +344,7 @@ TEST_F(StrictObjectsTest, DataObjectsLiveInTheirSession)
 {
     std::string label = "note";
     std::string application = "test";
-    Bytes content{1, 2, 3};
+    ByteVector content{1, 2, 3};
     CK_OBJECT_HANDLE object = 0;
     ASSERT_EQ(create({attribute(CKA_CLASS, dataClass), attribute(CKA_LABEL, label),
                       attribute(CKA_APPLICATION, application), attribute(CKA_VALUE, content)},
@@ -367,14 +368,14 @@ TEST_F(StrictObjectsTest, WhatCannotBeCreatedIsRefused)
 {
     CK_OBJECT_HANDLE object = 0;
     CK_OBJECT_CLASS secret = CKO_SECRET_KEY;
-    Bytes some{1};
+    ByteVector some{1};
     EXPECT_EQ(create({}, object), CKR_TEMPLATE_INCOMPLETE);
     EXPECT_EQ(create({attribute(CKA_CLASS, secret)}, object), CKR_ATTRIBUTE_VALUE_INVALID);
     EXPECT_EQ(create({attribute(CKA_CLASS, privateClass), attribute(CKA_KEY_TYPE, ec)}, object),
               CKR_ATTRIBUTE_VALUE_INVALID);
     EXPECT_EQ(create({attribute(CKA_CLASS, privateClass), attribute(CKA_KEY_TYPE, rsa)}, object),
               CKR_TEMPLATE_INCOMPLETE);
-    Bytes small(128, 0xC1);
+    ByteVector small(128, 0xC1);
     EXPECT_EQ(create({attribute(CKA_CLASS, privateClass), attribute(CKA_KEY_TYPE, rsa), attribute(CKA_MODULUS, small),
                       attribute(CKA_PRIVATE_EXPONENT, some), attribute(CKA_PRIME_1, some)},
                      object),
@@ -386,7 +387,7 @@ TEST_F(StrictObjectsTest, WhatCannotBeCreatedIsRefused)
 
 TEST_F(StrictObjectsTest, DerivedKeysAreSessionObjectsOfTheirTemplate)
 {
-    Bytes point(65, 0x31);
+    ByteVector point(65, 0x31);
     point[0] = 0x04;
     std::string label = "secret";
     CK_ULONG length = 16;
@@ -395,7 +396,7 @@ TEST_F(StrictObjectsTest, DerivedKeysAreSessionObjectsOfTheirTemplate)
     CK_ATTRIBUTE entries[] = {attribute(CKA_LABEL, label), attribute(CKA_VALUE_LEN, length)};
     CK_OBJECT_HANDLE secret = 0;
     ASSERT_EQ(p11.C_DeriveKey(session, &mechanism, privateKey(session, 5), entries, 2, &secret), CKR_OK);
-    EXPECT_EQ(value(session, secret, CKA_VALUE), Bytes(16, 0x31));
+    EXPECT_EQ(value(session, secret, CKA_VALUE), ByteVector(16, 0x31));
     EXPECT_EQ(number(session, secret, CKA_VALUE_LEN), 16U);
     EXPECT_EQ(number(session, secret, CKA_CLASS), CKO_SECRET_KEY);
     EXPECT_EQ(findOne(session, CKO_SECRET_KEY, label), secret);
@@ -408,18 +409,18 @@ TEST_F(StrictObjectsTest, DerivedKeysAreSessionObjectsOfTheirTemplate)
 
 TEST_F(StrictObjectsTest, APeersPointMayBeBareOrInDer)
 {
-    Bytes der{0x04, 0x41, 0x04};
+    ByteVector der{0x04, 0x41, 0x04};
     der.resize(67, 0x31);
     CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, 67, der.data()};
     CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
     CK_OBJECT_HANDLE secret = 0;
     ASSERT_EQ(p11.C_DeriveKey(session, &mechanism, privateKey(session, 5), nullptr, 0, &secret), CKR_OK);
-    EXPECT_EQ(value(session, secret, CKA_VALUE), Bytes(64, 0x31));
+    EXPECT_EQ(value(session, secret, CKA_VALUE), ByteVector(64, 0x31));
 }
 
 TEST_F(StrictObjectsTest, WhatTheDeviceWouldDeriveOtherwiseIsRefused)
 {
-    Bytes point(65, 0x31);
+    ByteVector point(65, 0x31);
     point[0] = 0x04;
     CK_ECDH1_DERIVE_PARAMS parameter{CKD_SHA256_KDF, 0, nullptr, 65, point.data()};
     CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};

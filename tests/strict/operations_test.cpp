@@ -27,14 +27,14 @@ protected:
     {
         return p11.C_SignInit(session, &mechanism, key);
     }
-    Bytes lastSigned() const { return device->signatures().back().input; }
+    ByteVector lastSigned() const { return device->signatures().back().input; }
 
     CK_SESSION_HANDLE session = 0;
     CK_OBJECT_HANDLE rsaKey = 0;
     CK_OBJECT_HANDLE rsaPublic = 0;
     CK_OBJECT_HANDLE ecKey = 0;
     CK_OBJECT_HANDLE ecPublic = 0;
-    Bytes data = Bytes(100, 0x42);
+    ByteVector data = ByteVector(100, 0x42);
 };
 
 TEST_F(StrictOperationsTest, DigestsWorkInPublicReadOnlySessions)
@@ -42,10 +42,10 @@ TEST_F(StrictOperationsTest, DigestsWorkInPublicReadOnlySessions)
     const CK_SESSION_HANDLE other = open(slots()[1], READ_ONLY);
     CK_MECHANISM mechanism = plain(CKM_SHA256);
     ASSERT_EQ(p11.C_DigestInit(other, &mechanism), CKR_OK);
-    Bytes hash(32);
+    ByteVector hash(32);
     CK_ULONG length = 32;
     EXPECT_EQ(p11.C_Digest(other, data.data(), 100, hash.data(), &length), CKR_OK);
-    EXPECT_EQ(hash, Bytes(32, 0x42));
+    EXPECT_EQ(hash, ByteVector(32, 0x42));
 }
 
 TEST_F(StrictOperationsTest, ALengthIsToldAndAShortBufferLeavesTheDigestActive)
@@ -55,20 +55,20 @@ TEST_F(StrictOperationsTest, ALengthIsToldAndAShortBufferLeavesTheDigestActive)
     CK_ULONG length = 0;
     EXPECT_EQ(p11.C_Digest(session, data.data(), 100, nullptr, &length), CKR_OK);
     EXPECT_EQ(length, 32U);
-    Bytes hash(32, 0xEE);
+    ByteVector hash(32, 0xEE);
     length = 31;
     EXPECT_EQ(p11.C_Digest(session, data.data(), 100, hash.data(), &length), CKR_BUFFER_TOO_SMALL);
     EXPECT_EQ(length, 32U);
-    EXPECT_EQ(hash, Bytes(32, 0xEE));
-    Bytes other(100, 0x43);
+    EXPECT_EQ(hash, ByteVector(32, 0xEE));
+    ByteVector other(100, 0x43);
     EXPECT_EQ(p11.C_Digest(session, other.data(), 100, hash.data(), &length), CKR_OK);
-    EXPECT_EQ(hash, Bytes(32, 0x43));
+    EXPECT_EQ(hash, ByteVector(32, 0x43));
     EXPECT_EQ(p11.C_Digest(session, data.data(), 100, hash.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
 }
 
 TEST_F(StrictOperationsTest, SinglePartAndMultiPartDoNotMix)
 {
-    Bytes out(512);
+    ByteVector out(512);
     CK_ULONG length = 512;
     ASSERT_EQ(digestInit(CKM_SHA256), CKR_OK);
     ASSERT_EQ(p11.C_DigestUpdate(session, data.data(), 10), CKR_OK);
@@ -86,7 +86,7 @@ TEST_F(StrictOperationsTest, AnyOtherFailureEndsTheOperation)
     EXPECT_EQ(p11.C_Digest(session, nullptr, 10, nullptr, nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(p11.C_DigestUpdate(session, data.data(), 10), CKR_OPERATION_NOT_INITIALIZED);
     ASSERT_EQ(signInit(plain(CKM_RSA_PKCS), rsaKey), CKR_OK);
-    Bytes out(256);
+    ByteVector out(256);
     CK_ULONG length = 256;
     EXPECT_EQ(p11.C_Sign(session, data.data(), 32, out.data(), &length), CKR_DATA_LEN_RANGE);
     EXPECT_EQ(p11.C_Sign(session, data.data(), 51, out.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
@@ -98,15 +98,15 @@ TEST_F(StrictOperationsTest, PartsAreDigestedTogetherAndNothingHasItsConstant)
     ASSERT_EQ(p11.C_DigestUpdate(session, data.data(), 20), CKR_OK);
     ASSERT_EQ(p11.C_DigestUpdate(session, data.data(), 0), CKR_OK);
     ASSERT_EQ(p11.C_DigestUpdate(session, data.data(), 20), CKR_OK);
-    Bytes hash(32);
+    ByteVector hash(32);
     CK_ULONG length = 32;
     ASSERT_EQ(p11.C_DigestFinal(session, hash.data(), &length), CKR_OK);
-    EXPECT_EQ(hash, Bytes(32, 0x42));
+    EXPECT_EQ(hash, ByteVector(32, 0x42));
     ASSERT_EQ(digestInit(CKM_SHA_1), CKR_OK);
     length = 32;
     ASSERT_EQ(p11.C_Digest(session, nullptr, 0, hash.data(), &length), CKR_OK);
     EXPECT_EQ(length, 20U);
-    EXPECT_EQ(Bytes(hash.begin(), hash.begin() + 4), (Bytes{0xDA, 0x39, 0xA3, 0xEE}));
+    EXPECT_EQ(ByteVector(hash.begin(), hash.begin() + 4), (ByteVector{0xDA, 0x39, 0xA3, 0xEE}));
 }
 
 TEST_F(StrictOperationsTest, UnknownDigestsAreRefused)
@@ -125,11 +125,11 @@ TEST_F(StrictOperationsTest, EveryMechanismSignsAndVerifies)
         CKM_ECDSA_SHA1,    CKM_ECDSA_SHA224,    CKM_ECDSA_SHA256,    CKM_ECDSA_SHA384,    CKM_ECDSA_SHA512};
     for (const CK_MECHANISM_TYPE type : types) {
         const bool isEc = type >= CKM_ECDSA;
-        Bytes signature;
+        ByteVector signature;
         ASSERT_EQ(sign(session, plain(type), isEc ? ecKey : rsaKey, data, signature), CKR_OK) << type;
         EXPECT_EQ(signature.size(), isEc ? 64U : 256U);
         EXPECT_EQ(verify(session, plain(type), isEc ? ecPublic : rsaPublic, data, signature), CKR_OK) << type;
-        EXPECT_EQ(verify(session, plain(type), isEc ? ecPublic : rsaPublic, Bytes(100, 0x41), signature),
+        EXPECT_EQ(verify(session, plain(type), isEc ? ecPublic : rsaPublic, ByteVector(100, 0x41), signature),
                   CKR_SIGNATURE_INVALID);
     }
 }
@@ -140,14 +140,14 @@ TEST_F(StrictOperationsTest, PartsAndWholesGiveTheSameSignature)
     for (const CK_MECHANISM_TYPE type : types) {
         const CK_OBJECT_HANDLE key = type == CKM_SHA384_RSA_PKCS ? rsaKey : ecKey;
         const CK_OBJECT_HANDLE pub = type == CKM_SHA384_RSA_PKCS ? rsaPublic : ecPublic;
-        Bytes whole;
+        ByteVector whole;
         ASSERT_EQ(sign(session, plain(type), key, data, whole), CKR_OK);
         ASSERT_EQ(signInit(plain(type), key), CKR_OK);
         ASSERT_EQ(p11.C_SignUpdate(session, data.data(), 60), CKR_OK);
         ASSERT_EQ(p11.C_SignUpdate(session, data.data() + 60, 40), CKR_OK);
         CK_ULONG length = 0;
         ASSERT_EQ(p11.C_SignFinal(session, nullptr, &length), CKR_OK);
-        Bytes parts(length);
+        ByteVector parts(length);
         ASSERT_EQ(p11.C_SignFinal(session, parts.data(), &length), CKR_OK);
         EXPECT_EQ(parts, whole);
         CK_MECHANISM mechanism = plain(type);
@@ -162,7 +162,7 @@ TEST_F(StrictOperationsTest, PssIsVerifiedInPartsWithItsOwnHash)
 {
     CK_RSA_PKCS_PSS_PARAMS parameter{CKM_SHA384, CKG_MGF1_SHA384, 48};
     CK_MECHANISM mechanism = {CKM_SHA384_RSA_PKCS_PSS, &parameter, sizeof parameter};
-    Bytes signature;
+    ByteVector signature;
     ASSERT_EQ(sign(session, mechanism, rsaKey, data, signature), CKR_OK);
     EXPECT_TRUE(device->signatures().back().isPss);
     ASSERT_EQ(p11.C_VerifyInit(session, &mechanism, rsaPublic), CKR_OK);
@@ -175,16 +175,16 @@ TEST_F(StrictOperationsTest, ADigestDoesNotLeakIntoASignature)
     ASSERT_EQ(digestInit(CKM_SHA256), CKR_OK);
     ASSERT_EQ(p11.C_DigestUpdate(session, data.data(), 50), CKR_OK);
     ASSERT_EQ(signInit(plain(CKM_SHA256_RSA_PKCS), rsaKey), CKR_OK);
-    Bytes part(40, 0x11);
+    ByteVector part(40, 0x11);
     ASSERT_EQ(p11.C_SignUpdate(session, part.data(), 40), CKR_OK);
-    Bytes signature(256);
+    ByteVector signature(256);
     CK_ULONG length = 256;
     ASSERT_EQ(p11.C_SignFinal(session, signature.data(), &length), CKR_OK);
-    EXPECT_EQ(lastSigned(), Bytes(32, 0x11));
-    Bytes hash(32);
+    EXPECT_EQ(lastSigned(), ByteVector(32, 0x11));
+    ByteVector hash(32);
     length = 32;
     ASSERT_EQ(p11.C_DigestFinal(session, hash.data(), &length), CKR_OK);
-    EXPECT_EQ(hash, Bytes(32, 0x42));
+    EXPECT_EQ(hash, ByteVector(32, 0x42));
 }
 
 TEST_F(StrictOperationsTest, OperationsOfAllKindsRunSideBySide)
@@ -196,7 +196,7 @@ TEST_F(StrictOperationsTest, OperationsOfAllKindsRunSideBySide)
     ASSERT_EQ(p11.C_EncryptInit(session, &rsa, rsaPublic), CKR_OK);
     ASSERT_EQ(p11.C_DecryptInit(session, &rsa, rsaKey), CKR_OK);
     ASSERT_EQ(p11.C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-    Bytes out(256);
+    ByteVector out(256);
     CK_ULONG length = 256;
     EXPECT_EQ(p11.C_Encrypt(session, data.data(), 20, out.data(), &length), CKR_OK);
     length = 256;
@@ -213,18 +213,18 @@ TEST_F(StrictOperationsTest, SessionsSignWithTheirOwnKeys)
     ASSERT_EQ(p11.C_SignInit(session, &mechanism, ecKey), CKR_OK);
     ASSERT_EQ(p11.C_SignInit(other, &mechanism, otherKey), CKR_OK);
     value(session, rsaPublic, CKA_MODULUS);
-    Bytes out(96);
+    ByteVector out(96);
     CK_ULONG length = 96;
     ASSERT_EQ(p11.C_Sign(session, data.data(), 40, out.data(), &length), CKR_OK);
-    EXPECT_EQ(device->signatures().back().keyIdentifier, Bytes(16, 0xA5));
+    EXPECT_EQ(device->signatures().back().keyIdentifier, ByteVector(16, 0xA5));
     length = 96;
     ASSERT_EQ(p11.C_Sign(other, data.data(), 40, out.data(), &length), CKR_OK);
-    EXPECT_EQ(device->signatures().back().keyIdentifier, Bytes(16, 0xA6));
+    EXPECT_EQ(device->signatures().back().keyIdentifier, ByteVector(16, 0xA6));
 }
 
 TEST_F(StrictOperationsTest, TheKeyUsedLastIsNotLookedUpAgain)
 {
-    Bytes signature;
+    ByteVector signature;
     ASSERT_EQ(sign(session, plain(CKM_ECDSA), ecKey, data, signature), CKR_OK);
     int before = device->keyListReads;
     ASSERT_EQ(sign(session, plain(CKM_ECDSA), ecKey, data, signature), CKR_OK);
@@ -239,18 +239,18 @@ TEST_F(StrictOperationsTest, TheKeyUsedLastIsNotLookedUpAgain)
 TEST_F(StrictOperationsTest, NothingIsWrittenPastTheCallersLength)
 {
     ASSERT_EQ(signInit(plain(CKM_SHA256_RSA_PKCS), rsaKey), CKR_OK);
-    Bytes signature(256, 0xEE);
+    ByteVector signature(256, 0xEE);
     CK_ULONG length = 255;
     EXPECT_EQ(p11.C_Sign(session, data.data(), 100, signature.data(), &length), CKR_BUFFER_TOO_SMALL);
     EXPECT_EQ(length, 256U);
-    EXPECT_EQ(signature, Bytes(256, 0xEE));
+    EXPECT_EQ(signature, ByteVector(256, 0xEE));
     EXPECT_EQ(device->signatures().size(), 0U);
     EXPECT_EQ(p11.C_Sign(session, data.data(), 100, signature.data(), &length), CKR_OK);
 }
 
 TEST_F(StrictOperationsTest, EmptyMessagesAreSigned)
 {
-    Bytes signature;
+    ByteVector signature;
     ASSERT_EQ(sign(session, plain(CKM_SHA256_RSA_PKCS), rsaKey, {}, signature), CKR_OK);
     EXPECT_EQ(lastSigned()[0], 0xE3);
     EXPECT_EQ(verify(session, plain(CKM_SHA256_RSA_PKCS), rsaPublic, {}, signature), CKR_OK);
@@ -263,18 +263,18 @@ TEST_F(StrictOperationsTest, EmptyMessagesAreSigned)
 
 TEST_F(StrictOperationsTest, AValueThatTheDeviceWouldWrapIsRefused)
 {
-    Bytes signature;
+    ByteVector signature;
     for (const std::size_t size : {20U, 28U, 32U, 48U, 64U})
-        EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, Bytes(size, 1), signature), CKR_DATA_LEN_RANGE);
-    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, Bytes(246, 1), signature), CKR_DATA_LEN_RANGE);
-    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, Bytes(51, 1), signature), CKR_OK);
-    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, Bytes(245, 1), signature), CKR_OK);
+        EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, ByteVector(size, 1), signature), CKR_DATA_LEN_RANGE);
+    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, ByteVector(246, 1), signature), CKR_DATA_LEN_RANGE);
+    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, ByteVector(51, 1), signature), CKR_OK);
+    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), rsaKey, ByteVector(245, 1), signature), CKR_OK);
     EXPECT_EQ(sign(session, plain(CKM_ECDSA), ecKey, {}, signature), CKR_DATA_LEN_RANGE);
 }
 
 TEST_F(StrictOperationsTest, KeysHaveToSuit)
 {
-    Bytes signature;
+    ByteVector signature;
     EXPECT_EQ(sign(session, plain(CKM_ECDSA), rsaKey, data, signature), CKR_KEY_TYPE_INCONSISTENT);
     EXPECT_EQ(sign(session, plain(CKM_ECDSA), ecPublic, data, signature), CKR_KEY_TYPE_INCONSISTENT);
     EXPECT_EQ(sign(session, plain(CKM_ECDSA), 9999, data, signature), CKR_KEY_HANDLE_INVALID);
@@ -283,25 +283,25 @@ TEST_F(StrictOperationsTest, KeysHaveToSuit)
     EXPECT_EQ(p11.C_SignInit(session, nullptr, rsaKey), CKR_ARGUMENTS_BAD);
     CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
     EXPECT_EQ(p11.C_VerifyInit(session, &mechanism, rsaKey), CKR_KEY_TYPE_INCONSISTENT);
-    EXPECT_EQ(verify(session, plain(CKM_SHA256_RSA_PKCS), rsaPublic, data, Bytes(255)), CKR_SIGNATURE_LEN_RANGE);
-    EXPECT_EQ(verify(session, plain(CKM_ECDSA), ecPublic, data, Bytes(63)), CKR_SIGNATURE_LEN_RANGE);
+    EXPECT_EQ(verify(session, plain(CKM_SHA256_RSA_PKCS), rsaPublic, data, ByteVector(255)), CKR_SIGNATURE_LEN_RANGE);
+    EXPECT_EQ(verify(session, plain(CKM_ECDSA), ecPublic, data, ByteVector(63)), CKR_SIGNATURE_LEN_RANGE);
 }
 
 TEST_F(StrictOperationsTest, ParametersHaveToSayWhatTheDeviceDoes)
 {
-    Bytes signature;
+    ByteVector signature;
     CK_RSA_PKCS_PSS_PARAMS pss{CKM_SHA256, CKG_MGF1_SHA256, 32};
     CK_MECHANISM mechanism = {CKM_RSA_PKCS_PSS, &pss, sizeof pss};
-    EXPECT_EQ(sign(session, mechanism, rsaKey, Bytes(32), signature), CKR_OK);
-    EXPECT_EQ(sign(session, mechanism, rsaKey, Bytes(20), signature), CKR_DATA_LEN_RANGE);
+    EXPECT_EQ(sign(session, mechanism, rsaKey, ByteVector(32), signature), CKR_OK);
+    EXPECT_EQ(sign(session, mechanism, rsaKey, ByteVector(20), signature), CKR_DATA_LEN_RANGE);
     pss.sLen = 20;
-    EXPECT_EQ(sign(session, mechanism, rsaKey, Bytes(32), signature), CKR_MECHANISM_PARAM_INVALID);
+    EXPECT_EQ(sign(session, mechanism, rsaKey, ByteVector(32), signature), CKR_MECHANISM_PARAM_INVALID);
     pss = {CKM_SHA256, CKG_MGF1_SHA1, 32};
-    EXPECT_EQ(sign(session, mechanism, rsaKey, Bytes(32), signature), CKR_MECHANISM_PARAM_INVALID);
+    EXPECT_EQ(sign(session, mechanism, rsaKey, ByteVector(32), signature), CKR_MECHANISM_PARAM_INVALID);
     pss = {CKM_SHA256, CKG_MGF1_SHA256, 32};
     mechanism.mechanism = CKM_SHA512_RSA_PKCS_PSS;
     EXPECT_EQ(sign(session, mechanism, rsaKey, data, signature), CKR_MECHANISM_PARAM_INVALID);
-    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS_PSS), rsaKey, Bytes(32), signature), CKR_MECHANISM_PARAM_INVALID);
+    EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS_PSS), rsaKey, ByteVector(32), signature), CKR_MECHANISM_PARAM_INVALID);
     mechanism = {CKM_SHA256_RSA_PKCS, &pss, sizeof pss};
     EXPECT_EQ(sign(session, mechanism, rsaKey, data, signature), CKR_MECHANISM_PARAM_INVALID);
     CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA256, CKG_MGF1_SHA256, CKZ_DATA_SPECIFIED, nullptr, 0};
@@ -322,11 +322,11 @@ TEST_F(StrictOperationsTest, AFipsTokenDoesNotSignWithSha1)
     ASSERT_EQ(login(session), CKR_OK);
     const CK_OBJECT_HANDLE key = findOne(session, CKO_PRIVATE_KEY, "other pair");
     const CK_OBJECT_HANDLE pub = findOne(session, CKO_PUBLIC_KEY, "other pair");
-    Bytes signature;
+    ByteVector signature;
     EXPECT_EQ(sign(session, plain(CKM_SHA1_RSA_PKCS), key, data, signature), CKR_MECHANISM_INVALID);
     CK_MECHANISM mechanism = plain(CKM_SHA1_RSA_PKCS);
     EXPECT_EQ(p11.C_VerifyInit(session, &mechanism, pub), CKR_OK);
-    Bytes info = {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14};
+    ByteVector info = {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14};
     info.resize(35);
     EXPECT_EQ(sign(session, plain(CKM_RSA_PKCS), key, info, signature), CKR_DATA_INVALID);
 }
@@ -338,18 +338,18 @@ TEST_F(StrictOperationsTest, EncryptsAndDecrypts)
     CK_ULONG length = 0;
     ASSERT_EQ(p11.C_Encrypt(session, data.data(), 100, nullptr, &length), CKR_OK);
     EXPECT_EQ(length, 256U);
-    Bytes cipher(256);
+    ByteVector cipher(256);
     length = 255;
     EXPECT_EQ(p11.C_Encrypt(session, data.data(), 100, cipher.data(), &length), CKR_BUFFER_TOO_SMALL);
     ASSERT_EQ(p11.C_Encrypt(session, data.data(), 100, cipher.data(), &length), CKR_OK);
     ASSERT_EQ(p11.C_DecryptInit(session, &mechanism, rsaKey), CKR_OK);
     ASSERT_EQ(p11.C_Decrypt(session, cipher.data(), 256, nullptr, &length), CKR_OK);
     EXPECT_GE(length, 100U);
-    Bytes text(100, 0xEE);
+    ByteVector text(100, 0xEE);
     length = 99;
     EXPECT_EQ(p11.C_Decrypt(session, cipher.data(), 256, text.data(), &length), CKR_BUFFER_TOO_SMALL);
     EXPECT_EQ(length, 100U);
-    EXPECT_EQ(text, Bytes(100, 0xEE));
+    EXPECT_EQ(text, ByteVector(100, 0xEE));
     ASSERT_EQ(p11.C_Decrypt(session, cipher.data(), 256, text.data(), &length), CKR_OK);
     EXPECT_EQ(text, data);
 }
@@ -357,7 +357,7 @@ TEST_F(StrictOperationsTest, EncryptsAndDecrypts)
 TEST_F(StrictOperationsTest, PartsOfCiphersAreGathered)
 {
     CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
-    Bytes out(256);
+    ByteVector out(256);
     CK_ULONG length = 256;
     ASSERT_EQ(p11.C_EncryptInit(session, &mechanism, rsaPublic), CKR_OK);
     ASSERT_EQ(p11.C_EncryptUpdate(session, data.data(), 60, out.data(), &length), CKR_OK);
@@ -368,7 +368,7 @@ TEST_F(StrictOperationsTest, PartsOfCiphersAreGathered)
     EXPECT_EQ(p11.C_EncryptFinal(session, out.data(), &length), CKR_BUFFER_TOO_SMALL);
     ASSERT_EQ(p11.C_EncryptFinal(session, out.data(), &length), CKR_OK);
     EXPECT_EQ(length, 256U);
-    Bytes text(256);
+    ByteVector text(256);
     ASSERT_EQ(p11.C_DecryptInit(session, &mechanism, rsaKey), CKR_OK);
     length = 256;
     ASSERT_EQ(p11.C_DecryptUpdate(session, out.data(), 200, text.data(), &length), CKR_OK);
@@ -377,13 +377,13 @@ TEST_F(StrictOperationsTest, PartsOfCiphersAreGathered)
     length = 256;
     ASSERT_EQ(p11.C_DecryptFinal(session, text.data(), &length), CKR_OK);
     EXPECT_EQ(length, 100U);
-    EXPECT_EQ(Bytes(text.begin(), text.begin() + 100), data);
+    EXPECT_EQ(ByteVector(text.begin(), text.begin() + 100), data);
 }
 
 TEST_F(StrictOperationsTest, CiphersHaveTheirLimits)
 {
     CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
-    Bytes out(512);
+    ByteVector out(512);
     CK_ULONG length = 512;
     ASSERT_EQ(p11.C_EncryptInit(session, &mechanism, rsaPublic), CKR_OK);
     EXPECT_EQ(p11.C_Encrypt(session, out.data(), 246, out.data(), &length), CKR_DATA_LEN_RANGE);
@@ -405,7 +405,7 @@ TEST_F(StrictOperationsTest, ADeviceThatGoesIsTold)
         device->setUserPin(FIRST_DEVICE, "gone");
         device->setConnected({SECOND_DEVICE});
     }
-    Bytes out(64);
+    ByteVector out(64);
     CK_ULONG length = 64;
     EXPECT_EQ(p11.C_Sign(session, data.data(), 40, out.data(), &length), CKR_DEVICE_REMOVED);
     CK_SESSION_INFO info;

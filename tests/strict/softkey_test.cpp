@@ -23,10 +23,10 @@ namespace
 using softkey::test::NULL_DEVICE;
 using softkey::test::softkeyTool;
 using test_system::GuardedBuffer;
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
 /// Packed structures count with 32 bits.
-CK_ULONG sizeOf(const Bytes& bytes)
+CK_ULONG sizeOf(const ByteVector& bytes)
 {
     return static_cast<CK_ULONG>(bytes.size());
 }
@@ -137,7 +137,7 @@ protected:
 
     static KeyPair generateEc(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
     {
-        Bytes p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+        ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
         return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, p256.data(), sizeOf(p256)}, onToken);
     }
 
@@ -153,7 +153,7 @@ protected:
     }
 
     /// The length is asked for; the signature then ends where memory ends.
-    static Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data)
+    static ByteVector sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data)
     {
         EXPECT_EQ(p11().C_SignInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
         CK_ULONG length = 0;
@@ -168,15 +168,15 @@ protected:
         return {signature.data(), signature.data() + length};
     }
 
-    static CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-                        Bytes signature)
+    static CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+                        ByteVector signature)
     {
         EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK) << mechanism.mechanism;
         return p11().C_Verify(session, data.data(), sizeOf(data), signature.data(), sizeOf(signature));
     }
 
-    static CK_RV verifyInParts(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-                               Bytes signature)
+    static CK_RV verifyInParts(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+                               ByteVector signature)
     {
         EXPECT_EQ(p11().C_VerifyInit(session, &mechanism, key), CKR_OK);
         EXPECT_EQ(p11().C_VerifyUpdate(session, data.data(), 1), CKR_OK);
@@ -234,8 +234,8 @@ protected:
                 return;
         }
         CK_MECHANISM mechanism = {CKM_ECDSA_SHA256, nullptr, 0};
-        Bytes data(20, 1);
-        Bytes signature(64);
+        ByteVector data(20, 1);
+        ByteVector signature(64);
         CK_ULONG length = 64;
         if (p11().C_SignInit(session, &mechanism, halves[0]) != CKR_OK ||
             p11().C_Sign(session, data.data(), sizeOf(data), signature.data(), &length) != CKR_OK ||
@@ -246,11 +246,11 @@ protected:
         wrongKeys += result == CKR_SIGNATURE_INVALID ? 1 : 0;
     }
 
-    static Bytes value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
+    static ByteVector value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
     {
         CK_ATTRIBUTE entry = {type, nullptr, 0};
         EXPECT_EQ(p11().C_GetAttributeValue(session, object, &entry, 1), CKR_OK);
-        Bytes bytes(entry.ulValueLen);
+        ByteVector bytes(entry.ulValueLen);
         entry.pValue = bytes.data();
         EXPECT_EQ(p11().C_GetAttributeValue(session, object, &entry, 1), CKR_OK);
         return bytes;
@@ -258,11 +258,11 @@ protected:
 
     void expectSignatures(CK_MECHANISM mechanism, CK_SESSION_HANDLE session, const KeyPair& pair) const
     {
-        const Bytes data(100, 0x42);
-        const Bytes signature = sign(session, mechanism, pair.privateKey, data);
+        const ByteVector data(100, 0x42);
+        const ByteVector signature = sign(session, mechanism, pair.privateKey, data);
         EXPECT_EQ(verify(session, mechanism, pair.publicKey, data, signature), CKR_OK) << mechanism.mechanism;
         EXPECT_EQ(verifyInParts(session, mechanism, pair.publicKey, data, signature), CKR_OK) << mechanism.mechanism;
-        EXPECT_EQ(verify(session, mechanism, pair.publicKey, Bytes(100, 0x43), signature), CKR_SIGNATURE_INVALID);
+        EXPECT_EQ(verify(session, mechanism, pair.publicKey, ByteVector(100, 0x43), signature), CKR_SIGNATURE_INVALID);
     }
 };
 
@@ -292,18 +292,19 @@ TEST_F(StrictSoftkeyTest, PssSignsAndVerifiesInBothWays)
     for (std::size_t index = 0; index < std::size(types); ++index)
         expectSignatures({types[index], &parameters[index], sizeof parameters[index]}, session, rsa);
     CK_MECHANISM raw = {CKM_RSA_PKCS_PSS, &parameters[1], sizeof parameters[1]};
-    const Bytes signature = sign(session, raw, rsa.privateKey, Bytes(32, 7));
-    EXPECT_EQ(verifyInParts(session, raw, rsa.publicKey, Bytes(32, 7), signature), CKR_OK);
+    const ByteVector signature = sign(session, raw, rsa.privateKey, ByteVector(32, 7));
+    EXPECT_EQ(verifyInParts(session, raw, rsa.publicKey, ByteVector(32, 7), signature), CKR_OK);
 }
 
 TEST_F(StrictSoftkeyTest, EmptyMessagesVerifyAndRawSignaturesAreThoseOfTheirDigestInfo)
 {
     const CK_SESSION_HANDLE session = userSession();
     const KeyPair rsa = generateRsa(session);
-    const Bytes signature = sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, rsa.privateKey, {});
-    Bytes info = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00,
-                  0x04, 0x20, 0xe3, 0xb0, 0xc4, 0x42, 0x98, 0xfc, 0x1c, 0x14, 0x9a, 0xfb, 0xf4, 0xc8, 0x99, 0x6f, 0xb9,
-                  0x24, 0x27, 0xae, 0x41, 0xe4, 0x64, 0x9b, 0x93, 0x4c, 0xa4, 0x95, 0x99, 0x1b, 0x78, 0x52, 0xb8, 0x55};
+    const ByteVector signature = sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, rsa.privateKey, {});
+    ByteVector info = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04,
+                       0x02, 0x01, 0x05, 0x00, 0x04, 0x20, 0xe3, 0xb0, 0xc4, 0x42, 0x98, 0xfc, 0x1c,
+                       0x14, 0x9a, 0xfb, 0xf4, 0xc8, 0x99, 0x6f, 0xb9, 0x24, 0x27, 0xae, 0x41, 0xe4,
+                       0x64, 0x9b, 0x93, 0x4c, 0xa4, 0x95, 0x99, 0x1b, 0x78, 0x52, 0xb8, 0x55};
     EXPECT_EQ(verify(session, {CKM_RSA_PKCS, nullptr, 0}, rsa.publicKey, info, signature), CKR_OK);
     EXPECT_EQ(sign(session, {CKM_RSA_PKCS, nullptr, 0}, rsa.privateKey, info), signature);
 }
@@ -315,7 +316,7 @@ TEST_F(StrictSoftkeyTest, CiphersEndAtTheirBuffers)
     CK_RSA_PKCS_OAEP_PARAMS oaep{CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
     CK_MECHANISM mechanisms[] = {{CKM_RSA_PKCS, nullptr, 0}, {CKM_RSA_PKCS_OAEP, &oaep, sizeof oaep}};
     for (CK_MECHANISM& mechanism : mechanisms) {
-        Bytes text(33, 0x61);
+        ByteVector text(33, 0x61);
         const GuardedBuffer cipher(256);
         CK_ULONG length = 256;
         ASSERT_EQ(p11().C_EncryptInit(session, &mechanism, rsa.publicKey), CKR_OK);
@@ -327,7 +328,7 @@ TEST_F(StrictSoftkeyTest, CiphersEndAtTheirBuffers)
         ASSERT_EQ(length, 33U);
         const GuardedBuffer plain(33);
         ASSERT_EQ(p11().C_Decrypt(session, cipher.data(), 256, plain.data(), &length), CKR_OK);
-        EXPECT_EQ(Bytes(plain.data(), plain.data() + 33), text);
+        EXPECT_EQ(ByteVector(plain.data(), plain.data() + 33), text);
     }
 }
 
@@ -336,7 +337,7 @@ TEST_F(StrictSoftkeyTest, DigestsEndAtTheirBuffers)
     const CK_SESSION_HANDLE session = userSession();
     for (const auto& [type, size] : {std::pair{CKM_SHA_1, 20}, {CKM_SHA256, 32}, {CKM_SHA512, 64}}) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
-        Bytes data(10);
+        ByteVector data(10);
         const GuardedBuffer hash(static_cast<std::size_t>(size));
         CK_ULONG length = hash.size();
         ASSERT_EQ(p11().C_DigestInit(session, &mechanism), CKR_OK);
@@ -349,17 +350,17 @@ TEST_F(StrictSoftkeyTest, BothSidesDeriveTheSameSecret)
     const CK_SESSION_HANDLE session = userSession();
     const KeyPair one = generateEc(session, CK_FALSE);
     const KeyPair other = generateEc(session, CK_FALSE);
-    const auto derive = [&](CK_OBJECT_HANDLE base, Bytes point) {
+    const auto derive = [&](CK_OBJECT_HANDLE base, ByteVector point) {
         CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
         CK_OBJECT_HANDLE secret = 0;
         EXPECT_EQ(p11().C_DeriveKey(session, &mechanism, base, nullptr, 0, &secret), CKR_OK);
         return value(session, secret, CKA_VALUE);
     };
-    const Bytes first = derive(one.privateKey, value(session, other.publicKey, CKA_EC_POINT));
-    const Bytes bare = value(session, one.publicKey, CKA_EC_POINT);
+    const ByteVector first = derive(one.privateKey, value(session, other.publicKey, CKA_EC_POINT));
+    const ByteVector bare = value(session, one.publicKey, CKA_EC_POINT);
     EXPECT_EQ(first.size(), 32U);
-    EXPECT_EQ(derive(other.privateKey, Bytes(bare.begin() + 2, bare.end())), first);
+    EXPECT_EQ(derive(other.privateKey, ByteVector(bare.begin() + 2, bare.end())), first);
 }
 
 TEST_F(StrictSoftkeyTest, AKeyThatIsUnpluggedTakesItsSessionsAlongAndComesBackInItsSlot)
@@ -370,8 +371,8 @@ TEST_F(StrictSoftkeyTest, AKeyThatIsUnpluggedTakesItsSessionsAlongAndComesBackIn
     tool("unplug STRICT1");
     CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
     ASSERT_EQ(p11().C_SignInit(session, &mechanism, ec.privateKey), CKR_OK);
-    Bytes data(32);
-    Bytes signature(64);
+    ByteVector data(32);
+    ByteVector signature(64);
     CK_ULONG length = 64;
     EXPECT_EQ(p11().C_Sign(session, data.data(), 32, signature.data(), &length), CKR_DEVICE_REMOVED);
     CK_SESSION_INFO info;
@@ -399,8 +400,8 @@ TEST_F(StrictSoftkeyTest, ManyThreadsUseTwoTokensWithTheirOwnPins)
             const CK_SESSION_HANDLE session = userSession(thread % 3 == 2 ? 1 : 0);
             const CK_MECHANISM mechanism = {CKM_ECDSA_SHA256, nullptr, 0};
             for (int round = 0; round < 10; ++round) {
-                const Bytes signature = sign(session, mechanism, key.privateKey, Bytes(20, 1));
-                if (verify(session, mechanism, key.publicKey, Bytes(20, 1), signature) != CKR_OK)
+                const ByteVector signature = sign(session, mechanism, key.privateKey, ByteVector(20, 1));
+                if (verify(session, mechanism, key.publicKey, ByteVector(20, 1), signature) != CKR_OK)
                     ++failures;
             }
         });
@@ -449,7 +450,7 @@ TEST_F(StrictSoftkeyTest, ASessionPairGoesWithItsSessionUnlessItIsCopied)
     EXPECT_EQ(p11().C_CloseSession(session), CKR_OK);
     CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
     EXPECT_EQ(find(keeper, {{CKA_CLASS, &privateKey, sizeof privateKey}}), std::vector<CK_OBJECT_HANDLE>{copy});
-    sign(keeper, {CKM_ECDSA_SHA256, nullptr, 0}, copy, Bytes(20, 1));
+    sign(keeper, {CKM_ECDSA_SHA256, nullptr, 0}, copy, ByteVector(20, 1));
     EXPECT_EQ(p11().C_DestroyObject(keeper, copy), CKR_OK);
     EXPECT_EQ(find(keeper, {}).size(), 0U);
 }

@@ -133,13 +133,13 @@ CK_OBJECT_HANDLE StrictTest::publicKey(CK_SESSION_HANDLE session, int number) co
     return findOne(session, CKO_PUBLIC_KEY, "pair " + std::to_string(number));
 }
 
-Bytes StrictTest::value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const
+ByteVector StrictTest::value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const
 {
     CK_ATTRIBUTE entry = {type, nullptr, 0};
     EXPECT_EQ(p11.C_GetAttributeValue(session, object, &entry, 1), CKR_OK) << type;
     if (entry.ulValueLen == CK_UNAVAILABLE_INFORMATION)
         return {};
-    Bytes bytes(entry.ulValueLen);
+    ByteVector bytes(entry.ulValueLen);
     entry.pValue = bytes.data();
     EXPECT_EQ(p11.C_GetAttributeValue(session, object, &entry, 1), CKR_OK) << type;
     return bytes;
@@ -147,12 +147,12 @@ Bytes StrictTest::value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_A
 
 bool StrictTest::flag(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const
 {
-    return value(session, object, type) == Bytes{CK_TRUE};
+    return value(session, object, type) == ByteVector{CK_TRUE};
 }
 
 CK_ULONG StrictTest::number(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const
 {
-    const Bytes bytes = value(session, object, type);
+    const ByteVector bytes = value(session, object, type);
     CK_ULONG number = 0;
     EXPECT_EQ(bytes.size(), sizeof number);
     std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof number), reinterpret_cast<unsigned char*>(&number));
@@ -165,8 +165,8 @@ CK_RV StrictTest::ask(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATT
     return p11.C_GetAttributeValue(session, object, &entry, 1);
 }
 
-CK_RV StrictTest::sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-                       Bytes& signature) const
+CK_RV StrictTest::sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+                       ByteVector& signature) const
 {
     CK_RV result = p11.C_SignInit(session, &mechanism, key);
     if (result != CKR_OK)
@@ -178,8 +178,8 @@ CK_RV StrictTest::sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJ
     return result;
 }
 
-CK_RV StrictTest::verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-                         Bytes signature) const
+CK_RV StrictTest::verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+                         ByteVector signature) const
 {
     const CK_RV result = p11.C_VerifyInit(session, &mechanism, key);
     if (result != CKR_OK)

@@ -14,7 +14,7 @@
 #include "cryptoki.h"
 #include "strict_device.h"
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
 inline constexpr CK_FLAGS READ_ONLY = CKF_SERIAL_SESSION;
@@ -37,7 +37,7 @@ CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, Value& value)
     return {type, &value, sizeof value};
 }
 
-inline CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, Bytes& value)
+inline CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, ByteVector& value)
 {
     return {type, value.data(), static_cast<CK_ULONG>(value.size())};
 }
@@ -72,16 +72,16 @@ protected:
     CK_OBJECT_HANDLE privateKey(CK_SESSION_HANDLE session, int number) const;
     CK_OBJECT_HANDLE publicKey(CK_SESSION_HANDLE session, int number) const;
 
-    Bytes value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
+    ByteVector value(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     bool flag(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     CK_ULONG number(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     /// What the call answers for one attribute.
     CK_RV ask(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
 
-    CK_RV sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-               Bytes& signature) const;
-    CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, Bytes data,
-                 Bytes signature) const;
+    CK_RV sign(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+               ByteVector& signature) const;
+    CK_RV verify(CK_SESSION_HANDLE session, CK_MECHANISM mechanism, CK_OBJECT_HANDLE key, ByteVector data,
+                 ByteVector signature) const;
 
     struct KeyPair {
         CK_OBJECT_HANDLE publicKey = 0;

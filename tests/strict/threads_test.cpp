@@ -24,11 +24,12 @@ protected:
         const CK_SESSION_HANDLE session = open(slot);
         const CK_OBJECT_HANDLE key = findOne(session, CKO_PRIVATE_KEY, label);
         for (int round = 0; round < rounds; ++round) {
-            Bytes signature;
+            ByteVector signature;
             const bool isEc = label != "pair 2" && label != "other pair";
-            const CK_RV result =
-                sign(session, {isEc ? CKM_ECDSA_SHA256 : CKM_SHA256_RSA_PKCS, nullptr, 0}, key, Bytes(20), signature);
-            if (result != CKR_OK || Bytes(signature.begin(), signature.begin() + 16) != Bytes(16, identifier) ||
+            const CK_RV result = sign(session, {isEc ? CKM_ECDSA_SHA256 : CKM_SHA256_RSA_PKCS, nullptr, 0}, key,
+                                      ByteVector(20), signature);
+            if (result != CKR_OK ||
+                ByteVector(signature.begin(), signature.begin() + 16) != ByteVector(16, identifier) ||
                 std::string(signature.begin() + 24, signature.begin() + 32) != serial)
                 ++failures;
         }
@@ -86,10 +87,10 @@ TEST_F(StrictThreadsTest, NoTryIsLostWhileDevicesComeAndGo)
             CK_ULONG count = 0;
             if (p11.C_FindObjectsInit(session, criteria, 2) == CKR_OK &&
                 p11.C_FindObjects(session, &key, 1, &count) == CKR_OK && count == 1) {
-                Bytes signature;
-                if (sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, key, Bytes(20), signature) == CKR_OK) {
+                ByteVector signature;
+                if (sign(session, {CKM_SHA256_RSA_PKCS, nullptr, 0}, key, ByteVector(20), signature) == CKR_OK) {
                     ++signatures;
-                    if (Bytes(signature.begin(), signature.begin() + 16) != Bytes(16, identifier))
+                    if (ByteVector(signature.begin(), signature.begin() + 16) != ByteVector(16, identifier))
                         ++wrongKeys;
                 }
             }

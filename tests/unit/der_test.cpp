@@ -17,14 +17,14 @@ using namespace velkor;
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
 constexpr unsigned char WITH_TOP_BIT = 0xC5;
 constexpr unsigned char WITHOUT_TOP_BIT = 0x45;
 
-Bytes makeModulus(std::size_t size, unsigned char firstByte)
+ByteVector makeModulus(std::size_t size, unsigned char firstByte)
 {
-    Bytes modulus(size);
+    ByteVector modulus(size);
     std::iota(modulus.begin(), modulus.end(), static_cast<unsigned char>(size));
     modulus.front() = firstByte;
     return modulus;
@@ -37,7 +37,7 @@ auto owned(Object* object, void (*release)(Object*))
 }
 
 /// OpenSSL's encoding of the key with this modulus and the exponent 65537; empty when it refuses.
-Bytes encodedByOpenSsl(const Bytes& modulus)
+ByteVector encodedByOpenSsl(const ByteVector& modulus)
 {
     const auto n = owned(BN_bin2bn(modulus.data(), static_cast<int>(modulus.size()), nullptr), BN_free);
     const auto builder = owned(OSSL_PARAM_BLD_new(), OSSL_PARAM_BLD_free);
@@ -51,7 +51,7 @@ Bytes encodedByOpenSsl(const Bytes& modulus)
     const auto keyOwner = owned(key, EVP_PKEY_free);
     unsigned char* der = nullptr;
     const int length = key != nullptr ? i2d_PUBKEY(key, &der) : 0;
-    Bytes encoded(der, der + std::max(length, 0));
+    ByteVector encoded(der, der + std::max(length, 0));
     OPENSSL_free(der);
     return encoded;
 }
@@ -67,20 +67,20 @@ TEST_P(ModulusSize, IsEncodedAsOpenSslDoes)
 {
     for (const unsigned char firstByte : {WITH_TOP_BIT, WITHOUT_TOP_BIT, static_cast<unsigned char>(0x80),
                                           static_cast<unsigned char>(0x7F), static_cast<unsigned char>(0x01)}) {
-        const Bytes modulus = makeModulus(GetParam(), firstByte);
-        const Bytes expected = encodedByOpenSsl(modulus);
+        const ByteVector modulus = makeModulus(GetParam(), firstByte);
+        const ByteVector expected = encodedByOpenSsl(modulus);
         ASSERT_FALSE(expected.empty());
         EXPECT_EQ(rsaSubjectPublicKeyInfo(modulus), expected) << int{firstByte};
     }
 }
 
-const Bytes ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-const Bytes EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
+const ByteVector ALGORITHM = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+const ByteVector EXPONENT = {0x02, 0x03, 0x01, 0x00, 0x01};
 
-Bytes inARow(std::initializer_list<Bytes> pieces)
+ByteVector inARow(std::initializer_list<ByteVector> pieces)
 {
-    Bytes bytes;
-    for (const Bytes& piece : pieces)
+    ByteVector bytes;
+    for (const ByteVector& piece : pieces)
         bytes.insert(bytes.end(), piece.begin(), piece.end());
     return bytes;
 }
@@ -88,16 +88,16 @@ Bytes inARow(std::initializer_list<Bytes> pieces)
 TEST(SubjectPublicKeyInfo, OfAModulusWithTopBitHasAZeroInFront)
 {
     EXPECT_EQ(
-        rsaSubjectPublicKeyInfo(Bytes{0xC5, 0x01}),
+        rsaSubjectPublicKeyInfo(ByteVector{0xC5, 0x01}),
         inARow({{0x30, 0x1E}, ALGORITHM, {0x03, 0x0D, 0x00, 0x30, 0x0A, 0x02, 0x03, 0x00, 0xC5, 0x01}, EXPONENT}));
 }
 
 TEST(SubjectPublicKeyInfo, KeepsLeadingZeros)
 {
     EXPECT_EQ(
-        rsaSubjectPublicKeyInfo(Bytes{0x00, 0x00, 0x45}),
+        rsaSubjectPublicKeyInfo(ByteVector{0x00, 0x00, 0x45}),
         inARow({{0x30, 0x1E}, ALGORITHM, {0x03, 0x0D, 0x00, 0x30, 0x0A, 0x02, 0x03, 0x00, 0x00, 0x45}, EXPONENT}));
-    EXPECT_EQ(rsaSubjectPublicKeyInfo(Bytes{0x00, 0xC5}),
+    EXPECT_EQ(rsaSubjectPublicKeyInfo(ByteVector{0x00, 0xC5}),
               inARow({{0x30, 0x1D}, ALGORITHM, {0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x00, 0xC5}, EXPONENT}));
 }
 
@@ -110,8 +110,8 @@ TEST(SubjectPublicKeyInfo, OfAnEmptyModulusHasAnEmptyNumber)
 struct Encoding {
     std::size_t modulusSize;
     unsigned char firstByte;
-    Bytes beforeAlgorithm;
-    Bytes behindAlgorithm; ///< Up to the modulus's first byte.
+    ByteVector beforeAlgorithm;
+    ByteVector behindAlgorithm; ///< Up to the modulus's first byte.
 };
 
 TEST(SubjectPublicKeyInfo, WritesLengthsInTheShortestForm)
@@ -136,8 +136,8 @@ TEST(SubjectPublicKeyInfo, WritesLengthsInTheShortestForm)
          {0x03, 0x82, 0x01, 0x0F, 0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01, 0x00, 0xC5}},
     };
     for (const Encoding& each : encodings) {
-        const Bytes modulus = makeModulus(each.modulusSize, each.firstByte);
-        const Bytes rest(modulus.begin() + 1, modulus.end());
+        const ByteVector modulus = makeModulus(each.modulusSize, each.firstByte);
+        const ByteVector rest(modulus.begin() + 1, modulus.end());
         EXPECT_EQ(rsaSubjectPublicKeyInfo(modulus),
                   inARow({each.beforeAlgorithm, ALGORITHM, each.behindAlgorithm, rest, EXPONENT}))
             << each.modulusSize;

@@ -12,18 +12,18 @@ using namespace velkor;
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
-const Bytes P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-const Bytes P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-const Bytes P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+const ByteVector P256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+const ByteVector P384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+const ByteVector P521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 
 struct KindCase {
     std::uint32_t keyKind;
     CK_KEY_TYPE keyType;
     CK_ULONG bits;
     CK_MECHANISM_TYPE mechanism;
-    Bytes ecParams;
+    ByteVector ecParams;
 
     friend std::ostream& operator<<(std::ostream& out, const KindCase& kind) { return out << kind.keyKind; }
 };
@@ -50,7 +50,7 @@ TEST_P(KeyKindTest, HasTypeSizeMechanismAndCurve)
     EXPECT_EQ(kind.keyType, GetParam().keyType);
     EXPECT_EQ(kind.bits, GetParam().bits);
     EXPECT_EQ(kind.generationMechanism, GetParam().mechanism);
-    EXPECT_EQ(Bytes(kind.ecParams.begin(), kind.ecParams.end()), GetParam().ecParams);
+    EXPECT_EQ(ByteVector(kind.ecParams.begin(), kind.ecParams.end()), GetParam().ecParams);
 }
 
 TEST(KeyKinds, OfRsaAreFoundBySize)
@@ -67,18 +67,18 @@ TEST(KeyKinds, OfRsaAreFoundBySize)
 
 TEST(KeyKinds, OfCurvesAreFoundByTheirParameters)
 {
-    const std::pair<Bytes, std::uint32_t> kinds[] = {{P256, 5}, {P384, 6}, {P521, 7}};
+    const std::pair<ByteVector, std::uint32_t> kinds[] = {{P256, 5}, {P384, 6}, {P521, 7}};
     for (const auto& [parameters, keyKind] : kinds) {
         const KeyKindInfo* kind = findCurveKind(parameters);
         ASSERT_NE(kind, nullptr) << keyKind;
         EXPECT_EQ(kind->keyKind, keyKind);
-        EXPECT_EQ(findCurveKind(Bytes(parameters.begin(), parameters.end() - 1)), nullptr) << keyKind;
-        Bytes longer = parameters;
+        EXPECT_EQ(findCurveKind(ByteVector(parameters.begin(), parameters.end() - 1)), nullptr) << keyKind;
+        ByteVector longer = parameters;
         longer.push_back(0);
         EXPECT_EQ(findCurveKind(longer), nullptr) << keyKind;
     }
     EXPECT_EQ(findCurveKind({}), nullptr);
-    EXPECT_EQ(findCurveKind(Bytes{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x21}), nullptr);
+    EXPECT_EQ(findCurveKind(ByteVector{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x21}), nullptr);
 }
 
 } // namespace

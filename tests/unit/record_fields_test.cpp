@@ -12,12 +12,12 @@ using namespace velkor;
 namespace
 {
 
-using Bytes = std::vector<unsigned char>;
+using ByteVector = std::vector<unsigned char>;
 
 struct LengthCase {
     std::int32_t length;
-    std::size_t publicKey; ///< Bytes used of 1024.
-    std::size_t objectId;  ///< Bytes used of 128.
+    std::size_t publicKey; ///< ByteVector used of 1024.
+    std::size_t objectId;  ///< ByteVector used of 128.
 
     friend std::ostream& operator<<(std::ostream& out, const LengthCase& each) { return out << each.length; }
 };
@@ -100,21 +100,21 @@ TEST(SetLabel, CutsAtTheCapacityAndKeepsAZeroByteBehind)
 TEST(CopyInto, CutsAtTheFieldsEnd)
 {
     unsigned char field[4] = {9, 9, 9, 9};
-    EXPECT_EQ(copyInto(field, Bytes{1, 2}), 2);
-    EXPECT_EQ(Bytes(field, field + 4), (Bytes{1, 2, 9, 9}));
-    EXPECT_EQ(copyInto(field, Bytes{5, 6, 7, 8, 10}), 4);
-    EXPECT_EQ(Bytes(field, field + 4), (Bytes{5, 6, 7, 8}));
+    EXPECT_EQ(copyInto(field, ByteVector{1, 2}), 2);
+    EXPECT_EQ(ByteVector(field, field + 4), (ByteVector{1, 2, 9, 9}));
+    EXPECT_EQ(copyInto(field, ByteVector{5, 6, 7, 8, 10}), 4);
+    EXPECT_EQ(ByteVector(field, field + 4), (ByteVector{5, 6, 7, 8}));
     EXPECT_EQ(copyInto(field, {}), 0);
 }
 
 TEST(SameBytes, WantsTheSameLengthAndBytes)
 {
     EXPECT_TRUE(sameBytes({}, {}));
-    EXPECT_TRUE(sameBytes(Bytes{1, 0, 2}, Bytes{1, 0, 2}));
-    EXPECT_FALSE(sameBytes(Bytes{1, 0, 2}, Bytes{1, 0}));
-    EXPECT_FALSE(sameBytes(Bytes{1, 0}, Bytes{1, 0, 2}));
-    EXPECT_FALSE(sameBytes(Bytes{1, 0, 2}, Bytes{1, 0, 3}));
-    EXPECT_FALSE(sameBytes({}, Bytes{0}));
+    EXPECT_TRUE(sameBytes(ByteVector{1, 0, 2}, ByteVector{1, 0, 2}));
+    EXPECT_FALSE(sameBytes(ByteVector{1, 0, 2}, ByteVector{1, 0}));
+    EXPECT_FALSE(sameBytes(ByteVector{1, 0}, ByteVector{1, 0, 2}));
+    EXPECT_FALSE(sameBytes(ByteVector{1, 0, 2}, ByteVector{1, 0, 3}));
+    EXPECT_FALSE(sameBytes({}, ByteVector{0}));
 }
 
 } // namespace
