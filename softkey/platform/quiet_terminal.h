@@ -13,6 +13,9 @@ inline constexpr int STANDARD_ERROR = 2;
 /// Whether the C runtime's descriptor is a terminal.
 bool isTerminal(int descriptor);
 
+/// The next byte of the C runtime's descriptor; false at its end. Throws PinRequired when reading fails.
+bool readByte(int descriptor, unsigned char& byte);
+
 /// What would end the program ends the reading, and never leaves the terminal silent.
 class QuietTerminal
 {

@@ -19,6 +19,14 @@ bool isTerminal(int descriptor)
     return isatty(descriptor) != 0;
 }
 
+bool readByte(int descriptor, unsigned char& byte)
+{
+    const auto count = read(descriptor, &byte, 1);
+    if (count < 0)
+        throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
+    return count > 0;
+}
+
 /// Signals that would end the program wait until the echo is back.
 struct QuietTerminal::State {
     int descriptor = -1;

@@ -19,6 +19,14 @@ bool isTerminal(int descriptor)
     return GetConsoleMode(reinterpret_cast<HANDLE>(_get_osfhandle(descriptor)), &mode) != 0;
 }
 
+bool readByte(int descriptor, unsigned char& byte)
+{
+    const int count = _read(descriptor, &byte, 1);
+    if (count < 0)
+        throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
+    return count > 0;
+}
+
 constexpr std::size_t LINE_MAX_SIZE = 256; // In characters; what is longer comes in pieces.
 
 struct QuietTerminal::State {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <unistd.h>
 
 namespace softkey
 {
@@ -13,14 +12,6 @@ namespace
 {
 
 constexpr std::size_t LINE_MAX_SIZE = 256; // Longer than any PIN.
-
-bool readByte(int descriptor, unsigned char& byte)
-{
-    const auto count = ::read(descriptor, &byte, 1);
-    if (count < 0)
-        throw Refusal(SoftkeyStatus::PinRequired, "the PIN cannot be read");
-    return count > 0;
-}
 
 /// Up to the end of the line, byte by byte: what follows belongs to the next PIN.
 template <class Read>
