@@ -1,6 +1,8 @@
-// What the software key costs over OpenSSL itself, with ten key pairs on the device. Each `...Overhead` run makes
-// signatures directly and through the library in turn, so that both see the same machine, and reports the difference.
+// What the software key costs over OpenSSL itself, with ten key pairs on the device. Each `...Overhead` run does the
+// same directly and through the library in turn, so that both see the same machine, and reports the difference.
+// SOFTKEY_BENCH_HOME names a folder with a key BENCH1, for a library that this program's own key would be too new for.
 #include "crypto/keys.h"
+#include "crypto/public_key.h"
 #include "store/key_creation.h"
 #include "store/keys_folder.h"
 #include "velkor/device_service.h"
@@ -24,19 +26,17 @@ constexpr const char* PIN = "123456";
 
 /// A key in a folder of its own, with five RSA-2048 and five P-256 key pairs.
 struct Device {
-    std::filesystem::path folder;
+    std::filesystem::path folder; ///< Empty when it is not ours.
     void* instance = nullptr;
     VelkorKeyPair rsa;
     VelkorKeyPair ec;
 
     Device()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "softkey-bench-XXXXXX").string();
-        folder = mkdtemp(pattern.data());
-        setenv("VELKOR_SOFTKEY_HOME", folder.c_str(), 1);
-        KeySettings settings;
-        settings.serialNumber = SERIAL;
-        createKeyFile(folder, settings, PIN, "87654321");
+        if (const char* home = std::getenv("SOFTKEY_BENCH_HOME"))
+            setenv("VELKOR_SOFTKEY_HOME", home, 1);
+        else
+            makeKey();
         velkor_createInstance(&instance);
         for (int pair = 0; pair < 5; ++pair) {
             rsa = generated(KEY_KIND_RSA_2048);
@@ -46,7 +46,18 @@ struct Device {
     ~Device()
     {
         velkor_releaseInstance(instance);
-        std::filesystem::remove_all(folder);
+        if (!folder.empty())
+            std::filesystem::remove_all(folder);
+    }
+
+    void makeKey()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "softkey-bench-XXXXXX").string();
+        folder = mkdtemp(pattern.data());
+        setenv("VELKOR_SOFTKEY_HOME", folder.c_str(), 1);
+        KeySettings settings;
+        settings.serialNumber = SERIAL;
+        createKeyFile(folder, settings, PIN, "87654321");
     }
 
     VelkorKeyPair generated(KeyKind kind) const
@@ -87,22 +98,19 @@ bool signWithLibrary(const VelkorKeyPair& keyPair, const Hash& hash, Signature& 
                            signature.data(), &size, false, device().instance, false) == 0;
 }
 
-void compare(benchmark::State& state, KeyKind kind)
+/// Does both in turn.
+template <class Direct, class Library>
+void compare(benchmark::State& state, Direct direct, Library library)
 {
-    const bool isRsa = kind == KEY_KIND_RSA_2048;
-    const VelkorKeyPair& keyPair = isRsa ? device().rsa : device().ec;
-    const EvpKey direct = generateKey(traitsOf(kind));
-    const Hash hash{1, 2, 3};
-    Signature signature{};
     Clock::duration directTime{}, libraryTime{};
     for (auto _ : state) {
         const auto start = Clock::now();
-        const bool directDone = signDirectly(direct.get(), isRsa, hash, signature);
+        const bool directDone = direct();
         const auto middle = Clock::now();
-        const bool libraryDone = signWithLibrary(keyPair, hash, signature);
+        const bool libraryDone = library();
         const auto end = Clock::now();
         if (!directDone || !libraryDone)
-            state.SkipWithError("a signature failed");
+            state.SkipWithError("a call failed");
         directTime += middle - start;
         libraryTime += end - middle;
     }
@@ -114,17 +122,94 @@ void compare(benchmark::State& state, KeyKind kind)
     state.counters["overhead_percent"] = 100 * (perCall(libraryTime) / perCall(directTime) - 1);
 }
 
+void compareSignatures(benchmark::State& state, KeyKind kind)
+{
+    const bool isRsa = kind == KEY_KIND_RSA_2048;
+    const VelkorKeyPair& keyPair = isRsa ? device().rsa : device().ec;
+    const EvpKey key = generateKey(traitsOf(kind));
+    const Hash hash{1, 2, 3};
+    Signature signature{};
+    compare(
+        state, [&] { return signDirectly(key.get(), isRsa, hash, signature); },
+        [&] { return signWithLibrary(keyPair, hash, signature); });
+}
+
 void Rsa2048SignatureOverhead(benchmark::State& state)
 {
-    compare(state, KEY_KIND_RSA_2048);
+    compareSignatures(state, KEY_KIND_RSA_2048);
 }
 BENCHMARK(Rsa2048SignatureOverhead);
 
 void P256SignatureOverhead(benchmark::State& state)
 {
-    compare(state, KEY_KIND_EC_P256);
+    compareSignatures(state, KEY_KIND_EC_P256);
 }
 BENCHMARK(P256SignatureOverhead);
+
+using Ciphertext = std::array<unsigned char, 256>;
+
+EvpKeyContext contextWith(EVP_PKEY* key, int padding, int (*begin)(EVP_PKEY_CTX*))
+{
+    EvpKeyContext context(EVP_PKEY_CTX_new_from_pkey(CryptoContext::get().library(), key, nullptr));
+    if (begin(context.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(context.get(), padding) != 1)
+        std::abort();
+    return context;
+}
+
+Ciphertext encryptTo(EVP_PKEY* key, int padding)
+{
+    const EvpKeyContext context = contextWith(key, padding, EVP_PKEY_encrypt_init);
+    const Hash plaintext{1, 2, 3};
+    Ciphertext ciphertext{};
+    std::size_t size = ciphertext.size();
+    if (EVP_PKEY_encrypt(context.get(), ciphertext.data(), &size, plaintext.data(), plaintext.size()) != 1)
+        std::abort();
+    return ciphertext;
+}
+
+bool decryptDirectly(EVP_PKEY* key, int padding, const Ciphertext& ciphertext)
+{
+    const EvpKeyContext context = contextWith(key, padding, EVP_PKEY_decrypt_init);
+    Ciphertext plaintext{};
+    std::size_t size = plaintext.size();
+    return EVP_PKEY_decrypt(context.get(), plaintext.data(), &size, ciphertext.data(), ciphertext.size()) == 1 &&
+           size == sizeof(Hash);
+}
+
+bool decryptWithLibrary(const VelkorKeyPair& keyPair, const Ciphertext& ciphertext)
+{
+    unsigned char* plaintext = nullptr;
+    int size = 0;
+    const int status = velkor_decrypt(SERIAL, keyPair.keyIdentifier, PIN, ciphertext.data(),
+                                      static_cast<int>(ciphertext.size()), &plaintext, &size, false, device().instance);
+    std::free(plaintext);
+    return status == 0 && size == sizeof(Hash);
+}
+
+void compareDecryptions(benchmark::State& state, int padding)
+{
+    const VelkorKeyPair& keyPair = device().rsa;
+    const EvpKey key = generateKey(traitsOf(KEY_KIND_RSA_2048));
+    const EvpKey publicKey = publicKeyFrom(traitsOf(KEY_KIND_RSA_2048),
+                                           {keyPair.publicKey, static_cast<std::size_t>(keyPair.publicKeyLength)});
+    const Ciphertext forDirect = encryptTo(key.get(), padding);
+    const Ciphertext forLibrary = encryptTo(publicKey.get(), padding);
+    compare(
+        state, [&] { return decryptDirectly(key.get(), padding, forDirect); },
+        [&] { return decryptWithLibrary(keyPair, forLibrary); });
+}
+
+void Rsa2048OaepDecryptionOverhead(benchmark::State& state)
+{
+    compareDecryptions(state, RSA_PKCS1_OAEP_PADDING);
+}
+BENCHMARK(Rsa2048OaepDecryptionOverhead);
+
+void Rsa2048Pkcs1DecryptionOverhead(benchmark::State& state)
+{
+    compareDecryptions(state, RSA_PKCS1_PADDING);
+}
+BENCHMARK(Rsa2048Pkcs1DecryptionOverhead);
 
 void KeyPairListOfTen(benchmark::State& state)
 {
