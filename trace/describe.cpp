@@ -90,6 +90,15 @@ std::string_view kindText(const TextRow& row)
     }
 }
 
+/// "status 40 and 242".
+std::string removalStatuses()
+{
+    std::string text;
+    for (const int status : statusesOfRemoval())
+        text += (text.empty() ? "status " : " and ") + std::to_string(status);
+    return text;
+}
+
 std::string codeOfRow(const TextRow& row)
 {
     if (row.kind != TextKind::Refusal && row.kind != TextKind::QuietRefusal)
@@ -98,7 +107,7 @@ std::string codeOfRow(const TextRow& row)
     case CODE_UNKNOWN:
         return "one of several codes";
     case CODE_OF_STATUS:
-        return "CKR_DEVICE_REMOVED for the statuses 40 and 242, else CKR_FUNCTION_FAILED";
+        return "CKR_DEVICE_REMOVED for " + removalStatuses() + ", else CKR_FUNCTION_FAILED";
     case CODE_OF_RETRY_COUNT:
         return "CKR_PIN_LOCKED when no try is left, else CKR_PIN_INCORRECT";
     case CODE_IN_TEXT:
@@ -140,14 +149,21 @@ std::string pageOfConstant(const Constant& constant)
     std::string page = std::string(constant.name) + " (" + std::to_string(constant.value) + ")\n";
     if (constant.prefix != "CKR")
         return page;
-    if (const std::string_view meaning = codeMeaning(constant.value); !meaning.empty())
-        page += "  meaning: " + std::string(meaning) + "\n";
-    return page + listOfTexts("lines that go with it:", [&](const TextRow& row) {
-               const bool isRefusal = row.kind == TextKind::Refusal || row.kind == TextKind::QuietRefusal;
-               const bool ofPin = row.code == CODE_OF_RETRY_COUNT &&
-                                  (constant.value == CKR_PIN_LOCKED || constant.value == CKR_PIN_INCORRECT);
-               return isRefusal && (row.code == constant.value || ofPin);
-           });
+    const std::string_view meaning = codeMeaning(constant.value);
+    if (meaning.empty())
+        return page + "  Neither the module nor the strict front gives this code.\n";
+    page += "  meaning: " + std::string(meaning) + "\n";
+    page += listOfTexts("lines that go with it:", [&](const TextRow& row) {
+        const bool isRefusal = row.kind == TextKind::Refusal || row.kind == TextKind::QuietRefusal;
+        const bool ofPin = row.code == CODE_OF_RETRY_COUNT &&
+                           (constant.value == CKR_PIN_LOCKED || constant.value == CKR_PIN_INCORRECT);
+        return isRefusal && (row.code == constant.value || ofPin);
+    });
+    if (constant.value != CKR_DEVICE_REMOVED && constant.value != CKR_FUNCTION_FAILED)
+        return page;
+    const std::string which = constant.value == CKR_DEVICE_REMOVED ? "with " : "with another than ";
+    return page + listOfTexts("lines that go with it " + which + removalStatuses() + ":",
+                              [](const TextRow& row) { return row.code == CODE_OF_STATUS; });
 }
 
 std::string pageOfFunction(std::string_view function)
@@ -237,6 +253,10 @@ std::string_view remedyOf(const Call& call)
 {
     if (const CallLine* refusal = call.refusal())
         return refusal->row->remedy;
+    if (call.outcome == Outcome::Refused && isUnsupported(call.function))
+        return "Do without it.";
+    if (call.outcome == Outcome::Silent)
+        return "Check the base key, the mechanism's parameter and the template, and that the session is open.";
     for (const CallLine& line : call.lines) {
         if (line.row != nullptr && line.row->kind == TextKind::Warning)
             return line.row->remedy;

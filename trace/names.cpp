@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "base/status_rows.h"
+#include "frame/device_status.h"
 #include "frame/module_state.h"
 #include "objects/handles.h"
 #include "sessions/session_record.h"
@@ -95,6 +96,26 @@ constexpr CodeMeaning CODES[] = {
     {CKR_BUFFER_TOO_SMALL, "The host's buffer or list is too small. Ask for the length first."},
     {CKR_CRYPTOKI_NOT_INITIALIZED, "C_Initialize was not called in this process, or the device library did not start."},
     {CKR_CRYPTOKI_ALREADY_INITIALIZED, "The module runs already in this process or was inherited by a fork."},
+    // Of the strict front alone.
+    {strict::CKR_ACTION_PROHIBITED, "The object says that it is not to be copied."},
+    {CKR_ATTRIBUTE_READ_ONLY, "Nobody can set this attribute, or not any more."},
+    {CKR_ATTRIBUTE_SENSITIVE, "The value never leaves the key. Its length is given as unavailable."},
+    {CKR_ATTRIBUTE_TYPE_INVALID, "Objects of this class and key type do not have this attribute."},
+    {CKR_CANT_LOCK, "The strict front locks with the operating system, and was given callbacks alone."},
+    {CKR_DATA_LEN_RANGE, "The mechanism or the key does not take data of this length."},
+    {CKR_DOMAIN_PARAMS_INVALID, "The token does not have this curve."},
+    {CKR_ENCRYPTED_DATA_INVALID, "The device did not decrypt: the data was encrypted for another key, or is damaged."},
+    {CKR_ENCRYPTED_DATA_LEN_RANGE, "The ciphertext is not as long as the key: it is for another key, or cut."},
+    {CKR_FUNCTION_NOT_PARALLEL, "No function runs in parallel; the standard wants this answer."},
+    {CKR_KEY_FUNCTION_NOT_PERMITTED, "The key was not made for this use, or the token cannot use it so."},
+    {CKR_KEY_TYPE_INCONSISTENT, "The mechanism is for keys of another type or class."},
+    {CKR_PIN_INVALID, "The new PIN has a zero byte, at which a PIN ends."},
+    {CKR_RANDOM_SEED_NOT_SUPPORTED, "The device takes no seed for its random numbers."},
+    {CKR_SESSION_READ_WRITE_SO_EXISTS, "While the SO is logged in, only read/write sessions can be opened."},
+    {CKR_SIGNATURE_LEN_RANGE, "The signature is not as long as those of the key: it is another key's, or cut."},
+    {CKR_TEMPLATE_INCOMPLETE, "The template lacks what such an object needs."},
+    {CKR_TEMPLATE_INCONSISTENT, "Parts of the template do not fit together, or the token cannot make such an object."},
+    {CKR_TOKEN_NOT_PRESENT, "The key of this slot is not plugged in."},
 };
 
 std::string withNumber(std::string_view name, Number number)
@@ -172,6 +193,11 @@ std::string_view constantName(std::string_view prefix, Number value)
     return name;
 }
 
+std::span<const Constant> constants()
+{
+    return CONSTANTS;
+}
+
 std::optional<Constant> findConstant(std::string_view name)
 {
     const auto* const found = std::ranges::find(CONSTANTS, name, &Constant::name);
@@ -220,6 +246,16 @@ std::string statusName(int status)
 {
     const auto* const found = std::ranges::find(STATUSES, status, &StatusName::number);
     return found != std::end(STATUSES) ? std::string(found->text) : "";
+}
+
+std::vector<int> statusesOfRemoval()
+{
+    std::vector<int> statuses;
+    for (const StatusName& each : STATUSES) {
+        if (each.number != 0 && codeOfDeviceStatus(each.number) == CKR_DEVICE_REMOVED)
+            statuses.push_back(each.number);
+    }
+    return statuses;
 }
 
 std::string statusWithMeaning(int status)

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,8 @@ struct Constant {
     std::string_view name;
     Number value;
 };
+/// All constants of the header.
+std::span<const Constant> constants();
 /// The constant of that name; nothing when there is none.
 std::optional<Constant> findConstant(std::string_view name);
 
@@ -39,6 +42,8 @@ std::string slotName(Number slotID);
 std::string sessionName(Number handle);
 /// What a status of the device library means; empty for one that is not known.
 std::string statusName(int status);
+/// The known statuses of a device that is gone, which the module tells apart.
+std::vector<int> statusesOfRemoval();
 /// "status 313 (PinLocked)", and its meaning behind it.
 std::string statusWithMeaning(int status);
 

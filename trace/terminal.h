@@ -1,7 +1,10 @@
 // What the output asks of the operating system: whether it is a terminal, how wide that is, and a pager.
 #pragma once
 
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace velkor::trace
 {
@@ -10,6 +13,16 @@ bool isTerminal(std::FILE* file);
 
 /// Columns of the terminal on standard output; 0 where it does not tell. COLUMNS wins.
 int terminalWidth();
+
+/// What COLUMNS says; 0 where it says nothing.
+inline int columnsOfEnvironment()
+{
+    const char* text = std::getenv("COLUMNS");
+    int columns = 0;
+    if (text != nullptr)
+        std::from_chars(text, text + std::strlen(text), columns);
+    return columns;
+}
 
 /// Whether colours are wanted: on a terminal that can show them, unless NO_COLOR is set.
 bool wantsColours();

@@ -17,8 +17,8 @@ bool isTerminal(std::FILE* file)
 
 int terminalWidth()
 {
-    if (const char* columns = std::getenv("COLUMNS"); columns != nullptr && std::atoi(columns) > 0)
-        return std::atoi(columns);
+    if (const int columns = columnsOfEnvironment(); columns > 0)
+        return columns;
     winsize size{};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
@@ -39,7 +39,8 @@ PagedOutput::PagedOutput(bool wanted)
         return;
     setenv("LESS", "FRX", 0); // It ends by itself where all fits on the screen, and shows colours.
     std::signal(SIGPIPE, SIG_IGN);
-    pager_ = popen(command.c_str(), "w");
+    // One that the shell does not find is gone without.
+    pager_ = popen((command + "\n[ $? -ne 127 ] || exec cat").c_str(), "w"); // NOLINT(cert-env33-c): the user's own.
 }
 
 PagedOutput::~PagedOutput()

@@ -17,8 +17,8 @@ bool isTerminal(std::FILE* file)
 
 int terminalWidth()
 {
-    if (const char* columns = std::getenv("COLUMNS"); columns != nullptr && std::atoi(columns) > 0)
-        return std::atoi(columns);
+    if (const int columns = columnsOfEnvironment(); columns > 0)
+        return columns;
     CONSOLE_SCREEN_BUFFER_INFO info;
     if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info) == 0)
         return 0;

@@ -215,6 +215,11 @@ std::span<const TextRow> textRows()
     return ROWS;
 }
 
+std::span<const std::string_view> functionNames()
+{
+    return FUNCTIONS;
+}
+
 std::string_view functionAtStart(std::string_view text)
 {
     static const FunctionNames names;

@@ -64,6 +64,9 @@ bool findText(std::string_view text, KnownText& known);
 /// The function's own name for a text that begins with one of an export; empty for others.
 std::string_view functionAtStart(std::string_view text);
 
+/// The names of all exports.
+std::span<const std::string_view> functionNames();
+
 /// Whether the text is the name of an export alone, as entry lines have it.
 bool isFunction(std::string_view text);
 

@@ -298,6 +298,25 @@ TEST(TraceTextsTest, EveryRefusalSaysWhatItMeansAndWhatToDo)
     }
 }
 
+TEST(TraceTextsTest, EveryCodeOfTheSourcesHasAMeaningAndNoOtherHas)
+{
+    static const std::regex CODE(R"(\bCKR_[A-Z0-9_]+)");
+    std::set<std::string> codes;
+    for (const char* house : {"src", "strict"}) {
+        for (const auto& file : sourcesOf(house)) {
+            const std::string source = std::regex_replace(contentsOf(file), std::regex("//[^\n]*"), "");
+            for (std::sregex_iterator each(source.begin(), source.end(), CODE), end; each != end; ++each)
+                codes.insert(each->str());
+        }
+    }
+    EXPECT_GT(codes.size(), 40U);
+    for (const Constant& each : constants()) {
+        if (each.prefix == "CKR") {
+            EXPECT_EQ(codeMeaning(each.value) != "", codes.contains(std::string(each.name))) << each.name;
+        }
+    }
+}
+
 TEST(TraceTextsTest, EveryRowIsFoundByATextOfItsPattern)
 {
     static const std::regex TEXT_VALUE(R"(\{(text|hex|version|objects|path|name)\})");
