@@ -4,10 +4,12 @@
 #include <iterator>
 #include <limits>
 #include <optional>
+#include <utility>
 
+#include "base/status.h"
 #include "describe.h"
+#include "frame/device_status.h"
 #include "names.h"
-#include "velkor/device_service.h"
 
 namespace velkor::trace
 {
@@ -18,10 +20,10 @@ using Programs = std::map<std::string, Evidence, std::less<>>;
 
 constexpr std::size_t KINDS_OF_REFUSALS = 64;
 
-// Statuses of the software key that speak for a cause of their own.
-constexpr std::string_view STATUS_INSTANCE = "302";
-constexpr std::string_view STATUS_PIN_REQUIRED = "311";
-constexpr std::string_view STATUSES_OF_WRONG_KEY[] = {"322", "334", "336"};
+using softkey::SoftkeyStatus;
+
+constexpr SoftkeyStatus STATUSES_OF_WRONG_KEY[] = {SoftkeyStatus::WrongKeyKind, SoftkeyStatus::DataLength,
+                                                   SoftkeyStatus::DecryptionFailed};
 
 std::string times(std::uint64_t count)
 {
@@ -33,14 +35,16 @@ bool contains(std::string_view text, std::string_view part)
     return text.find(part) != std::string_view::npos;
 }
 
-bool isGone(std::string_view status)
+/// The status of a line; nothing where it has none.
+std::optional<int> statusOf(const KnownText& known)
 {
-    return status == std::to_string(STATUS_DEVICE_REMOVED) || status == std::to_string(STATUS_DEVICE_UNREACHABLE);
+    const auto number = numberOf(known.value("status"));
+    return number ? std::optional(static_cast<int>(*number)) : std::nullopt;
 }
 
-bool isOfWrongKey(std::string_view status)
+bool isGone(std::optional<int> status)
 {
-    return std::ranges::find(STATUSES_OF_WRONG_KEY, status) != std::end(STATUSES_OF_WRONG_KEY);
+    return status && codeOfDeviceStatus(*status) == CKR_DEVICE_REMOVED;
 }
 
 /// A number that no host means: two fields of another layout read as one.
@@ -64,22 +68,26 @@ void addPinLine(Evidence& evidence, const Call& call, const KnownText& known)
         return;
     const bool deviceIsGone = std::ranges::any_of(call.lines, [](const CallLine& line) {
         KnownText other;
-        return line.row != nullptr && findText(line.text, other) && isGone(other.value("status"));
+        return line.row != nullptr && findText(line.text, other) && isGone(statusOf(other));
     });
     if (deviceIsGone)
         return;
     ++evidence.pinsRefused;
-    ++evidence.pinsRefusedSinceAccepted;
+    ++evidence.progress.pinsRefusedSinceAccepted;
     evidence.pinsLocked += tries == "0" ? 1U : 0U;
     evidence.triesLeft = tries;
 }
 
-void addStatus(Evidence& evidence, std::string_view status)
+void addStatus(Evidence& evidence, std::optional<int> number)
 {
-    evidence.devicesGone += isGone(status) ? 1U : 0U;
-    evidence.instanceUnknown += status == STATUS_INSTANCE ? 1U : 0U;
-    evidence.withoutLogin += status == STATUS_PIN_REQUIRED ? 1U : 0U;
-    evidence.keyMismatches += isOfWrongKey(status) ? 1U : 0U;
+    if (!number)
+        return;
+    const auto status = static_cast<SoftkeyStatus>(*number);
+    const bool isOfWrongKey = std::ranges::find(STATUSES_OF_WRONG_KEY, status) != std::end(STATUSES_OF_WRONG_KEY);
+    evidence.devicesGone += isGone(number) ? 1U : 0U;
+    evidence.instanceUnknown += status == SoftkeyStatus::BadInstance ? 1U : 0U;
+    evidence.withoutLogin += status == SoftkeyStatus::PinRequired ? 1U : 0U;
+    evidence.keyMismatches += isOfWrongKey ? 1U : 0U;
 }
 
 struct Mark {
@@ -102,16 +110,16 @@ constexpr Mark MARKS[] = {
     {": buffer too small, provided=", &Evidence::keyMismatches},
     {": not as long as the key", &Evidence::keyMismatches},
     {"the signature has a wrong length", &Evidence::keyMismatches},
-    {"The user PIN has been changed elsewhere", &Evidence::pinsRefusedSinceAccepted},
+    {"The user PIN has been changed elsewhere", &Evidence::pinsChanged},
 };
 
 void addSearch(Evidence& evidence, const KnownText& known)
 {
     if (known.row->pattern == "Find object init count : {count}")
-        evidence.searchedClass.clear();
+        evidence.progress.searchedClass.clear();
     if (const auto searched = known.value("class"); !searched.empty())
-        evidence.searchedClass = constantName("CKO", numberOf(searched).value_or(0));
-    if (known.value("found") == "0" && evidence.searchedClass == "CKO_CERTIFICATE")
+        evidence.progress.searchedClass = constantName("CKO", numberOf(searched).value_or(0));
+    if (known.value("found") == "0" && evidence.progress.searchedClass == "CKO_CERTIFICATE")
         ++evidence.certificateSearches;
     std::string_view handles = known.value("objects");
     while (!handles.empty()) {
@@ -119,7 +127,7 @@ void addSearch(Evidence& evidence, const KnownText& known)
         handles.remove_prefix(std::min(handle.size() + 1, handles.size()));
         const std::string name = objectName(numberOf(handle).value_or(0));
         evidence.privateKeysFound += name.starts_with("private") ? 1U : 0U;
-        evidence.certificatesFound += name.starts_with("certificate") ? 1U : 0U;
+        evidence.progress.certificatesFound += name.starts_with("certificate") ? 1U : 0U;
     }
 }
 
@@ -127,6 +135,7 @@ void addSearch(Evidence& evidence, const KnownText& known)
 struct Interest {
     std::vector<std::uint64_t Evidence::*> marks;
     bool inValues = false;
+    bool inState = false;       ///< A session's state ends the line.
     bool inLongNumbers = false; ///< Types of another layout have more digits than 32 bits.
     std::size_t shortest = 0;   ///< Of a line that can have such a number.
 };
@@ -145,6 +154,7 @@ Interest interestIn(const TextRow& row)
     }
     interest.inValues = hasAny(VALUES) || row.pattern.starts_with("Slot event:") ||
                         row.pattern.starts_with("Find object init count") || contains(row.pattern, "CKA_CLASS");
+    interest.inState = row.pattern.ends_with("{state}");
     interest.inLongNumbers = hasAny(TYPES);
     interest.shortest = row.pattern.find('{') + std::to_string(std::numeric_limits<std::uint32_t>::max()).size();
     return interest;
@@ -161,6 +171,17 @@ const Interest& interestOf(const TextRow& row)
     return interests[static_cast<std::size_t>(&row - textRows().data())];
 }
 
+/// The log does not tell who logs in. A session in the SO's state tells it of the login before.
+void addState(Progress& progress, std::string_view text)
+{
+    constexpr char OF_OFFICER = static_cast<char>('0' + CKS_RW_SO_FUNCTIONS);
+    if (!text.ends_with(OF_OFFICER) || progress.isSecurityOfficer || progress.loginsAccepted == 0)
+        return;
+    progress.isSecurityOfficer = true;
+    --progress.loginsAccepted;
+    progress.pinsRefusedSinceAccepted = progress.pinsRefusedBeforeAccepted;
+}
+
 void addLine(Evidence& evidence, const Call& call, const CallLine& line)
 {
     if (line.row == nullptr)
@@ -168,6 +189,8 @@ void addLine(Evidence& evidence, const Call& call, const CallLine& line)
     const Interest& interest = interestOf(*line.row);
     for (const auto count : interest.marks)
         ++(evidence.*count);
+    if (interest.inState)
+        addState(evidence.progress, line.text);
     const bool mayHaveType = interest.inLongNumbers && line.text.size() >= interest.shortest;
     KnownText known;
     if ((!interest.inValues && !mayHaveType) || !findText(line.text, known))
@@ -179,27 +202,29 @@ void addLine(Evidence& evidence, const Call& call, const CallLine& line)
                               numberOf(known.values[1].text) < numberOf(known.values[0].text);
     evidence.devicesGone += fewerDevices ? 1U : 0U;
     evidence.layoutMismatches += isOfOtherLayout(known) ? 1U : 0U;
-    addStatus(evidence, known.value("status"));
+    addStatus(evidence, statusOf(known));
     addPinLine(evidence, call, known);
     addSearch(evidence, known);
 }
 
 // ---- What a call adds ----
 
-void addLifecycle(Evidence& evidence, const Call& call)
+void addLifecycle(Progress& progress, const Call& call)
 {
-    if (call.function == "C_Initialize" && call.hasEntry && call.outcome == Outcome::NoRefusalSeen) {
-        ++evidence.initialized;
-        evidence.isRunning = true;
-        evidence.hasEnded = false;
+    if (call.outcome != Outcome::NoRefusalSeen)
+        return;
+    if (call.function == "C_Initialize" && call.hasEntry) {
+        ++progress.initialized;
+        progress.hasNoLibrary = false;
+        progress.hasEnded = false;
     }
-    if (call.function == "C_Finalize" && call.outcome == Outcome::NoRefusalSeen) {
-        evidence.isRunning = false;
-        evidence.hasEnded = true;
-    }
-    if (call.function == "C_Login" && call.outcome == Outcome::NoRefusalSeen) {
-        ++evidence.loginsAccepted;
-        evidence.pinsRefusedSinceAccepted = 0;
+    if (call.function == "C_Finalize")
+        progress.hasEnded = true;
+    if (call.function == "C_Login") {
+        ++progress.loginsAccepted;
+        progress.pinsRefusedBeforeAccepted = std::exchange(progress.pinsRefusedSinceAccepted, 0);
+        progress.isKeyAway = false;
+        progress.isSecurityOfficer = false;
     }
 }
 
@@ -208,7 +233,7 @@ std::uint64_t countOfSpecial(const Evidence& evidence)
 {
     return evidence.layoutMismatches + evidence.firmwareRefusals + evidence.fipsRefusals + evidence.keyMismatches +
            evidence.pinsRefused + evidence.devicesGone + evidence.withoutLogin + evidence.instanceUnknown +
-           evidence.startedTwice + evidence.libraryFailures;
+           evidence.startedTwice + evidence.libraryFailures + evidence.pinsChanged;
 }
 
 bool isHarmless(CK_RV code)
@@ -221,14 +246,27 @@ void addRefusal(Evidence& evidence, const Call& call, bool isSpecial)
 {
     if (call.outcome != Outcome::Refused || isHarmless(call.code) || isSpecial)
         return;
+    const Progress& progress = evidence.progress;
     const CallLine* line = call.refusal();
     if (call.code == CKR_CRYPTOKI_NOT_INITIALIZED && call.function != "C_WaitForSlotEvent")
-        ++(evidence.hasEnded ? evidence.callsAfterEnd : evidence.callsBeforeStart);
+        ++(progress.hasEnded ? evidence.callsAfterEnd : evidence.callsBeforeStart);
     else if (line != nullptr && contains(line->row->pattern, "invalid hSession="))
-        ++(evidence.initialized > 1 || evidence.hasEnded ? evidence.sessionsUnknownAfterEnd : evidence.sessionsUnknown);
+        ++(progress.initialized > 1 || progress.hasEnded ? evidence.sessionsUnknownAfterEnd : evidence.sessionsUnknown);
     else if (line != nullptr && (evidence.refusals.size() < KINDS_OF_REFUSALS))
         ++evidence.refusals[call.function + ": " + codeName(call.code) + ". " + std::string(line->row->meaning) + " " +
                             std::string(line->row->remedy)];
+}
+
+/// Without a key, slots go and logins end: what is refused then is refused for that.
+void addAbsence(Evidence& evidence, const Call& call, std::uint64_t goneBefore)
+{
+    constexpr CK_RV CODES[] = {CKR_DEVICE_REMOVED, CKR_TOKEN_NOT_PRESENT, CKR_SLOT_ID_INVALID, CKR_USER_NOT_LOGGED_IN,
+                               CKR_FUNCTION_FAILED};
+    const bool isGoneNow = evidence.devicesGone != goneBefore;
+    evidence.progress.isKeyAway |= isGoneNow;
+    const bool isForAbsence = isGoneNow || std::ranges::find(CODES, call.code) != std::end(CODES);
+    if (call.outcome == Outcome::Refused && evidence.progress.isKeyAway && isForAbsence)
+        ++evidence.failedWithoutDevice;
 }
 
 /// Whether a call of a host that has just loaded the module can be this one.
@@ -244,49 +282,74 @@ using Finder = std::optional<Cause> (*)(const std::string& program, const Eviden
 
 bool isRefusedStill(const Evidence& evidence)
 {
-    return evidence.pinsRefused != 0 && evidence.pinsRefusedSinceAccepted != 0;
+    return evidence.pinsRefused != 0 && evidence.progress.pinsRefusedSinceAccepted != 0;
+}
+
+/// The last PIN that was refused left no try, and no login was accepted since.
+bool isLockedStill(const Evidence& evidence)
+{
+    return isRefusedStill(evidence) && evidence.pinsLocked != 0 && evidence.triesLeft == "0";
 }
 
 std::optional<Cause> twoPins(const std::string& program, const Evidence& evidence, const Programs& all)
 {
     const auto other = std::ranges::find_if(
-        all, [&](const auto& each) { return each.first != program && each.second.loginsAccepted != 0; });
+        all, [&](const auto& each) { return each.first != program && each.second.progress.loginsAccepted != 0; });
     if (!isRefusedStill(evidence) || other == all.end())
         return std::nullopt;
     return Cause{90, "Two programs use two PINs: " + program + " has an old or wrong one",
                  other->first + " logged in; the PIN of " + program + " was refused " + times(evidence.pinsRefused) +
-                     (evidence.pinsLocked != 0 ? ", and is locked now." : "."),
+                     (isLockedStill(evidence) ? ", and is locked now." : "."),
                  "Give " + program + " the PIN that " + other->first +
                      " uses, before it spends the tries that are left."};
 }
 
 std::optional<Cause> lockedPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    if (evidence.pinsLocked == 0 || !isRefusedStill(evidence))
+    if (!isLockedStill(evidence))
         return std::nullopt;
     const std::uint64_t wrong = evidence.pinsRefused - evidence.pinsLocked;
     std::string title = "The PIN is locked";
-    if (wrong != 0 && evidence.loginsAccepted == 0)
+    if (wrong != 0 && evidence.progress.loginsAccepted == 0)
         title = "PIN refused " + times(wrong) + " and then locked: " + program + " uses a wrong or an old PIN";
     return Cause{
         88, title, program + ": the last refusal left no tries.",
         "Unlock the user PIN with the SO PIN, and find out which program keeps an old PIN before it locks again."};
 }
 
+std::optional<Cause> unlockedPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.pinsLocked == 0 || evidence.triesLeft != "0" || isRefusedStill(evidence))
+        return std::nullopt;
+    return Cause{45, "The PIN was locked, and a login was accepted since",
+                 program + ": it was unlocked, or the SO logged in, which the log does not tell apart.",
+                 "Find out which program keeps an old PIN before it locks again."};
+}
+
 std::optional<Cause> wrongPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    if (evidence.pinsRefused == 0 || evidence.pinsLocked != 0)
+    if (evidence.pinsRefused == 0 || evidence.triesLeft == "0")
         return std::nullopt;
-    const bool isOver = evidence.pinsRefusedSinceAccepted == 0;
+    const bool isOver = !isRefusedStill(evidence);
     return Cause{isOver ? 30 : 85, isOver ? "A wrong PIN, followed by the right one" : "Wrong PIN",
                  program + ": refused " + times(evidence.pinsRefused) + ", " + evidence.triesLeft +
-                     (evidence.triesLeft == "1" ? " try left." : " tries left."),
+                     (evidence.triesLeft == "1" ? " try left" : " tries left") +
+                     (evidence.pinsLocked != 0 ? "; it was locked before, and unlocked." : "."),
                  "Give the right PIN; do not repeat a wrong one, each try counts."};
+}
+
+std::optional<Cause> changedPin(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
+{
+    if (evidence.pinsChanged == 0)
+        return std::nullopt;
+    return Cause{60, "The user PIN was changed by another program", program + ": " + times(evidence.pinsChanged) + ".",
+                 "Log out, and log in with the new PIN."};
 }
 
 std::optional<Cause> noLibrary(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    if (evidence.libraryFailures == 0)
+    const bool isStillMissing = evidence.progress.hasNoLibrary && evidence.callsBeforeStart != 0;
+    if (evidence.libraryFailures == 0 && !isStillMissing)
         return std::nullopt;
     return Cause{95, "No device library: it did not start",
                  program + ": C_Initialize answered CKR_OK, but every call behind it is refused as not initialized.",
@@ -306,16 +369,17 @@ std::optional<Cause> otherLayout(const std::string& program, const Evidence& evi
 
 std::optional<Cause> notStarted(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    const bool isRefused = evidence.callsBeforeStart != 0 && evidence.libraryFailures == 0;
+    const bool isRefused = evidence.callsBeforeStart != 0 && !evidence.progress.hasNoLibrary;
     if (!isRefused && evidence.instanceUnknown == 0)
         return std::nullopt;
-    const std::string part = evidence.initialized != 0 ? "a child process of the host" : "the host";
-    return Cause{
-        84, "C_Initialize was not called: " + part + " forgot it",
-        program + ": calls were refused as not initialized " +
-            times(std::max(evidence.callsBeforeStart, evidence.instanceUnknown)) +
-            (evidence.initialized != 0 ? ", though another process of this name had started the module." : "."),
-        "Call C_Initialize in every process; in a forked child call C_Finalize first, then C_Initialize."};
+    const std::string part = evidence.progress.initialized != 0 ? "a child process of the host" : "the host";
+    return Cause{84, "C_Initialize was not called: " + part + " forgot it",
+                 program + ": calls were refused as not initialized " +
+                     times(std::max(evidence.callsBeforeStart, evidence.instanceUnknown)) +
+                     (evidence.progress.initialized != 0
+                          ? ", though another process of this name had started the module."
+                          : "."),
+                 "Call C_Initialize in every process; in a forked child call C_Finalize first, then C_Initialize."};
 }
 
 std::optional<Cause> forked(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
@@ -332,6 +396,9 @@ std::optional<Cause> removed(const std::string& program, const Evidence& evidenc
 {
     if (evidence.devicesGone == 0)
         return std::nullopt;
+    if (evidence.failedWithoutDevice == 0)
+        return Cause{25, "A device was removed, and no call failed for it",
+                     program + ": " + times(evidence.devicesGone) + ".", "Where that was on purpose, nothing."};
     return Cause{82, "The device was removed",
                  program + ": a key went away, or could not be reached, " + times(evidence.devicesGone) + ".",
                  "Plug the key in; then fetch the slot list and log in again."};
@@ -422,7 +489,7 @@ std::optional<Cause> mostRefused(const std::string& program, const Evidence& evi
 
 std::optional<Cause> noCertificate(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    if (evidence.certificateSearches == 0 || evidence.certificatesFound != 0 || evidence.privateKeysFound == 0)
+    if (evidence.certificateSearches == 0 || evidence.progress.certificatesFound != 0 || evidence.privateKeysFound == 0)
         return std::nullopt;
     return Cause{50, "Key without certificate: the token has a private key and no certificate",
                  program + ": private keys were found, and a search for certificates found none " +
@@ -432,7 +499,7 @@ std::optional<Cause> noCertificate(const std::string& program, const Evidence& e
 
 std::optional<Cause> incomplete(const std::string& program, const Evidence& evidence, const Programs& /*all*/)
 {
-    if (!evidence.beginsInTheMiddle)
+    if (!evidence.progress.beginsInTheMiddle)
         return std::nullopt;
     return Cause{20, "Log incomplete: its first lines are lost",
                  program + ": the log begins in the middle of a program's life.",
@@ -440,23 +507,47 @@ std::optional<Cause> incomplete(const std::string& program, const Evidence& evid
                  "turned on later, or the program runs since yesterday."};
 }
 
-constexpr Finder FINDERS[] = {twoPins, lockedPin,   wrongPin,    noLibrary,     otherLayout, notStarted, forked,
-                              removed, oldFirmware, fips,        otherKey,      oldSession,  afterEnd,   unknownSession,
-                              noLogin, noKey,       mostRefused, noCertificate, incomplete};
+constexpr Finder FINDERS[] = {twoPins,     lockedPin,     unlockedPin, wrongPin,       changedPin,  noLibrary,
+                              otherLayout, notStarted,    forked,      removed,        oldFirmware, fips,
+                              otherKey,    oldSession,    afterEnd,    unknownSession, noLogin,     noKey,
+                              mostRefused, noCertificate, incomplete};
+
+void addCall(Evidence& evidence, const Call& call)
+{
+    Progress& progress = evidence.progress;
+    if (progress.calls++ == 0 && !canBeFirst(call))
+        progress.beginsInTheMiddle = true;
+    const std::uint64_t special = countOfSpecial(evidence);
+    const std::uint64_t gone = evidence.devicesGone;
+    const std::uint64_t failures = evidence.libraryFailures;
+    for (const CallLine& line : call.lines)
+        addLine(evidence, call, line);
+    progress.hasNoLibrary |= evidence.libraryFailures != failures;
+    addLifecycle(progress, call);
+    addAbsence(evidence, call, gone);
+    addRefusal(evidence, call, countOfSpecial(evidence) != special);
+}
 
 } // namespace
 
-void Investigation::add(const Call& call)
+Evidence& Investigation::evidenceOf(const Call& call)
 {
     const auto known = programs_.find(call.program);
-    Evidence& evidence = known != programs_.end() ? known->second : programs_[std::string(call.program)];
-    if (evidence.calls++ == 0 && !canBeFirst(call))
-        evidence.beginsInTheMiddle = true;
-    const std::uint64_t special = countOfSpecial(evidence);
-    for (const CallLine& line : call.lines)
-        addLine(evidence, call, line);
-    addLifecycle(evidence, call);
-    addRefusal(evidence, call, countOfSpecial(evidence) != special);
+    return known != programs_.end() ? known->second : programs_[std::string(call.program)];
+}
+
+void Investigation::add(const Call& call)
+{
+    addCall(evidenceOf(call), call);
+}
+
+void Investigation::follow(const Call& call)
+{
+    Evidence unshown;
+    Evidence& evidence = evidenceOf(call);
+    std::swap(unshown.progress, evidence.progress);
+    addCall(unshown, call);
+    std::swap(unshown.progress, evidence.progress);
 }
 
 void Investigation::addUnwritable(const std::string& log, const std::string& why)

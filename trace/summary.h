@@ -19,6 +19,8 @@ class Summary
 {
 public:
     void add(const Call& call);
+    /// A call that is not asked for, by which those behind it are judged.
+    void follow(const Call& call) { investigation_.follow(call); }
     void addUnwritable(const std::string& log, const std::string& why) { investigation_.addUnwritable(log, why); }
 
     std::string text() const;

@@ -1,4 +1,5 @@
 // Causes that a summary names, by lines alone.
+#include <map>
 #include <string>
 #include <vector>
 
@@ -6,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "filter.h"
 #include "summary.h"
 #include "trace_files.h"
 
@@ -16,19 +18,19 @@ namespace
 
 using Lines = std::vector<std::string>;
 
-Summary summaryOf(const Lines& lines)
+Summary summaryOf(const Lines& lines, const Filter& filter = {})
 {
     MergedCalls merged({test::writtenFile(test::freshFolder() / "host" / "2026-11-15.LOG", test::logOf(lines))});
     Summary summary;
     for (Call call; merged.next(call);)
-        summary.add(call);
+        filter.wants(call) ? summary.add(call) : summary.follow(call);
     return summary;
 }
 
-std::vector<std::string> titlesOf(const Lines& lines)
+std::vector<std::string> titlesOf(const Lines& lines, const Filter& filter = {})
 {
     std::vector<std::string> titles;
-    for (const Cause& cause : summaryOf(lines).causes())
+    for (const Cause& cause : summaryOf(lines, filter).causes())
         titles.push_back(cause.title);
     return titles;
 }
@@ -77,6 +79,65 @@ TEST(TraceCausesTest, AWrongPinThatWasPutRightIsLess)
               Lines{"A wrong PIN, followed by the right one"});
 }
 
+const Lines WRONG_PIN = {"D C_Login", "E Token password validation failed : 312",
+                         "E Token password validation failed, retry count : 2"};
+const Lines LAST_WRONG_PIN = {"D C_Login", "E Token password validation failed : 313",
+                              "E Token password validation failed, retry count : 0"};
+const Lines RIGHT_PIN = {"D C_Login", "D Login state : 2", "D Login end result : 0"};
+
+Lines joined(std::initializer_list<Lines> parts)
+{
+    Lines lines = {"D C_Initialize"};
+    for (const Lines& part : parts)
+        lines.insert(lines.end(), part.begin(), part.end());
+    return lines;
+}
+
+TEST(TraceCausesTest, ALockedPinThatTakesALoginIsLess)
+{
+    EXPECT_EQ(titlesOf(joined({WRONG_PIN, LAST_WRONG_PIN, RIGHT_PIN})),
+              Lines{"The PIN was locked, and a login was accepted since"});
+}
+
+TEST(TraceCausesTest, AWrongPinAfterAnUnlockIsNoLockedOne)
+{
+    const auto causes = summaryOf(joined({LAST_WRONG_PIN, WRONG_PIN})).causes();
+    ASSERT_EQ(causes.size(), 1U);
+    EXPECT_EQ(causes[0].title, "Wrong PIN");
+    EXPECT_EQ(causes[0].details, "host: refused twice, 2 tries left; it was locked before, and unlocked.");
+}
+
+TEST(TraceCausesTest, ALoginOfTheSecurityOfficerPutsNoWrongPinRight)
+{
+    const Lines signing = {"D C_Sign", "D Sign: password empty=1 hashLen=32 session state=4"};
+    EXPECT_EQ(titlesOf(joined({WRONG_PIN, RIGHT_PIN, signing})), Lines{"Wrong PIN"});
+    EXPECT_EQ(titlesOf(joined({WRONG_PIN, RIGHT_PIN})), Lines{"A wrong PIN, followed by the right one"});
+}
+
+TEST(TraceCausesTest, AKeyThatIsUnpluggedInTheEndIsTheCauseOfNothing)
+{
+    EXPECT_EQ(titlesOf({"D C_Initialize", "D Slot event: device count changed from 1 to 0", "D C_Finalize"}),
+              Lines{"A device was removed, and no call failed for it"});
+    EXPECT_EQ(titlesOf({"D C_Initialize", "D Slot event: device count changed from 1 to 0", "D C_Logout",
+                        "E C_Logout: user not logged in, session state=2"})[0],
+              "The device was removed");
+}
+
+TEST(TraceCausesTest, WhatIsNotAskedForIsTakenIntoAccount)
+{
+    const Filter errors = {.errors = true};
+    EXPECT_EQ(titlesOf(joined({WRONG_PIN, RIGHT_PIN}), errors), Lines{"A wrong PIN, followed by the right one"});
+    EXPECT_EQ(titlesOf({"D C_Initialize", "D C_OpenSession", "D C_Finalize", "D C_Initialize", "D C_Login",
+                        "E C_Login: invalid hSession=1610612737"},
+                       errors),
+              Lines{"Session handle invalid after C_Finalize"});
+    EXPECT_EQ(titlesOf({"D C_Initialize", "E Init pkcs11 library failed failed", "D C_GetInfo",
+                        "E C_GetInfo: not initialized"},
+                       {.function = "C_GetInfo"}),
+              Lines{"No device library: it did not start"});
+    EXPECT_EQ(titlesOf(joined({WRONG_PIN}), {.function = "C_Sign"}), Lines{}) << "nothing of what is asked for";
+}
+
 TEST(TraceCausesTest, LinesOfErrorsAloneAreEnough)
 {
     EXPECT_EQ(titlesOf({"E Token password validation failed : 312",
@@ -118,6 +179,16 @@ TEST(TraceRecordedHostTest, TheLogOfARealHostIsReadWhole)
     ASSERT_FALSE(summary.causes().empty());
     EXPECT_EQ(summary.causes().front().title, "Wrong PIN");
     EXPECT_EQ(summary.json()["programs"]["pkcs11-tool"]["loginsAccepted"], 2);
+}
+
+TEST(TraceRecordedHostTest, ALogOfWindowsIsReadWhole)
+{
+    MergedCalls merged({std::filesystem::path(SOURCES) / "tests/trace/recorded/windows_host/2026-11-22.LOG"});
+    std::map<CK_RV, int> codes;
+    for (Call call; merged.next(call);)
+        ++codes[call.code];
+    EXPECT_EQ(codes, (std::map<CK_RV, int>{{CKR_KEY_SIZE_RANGE, 7}, {CKR_SIGNATURE_INVALID, 7}}));
+    EXPECT_EQ(notesInWords(*merged.sources().front()), Lines{});
 }
 
 TEST(TraceSummaryTest, CountsCallsLoginsAndRefusals)
