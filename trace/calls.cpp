@@ -13,8 +13,11 @@ namespace
 {
 
 constexpr std::size_t LINES_KEPT = 256;
-/// Lines of one refusal are written at once.
+constexpr std::size_t BYTES_KEPT = std::size_t{128} << 10;
+/// Between lines of one refusal, of which the same may also begin the next one.
 constexpr Milliseconds AT_ONCE = 5;
+/// Between two lines that only follow each other.
+constexpr Milliseconds SOON = 1000;
 
 // Made by the build from the module's list of them.
 constexpr std::string_view UNSUPPORTED[] = {
@@ -64,7 +67,8 @@ void setOutcome(Call& call, const KnownText& known)
 /// Whether a call may write lines of this row more than once.
 bool mayRepeat(const TextRow& row)
 {
-    constexpr std::string_view PER_ITEM[] = {"{attribute}", "{size}", "{name}", "imported successfully"};
+    constexpr std::string_view PER_ITEM[] = {"{attribute}",           "{size}",      "{name}",
+                                             "imported successfully", "modulusBits", "{keytype}"};
     return row.kind != TextKind::Note || std::ranges::any_of(PER_ITEM, [&](std::string_view each) {
                return row.pattern.find(each) != std::string_view::npos;
            });
@@ -128,10 +132,12 @@ void CallBuilder::append(Call& call, const LogLine& line)
         call.isMixed = true; // Two threads are in this function.
     setOutcome(call, known_);
     call.end = std::max(call.end, line.time);
-    if (call.lines.size() < LINES_KEPT)
-        call.lines.push_back({line.time, line.level, std::string(line.text), known_.row, line.number});
-    else
+    if (call.lines.size() >= LINES_KEPT || call.bytes >= BYTES_KEPT) {
         ++call.linesLeftOut;
+        return;
+    }
+    call.lines.push_back({line.time, line.level, std::string(line.text), known_.row, line.number});
+    call.bytes += line.text.size();
 }
 
 /// A line beside the call in progress.
@@ -158,14 +164,16 @@ bool CallBuilder::continuesRefusal(const LogLine& line) const
     if (known_.row == nullptr || current_->lines.empty() || current_->function != "C_Login")
         return false;
     const CallLine& last = current_->lines.back();
-    if (last.row == nullptr || !(current_->hasEntry || line.time - last.time <= AT_ONCE))
+    if (last.row == nullptr || !(current_->hasEntry || line.time - last.time <= SOON))
         return false;
     if (known_.row->kind == TextKind::Note)
         return current_->hasEntry && isTextOf(known_, "C_Login");
     const bool countsTries =
         known_.row->code == CODE_OF_RETRY_COUNT && last.row->pattern == "Token password validation failed : {status}";
-    const bool standsAgainst = known_.row == last.row && (known_.row->code == CKR_SESSION_READ_ONLY_EXISTS ||
-                                                          known_.row->code == CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+    const bool isAtOnce = current_->hasEntry || line.time - last.time <= AT_ONCE;
+    const bool standsAgainst =
+        isAtOnce && known_.row == last.row &&
+        (known_.row->code == CKR_SESSION_READ_ONLY_EXISTS || known_.row->code == CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
     return countsTries || standsAgainst;
 }
 

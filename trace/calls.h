@@ -43,6 +43,7 @@ struct Call {
     std::optional<Milliseconds> next; ///< When the next line of another call came.
     std::vector<CallLine> lines;      ///< With the entry line; the first ones of very many.
     std::uint64_t linesLeftOut = 0;
+    std::size_t bytes = 0; ///< Of the lines that are kept.
 
     /// Until the next line, or until its own last one where it was refused or nothing follows; nothing where the entry
     /// line is not there.

@@ -13,8 +13,6 @@ namespace velkor::trace
 namespace
 {
 
-constexpr Milliseconds DAY = 24 * 60 * 60 * 1000;
-
 bool namesSession(const Call& call, std::uint64_t session)
 {
     const std::uint64_t handle = session < SESSION_HANDLE_BASE ? session + SESSION_HANDLE_BASE - 1 : session;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -11,10 +13,11 @@ namespace velkor::trace
 namespace
 {
 
-constexpr std::size_t BUFFER_SIZE = std::size_t{1} << 20;
 constexpr std::size_t LINE_CAPACITY = std::size_t{64} << 10;
 constexpr Milliseconds SECOND = 1000;
-constexpr Milliseconds DAY = 24 * 60 * 60 * SECOND;
+// Months of 31 days, and none before the first, keep times in order, which is all that is asked of them.
+constexpr int DAYS_OF_MONTH = 31;
+constexpr int DAYS_OF_YEAR = 13 * DAYS_OF_MONTH;
 
 // "15/11::13:46:27:123-> ->DEBUG ::=>": what stands at every place; digits are marked by a zero.
 constexpr std::string_view SHAPE = "00/00::00:00:00:000-> ->";
@@ -52,7 +55,7 @@ Milliseconds timeOf(std::string_view whole, int month, int day)
 {
     const int milliseconds = twoDigits(whole, 16) * 10 + (whole[18] - '0');
     const int seconds = (twoDigits(whole, 7) * 60 + twoDigits(whole, 10)) * 60 + twoDigits(whole, 13);
-    return (month * Milliseconds{31} + day) * DAY + seconds * SECOND + milliseconds;
+    return (month * Milliseconds{DAYS_OF_MONTH} + day - 1) * DAY + seconds * SECOND + milliseconds;
 }
 
 /// Where another line begins inside a line that was cut; npos when none does.
@@ -103,6 +106,23 @@ std::string clockText(Milliseconds time)
     return text.data();
 }
 
+Milliseconds timeOfYear(int year)
+{
+    return Milliseconds{year} * DAYS_OF_YEAR * DAY;
+}
+
+std::string dateText(Milliseconds time)
+{
+    const auto days = static_cast<int>(time / DAY);
+    const int year = days / DAYS_OF_YEAR;
+    const int ofYear = days % DAYS_OF_YEAR;
+    std::array<char, 48> text{};
+    const int length = year != 0 ? std::snprintf(text.data(), text.size(), "%04d-", year) : 0;
+    std::snprintf(text.data() + length, text.size() - static_cast<std::size_t>(length), "%02d-%02d",
+                  ofYear / DAYS_OF_MONTH, ofYear % DAYS_OF_MONTH + 1);
+    return text.data();
+}
+
 bool parseLine(std::string_view whole, LogLine& line)
 {
     if (whole.size() < PREFIX_SIZE || !hasShape(whole))
@@ -140,13 +160,36 @@ bool isText(std::string_view bytes)
     return true;
 }
 
-LogReader::LogReader(std::filesystem::path path) : path_(std::move(path)), buffer_(BUFFER_SIZE)
+std::optional<Milliseconds> firstTime(const std::filesystem::path& path)
 {
-    open();
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        return std::nullopt; // What a pipe gives is gone then.
+    std::ifstream file(path, std::ios::binary);
+    std::string beginning(SMALL_BUFFER, '\0');
+    file.read(beginning.data(), static_cast<std::streamsize>(beginning.size()));
+    beginning.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
+    std::istringstream lines(beginning);
+    LogLine line;
+    for (std::string each; std::getline(lines, each);) {
+        if (parseLine(each, line))
+            return line.time;
+    }
+    return std::nullopt;
+}
+
+LogReader::LogReader(std::filesystem::path path, std::size_t bufferSize)
+    : path_(std::move(path)), bufferSize_(bufferSize)
+{
 }
 
 void LogReader::open()
 {
+    isNew_ = false;
+    file_.reset();
+    place_ = 0;
+    begin_ = end_ = 0;
+    skipping_ = false;
     std::error_code error;
     const auto status = std::filesystem::status(path_, error);
     if (!error && std::filesystem::is_directory(status))
@@ -160,17 +203,32 @@ void LogReader::open()
     notes_.error = error ? error.message() : "";
 }
 
+void LogReader::close()
+{
+    file_.reset();
+    isNew_ = false;
+    buffer_ = {};
+    begin_ = end_ = 0;
+}
+
 bool LogReader::fill()
 {
+    if (isNew_)
+        open();
     if (!file_)
         return false;
-    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
     end_ -= begin_;
+    if (end_ == bufferSize_)
+        bufferSize_ *= 2;
+    if (begin_ != 0)
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_);
     begin_ = 0;
+    buffer_.resize(bufferSize_);
     const std::size_t count = std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, file_.get());
     if (count == 0 && std::ferror(file_.get()) != 0 && notes_.error.empty())
         notes_.error = std::generic_category().message(errno);
     end_ += count;
+    place_ += count;
     notes_.bytes += count;
     return count != 0;
 }
@@ -182,7 +240,8 @@ bool LogReader::nextRaw(std::string_view& raw)
     while (true) {
         const char* start = buffer_.data() + begin_;
         const std::size_t size = end_ - begin_;
-        const auto* found = static_cast<const char*>(std::memchr(start + searched, '\n', size - searched));
+        const auto* found =
+            size > searched ? static_cast<const char*>(std::memchr(start + searched, '\n', size - searched)) : nullptr;
         if (found != nullptr) {
             raw = {start, static_cast<std::size_t>(found - start)};
             begin_ += raw.size() + 1;
@@ -262,18 +321,16 @@ bool LogReader::refresh()
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(path_, error);
     if (!file_ || error) {
-        file_.reset();
         open();
         return static_cast<bool>(file_);
     }
-    const long place = std::ftell(file_.get());
-    if (place >= 0 && size < static_cast<std::uintmax_t>(place)) {
+    if (size < place_) {
         ++notes_.shrunk;
-        begin_ = end_ = 0;
-        std::rewind(file_.get());
+        open(); // Anew: another file may have taken its place.
+    } else {
+        std::clearerr(file_.get());
     }
-    std::clearerr(file_.get());
-    return true;
+    return static_cast<bool>(file_);
 }
 
 } // namespace velkor::trace

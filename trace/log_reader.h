@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,7 @@ enum class Level { Error, Debug, Other };
 
 /// Milliseconds since the beginning of some year; lines have no year of their own.
 using Milliseconds = std::int64_t;
+inline constexpr Milliseconds DAY = 24 * 60 * 60 * 1000;
 
 struct LogLine {
     Milliseconds time = 0;
@@ -27,8 +29,14 @@ struct LogLine {
     std::uint64_t number = 0;
 };
 
+/// What is added to the time of a line that was written in this year.
+Milliseconds timeOfYear(int year);
+
 /// "13:46:27.123" of a time of a line.
 std::string clockText(Milliseconds time);
+
+/// "2026-11-15" of a time of a line; "11-15" where the year is not known.
+std::string dateText(Milliseconds time);
 
 /// What was met in a file beside lines of the log.
 struct ReadingNotes {
@@ -50,11 +58,18 @@ bool parseLine(std::string_view whole, LogLine& line);
 /// Whether all bytes are text in UTF-8.
 bool isText(std::string_view bytes);
 
+/// The time of a file's first line; nothing where its beginning has none.
+std::optional<Milliseconds> firstTime(const std::filesystem::path& path);
+
+/// What a reader of one file takes; less memory reads slower.
+inline constexpr std::size_t LARGE_BUFFER = std::size_t{1} << 20;
+inline constexpr std::size_t SMALL_BUFFER = std::size_t{8} << 10;
+
 class LogReader
 {
 public:
-    /// A file that cannot be opened has no lines, and `notes` says why.
-    explicit LogReader(std::filesystem::path path);
+    /// A file that cannot be opened has no lines, and `notes` says why. It is opened when it is first read.
+    explicit LogReader(std::filesystem::path path, std::size_t bufferSize = LARGE_BUFFER);
 
     /// The next whole line of the log; false at the end of what there is. A file that grows has more later.
     bool next(LogLine& line);
@@ -64,6 +79,9 @@ public:
 
     /// Looks whether the file has grown, or shrunk, which begins it anew. True when there is something to read.
     bool refresh();
+
+    /// Lets go of the file and of the memory for it. There are no more lines.
+    void close();
 
     const std::filesystem::path& path() const { return path_; }
     const ReadingNotes& notes() const { return notes_; }
@@ -79,7 +97,10 @@ private:
     bool take(std::string_view raw, LogLine& line);
 
     std::filesystem::path path_;
+    std::size_t bufferSize_; ///< Grows for a long line.
+    bool isNew_ = true;      ///< It has not been opened yet.
     std::unique_ptr<std::FILE, Close> file_;
+    std::uintmax_t place_ = 0; ///< In the file.
     std::vector<char> buffer_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;

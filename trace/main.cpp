@@ -1,10 +1,12 @@
 // velkor-trace: says what happened in the module's log, in words.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -100,38 +102,56 @@ struct FollowedLog {
     std::unique_ptr<Source> source;
     std::chrono::steady_clock::time_point lastCall;
     std::vector<std::string> notes;
+    bool isQuiet = false; ///< Nothing has come for so long that no call is in progress.
 };
 
-/// Prints a call if it is wanted. False when nobody reads any more.
-bool print(Call& call, const Options& options, const TableStyle& style, std::FILE* file)
-{
-    if (!options.filter.wants(call))
-        return true;
-    if (options.redact)
-        redact(call);
-    const std::string row = options.json ? jsonLine(callAsJson(call)) : tableRow(call, style);
-    return std::fputs(row.c_str(), file) >= 0;
-}
+/// Where calls go, and how.
+struct Printer {
+    const Options& options;
+    TableStyle style;
+    std::FILE* file;
+    std::optional<Milliseconds> day = std::nullopt; ///< Of the last call.
+
+    void printHeader() const
+    {
+        if (!options.json)
+            std::fputs(tableHeader(style).c_str(), file);
+    }
+
+    /// Prints a call if it is wanted, and the day in between when it is another one. False when nobody reads any more.
+    bool print(Call& call)
+    {
+        if (!options.filter.wants(call))
+            return true;
+        if (options.redact)
+            redact(call);
+        if (options.json)
+            return std::fputs(jsonLine(callAsJson(call)).c_str(), file) >= 0;
+        if (day.value_or(call.start / DAY) != call.start / DAY)
+            std::fprintf(file, "%s\n", dateText(call.start).c_str());
+        day = call.start / DAY;
+        return std::fputs(tableRow(call, style).c_str(), file) >= 0;
+    }
+};
 
 /// Prints what a log has had since the last look. False when nobody reads any more.
-bool followLog(FollowedLog& log, const Options& options, const TableStyle& style)
+bool followLog(FollowedLog& log, Printer& printer)
 {
     using namespace std::chrono_literals;
     const auto now = std::chrono::steady_clock::now();
     log.source->refresh();
     Call call;
-    for (bool isEnded = false; true;) {
+    for (log.isQuiet = false; true; log.isQuiet = true) {
         while (log.source->next(call, true)) {
             log.lastCall = now;
-            if (!print(call, options, style, stdout))
+            if (!printer.print(call))
                 return false;
         }
         // What was refused is over; what is at work may take long.
         const auto patience = log.source->builder().isRefused() ? 300ms : 10s;
-        if (isEnded || now - log.lastCall < patience)
+        if (log.isQuiet || now - log.lastCall < patience)
             break;
         log.source->finish();
-        isEnded = true;
     }
     if (const auto notes = notesInWords(*log.source); notes != log.notes) {
         log.notes = notes;
@@ -145,20 +165,24 @@ bool followLog(FollowedLog& log, const Options& options, const TableStyle& style
 ExitCode follow(Options& options)
 {
     readTimes(options);
-    const TableStyle style = {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), true};
-    if (!options.json)
-        std::fputs(tableHeader(style).c_str(), stdout);
+    Printer printer{options, {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), true}, stdout};
+    printer.printHeader();
     std::map<std::filesystem::path, FollowedLog> logs;
     while (true) {
-        for (const auto& path : chosenLogs(options)) {
+        const auto chosen = chosenLogs(options);
+        for (const auto& path : chosen) {
             FollowedLog& log = logs[path];
             if (!log.source)
-                log = {std::make_unique<Source>(path), std::chrono::steady_clock::now(), {}};
+                log = {std::make_unique<Source>(path, SMALL_BUFFER), std::chrono::steady_clock::now(), {}};
         }
         for (auto& [path, log] : logs) {
-            if (!followLog(log, options, style))
+            if (!followLog(log, printer))
                 return ExitCode::Done;
         }
+        // Yesterday's, once their last calls have ended.
+        std::erase_if(logs, [&](const auto& each) {
+            return each.second.isQuiet && std::ranges::find(chosen, each.first) == chosen.end();
+        });
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
 }
@@ -173,10 +197,10 @@ ExitCode show(Options& options)
     const TableStyle style = {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), logs.size() > 1};
     {
         const PagedOutput output(!options.noPager && !options.json);
-        if (!options.json)
-            std::fputs(tableHeader(style).c_str(), output.file());
+        Printer printer{options, style, output.file()};
+        printer.printHeader();
         for (Call call; calls.next(call);) {
-            if (!print(call, options, style, output.file()))
+            if (!printer.print(call))
                 break; // The reader has seen enough.
         }
     }
@@ -196,8 +220,10 @@ ExitCode summarize(Options& options)
             summary.addUnwritable(log.string(), why);
     }
     for (Call call; calls.next(call);) {
-        if (!options.filter.wants(call))
+        if (!options.filter.wants(call)) {
+            summary.follow(call);
             continue;
+        }
         if (options.redact)
             redact(call);
         summary.add(call);
@@ -238,8 +264,10 @@ ExitCode writePage(Options& options)
     MergedCalls calls(logs);
     Summary summary;
     for (Call call; calls.next(call);) {
-        if (!options.filter.wants(call))
+        if (!options.filter.wants(call)) {
+            summary.follow(call);
             continue;
+        }
         if (!options.noRedact)
             redact(call);
         summary.add(call);

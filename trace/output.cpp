@@ -159,9 +159,9 @@ std::string tableRow(const Call& call, const TableStyle& style)
 
 json callAsJson(const Call& call)
 {
-    json document = {{"program", call.program},     {"time", clockText(call.start)},     {"call", call.function},
-                     {"entry", call.hasEntry},      {"monitor", call.isMonitor},         {"mixed", call.isMixed},
-                     {"outcome", outcomeKey(call)}, {"explanation", explanationOf(call)}};
+    json document = {{"program", call.program}, {"date", dateText(call.start)}, {"time", clockText(call.start)},
+                     {"call", call.function},   {"entry", call.hasEntry},       {"monitor", call.isMonitor},
+                     {"mixed", call.isMixed},   {"outcome", outcomeKey(call)},  {"explanation", explanationOf(call)}};
     if (const auto duration = call.duration())
         document["milliseconds"] = *duration;
     if (call.outcome == Outcome::Refused && call.code != CODE_UNKNOWN)

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <limits>
 #include <system_error>
+#include <tuple>
 
 #include "platform/platform.h"
 
@@ -15,7 +17,6 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr std::string_view SHAPE_OF_NAME = "0000-00-00.LOG";
-constexpr Milliseconds YEAR = Milliseconds{13} * 31 * 24 * 60 * 60 * 1000;
 
 bool isNamedByModule(const std::string& name)
 {
@@ -32,7 +33,7 @@ bool isNamedByModule(const std::string& name)
 Milliseconds yearOf(const fs::path& log)
 {
     const std::string name = log.filename().string();
-    return isNamedByModule(name) ? std::stoi(name.substr(0, 4)) * YEAR : 0;
+    return isNamedByModule(name) ? timeOfYear(std::stoi(name.substr(0, 4))) : 0;
 }
 
 void note(std::vector<std::string>& notes, std::uint64_t count, const char* one, const char* many)
@@ -99,7 +100,16 @@ std::string whyUnwritable(const fs::path& log)
     return {};
 }
 
-Source::Source(const fs::path& log) : reader_(log), builder_(programOf(log)), year_(yearOf(log)) {}
+Source::Source(const fs::path& log, std::size_t bufferSize)
+    : reader_(log, bufferSize), builder_(programOf(log)), year_(yearOf(log))
+{
+}
+
+Milliseconds Source::firstTime() const
+{
+    const auto time = trace::firstTime(reader_.path());
+    return time ? *time + year_ : std::numeric_limits<Milliseconds>::min();
+}
 
 bool Source::add(LogLine& line)
 {
@@ -128,25 +138,51 @@ bool Source::next(Call& call, bool isGrowing)
 
 MergedCalls::MergedCalls(const std::vector<fs::path>& logs)
 {
+    constexpr std::size_t BUFFERS_TOGETHER = std::size_t{16} << 20;
+    const std::size_t share = BUFFERS_TOGETHER / std::max<std::size_t>(logs.size(), 1);
     for (const fs::path& log : logs) {
-        sources_.push_back(std::make_unique<Source>(log));
-        Call first;
-        heads_.push_back(sources_.back()->next(first, false) ? std::optional(std::move(first)) : std::nullopt);
+        sources_.push_back(std::make_unique<Source>(log, std::clamp(share, SMALL_BUFFER, LARGE_BUFFER)));
+        waiting_.push_back({sources_.back()->firstTime(), waiting_.size()});
+    }
+    std::ranges::sort(waiting_, [](const Waiting& left, const Waiting& right) {
+        return std::tie(left.start, left.number) > std::tie(right.start, right.number);
+    });
+}
+
+std::vector<MergedCalls::Open>::iterator MergedCalls::earliest()
+{
+    return std::ranges::min_element(open_, [](const Open& left, const Open& right) {
+        return std::tie(left.head.start, left.number) < std::tie(right.head.start, right.number);
+    });
+}
+
+void MergedCalls::openThoseDue()
+{
+    for (auto first = earliest();
+         !waiting_.empty() && (first == open_.end() || waiting_.back().start <= first->head.start);
+         first = earliest()) {
+        const std::size_t number = waiting_.back().number;
+        waiting_.pop_back();
+        Call head;
+        if (sources_[number]->next(head, false))
+            open_.push_back({number, std::move(head)});
+        else
+            sources_[number]->close();
     }
 }
 
 bool MergedCalls::next(Call& call)
 {
-    std::size_t earliest = heads_.size();
-    for (std::size_t each = 0; each < heads_.size(); ++each) {
-        if (heads_[each] && (earliest == heads_.size() || heads_[each]->start < heads_[earliest]->start))
-            earliest = each;
-    }
-    if (earliest == heads_.size())
+    if (!waiting_.empty())
+        openThoseDue();
+    const auto first = earliest();
+    if (first == open_.end())
         return false;
-    call = std::move(*heads_[earliest]);
-    if (!sources_[earliest]->next(*heads_[earliest], false))
-        heads_[earliest].reset();
+    call = std::move(first->head);
+    if (!sources_[first->number]->next(first->head, false)) {
+        sources_[first->number]->close();
+        open_.erase(first);
+    }
     return true;
 }
 
@@ -161,6 +197,8 @@ std::vector<std::string> notesInWords(const Source& source)
     note(notes, reading.overlong, "line is too long to be shown whole", "lines are too long to be shown whole");
     note(notes, reading.wrongBytes, "line has bytes that are no text", "lines have bytes that are no text");
     note(notes, reading.backwards, "line is older than the one before", "lines are older than the one before");
+    if (reading.carriageReturns)
+        notes.emplace_back("its lines end as on Windows");
     note(notes, reading.shrunk, "time the file became shorter", "times the file became shorter");
     note(notes, source.builder().notes().unknownTexts, "text is unknown to this version",
          "texts are unknown to this version");

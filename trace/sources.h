@@ -32,13 +32,18 @@ std::string whyUnwritable(const std::filesystem::path& log);
 class Source
 {
 public:
-    explicit Source(const std::filesystem::path& log);
+    explicit Source(const std::filesystem::path& log, std::size_t bufferSize = LARGE_BUFFER);
+
+    /// When its first line was written; long ago where that is not known.
+    Milliseconds firstTime() const;
 
     /// The next call; false at the end. With `isGrowing` the last call is kept back until it is complete.
     bool next(Call& call, bool isGrowing);
     /// Gives out the call in progress.
     void finish() { builder_.finish(); }
     bool refresh() { return reader_.refresh(); }
+    /// Keeps what was met, and nothing that takes memory.
+    void close() { reader_.close(); }
 
     const LogReader& reader() const { return reader_; }
     const CallBuilder& builder() const { return builder_; }
@@ -52,7 +57,8 @@ private:
     bool ended_ = false;
 };
 
-/// The calls of several logs in the order of their beginning.
+/// The calls of several logs in the order of their beginning. A log is opened when its time comes and closed at its
+/// end, so that memory does not grow with their number.
 class MergedCalls
 {
 public:
@@ -62,8 +68,21 @@ public:
     const std::vector<std::unique_ptr<Source>>& sources() const { return sources_; }
 
 private:
-    std::vector<std::unique_ptr<Source>> sources_;
-    std::vector<std::optional<Call>> heads_;
+    struct Waiting {
+        Milliseconds start;
+        std::size_t number;
+    };
+    struct Open {
+        std::size_t number;
+        Call head;
+    };
+
+    void openThoseDue();
+    std::vector<Open>::iterator earliest();
+
+    std::vector<std::unique_ptr<Source>> sources_; ///< In the order in which they were given.
+    std::vector<Waiting> waiting_;                 ///< The earliest is the last.
+    std::vector<Open> open_;
 };
 
 /// What there is to tell of the reading of a log, a line each: "2 lines were cut".

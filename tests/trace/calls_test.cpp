@@ -64,6 +64,14 @@ TEST(TraceCallsTest, ErrorLinesAloneAreCallsWithoutEntry)
                "C_GetInfo: refused CKR_ARGUMENTS_BAD (no entry)"}));
 }
 
+TEST(TraceCallsTest, BothLinesOfARefusedPinMayBeFarApart)
+{
+    const auto log = test::logLine("10:00:00:000", "ERROR", "Token password validation failed : 312") +
+                     test::logLine("10:00:00:400", "ERROR", "Token password validation failed, retry count : 2");
+    EXPECT_EQ(shortly(test::callsOfLogs({test::writtenFile(test::freshFolder() / "a.LOG", log)})),
+              Texts{"C_Login: refused CKR_PIN_INCORRECT (no entry)"});
+}
+
 TEST(TraceCallsTest, DebugLinesOfARefusalAreRefusals)
 {
     EXPECT_EQ(shortly(callsOf(Texts{"D C_Login", "D C_Login: User already logged in", "D C_DestroyObject",
@@ -135,6 +143,38 @@ TEST(TraceCallsTest, CallsOfSeveralLogsComeInTheOrderOfTime)
                      "C_Login: no refusal seen"}));
 }
 
+TEST(TraceCallsTest, ALogIsOpenOnlyInItsOwnTime)
+{
+    const auto folder = test::freshFolder();
+    std::vector<std::filesystem::path> logs;
+    for (int each = 30; each > 0; --each) {
+        const std::string clock = "10:" + std::to_string(10 + each) + ":00:000";
+        logs.push_back(test::writtenFile(folder / std::to_string(each) / "2026-11-15.LOG",
+                                         test::logLine(clock, "DEBUG", "C_GetInfo")));
+    }
+    MergedCalls merged(logs);
+    Call call;
+    ASSERT_TRUE(merged.next(call));
+    ASSERT_TRUE(merged.next(call));
+    EXPECT_EQ(clockText(call.start), "10:12:00.000");
+    std::ofstream(logs.front(), std::ios::app | std::ios::binary) << test::logLine("10:50:00:000", "DEBUG", "C_Logout");
+    int count = 2;
+    while (merged.next(call))
+        ++count;
+    EXPECT_EQ(count, 31) << "the last log is read when the others have ended";
+    EXPECT_EQ(call.function, "C_Logout");
+}
+
+TEST(TraceCallsTest, ACallKeepsFewBytesOfVeryLongLines)
+{
+    Texts lines = {"D C_Sign"};
+    lines.resize(50, "D Sign input hash : " + std::string(20'000, 'A'));
+    const auto calls = callsOf(lines);
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_LT(calls[0].bytes, 200'000U);
+    EXPECT_EQ(calls[0].lines.size() + calls[0].linesLeftOut, 50U);
+}
+
 TEST(TraceWordsTest, NumbersHaveTheirNames)
 {
     const auto calls =
@@ -165,6 +205,12 @@ TEST(TraceExplainTest, KnowsLinesCodesNumbersStatusesAndFunctions)
     EXPECT_NE(explain("15/11::10:00:00:000-> ->ERROR ::=>C_Login: pPin is NULL").find("CKR_ARGUMENTS_BAD"),
               std::string::npos);
     EXPECT_NE(explain("CKR_PIN_LOCKED").find("unlocked with the SO PIN"), std::string::npos);
+    EXPECT_NE(explain("CKR_DEVICE_REMOVED")
+                  .find("lines that go with it with status 40 and 242:\n    Leaf import failed: {status}"),
+              std::string::npos);
+    EXPECT_NE(explain("CKR_FUNCTION_FAILED").find("with another than status 40 and 242:"), std::string::npos);
+    EXPECT_NE(explain("CKR_KEY_NEEDED").find("Neither the module nor the strict front gives this code."),
+              std::string::npos);
     EXPECT_NE(explain("0x50000001").find("slot 1"), std::string::npos);
     EXPECT_NE(explain("1879048197").find("private key 5"), std::string::npos);
     EXPECT_NE(explain("status 313").find("the PIN is locked"), std::string::npos);
