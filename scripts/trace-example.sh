@@ -4,7 +4,7 @@
 #   scripts/trace-example.sh [BUILD]      build/release when none is named
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=$PWD/${1:-build/release}
+build=$(realpath "${1:-build/release}")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export TMPDIR=$work VELKOR_SOFTKEY_HOME=$work/keys VELKOR_CONFIG=$work/velkor.conf PIN=1234 SO_PIN=12345678

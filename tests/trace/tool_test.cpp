@@ -1,9 +1,13 @@
 // The program itself: its options, its exit codes, its page in a browser, and what it follows.
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <iterator>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -15,6 +19,7 @@
 
 #include "trace_files.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace velkor::trace
@@ -170,6 +175,222 @@ TEST_F(TraceToolTest, FollowsALogThatGrows)
     ASSERT_NE(std::fgets(line.data(), line.size(), pipe), nullptr);
     EXPECT_EQ(json::parse(line.data())["call"], "C_Logout");
     pclose(pipe);
+}
+
+TEST_F(TraceToolTest, APipeInThePlaceOfALogIsNotWaitedFor)
+{
+    std::filesystem::create_directories(folder_ / "program");
+    ASSERT_EQ(mkfifo((folder_ / "program" / todaysName()).c_str(), 0600), 0);
+    EXPECT_TRUE(todaysLogs(folder_).empty());
+}
+
+TEST_F(TraceToolTest, ALinkInPlaceOfALogIsTold)
+{
+    std::filesystem::create_symlink("elsewhere", folder_ / "link.LOG");
+    EXPECT_EQ(whyUnwritable(folder_ / "link.LOG"), "a link stands in its place");
+}
+
+TEST_F(TraceToolTest, TellsWhereAnotherDayBegins)
+{
+    const auto next =
+        test::writtenFile(folder_ / "signer" / "2026-11-16.LOG", "16/11::00:00:01:000-> ->DEBUG ::=>C_Logout\n");
+    const ToolRun run = runTool(path() + " '" + next.string() + "'");
+    EXPECT_EQ(run.output.find("2026-11-15\n"), std::string::npos);
+    EXPECT_NE(run.output.find("\n2026-11-16\n00:00:01.000"), std::string::npos) << run.output;
+    EXPECT_EQ(json::parse(runTool("--json '" + next.string() + "'").output)["date"], "2026-11-16");
+}
+
+TEST_F(TraceToolTest, ReadsAPipeThatItIsGiven)
+{
+    EXPECT_NE(runCommand("cat " + path() + " | " + TRACE_TOOL + " /dev/stdin").output.find("C_CreateObject"),
+              std::string::npos);
+}
+
+TEST_F(TraceToolTest, HasFewFilesOpenAtOnce)
+{
+    for (int each = 1; each <= 200; ++each) {
+        const std::string clock = std::to_string(10'000 + each).substr(1);
+        test::writtenFile(folder_ / "many" / (clock + ".LOG"),
+                          logLine("11:" + clock.substr(0, 2) + ":" + clock.substr(2) + ":000", "DEBUG", "C_GetInfo"));
+    }
+    const ToolRun run = runCommand("ulimit -n 20; '" + std::string(TRACE_TOOL) + "' '" + (folder_ / "many").string() +
+                                   "'/*.LOG | grep -c C_GetInfo");
+    EXPECT_EQ(run.output, "200\n");
+}
+
+// ---- What comes later ----
+
+/// A program whose standard output is read line by line.
+class RunningTool
+{
+public:
+    RunningTool(const std::string& environment, const std::string& arguments)
+        : pipe_(
+              popen(("echo $$; exec env " + environment + " timeout 60 " + TRACE_TOOL + " " + arguments).c_str(), "r")),
+          process_(std::stoi(nextLine()))
+    {
+    }
+    ~RunningTool()
+    {
+        kill(process_, SIGTERM);
+        pclose(pipe_);
+    }
+    RunningTool(const RunningTool&) = delete;
+    RunningTool& operator=(const RunningTool&) = delete;
+
+    /// The function of the next call, which is waited for; empty at the end.
+    std::string nextCall()
+    {
+        const std::string line = nextLine();
+        return line.empty() ? "" : json::parse(line)["call"].get<std::string>();
+    }
+
+private:
+    std::string nextLine()
+    {
+        std::array<char, 8192> line{};
+        return std::fgets(line.data(), line.size(), pipe_) != nullptr ? line.data() : "";
+    }
+
+    std::FILE* pipe_;
+    pid_t process_;
+};
+
+void appendTo(const std::filesystem::path& log, const std::string& lines)
+{
+    std::filesystem::create_directories(log.parent_path());
+    std::ofstream(log, std::ios::app | std::ios::binary) << lines;
+}
+
+TEST_F(TraceToolTest, FollowsLogsThatAppear)
+{
+    const auto logs = folder_ / "logs";
+    std::filesystem::create_directories(logs);
+    RunningTool tool("", "--follow --json '" + logs.string() + "'");
+    const std::string refused =
+        logLine("11:00:00:000", "DEBUG", "C_GetInfo") + logLine("11:00:00:001", "ERROR", "C_GetInfo: pInfo is NULL");
+    appendTo(logs / "one" / todaysName(), refused + logLine("11:00:00:002", "DEBUG", "C_Login"));
+    EXPECT_EQ(tool.nextCall(), "C_GetInfo");
+    appendTo(logs / "two" / todaysName(),
+             logLine("11:00:01:000", "DEBUG", "C_Sign") + logLine("11:00:02:000", "DEBUG", "C_Logout"));
+    EXPECT_EQ(tool.nextCall(), "C_Sign");
+}
+
+/// A time zone where midnight comes in `seconds`, and the names of the logs before and behind it.
+struct Midnight {
+    std::string zone;
+    std::string before;
+    std::string behind;
+};
+
+std::string nameOfLog(std::time_t time)
+{
+    std::array<char, 32> name{};
+    std::tm parts{};
+    std::strftime(name.data(), name.size(), "%Y-%m-%d.LOG", gmtime_r(&time, &parts));
+    return name.data();
+}
+
+Midnight midnightIn(int seconds)
+{
+    constexpr int DAY = 24 * 60 * 60;
+    const std::time_t now = std::time(nullptr);
+    const auto behindUtc = static_cast<int>((now + seconds) % DAY);
+    std::array<char, 32> zone{};
+    std::snprintf(zone.data(), zone.size(), "TZ=XXX%d:%02d:%02d", behindUtc / 3600, behindUtc / 60 % 60,
+                  behindUtc % 60);
+    const std::time_t midnight = now + seconds - behindUtc;
+    return {zone.data(), nameOfLog(midnight - 1), nameOfLog(midnight)};
+}
+
+TEST_F(TraceToolTest, FollowsAcrossMidnight)
+{
+    const auto [zone, before, behind] = midnightIn(10);
+    const auto logs = folder_ / "logs" / "signer";
+    appendTo(logs / before, logLine("23:59:50:000", "DEBUG", "C_Login") + logLine("23:59:51:000", "DEBUG", "C_Sign"));
+    RunningTool tool(zone, "--follow --json '" + logs.parent_path().string() + "'");
+    ASSERT_EQ(tool.nextCall(), "C_Login");
+    appendTo(logs / behind, logLine("00:00:00:000", "DEBUG", "C_Logout") + logLine("00:00:01:000", "DEBUG", "C_Sign"));
+    appendTo(logs / before, logLine("23:59:59:999", "DEBUG", "C_GetInfo")); // Written late.
+    EXPECT_EQ(tool.nextCall(), "C_Sign") << "the end of the old day";
+    EXPECT_EQ(tool.nextCall(), "C_Logout") << "the beginning of the new one";
+}
+
+// ---- Pager ----
+
+class TracePagerTest : public TraceToolTest
+{
+protected:
+    void SetUp() override
+    {
+        if (runCommand("script --version").code != 0)
+            GTEST_SKIP() << "there is no program script to run it in a terminal";
+    }
+
+    ToolRun runInTerminal(const std::string& pager, const std::string& options) const
+    {
+        return runCommand("PAGER='" + pager + "' COLUMNS=80 TERM=xterm script -qec \"" + std::string(TRACE_TOOL) + " " +
+                          options + " " + path() + "\" /dev/null");
+    }
+};
+
+TEST_F(TracePagerTest, TheUsersPagerGetsTheTable)
+{
+    const ToolRun run = runInTerminal("sed s/^/paged:/", "");
+    EXPECT_EQ(run.output.substr(0, 6), "paged:");
+    EXPECT_NE(run.output.find("paged:10:00:01"), std::string::npos) << run.output;
+    EXPECT_NE(runInTerminal("sed s/^/paged:/", "summary").output.find("paged:"), std::string::npos);
+}
+
+TEST_F(TracePagerTest, NoneIsUsedWhereItIsNotWanted)
+{
+    EXPECT_EQ(runInTerminal("sed s/^/paged:/", "--no-pager").output.find("paged:"), std::string::npos);
+    EXPECT_EQ(runInTerminal("sed s/^/paged:/", "--json").output.find("paged:"), std::string::npos);
+}
+
+TEST_F(TracePagerTest, OneThatIsMissingIsGoneWithout)
+{
+    EXPECT_NE(runInTerminal("no-such-pager --quiet", "").output.find("C_CreateObject"), std::string::npos);
+}
+
+// ---- What shells and people are told of the options ----
+
+std::vector<std::string> longOptions()
+{
+    const std::string help = runTool("--help").output;
+    static const std::regex OPTION(R"(--[a-z-]+)");
+    std::set<std::string> options;
+    for (std::sregex_iterator each(help.begin(), help.end(), OPTION), end; each != end; ++each)
+        options.insert(each->str());
+    return {options.begin(), options.end()};
+}
+
+TEST(TraceOptionsTest, AllAreInTheManualPage)
+{
+    ASSERT_GT(longOptions().size(), 10U);
+    const std::string page = readWhole(std::filesystem::path(SOURCES) / "trace/velkor-trace.1");
+    for (const std::string& option : longOptions())
+        EXPECT_NE(page.find(std::regex_replace(option, std::regex("-"), "\\-")), std::string::npos) << option;
+}
+
+/// What bash proposes for the last of the words.
+std::string completionOf(const std::string& words)
+{
+    const std::string file = (std::filesystem::path(SOURCES) / "trace/velkor-trace.bash").string();
+    return runCommand("bash -c 'source \"$0\"; COMP_WORDS=(velkor-trace \"${@:1}\"); COMP_CWORD=$#; _velkor_trace; "
+                      "echo \"${COMPREPLY[@]}\"' '" +
+                      file + "' " + words)
+        .output;
+}
+
+TEST(TraceOptionsTest, AllAreCompleted)
+{
+    for (const std::string& option : longOptions())
+        EXPECT_EQ(completionOf("'" + option + "'").substr(0, option.size()), option);
+    EXPECT_EQ(completionOf("--fo"), "--follow\n");
+    EXPECT_EQ(completionOf("summ"), "summary\n");
+    EXPECT_EQ(completionOf("summary --err"), "--errors\n");
+    EXPECT_EQ(completionOf("--since 1"), "\n");
 }
 
 // ---- The page ----
