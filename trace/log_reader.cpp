@@ -329,6 +329,7 @@ bool LogReader::refresh()
         open(); // Anew: another file may have taken its place.
     } else {
         std::clearerr(file_.get());
+        std::fseek(file_.get(), 0, SEEK_CUR); // Or the C runtime of Windows stays at the end.
     }
     return static_cast<bool>(file_);
 }

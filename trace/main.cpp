@@ -91,7 +91,7 @@ ExitCode tellNoLogs(const Options& options)
 {
     const std::string place = options.files.empty() ? logFolder().string() : options.files.front();
     std::error_code error;
-    std::filesystem::directory_iterator(place, error);
+    [[maybe_unused]] const std::filesystem::directory_iterator opened(place, error);
     const std::string reason = error ? ": " + error.message() : "";
     std::fprintf(stderr, "velkor-trace: there are no logs of today in %s%s\n", place.c_str(), reason.c_str());
     return ExitCode::NothingRead;
