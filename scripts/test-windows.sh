@@ -24,7 +24,7 @@ fail() {
 
 # build PRESET SOFTKEY
 build() {
-    cmake --preset "$1" -D VELKOR_BUILD_SOFTKEY="$2" >"build/$1.configure.log" 2>&1 ||
+    cmake --preset "$1" -D VELKOR_BUILD_SOFTKEY="$2" -D VELKOR_BUILD_TRACE="$2" >"build/$1.configure.log" 2>&1 ||
         { cat "build/$1.configure.log"; return 1; }
     cmake --build --preset "$1" >"build/$1.build.log" 2>&1 || { cat "build/$1.build.log"; return 1; }
 }
