@@ -77,15 +77,19 @@ CK_RV loadModule(State& state)
 }
 
 /// A thread that cannot be created leaves the module's C_Initialize as an exception; the module then has started.
-CK_RV startModule(const CK_FUNCTION_LIST& functions)
+CK_RV startModule(State& state)
 {
+    const CK_FUNCTION_LIST& functions = state.module;
+    state.isModuleUsed = true; // Before it is: a child that is forked in the midst of it has to end it first.
     CK_RV result = CKR_OK;
     try {
         result = functions.C_Initialize(nullptr);
     } catch (...) {
         functions.C_Finalize(nullptr);
+        state.isModuleUsed = false;
         return refuse(CKR_FUNCTION_FAILED, "C_Initialize: the module's thread cannot be created");
     }
+    state.isModuleUsed = result == CKR_OK;
     if (result == CKR_CRYPTOKI_ALREADY_INITIALIZED)
         return refuse(CKR_FUNCTION_FAILED, "C_Initialize: the host uses the module itself");
     if (result != CKR_OK)
@@ -93,6 +97,7 @@ CK_RV startModule(const CK_FUNCTION_LIST& functions)
     CK_INFO info{};
     if (functions.C_GetInfo(&info) == CKR_OK)
         return CKR_OK;
+    state.isModuleUsed = false;
     restUntil = std::chrono::steady_clock::now() + REST_AFTER_FAILED_START;
     return refuse(CKR_FUNCTION_FAILED, "C_Initialize: the device library did not start");
 }
@@ -112,7 +117,7 @@ CK_RV start(State& state)
         return result;
     endModuleOfParent(state);
     std::this_thread::sleep_until(restUntil);
-    result = startModule(state.module);
+    result = startModule(state);
     if (result != CKR_OK)
         return result;
     beginSlots();
@@ -132,6 +137,7 @@ void endModule(State& state, const std::vector<DoomedPair>& doomed) noexcept
         logError("C_Finalize: key pairs of sessions were not deleted");
     }
     state.module.C_Finalize(nullptr);
+    state.isModuleUsed = false;
     forgetModuleSessions();
     const std::scoped_lock life(state.lifeLock);
     state.phase = Phase::Ended;

@@ -15,31 +15,22 @@ constexpr std::chrono::milliseconds PATIENCE_BEFORE_FORK{500};
 
 /// What is held while the process forks, so that the child finds nothing half done.
 struct ForkGuard {
+    std::unique_lock<std::mutex> life;
     std::optional<KeyGate::Stay> stay;
     std::unique_lock<std::mutex> slots;
     std::unique_lock<std::mutex> lock;
 };
 ForkGuard* forkGuard = nullptr;
 
-std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience)
-{
-    std::unique_lock lock(mutex, std::try_to_lock);
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (!lock.owns_lock() && std::chrono::steady_clock::now() < end) {
-        platform::sleep(std::chrono::milliseconds(1));
-        lock.try_lock();
-    }
-    return lock;
-}
-
-/// Waits until no call is in the module, behind the gate or at its slots, within reason: the call that forks may itself
-/// be one. A lock of the module that is held then stays held in the child for ever.
+/// Waits until no call is in the module, at its start, behind the gate or at its slots, within reason: the call that
+/// forks may itself be one. A lock of the module that is held then stays held in the child for ever.
 void beforeFork()
 {
     State& before = state();
+    auto life = lockInTime(before.lifeLock, PATIENCE_BEFORE_FORK);
     auto stay = before.gate.enterAlone(PATIENCE_BEFORE_FORK);
     auto slots = lockInTime(before.slotLock, PATIENCE_BEFORE_FORK);
-    forkGuard = new ForkGuard{std::move(stay), std::move(slots), std::unique_lock(before.lock)};
+    forkGuard = new ForkGuard{std::move(life), std::move(stay), std::move(slots), std::unique_lock(before.lock)};
 }
 
 void inParent()
@@ -48,7 +39,8 @@ void inParent()
     forkGuard = nullptr;
 }
 
-/// The child keeps the slots with their IDs. The old state stays where it is: other threads were in its midst.
+/// The child keeps the slots with their IDs, and gives no handle that its parent has given. The old state stays where
+/// it is: other threads were in its midst.
 void inChild()
 {
     State& old = state();
@@ -64,7 +56,9 @@ void inChild()
     }
     fresh.module = old.module;
     fresh.isModuleLoaded = old.isModuleLoaded;
-    fresh.isModuleForked = old.isModuleForked || old.phase != Phase::Ended;
+    fresh.isModuleForked = old.isModuleForked || old.isModuleUsed;
+    fresh.lastSession = old.lastSession;
+    fresh.lastObject = old.lastObject;
     current = &fresh;
     forkGuard = nullptr;
 }
@@ -98,6 +92,17 @@ const Loading loading;
 State& state()
 {
     return *current.load(std::memory_order_acquire);
+}
+
+std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience)
+{
+    std::unique_lock lock(mutex, std::try_to_lock);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!lock.owns_lock() && std::chrono::steady_clock::now() < end) {
+        platform::sleep(std::chrono::milliseconds(1));
+        lock.try_lock();
+    }
+    return lock;
 }
 
 } // namespace velkor::strict

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -54,9 +55,10 @@ struct State {
     std::condition_variable lifeChanged;
     std::atomic<Phase> phase = Phase::Ended;
     std::atomic<int> callsInside = 0;
-    std::atomic<unsigned long> life = 0; ///< Counts the calls of C_Initialize.
-    bool isModuleForked = false;         ///< The module still is as the parent of this process left it.
-    CK_FUNCTION_LIST module{};           ///< The module's functions, once it is loaded.
+    std::atomic<unsigned long> life = 0;    ///< Counts the calls of C_Initialize.
+    std::atomic<bool> isModuleUsed = false; ///< From before the module is started until it has ended.
+    bool isModuleForked = false;            ///< The module still is as the parent of this process left it.
+    CK_FUNCTION_LIST module{};              ///< The module's functions, once it is loaded.
     bool isModuleLoaded = false;
 
     /// Guards the module's slot table and what is read from it; taken before `lock`, and held across calls of the
@@ -79,6 +81,9 @@ struct State {
 };
 
 State& state();
+
+/// The lock is not held where it could not be had in time.
+std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience);
 
 /// The module's function table.
 inline const CK_FUNCTION_LIST& module()

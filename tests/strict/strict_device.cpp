@@ -70,8 +70,11 @@ int StrictDevice::checkPin(const std::string& device, const std::string& pin, co
 
 void StrictDevice::velkor_createInstance(void** libraryInstance)
 {
+    isStarting = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(startDelayMilliseconds));
     if (doesStart)
         DefaultDevice::velkor_createInstance(libraryInstance);
+    isStarting = false;
 }
 
 TokenInfo StrictDevice::velkor_getTokenInfo(const char* deviceName, void* libraryInstance)

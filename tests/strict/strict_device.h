@@ -67,6 +67,10 @@ public:
     std::atomic<int> pinChecks = 0;
     std::atomic<int> keyListReads = 0;
     std::atomic<bool> doesStart = true;
+    std::atomic<int> startDelayMilliseconds = 0;
+    std::atomic<bool> isStarting = false;
+    /// So many looks at the key pairs find none once a pair has been generated.
+    std::atomic<int> blindLooksAfterGeneration = 0;
     std::atomic<int> signingDelayMilliseconds = 0;
 
 private:
