@@ -84,10 +84,8 @@ CK_RV addSession(State& state, Token& token, CK_FLAGS flags, CK_SESSION_HANDLE_P
 }
 
 /// Deletes the pair, if it still is the one that the session made.
-CK_RV destroyPair(const DoomedPair& pair)
+CK_RV deleteAlone(KeyGate::Stay& stay, const DoomedPair& pair)
 {
-    State& state = strict::state();
-    KeyGate::Stay stay = state.gate.enterAlone();
     CK_SESSION_HANDLE session = 0;
     if (!(stay.holds().pin == pinOf(*pair.token)) || stay.holds().pin.token == nullptr) {
         dropPin(stay);
@@ -105,6 +103,13 @@ CK_RV destroyPair(const DoomedPair& pair)
         result = module().C_DestroyObject(session, pair.privateKey);
     stay.holds().pair.reset();
     return result;
+}
+
+void destroyPair(KeyGate::Stay& stay, const DoomedPair& pair)
+{
+    const CK_RV result = deleteAlone(stay, pair);
+    if (result != CKR_OK)
+        logError("A key pair of a closed session was not deleted : ", result);
 }
 
 } // namespace
@@ -162,9 +167,8 @@ std::vector<DoomedPair> closeEverything()
 void destroyPairs(const std::vector<DoomedPair>& doomed)
 {
     for (const DoomedPair& pair : doomed) {
-        const CK_RV result = destroyPair(pair);
-        if (result != CKR_OK)
-            logError("A key pair of a closed session was not deleted : ", result);
+        KeyGate::Stay stay = state().gate.enterAlone();
+        destroyPair(stay, pair);
     }
 }
 
@@ -173,16 +177,24 @@ void destroyPairsAtExit() noexcept
     constexpr std::chrono::milliseconds PATIENCE{200};
     State& state = strict::state();
     const CallInside call;
-    if (!call.isAdmitted() || !state.gate.enterAlone(PATIENCE))
+    if (!call.isAdmitted())
         return;
     try {
         RemovedThings removed;
         {
-            const std::unique_lock lock(state.lock, std::try_to_lock);
+            const auto lock = lockInTime(state.lock, PATIENCE);
             if (lock.owns_lock())
                 takeSessionPairs(state, removed);
         }
-        destroyPairs(removed.doomed);
+        if (removed.doomed.empty())
+            return;
+        auto stay = state.gate.enterAlone(PATIENCE);
+        for (const DoomedPair& pair : removed.doomed) {
+            if (stay)
+                destroyPair(*stay, pair);
+        }
+        if (!stay)
+            logError("Key pairs of sessions were not deleted at the end of the process: calls are in progress");
     } catch (...) {
         logError("Key pairs of sessions were not deleted at the end of the process");
     }

@@ -58,7 +58,7 @@ std::vector<DoomedPair> closeEverything();
 /// Deletes key pairs of closed sessions; a failure is told in the log.
 void destroyPairs(const std::vector<DoomedPair>& doomed);
 
-/// Deletes what a host leaves that ends without C_Finalize.
+/// Deletes what a host leaves that ends without C_Finalize, unless calls of other threads are in the way for too long.
 void destroyPairsAtExit() noexcept;
 
 /// Of a session, from its token's login.

@@ -1,5 +1,8 @@
 // What a forked child of a host meets.
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -76,6 +79,68 @@ TEST_F(StrictForkTest, SessionObjectsAreUnknownInAForkedChild)
               }),
               0);
     EXPECT_EQ(find(session, {attribute(CKA_LABEL, label)}), Handles{object});
+}
+
+TEST_F(StrictForkTest, AChildGivesNoHandleThatItsParentGave)
+{
+    start();
+    const CK_SESSION_HANDLE session = userSession();
+    const CK_OBJECT_HANDLE key = privateKey(session, 5);
+    EXPECT_EQ(inChild([&] {
+                  p11.C_Initialize(nullptr);
+                  const CK_SESSION_HANDLE own = userSession();
+                  return own > session && privateKey(own, 5) > key ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(StrictForkTest, AChildThatIsForkedWhileAThreadStartsTheFrontMayBeginAnew)
+{
+    device->startDelayMilliseconds = 150;
+    std::atomic<CK_RV> result = CKR_GENERAL_ERROR;
+    std::thread starter([&] { result = p11.C_Initialize(nullptr); });
+    while (!device->isStarting)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(
+        inChild([&] {
+            CK_INFO info;
+            if (p11.C_GetInfo(&info) != CKR_CRYPTOKI_NOT_INITIALIZED)
+                return 1;
+            if (p11.C_Initialize(nullptr) != CKR_OK)
+                return 2;
+            const CK_SESSION_HANDLE own = userSession();
+            ByteVector signature;
+            return sign(own, {CKM_ECDSA, nullptr, 0}, privateKey(own, 5), ByteVector(32), signature) == CKR_OK ? 0 : 3;
+        }),
+        0);
+    starter.join();
+    EXPECT_EQ(result, CKR_OK);
+    EXPECT_EQ(slots().size(), 2U);
+}
+
+TEST_F(StrictForkTest, AProcessThatExitsWaitsForNoCallForLong)
+{
+    constexpr std::chrono::seconds LONG{60};
+    std::fflush(nullptr);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(inChild([&] {
+                  start();
+                  const CK_SESSION_HANDLE session = userSession();
+                  ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+                  KeyPair pair; // Of the session: it is to be deleted as the process exits.
+                  generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)}, {}, pair);
+                  device->signingDelayMilliseconds = static_cast<int>(std::chrono::milliseconds(LONG).count());
+                  std::thread([&] {
+                      ByteVector signature;
+                      sign(session, {CKM_ECDSA, nullptr, 0}, pair.privateKey, ByteVector(32), signature);
+                  }).detach();
+                  while (device->signing == 0)
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                  std::exit(0);
+                  return 1;
+              }),
+              0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, LONG / 2);
 }
 
 TEST_F(StrictForkTest, AProcessMayForkWhileAThreadSigns)

@@ -164,8 +164,10 @@ int StrictDevice::velkor_signHash(const char* deviceId, const unsigned char* key
                                   int* signatureLength, bool /*flag*/, void* /*libraryInstance*/, bool isPss)
 {
     REQUIRE_PIN(deviceId, pin);
+    ++signing;
     if (const int delay = signingDelayMilliseconds; delay != 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    --signing;
     const std::size_t size = signatureSizeOf(deviceId, keyIdentifier);
     if (size == 0)
         return 321;
