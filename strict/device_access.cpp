@@ -76,11 +76,12 @@ bool isOfDevice(CK_RV result)
     return result == CKR_FUNCTION_FAILED || result == CKR_DEVICE_REMOVED || result == CKR_SESSION_HANDLE_INVALID;
 }
 
-/// A device that has gone looks like one without objects, and to a verification like a bad signature.
+/// A device that has gone looks like one without objects, to a verification like a bad signature, and to a login like
+/// one that refuses the PIN.
 bool mayHideRemoval(CK_RV result)
 {
     return isOfDevice(result) || result == CKR_OBJECT_HANDLE_INVALID || result == CKR_KEY_HANDLE_INVALID ||
-           result == CKR_SIGNATURE_INVALID;
+           result == CKR_SIGNATURE_INVALID || result == CKR_PIN_INCORRECT || result == CKR_PIN_LOCKED;
 }
 
 bool isPresent(const Token& token)
@@ -184,6 +185,7 @@ CK_RV putPinInForce(KeyGate::Stay& stay, Token& token)
     }
     if (result != CKR_PIN_INCORRECT && result != CKR_PIN_LOCKED)
         return result;
+    notePinAnswer(token, User::User, result);
     const std::scoped_lock lock(state().lock);
     if (token.login == wanted.login)
         forgetLogin(token);

@@ -136,6 +136,16 @@ CK_RV loginUnderneath(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const Se
     return module().C_Login(session, userType, bytes, static_cast<CK_ULONG>(std::strlen(pin.c_str())));
 }
 
+void notePinAnswer(Token& token, User user, CK_RV result)
+{
+    const std::scoped_lock lock(state().lock);
+    PinAnswer& answer = user == User::User ? token.answerToUser : token.answerToSecurityOfficer;
+    if (result == CKR_OK)
+        answer = {};
+    else if (result == CKR_PIN_INCORRECT || result == CKR_PIN_LOCKED)
+        answer = {true, result == CKR_PIN_LOCKED};
+}
+
 void forgetLogin(Token& token)
 {
     token.user = User::None;
@@ -182,7 +192,9 @@ CK_RV login(Session& session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_UL
         KeyGate::Stay stay = state().gate.enterAlone();
         result = loginAlone(stay, token, user, pin);
     }
-    return causeOfFailure(token, result);
+    result = causeOfFailure(token, result);
+    notePinAnswer(token, user, result);
+    return result;
 }
 
 CK_RV logout(Session& session)
@@ -214,7 +226,9 @@ CK_RV setPin(Session& session, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UT
         KeyGate::Stay stay = state().gate.enterAlone();
         result = changePinAlone(stay, token, oldPin, newPin);
     }
-    return causeOfFailure(token, result);
+    result = causeOfFailure(token, result);
+    notePinAnswer(token, User::User, result);
+    return result;
 }
 
 } // namespace velkor::strict

@@ -14,6 +14,9 @@ struct Session;
 /// Gives a PIN to the module.
 CK_RV loginUnderneath(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const SecretText& pin);
 
+/// Keeps what a token answered to a PIN, for its flags. Other answers than those to a PIN are passed over.
+void notePinAnswer(Token& token, User user, CK_RV result);
+
 /// Nobody is logged in any more; the handles of private objects become invalid. Under State::lock.
 void forgetLogin(Token& token);
 

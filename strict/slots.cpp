@@ -155,6 +155,21 @@ CK_ULONG countSessions(const State& state, const Token& token, bool readWriteOnl
     }));
 }
 
+/// The module tells of few tries by their number alone, and of the SO's PIN nothing. A wrong PIN that another process
+/// gave is known by that number only.
+CK_FLAGS pinFlags(const Token& token)
+{
+    constexpr CK_FLAGS FEW_TRIES = CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED;
+    CK_FLAGS flags = 0;
+    if (token.answerToUser.isRefused || (token.tokenInfo.flags & FEW_TRIES) != 0)
+        flags |= CKF_USER_PIN_COUNT_LOW;
+    if (token.answerToSecurityOfficer.isRefused)
+        flags |= CKF_SO_PIN_COUNT_LOW;
+    if (token.answerToSecurityOfficer.isLocked)
+        flags |= CKF_SO_PIN_LOCKED;
+    return flags;
+}
+
 /// The module cuts labels; the slot's description has them whole.
 void fillTokenInfo(const State& state, const Token& token, CK_TOKEN_INFO& info)
 {
@@ -163,6 +178,7 @@ void fillTokenInfo(const State& state, const Token& token, CK_TOKEN_INFO& info)
     pad(info.manufacturerID);
     pad(info.model);
     pad(info.serialNumber);
+    info.flags |= pinFlags(token);
     info.ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
     info.ulSessionCount = countSessions(state, token, false);
     info.ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;

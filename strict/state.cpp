@@ -51,6 +51,8 @@ void inChild()
         copy->serialNumber = token->serialNumber;
         copy->slotInfo = token->slotInfo;
         copy->tokenInfo = token->tokenInfo;
+        copy->answerToUser = token->answerToUser;
+        copy->answerToSecurityOfficer = token->answerToSecurityOfficer;
         fresh.tokens.push_back(std::move(copy));
         token->pin = {};
     }

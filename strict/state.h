@@ -24,6 +24,12 @@ struct Object;
 
 enum class User { None, User, SecurityOfficer };
 
+/// What the token said to the last PIN of one of its users.
+struct PinAnswer {
+    bool isRefused = false;
+    bool isLocked = false;
+};
+
 /// A slot and the token that belongs to it, known by its serial number. Once known, both stay for the life of the
 /// process.
 struct Token {
@@ -37,7 +43,9 @@ struct Token {
     CK_SLOT_INFO slotInfo{};     ///< Both as the module gave them last.
     CK_TOKEN_INFO tokenInfo{};
     User user = User::None;
-    SecretText pin;                                                   ///< Of the user, while logged in.
+    SecretText pin; ///< Of the user, while logged in.
+    PinAnswer answerToUser;
+    PinAnswer answerToSecurityOfficer;
     unsigned long login = 0;                                          ///< Counts logins and logouts.
     std::vector<CK_SESSION_HANDLE> idleSessions;                      ///< The module's sessions that nobody uses.
     std::map<CK_OBJECT_HANDLE, std::shared_ptr<Object>> tokenObjects; ///< By the module's handle.

@@ -258,6 +258,17 @@ TEST_F(StrictLoginTest, APinThatWasChangedElsewhereCostsTwoTriesAtMost)
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
+TEST_F(StrictLoginTest, ATokenThatHasGoneIsNoWrongPin)
+{
+    const CK_SESSION_HANDLE session = open(first);
+    device->setConnected({SECOND_DEVICE});
+    device->setUserPin(FIRST_DEVICE, "gone"); // A device that is not there takes no PIN.
+    EXPECT_EQ(login(session), CKR_DEVICE_REMOVED);
+    EXPECT_EQ(login(session), CKR_SESSION_HANDLE_INVALID);
+    device->setConnected({FIRST_DEVICE, SECOND_DEVICE});
+    EXPECT_EQ(tokenInfo(first).flags & CKF_USER_PIN_COUNT_LOW, 0U);
+}
+
 TEST_F(StrictLoginTest, ATokenThatGoesTakesItsSessionsAlong)
 {
     const CK_SESSION_HANDLE one = open(first);

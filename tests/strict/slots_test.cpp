@@ -151,14 +151,46 @@ TEST_F(StrictSlotsTest, PinFlagsAreFreshAfterEveryUseOfAPin)
     const CK_SLOT_ID slot = slots()[0];
     const CK_SESSION_HANDLE session = open(slot);
     device->setTriesLeft(FIRST_DEVICE, 4);
+    const auto flags = [&] {
+        return tokenInfo(slot).flags & (CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED);
+    };
+    EXPECT_EQ(flags(), 0U);
     EXPECT_EQ(login(session, "wrong"), CKR_PIN_INCORRECT);
-    EXPECT_EQ(tokenInfo(slot).flags & CKF_USER_PIN_COUNT_LOW, 0U);
+    EXPECT_EQ(flags(), CKF_USER_PIN_COUNT_LOW); // One wrong PIN is enough.
     EXPECT_EQ(login(session, "wrong"), CKR_PIN_INCORRECT);
-    EXPECT_NE(tokenInfo(slot).flags & CKF_USER_PIN_COUNT_LOW, 0U);
     EXPECT_EQ(login(session, "wrong"), CKR_PIN_INCORRECT);
-    EXPECT_NE(tokenInfo(slot).flags & CKF_USER_PIN_FINAL_TRY, 0U);
+    EXPECT_EQ(flags(), CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY);
     EXPECT_EQ(login(session, "wrong"), CKR_PIN_LOCKED);
-    EXPECT_NE(tokenInfo(slot).flags & CKF_USER_PIN_LOCKED, 0U);
+    EXPECT_EQ(flags(), CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_LOCKED);
+    device->setTriesLeft(FIRST_DEVICE, 10);
+    EXPECT_EQ(login(session), CKR_OK);
+    EXPECT_EQ(flags(), 0U);
+    EXPECT_EQ(setPin(session, "wrong", "other"), CKR_PIN_INCORRECT);
+    EXPECT_EQ(flags(), CKF_USER_PIN_COUNT_LOW);
+    EXPECT_EQ(setPin(session, "1234", "12345"), CKR_OK);
+    EXPECT_EQ(flags(), 0U);
+}
+
+TEST_F(StrictSlotsTest, TriesThatAnotherProcessSpentShowWhenFewAreLeft)
+{
+    start();
+    const CK_SLOT_ID slot = slots()[0];
+    device->setTriesLeft(FIRST_DEVICE, 2);
+    EXPECT_NE(tokenInfo(slot).flags & CKF_USER_PIN_COUNT_LOW, 0U);
+    device->setTriesLeft(FIRST_DEVICE, 1);
+    EXPECT_NE(tokenInfo(slot).flags & CKF_USER_PIN_COUNT_LOW, 0U);
+}
+
+TEST_F(StrictSlotsTest, AWrongPinOfTheSecurityOfficerShows)
+{
+    start();
+    const CK_SLOT_ID slot = slots()[0];
+    const CK_SESSION_HANDLE session = open(slot);
+    EXPECT_EQ(login(session, "wrong-pin", CKU_SO), CKR_PIN_INCORRECT);
+    EXPECT_EQ(tokenInfo(slot).flags & (CKF_SO_PIN_COUNT_LOW | CKF_SO_PIN_LOCKED), CKF_SO_PIN_COUNT_LOW);
+    EXPECT_EQ(tokenInfo(slot).flags & CKF_USER_PIN_COUNT_LOW, 0U);
+    EXPECT_EQ(login(session, "12345678", CKU_SO), CKR_OK);
+    EXPECT_EQ(tokenInfo(slot).flags & CKF_SO_PIN_COUNT_LOW, 0U);
 }
 
 TEST_F(StrictSlotsTest, EachSlotThatChangesIsAnEventOfItsOwn)
