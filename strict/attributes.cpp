@@ -5,6 +5,7 @@
 
 #include "log/log.h"
 #include "strict/der.h"
+#include "strict/mechanisms.h"
 
 namespace velkor::strict
 {
@@ -27,7 +28,7 @@ enum Kind : unsigned {
 };
 
 /// Shapes of values.
-enum class Shape { Flag, Number, SecretBytes, Date };
+enum class Shape { Flag, Number, SecretBytes, Date, NothingGiven };
 
 using Source = SecretBytes (*)(const View& view);
 
@@ -91,6 +92,35 @@ SecretBytes generationMechanism(const View& view)
     return bytesOfValue(CK_MECHANISM_TYPE{isEc(view) ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN});
 }
 
+/// A flag of a session object's template.
+bool ownFlag(const View& view, CK_ATTRIBUTE_TYPE type, bool fallback)
+{
+    const auto found = view.own.find(type);
+    return found != view.own.end() && !found->second.empty() ? found->second.front() != CK_FALSE : fallback;
+}
+
+bool isSensitive(const View& view)
+{
+    return ownFlag(view, CKA_SENSITIVE, false);
+}
+
+bool isExtractable(const View& view)
+{
+    return ownFlag(view, CKA_EXTRACTABLE, true);
+}
+
+SecretBytes allowedMechanisms(const View& view)
+{
+    SecretBytes list;
+    if (!isOfPair(view))
+        return list;
+    for (const CK_MECHANISM_TYPE type : mechanismsOf(view.contents->keyType)) {
+        const SecretBytes bytes = bytesOfValue(type);
+        list.insert(list.end(), bytes.begin(), bytes.end());
+    }
+    return list;
+}
+
 SecretBytes pointInDer(const View& view)
 {
     return derOctetString(view.contents->point);
@@ -129,6 +159,7 @@ constexpr Row ROWS[] = {
     {CKA_DERIVE, KEY, Shape::Flag, [](const View& view) { return flag(isOfPair(view) && isEc(view) && view.hasPair); }},
     {CKA_LOCAL, KEY, Shape::Flag, [](const View& view) { return flag(view.hasPair); }},
     {CKA_KEY_GEN_MECHANISM, KEY, Shape::Number, generationMechanism},
+    {CKA_ALLOWED_MECHANISMS, KEY, Shape::NothingGiven, allowedMechanisms},
 
     {CKA_ENCRYPT, PUBLIC, Shape::Flag,
      [](const View& view) { return publicUse(view, view.contents->mayUseCiphers && !isEc(view)); }},
@@ -136,6 +167,7 @@ constexpr Row ROWS[] = {
      [](const View& view) { return publicUse(view, view.contents->mayUseSignatures); }},
     {CKA_VERIFY_RECOVER, PUBLIC, Shape::Flag, no},
     {CKA_WRAP, PUBLIC | SECRET, Shape::Flag, no},
+    {CKA_WRAP_TEMPLATE, PUBLIC | SECRET, Shape::NothingGiven, nothing},
 
     {CKA_SENSITIVE, PRIVATE, Shape::Flag, yes},
     {CKA_DECRYPT, PRIVATE, Shape::Flag,
@@ -143,6 +175,7 @@ constexpr Row ROWS[] = {
     {CKA_SIGN, PRIVATE, Shape::Flag, [](const View& view) { return flag(view.contents->mayUseSignatures); }},
     {CKA_SIGN_RECOVER, PRIVATE, Shape::Flag, no},
     {CKA_UNWRAP, PRIVATE | SECRET, Shape::Flag, no},
+    {CKA_UNWRAP_TEMPLATE, PRIVATE | SECRET, Shape::NothingGiven, nothing},
     {CKA_EXTRACTABLE, PRIVATE, Shape::Flag, no},
     {CKA_ALWAYS_SENSITIVE, PRIVATE, Shape::Flag, yes},
     {CKA_NEVER_EXTRACTABLE, PRIVATE, Shape::Flag, yes},
@@ -164,8 +197,9 @@ constexpr Row ROWS[] = {
 
     {CKA_SENSITIVE, SECRET, Shape::Flag, no},
     {CKA_EXTRACTABLE, SECRET, Shape::Flag, yes},
-    {CKA_ALWAYS_SENSITIVE, SECRET, Shape::Flag, no},
-    {CKA_NEVER_EXTRACTABLE, SECRET, Shape::Flag, no},
+    // A secret comes from a private key, of which both have always been true.
+    {CKA_ALWAYS_SENSITIVE, SECRET, Shape::Flag, [](const View& view) { return flag(isSensitive(view)); }},
+    {CKA_NEVER_EXTRACTABLE, SECRET, Shape::Flag, [](const View& view) { return flag(!isExtractable(view)); }},
     {CKA_ENCRYPT, SECRET, Shape::Flag, no},
     {CKA_DECRYPT, SECRET, Shape::Flag, no},
     {CKA_SIGN, SECRET, Shape::Flag, no},
@@ -199,13 +233,14 @@ const Row* findRow(unsigned kind, CK_ATTRIBUTE_TYPE type)
 
 bool isSensitiveSecret(const View& view, CK_ATTRIBUTE_TYPE type)
 {
-    if (view.objectClass != CKO_SECRET_KEY || type != CKA_VALUE)
-        return false;
-    const auto is = [&](CK_ATTRIBUTE_TYPE wanted, unsigned char value) {
-        const auto found = view.own.find(wanted);
-        return found != view.own.end() && found->second == SecretBytes{value};
-    };
-    return is(CKA_SENSITIVE, CK_TRUE) || is(CKA_EXTRACTABLE, CK_FALSE);
+    return view.objectClass == CKO_SECRET_KEY && type == CKA_VALUE && (isSensitive(view) || !isExtractable(view));
+}
+
+/// What a host is told of a key, and never says.
+bool isTokensToSay(CK_ATTRIBUTE_TYPE type)
+{
+    return type == CKA_LOCAL || type == CKA_KEY_GEN_MECHANISM || type == CKA_ALWAYS_SENSITIVE ||
+           type == CKA_NEVER_EXTRACTABLE;
 }
 
 bool hasRightSize(Shape shape, CK_ULONG size)
@@ -217,6 +252,8 @@ bool hasRightSize(Shape shape, CK_ULONG size)
         return size == sizeof(CK_ULONG);
     case Shape::Date:
         return size == 0 || size == sizeof(CK_DATE);
+    case Shape::NothingGiven:
+        return size == 0;
     default:
         return true;
     }
@@ -304,6 +341,8 @@ CK_RV checkTemplate(const char* name, const Template& wanted, CK_OBJECT_CLASS ob
         const Row* row = findRow(kind, type);
         if (row == nullptr)
             return refuse(CKR_ATTRIBUTE_TYPE_INVALID, name, ": no such attribute here, type=", type);
+        if (isTokensToSay(type))
+            return refuse(CKR_ATTRIBUTE_READ_ONLY, name, ": the token says this itself, type=", type);
         if (!hasRightSize(row->shape, entry.ulValueLen))
             return refuse(CKR_ATTRIBUTE_VALUE_INVALID, name, ": wrong size, type=", type,
                           " ulValueLen=", CK_ULONG{entry.ulValueLen});

@@ -90,11 +90,39 @@ CK_RV checkEc(const Wanted& wanted)
     return CKR_OK;
 }
 
+/// A use that either half asks for, the device has for both. Where nothing is said, all of them are meant.
+CK_BBOOL useOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE ofPrivate, CK_ATTRIBUTE_TYPE ofPublic)
+{
+    const bool isSaid = wanted.ofPrivate.has(ofPrivate) || wanted.ofPublic.has(ofPublic);
+    const bool isWanted = wanted.ofPrivate.flag(ofPrivate, false) || wanted.ofPublic.flag(ofPublic, false);
+    return !isSaid || isWanted ? CK_TRUE : CK_FALSE;
+}
+
+CK_BBOOL signs(const Wanted& wanted)
+{
+    return useOf(wanted, CKA_SIGN, CKA_VERIFY);
+}
+
+CK_BBOOL decrypts(const Wanted& wanted)
+{
+    return useOf(wanted, CKA_DECRYPT, CKA_ENCRYPT);
+}
+
+/// The module takes a request for no use at all for one of signing.
+CK_RV checkUses(const Wanted& wanted)
+{
+    if (wanted.keyType == CKK_RSA && signs(wanted) == CK_FALSE && decrypts(wanted) == CK_FALSE)
+        return refuse(CKR_TEMPLATE_INCONSISTENT, NAME, ": the token has no keys that neither sign nor decrypt");
+    return CKR_OK;
+}
+
 CK_RV check(const Session& session, const Wanted& wanted)
 {
     CK_RV result = checkConsistent(wanted);
     if (result == CKR_OK)
         result = wanted.keyType == CKK_RSA ? checkRsa(wanted.ofPublic) : checkEc(wanted);
+    if (result == CKR_OK)
+        result = checkUses(wanted);
     for (const Template* each : {&wanted.ofPrivate, &wanted.ofPublic}) {
         for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID}) {
             if (result == CKR_OK && !each->bytes(type).empty())
@@ -111,14 +139,6 @@ CK_RV check(const Session& session, const Wanted& wanted)
     return CKR_OK;
 }
 
-/// A use that either half asks for, the device has for both. Where nothing is said, all of them are meant.
-CK_BBOOL useOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE ofPrivate, CK_ATTRIBUTE_TYPE ofPublic)
-{
-    const bool isSaid = wanted.ofPrivate.has(ofPrivate) || wanted.ofPublic.has(ofPublic);
-    const bool isWanted = wanted.ofPrivate.flag(ofPrivate, false) || wanted.ofPublic.flag(ofPublic, false);
-    return !isSaid || isWanted ? CK_TRUE : CK_FALSE;
-}
-
 /// The module has generation take ID and label from the private template; without one there, the public one's count.
 SecretBytes nameOf(const Wanted& wanted, CK_ATTRIBUTE_TYPE type)
 {
@@ -130,19 +150,18 @@ CK_RV generateInModule(CK_SESSION_HANDLE session, const CK_MECHANISM& given, con
                        CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey)
 {
     CK_KEY_TYPE keyType = wanted.keyType;
-    CK_BBOOL signs = useOf(wanted, CKA_SIGN, CKA_VERIFY);
-    CK_BBOOL decrypts = useOf(wanted, CKA_DECRYPT, CKA_ENCRYPT);
-    // The module takes a request for no use at all for one of signing.
-    if (keyType == CKK_EC && signs == CK_FALSE)
-        decrypts = CK_TRUE;
+    CK_BBOOL maySign = signs(wanted);
+    CK_BBOOL mayDecrypt = decrypts(wanted);
+    if (keyType == CKK_EC && maySign == CK_FALSE) // It still derives.
+        mayDecrypt = CK_TRUE;
     SecretBytes label = nameOf(wanted, CKA_LABEL);
     SecretBytes id = nameOf(wanted, CKA_ID);
     const CK_ATTRIBUTE_TYPE sizeType = keyType == CKK_EC ? CKA_EC_PARAMS : CKA_MODULUS_BITS;
     SecretBytes size = secretCopyOf(wanted.ofPublic.bytes(sizeType));
     CK_ATTRIBUTE ofPublic[] = {{sizeType, size.data(), static_cast<CK_ULONG>(size.size())}};
     CK_ATTRIBUTE ofPrivate[] = {{CKA_KEY_TYPE, &keyType, sizeof keyType},
-                                {CKA_SIGN, &signs, sizeof signs},
-                                {CKA_DECRYPT, &decrypts, sizeof decrypts},
+                                {CKA_SIGN, &maySign, sizeof maySign},
+                                {CKA_DECRYPT, &mayDecrypt, sizeof mayDecrypt},
                                 {CKA_LABEL, label.data(), static_cast<CK_ULONG>(label.size())},
                                 {CKA_ID, id.data(), static_cast<CK_ULONG>(id.size())}};
     CK_MECHANISM mechanism = given;

@@ -174,6 +174,26 @@ const Mechanism* findCipherMechanism(CK_MECHANISM_TYPE type)
     return find(CIPHERS, type);
 }
 
+std::vector<CK_MECHANISM_TYPE> mechanismsOf(CK_KEY_TYPE keyType)
+{
+    std::vector<CK_MECHANISM_TYPE> types;
+    const auto add = [&](CK_MECHANISM_TYPE type) {
+        if (std::find(types.begin(), types.end(), type) == types.end())
+            types.push_back(type);
+    };
+    for (const Mechanism& mechanism : SIGNATURES) {
+        if (mechanism.keyType == keyType)
+            add(mechanism.type);
+    }
+    for (const Mechanism& mechanism : CIPHERS) {
+        if (mechanism.keyType == keyType)
+            add(mechanism.type);
+    }
+    if (keyType == CKK_EC)
+        add(CKM_ECDH1_DERIVE);
+    return types;
+}
+
 bool isOffered(const Token& token, CK_MECHANISM_TYPE type, CK_FLAGS use)
 {
     const std::scoped_lock lock(state().lock);

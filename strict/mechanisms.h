@@ -1,6 +1,8 @@
 // What the front knows of mechanisms: what the device really does with each, and which parameters say just that.
 #pragma once
 
+#include <vector>
+
 #include "cryptoki.h"
 #include "strict/object.h"
 #include "strict/state.h"
@@ -32,6 +34,9 @@ struct Mechanism {
 const Hash* findHash(CK_MECHANISM_TYPE type);
 const Mechanism* findSignatureMechanism(CK_MECHANISM_TYPE type);
 const Mechanism* findCipherMechanism(CK_MECHANISM_TYPE type);
+
+/// All that keys of a type can be used with.
+std::vector<CK_MECHANISM_TYPE> mechanismsOf(CK_KEY_TYPE keyType);
 
 /// Whether a token, by its firmware and its FIPS rules, does what the use of a mechanism asks: CKF_SIGN and so on.
 bool isOffered(const Token& token, CK_MECHANISM_TYPE type, CK_FLAGS use);

@@ -59,6 +59,9 @@ TEST_F(StrictAttributesTest, AnRsaPairHasTheStandardsAttributes)
     EXPECT_TRUE(flag(session, priv, CKA_MODIFIABLE));
     EXPECT_TRUE(flag(session, priv, COPYABLE));
     EXPECT_TRUE(flag(session, priv, CKA_TOKEN));
+    EXPECT_EQ(value(session, priv, CKA_ALLOWED_MECHANISMS).size(), 13 * sizeof(CK_MECHANISM_TYPE));
+    EXPECT_TRUE(value(session, pub, CKA_WRAP_TEMPLATE).empty());
+    EXPECT_TRUE(value(session, priv, CKA_UNWRAP_TEMPLATE).empty());
     for (const CK_ATTRIBUTE_TYPE type :
          {CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT})
         EXPECT_EQ(ask(session, priv, type), CKR_ATTRIBUTE_SENSITIVE);
@@ -81,6 +84,7 @@ TEST_F(StrictAttributesTest, AnEcPairHasTheStandardsAttributes)
     EXPECT_TRUE(flag(session, priv, CKA_DERIVE));
     EXPECT_FALSE(flag(session, priv, CKA_DECRYPT));
     EXPECT_FALSE(flag(session, pub, CKA_ENCRYPT));
+    EXPECT_EQ(value(session, pub, CKA_ALLOWED_MECHANISMS).size(), 7 * sizeof(CK_MECHANISM_TYPE));
     EXPECT_EQ(ask(session, priv, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
     EXPECT_EQ(ask(session, pub, CKA_MODULUS), CKR_ATTRIBUTE_TYPE_INVALID);
 }

@@ -399,6 +399,8 @@ TEST_F(StrictObjectsTest, DerivedKeysAreSessionObjectsOfTheirTemplate)
     EXPECT_EQ(value(session, secret, CKA_VALUE), ByteVector(16, 0x31));
     EXPECT_EQ(number(session, secret, CKA_VALUE_LEN), 16U);
     EXPECT_EQ(number(session, secret, CKA_CLASS), CKO_SECRET_KEY);
+    EXPECT_FALSE(flag(session, secret, CKA_ALWAYS_SENSITIVE));
+    EXPECT_FALSE(flag(session, secret, CKA_NEVER_EXTRACTABLE));
     EXPECT_EQ(findOne(session, CKO_SECRET_KEY, label), secret);
     EXPECT_EQ(p11.C_DestroyObject(session, secret), CKR_OK);
     EXPECT_EQ(ask(session, secret, CKA_VALUE), CKR_OBJECT_HANDLE_INVALID);
