@@ -146,9 +146,9 @@ CK_RV usePin(Token& token, const Work& work)
     return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
 }
 
-/// Runs `work(session)` alone: it changes or deletes that pair.
+/// Runs `work(stay, session)` alone: it changes or deletes a key pair.
 template <typename Work>
-CK_RV changePair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
+CK_RV changeKeys(Token& token, const Work& work)
 {
     ModuleSession session;
     CK_RV result = borrowSession(token, session);
@@ -158,12 +158,20 @@ CK_RV changePair(Token& token, CK_ULONG number, const SecretBytes& identity, con
         KeyGate::Stay stay = state().gate.enterAlone();
         result = putPinInForce(stay, token);
         if (result == CKR_OK)
-            result = lookUpPair(stay, session.handle(), {&token, number}, identity);
-        if (result == CKR_OK)
-            result = work(session.handle());
+            result = work(stay, session.handle());
         stay.holds().pair.reset();
     }
     return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+}
+
+/// Runs `work(session)` alone on that pair, unless another one has taken its place.
+template <typename Work>
+CK_RV changePair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
+{
+    return changeKeys(token, [&](KeyGate::Stay& stay, CK_SESSION_HANDLE session) {
+        const CK_RV result = lookUpPair(stay, session, {&token, number}, identity);
+        return result == CKR_OK ? work(session) : result;
+    });
 }
 
 /// Runs `work(session)`, to which neither key record nor PIN matters.

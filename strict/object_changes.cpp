@@ -439,6 +439,18 @@ CK_RV destroyOnDevice(Session& session, const ObjectPtr& object)
     return result == CKR_KEY_HANDLE_INVALID ? CKR_OBJECT_HANDLE_INVALID : result;
 }
 
+/// Takes a fresh pair that cannot be read off the token again, so that none is left there that nobody knows of.
+void withdrawPair(const char* name, Token& token, CK_ULONG number, const ObjectPtr (&halves)[2])
+{
+    for (const ObjectPtr& half : halves)
+        forgetObject(half);
+    const CK_RV result = changeKeys(token, [&](KeyGate::Stay& /*stay*/, CK_SESSION_HANDLE session) {
+        return module().C_DestroyObject(session, PRIVATE_KEY_BASE + number);
+    });
+    if (result != CKR_OK)
+        logError(name, ": the new key pair can be neither read nor deleted, number=", number, " : ", result);
+}
+
 /// A public half whose pair is gone already: the host, who knows two objects, may destroy this one too.
 bool takeHalfGone(const Session& session, CK_OBJECT_HANDLE hObject)
 {
@@ -522,13 +534,15 @@ CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishe
             halves[half]->owner = ofPrivate.onToken ? 0 : session.handle;
             halves[half]->ownsPair = !ofPrivate.onToken;
         }
-        publicKey = halves[0]->handle;
-        privateKey = halves[1]->handle;
     }
     const CK_RV result = readContents(name, session.token, halves[1], CKR_FUNCTION_FAILED);
-    const std::scoped_lock lock(state.lock);
-    halves[0]->contents = halves[1]->contents;
-    return result;
+    if (result != CKR_OK) {
+        withdrawPair(name, session.token, number, halves);
+        return result;
+    }
+    publicKey = halves[0]->handle;
+    privateKey = halves[1]->handle;
+    return CKR_OK;
 }
 
 CK_RV createObject(Session& session, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phObject)

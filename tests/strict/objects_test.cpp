@@ -125,6 +125,51 @@ TEST_F(StrictObjectsTest, WhatTheTokenCannotGenerateIsRefused)
     EXPECT_EQ(pairsOnDevice(), 7U);
 }
 
+TEST_F(StrictObjectsTest, AFreshPairThatCannotBeReadIsNotLeft)
+{
+    device->blindLooksAfterGeneration = 1;
+    for (CK_BBOOL onToken : {no, yes}) {
+        KeyPair pair;
+        EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)},
+                           {attribute(CKA_TOKEN, onToken)}, pair),
+                  CKR_FUNCTION_FAILED);
+        EXPECT_EQ(pair.privateKey, 0U);
+        EXPECT_EQ(pairsOnDevice(), 7U);
+    }
+    EXPECT_EQ(find(session, {attribute(CKA_CLASS, privateClass)}).size(), 7U);
+    EXPECT_FALSE(isLogged("can be neither read nor deleted"));
+    device->blindLooksAfterGeneration = 2;
+    KeyPair pair;
+    EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)}, {}, pair), CKR_FUNCTION_FAILED);
+    EXPECT_TRUE(isLogged("C_GenerateKeyPair: the new key pair can be neither read nor deleted, number=8"));
+}
+
+TEST_F(StrictObjectsTest, AKeyWithoutAnyUseIsRefused)
+{
+    KeyPair pair;
+    EXPECT_EQ(generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN, {attribute(CKA_MODULUS_BITS, bits)},
+                       {attribute(CKA_SIGN, no), attribute(CKA_DECRYPT, no)}, pair),
+              CKR_TEMPLATE_INCONSISTENT);
+    ASSERT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)}, {attribute(CKA_SIGN, no)}, pair),
+              CKR_OK);
+    EXPECT_FALSE(flag(session, pair.privateKey, CKA_SIGN));
+    EXPECT_TRUE(flag(session, pair.privateKey, CKA_DERIVE));
+}
+
+TEST_F(StrictObjectsTest, WhatTheTokenSaysItselfIsNotTaken)
+{
+    KeyPair pair;
+    for (const CK_ATTRIBUTE_TYPE type : {CKA_LOCAL, CKA_ALWAYS_SENSITIVE, CKA_NEVER_EXTRACTABLE})
+        EXPECT_EQ(
+            generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)}, {attribute(type, yes)}, pair),
+            CKR_ATTRIBUTE_READ_ONLY);
+    CK_MECHANISM_TYPE mechanism = CKM_ECDSA;
+    EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)},
+                       {attribute(CKA_ALLOWED_MECHANISMS, mechanism)}, pair),
+              CKR_ATTRIBUTE_VALUE_INVALID);
+    EXPECT_EQ(pairsOnDevice(), 7U);
+}
+
 TEST_F(StrictObjectsTest, ASessionPairGoesWithItsSession)
 {
     const CK_SESSION_HANDLE other = open(slots()[0]);

@@ -115,6 +115,11 @@ bool StrictDevice::velkor_changeUserPassword(const char* deviceId, const char* o
 std::vector<VelkorKeyPair>& StrictDevice::velkor_getKeyPairList(const char* deviceId, void* libraryInstance)
 {
     ++keyListReads;
+    if (blindLooks_ > 0 && blindLooks_-- > 0) {
+        thread_local std::vector<VelkorKeyPair> none;
+        none.clear();
+        return none;
+    }
     return DefaultDevice::velkor_getKeyPairList(deviceId, libraryInstance);
 }
 
@@ -145,6 +150,7 @@ int StrictDevice::velkor_generateKeyPair(const char* deviceId, const char* pin, 
                                          void* libraryInstance)
 {
     REQUIRE_PIN(deviceId, pin);
+    blindLooks_ = blindLooksAfterGeneration.load();
     return DefaultDevice::velkor_generateKeyPair(deviceId, pin, keyPair, libraryInstance);
 }
 

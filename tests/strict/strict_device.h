@@ -78,6 +78,7 @@ private:
     int checkPin(const std::string& device, const std::string& pin, const std::string& right);
     std::size_t signatureSizeOf(const std::string& device, const unsigned char* keyIdentifier);
 
+    std::atomic<int> blindLooks_ = 0;
     std::mutex mutex_;
     std::map<std::string, int> tries_;
     std::map<std::string, std::string> userPins_;
