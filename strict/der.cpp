@@ -1,6 +1,7 @@
 #include "strict/der.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace velkor::strict
 {
@@ -35,6 +36,13 @@ bool take(Bytes& der, unsigned char tag, Bytes& content)
     return true;
 }
 
+/// Empty when the bytes are no octet string, or more than one.
+Bytes contentOfOctetString(Bytes der)
+{
+    Bytes content;
+    return take(der, OCTET_STRING, content) && der.empty() ? content : Bytes();
+}
+
 } // namespace
 
 SecretBytes derOctetString(Bytes content)
@@ -52,10 +60,14 @@ SecretBytes derOctetString(Bytes content)
     return der;
 }
 
-Bytes contentOfOctetString(Bytes der)
+Bytes barePoint(Bytes point)
 {
-    Bytes content;
-    return take(der, OCTET_STRING, content) && der.empty() ? content : Bytes();
+    // Of P-256, P-384 and P-521. Now and then the bytes of such a point happen to be DER of a shorter one.
+    constexpr std::size_t SIZES[] = {65, 97, 133};
+    if (std::find(std::begin(SIZES), std::end(SIZES), point.size()) != std::end(SIZES))
+        return point;
+    const Bytes content = contentOfOctetString(point);
+    return content.empty() ? point : content;
 }
 
 Bytes withoutLeadingZeros(Bytes number)

@@ -9,8 +9,8 @@ namespace velkor::strict
 /// The bytes as a DER OCTET STRING.
 SecretBytes derOctetString(Bytes content);
 
-/// The content of a DER OCTET STRING that is nothing else; empty when the bytes are no such thing.
-Bytes contentOfOctetString(Bytes der);
+/// A point as the device has it, of one that is bare or in DER.
+Bytes barePoint(Bytes point);
 
 /// Modulus and exponent of a SubjectPublicKeyInfo or an RSAPublicKey, without leading zeros. False when it is neither.
 bool readRsaPublicKey(Bytes der, SecretBytes& modulus, SecretBytes& exponent);

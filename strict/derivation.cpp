@@ -28,9 +28,7 @@ SecretBytes readPeer(const CK_MECHANISM& mechanism)
     std::memcpy(&parameter, mechanism.pParameter, sizeof parameter);
     if (parameter.kdf != CKD_NULL || parameter.ulSharedDataLen != 0 || parameter.pPublicData == nullptr)
         return {};
-    const Bytes given(parameter.pPublicData, parameter.ulPublicDataLen);
-    const Bytes content = contentOfOctetString(given);
-    return secretCopyOf(content.empty() ? given : content);
+    return secretCopyOf(barePoint({parameter.pPublicData, parameter.ulPublicDataLen}));
 }
 
 CK_RV readMechanism(const Session& session, const CK_MECHANISM* pMechanism, SecretBytes& peer)

@@ -109,9 +109,7 @@ CK_RV readPublicKey(const Template& wanted, Contents& contents)
     }
     if (contents.keyType != CKK_EC)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": unsupported CKA_KEY_TYPE=", contents.keyType);
-    const Bytes point = wanted.bytes(CKA_EC_POINT);
-    const Bytes bare = contentOfOctetString(point);
-    contents.point = secretCopyOf(bare.empty() ? point : bare);
+    contents.point = secretCopyOf(barePoint(wanted.bytes(CKA_EC_POINT)));
     contents.curve = secretCopyOf(wanted.bytes(CKA_EC_PARAMS));
     if (contents.point.empty() || contents.curve.empty())
         return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": CKA_EC_POINT or CKA_EC_PARAMS is missing");

@@ -67,8 +67,8 @@ SecretBytes valueFor(const Criterion& criterion, const Template& wanted)
     SecretBytes passed = secretCopyOf(value);
     if (criterion.asked == CKA_LABEL)
         passed.push_back(0);
-    if (criterion.asked == CKA_EC_POINT && !contentOfOctetString(value).empty())
-        passed = secretCopyOf(contentOfOctetString(value));
+    if (criterion.asked == CKA_EC_POINT)
+        passed = secretCopyOf(barePoint(value));
     if (criterion.asked == CKA_MODULUS)
         passed = secretCopyOf(withoutLeadingZeros(value));
     return passed;

@@ -465,6 +465,37 @@ TEST_F(StrictObjectsTest, APeersPointMayBeBareOrInDer)
     EXPECT_EQ(value(session, secret, CKA_VALUE), ByteVector(64, 0x31));
 }
 
+TEST_F(StrictObjectsTest, APointThatLooksLikeDerIsBareAllTheSame)
+{
+    ByteVector point(65, 0x31);
+    point[0] = 0x04; // An octet string
+    point[1] = 0x3F; // of the 63 bytes that follow.
+    CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, 65, point.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+    CK_OBJECT_HANDLE secret = 0;
+    EXPECT_EQ(p11.C_DeriveKey(session, &mechanism, privateKey(session, 5), nullptr, 0, &secret), CKR_OK);
+    CK_OBJECT_HANDLE object = 0;
+    ASSERT_EQ(create({attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, ec), attribute(CKA_EC_POINT, point),
+                      attribute(CKA_EC_PARAMS, p256)},
+                     object),
+              CKR_OK);
+    EXPECT_EQ(value(session, object, CKA_EC_POINT).size(), 67U);
+}
+
+TEST_F(StrictObjectsTest, ASensitiveSecretIsNotShown)
+{
+    ByteVector point(65, 0x31);
+    point[0] = 0x04;
+    CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, 65, point.data()};
+    CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+    CK_ATTRIBUTE entries[] = {attribute(CKA_SENSITIVE, yes), attribute(CKA_EXTRACTABLE, no)};
+    CK_OBJECT_HANDLE secret = 0;
+    ASSERT_EQ(p11.C_DeriveKey(session, &mechanism, privateKey(session, 5), entries, 2, &secret), CKR_OK);
+    EXPECT_EQ(ask(session, secret, CKA_VALUE), CKR_ATTRIBUTE_SENSITIVE);
+    EXPECT_TRUE(flag(session, secret, CKA_ALWAYS_SENSITIVE));
+    EXPECT_TRUE(flag(session, secret, CKA_NEVER_EXTRACTABLE));
+}
+
 TEST_F(StrictObjectsTest, WhatTheDeviceWouldDeriveOtherwiseIsRefused)
 {
     ByteVector point(65, 0x31);
