@@ -97,6 +97,7 @@ CK_RV transform(const char* name, Token& token, const Direction& direction, KeyO
         return direction.work(session, operation, data, operation.result);
     });
     operation.isFinished = result == CKR_OK;
+    operation.input = secretCopyOf(data);
     return result == CKR_FUNCTION_FAILED ? direction.failure : result;
 }
 
@@ -128,6 +129,7 @@ CK_RV inOnePart(const char* name, Session& session, const Direction& direction, 
         return endUnless(operation, refuse(CKR_OPERATION_ACTIVE, name, ": an operation in parts is active"), false);
     if (output.length == nullptr || (data.data() == nullptr && !data.empty()))
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, name, ": an argument is NULL"), false);
+    operation->isFinished = operation->isFinished && sameBytes(operation->input, data);
     return transformInto(name, session, direction, data, output);
 }
 
@@ -139,6 +141,8 @@ CK_RV update(const char* name, Session& session, const Direction& direction, Byt
         return refuseNotActive(name);
     if (output.length == nullptr)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, name, ": the length is NULL"), false);
+    if (operation->isFinished)
+        return endUnless(operation, refuse(CKR_OPERATION_ACTIVE, name, ": all is done but fetching the output"), false);
     *output.length = 0;
     if (output.buffer == nullptr) // A question for the length: the part comes again.
         return CKR_OK;

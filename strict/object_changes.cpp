@@ -242,9 +242,13 @@ bool staysOnDevice(const Object& object)
 /// Copies of one object in the front: another handle for what backs it.
 CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& wanted, CK_OBJECT_HANDLE_PTR phNewObject)
 {
+    const bool isPrivate = wanted.flag(CKA_PRIVATE, source->isPrivate);
+    if (isPrivate && !isUserLoggedIn(session.token))
+        return refuse(CKR_USER_NOT_LOGGED_IN, COPY, ": the copy is private");
     const std::scoped_lock lock(state().lock);
     auto copy = std::make_shared<Object>(*source);
     copy->owner = session.handle;
+    copy->isPrivate = isPrivate;
     copy->ownsPair = false;
     copy->isModifiable = wanted.flag(CKA_MODIFIABLE, source->isModifiable);
     copy->isCopyable = wanted.flag(CKA_COPYABLE, source->isCopyable);
@@ -304,6 +308,8 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
         return keepPair(session, source, wanted, phNewObject);
     if (view.objectClass != CKO_CERTIFICATE || view.isTokenObject)
         return refuse(CKR_TEMPLATE_INCONSISTENT, COPY, ": the token cannot hold this twice, handle=", source->handle);
+    if (wanted.flag(CKA_PRIVATE, view.isPrivate))
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, COPY, ": certificates on the token are public");
     SecretBytes label;
     SecretBytes id;
     attributeOf(view, CKA_LABEL, label);
@@ -316,7 +322,7 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
 }
 
 /// A copy may have another place, label and ID, and may be tied down further; all else must be as it is.
-CK_RV checkCopyTemplate(const View& view, const Template& wanted)
+CK_RV checkCopyTemplate(const View& view, bool isFrontsOwn, const Template& wanted)
 {
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
         const CK_ATTRIBUTE_TYPE type = entry.type;
@@ -325,7 +331,7 @@ CK_RV checkCopyTemplate(const View& view, const Template& wanted)
         if (answer == Answer::NotThere)
             return refuse(CKR_ATTRIBUTE_TYPE_INVALID, COPY, ": no such attribute here, type=", type);
         const bool mayDiffer = type == CKA_TOKEN || type == CKA_LABEL || type == CKA_ID || type == CKA_MODIFIABLE ||
-                               type == CKA_COPYABLE || type == CKA_SUBJECT;
+                               type == CKA_COPYABLE || type == CKA_SUBJECT || (type == CKA_PRIVATE && isFrontsOwn);
         if (!mayDiffer && (answer == Answer::Sensitive || !sameBytes(value, wanted.bytes(type))))
             return refuse(CKR_ATTRIBUTE_READ_ONLY, COPY, ": cannot be changed, type=", type);
     }
@@ -588,7 +594,7 @@ CK_RV copyObject(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pT
     if (result == CKR_OK && !view.isCopyable)
         return refuse(CKR_ACTION_PROHIBITED, COPY, ": the object may not be copied, handle=", hObject);
     if (result == CKR_OK)
-        result = checkCopyTemplate(view, wanted);
+        result = checkCopyTemplate(view, source->moduleHandle == 0, wanted);
     if (result != CKR_OK)
         return result;
     return wanted.flag(CKA_TOKEN, view.isTokenObject) ? copyToToken(session, source, view, wanted, phNewObject)

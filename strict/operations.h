@@ -53,6 +53,7 @@ struct KeyOperation {
     Way way = Way::Undecided;
     HashRun run;
     SecretBytes gathered;
+    SecretBytes input;  ///< What the result was made of, where a host may still say otherwise.
     SecretBytes result; ///< Finished, but not yet fetched.
     bool isFinished = false;
 };

@@ -249,6 +249,21 @@ TEST_F(StrictObjectsTest, ATokenObjectCannotBeThereTwice)
     EXPECT_EQ(copy(9999, {}, twin), CKR_OBJECT_HANDLE_INVALID);
 }
 
+TEST_F(StrictObjectsTest, ACopyMayBePrivateWhereTheFrontKeepsIt)
+{
+    std::string label = "note";
+    CK_OBJECT_HANDLE object = 0;
+    CK_OBJECT_HANDLE hidden = 0;
+    ASSERT_EQ(create({attribute(CKA_CLASS, dataClass), attribute(CKA_LABEL, label)}, object), CKR_OK);
+    ASSERT_EQ(copy(object, {attribute(CKA_PRIVATE, yes)}, hidden), CKR_OK);
+    EXPECT_TRUE(flag(session, hidden, CKA_PRIVATE));
+    EXPECT_EQ(copy(publicKey(session, 5), {attribute(CKA_TOKEN, no), attribute(CKA_PRIVATE, yes)}, hidden),
+              CKR_ATTRIBUTE_READ_ONLY);
+    EXPECT_EQ(p11.C_Logout(session), CKR_OK);
+    EXPECT_EQ(find(session, {attribute(CKA_LABEL, label)}), Handles{object});
+    EXPECT_EQ(copy(object, {attribute(CKA_PRIVATE, yes)}, hidden), CKR_USER_NOT_LOGGED_IN);
+}
+
 TEST_F(StrictObjectsTest, ModifiableAndCopyableAreHonoured)
 {
     CK_OBJECT_HANDLE object = 0;

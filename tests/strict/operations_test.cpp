@@ -354,6 +354,32 @@ TEST_F(StrictOperationsTest, EncryptsAndDecrypts)
     EXPECT_EQ(text, data);
 }
 
+TEST_F(StrictOperationsTest, AShortBufferKeepsNoPlaintextForOtherData)
+{
+    CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
+    const auto encrypted = [&](ByteVector text) {
+        ByteVector cipher(256);
+        CK_ULONG length = 256;
+        EXPECT_EQ(p11.C_EncryptInit(session, &mechanism, rsaPublic), CKR_OK);
+        EXPECT_EQ(p11.C_Encrypt(session, text.data(), static_cast<CK_ULONG>(text.size()), cipher.data(), &length),
+                  CKR_OK);
+        return cipher;
+    };
+    ByteVector first = encrypted(ByteVector(30, 1));
+    ByteVector second = encrypted(ByteVector(20, 2));
+    ASSERT_EQ(p11.C_DecryptInit(session, &mechanism, rsaKey), CKR_OK);
+    ByteVector text(25);
+    CK_ULONG length = 25;
+    EXPECT_EQ(p11.C_Decrypt(session, first.data(), 256, text.data(), &length), CKR_BUFFER_TOO_SMALL);
+    length = 25;
+    ASSERT_EQ(p11.C_Decrypt(session, second.data(), 256, text.data(), &length), CKR_OK);
+    EXPECT_EQ(length, 20U);
+    EXPECT_EQ(text[0], 2);
+    ASSERT_EQ(p11.C_DecryptInit(session, &mechanism, rsaKey), CKR_OK);
+    EXPECT_EQ(p11.C_Decrypt(session, first.data(), 256, text.data(), &length), CKR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(p11.C_DecryptUpdate(session, second.data(), 256, text.data(), &length), CKR_OPERATION_ACTIVE);
+}
+
 TEST_F(StrictOperationsTest, PartsOfCiphersAreGathered)
 {
     CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
