@@ -130,15 +130,29 @@ void forget(State& state, const Object& object)
     state.objects.erase(object.handle);
 }
 
-/// Keeps what has been read, unless the object has become another one: then it is gone, and so is its other half.
+/// What is read of one half of a pair is known of the other one, too.
+void shareContents(Object& object)
+{
+    if (!isKey(object.objectClass))
+        return;
+    const CK_OBJECT_HANDLE base = object.objectClass == CKO_PRIVATE_KEY ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE;
+    const auto other = object.token->tokenObjects.find(base + (object.moduleHandle & PAIR_NUMBER));
+    if (other != object.token->tokenObjects.end() &&
+        (!other->second->contents || other->second->contents->identity == object.contents->identity))
+        other->second->contents = object.contents;
+}
+
+/// Keeps what has been read, unless the object has become another one: then it is gone.
 bool keepContents(State& state, Object& object, std::shared_ptr<const Contents> contents)
 {
     const std::scoped_lock lock(state.lock);
     const bool isSame = !object.contents || object.contents->identity == contents->identity;
-    if (isSame)
+    if (isSame) {
         object.contents = std::move(contents);
-    else
+        shareContents(object);
+    } else {
         forget(state, object);
+    }
     return isSame;
 }
 

@@ -163,6 +163,19 @@ TEST_F(StrictAttributesTest, OneCallOfTheHostIsOneLookAtTheKeys)
     EXPECT_EQ(device->keyListReads, before + 1);
 }
 
+TEST_F(StrictAttributesTest, ASearchByKeyTypeReadsEachPairOnce)
+{
+    const auto looksOf = [&](std::vector<CK_ATTRIBUTE> criteria) {
+        const int before = device->keyListReads;
+        find(session, std::move(criteria));
+        return device->keyListReads - before;
+    };
+    const int first = looksOf({attribute(CKA_KEY_TYPE, ec)});
+    const int later = looksOf({attribute(CKA_KEY_TYPE, ec)});
+    EXPECT_EQ(first - later, 7);
+    EXPECT_EQ(looksOf({attribute(CKA_CLASS, privateClass), attribute(CKA_KEY_TYPE, rsa)}), 1);
+}
+
 TEST_F(StrictAttributesTest, PrivateKeysAreFoundByTheUserOnly)
 {
     const CK_SESSION_HANDLE other = open(slots()[1]);
