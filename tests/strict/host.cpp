@@ -91,6 +91,20 @@ struct LastCaller {
 };
 LastCaller lastCaller;
 
+/// Calls that are in the library go on, and so does what it knows.
+void unloadWhileBusy()
+{
+    start();
+    const CK_SESSION_HANDLE session = openUserSession();
+    keepBusy();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    REQUIRE(unloadLibrary(library));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    CK_SESSION_INFO info;
+    REQUIRE(p11->C_GetSessionInfo(session, &info) == CKR_OK);
+    REQUIRE(info.state == CKS_RW_USER_FUNCTIONS);
+}
+
 void unloadAndLoadAgain()
 {
     start();
@@ -169,6 +183,7 @@ const Ways waysOfAnySystem = {
          REQUIRE(unloadLibrary(library));
          std::this_thread::sleep_for(std::chrono::milliseconds(1500));
      }},
+    {"unload-busy", unloadWhileBusy},
     {"unload-and-load-again", unloadAndLoadAgain},
     {"cycles",
      [] {

@@ -1,5 +1,7 @@
 // The host on POSIX systems: how it loads the library, and the ways to end that only they have.
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include <dlfcn.h>
 #include <sys/wait.h>
@@ -37,11 +39,25 @@ void forkWorkers()
     REQUIRE(info.state == CKS_RW_USER_FUNCTIONS);
 }
 
-void execute()
+void forkTwice()
 {
     start();
     openUserSession();
-    keepBusy();
+    forkAndWait([] {
+        REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+        openUserSession();
+        forkAndWait([] {
+            REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+            openUserSession();
+        });
+        REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
+    });
+}
+
+/// Another program takes the place of this one, with whatever threads are in the library, and does its own work with
+/// it.
+void execute()
+{
     const std::string self = programFile();
     execl(self.c_str(), self.c_str(), path.c_str(), "cycles", static_cast<char*>(nullptr));
     REQUIRE(false);
@@ -112,12 +128,37 @@ Ways waysOfThisSystem()
              REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
              forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
          }},
+        {"fork-after-end",
+         [] {
+             start();
+             REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
+             std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+             forkAndWait([] { REQUIRE(p11->C_Initialize(nullptr) == CKR_OK); });
+         }},
+        {"fork-twice", forkTwice},
         {"fork-and-exit",
          [] {
              start();
              forkAndWait([] {});
          }},
-        {"execute", execute},
+        {"execute",
+         [] {
+             start();
+             openUserSession();
+             keepBusy();
+             execute();
+         }},
+        {"execute-before-start",
+         [] {
+             load();
+             execute();
+         }},
+        {"execute-while-ending",
+         [] {
+             start();
+             REQUIRE(p11->C_Finalize(nullptr) == CKR_OK);
+             execute();
+         }},
         {"global", loadedGlobally},
     };
 }

@@ -36,6 +36,10 @@ exports)
 (unsigned long*, unsigned long*)' "$(grep -v '^C_' <<<"$names" | llvm-cxxfilt | sed 's/^[^(]*//')"
     [ "$(wc -l <<<"$names")" -eq 71 ]
     ;;
+strict-exports)
+    same "names" "$(listed EXPORT)" "$(exported)"
+    [ "$(exported | wc -l)" -eq 68 ]
+    ;;
 softkey-exports)
     same "operations" "$(device_operations)" "$(exported | without_parameters)"
     ;;
