@@ -155,6 +155,33 @@ TEST_F(PosixFilesTest, AFileOrFolderThatOthersMayWriteIsRefused)
     }
 }
 
+TEST_F(PosixFilesTest, ALinkThroughAFolderThatOthersMayWriteIsRefused)
+{
+    using std::filesystem::perms;
+    const std::filesystem::path folder = scratch.path() / "elsewhere";
+    const std::filesystem::path target = folder / "KEY1.velkorkey";
+    const std::filesystem::path way = scratch.path() / "way";
+    std::filesystem::create_directory(folder);
+    std::filesystem::permissions(folder, perms::owner_all);
+    velkor_releaseInstance(instance);
+    std::filesystem::rename(keyPath(), target);
+    std::filesystem::create_symlink("elsewhere/KEY1.velkorkey", way);
+    std::filesystem::create_symlink(way, keyPath());
+    EXPECT_EQ(tool("info KEY1").exitCode, 0);
+    for (const std::filesystem::path& exposed :
+         {folder, scratch.path()}) { // That of the file, that of a link on the way.
+        for (const perms who : {perms::group_write, perms::others_write, perms::others_write | perms::sticky_bit}) {
+            std::filesystem::permissions(exposed, perms::owner_all | who);
+            const Outcome refused = tool("info KEY1");
+            EXPECT_EQ(refused.exitCode, 7) << exposed;
+            EXPECT_NE(refused.error.find(keyPath().string()), std::string::npos) << refused.error;
+        }
+        std::filesystem::permissions(exposed, perms::owner_all);
+        EXPECT_EQ(tool("info KEY1").exitCode, 0);
+    }
+    velkor_createInstance(&instance);
+}
+
 TEST_F(PosixFilesTest, AFileThatOthersMayReadIsWarnedOf)
 {
     EXPECT_EQ(tool("info KEY1").error, "");
