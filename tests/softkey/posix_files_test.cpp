@@ -6,10 +6,13 @@
 #include "platform/file_lock.h"
 #include "test_system.h"
 
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -101,6 +104,53 @@ TEST_F(PosixFilesTest, ALockWhoseFileWasTakenAwayIsLeftForTheNewOne)
     first.reset();
     waiting.join();
     EXPECT_TRUE(locked);
+}
+
+/// A process that takes a lock, leaves a child behind and is killed; gives the child, which does nothing.
+pid_t leaveChildOfWhoHolds(const std::filesystem::path& file)
+{
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const FileLock held(file, Patience());
+        const pid_t left = fork();
+        if (left == 0) {
+            for (;;)
+                pause();
+        }
+        if (write(ends[1], &left, sizeof left) == sizeof left)
+            raise(SIGKILL);
+        _exit(1);
+    }
+    close(ends[1]);
+    pid_t left = -1;
+    EXPECT_EQ(read(ends[0], &left, sizeof left), static_cast<ssize_t>(sizeof left));
+    close(ends[0]);
+    int status = 0;
+    waitpid(holder, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    return left;
+}
+
+TEST_F(PosixFilesTest, TheChildOfWhoHeldALockDoesNotKeepIt)
+{
+    const pid_t left = leaveChildOfWhoHolds(lockOfKey(keyPath()));
+    ASSERT_GT(left, 0);
+    // It may not have run at all yet.
+    EXPECT_TRUE(test_system::eventually([&] { return FileLock::tryTake(lockOfKey(keyPath())).has_value(); }));
+    kill(left, SIGKILL);
+}
+
+TEST_F(PosixFilesTest, ALockOutlivesTheChildrenOfWhoHoldsIt)
+{
+    const FileLock held(lockOfKey(keyPath()), Patience());
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(0);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_FALSE(FileLock::tryTake(lockOfKey(keyPath())));
 }
 
 TEST_F(PosixFilesTest, KeysMadeAndRemovedByHandAreSeen)
