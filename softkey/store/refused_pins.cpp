@@ -9,8 +9,6 @@ namespace softkey
 namespace
 {
 
-constexpr std::size_t REMEMBERED_MAX = 256; // As many tries as a PIN can have.
-
 Bytes bytesOf(std::string_view text)
 {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
@@ -34,8 +32,6 @@ void RefusedPins::add(const PinRecord& record, std::string_view pin)
     ByteVector digest = digestOf(record, pin);
     const std::lock_guard lock(mutex_);
     refused_.push_back(std::move(digest));
-    if (refused_.size() > REMEMBERED_MAX)
-        refused_.pop_front();
 }
 
 bool RefusedPins::contain(const PinRecord& record, std::string_view pin) const

@@ -5,9 +5,9 @@
 #include "crypto/keyed_digest.h"
 #include "store/contents.h"
 
-#include <deque>
 #include <mutex>
 #include <string_view>
+#include <vector>
 
 namespace softkey
 {
@@ -25,7 +25,7 @@ private:
 
     KeyedDigest digest_;
     mutable std::mutex mutex_;
-    std::deque<ByteVector> refused_; ///< The latest of them.
+    std::vector<ByteVector> refused_; ///< Each has cost a try, so that they never become very many.
 };
 
 } // namespace softkey

@@ -1,4 +1,5 @@
 // PIN policy: tries, locking, changing, unlocking, and the end of a remembered PIN.
+#include "store/refused_pins.h"
 #include "world.h"
 
 #include <thread>
@@ -270,6 +271,18 @@ TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
     EXPECT_EQ(tries, 4);
     EXPECT_THROW(otherProcess()->resetUserPin(WRONG_PIN, "new-pin"), Refusal);
     EXPECT_EQ(info().soPinTriesLeft, 3) << "that is another process";
+}
+
+TEST_F(PinsTest, EveryRefusedPinIsRememberedHoweverManyThereAre)
+{
+    RefusedPins& refused = RefusedPins::ofProcess();
+    const PinRecord record = otherProcess()->contents()->userPin;
+    for (int i = 0; i < 2'000; ++i)
+        refused.add(record, "guess " + std::to_string(i));
+    for (int i = 0; i < 2'000; ++i)
+        EXPECT_TRUE(refused.contain(record, "guess " + std::to_string(i))) << i;
+    EXPECT_FALSE(refused.contain(record, "guess"));
+    EXPECT_FALSE(refused.contain(otherProcess()->contents()->soPin, "guess 1")) << "another PIN's";
 }
 
 TEST_F(PinsTest, ThreadsWithOneWrongPinSpendOneTry)
