@@ -233,9 +233,9 @@ CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin)
                         [&](const KeyFile::Turn&, const CheckedPin& checked) { requireAuthentic(file, checked); });
 }
 
-SecretBuffer masterKeyOf(KeyFile& file, PinRole role, std::string_view pin)
+CheckedPin checkPinAlone(KeyFile& file, PinRole role, std::string_view pin)
 {
-    return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {}).masterKey;
+    return checkAndThen(file, role, pin, [](const KeyFile::Turn&, const CheckedPin&) {});
 }
 
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin,

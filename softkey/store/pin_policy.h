@@ -27,8 +27,8 @@ struct CheckedPin {
 /// FileDamaged when the PIN is right and the contents are not authentic.
 CheckedPin checkPin(KeyFile& file, PinRole role, std::string_view pin);
 
-/// What a PIN opens, authentic or not: for looking at what is left of a file.
-SecretBuffer masterKeyOf(KeyFile& file, PinRole role, std::string_view pin);
+/// The same without a look at the contents: for telling what is left of a file.
+CheckedPin checkPinAlone(KeyFile& file, PinRole role, std::string_view pin);
 
 /// Replaces a PIN, and perhaps what checking it costs; the old one is checked first.
 void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string_view newPin,

@@ -174,23 +174,48 @@ void SoftKey::resetUserPin(std::string_view soPin, std::string_view newUserPin)
     softkey::resetUserPin(file_, soPin, newUserPin);
 }
 
+bool SoftKey::isStillOpen(const std::shared_ptr<Unlocked>& unlocked) const
+{
+    const std::lock_guard lock(unlockedMutex_);
+    return unlocked_ == unlocked;
+}
+
+std::shared_ptr<const PrivateKey> SoftKey::load(const Unlocked& unlocked, const Contents& contents,
+                                                const VelkorKeyPair& record)
+{
+    std::shared_ptr<const PrivateKey> key;
+    try {
+        file_.read([&](Database& database) {
+            key = loadPrivateKey(database, record, unlocked.masterKey(), contents.device.serialNumber);
+        });
+    } catch (const Refusal&) {
+        const std::shared_ptr<const Contents> now = pluggedContents();
+        const VelkorKeyPair* present = now->findKeyPair(std::to_array(record.keyIdentifier));
+        if (unlocked.fits(*now) && present != nullptr && paddingsOf(*present) == paddingsOf(record))
+            throw;
+    }
+    return key;
+}
+
 std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifier, std::string_view pin,
                                                       std::uint32_t usage)
 {
-    const std::shared_ptr<Unlocked> unlocked = authorise(*pluggedContents(), pin);
-    const std::shared_ptr<const Contents> now = pluggedContents(); // As it was vouched for.
-    const VelkorKeyPair* record = now->findKeyPair(identifier);
-    require(record != nullptr, SoftkeyStatus::NoSuchObject);
-    require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);
-    // The same key pair may have been deleted and stored with other paddings.
-    if (auto known = unlocked->find(identifier); known && known->paddings() == paddingsOf(*record))
-        return known;
-    std::shared_ptr<const PrivateKey> key;
-    file_.read([&](Database& database) {
-        key = loadPrivateKey(database, *record, unlocked->masterKey(), now->device.serialNumber);
-    });
-    unlocked->keep(identifier, key);
-    return key;
+    for (;;) {
+        const std::shared_ptr<Unlocked> unlocked = authorise(*pluggedContents(), pin);
+        const std::shared_ptr<const Contents> now = pluggedContents();
+        if (!isStillOpen(unlocked)) // They are not what it vouched for.
+            continue;
+        const VelkorKeyPair* record = now->findKeyPair(identifier);
+        require(record != nullptr, SoftkeyStatus::NoSuchObject);
+        require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);
+        // The same key pair may have been deleted and stored with other paddings.
+        if (auto known = unlocked->find(identifier); known && known->paddings() == paddingsOf(*record))
+            return known;
+        if (const std::shared_ptr<const PrivateKey> key = load(*unlocked, *now, *record)) {
+            unlocked->keep(identifier, key);
+            return key;
+        }
+    }
 }
 
 void SoftKey::requireUser(std::string_view pin)
@@ -200,29 +225,36 @@ void SoftKey::requireUser(std::string_view pin)
 
 void SoftKey::change(std::string_view pin, const std::function<void(Database&)>& work)
 {
-    change(*authorise(*pluggedContents(), pin), work);
+    while (!changeWith(*authorise(*pluggedContents(), pin), work)) {
+    }
 }
 
-void SoftKey::change(const Unlocked& unlocked, const std::function<void(Database&)>& work)
+bool SoftKey::changeWith(const Unlocked& unlocked, const std::function<void(Database&)>& work)
 {
+    bool fits = false;
     file_.change([&](Database& database) {
-        // What was edited past the key since the PIN was looked at does not get the seal.
         const Contents before = readContents(database);
-        if (!unlocked.fits(before))
-            throw Refusal::ofPin(SoftkeyStatus::PinRequired, before.userPin.triesLeft);
+        fits = unlocked.fits(before);
+        if (!fits)
+            return;
+        // What was edited past the key since the PIN was looked at does not get the seal.
         require(unlocked.vouchesFor(before), SoftkeyStatus::FileDamaged);
         work(database);
         authenticate(database, unlocked.masterKey());
     });
+    return fits;
 }
 
 VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, const ObjectAttributes& attributes,
                                   const KeyUsage& usage)
 {
-    const std::shared_ptr<const Contents> now = pluggedContents();
-    const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
-    NewKeyPair keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), now->device.serialNumber);
-    change(*unlocked, [&](Database& database) { storeKeyPair(database, keyPair); });
+    NewKeyPair keyPair;
+    for (bool stored = false; !stored;) {
+        const std::shared_ptr<const Contents> now = pluggedContents();
+        const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
+        keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), now->device.serialNumber);
+        stored = changeWith(*unlocked, [&](Database& database) { storeKeyPair(database, keyPair); });
+    }
     const std::shared_ptr<const Contents> after = contents();
     // As stored: a key pair that was there before keeps what the request left empty.
     const VelkorKeyPair* stored = after->findKeyPair(std::to_array(keyPair.record.keyIdentifier));

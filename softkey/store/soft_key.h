@@ -81,7 +81,12 @@ public:
     void lockWhenIdle(std::chrono::steady_clock::time_point now);
 
 private:
-    void change(const Unlocked& unlocked, const std::function<void(Database&)>& work);
+    /// False, and nothing was done, when the file has another PIN or master key by now.
+    bool changeWith(const Unlocked& unlocked, const std::function<void(Database&)>& work);
+    bool isStillOpen(const std::shared_ptr<Unlocked>& unlocked) const;
+    /// Null when it was sealed anew since the contents were read.
+    std::shared_ptr<const PrivateKey> load(const Unlocked& unlocked, const Contents& contents,
+                                           const VelkorKeyPair& record);
     std::shared_ptr<Unlocked> authorise(const Contents& contents, std::string_view pin);
     std::shared_ptr<Unlocked> openedBy(std::string_view pin, const Contents& contents) const;
     std::shared_ptr<Unlocked> unlock(std::string_view pin);

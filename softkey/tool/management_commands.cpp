@@ -255,15 +255,31 @@ private:
     bool whole_ = true;
 };
 
-bool opens(KeyFile& file, const Contents& contents, const VelkorKeyPair& keyPair, Bytes masterKey)
+bool opens(Database& database, const Contents& contents, const VelkorKeyPair& keyPair, Bytes masterKey)
 {
     try {
-        file.read(
-            [&](Database& database) { loadPrivateKey(database, keyPair, masterKey, contents.device.serialNumber); });
+        loadPrivateKey(database, keyPair, masterKey, contents.device.serialNumber);
         return true;
     } catch (const Refusal&) {
         return false;
     }
+}
+
+/// Looks at what the file says at one moment. False when its PIN or master key were changed since the PIN was checked.
+bool lookInside(KeyFile& file, const CheckedPin& checked, Findings& findings)
+{
+    bool isSame = false;
+    file.read([&](Database& database) {
+        const Contents contents = readContents(database);
+        isSame = contents.userPin.salt == checked.record.salt;
+        if (!isSame)
+            return;
+        findings.add("contents", areAuthentic(contents, checked.masterKey));
+        for (const VelkorKeyPair& keyPair : contents.keyPairs)
+            findings.add("key pair " + std::to_string(keyPair.id),
+                         opens(database, contents, keyPair, checked.masterKey));
+    });
+    return isSame;
 }
 
 bool isSoundWithoutPin(KeyFile& file)
@@ -285,11 +301,9 @@ void verify(Session& session, const std::string& serialNumber, const PinSource& 
     const bool isSound = isSoundWithoutPin(key->file());
     findings.add("file", isSound);
     if (isSound && pin.isGiven()) {
-        const SecretBuffer masterKey = masterKeyOf(key->file(), PinRole::User, pin.read());
-        const std::shared_ptr<const Contents> contents = key->contents();
-        findings.add("contents", areAuthentic(*contents, masterKey));
-        for (const VelkorKeyPair& keyPair : contents->keyPairs)
-            findings.add("key pair " + std::to_string(keyPair.id), opens(key->file(), *contents, keyPair, masterKey));
+        const Pin given = pin.read();
+        while (!lookInside(key->file(), checkPinAlone(key->file(), PinRole::User, given), findings)) {
+        }
     }
     findings.print(session, serialNumber);
 }

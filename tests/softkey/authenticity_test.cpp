@@ -4,6 +4,9 @@
 #include "crypto/keys.h"
 #include "store/sqlite.h"
 
+#include <atomic>
+#include <thread>
+
 namespace softkey::test
 {
 namespace
@@ -189,6 +192,30 @@ TEST_F(AuthenticityTest, AfterRekeyingAnOldCopyOpensNothingThatComesLater)
     EXPECT_EQ(result("verify KEY1" + WITH_PIN)["whole"], true);
     result("unlock KEY1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN");
     EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+}
+
+TEST_F(AuthenticityTest, UsesAndChangesBesideRekeyingAreNeverRefused)
+{
+    std::vector<VelkorKeyPair> keys;
+    for (int i = 0; i < 6; ++i)
+        keys.push_back(generate(KEY_KIND_EC_P256));
+    constexpr int REKEYINGS = SANITIZED ? 40 : 150;
+    std::atomic<int> done{0};
+    std::thread administrator([&] {
+        for (; done < REKEYINGS; ++done)
+            otherProcess()->rekey(PIN, PIN, SO_PIN);
+    });
+    while (done < REKEYINGS && !HasFailure()) {
+        for (const VelkorKeyPair& key : keys)
+            EXPECT_EQ(trySign(key, Data(32, 1)), 0) << done;
+        const VelkorKeyPair fresh = generate(KEY_KIND_EC_P256);
+        EXPECT_EQ(trySign(fresh, Data(32, 1)), 0) << done;
+        EXPECT_EQ(velkor_deleteKeyPair(SERIAL, fresh.keyIdentifier, PIN, false, instance), 0) << done;
+        EXPECT_EQ(result("verify KEY1" + WITH_PIN)["whole"], true) << done;
+    }
+    done = REKEYINGS;
+    administrator.join();
+    EXPECT_EQ(triesLeft(), 5);
 }
 
 TEST_F(AuthenticityTest, RekeyingRefusesOnePinForBoth)
