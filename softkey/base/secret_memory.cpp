@@ -102,14 +102,24 @@ private:
     std::array<Block*, BLOCK_SIZES> free_{};
 };
 
-/// Stands before ordinary memory.
-struct alignas(std::max_align_t) OrdinaryHeader {
+/// Stands before what is in no slab, in memory that a forked child keeps.
+struct alignas(std::max_align_t) Header {
     std::size_t size;
+    bool hasPagesOfItsOwn;
 };
 
-OrdinaryHeader* headerOf(const void* memory)
+Header* headerOf(const void* memory)
 {
-    return static_cast<OrdinaryHeader*>(const_cast<void*>(memory)) - 1;
+    return static_cast<Header*>(const_cast<void*>(memory)) - 1;
+}
+
+/// Null when the system has no such pages.
+void* takePagesOfItsOwn(std::size_t size)
+{
+    unsigned char* pages = size < SIZE_MAX / 2 ? takeSecretPages(size) : nullptr;
+    if (pages != nullptr)
+        new (headerOf(pages)) Header{size, true};
+    return pages;
 }
 
 } // namespace
@@ -124,15 +134,17 @@ void wipe(void* memory, std::size_t size) noexcept
 void* takeSecretMemory(std::size_t size)
 {
     void* memory = SecretMemory::ofProcess().take(size);
+    if (memory == nullptr)
+        memory = takePagesOfItsOwn(size);
     return memory != nullptr ? memory : takeOrdinaryMemory(size);
 }
 
 void* takeOrdinaryMemory(std::size_t size)
 {
-    void* whole = size < SIZE_MAX - sizeof(OrdinaryHeader) ? std::malloc(sizeof(OrdinaryHeader) + size) : nullptr;
+    void* whole = size < SIZE_MAX - sizeof(Header) ? std::malloc(sizeof(Header) + size) : nullptr;
     if (whole == nullptr)
         throw std::bad_alloc();
-    return new (whole) OrdinaryHeader{size} + 1;
+    return new (whole) Header{size, false} + 1;
 }
 
 void giveBackMemory(void* memory) noexcept
@@ -141,7 +153,9 @@ void giveBackMemory(void* memory) noexcept
         return;
     if (SecretMemory::ofProcess().has(memory))
         return SecretMemory::ofProcess().giveBack(memory);
-    OrdinaryHeader* header = headerOf(memory);
+    Header* header = headerOf(memory);
+    if (header->hasPagesOfItsOwn)
+        return giveBackSecretPages(static_cast<unsigned char*>(memory), header->size);
     wipe(memory, header->size);
     std::free(header);
 }

@@ -1,4 +1,4 @@
-// Memory for secrets, of pages that `platform/secret_pages.h` describes. All of it is wiped when it is given back.
+// Memory for secrets, of pages that `platform/secret_pages.h` describes. Nothing of it is left when it is given back.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@ namespace softkey
 /// Overwrites memory in a way that no compiler leaves out.
 void wipe(void* memory, std::size_t size) noexcept;
 
-/// Never null; throws bad_alloc. What is large, or more than the pages hold, is ordinary memory.
+/// Never null; throws bad_alloc. Ordinary memory where the system has no such pages.
 void* takeSecretMemory(std::size_t size);
 /// The same from ordinary memory, which is wiped, too.
 void* takeOrdinaryMemory(std::size_t size);

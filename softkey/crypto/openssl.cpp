@@ -20,11 +20,17 @@ namespace
 std::atomic<bool> openSslCleanedUp{false};
 
 #ifdef SOFTKEY_BUNDLED_LIBCRYPTO
-/// Digits of big numbers, which is where private keys have their components, are all made in one file of OpenSSL's.
+/// Digits of big numbers, which is where private keys have their components, are all made in one file of OpenSSL's. In
+/// another one scrypt takes the PIN, and what it works in: whoever has that tries PINs at no cost.
+bool isForSecrets(std::string_view file)
+{
+    return file.ends_with("bn_lib.c") || file.ends_with("scrypt.c");
+}
+
 void* take(std::size_t size, const char* file, int) noexcept
 {
     try {
-        const bool isSecret = file != nullptr && std::string_view(file).ends_with("bn_lib.c");
+        const bool isSecret = file != nullptr && isForSecrets(file);
         return size == 0 ? nullptr : isSecret ? takeSecretMemory(size) : takeOrdinaryMemory(size);
     } catch (const std::bad_alloc&) {
         return nullptr;

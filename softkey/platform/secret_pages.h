@@ -13,4 +13,11 @@ unsigned char* reserveSecretPages(std::size_t size);
 /// swap are used all the same.
 bool openSecretPages(unsigned char* pages, std::size_t size);
 
+/// Pages like these for one secret alone. In front of them lies some ordinary memory, which a forked child keeps.
+/// Null when there is no memory.
+constexpr std::size_t ORDINARY_BEFORE = 0x10000;
+unsigned char* takeSecretPages(std::size_t size);
+/// The system wipes them before anybody gets them again.
+void giveBackSecretPages(unsigned char* pages, std::size_t size);
+
 } // namespace softkey

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <random>
 #include <set>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -149,36 +150,92 @@ TEST_F(ProcessesTest, OneProcessUsesWhatOthersChange)
 }
 
 #if !SANITIZED // Their allocators keep what was given back.
-/// How often some bytes stand in what a process may write to.
-int occurrencesIn(pid_t process, const std::vector<Data>& needles)
+/// Memory that a process may write to, with the flags of /proc/PID/smaps: "lo" locked, "dd" left out of dumps, "wf"
+/// empty in a forked child.
+struct Region {
+    std::uintptr_t begin;
+    std::uintptr_t end;
+    std::string flags;
+
+    bool has(const char* flag) const { return flags.find(flag) != std::string::npos; }
+};
+
+std::vector<Region> writableRegionsOf(pid_t process)
 {
-    const std::string folder = "/proc/" + std::to_string(process);
-    std::ifstream maps(folder + "/maps");
-    std::ifstream memory(folder + "/mem", std::ios::binary);
-    int found = 0;
-    for (std::string line; std::getline(maps, line);) {
+    std::ifstream smaps("/proc/" + std::to_string(process) + "/smaps");
+    std::vector<Region> regions;
+    bool isWritable = false;
+    for (std::string line; std::getline(smaps, line);) {
         std::uintptr_t begin = 0;
         std::uintptr_t end = 0;
         std::array<char, 5> rights{};
-        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, rights.data()) != 3 || rights[1] != 'w')
-            continue;
-        Data content(end - begin);
-        memory.clear();
-        memory.seekg(static_cast<std::streamoff>(begin));
-        memory.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
-        for (const Data& needle : needles) {
-            const unsigned char* at = content.data();
-            const unsigned char* const behind = at + content.size();
-            const auto next = [&] {
-                return memmem(at, static_cast<std::size_t>(behind - at), needle.data(), needle.size());
-            };
-            while (const void* hit = next()) {
-                ++found;
-                at = static_cast<const unsigned char*>(hit) + 1;
-            }
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, rights.data()) == 3) {
+            isWritable = rights[1] == 'w';
+            if (isWritable)
+                regions.push_back({begin, end, ""});
+        } else if (isWritable && line.starts_with("VmFlags:")) {
+            regions.back().flags = line.substr(8) + " ";
         }
     }
+    return regions;
+}
+
+int countIn(const Data& content, const Data& needle)
+{
+    int found = 0;
+    const unsigned char* at = content.data();
+    const unsigned char* const behind = at + content.size();
+    const auto next = [&] { return memmem(at, static_cast<std::size_t>(behind - at), needle.data(), needle.size()); };
+    while (const void* hit = next()) {
+        ++found;
+        at = static_cast<const unsigned char*>(hit) + 1;
+    }
     return found;
+}
+
+/// How often some bytes stand in what a process may write to, by the regions in which they do.
+std::vector<std::pair<Region, int>> findIn(pid_t process, const std::vector<Data>& needles)
+{
+    std::ifstream memory("/proc/" + std::to_string(process) + "/mem", std::ios::binary);
+    std::vector<std::pair<Region, int>> found;
+    for (const Region& region : writableRegionsOf(process)) {
+        Data content(region.end - region.begin);
+        memory.clear();
+        memory.seekg(static_cast<std::streamoff>(region.begin));
+        memory.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
+        int count = 0;
+        for (const Data& needle : needles)
+            count += countIn(content, needle);
+        if (count > 0)
+            found.emplace_back(region, count);
+    }
+    return found;
+}
+
+int occurrencesIn(pid_t process, const std::vector<Data>& needles)
+{
+    int sum = 0;
+    for (const auto& [region, count] : findIn(process, needles))
+        sum += count;
+    return sum;
+}
+
+/// Whether this user may have more memory locked.
+bool mayLock(std::size_t size)
+{
+    Data probe(size);
+    const bool locked = mlock(probe.data(), size) == 0;
+    munlock(probe.data(), size);
+    return locked;
+}
+
+void expectProtected(const std::vector<std::pair<Region, int>>& found)
+{
+    for (const auto& [region, count] : found) {
+        EXPECT_TRUE(region.has(" dd ")) << count << " secrets would be in a dump:" << region.flags;
+        EXPECT_TRUE(region.has(" wf ")) << count << " secrets would be in a forked child:" << region.flags;
+        EXPECT_TRUE(region.has(" lo ") || !mayLock(1 << 20)) << count << " secrets may be swapped out:" << region.flags;
+    }
 }
 
 /// A number as it stands in an encoding, and as it stands in OpenSSL's memory. A part of it does.
@@ -215,6 +272,7 @@ TEST_F(ProcessesTest, SecretsAreGoneFromMemoryAfterALogoutAReleaseAndInAForkedCh
     const Child child("keep-secrets", SERIAL, PIN);
     ASSERT_EQ(child.lines(1), std::vector<std::string>{"used"});
     EXPECT_GE(occurrencesIn(child.process(), needles), 7) << "the search does not find what is there";
+    expectProtected(findIn(child.process(), needles));
     child.goOn();
     const std::vector<std::string> forked = child.lines(1);
     ASSERT_EQ(forked.size(), 1U);

@@ -1,0 +1,127 @@
+// Memory for secrets: where it lies, and what is left of it.
+#include "base/bytes.h"
+#include "base/secret.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <span>
+#include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace softkey::test
+{
+namespace
+{
+
+/// The system's flags of the pages in which an address lies, with a space around each.
+std::string pageFlagsOf(const void* address)
+{
+    const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+    std::ifstream smaps("/proc/self/smaps");
+    bool isHere = false;
+    for (std::string line; std::getline(smaps, line);) {
+        std::uintptr_t begin = 0;
+        std::uintptr_t end = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx ", &begin, &end) == 2)
+            isHere = wanted >= begin && wanted < end;
+        else if (isHere && line.starts_with("VmFlags:"))
+            return line.substr(8) + " ";
+    }
+    return "";
+}
+
+bool has(const std::string& flags, const char* flag)
+{
+    return flags.find(flag) != std::string::npos;
+}
+
+/// Whether this user may have more memory locked. Sanitizers make locking do nothing.
+bool mayLock(std::size_t size)
+{
+    std::vector<char> probe(size);
+    const bool locked = !SANITIZED && mlock(probe.data(), size) == 0;
+    munlock(probe.data(), size);
+    return locked;
+}
+
+SecretBuffer filled(std::size_t size)
+{
+    SecretBuffer secret(size);
+    std::fill_n(secret.data(), size, static_cast<unsigned char>(0x5a));
+    return secret;
+}
+
+class SecretMemoryTest : public ::testing::TestWithParam<std::size_t>
+{
+};
+
+TEST_P(SecretMemoryTest, ItsPagesAreLockedAndLeftOutOfDumpsAndForks)
+{
+    const SecretBuffer secret = filled(GetParam());
+    for (const unsigned char* at : {secret.data(), secret.data() + secret.size() - 1}) {
+        const std::string flags = pageFlagsOf(at);
+        EXPECT_TRUE(has(flags, " dd ")) << flags;
+        EXPECT_TRUE(has(flags, " wf ")) << flags;
+        EXPECT_TRUE(has(flags, " lo ") || !mayLock(4 * GetParam() + (1 << 20))) << flags;
+    }
+}
+
+TEST_P(SecretMemoryTest, AForkedChildFindsItEmptyAndCanUseIt)
+{
+    const SecretBuffer secret = filled(GetParam());
+    const pid_t child = fork();
+    if (child == 0) {
+        const Bytes seen = secret;
+        const bool isEmpty = std::ranges::all_of(seen, [](unsigned char byte) { return byte == 0; });
+        const SecretBuffer own = filled(GetParam());
+        _exit(isEmpty && own.data()[own.size() - 1] == 0x5a ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(secret.data()[0], 0x5a) << "the parent's is as it was";
+}
+
+TEST_P(SecretMemoryTest, ManyHaveRoomOfTheirOwn)
+{
+    std::vector<SecretBuffer> secrets;
+    for (unsigned char i = 0; i < 20; ++i) {
+        secrets.emplace_back(GetParam());
+        std::fill_n(secrets.back().data(), GetParam(), i);
+    }
+    for (unsigned char i = 0; i < 20; ++i) {
+        const Bytes seen = secrets[i];
+        EXPECT_TRUE(std::ranges::all_of(seen, [i](unsigned char byte) { return byte == i; }));
+    }
+}
+
+// Blocks of the shared pages, and pages of their own.
+const std::vector<std::size_t> SIZES{1, 32, 33, 4096, 16384, 16385, 1 << 20};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, SecretMemoryTest, ::testing::ValuesIn(SIZES),
+                         [](const auto& size) { return std::to_string(size.param); });
+
+TEST(SecretMemory, WhatIsGivenBackIsWiped)
+{
+    constexpr std::size_t size = 64;
+    void* const before = takeSecretMemory(size);
+    std::memset(before, 0x5a, size);
+    giveBackMemory(before);
+    void* const again = takeSecretMemory(size); // Of the pages, which stay, the block that was given back last.
+    ASSERT_EQ(again, before);
+    const std::span seen(static_cast<const unsigned char*>(again), size);
+    // Its beginning leads to the next free block.
+    EXPECT_TRUE(std::ranges::all_of(seen.subspan(sizeof(void*)), [](unsigned char byte) { return byte == 0; }));
+    giveBackMemory(again);
+}
+
+} // namespace
+} // namespace softkey::test
