@@ -5,6 +5,7 @@
 SECONDS: how long readers and writers contend, 60 unless said otherwise. The exit code is 0 when nothing failed.
 """
 import argparse
+import os
 import sys
 import time
 
@@ -23,6 +24,10 @@ def kills_at_random(folder, material, count):
 
 def kills_at_calls(folder, material, size):
     return f"{crashes.kill_at_calls(folder, material, *size)} processes killed"
+
+
+def lies(folder, material, _):
+    return f"{crashes.find_lies(folder, material)} processes that had not done what they said, all found out"
 
 
 def failing_writes(folder, material, stride):
@@ -57,13 +62,15 @@ def contenders(folder, material, size):
 
 
 def searches(folder, material, _):
-    return f"{memory.memory(folder, material, None)} secrets, at 4 places"
+    secrets, seconds = memory.memory(folder, material)
+    return f"{secrets} secrets, at 5 places; dropped {seconds:.1f} s after the last use where 1 s was asked for"
 
 
 def checks(seconds):
     """Name, check, its size in full and in short."""
     return (("kills at random moments", kills_at_random, 500, 20),
             ("kills at successive calls", kills_at_calls, (500, 1), (0, 13)),
+            ("lies", lies, None, None),
             ("failing writes", failing_writes, 1, 31),
             ("journals", left_journals, (100, 1), (12, 7)),
             ("mutations", spoilt_files, 500, 40),
@@ -96,11 +103,14 @@ def main():
     parser.add_argument("--only", help="the checks whose names contain this")
     options = parser.parse_args()
     chosen = [row for row in checks(options.seconds) if not options.only or options.only in row[0]]
+    begin = time.monotonic()
+    print(f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}", flush=True)
     with scratch() as folder:
         material = Material(folder)
         results = [run_check(name, check, short if options.short else full, folder / name.replace(" ", "-"), material)
                    for name, check, full, short in chosen]
-    print(f"{results.count(True)} passed, {results.count(False)} failed")
+    print(f"{results.count(True)} passed, {results.count(False)} failed in {time.monotonic() - begin:.0f} s, "
+          f"load {os.getloadavg()[0]:.1f}")
     return 0 if results and all(results) else 1
 
 

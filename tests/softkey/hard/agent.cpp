@@ -29,12 +29,26 @@ void waitForLine()
     }
 }
 
+/// Whether this process is to say of a step that it was done, and not to do it: checks that never fail tell nothing.
+bool isLie(const std::string& what)
+{
+    const char* chosen = std::getenv("HARD_LIE");
+    return chosen != nullptr && (what + " ").starts_with(std::string(chosen) + " ");
+}
+
+int pretend(const std::string& what, std::string& result)
+{
+    const bool isRefusal = what == "wrong";
+    result = isRefusal ? "7" : std::string(32, '7'); // Tries that are not left; the identifier of nothing.
+    return isRefusal ? 312 : 0;
+}
+
 /// A step with its name and what it is about; `work` gives the status and may add what came of it.
 int step(const std::string& what, const std::function<int(std::string&)>& work)
 {
     tell("do " + what);
     std::string result;
-    const int status = work(result);
+    const int status = isLie(what) ? pretend(what, result) : work(result);
     tell("did " + std::to_string(status) + " " + result);
     return status;
 }

@@ -16,15 +16,15 @@ def agent(pin, material, rounds):
     return [AGENT, "work", SERIAL, pin, other(pin), material.certificate, rounds]
 
 
-def kill_at_random(folder, material, count):
-    """One key goes through all the kills."""
+def kill_at_random(folder, material, count, lines=(1, 18), **more):
+    """One key goes through all the kills, each after one of so many lines."""
     make_key(folder, material)
     chance, pin = random.Random(20240229), PIN
     for _ in range(count):
         history = History(folder, pin)
-        with subprocess.Popen(list(map(str, agent(pin, material, 0))), env=environment(folder), text=True,
+        with subprocess.Popen(list(map(str, agent(pin, material, 0))), env=environment(folder, **more), text=True,
                               stdout=subprocess.PIPE) as process:
-            seen = "".join(process.stdout.readline() for _ in range(chance.randint(1, 18)))
+            seen = "".join(process.stdout.readline() for _ in range(chance.randint(*lines)))
             time.sleep(chance.uniform(0, 0.003))
             process.kill()
             seen += process.stdout.read()
@@ -198,6 +198,35 @@ def kill_at_calls(folder, material, count, stride):
         killed += at_successive_calls(found[0], folder, "kill", "all", step, count - killed)
         step += 1
     return killed
+
+
+# What a process says to have done and has not done, and what is to be said of it.
+LIES = {"wrong": "left 7 tries", "generate": "key pairs differ", "delete": "key pairs differ",
+        "certificate": "certificates differ", "uncertificate": "certificates differ", f"pin {OTHER_PIN}": "tries of"}
+
+
+def require_failure(text, check, *arguments, **more):
+    try:
+        check(*arguments, **more)
+    except Failure as failure:
+        require(text in str(failure), f"another failure than '{text}': {failure}")
+    else:
+        raise Failure(f"nothing was noticed, although '{text}' was to be")
+
+
+def find_lies(folder, material):
+    """Processes that lie are killed like others, and commands that did nothing are said to have done their work: the
+    checks above fail then. Gives how many times they did."""
+    folder.mkdir()
+    for number, (lie, text) in enumerate(LIES.items()):
+        # In the second round, when the lie has been told.
+        require_failure(text, kill_at_random, folder / str(number), material, 5, (22, 34), HARD_LIE=lie)
+    pristine = folder / "pristine"
+    make_key(pristine, material)
+    commands = scenarios(pristine, material)[1:]
+    for scenario in commands:
+        require_failure("", scenario.holds, fresh_copy(pristine), Ending(0, "", ""))
+    return len(LIES) + len(commands)
 
 
 def fail_writes(folder, material, stride):

@@ -53,9 +53,8 @@ void login()
     require(result, 13);
 }
 
-std::vector<CK_OBJECT_HANDLE> privateKeys()
+std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS kind)
 {
-    CK_OBJECT_CLASS kind = CKO_PRIVATE_KEY;
     CK_ATTRIBUTE wanted{CKA_CLASS, &kind, sizeof kind};
     std::vector<CK_OBJECT_HANDLE> found(16);
     CK_ULONG count = 0;
@@ -66,26 +65,80 @@ std::vector<CK_OBJECT_HANDLE> privateKeys()
     return found;
 }
 
-bool signs(CK_OBJECT_HANDLE key)
+struct KeyPair {
+    CK_OBJECT_HANDLE privateKey;
+    CK_OBJECT_HANDLE publicKey;
+    bool isEc;
+};
+
+/// One of each kind.
+std::vector<KeyPair> keyPairs()
 {
-    CK_KEY_TYPE type = 0;
-    CK_ATTRIBUTE asked{CKA_KEY_TYPE, &type, sizeof type};
-    if (C_GetAttributeValue(session, key, &asked, 1) != CKR_OK)
-        return false;
-    CK_MECHANISM mechanism{static_cast<CK_MECHANISM_TYPE>(type == CKK_EC ? CKM_ECDSA : CKM_RSA_PKCS), nullptr, 0};
+    const std::vector<CK_OBJECT_HANDLE> privateKeys = find(CKO_PRIVATE_KEY);
+    const std::vector<CK_OBJECT_HANDLE> publicKeys = find(CKO_PUBLIC_KEY); // In the same order.
+    if (privateKeys.size() != 2 || publicKeys.size() != 2)
+        std::_Exit(17);
+    std::vector<KeyPair> found;
+    for (std::size_t i = 0; i < 2; ++i) {
+        CK_KEY_TYPE type = 0;
+        CK_ATTRIBUTE asked{CKA_KEY_TYPE, &type, sizeof type};
+        require(C_GetAttributeValue(session, privateKeys[i], &asked, 1), 18);
+        found.push_back({privateKeys[i], publicKeys[i], type == CKK_EC});
+    }
+    return found;
+}
+
+bool signs(const KeyPair& keys)
+{
+    CK_MECHANISM mechanism{static_cast<CK_MECHANISM_TYPE>(keys.isEc ? CKM_ECDSA : CKM_RSA_PKCS), nullptr, 0};
     std::array<unsigned char, 32> hash{1, 2, 3};
     std::array<unsigned char, 1024> signature{};
     CK_ULONG size = signature.size();
-    return C_SignInit(session, &mechanism, key) == CKR_OK &&
+    return C_SignInit(session, &mechanism, keys.privateKey) == CKR_OK &&
            C_Sign(session, hash.data(), hash.size(), signature.data(), &size) == CKR_OK;
 }
 
-void signWithAll(const std::vector<CK_OBJECT_HANDLE>& keys)
+/// With both paddings.
+bool decrypts(const KeyPair& keys)
 {
-    if (keys.size() != 2)
-        std::_Exit(17);
-    for (const CK_OBJECT_HANDLE key : keys)
-        require(signs(key) ? CKR_OK : CKR_FUNCTION_FAILED, 18);
+    for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
+        CK_MECHANISM mechanism{type, nullptr, 0};
+        std::array<unsigned char, 16> text{1, 2, 3};
+        std::array<unsigned char, 512> ciphertext{};
+        std::array<unsigned char, 512> plaintext{};
+        CK_ULONG size = ciphertext.size();
+        CK_ULONG plainSize = plaintext.size();
+        const bool done = C_EncryptInit(session, &mechanism, keys.publicKey) == CKR_OK &&
+                          C_Encrypt(session, text.data(), text.size(), ciphertext.data(), &size) == CKR_OK &&
+                          C_DecryptInit(session, &mechanism, keys.privateKey) == CKR_OK &&
+                          C_Decrypt(session, ciphertext.data(), size, plaintext.data(), &plainSize) == CKR_OK;
+        if (!done || plainSize != text.size())
+            return false;
+    }
+    return true;
+}
+
+/// Agrees on a secret with itself.
+bool derives(const KeyPair& keys)
+{
+    std::array<unsigned char, 256> point{};
+    CK_ATTRIBUTE asked{CKA_EC_POINT, point.data(), point.size()};
+    if (C_GetAttributeValue(session, keys.publicKey, &asked, 1) != CKR_OK)
+        return false;
+    CK_ECDH1_DERIVE_PARAMS parameters{CKD_NULL, 0, nullptr, asked.ulValueLen, point.data()};
+    CK_MECHANISM mechanism{CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
+    CK_OBJECT_HANDLE secret = 0;
+    return C_DeriveKey(session, &mechanism, keys.privateKey, nullptr, 0, &secret) == CKR_OK;
+}
+
+void useAll(const std::vector<KeyPair>& keyPairs)
+{
+    for (const KeyPair& keys : keyPairs) {
+        if (!signs(keys))
+            std::_Exit(22);
+        if (!(keys.isEc ? derives(keys) : decrypts(keys)))
+            std::_Exit(23);
+    }
 }
 
 /// The parent looks at a child that has done nothing since the fork.
@@ -106,8 +159,8 @@ int main()
 {
     openSession();
     login();
-    std::vector<CK_OBJECT_HANDLE> keys = privateKeys();
-    signWithAll(keys);
+    const std::vector<KeyPair> keys = keyPairs();
+    useAll(keys);
     stopAt("used");
     stopInChild();
     require(C_Logout(session), 19);
@@ -116,7 +169,7 @@ int main()
         return 20;
     stopAt("refused");
     login();
-    signWithAll(privateKeys());
+    useAll(keyPairs());
     stopAt("used");
     require(C_Finalize(nullptr), 21);
     stopAt("finalised");

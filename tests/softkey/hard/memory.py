@@ -2,10 +2,12 @@
 import pathlib
 import re
 import subprocess
+import time
 
 from world import HOST, MASTER_KEY, SERIAL, environment, key_file, make_key, require, require_whole, run, tool
 
 PART = 24  # Bytes of a number that are searched for.
+IDLE_LIMIT = 20  # Seconds; a key counts as idle after one, and the module looks every second.
 
 
 def numbers_of(pem):
@@ -83,8 +85,23 @@ def require_gone(process, secrets, place, left=()):
     require(not found, f"{place}: {', '.join(sorted(found))}")
 
 
-def memory(folder, material, _):
-    """What a search finds in use; nothing of it may be left at the other places. Gives the number of searches."""
+def seconds_until_dropped(folder, pin, secrets):
+    """Of an application that uses the key no more, and makes no calls; after one second it counts as idle."""
+    host = Host(folder, VELKOR_SOFTKEY_IDLE=1)
+    host.go_on(pin)
+    host.stop("used")
+    begin = time.monotonic()
+    while found := found_in(host.process.pid, secrets):
+        require(time.monotonic() - begin < IDLE_LIMIT, f"not dropped when idle: {', '.join(sorted(found))}")
+    seconds = time.monotonic() - begin
+    host.process.kill()
+    host.process.wait()
+    return seconds
+
+
+def memory(folder, material):
+    """What a search finds in use; nothing of it may be left at the other places. Gives the number of secrets, and
+    the seconds after which an idle key was dropped."""
     folder.mkdir()
     at, pin = folder / "keys", "a-pin-that-stands-nowhere-else"
     make_key(at, material)
@@ -112,5 +129,6 @@ def memory(folder, material, _):
     require_gone(host.process.pid, secrets, "after C_Finalize")
     host.go_on()
     require(host.process.wait() == 0, "the application failed")
+    seconds = seconds_until_dropped(at, pin, numbers)
     require_whole(at, pin)
-    return len(secrets)
+    return len(secrets), seconds
