@@ -7,12 +7,16 @@ What it was content with is kept in the user's cache folder by the content of al
 header that the build read, the compile commands, clang-tidy's configuration and version. So a clone finds what another
 one has checked, and a new configuration checks everything. A source is checked in every layout that it is compiled in;
 its other compilations, in tests, are left out.
+
+Most of its time goes into the standard library's headers. So sources of one folder that are compiled alike are checked a
+few at a time, in units that include them; what does not go together with the others, by a name that stands twice, is checked by itself.
 """
 import concurrent.futures
 import hashlib
 import json
 import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -20,6 +24,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 KEPT_DAYS = 30
+UNIT_SIZE = 6
 
 
 def commands_by_source(build):
@@ -85,12 +90,60 @@ def key(build, entries, headers, contents, general):
     return hashlib.sha256("\n".join(text).encode()).hexdigest()
 
 
-def check(source, database, arguments):
-    run = subprocess.run(["clang-tidy", "--quiet", "-p", database, *arguments, source], stdout=subprocess.PIPE,
-                         stderr=subprocess.STDOUT, text=True)
-    if run.returncode != 0:
-        print(*(line for line in run.stdout.splitlines() if "warnings generated" not in line), sep="\n", flush=True)
-    return run.returncode == 0
+def units_of(sources, commands, database):
+    """The sources put together: [([source], file to check)]. Adds what compiles the units to the commands."""
+    alike = {}
+    for source in sources:
+        entries = commands[str(ROOT / source)]
+        how = [" ".join(entry["arguments"]).replace(entry["output"], "").replace(entry["file"], "") for entry in entries]
+        alike.setdefault((os.path.dirname(source), *how), []).append(source)
+    units = []
+    for group in alike.values():
+        count = -(-len(group) // UNIT_SIZE)
+        for members in (group[i::count] for i in range(count)):
+            if len(members) == 1:
+                units.append((members, ROOT / members[0]))
+                continue
+            unit = database / f"unit_{len(units)}.cpp"
+            first = ROOT / members[0]
+            commands[str(unit)] = [
+                {**entry, "file": str(unit),
+                 "arguments": [str(unit) if argument == entry["file"] else argument for argument in entry["arguments"]]}
+                for entry in commands[str(first)]]
+            units.append((members, unit))
+    return units
+
+
+def tidy(file, database, *arguments):
+    return subprocess.run(["clang-tidy", "--quiet", "-p", database, *arguments, file], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True)
+
+
+def without_strangers(members, unit, database, arguments):
+    """Leaves in the unit what compiles together; gives those members, and the others."""
+    together, strangers = list(members), []
+    while len(together) > 1:
+        unit.write_text("".join(f'#include "{ROOT / member}"\n' for member in together))
+        run = tidy(unit, database, *arguments, "--checks=-*,portability-restrict-system-includes")
+        if run.returncode == 0:
+            break
+        lines = re.findall(re.escape(str(unit)) + r":(\d+)", run.stdout)
+        strangers.append(together.pop(int(lines[0]) - 1 if lines else 0))
+    return together, strangers
+
+
+def check(members, file, database, arguments):
+    """What clang-tidy is content with of the members."""
+    if len(members) > 1:
+        together, strangers = without_strangers(members, file, database, arguments)
+        if len(together) == 1 or tidy(file, database, *arguments).returncode != 0:
+            together, strangers = [], members  # Each by itself, so that it is seen which it is.
+        return together + [source for source in strangers if check([source], ROOT / source, database, arguments)]
+    run = tidy(file, database, *arguments)
+    if run.returncode == 0:
+        return members
+    print(*(line for line in run.stdout.splitlines() if "warnings generated" not in line), sep="\n", flush=True)
+    return []
 
 
 def main(build, *rest):
@@ -115,21 +168,20 @@ def main(build, *rest):
 
     database = build / "tidy"
     database.mkdir(exist_ok=True)
-    (database / "compile_commands.json").write_text(
-        json.dumps([entry for entries in commands.values() for entry in entries]))
     stamps = {source: cache / key(build, commands[str(ROOT / source)], headers, contents, general)
               for source in sources}
     changed = [source for source in sources if not stamps[source].exists()]
     print(f"clang-tidy: {len(changed)} of {len(sources)} sources to check", flush=True)
-    good = True
+    units = units_of(changed, commands, database)
+    (database / "compile_commands.json").write_text(
+        json.dumps([entry for entries in commands.values() for entry in entries]))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for source, clean in zip(changed, pool.map(lambda source: check(source, database, arguments), changed)):
-            if clean:
-                stamps[source].touch()
-            good = good and clean
-    for source in set(sources) - set(changed):
+        clean = {source for content in pool.map(lambda unit: check(*unit, database, arguments), units)
+                 for source in content}
+    clean |= set(sources) - set(changed)
+    for source in clean:
         stamps[source].touch()
-    return 0 if good else 1
+    return 0 if clean == set(sources) else 1
 
 
 if __name__ == "__main__":
