@@ -211,7 +211,7 @@ std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifi
         // The same key pair may have been deleted and stored with other paddings.
         if (auto known = unlocked->find(identifier); known && known->paddings() == paddingsOf(*record))
             return known;
-        if (const std::shared_ptr<const PrivateKey> key = load(*unlocked, *now, *record)) {
+        if (std::shared_ptr<const PrivateKey> key = load(*unlocked, *now, *record)) {
             unlocked->keep(identifier, key);
             return key;
         }
