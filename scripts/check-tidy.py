@@ -175,12 +175,14 @@ def main(build, *rest):
     units = units_of(changed, commands, database)
     (database / "compile_commands.json").write_text(
         json.dumps([entry for entries in commands.values() for entry in entries]))
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        clean = {source for content in pool.map(lambda unit: check(*unit, database, arguments), units)
-                 for source in content}
-    clean |= set(sources) - set(changed)
+    clean = set(sources) - set(changed)
     for source in clean:
         stamps[source].touch()
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        for content in pool.map(lambda unit: check(*unit, database, arguments), units):
+            for source in content:
+                stamps[source].touch()
+            clean.update(content)
     return 0 if clean == set(sources) else 1
 
 
