@@ -94,7 +94,7 @@ inline bool sameBytes(Bytes left, Bytes right)
 
 inline SecretBytes secretCopyOf(Bytes bytes)
 {
-    return SecretBytes(bytes.begin(), bytes.end());
+    return {bytes.begin(), bytes.end()};
 }
 
 /// A number or a structure as its bytes.
@@ -102,7 +102,7 @@ template <typename Value>
 SecretBytes bytesOfValue(const Value& value)
 {
     const auto* first = reinterpret_cast<const unsigned char*>(&value);
-    return SecretBytes(first, first + sizeof value);
+    return {first, first + sizeof value};
 }
 
 } // namespace velkor::strict
