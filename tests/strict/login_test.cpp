@@ -261,9 +261,12 @@ TEST_F(StrictLoginTest, APinThatWasChangedElsewhereCostsTwoTriesAtMost)
 TEST_F(StrictLoginTest, ATokenThatHasGoneIsNoWrongPin)
 {
     const CK_SESSION_HANDLE session = open(first);
-    device->setConnected({SECOND_DEVICE});
     device->setUserPin(FIRST_DEVICE, "gone"); // A device that is not there takes no PIN.
-    EXPECT_EQ(login(session), CKR_DEVICE_REMOVED);
+    device->setConnected({SECOND_DEVICE});
+    const CK_RV code = login(session);
+    if (code != CKR_DEVICE_REMOVED) { // The module's own look at the devices, once a second, was faster.
+        EXPECT_EQ(code, CKR_SESSION_HANDLE_INVALID);
+    }
     EXPECT_EQ(login(session), CKR_SESSION_HANDLE_INVALID);
     device->setConnected({FIRST_DEVICE, SECOND_DEVICE});
     EXPECT_EQ(tokenInfo(first).flags & CKF_USER_PIN_COUNT_LOW, 0U);
