@@ -18,7 +18,7 @@ enum class Level { Error, Debug, Other };
 
 /// Milliseconds since the beginning of some year; lines have no year of their own.
 using Milliseconds = std::int64_t;
-inline constexpr Milliseconds DAY = 24 * 60 * 60 * 1000;
+inline constexpr Milliseconds DAY = Milliseconds{24} * 60 * 60 * 1000;
 
 struct LogLine {
     Milliseconds time = 0;

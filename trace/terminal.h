@@ -32,7 +32,7 @@ class PagedOutput
 {
 public:
     explicit PagedOutput(bool wanted);
-    ~PagedOutput();
+    ~PagedOutput(); // NOLINT(performance-trivially-destructible): not where there is a pager.
     PagedOutput(const PagedOutput&) = delete;
     PagedOutput& operator=(const PagedOutput&) = delete;
 

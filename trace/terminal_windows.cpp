@@ -28,7 +28,7 @@ int terminalWidth()
 bool wantsColours()
 {
     const char* refused = std::getenv("NO_COLOR");
-    const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
+    HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
     if ((refused != nullptr && *refused != '\0') || GetConsoleMode(console, &mode) == 0)
         return false;
