@@ -28,7 +28,7 @@ enum Kind : unsigned {
 };
 
 /// Shapes of values.
-enum class Shape { Flag, Number, SecretBytes, Date, NothingGiven };
+enum class Shape { Flag, Number, Bytes, Date, NothingGiven };
 
 using Source = SecretBytes (*)(const View& view);
 
@@ -134,26 +134,26 @@ constexpr Row ROWS[] = {
     {CKA_MODIFIABLE, ANY, Shape::Flag, [](const View& view) { return flag(view.isModifiable); }},
     {CKA_COPYABLE, ANY, Shape::Flag, [](const View& view) { return flag(view.isCopyable); }},
     {CKA_DESTROYABLE, ANY, Shape::Flag, yes},
-    {CKA_LABEL, ANY, Shape::SecretBytes, field<&Contents::label>},
+    {CKA_LABEL, ANY, Shape::Bytes, field<&Contents::label>},
 
-    {CKA_APPLICATION, DATA, Shape::SecretBytes, nothing},
-    {CKA_OBJECT_ID, DATA, Shape::SecretBytes, nothing},
+    {CKA_APPLICATION, DATA, Shape::Bytes, nothing},
+    {CKA_OBJECT_ID, DATA, Shape::Bytes, nothing},
 
     {CKA_CERTIFICATE_TYPE, CERTIFICATE, Shape::Number, [](const View&) { return bytesOfValue(CK_ULONG{CKC_X_509}); }},
     {CKA_TRUSTED, CERTIFICATE | PUBLIC | SECRET, Shape::Flag, no}, // Only an SO could say otherwise.
     {CKA_CERTIFICATE_CATEGORY, CERTIFICATE, Shape::Number, zero},
-    {CKA_CHECK_VALUE, CERTIFICATE | SECRET, Shape::SecretBytes, nothing},
-    {CKA_SUBJECT, CERTIFICATE | PUBLIC | PRIVATE, Shape::SecretBytes, field<&Contents::subject>},
-    {CKA_ISSUER, CERTIFICATE, Shape::SecretBytes, field<&Contents::issuer>},
-    {CKA_SERIAL_NUMBER, CERTIFICATE, Shape::SecretBytes, field<&Contents::serialNumber>},
-    {CKA_URL, CERTIFICATE, Shape::SecretBytes, nothing},
-    {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CERTIFICATE, Shape::SecretBytes, nothing},
-    {CKA_HASH_OF_ISSUER_PUBLIC_KEY, CERTIFICATE, Shape::SecretBytes, nothing},
+    {CKA_CHECK_VALUE, CERTIFICATE | SECRET, Shape::Bytes, nothing},
+    {CKA_SUBJECT, CERTIFICATE | PUBLIC | PRIVATE, Shape::Bytes, field<&Contents::subject>},
+    {CKA_ISSUER, CERTIFICATE, Shape::Bytes, field<&Contents::issuer>},
+    {CKA_SERIAL_NUMBER, CERTIFICATE, Shape::Bytes, field<&Contents::serialNumber>},
+    {CKA_URL, CERTIFICATE, Shape::Bytes, nothing},
+    {CKA_HASH_OF_SUBJECT_PUBLIC_KEY, CERTIFICATE, Shape::Bytes, nothing},
+    {CKA_HASH_OF_ISSUER_PUBLIC_KEY, CERTIFICATE, Shape::Bytes, nothing},
     {CKA_JAVA_MIDP_SECURITY_DOMAIN, CERTIFICATE, Shape::Number, zero},
-    {CKA_VALUE, CERTIFICATE | SECRET | DATA, Shape::SecretBytes, field<&Contents::value>},
+    {CKA_VALUE, CERTIFICATE | SECRET | DATA, Shape::Bytes, field<&Contents::value>},
 
     {CKA_KEY_TYPE, KEY, Shape::Number, [](const View& view) { return bytesOfValue(view.contents->keyType); }},
-    {CKA_ID, CERTIFICATE | KEY, Shape::SecretBytes, field<&Contents::id>},
+    {CKA_ID, CERTIFICATE | KEY, Shape::Bytes, field<&Contents::id>},
     {CKA_START_DATE, CERTIFICATE | KEY, Shape::Date, nothing},
     {CKA_END_DATE, CERTIFICATE | KEY, Shape::Date, nothing},
     {CKA_DERIVE, KEY, Shape::Flag, [](const View& view) { return flag(isOfPair(view) && isEc(view) && view.hasPair); }},
@@ -182,18 +182,18 @@ constexpr Row ROWS[] = {
     {CKA_WRAP_WITH_TRUSTED, PRIVATE | SECRET, Shape::Flag, no},
     {CKA_ALWAYS_AUTHENTICATE, PRIVATE, Shape::Flag, no},
 
-    {CKA_MODULUS, RSA_PUBLIC | RSA_PRIVATE, Shape::SecretBytes, field<&Contents::modulus>},
+    {CKA_MODULUS, RSA_PUBLIC | RSA_PRIVATE, Shape::Bytes, field<&Contents::modulus>},
     {CKA_MODULUS_BITS, RSA_PUBLIC, Shape::Number, [](const View& view) { return bytesOfValue(view.contents->bits); }},
-    {CKA_PUBLIC_EXPONENT, RSA_PUBLIC | RSA_PRIVATE, Shape::SecretBytes, field<&Contents::exponent>},
-    {CKA_PRIVATE_EXPONENT, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_PRIME_1, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_PRIME_2, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_EXPONENT_1, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_EXPONENT_2, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_COEFFICIENT, RSA_PRIVATE, Shape::SecretBytes, nullptr},
-    {CKA_EC_PARAMS, EC_PUBLIC | EC_PRIVATE, Shape::SecretBytes, field<&Contents::curve>},
-    {CKA_EC_POINT, EC_PUBLIC, Shape::SecretBytes, pointInDer},
-    {CKA_VALUE, EC_PRIVATE, Shape::SecretBytes, nullptr},
+    {CKA_PUBLIC_EXPONENT, RSA_PUBLIC | RSA_PRIVATE, Shape::Bytes, field<&Contents::exponent>},
+    {CKA_PRIVATE_EXPONENT, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_PRIME_1, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_PRIME_2, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_EXPONENT_1, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_EXPONENT_2, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_COEFFICIENT, RSA_PRIVATE, Shape::Bytes, nullptr},
+    {CKA_EC_PARAMS, EC_PUBLIC | EC_PRIVATE, Shape::Bytes, field<&Contents::curve>},
+    {CKA_EC_POINT, EC_PUBLIC, Shape::Bytes, pointInDer},
+    {CKA_VALUE, EC_PRIVATE, Shape::Bytes, nullptr},
 
     {CKA_SENSITIVE, SECRET, Shape::Flag, no},
     {CKA_EXTRACTABLE, SECRET, Shape::Flag, yes},

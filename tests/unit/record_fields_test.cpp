@@ -16,8 +16,8 @@ using ByteVector = std::vector<unsigned char>;
 
 struct LengthCase {
     std::int32_t length;
-    std::size_t publicKey; ///< ByteVector used of 1024.
-    std::size_t objectId;  ///< ByteVector used of 128.
+    std::size_t publicKey; ///< Bytes used of 1024.
+    std::size_t objectId;  ///< Bytes used of 128.
 
     friend std::ostream& operator<<(std::ostream& out, const LengthCase& each) { return out << each.length; }
 };
