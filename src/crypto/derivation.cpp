@@ -106,10 +106,10 @@ CK_OBJECT_HANDLE store(SecretBytes value)
     return handle;
 }
 
-std::optional<VelkorKeyPair> findBaseKey(const SessionRecord& session, CK_OBJECT_HANDLE hBaseKey)
+const VelkorKeyPair* findBaseKey(const SessionRecord& session, CK_OBJECT_HANDLE hBaseKey)
 {
     if (!isPrivateKeyHandle(hBaseKey))
-        return std::nullopt;
+        return nullptr;
     const CK_ULONG id = keyPairIdOf(hBaseKey);
     logDebug("key id :: ", id);
     return findKeyPair(session, id);
@@ -131,11 +131,11 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     const auto parameter = readParameter(*pMechanism);
     if (!parameter)
         return CKR_MECHANISM_PARAM_INVALID;
-    const auto keyPair = findBaseKey(session, hBaseKey);
-    if (!keyPair)
+    const VelkorKeyPair* keyPair = findBaseKey(session, hBaseKey);
+    if (keyPair == nullptr)
         return CKR_KEY_HANDLE_INVALID;
     const Bytes peer(parameter->pPublicData, parameter->ulPublicDataLen);
-    logDebug("base key id :: ", Utils::toHexadecimal(keyPair->keyIdentifier));
+    logDebug("base key id :: ", [&] { return Utils::toHexadecimal(keyPair->keyIdentifier); });
     logDebug("public key :: ", [&] { return Utils::toHexadecimal(peer); });
     SecretBytes value;
     CK_RV result = deriveSecret(session, *keyPair, peer, value);

@@ -53,9 +53,9 @@ CK_RV selectKey(SessionRecord& session, KeyUse use, CK_OBJECT_HANDLE hKey)
     if (hKey < rule.lowest)
         return refuse(CKR_OBJECT_HANDLE_INVALID, rule.invalid, hKey, rule.invalidEnd);
     const CK_ULONG id = rule.half == Half::Either ? keyPairIdOf(hKey) : hKey - PRIVATE_KEY_BASE;
-    const auto keyPair = findKeyPair(session, id);
-    session.keyPair = keyPair ? &moduleState().foundKeyPair : nullptr;
-    if (!keyPair)
+    const VelkorKeyPair* keyPair = findKeyPair(session, id);
+    session.keyPair = keyPair != nullptr ? &moduleState().foundKeyPair : nullptr;
+    if (keyPair == nullptr)
         return refuse(CKR_OBJECT_HANDLE_INVALID, rule.notFound, hKey);
     if (rule.rsa1024 != nullptr && keyPair->keyKind == KEY_KIND_RSA_1024) {
         session.keyPair = nullptr;

@@ -108,8 +108,9 @@ int signHash(SessionRecord& session, Bytes hash)
 
 void logInput(const SessionRecord& session, Bytes hash)
 {
-    logDebug("Sign: password empty=", cachedPassword().empty() ? 1 : 0, " hashLen=", hash.size(),
-             " session state=", stateOf(session));
+    logDebug(
+        "Sign: password empty=", [] { return decimal(cachedPassword().empty() ? 1 : 0); }, " hashLen=", hash.size(),
+        " session state=", [&] { return decimal(stateOf(session)); });
     logDebug("Sign input hash : ", [&] { return hash.empty() ? "NULL or empty" : Utils::toHexadecimal(hash); });
 }
 

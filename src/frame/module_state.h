@@ -31,7 +31,6 @@ struct ModuleState {
     std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionRecord>> sessionMap;
     std::map<std::string, TokenInfo> slotMap; ///< By device name.
     VelkorKeyPair foundKeyPair;               ///< Of the last key pair lookup, whoever made it.
-    VelkorCertificate foundCertificate;       ///< Of the last certificate lookup.
     /// Derived values by handle. They outlive C_Finalize; handles are never used twice.
     std::map<CK_OBJECT_HANDLE, SecretBytes> derivedKeys;
     CK_OBJECT_HANDLE nextDerivedKey = DERIVED_KEY_BASE;

@@ -37,11 +37,12 @@ CK_RV answerAttribute(CK_ATTRIBUTE& attribute, CK_ULONG index, Bytes value)
 
 CK_RV answerTemplate(const ObjectView& object, std::span<CK_ATTRIBUTE> attributes)
 {
+    OwnedBytes room;
     for (CK_ULONG index = 0; index < attributes.size(); ++index) {
         CK_ATTRIBUTE& attribute = attributes[index];
         const CK_ATTRIBUTE_TYPE type = attribute.type;
         logDebug("C_GetAttributeValue type : ", type);
-        const CK_RV result = answerAttribute(attribute, index, attributeValue(object, type));
+        const CK_RV result = answerAttribute(attribute, index, attributeValue(object, type, room));
         if (result != CKR_OK)
             return result;
     }
@@ -76,8 +77,8 @@ CK_RV answerDerivedKey(CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attribu
 
 CK_RV answerKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
 {
-    const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
-    if (!keyPair)
+    const VelkorKeyPair* keyPair = findKeyPair(session, keyPairIdOf(hObject));
+    if (keyPair == nullptr)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in get attribute : ", hObject);
     const CK_OBJECT_CLASS objectClass = hObject >= PUBLIC_KEY_BASE ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
     return answerTemplate(viewOf(session, *keyPair, objectClass, hObject), attributes);
@@ -85,8 +86,8 @@ CK_RV answerKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std:
 
 CK_RV answerCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject, std::span<CK_ATTRIBUTE> attributes)
 {
-    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
-    if (!certificate)
+    const VelkorCertificate* certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (certificate == nullptr)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get attribute : ", hObject);
     return answerTemplate(viewOf(*certificate, hObject), attributes);
 }
@@ -125,15 +126,15 @@ int updateKeyPair(const SessionRecord& session, const VelkorKeyPair& keyPair, co
 std::optional<std::size_t> objectSize(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
     if (isPrivateKeyHandle(hObject) || isPublicKeyHandle(hObject)) {
-        const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
-        if (!keyPair)
+        const VelkorKeyPair* keyPair = findKeyPair(session, keyPairIdOf(hObject));
+        if (keyPair == nullptr)
             return std::nullopt;
         return publicKeyOf(*keyPair).size() * (isPrivateKeyHandle(hObject) ? 2 : 1); // A private key counts twice.
     }
     if (hObject < CERTIFICATE_BASE)
         return std::nullopt;
-    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
-    return certificate ? std::optional(certificate->der.size()) : std::nullopt;
+    const VelkorCertificate* certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    return certificate != nullptr ? std::optional(certificate->der.size()) : std::nullopt;
 }
 
 CK_RV refuseSize(CK_OBJECT_HANDLE hObject)
@@ -186,8 +187,8 @@ CK_RV setAttributeValue(const SessionRecord& session, CK_OBJECT_HANDLE hObject, 
         return refuse(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: ulCount<=0");
     if (hObject < PRIVATE_KEY_BASE || hObject >= CERTIFICATE_BASE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue: invalid hObject=", hObject);
-    const auto keyPair = findKeyPair(session, keyPairIdOf(hObject));
-    if (!keyPair)
+    const VelkorKeyPair* keyPair = findKeyPair(session, keyPairIdOf(hObject));
+    if (keyPair == nullptr)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
     const KeyPairChanges changes = readChanges({pTemplate, ulCount});
     if (changes.label || changes.objectId) {

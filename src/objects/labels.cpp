@@ -50,30 +50,30 @@ void storeLabel(const SessionRecord& session, const VelkorKeyPair& keyPair, cons
                                     0, moduleState().libraryInstance);
 }
 
-std::string labelOf(const VelkorCertificate& certificate)
+Label labelOf(const VelkorCertificate& certificate)
 {
-    std::string label(storedLabelOf(certificate));
-    if (!label.empty() || certificate.der.empty())
+    Label label = {storedLabelOf(certificate), {}};
+    if (!label.stored.empty() || certificate.der.empty())
         return label;
     const auto details = parse(certificate);
     if (!details)
         return label;
-    label = computedLabel(*details);
-    logDebug("Empty certificate label, computed: ", label);
+    label.computed = computedLabel(*details);
+    logDebug("Empty certificate label, computed: ", label.computed);
     return label;
 }
 
-std::string labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
+Label labelOf(const SessionRecord& session, const VelkorKeyPair& keyPair)
 {
-    std::string label(storedLabelOf(keyPair));
-    if (!label.empty())
+    Label label = {storedLabelOf(keyPair), {}};
+    if (!label.stored.empty())
         return label;
     const auto details = detailsOfSameKey(session, keyPair);
     if (!details)
         return label;
-    label = computedLabel(*details);
-    logDebug("Empty key pair label, computed: ", label);
-    storeLabel(session, keyPair, label);
+    label.computed = computedLabel(*details);
+    logDebug("Empty key pair label, computed: ", label.computed);
+    storeLabel(session, keyPair, label.computed);
     return label;
 }
 

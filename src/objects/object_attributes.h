@@ -2,10 +2,10 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "cryptoki.h"
 #include "mechanisms/key_kinds.h"
+#include "objects/labels.h"
 #include "sessions/session_record.h"
 #include "util/bytes.h"
 #include "velkor/device_service.h"
@@ -13,13 +13,13 @@
 namespace velkor
 {
 
-/// The values of one object from which its attributes are answered.
+/// The values of one object from which its attributes are answered, valid as long as its record.
 struct ObjectView {
     CK_OBJECT_HANDLE handle;
     CK_OBJECT_CLASS objectClass;
-    std::string label;
-    OwnedBytes objectId;
-    OwnedBytes value;        ///< Key: public key bytes. Certificate: DER.
+    Label label;
+    Bytes objectId;
+    Bytes value;             ///< Key: public key bytes. Certificate: DER.
     const KeyKindInfo& kind; ///< Certificates: that of 2048-bit RSA.
     std::uint32_t usageFlags;
 };
@@ -28,7 +28,7 @@ ObjectView viewOf(const SessionRecord& session, const VelkorKeyPair& keyPair, CK
                   CK_OBJECT_HANDLE handle);
 ObjectView viewOf(const VelkorCertificate& certificate, CK_OBJECT_HANDLE handle);
 
-/// The attribute's value; empty for what the table does not know.
-OwnedBytes attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type);
+/// The attribute's value, empty for what the table does not know. It is the object's, or is composed in `room`.
+Bytes attributeValue(const ObjectView& object, CK_ATTRIBUTE_TYPE type, OwnedBytes& room);
 
 } // namespace velkor

@@ -13,8 +13,8 @@ namespace
 
 CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    const auto keyPair = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
-    if (!keyPair) {
+    const VelkorKeyPair* keyPair = findKeyPair(session, hObject - PRIVATE_KEY_BASE);
+    if (keyPair == nullptr) {
         logDebug("Input keypair not found in destroy : ", hObject);
         return CKR_OBJECT_HANDLE_INVALID;
     }
@@ -27,8 +27,8 @@ CK_RV destroyKeyPair(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 
 CK_RV destroyCertificate(const SessionRecord& session, CK_OBJECT_HANDLE hObject)
 {
-    const auto certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
-    if (!certificate) {
+    const VelkorCertificate* certificate = findCertificate(session, hObject - CERTIFICATE_BASE);
+    if (certificate == nullptr) {
         logDebug("Input certificate not found in destroy : ", hObject);
         return CKR_OBJECT_HANDLE_INVALID;
     }

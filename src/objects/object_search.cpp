@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "frame/module_state.h"
@@ -23,13 +25,14 @@ namespace
 
 constexpr CK_OBJECT_CLASS CLASS_UNSPECIFIED = CKO_VENDOR_DEFINED;
 
+/// Values are those of the caller's memory.
 struct SearchCriteria {
     CK_OBJECT_CLASS objectClass = CLASS_UNSPECIFIED;
-    std::optional<std::string> label;
-    std::optional<OwnedBytes> value;
-    std::optional<OwnedBytes> subject;
-    std::optional<OwnedBytes> objectId;
-    std::optional<OwnedBytes> modulus;
+    std::optional<std::string_view> label;
+    std::optional<Bytes> value;
+    std::optional<Bytes> subject;
+    std::optional<Bytes> objectId;
+    std::optional<Bytes> modulus;
 };
 
 CK_RV readClass(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteria& criteria)
@@ -59,16 +62,16 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
         criteria.label = static_cast<const char*>(attribute.pValue);
         break;
     case CKA_VALUE:
-        criteria.value = copyOf(bytesOf(attribute));
+        criteria.value = bytesOf(attribute);
         break;
     case CKA_SUBJECT:
-        criteria.subject = copyOf(bytesOf(attribute));
+        criteria.subject = bytesOf(attribute);
         break;
     case CKA_ID:
-        criteria.objectId = copyOf(bytesOf(attribute));
+        criteria.objectId = bytesOf(attribute);
         break;
     case CKA_MODULUS:
-        criteria.modulus = copyOf(bytesOf(attribute));
+        criteria.modulus = bytesOf(attribute);
         logDebug("Modulus provided length : ", CK_ULONG{attribute.ulValueLen});
         break;
     default:
@@ -80,7 +83,7 @@ CK_RV readCriterion(const CK_ATTRIBUTE& attribute, CK_ULONG index, SearchCriteri
 bool matches(const SearchCriteria& criteria, const SessionRecord& session, const VelkorKeyPair& keyPair)
 {
     if (criteria.label)
-        return labelOf(session, keyPair) == *criteria.label;
+        return labelOf(session, keyPair).text() == *criteria.label;
     if (criteria.value)
         return sameBytes(publicKeyOf(keyPair), *criteria.value);
     if (criteria.objectId)
@@ -93,21 +96,22 @@ bool matches(const SearchCriteria& criteria, const SessionRecord& session, const
 bool matches(const SearchCriteria& criteria, const VelkorCertificate& certificate)
 {
     if (criteria.label)
-        return labelOf(certificate) == *criteria.label;
+        return labelOf(certificate).text() == *criteria.label;
     if (criteria.value)
         return sameBytes(certificate.der, *criteria.value);
     if (criteria.subject)
-        return velkor_getCertificateSubject(certificate.der.data(), deviceLength(certificate.der.size()),
-                                            moduleState().libraryInstance) == *criteria.subject;
+        return sameBytes(velkor_getCertificateSubject(certificate.der.data(), deviceLength(certificate.der.size()),
+                                                      moduleState().libraryInstance),
+                         *criteria.subject);
     if (criteria.objectId)
         return sameBytes(objectIdOf(certificate), *criteria.objectId);
     return true;
 }
 
-/// A device's contents. The lists are copies: computing a label fetches them again.
+/// A device's contents: the library's lists of this thread, which hold until they are fetched again.
 struct DeviceContents {
-    std::vector<VelkorCertificate> certificates;
-    std::vector<VelkorKeyPair> keyPairs;
+    const std::vector<VelkorCertificate>& certificates;
+    const std::vector<VelkorKeyPair>& keyPairs;
 };
 
 DeviceContents fetchContents(const SessionRecord& session)
@@ -120,7 +124,7 @@ DeviceContents fetchContents(const SessionRecord& session)
 /// A list that is empty may not have been read yet: the device is initialised, and both are fetched again.
 DeviceContents fetchInitializedContents(const SessionRecord& session)
 {
-    DeviceContents contents = fetchContents(session);
+    const DeviceContents contents = fetchContents(session);
     if (!contents.certificates.empty() && !contents.keyPairs.empty())
         return contents;
     const int status = velkor_initDevice(session.deviceId(), true, moduleState().libraryInstance);
@@ -131,35 +135,59 @@ DeviceContents fetchInitializedContents(const SessionRecord& session)
 }
 
 /// Without a class everything is found, and the other criteria do not apply.
-void selectAll(SessionRecord& session, DeviceContents contents)
+void selectAll(SessionRecord& session, const DeviceContents& contents)
 {
-    session.foundCertificates = std::move(contents.certificates);
-    session.foundKeyPairs = std::move(contents.keyPairs);
-    session.findPublicKeys = true;
-    session.findPrivateKeys = isUserState(stateOf(session));
+    const auto append = [&](CK_OBJECT_HANDLE base, const auto& records) {
+        for (const auto& each : records)
+            session.foundHandles.push_back(base + each.id);
+    };
+    append(PUBLIC_KEY_BASE, contents.keyPairs);
+    if (isUserState(stateOf(session)))
+        append(PRIVATE_KEY_BASE, contents.keyPairs);
+    append(CERTIFICATE_BASE, contents.certificates);
+}
+
+/// Every key pair is compared, also where none may be found: that can give it a label.
+void selectKeys(SessionRecord& session, const SearchCriteria& criteria, std::span<const VelkorKeyPair> keyPairs)
+{
+    const bool isPublic = criteria.objectClass == CKO_PUBLIC_KEY;
+    std::vector<CK_OBJECT_HANDLE> found = std::exchange(session.foundHandles, {}); // Its memory; an exception ends it.
+    for (const VelkorKeyPair& each : keyPairs) {
+        if (matches(criteria, session, each))
+            found.push_back((isPublic ? PUBLIC_KEY_BASE : PRIVATE_KEY_BASE) + each.id);
+    }
+    if (isPublic || isUserState(stateOf(session)))
+        session.foundHandles = std::move(found);
+}
+
+bool hasUnlabelled(const std::vector<VelkorKeyPair>& keyPairs)
+{
+    return std::any_of(keyPairs.begin(), keyPairs.end(),
+                       [](const VelkorKeyPair& each) { return storedLabelOf(each).empty(); });
 }
 
 void selectKeys(SessionRecord& session, const SearchCriteria& criteria, const DeviceContents& contents)
 {
-    std::copy_if(contents.keyPairs.begin(), contents.keyPairs.end(), std::back_inserter(session.foundKeyPairs),
-                 [&](const VelkorKeyPair& each) { return matches(criteria, session, each); });
-    const bool found = !session.foundKeyPairs.empty();
-    session.findPublicKeys = found && criteria.objectClass == CKO_PUBLIC_KEY;
-    session.findPrivateKeys = found && criteria.objectClass == CKO_PRIVATE_KEY && isUserState(stateOf(session));
+    if (!criteria.label || !hasUnlabelled(contents.keyPairs))
+        return selectKeys(session, criteria, std::span(contents.keyPairs));
+    // A copy: computing a label stores it on the device, and the library's list may change with it.
+    const std::vector<VelkorKeyPair> keyPairs = contents.keyPairs;
+    selectKeys(session, criteria, std::span(keyPairs));
 }
 
 void selectCertificates(SessionRecord& session, const SearchCriteria& criteria, const DeviceContents& contents)
 {
-    std::copy_if(contents.certificates.begin(), contents.certificates.end(),
-                 std::back_inserter(session.foundCertificates),
-                 [&](const VelkorCertificate& each) { return matches(criteria, each); });
+    for (const VelkorCertificate& each : contents.certificates) {
+        if (matches(criteria, each))
+            session.foundHandles.push_back(CERTIFICATE_BASE + each.id);
+    }
 }
 
-void select(SessionRecord& session, const SearchCriteria& criteria, DeviceContents contents)
+void select(SessionRecord& session, const SearchCriteria& criteria, const DeviceContents& contents)
 {
     switch (criteria.objectClass) {
     case CLASS_UNSPECIFIED:
-        return selectAll(session, std::move(contents));
+        return selectAll(session, contents);
     case CKO_PUBLIC_KEY:
     case CKO_PRIVATE_KEY:
         return selectKeys(session, criteria, contents);
@@ -173,41 +201,27 @@ void select(SessionRecord& session, const SearchCriteria& criteria, DeviceConten
 void resetSearch(SessionRecord& session)
 {
     session.findPosition = 0;
-    session.findPublicKeys = false;
-    session.findPrivateKeys = false;
-    session.foundCertificates.clear();
-    session.foundKeyPairs.clear();
+    session.foundHandles.clear();
 }
 
-/// All that the search found, in the order in which it is handed out.
-std::vector<CK_OBJECT_HANDLE> foundHandles(const SessionRecord& session)
+/// The handles in a row, separated by blanks.
+std::string joined(std::span<const CK_OBJECT_HANDLE> handles)
 {
-    std::vector<CK_OBJECT_HANDLE> handles;
-    const auto append = [&](CK_OBJECT_HANDLE base, const auto& records) {
-        for (const auto& record : records)
-            handles.push_back(base + record.id);
-    };
-    if (session.findPublicKeys)
-        append(PUBLIC_KEY_BASE, session.foundKeyPairs);
-    if (session.findPrivateKeys)
-        append(PRIVATE_KEY_BASE, session.foundKeyPairs);
-    append(CERTIFICATE_BASE, session.foundCertificates);
-    return handles;
+    std::string text;
+    for (const CK_OBJECT_HANDLE handle : handles)
+        text.append(text.empty() ? "" : " ").append(decimal(handle));
+    return text;
 }
 
 /// Copies the next page; gives the number of handles in it.
-CK_ULONG handOut(SessionRecord& session, const std::vector<CK_OBJECT_HANDLE>& handles, CK_OBJECT_HANDLE* phObject,
-                 CK_ULONG ulMaxObjectCount)
+CK_ULONG handOut(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG ulMaxObjectCount)
 {
-    const auto total = static_cast<CK_ULONG>(handles.size());
-    const CK_ULONG count = std::min(ulMaxObjectCount, total - session.findPosition);
-    std::string line = "Find object return : ";
-    for (CK_ULONG index = 0; index < count; ++index) {
-        phObject[index] = handles[session.findPosition + index];
-        line.append(decimal(phObject[index])).append(index + 1 < count ? " " : "");
-    }
+    const std::span rest = std::span<const CK_OBJECT_HANDLE>(session.foundHandles).subspan(session.findPosition);
+    const std::span page = rest.first(std::min<std::size_t>(ulMaxObjectCount, rest.size()));
+    std::copy(page.begin(), page.end(), phObject);
+    const auto count = static_cast<CK_ULONG>(page.size());
     session.findPosition += count;
-    logDebug(line);
+    logDebug("Find object return : ", [&] { return joined(page); });
     return count;
 }
 
@@ -225,10 +239,10 @@ CK_RV findObjectsInit(SessionRecord& session, const CK_ATTRIBUTE* pTemplate, CK_
         if (result != CKR_OK)
             return result;
     }
-    DeviceContents contents = fetchInitializedContents(session);
+    const DeviceContents contents = fetchInitializedContents(session);
     if (criteria.objectId)
-        logDebug("Find init id : ", Utils::toHexadecimal(*criteria.objectId));
-    select(session, criteria, std::move(contents));
+        logDebug("Find init id : ", [&] { return Utils::toHexadecimal(*criteria.objectId); });
+    select(session, criteria, contents);
     session.activeOperation = ActiveOperation::Find;
     return CKR_OK;
 }
@@ -241,9 +255,8 @@ CK_RV findObjects(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG u
     if (pulObjectCount == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL");
     *pulObjectCount = 0;
-    const std::vector<CK_OBJECT_HANDLE> handles = foundHandles(session);
-    logDebug("C_FindObjects find object count : ", handles.size());
-    if (handles.empty()) {
+    logDebug("C_FindObjects find object count : ", session.foundHandles.size());
+    if (session.foundHandles.empty()) {
         logDebug("C_FindObjects find object count 0");
         return CKR_OK;
     }
@@ -251,7 +264,7 @@ CK_RV findObjects(SessionRecord& session, CK_OBJECT_HANDLE* phObject, CK_ULONG u
         logDebug("C_FindObjects find object max count is 0 : ", ulMaxObjectCount);
         return CKR_OK;
     }
-    *pulObjectCount = handOut(session, handles, phObject, ulMaxObjectCount);
+    *pulObjectCount = handOut(session, phObject, ulMaxObjectCount);
     logDebug("C_FindObjects find object count return : ", *pulObjectCount);
     return CKR_OK;
 }

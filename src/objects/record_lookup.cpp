@@ -11,31 +11,28 @@ namespace
 {
 
 template <typename Record>
-std::optional<Record> find(const std::vector<Record>& records, CK_ULONG id, Record& moduleWideRecord)
+const Record* find(const std::vector<Record>& records, CK_ULONG id)
 {
     const auto found = std::find_if(records.begin(), records.end(), [&](const Record& each) { return each.id == id; });
-    if (found == records.end())
-        return std::nullopt;
-    const std::scoped_lock lock(moduleState().lock);
-    moduleWideRecord = *found;
-    return *found;
+    return found != records.end() ? &*found : nullptr;
 }
 
 } // namespace
 
-std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id)
+const VelkorKeyPair* findKeyPair(const SessionRecord& session, CK_ULONG id)
 {
     ModuleState& state = moduleState();
-    const std::vector<VelkorKeyPair> keyPairs = velkor_getKeyPairList(session.deviceId(), state.libraryInstance);
-    return find(keyPairs, id, state.foundKeyPair);
+    const VelkorKeyPair* found = find(velkor_getKeyPairList(session.deviceId(), state.libraryInstance), id);
+    if (found == nullptr)
+        return nullptr;
+    const std::scoped_lock lock(state.lock);
+    state.foundKeyPair = *found;
+    return found;
 }
 
-std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id)
+const VelkorCertificate* findCertificate(const SessionRecord& session, CK_ULONG id)
 {
-    ModuleState& state = moduleState();
-    const std::vector<VelkorCertificate> certificates =
-        velkor_getCertificateList(session.deviceId(), state.libraryInstance);
-    return find(certificates, id, state.foundCertificate);
+    return find(velkor_getCertificateList(session.deviceId(), moduleState().libraryInstance), id);
 }
 
 } // namespace velkor

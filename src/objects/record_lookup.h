@@ -1,8 +1,6 @@
-// From an object's handle to its device record. Nothing is cached: each lookup fetches the device's list anew and
-// copies the found record into the one module-wide record of its kind, over what was there.
+// From an object's handle to its device record. Nothing is cached: each lookup fetches the device's list anew. A key
+// pair that is found is copied into the one module-wide record, over what was there.
 #pragma once
-
-#include <optional>
 
 #include "cryptoki.h"
 #include "sessions/session_record.h"
@@ -11,10 +9,12 @@
 namespace velkor
 {
 
-/// The key pair of an id, as a copy that no later lookup changes.
-std::optional<VelkorKeyPair> findKeyPair(const SessionRecord& session, CK_ULONG id);
+/// The key pair of an id in the device's list; null when there is none. Valid until this thread's next list of key
+/// pairs.
+const VelkorKeyPair* findKeyPair(const SessionRecord& session, CK_ULONG id);
 
-/// The certificate of an id, as a copy that no later lookup changes.
-std::optional<VelkorCertificate> findCertificate(const SessionRecord& session, CK_ULONG id);
+/// The certificate of an id in the device's list; null when there is none. Valid until this thread's next list of
+/// certificates.
+const VelkorCertificate* findCertificate(const SessionRecord& session, CK_ULONG id);
 
 } // namespace velkor

@@ -40,11 +40,8 @@ struct SessionRecord {
 
     ActiveOperation activeOperation = ActiveOperation::None;
 
-    std::vector<VelkorCertificate> foundCertificates;
-    std::vector<VelkorKeyPair> foundKeyPairs;
-    bool findPublicKeys = false;
-    bool findPrivateKeys = false;
-    CK_ULONG findPosition = 0; ///< Handles already handed out.
+    std::vector<CK_OBJECT_HANDLE> foundHandles; ///< Of the search, in the order in which they are handed out.
+    CK_ULONG findPosition = 0;                  ///< Handles already handed out.
 
     VelkorKeyPair* keyPair = nullptr; ///< The module-wide lookup record: any later lookup overwrites it.
     SecretBytes resultBuffer;         ///< Finished output between a length query and the fetching call.
