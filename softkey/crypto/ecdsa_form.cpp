@@ -1,15 +1,11 @@
 #include "crypto/ecdsa_form.h"
 
-#include <openssl/ec.h>
-
 #include <algorithm>
 
 namespace softkey
 {
 namespace
 {
-
-using EcdsaSignature = Owned<ECDSA_SIG, ECDSA_SIG_free>;
 
 constexpr unsigned char SEQUENCE = 0x30;
 constexpr unsigned char INTEGER = 0x02;
@@ -37,6 +33,19 @@ void writeFixed(Bytes integer, std::span<unsigned char> fixed)
     std::copy(integer.begin(), integer.end(), fixed.begin() + static_cast<std::ptrdiff_t>(padding));
 }
 
+/// A number below the 128 bytes at which its length would take another form.
+void appendInteger(ByteVector& der, Bytes number)
+{
+    while (number.size() > 1 && number.front() == 0)
+        number = number.subspan(1);
+    const bool needsZero = number.front() >= 0x80; // Else it would be negative.
+    der.push_back(INTEGER);
+    der.push_back(static_cast<unsigned char>(number.size() + (needsZero ? 1 : 0)));
+    if (needsZero)
+        der.push_back(0);
+    der.insert(der.end(), number.begin(), number.end());
+}
+
 } // namespace
 
 void fixedFromDer(Bytes der, std::span<unsigned char> fixed)
@@ -48,20 +57,17 @@ void fixedFromDer(Bytes der, std::span<unsigned char> fixed)
 
 ByteVector derFromFixed(Bytes fixed)
 {
-    const int width = static_cast<int>(fixed.size() / 2);
-    const auto signature = requireObject<EcdsaSignature>(ECDSA_SIG_new());
-    BIGNUM* const r = BN_bin2bn(fixed.data(), width, nullptr);
-    BIGNUM* const s = BN_bin2bn(fixed.data() + width, width, nullptr);
-    if (ECDSA_SIG_set0(signature.get(), r, s) != 1) {
-        BN_free(r);
-        BN_free(s);
-        throw Refusal(SoftkeyStatus::CryptoFailed);
-    }
-    unsigned char* der = nullptr;
-    const int size = i2d_ECDSA_SIG(signature.get(), &der);
-    const OpenSslBytes owner(der);
-    require(size > 0);
-    return {der, der + size};
+    ByteVector integers;
+    integers.reserve(fixed.size() + 2 * (2 + 1));
+    appendInteger(integers, fixed.first(fixed.size() / 2));
+    appendInteger(integers, fixed.last(fixed.size() / 2));
+    ByteVector der{SEQUENCE};
+    der.reserve(3 + integers.size());
+    if (integers.size() >= 0x80)
+        der.push_back(0x81);
+    der.push_back(static_cast<unsigned char>(integers.size()));
+    der.insert(der.end(), integers.begin(), integers.end());
+    return der;
 }
 
 } // namespace softkey

@@ -3,12 +3,11 @@
 
 #include "base/secret.h"
 #include "crypto/key_kinds.h"
-#include "crypto/openssl.h"
+#include "crypto/ready_contexts.h"
 #include "crypto/rsa_blocks.h"
 
 #include <array>
 #include <mutex>
-#include <vector>
 
 namespace softkey
 {
@@ -34,14 +33,12 @@ public:
     SecretBuffer agree(Bytes peerPoint) const;
 
 private:
-    // Signing as ECDSA or PKCS #1 v1.5, or as PSS with one of the five hashes. Setting up a context takes a good
-    // part of the time of an EC signature, so it is kept for the next one.
+    // Signing as ECDSA or PKCS #1 v1.5, or as PSS with one of the five hashes.
     static constexpr std::size_t SCHEMES = 6;
-    static constexpr std::size_t CONTEXTS_KEPT = 4;
 
     EvpKeyContext newContext() const;
-    EvpKeyContext takeContext(std::size_t scheme) const;
-    void keepContext(std::size_t scheme, EvpKeyContext context) const;
+    EvpKeyContext decryptionContext() const;
+    const SecretBuffer& rejectionSecret() const;
     EvpKeyContext signingContext(std::size_t scheme) const;
     std::size_t signRsa(Bytes input, bool isPss, std::span<unsigned char> signature) const;
     std::size_t signEc(Bytes input, std::span<unsigned char> signature) const;
@@ -50,8 +47,10 @@ private:
     EvpKey key_;
     const KeyKindTraits& traits_;
     PaddingsTaken paddings_;
-    mutable std::mutex mutex_;
-    mutable std::array<std::vector<EvpKeyContext>, SCHEMES> ready_;
+    mutable std::array<ReadyContexts, SCHEMES> ready_;
+    mutable ReadyContexts readyForDecryption_;
+    mutable std::once_flag rejectionSecretMade_;
+    mutable SecretBuffer rejectionSecret_;
 };
 
 } // namespace softkey

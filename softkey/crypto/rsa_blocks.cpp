@@ -1,9 +1,9 @@
 #include "crypto/rsa_blocks.h"
 
 #include "crypto/constant_time.h"
+#include "crypto/short_hashes.h"
 
 #include <openssl/core_names.h>
-#include <openssl/params.h>
 
 #include <algorithm>
 #include <array>
@@ -15,22 +15,18 @@ namespace
 {
 
 using SecretNumber = Owned<BIGNUM, BN_clear_free>;
-using Mac = Owned<EVP_MAC, EVP_MAC_free>;
-using MacContext = Owned<EVP_MAC_CTX, EVP_MAC_CTX_free>;
 
-constexpr std::size_t SHA1_SIZE = 20;
 constexpr std::size_t SHA256_SIZE = 32;
-constexpr std::size_t SHA384_SIZE = 48;
-constexpr std::size_t SHA512_SIZE = 64;
 
 struct OaepKind {
-    std::size_t hashSize;
-    std::size_t maskHashSize; ///< Of the hash under MGF1.
+    const ShortHash& hash;
+    const ShortHash& maskHash; ///< Under MGF1.
 };
 // Some hosts leave MGF1 at SHA-1 when they are asked for another hash.
 constexpr OaepKind OAEP_KINDS[] = {
-    {SHA1_SIZE, SHA1_SIZE},   {SHA256_SIZE, SHA256_SIZE}, {SHA384_SIZE, SHA384_SIZE}, {SHA512_SIZE, SHA512_SIZE},
-    {SHA256_SIZE, SHA1_SIZE}, {SHA384_SIZE, SHA1_SIZE},   {SHA512_SIZE, SHA1_SIZE},
+    {SHORT_SHA1, SHORT_SHA1},     {SHORT_SHA256, SHORT_SHA256}, {SHORT_SHA384, SHORT_SHA384},
+    {SHORT_SHA512, SHORT_SHA512}, {SHORT_SHA256, SHORT_SHA1},   {SHORT_SHA384, SHORT_SHA1},
+    {SHORT_SHA512, SHORT_SHA1},
 };
 
 constexpr std::size_t PKCS1_PADDING_MIN = 8;
@@ -41,28 +37,20 @@ std::array<unsigned char, 4> bigEndian32(std::size_t number)
             static_cast<unsigned char>(number >> 8), static_cast<unsigned char>(number)};
 }
 
+using HashValue = std::array<unsigned char, SHORT_HASH_SIZE_MAX>;
+
 /// MGF1: covers or uncovers `data` with the mask that belongs to the seed.
-void applyMask(std::span<unsigned char> data, Bytes seed, const Digest& hash)
+void applyMask(std::span<unsigned char> data, Bytes seed, const ShortHash& hash)
 {
-    const auto context = requireObject<EvpDigestContext>(EVP_MD_CTX_new());
-    SecretBuffer mask(hash.size);
+    HashValue mask{};
     for (std::size_t counter = 0; counter * hash.size < data.size(); ++counter) {
         const auto counterBytes = bigEndian32(counter);
-        require(EVP_DigestInit_ex2(context.get(), hash.algorithm, nullptr) == 1 &&
-                EVP_DigestUpdate(context.get(), seed.data(), seed.size()) == 1 &&
-                EVP_DigestUpdate(context.get(), counterBytes.data(), counterBytes.size()) == 1 &&
-                EVP_DigestFinal_ex(context.get(), mask.data(), nullptr) == 1);
+        hash.compute({seed, counterBytes}, mask.data());
         const std::span<unsigned char> part = data.subspan(counter * hash.size);
         for (std::size_t i = 0; i < std::min(hash.size, part.size()); ++i)
-            part[i] ^= mask.data()[i];
+            part[i] ^= mask[i];
     }
-}
-
-ByteVector hashOfEmptyLabel(const Digest& hash)
-{
-    ByteVector value(hash.size);
-    require(EVP_Digest("", 0, value.data(), nullptr, hash.algorithm, nullptr) == 1);
-    return value;
+    wipe(mask.data(), mask.size());
 }
 
 /// A block with its padding looked through: the plaintext is its end.
@@ -88,82 +76,51 @@ void findOaepPlaintext(OpenedBlock& opened, std::size_t from)
 
 OpenedBlock openOaep(Bytes block, const OaepKind& kind)
 {
-    const Digest& hash = *CryptoContext::get().digestOfSize(kind.hashSize);
-    const Digest& maskHash = *CryptoContext::get().digestOfSize(kind.maskHashSize);
+    const std::size_t hashSize = kind.hash.size;
     OpenedBlock opened{SecretBuffer(block.size()), isZero(block[0])};
     std::copy(block.begin(), block.end(), opened.bytes.data());
     const std::span<unsigned char> whole(opened.bytes.data(), opened.bytes.size());
-    const std::span<unsigned char> seed = whole.subspan(1, hash.size);
-    const std::span<unsigned char> data = whole.subspan(1 + hash.size);
-    applyMask(seed, data, maskHash);
-    applyMask(data, seed, maskHash);
+    const std::span<unsigned char> seed = whole.subspan(1, hashSize);
+    const std::span<unsigned char> data = whole.subspan(1 + hashSize);
+    applyMask(seed, data, kind.maskHash);
+    applyMask(data, seed, kind.maskHash);
 
     std::size_t differences = 0;
-    const ByteVector label = hashOfEmptyLabel(hash);
-    for (std::size_t i = 0; i < label.size(); ++i)
+    HashValue label{}; // The empty one.
+    kind.hash.compute({}, label.data());
+    for (std::size_t i = 0; i < hashSize; ++i)
         differences |= static_cast<std::size_t>(data[i] ^ label[i]);
     opened.good &= isZero(differences);
-    findOaepPlaintext(opened, 1 + 2 * hash.size);
+    findOaepPlaintext(opened, 1 + 2 * hashSize);
     return opened;
 }
 
 /// As many bytes as are asked for that a key, a purpose and their number decide.
-class RejectionText
+SecretBuffer rejectionText(const HmacSha256& key, std::string_view purpose, std::size_t size)
 {
-public:
-    explicit RejectionText(Bytes key)
-    {
-        const auto mac = requireObject<Mac>(EVP_MAC_fetch(CryptoContext::get().library(), "HMAC", nullptr));
-        context_ = requireObject<MacContext>(EVP_MAC_CTX_new(mac.get()));
-        char sha256[] = "SHA256";
-        const OSSL_PARAM parameters[] = {
-            OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, sha256, 0),
-            OSSL_PARAM_construct_end(),
-        };
-        require(EVP_MAC_init(context_.get(), key.data(), key.size(), parameters) == 1);
-    }
-
-    SecretBuffer bytes(std::string_view purpose, std::size_t size)
-    {
-        SecretBuffer text(size);
-        for (std::size_t counter = 0; counter * SHA256_SIZE < size; ++counter) {
-            const SecretBuffer part = block(purpose, counter, size * 8);
-            const std::size_t offset = counter * SHA256_SIZE;
-            std::copy_n(part.data(), std::min(part.size(), size - offset), text.data() + offset);
-        }
-        return text;
-    }
-
-private:
-    SecretBuffer block(std::string_view purpose, std::size_t counter, std::size_t bits)
-    {
+    const Bytes purposeBytes(reinterpret_cast<const unsigned char*>(purpose.data()), purpose.size());
+    const std::size_t bits = size * 8;
+    const std::array<unsigned char, 2> behind{static_cast<unsigned char>(bits >> 8), static_cast<unsigned char>(bits)};
+    // Room for the whole of the last block.
+    SecretBuffer text((size + SHA256_SIZE - 1) / SHA256_SIZE * SHA256_SIZE);
+    for (std::size_t counter = 0; counter * SHA256_SIZE < size; ++counter) {
         const std::array<unsigned char, 2> before{static_cast<unsigned char>(counter >> 8),
                                                   static_cast<unsigned char>(counter)};
-        const std::array<unsigned char, 2> behind{static_cast<unsigned char>(bits >> 8),
-                                                  static_cast<unsigned char>(bits)};
-        SecretBuffer value(SHA256_SIZE);
-        std::size_t size = 0;
-        require(EVP_MAC_init(context_.get(), nullptr, 0, nullptr) == 1 &&
-                EVP_MAC_update(context_.get(), before.data(), before.size()) == 1 &&
-                EVP_MAC_update(context_.get(), reinterpret_cast<const unsigned char*>(purpose.data()),
-                               purpose.size()) == 1 &&
-                EVP_MAC_update(context_.get(), behind.data(), behind.size()) == 1 &&
-                EVP_MAC_final(context_.get(), value.data(), &size, value.size()) == 1);
-        return value;
+        key.compute({before, purposeBytes, behind}, text.data() + counter * SHA256_SIZE);
     }
-
-    MacContext context_;
-};
+    text.shorten(size);
+    return text;
+}
 
 /// Length of the text that stands for a bad block: the last of 128 numbers that is short enough.
-std::size_t rejectionLength(RejectionText& text, std::size_t blockSize)
+std::size_t rejectionLength(const HmacSha256& key, std::size_t blockSize)
 {
     constexpr std::size_t CANDIDATES = 128;
     const std::size_t limit = blockSize - 2 - PKCS1_PADDING_MIN;
     std::size_t bits = 1;
     while (bits <= limit)
         bits <<= 1;
-    const SecretBuffer numbers = text.bytes("length", 2 * CANDIDATES);
+    const SecretBuffer numbers = rejectionText(key, "length", 2 * CANDIDATES);
     std::size_t length = 0;
     for (std::size_t i = 0; i < numbers.size(); i += 2) {
         const std::size_t candidate = (std::size_t{numbers.data()[i]} << 8 | numbers.data()[i + 1]) & (bits - 1);
@@ -175,8 +132,9 @@ std::size_t rejectionLength(RejectionText& text, std::size_t blockSize)
 /// The block, or when its padding is bad a text of the same length whose end stands for the plaintext.
 OpenedBlock openPkcs1(Bytes block, Bytes rejectionKey)
 {
-    RejectionText text(rejectionKey);
-    OpenedBlock opened{text.bytes("message", block.size()), YES, block.size() - rejectionLength(text, block.size())};
+    const HmacSha256 key(rejectionKey);
+    OpenedBlock opened{rejectionText(key, "message", block.size()), YES,
+                       block.size() - rejectionLength(key, block.size())};
     Mask good = isZero(block[0]) & areEqual(block[1], 2);
     Mask found = 0;
     std::size_t start = 0;
@@ -208,7 +166,7 @@ SecretBuffer plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey)
 {
     OpenedBlock chosen{SecretBuffer(block.size())};
     for (const OaepKind& kind : OAEP_KINDS) {
-        if (2 * kind.hashSize + 2 <= block.size())
+        if (2 * kind.hash.size + 2 <= block.size())
             take(chosen, openOaep(block, kind));
     }
     if (taken == PaddingsTaken::All)
@@ -219,22 +177,22 @@ SecretBuffer plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey)
     return plaintext;
 }
 
-SecretBuffer rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext)
+SecretBuffer rejectionSecretOf(const EVP_PKEY* key)
 {
     BIGNUM* exponent = nullptr;
     require(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_D, &exponent) == 1);
     const SecretNumber owner(exponent);
-    SecretBuffer exponentBytes(ciphertext.size());
+    SecretBuffer exponentBytes(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
     require(BN_bn2binpad(exponent, exponentBytes.data(), static_cast<int>(exponentBytes.size())) >= 0);
-    const Digest& sha256 = *CryptoContext::get().digestOfSize(SHA256_SIZE);
     SecretBuffer hash(SHA256_SIZE);
-    require(EVP_Digest(exponentBytes.data(), exponentBytes.size(), hash.data(), nullptr, sha256.algorithm, nullptr) ==
-            1);
+    SHORT_SHA256.compute({exponentBytes}, hash.data());
+    return hash;
+}
+
+SecretBuffer rejectionKeyOf(Bytes rejectionSecret, Bytes ciphertext)
+{
     SecretBuffer rejectionKey(SHA256_SIZE);
-    std::size_t size = 0;
-    require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, hash.data(), hash.size(),
-                      ciphertext.data(), ciphertext.size(), rejectionKey.data(), rejectionKey.size(),
-                      &size) != nullptr);
+    HmacSha256(rejectionSecret).compute({ciphertext}, rejectionKey.data());
     return rejectionKey;
 }
 

@@ -18,7 +18,10 @@ enum class PaddingsTaken {
 /// of those answers a text that only `rejectionKey` and the ciphertext decide. Throws DecryptionFailed.
 SecretBuffer plaintextOf(Bytes block, PaddingsTaken taken, Bytes rejectionKey);
 
-/// The key of the texts that bad PKCS #1 v1.5 blocks answer, for one ciphertext.
-SecretBuffer rejectionKeyOf(const EVP_PKEY* key, Bytes ciphertext);
+/// What decides the texts that bad PKCS #1 v1.5 blocks answer, together with the ciphertext: made of a private key, and
+/// as secret as that.
+SecretBuffer rejectionSecretOf(const EVP_PKEY* key);
+/// The key of these texts, for one ciphertext.
+SecretBuffer rejectionKeyOf(Bytes rejectionSecret, Bytes ciphertext);
 
 } // namespace softkey

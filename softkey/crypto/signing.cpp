@@ -23,26 +23,9 @@ EvpKeyContext PrivateKey::newContext() const
     return contextFor(key_.get());
 }
 
-EvpKeyContext PrivateKey::takeContext(std::size_t scheme) const
-{
-    const std::lock_guard lock(mutex_);
-    if (ready_[scheme].empty())
-        return nullptr;
-    EvpKeyContext context = std::move(ready_[scheme].back());
-    ready_[scheme].pop_back();
-    return context;
-}
-
-void PrivateKey::keepContext(std::size_t scheme, EvpKeyContext context) const
-{
-    const std::lock_guard lock(mutex_);
-    if (ready_[scheme].size() < CONTEXTS_KEPT)
-        ready_[scheme].push_back(std::move(context));
-}
-
 EvpKeyContext PrivateKey::signingContext(std::size_t scheme) const
 {
-    if (EvpKeyContext ready = takeContext(scheme))
+    if (EvpKeyContext ready = ready_[scheme].take())
         return ready;
     EvpKeyContext context = newContext();
     require(EVP_PKEY_sign_init(context.get()) == 1);
@@ -58,7 +41,7 @@ std::size_t PrivateKey::runSigning(std::size_t scheme, Bytes input, std::span<un
     EvpKeyContext context = signingContext(scheme);
     std::size_t size = signature.size();
     require(EVP_PKEY_sign(context.get(), signature.data(), &size, input.data(), input.size()) == 1);
-    keepContext(scheme, std::move(context));
+    ready_[scheme].keep(std::move(context));
     return size;
 }
 

@@ -69,11 +69,16 @@ std::string_view fieldText(const char (&field)[Size])
     return field;
 }
 
-/// The key of that name, which is plugged in.
-inline std::shared_ptr<SoftKey> pluggedKey(const char* deviceId, const void* libraryInstance)
+/// The key of that name, which is plugged in, and what it says.
+inline PluggedKey pluggedDevice(const char* deviceId, const void* libraryInstance)
 {
     requireInstance(libraryInstance);
     return keysFolder().findPlugged(text(deviceId));
+}
+
+inline std::shared_ptr<SoftKey> pluggedKey(const char* deviceId, const void* libraryInstance)
+{
+    return pluggedDevice(deviceId, libraryInstance).key;
 }
 
 /// A copy that the caller releases with `free`.

@@ -35,8 +35,8 @@ int velkor_signHash(const char* deviceId, const unsigned char* keyIdentifier, co
         requireArgument(signature != nullptr && signatureLength != nullptr && *signatureLength > 0);
         const std::span<unsigned char> room(signature, static_cast<std::size_t>(*signatureLength));
         const Identifier wanted = identifier(keyIdentifier);
-        const std::shared_ptr<SoftKey> device = pluggedKey(deviceId, libraryInstance);
-        const auto key = device->privateKey(wanted, text(pin), USAGE_SIGN_VERIFY);
+        PluggedKey device = pluggedDevice(deviceId, libraryInstance);
+        const auto key = device.key->privateKey(std::move(device.seen), wanted, text(pin), USAGE_SIGN_VERIFY);
         *signatureLength = static_cast<int>(key->sign(data, isPss, room));
     });
 }
@@ -77,8 +77,8 @@ int velkor_decrypt(const char* deviceId, const unsigned char* keyIdentifier, con
         requireArgument(out != nullptr && outLength != nullptr);
         const Bytes ciphertext = input(data, dataLength);
         const Identifier wanted = identifier(keyIdentifier);
-        const std::shared_ptr<SoftKey> device = pluggedKey(deviceId, libraryInstance);
-        const auto key = device->privateKey(wanted, text(pin), USAGE_DECRYPT_ENCRYPT);
+        PluggedKey device = pluggedDevice(deviceId, libraryInstance);
+        const auto key = device.key->privateKey(std::move(device.seen), wanted, text(pin), USAGE_DECRYPT_ENCRYPT);
         const SecretBuffer plaintext = key->decrypt(ciphertext);
         *out = allocateCopy(plaintext);
         *outLength = static_cast<int>(plaintext.size());
@@ -93,8 +93,9 @@ int velkor_ecdhDerive(const char* deviceId, const unsigned char* keyIdentifier, 
         requireArgument(out != nullptr && outLength != nullptr);
         const Bytes peer = input(peerPublicKey, peerPublicKeyLength);
         const Identifier wanted = identifier(keyIdentifier);
-        const std::shared_ptr<SoftKey> device = pluggedKey(deviceId, libraryInstance);
-        const auto key = device->privateKey(wanted, text(pin), 0); // No usage flag stands for derivation.
+        PluggedKey device = pluggedDevice(deviceId, libraryInstance);
+        // No usage flag stands for derivation.
+        const auto key = device.key->privateKey(std::move(device.seen), wanted, text(pin), 0);
         const SecretBuffer secret = key->agree(peer);
         *out = allocateCopy(secret);
         *outLength = static_cast<int>(secret.size());

@@ -6,9 +6,9 @@ using namespace softkey;
 namespace
 {
 
-TokenInfo tokenInfoOf(SoftKey& key)
+TokenInfo tokenInfoOf(const PluggedKey& device)
 {
-    const std::shared_ptr<const Contents> contents = key.pluggedContents();
+    const std::shared_ptr<const Contents>& contents = device.seen.contents;
     TokenInfo info;
     info.serialNumber = contents->device.serialNumber;
     info.manufacturer = "Brenmoor";
@@ -26,7 +26,7 @@ TokenInfo tokenInfoOf(SoftKey& key)
     info.keyPairCount = static_cast<std::int32_t>(contents->keyPairs.size());
     info.certificateCount = static_cast<std::int32_t>(contents->certificates.size());
     info.readerName = "Velkor software key";
-    info.devicePath = key.file().path().string();
+    info.devicePath = device.key->file().path().string();
     return info;
 }
 
@@ -60,7 +60,7 @@ std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libra
 TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance)
 {
     TokenInfo info;
-    answer([&] { info = tokenInfoOf(*pluggedKey(deviceName, libraryInstance)); });
+    answer([&] { info = tokenInfoOf(pluggedDevice(deviceName, libraryInstance)); });
     return info;
 }
 

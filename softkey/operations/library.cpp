@@ -1,5 +1,6 @@
 #include "operations/library.h"
 
+#include "crypto/public_keys.h"
 #include "platform/default_folder.h"
 #include "platform/fork_guard.h"
 
@@ -81,6 +82,7 @@ void releaseInstance(void* instance)
     if (slot == nullptr || !slot->exchange(false) || anyInstanceAlive())
         return;
     dropHashContexts();
+    PublicKeys::ofProcess().clear();
     keysFolder().close();
 }
 

@@ -35,18 +35,22 @@ std::uint32_t usageOf(const VelkorKeyPair& request)
 
 /// Fills a thread's list with one of a device, or with nothing when the device cannot be read.
 template <class Record>
-std::vector<Record>& answerList(std::vector<Record> ThreadLists::*list, std::vector<Record> Contents::*records,
+std::vector<Record>& answerList(ThreadList<Record> ThreadLists::*list, std::vector<Record> Contents::*records,
                                 const char* deviceId, void* libraryInstance) noexcept
 {
     // Never destroyed: hosts call in to the very end. NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): made once.
     static auto* const emptyList = new std::vector<Record>;
-    std::vector<Record>* answered = emptyList;
-    answer([&] {
+    ThreadList<Record>* answered = nullptr;
+    const int status = answer([&] {
         answered = &(threadLists().*list);
-        answered->clear();
-        *answered = (*pluggedKey(deviceId, libraryInstance)->pluggedContents()).*records;
+        const PluggedKey device = pluggedDevice(deviceId, libraryInstance);
+        answered->fill(device.seen.contents->reading, (*device.seen.contents).*records);
     });
-    return *answered;
+    if (answered == nullptr)
+        return *emptyList;
+    if (status != 0)
+        answered->clear();
+    return answered->records();
 }
 
 } // namespace

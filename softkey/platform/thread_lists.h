@@ -4,14 +4,46 @@
 
 #include "velkor/device_service.h"
 
+#include <cstdint>
 #include <vector>
 
 namespace softkey
 {
 
+/// A list, and what it was filled from.
+template <class Record>
+class ThreadList
+{
+public:
+    std::vector<Record>& records() { return records_; }
+
+    /// Fills the list, unless it still is what that reading of a key's file has filled it with. The list is the
+    /// caller's to spoil: one that has grown, shrunk or moved is filled again.
+    void fill(std::uint64_t reading, const std::vector<Record>& source)
+    {
+        if (reading == reading_ && records_.size() == source.size() && records_.data() == filled_)
+            return;
+        clear();
+        records_ = source;
+        reading_ = reading;
+        filled_ = records_.data();
+    }
+
+    void clear()
+    {
+        reading_ = 0;
+        records_.clear();
+    }
+
+private:
+    std::vector<Record> records_;
+    std::uint64_t reading_ = 0;
+    const Record* filled_ = nullptr;
+};
+
 struct ThreadLists {
-    std::vector<VelkorKeyPair> keyPairs;
-    std::vector<VelkorCertificate> certificates;
+    ThreadList<VelkorKeyPair> keyPairs;
+    ThreadList<VelkorCertificate> certificates;
 };
 ThreadLists& threadLists();
 

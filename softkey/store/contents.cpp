@@ -65,6 +65,7 @@ ByteVector readAuthenticator(Database& database)
 std::vector<VelkorKeyPair> readKeyPairs(Database& database)
 {
     std::vector<VelkorKeyPair> keyPairs;
+    keyPairs.reserve(static_cast<std::size_t>(database.number("SELECT count(*) FROM key_pair")));
     Statement row(database, "SELECT id, identifier, kind, object_id, label, public_key, usage_flags, oaep_only "
                             "FROM key_pair ORDER BY id");
     while (row.step()) {
@@ -80,6 +81,13 @@ std::vector<VelkorKeyPair> readKeyPairs(Database& database)
         keyPair.deviceFlag = row.number(7) != 0;
     }
     return keyPairs;
+}
+
+void indexKeyPairs(Contents& contents)
+{
+    contents.keyPairPositions.reserve(contents.keyPairs.size());
+    for (std::size_t position = 0; position < contents.keyPairs.size(); ++position)
+        contents.keyPairPositions.emplace(std::to_array(contents.keyPairs[position].keyIdentifier), position);
 }
 
 std::vector<VelkorCertificate> readCertificates(Database& database)
@@ -101,13 +109,17 @@ std::vector<VelkorCertificate> readCertificates(Database& database)
 
 } // namespace
 
+std::size_t IdentifierHash::operator()(const Identifier& identifier) const
+{
+    std::size_t hash = 0;
+    std::memcpy(&hash, identifier.data(), sizeof hash);
+    return hash;
+}
+
 const VelkorKeyPair* Contents::findKeyPair(const Identifier& identifier) const
 {
-    for (const VelkorKeyPair& keyPair : keyPairs) {
-        if (std::memcmp(keyPair.keyIdentifier, identifier.data(), identifier.size()) == 0)
-            return &keyPair;
-    }
-    return nullptr;
+    const auto position = keyPairPositions.find(identifier);
+    return position != keyPairPositions.end() ? &keyPairs[position->second] : nullptr;
 }
 
 const VelkorCertificate* Contents::findCertificate(const Identifier& identifier) const
@@ -174,6 +186,7 @@ Contents readContents(Database& database)
     contents.userPin = readPin(database, PinRole::User);
     contents.soPin = readPin(database, PinRole::SecurityOfficer);
     contents.keyPairs = readKeyPairs(database);
+    indexKeyPairs(contents);
     contents.certificates = readCertificates(database);
     contents.authenticator = readAuthenticator(database);
     return contents;

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace softkey
@@ -36,12 +37,19 @@ struct PinRecord {
     ByteVector machine; ///< Mark of the machine that it is bound to; empty when it is bound to none.
 };
 
+/// Identifiers are hashes already.
+struct IdentifierHash {
+    std::size_t operator()(const Identifier& identifier) const;
+};
+
 struct Contents {
     std::uint32_t changeCounter = 0; ///< Of the snapshot that they were read from.
+    std::uint64_t reading = 0;       ///< Tells them from all others that this process has read; 0: from none.
     DeviceRecord device;
     PinRecord userPin;
     PinRecord soPin;
-    std::vector<VelkorKeyPair> keyPairs;         ///< In the order of their numbers.
+    std::vector<VelkorKeyPair> keyPairs; ///< In the order of their numbers.
+    std::unordered_map<Identifier, std::size_t, IdentifierHash> keyPairPositions;
     std::vector<VelkorCertificate> certificates; ///< In the order of their numbers.
     ByteVector authenticator; ///< See authenticity.h; empty in a file that no PIN has opened since layout 2.
 

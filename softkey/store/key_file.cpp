@@ -6,6 +6,12 @@
 
 namespace softkey
 {
+namespace
+{
+
+std::atomic<std::uint64_t> readings{0}; ///< Of all keys.
+
+} // namespace
 
 KeyFile::KeyFile(const std::filesystem::path& path) : path_(path), database_(path, Database::Mode::Existing)
 {
@@ -24,17 +30,23 @@ std::shared_ptr<const Contents> KeyFile::lastContents() const
     return contents_;
 }
 
+std::shared_ptr<const Contents> KeyFile::current() const
+{
+    std::shared_ptr<const Contents> known = lastContents();
+    return known && known->changeCounter == changeCounter(database_) ? known : nullptr;
+}
+
 std::shared_ptr<const Contents> KeyFile::contents()
 {
-    if (std::shared_ptr<const Contents> known = lastContents();
-        known && known->changeCounter == changeCounter(database_))
-        return known;
-    return readAnew();
+    verify();
+    std::shared_ptr<const Contents> known = current();
+    return known ? known : readAnew();
 }
 
 void KeyFile::reload()
 {
-    verifyNow();
+    if (!verified_ || verifiedAt_ != changeCounter(database_))
+        verifyNow();
 }
 
 void KeyFile::configure()
@@ -50,16 +62,22 @@ void KeyFile::verify()
         verifyNow();
 }
 
+std::int64_t KeyFile::lookForDamage()
+{
+    const ForkSafeSection section;
+    const std::lock_guard reading(readingMutex_);
+    Snapshot snapshot(database_, path_);
+    requireSoundStructure(snapshot.database());
+    const std::int64_t layout = layoutOf(snapshot.database());
+    if (layout == SCHEMA_VERSION)
+        keep(requireOwnContents(snapshot.database()), snapshot.changeCounter());
+    verifiedAt_ = snapshot.changeCounter();
+    return layout;
+}
+
 void KeyFile::verifyNow()
 {
-    std::int64_t layout = 0;
-    read([&](Database& database) {
-        requireSoundStructure(database);
-        layout = layoutOf(database);
-        if (layout == SCHEMA_VERSION)
-            requireOwnContents(database);
-    });
-    if (layout < SCHEMA_VERSION) {
+    if (lookForDamage() < SCHEMA_VERSION) {
         const Turn turn(*this);
         const ForkSafeSection section;
         const std::lock_guard lock(connectionMutex_);
@@ -79,7 +97,6 @@ Contents KeyFile::requireOwnContents(Database& database) const
 
 std::shared_ptr<const Contents> KeyFile::readAnew()
 {
-    verify();
     const ForkSafeSection section;
     const std::lock_guard reading(readingMutex_);
     std::shared_ptr<const Contents> known = lastContents();
@@ -87,11 +104,20 @@ std::shared_ptr<const Contents> KeyFile::readAnew()
     if (known && known->changeCounter == snapshot.changeCounter())
         return known; // A change is under way, or another thread was faster.
     requirePresentLayout(snapshot.database());
-    auto fresh = std::make_shared<Contents>(requireOwnContents(snapshot.database()));
-    fresh->changeCounter = snapshot.changeCounter();
+    keep(requireOwnContents(snapshot.database()), snapshot.changeCounter());
+    return lastContents();
+}
+
+void KeyFile::keep(Contents fresh, std::uint32_t counter)
+{
+    const std::shared_ptr<const Contents> known = lastContents();
+    if (known && known->changeCounter == counter)
+        return; // Those who know them go by the object.
+    fresh.changeCounter = counter;
+    fresh.reading = ++readings;
+    auto kept = std::make_shared<const Contents>(std::move(fresh));
     const std::lock_guard lock(contentsMutex_);
-    contents_ = std::move(fresh);
-    return contents_;
+    contents_.swap(kept);
 }
 
 void KeyFile::read(const std::function<void(Database&)>& work)

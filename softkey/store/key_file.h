@@ -28,7 +28,7 @@ public:
     std::shared_ptr<const Contents> contents();
     /// What was read last; null before the first reading.
     std::shared_ptr<const Contents> lastContents() const;
-    /// Looks for damage in the file as a whole once more.
+    /// Looks for damage in the file as a whole once more if it has changed since that was last done.
     void reload();
 
     /// While it lives, nobody else changes the file: no other process, and no other thread of this one.
@@ -58,9 +58,14 @@ public:
     const std::filesystem::path& path() const { return path_; }
 
 private:
+    /// What was read last if that still holds, else null.
+    std::shared_ptr<const Contents> current() const;
     std::shared_ptr<const Contents> readAnew();
+    void keep(Contents fresh, std::uint32_t counter);
     void verify();
     void verifyNow();
+    /// Looks at everything; gives the layout. What a file of the present one says is kept.
+    std::int64_t lookForDamage();
     void configure();
     /// What the file says, which must be of the key that its name names.
     Contents requireOwnContents(Database& database) const;
@@ -73,6 +78,7 @@ private:
     bool configured_ = false;
     std::mutex readingMutex_; ///< One thread reads what several want to know.
     std::atomic<bool> verified_{false};
+    std::atomic<std::uint32_t> verifiedAt_{0}; ///< The change counter of that time.
     mutable std::mutex contentsMutex_;
     std::shared_ptr<const Contents> contents_;
 };

@@ -133,15 +133,16 @@ std::shared_ptr<SoftKey> KeysFolder::find(std::string_view name, Identity identi
     return known->second.key;
 }
 
-std::shared_ptr<SoftKey> KeysFolder::findPlugged(std::string_view name)
+PluggedKey KeysFolder::findPlugged(std::string_view name)
 {
     std::shared_ptr<SoftKey> key = find(name, Identity::Trusted);
-    if (key->contents()->device.plugged)
-        return key;
-    // It may have been removed, and another one made in its place.
-    key = find(name, Identity::Checked);
-    key->pluggedContents();
-    return key;
+    Look seen = key->look();
+    if (!seen.contents->device.plugged) {
+        // It may have been removed, and another one made in its place.
+        key = find(name, Identity::Checked);
+        seen = key->pluggedLook();
+    }
+    return {std::move(key), std::move(seen)};
 }
 
 std::shared_ptr<SoftKey> KeysFolder::reopen(std::string_view name)

@@ -14,6 +14,12 @@
 namespace softkey
 {
 
+/// A key that was plugged in when it was looked at.
+struct PluggedKey {
+    std::shared_ptr<SoftKey> key;
+    Look seen;
+};
+
 class KeysFolder
 {
 public:
@@ -30,7 +36,7 @@ public:
     /// exchanged by hand may go unnoticed for a tenth of a second.
     std::shared_ptr<SoftKey> find(std::string_view name, Identity identity);
     /// The same for a key that is plugged in, else DeviceRemoved.
-    std::shared_ptr<SoftKey> findPlugged(std::string_view name);
+    PluggedKey findPlugged(std::string_view name);
 
 private:
     struct Entry {

@@ -3,6 +3,7 @@
 #include "platform/environment.h"
 #include "store/authenticity.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace softkey
@@ -74,43 +75,54 @@ void Unlocked::keepOnly(const Contents& contents)
     std::erase_if(keys_, [&](const auto& entry) { return contents.findKeyPair(entry.first) == nullptr; });
 }
 
-std::shared_ptr<const Contents> SoftKey::contents()
+void Unlocked::touch(std::chrono::steady_clock::time_point now)
+{
+    constexpr std::chrono::milliseconds longest = std::chrono::seconds(1);
+    if (now - usedAt_.load() >= std::min(longest, std::chrono::milliseconds(idleLimit()) / 16))
+        usedAt_ = now;
+}
+
+bool Unlocked::isIdle(std::chrono::steady_clock::time_point now) const
+{
+    return idleLimit() > std::chrono::seconds(0) && now - usedAt_.load() >= idleLimit();
+}
+
+bool Look::isOpenedBy(std::string_view pin) const
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (!unlocked || unlocked->isIdle(now) || !unlocked->isOpenedBy(pin))
+        return false;
+    unlocked->touch(now);
+    return true;
+}
+
+Look SoftKey::look()
 {
     std::shared_ptr<const Contents> now = file_.contents();
     std::shared_ptr<Unlocked> unlocked; // Looked at, and perhaps dropped, without the lock.
     {
         const std::lock_guard lock(unlockedMutex_);
-        if (now != seen_)
-            unlocked = unlocked_;
-    }
-    const bool stays = !unlocked || (unlocked->fits(*now) && unlocked->vouchesFor(*now));
-    if (unlocked && stays)
-        unlocked->keepOnly(*now);
-    const std::lock_guard lock(unlockedMutex_);
-    if (!stays && unlocked_ == unlocked)
-        unlocked_.reset();
-    seen_ = now;
-    return now;
-}
-
-std::shared_ptr<const Contents> SoftKey::pluggedContents()
-{
-    std::shared_ptr<const Contents> now = contents();
-    require(now->device.plugged, SoftkeyStatus::DeviceRemoved);
-    return now;
-}
-
-std::shared_ptr<Unlocked> SoftKey::openedBy(std::string_view pin, const Contents& contents) const
-{
-    std::shared_ptr<Unlocked> unlocked;
-    {
-        const std::lock_guard lock(unlockedMutex_);
+        if (now == seen_)
+            return {std::move(now), unlocked_};
         unlocked = unlocked_;
     }
-    if (!unlocked || !unlocked->fits(contents) || !unlocked->isOpenedBy(pin))
-        return nullptr;
-    unlocked->touch();
-    return unlocked;
+    const bool stays = unlocked && unlocked->fits(*now) && unlocked->vouchesFor(*now);
+    if (stays)
+        unlocked->keepOnly(*now);
+    const std::lock_guard lock(unlockedMutex_);
+    if (unlocked_ != unlocked)
+        return {std::move(now), nullptr}; // Another thread has unlocked the key meanwhile, or locked it.
+    if (!stays)
+        unlocked_.reset();
+    seen_ = now;
+    return {std::move(now), unlocked_};
+}
+
+Look SoftKey::pluggedLook()
+{
+    Look seen = look();
+    require(seen.contents->device.plugged, SoftkeyStatus::DeviceRemoved);
+    return seen;
 }
 
 std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
@@ -125,33 +137,34 @@ std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
     return unlocked;
 }
 
-std::shared_ptr<Unlocked> SoftKey::authorise(const Contents& contents, std::string_view pin)
+std::shared_ptr<Unlocked> SoftKey::authorise(const Look& seen, std::string_view pin)
 {
     if (pin.empty()) {
         lock(); // Whoever had the PIN has dropped it, as a logout does.
-        throw Refusal::ofPin(SoftkeyStatus::PinRequired, contents.userPin.triesLeft);
+        throw Refusal::ofPin(SoftkeyStatus::PinRequired, seen.contents->userPin.triesLeft);
     }
+    if (seen.isOpenedBy(pin))
+        return seen.unlocked;
     lockWhenIdle(std::chrono::steady_clock::now());
-    if (std::shared_ptr<Unlocked> known = openedBy(pin, contents))
-        return known;
     const std::lock_guard lock(checkMutex_);
     // Another thread may have unlocked the key while this one waited. Only the check itself tells that a PIN is
     // locked: while someone else's last try is being checked, no tries are left either.
-    if (std::shared_ptr<Unlocked> known = openedBy(pin, *pluggedContents()))
-        return known;
+    if (const Look again = pluggedLook(); again.isOpenedBy(pin))
+        return again.unlocked;
     return unlock(pin);
 }
 
 void SoftKey::login(PinRole role, std::string_view pin)
 {
-    const std::shared_ptr<const Contents> now = pluggedContents();
+    const Look seen = pluggedLook();
     if (role == PinRole::SecurityOfficer) {
         checkPin(file_, role, pin);
         return;
     }
-    authorise(*now, pin);
+    authorise(seen, pin);
     // A right PIN gives back tries that others have spent, which a remembered one alone does not.
-    if (now->userPin.triesLeft < now->userPin.triesMax && contents()->userPin.triesLeft < now->userPin.triesMax)
+    const PinRecord& before = seen.contents->userPin;
+    if (before.triesLeft < before.triesMax && contents()->userPin.triesLeft < before.triesMax)
         checkPin(file_, role, pin);
 }
 
@@ -174,12 +187,6 @@ void SoftKey::resetUserPin(std::string_view soPin, std::string_view newUserPin)
     softkey::resetUserPin(file_, soPin, newUserPin);
 }
 
-bool SoftKey::isStillOpen(const std::shared_ptr<Unlocked>& unlocked) const
-{
-    const std::lock_guard lock(unlockedMutex_);
-    return unlocked_ == unlocked;
-}
-
 std::shared_ptr<const PrivateKey> SoftKey::load(const Unlocked& unlocked, const Contents& contents,
                                                 const VelkorKeyPair& record)
 {
@@ -197,21 +204,20 @@ std::shared_ptr<const PrivateKey> SoftKey::load(const Unlocked& unlocked, const 
     return key;
 }
 
-std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifier, std::string_view pin,
+std::shared_ptr<const PrivateKey> SoftKey::privateKey(Look seen, const Identifier& identifier, std::string_view pin,
                                                       std::uint32_t usage)
 {
-    for (;;) {
-        const std::shared_ptr<Unlocked> unlocked = authorise(*pluggedContents(), pin);
-        const std::shared_ptr<const Contents> now = pluggedContents();
-        if (!isStillOpen(unlocked)) // They are not what it vouched for.
+    for (;; seen = pluggedLook()) {
+        const std::shared_ptr<Unlocked> unlocked = authorise(seen, pin);
+        if (unlocked != seen.unlocked) // The contents are not what it vouched for.
             continue;
-        const VelkorKeyPair* record = now->findKeyPair(identifier);
+        const VelkorKeyPair* record = seen.contents->findKeyPair(identifier);
         require(record != nullptr, SoftkeyStatus::NoSuchObject);
         require((record->usageFlags & usage) == usage, SoftkeyStatus::UsageNotPermitted);
         // The same key pair may have been deleted and stored with other paddings.
         if (auto known = unlocked->find(identifier); known && known->paddings() == paddingsOf(*record))
             return known;
-        if (std::shared_ptr<const PrivateKey> key = load(*unlocked, *now, *record)) {
+        if (std::shared_ptr<const PrivateKey> key = load(*unlocked, *seen.contents, *record)) {
             unlocked->keep(identifier, key);
             return key;
         }
@@ -220,12 +226,12 @@ std::shared_ptr<const PrivateKey> SoftKey::privateKey(const Identifier& identifi
 
 void SoftKey::requireUser(std::string_view pin)
 {
-    authorise(*pluggedContents(), pin);
+    authorise(pluggedLook(), pin);
 }
 
 void SoftKey::change(std::string_view pin, const std::function<void(Database&)>& work)
 {
-    while (!changeWith(*authorise(*pluggedContents(), pin), work)) {
+    while (!changeWith(*authorise(pluggedLook(), pin), work)) {
     }
 }
 
@@ -250,9 +256,9 @@ VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, con
 {
     NewKeyPair keyPair;
     for (bool stored = false; !stored;) {
-        const std::shared_ptr<const Contents> now = pluggedContents();
-        const std::shared_ptr<Unlocked> unlocked = authorise(*now, pin);
-        keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), now->device.serialNumber);
+        const Look seen = pluggedLook();
+        const std::shared_ptr<Unlocked> unlocked = authorise(seen, pin);
+        keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), seen.contents->device.serialNumber);
         stored = changeWith(*unlocked, [&](Database& database) { storeKeyPair(database, keyPair); });
     }
     const std::shared_ptr<const Contents> after = contents();
@@ -277,7 +283,7 @@ void SoftKey::lockWhenIdle(std::chrono::steady_clock::time_point now)
 {
     std::shared_ptr<Unlocked> dropped;
     const std::lock_guard lock(unlockedMutex_);
-    if (idleLimit() > std::chrono::seconds(0) && unlocked_ && now - unlocked_->usedAt() >= idleLimit())
+    if (unlocked_ && unlocked_->isIdle(now))
         dropped.swap(unlocked_);
 }
 

@@ -23,8 +23,10 @@ public:
     /// Whether the PIN is still the one that opened this and not locked, and the key was not unplugged since.
     bool fits(const Contents& contents) const;
     bool isOpenedBy(std::string_view pin) const;
-    void touch() { usedAt_ = std::chrono::steady_clock::now(); }
-    std::chrono::steady_clock::time_point usedAt() const { return usedAt_; }
+    /// Notes that it was used, now and then only: threads that use one key do not write to the same memory each time.
+    void touch(std::chrono::steady_clock::time_point now);
+    /// Whether nobody has used it for as long as it may be kept.
+    bool isIdle(std::chrono::steady_clock::time_point now) const;
     /// Whether the contents are those that whoever has the master key has put there.
     bool vouchesFor(const Contents& contents) const;
     const SecretBuffer& masterKey() const { return masterKey_; }
@@ -46,15 +48,26 @@ private:
     std::map<Identifier, std::shared_ptr<const PrivateKey>> keys_;
 };
 
+/// What a key says, and what is unlocked of it.
+struct Look {
+    std::shared_ptr<const Contents> contents;
+    std::shared_ptr<Unlocked> unlocked; ///< It has vouched for these contents. Null when nothing is unlocked.
+
+    /// Whether that was opened by this PIN; then it counts as used now.
+    bool isOpenedBy(std::string_view pin) const;
+};
+
 class SoftKey
 {
 public:
     explicit SoftKey(const std::filesystem::path& path) : file_(path) {}
 
     KeyFile& file() { return file_; }
-    std::shared_ptr<const Contents> contents();
+    Look look();
+    std::shared_ptr<const Contents> contents() { return look().contents; }
     /// The same, or throws DeviceRemoved when the key is not plugged in.
-    std::shared_ptr<const Contents> pluggedContents();
+    Look pluggedLook();
+    std::shared_ptr<const Contents> pluggedContents() { return pluggedLook().contents; }
 
     /// Throws the statuses of `checkPin`.
     void login(PinRole role, std::string_view pin);
@@ -63,8 +76,8 @@ public:
     void rekey(std::string_view oldPin, std::string_view newPin, std::string_view soPin);
     void resetUserPin(std::string_view soPin, std::string_view newUserPin);
 
-    /// `usage`: a bit of the usage flags that the key must have; 0 for none.
-    std::shared_ptr<const PrivateKey> privateKey(const Identifier& identifier, std::string_view pin,
+    /// `seen`: what the key said just now. `usage`: a bit of the usage flags that the key must have; 0 for none.
+    std::shared_ptr<const PrivateKey> privateKey(Look seen, const Identifier& identifier, std::string_view pin,
                                                  std::uint32_t usage);
 
     /// Refuses unless the PIN is right.
@@ -83,19 +96,18 @@ public:
 private:
     /// False, and nothing was done, when the file has another PIN or master key by now.
     bool changeWith(const Unlocked& unlocked, const std::function<void(Database&)>& work);
-    bool isStillOpen(const std::shared_ptr<Unlocked>& unlocked) const;
     /// Null when it was sealed anew since the contents were read.
     std::shared_ptr<const PrivateKey> load(const Unlocked& unlocked, const Contents& contents,
                                            const VelkorKeyPair& record);
-    std::shared_ptr<Unlocked> authorise(const Contents& contents, std::string_view pin);
-    std::shared_ptr<Unlocked> openedBy(std::string_view pin, const Contents& contents) const;
+    /// The unlocked key for whoever has the PIN; throws the statuses of `checkPin`.
+    std::shared_ptr<Unlocked> authorise(const Look& seen, std::string_view pin);
     std::shared_ptr<Unlocked> unlock(std::string_view pin);
 
     KeyFile file_;
     std::mutex checkMutex_; ///< One thread unlocks at a time; taken before the other one.
     mutable std::mutex unlockedMutex_;
     std::shared_ptr<Unlocked> unlocked_;
-    std::shared_ptr<const Contents> seen_; ///< Contents that `unlocked_` was last fitted to.
+    std::shared_ptr<const Contents> seen_; ///< Contents that `unlocked_` was last fitted to, and has vouched for.
 };
 
 } // namespace softkey

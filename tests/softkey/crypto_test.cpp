@@ -3,6 +3,7 @@
 
 #include "crypto/keys.h"
 #include "crypto/public_key.h"
+#include "crypto/public_keys.h"
 
 #include <openssl/evp.h>
 
@@ -414,6 +415,77 @@ TEST_F(CryptoTest, ThePublicKeyMayComeInEachOfItsForms)
         Data broken = publicKeyBytes(key);
         broken.back() ^= 1; // An even modulus; a point off the curve.
         EXPECT_EQ(verifyWith(broken, key.keyKind), code(SoftkeyStatus::BadPublicKey));
+    }
+}
+
+// ---- Public keys that are kept ----
+
+TEST(PublicKeysTest, AKeyIsParsedOnceForItsBytesItsKindAndItsForm)
+{
+    const KeyKindTraits& p256 = traitsOf(KEY_KIND_EC_P256);
+    const Data point = publicKeyValue(generateKey(p256).get());
+    PublicKeys keys;
+    const auto known = keys.find(p256, PublicKeyForm::Any, point);
+    EXPECT_EQ(keys.find(p256, PublicKeyForm::Any, Data(point)), known);
+    EXPECT_NE(keys.find(p256, PublicKeyForm::Any, publicKeyValue(generateKey(p256).get())), known);
+    EXPECT_THROW(keys.find(p256, PublicKeyForm::Info, point), Refusal);
+    EXPECT_THROW(keys.find(traitsOf(KEY_KIND_EC_P384), PublicKeyForm::Any, point), Refusal);
+    Data broken = point;
+    broken.back() ^= 1;
+    for (int time = 0; time < 2; ++time)
+        EXPECT_THROW(keys.find(p256, PublicKeyForm::Any, broken), Refusal) << "no point of the curve";
+    keys.clear();
+    EXPECT_NE(keys.find(p256, PublicKeyForm::Any, point), known);
+}
+
+TEST(PublicKeysTest, ThoseThatWereUsedLastAreKept)
+{
+    const KeyKindTraits& p256 = traitsOf(KEY_KIND_EC_P256);
+    PublicKeys keys;
+    const Data often = publicKeyValue(generateKey(p256).get());
+    const Data once = publicKeyValue(generateKey(p256).get());
+    const auto usedOften = keys.find(p256, PublicKeyForm::Any, often);
+    const auto usedOnce = keys.find(p256, PublicKeyForm::Any, once);
+    for (int other = 0; other < 200; ++other) {
+        keys.find(p256, PublicKeyForm::Any, publicKeyValue(generateKey(p256).get()));
+        EXPECT_EQ(keys.find(p256, PublicKeyForm::Any, often), usedOften);
+    }
+    EXPECT_NE(keys.find(p256, PublicKeyForm::Any, once), usedOnce);
+}
+
+TEST_F(CryptoTest, ABadSignatureLeavesTheKeyFitForGoodOnes)
+{
+    const Data hash(32, 1);
+    for (const VelkorKeyPair& key : {generate(KEY_KIND_RSA_2048), generate(KEY_KIND_EC_P256)}) {
+        for (const bool isPss : {false, true}) {
+            if (isPss && key.keyKind == KEY_KIND_EC_P256)
+                continue;
+            const Data good = sign(key, hash, isPss);
+            Data bad = good;
+            bad.back() ^= 1;
+            for (int time = 0; time < 3; ++time) {
+                EXPECT_EQ(verify(key, hash, good, isPss), 0);
+                EXPECT_EQ(verify(key, hash, bad, isPss), code(SoftkeyStatus::SignatureInvalid));
+                EXPECT_EQ(verify(key, Data(32, 2), good, isPss), code(SoftkeyStatus::SignatureInvalid));
+            }
+        }
+    }
+}
+
+TEST_F(CryptoTest, OneSchemeDoesNotDisturbTheNext)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_RSA_2048);
+    std::map<std::size_t, std::array<Data, 2>> signatures;
+    const std::size_t sizes[] = {20, 28, 32, 48, 64};
+    for (const std::size_t size : sizes)
+        signatures[size] = {sign(key, Data(size, 1)), sign(key, Data(size, 1), true)};
+    for (int time = 0; time < 2; ++time) {
+        for (const std::size_t size : sizes) {
+            for (const bool isPss : {false, true}) {
+                EXPECT_EQ(verify(key, Data(size, 1), signatures[size][isPss ? 1 : 0], isPss), 0);
+                EXPECT_NE(verify(key, Data(size, 1), signatures[size][isPss ? 0 : 1], isPss), 0);
+            }
+        }
     }
 }
 

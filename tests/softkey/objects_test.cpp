@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace softkey::test
 {
@@ -195,6 +196,93 @@ TEST_F(ObjectsTest, ListsOfTwoDevicesInOneThreadDoNotMix)
     std::vector<VelkorKeyPair>& list = velkor_getKeyPairList(SERIAL, instance);
     list.clear(); // The caller's to spoil.
     EXPECT_EQ(velkor_getKeyPairList(SERIAL, instance).size(), 1U);
+}
+
+// ---- Lists that are filled when something has changed ----
+
+TEST_F(ObjectsTest, AListThatIsKeptStaysAsItIsUntilTheThreadsNextCall)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "before");
+    const std::vector<VelkorKeyPair>& kept = velkor_getKeyPairList(SERIAL, instance);
+    otherProcess()->change(PIN, [&](Database& database) {
+        updateKeyPair(database, std::to_array(key.keyIdentifier), {{}, "after"});
+    });
+    EXPECT_EQ(trySign(key, Data(32, 1)), 0);
+    EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+    EXPECT_TRUE(certificates().empty());
+    std::thread([&] { EXPECT_STREQ(keyPairs().at(0).label, "after"); }).join();
+    EXPECT_STREQ(kept.at(0).label, "before");
+    EXPECT_EQ(&velkor_getKeyPairList(SERIAL, instance), &kept);
+    EXPECT_STREQ(kept.at(0).label, "after");
+}
+
+TEST_F(ObjectsTest, EveryChangeByAnotherProcessIsInTheNextList)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "first");
+    VelkorCertificate stored = certificate("Certificate");
+    ASSERT_EQ(import(stored), 0);
+    const std::unique_ptr<SoftKey> other = otherProcess();
+    for (int round = 0; round < 20; ++round) {
+        const std::string label = "label " + std::to_string(round);
+        other->change(PIN, [&](Database& database) {
+            updateKeyPair(database, std::to_array(key.keyIdentifier), {{}, label});
+        });
+        EXPECT_STREQ(keyPairs().at(0).label, label.c_str());
+        EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+        EXPECT_STREQ(keyPairs().at(0).label, label.c_str());
+        EXPECT_EQ(certificates().size(), 1U);
+    }
+}
+
+TEST_F(ObjectsTest, AListIsEmptyWhileItsKeyCannotBeReadAndFullAgainAfterwards)
+{
+    generate(KEY_KIND_EC_P256, "pair");
+    const std::vector<VelkorKeyPair>& list = velkor_getKeyPairList(SERIAL, instance);
+    EXPECT_EQ(list.size(), 1U);
+    EXPECT_TRUE(velkor_getKeyPairList("NONE", instance).empty());
+    EXPECT_EQ(velkor_getKeyPairList(SERIAL, instance).size(), 1U);
+    otherProcess()->file().setPlugged(false);
+    EXPECT_TRUE(velkor_getKeyPairList(SERIAL, instance).empty());
+    otherProcess()->file().setPlugged(true);
+    EXPECT_EQ(velkor_getKeyPairList(SERIAL, instance).size(), 1U);
+}
+
+TEST_F(ObjectsTest, WithoutKeyPairsTheListIsEmptyHoweverOftenItIsAskedFor)
+{
+    for (int time = 0; time < 3; ++time) {
+        EXPECT_TRUE(velkor_getKeyPairList(SERIAL, instance).empty());
+        EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), 0);
+    }
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256);
+    EXPECT_EQ(velkor_getKeyPairList(SERIAL, instance).size(), 1U);
+    EXPECT_EQ(remove(key), 0);
+    EXPECT_TRUE(velkor_getKeyPairList(SERIAL, instance).empty());
+}
+
+TEST_F(ObjectsTest, TheWidestRecordsAreListedWhole)
+{
+    generate(KEY_KIND_EC_P256);
+    const Data publicKey(PUBLIC_KEY_CAPACITY, 0x5A);
+    const Data objectId(OBJECT_ID_CAPACITY, 0xA5);
+    const std::string label(LABEL_CAPACITY, 'l');
+    otherProcess()->change(PIN, [&](Database& database) {
+        const Identifier identifier = identifierOf(publicKey);
+        Statement(database, "INSERT INTO key_pair SELECT 4095, ?, 4, ?, ?, ?, sealed_private_key, usage_flags, "
+                            "oaep_only FROM key_pair WHERE id = 1")
+            .bind(Bytes(identifier))
+            .bind(Bytes(objectId))
+            .bind(Bytes(bytesOf(label)))
+            .bind(Bytes(publicKey))
+            .run();
+    });
+    for (int time = 0; time < 2; ++time) {
+        const std::vector<VelkorKeyPair> listed = keyPairs();
+        ASSERT_EQ(listed.size(), 2U);
+        EXPECT_EQ(listed[1].id, 4095U);
+        EXPECT_EQ(publicKeyBytes(listed[1]), publicKey);
+        EXPECT_EQ(objectIdOf(listed[1]), objectId);
+        EXPECT_STREQ(listed[1].label, label.c_str());
+    }
 }
 
 TEST_F(ObjectsTest, AnRsaKeyIsImportedFromThreeComponents)

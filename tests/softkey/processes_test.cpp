@@ -400,7 +400,8 @@ TEST_F(ProcessesTest, KilledAtAnyMomentNothingReportedIsLostAndNoTryIsGained)
     const std::unique_ptr<SoftKey> key = otherProcess("CRASH");
     const std::shared_ptr<const Contents> contents = key->contents();
     for (const VelkorKeyPair& record : contents->keyPairs)
-        EXPECT_NE(key->privateKey(std::to_array(record.keyIdentifier), PIN, USAGE_SIGN_VERIFY), nullptr);
+        EXPECT_NE(key->privateKey(key->pluggedLook(), std::to_array(record.keyIdentifier), PIN, USAGE_SIGN_VERIFY),
+                  nullptr);
 }
 
 TEST_F(ProcessesTest, KilledWhileThePinChangesExactlyOneOfTheTwoOpensTheKey)
@@ -413,7 +414,8 @@ TEST_F(ProcessesTest, KilledWhileThePinChangesExactlyOneOfTheTwoOpensTheKey)
     const VelkorKeyPair key = otherProcess("CHANGE")->contents()->keyPairs.at(0);
     const auto opens = [&](const std::string& pin) {
         try {
-            otherProcess("CHANGE")->privateKey(std::to_array(key.keyIdentifier), pin, USAGE_SIGN_VERIFY);
+            const std::unique_ptr<SoftKey> other = otherProcess("CHANGE");
+            other->privateKey(other->pluggedLook(), std::to_array(key.keyIdentifier), pin, USAGE_SIGN_VERIFY);
             return true;
         } catch (const Refusal& refusal) {
             EXPECT_EQ(refusal.status(), SoftkeyStatus::PinIncorrect);
@@ -452,7 +454,8 @@ TEST_F(ProcessesTest, KilledWhileItIsBroughtUpToDateAFileOfLayout1StaysWhole)
         const std::unique_ptr<SoftKey> key = otherProcess("OLD1");
         ASSERT_EQ(key->contents()->keyPairs.size(), 1U);
         const Identifier identifier = std::to_array(key->contents()->keyPairs[0].keyIdentifier);
-        EXPECT_NE(key->privateKey(identifier, PIN, USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT), nullptr);
+        EXPECT_NE(key->privateKey(key->pluggedLook(), identifier, PIN, USAGE_SIGN_VERIFY | USAGE_DECRYPT_ENCRYPT),
+                  nullptr);
         std::filesystem::remove(keyPath("OLD1"));
         std::filesystem::remove(keyPath("OLD1").string() + "-journal");
     }
