@@ -62,24 +62,30 @@ ByteVector readAuthenticator(Database& database)
     return {code.begin(), code.end()};
 }
 
+constexpr const char* SELECT_KEY_PAIRS =
+    "SELECT id, identifier, kind, object_id, label, public_key, usage_flags, oaep_only FROM key_pair ORDER BY id";
+constexpr const char* SELECT_CERTIFICATES = "SELECT id, identifier, object_id, label, der FROM certificate ORDER BY id";
+
+void readKeyPair(const Statement& row, VelkorKeyPair& keyPair)
+{
+    keyPair.id = readId(row);
+    copyIdentifier(keyPair.keyIdentifier, row.bytes(1));
+    keyPair.keyKind = traitsOf(static_cast<std::uint32_t>(row.number(2))).kind;
+    keyPair.objectIdLength = copyInto(keyPair.objectId, row.bytes(3));
+    copyLabel(keyPair.label, row.bytes(4));
+    keyPair.publicKeyLength = copyInto(keyPair.publicKey, row.bytes(5));
+    requireIdentifierOf(row.bytes(5), keyPair.keyIdentifier);
+    keyPair.usageFlags = static_cast<std::uint32_t>(row.number(6));
+    keyPair.deviceFlag = row.number(7) != 0;
+}
+
 std::vector<VelkorKeyPair> readKeyPairs(Database& database)
 {
     std::vector<VelkorKeyPair> keyPairs;
     keyPairs.reserve(static_cast<std::size_t>(database.number("SELECT count(*) FROM key_pair")));
-    Statement row(database, "SELECT id, identifier, kind, object_id, label, public_key, usage_flags, oaep_only "
-                            "FROM key_pair ORDER BY id");
-    while (row.step()) {
-        VelkorKeyPair& keyPair = keyPairs.emplace_back();
-        keyPair.id = readId(row);
-        copyIdentifier(keyPair.keyIdentifier, row.bytes(1));
-        keyPair.keyKind = traitsOf(static_cast<std::uint32_t>(row.number(2))).kind;
-        keyPair.objectIdLength = copyInto(keyPair.objectId, row.bytes(3));
-        copyLabel(keyPair.label, row.bytes(4));
-        keyPair.publicKeyLength = copyInto(keyPair.publicKey, row.bytes(5));
-        requireIdentifierOf(row.bytes(5), keyPair.keyIdentifier);
-        keyPair.usageFlags = static_cast<std::uint32_t>(row.number(6));
-        keyPair.deviceFlag = row.number(7) != 0;
-    }
+    Statement row(database, SELECT_KEY_PAIRS);
+    while (row.step())
+        readKeyPair(row, keyPairs.emplace_back());
     return keyPairs;
 }
 
@@ -90,21 +96,51 @@ void indexKeyPairs(Contents& contents)
         contents.keyPairPositions.emplace(std::to_array(contents.keyPairs[position].keyIdentifier), position);
 }
 
+void readCertificate(const Statement& row, VelkorCertificate& certificate)
+{
+    certificate.id = readId(row);
+    copyIdentifier(certificate.certificateIdentifier, row.bytes(1));
+    certificate.objectIdLength = copyInto(certificate.objectId, row.bytes(2));
+    copyLabel(certificate.label, row.bytes(3));
+    const Bytes der = row.bytes(4);
+    certificate.der.assign(der.begin(), der.end());
+    requireIdentifierOf(der, certificate.certificateIdentifier);
+}
+
 std::vector<VelkorCertificate> readCertificates(Database& database)
 {
     std::vector<VelkorCertificate> certificates;
-    Statement row(database, "SELECT id, identifier, object_id, label, der FROM certificate ORDER BY id");
-    while (row.step()) {
-        VelkorCertificate& certificate = certificates.emplace_back();
-        certificate.id = readId(row);
-        copyIdentifier(certificate.certificateIdentifier, row.bytes(1));
-        certificate.objectIdLength = copyInto(certificate.objectId, row.bytes(2));
-        copyLabel(certificate.label, row.bytes(3));
-        const Bytes der = row.bytes(4);
-        certificate.der.assign(der.begin(), der.end());
-        requireIdentifierOf(der, certificate.certificateIdentifier);
-    }
+    Statement row(database, SELECT_CERTIFICATES);
+    while (row.step())
+        readCertificate(row, certificates.emplace_back());
     return certificates;
+}
+
+template <class Look>
+bool isReadable(Look look)
+{
+    try {
+        look();
+        return true;
+    } catch (const Refusal&) {
+        return false;
+    }
+}
+
+template <class Record>
+void lookAtTable(Database& database, const char* select, const std::string& name,
+                 void (*read)(const Statement&, Record&), std::vector<RecordFinding>& findings)
+{
+    const bool reachesEnd = isReadable([&] {
+        Statement row(database, select);
+        while (row.step()) {
+            Record record;
+            const bool isSound = isReadable([&] { read(row, record); });
+            findings.push_back({"record of " + name + " " + std::to_string(row.number(0)), isSound});
+        }
+    });
+    if (!reachesEnd)
+        findings.push_back({"records of further " + name + "s", false});
 }
 
 } // namespace
@@ -190,6 +226,17 @@ Contents readContents(Database& database)
     contents.certificates = readCertificates(database);
     contents.authenticator = readAuthenticator(database);
     return contents;
+}
+
+std::vector<RecordFinding> lookAtRecords(Database& database)
+{
+    std::vector<RecordFinding> findings;
+    findings.push_back({"record of the device", isReadable([&] { readDevice(database); })});
+    findings.push_back({"record of the user PIN", isReadable([&] { readPin(database, PinRole::User); })});
+    findings.push_back({"record of the SO PIN", isReadable([&] { readPin(database, PinRole::SecurityOfficer); })});
+    lookAtTable(database, SELECT_KEY_PAIRS, "key pair", readKeyPair, findings);
+    lookAtTable(database, SELECT_CERTIFICATES, "certificate", readCertificate, findings);
+    return findings;
 }
 
 } // namespace softkey

@@ -62,6 +62,15 @@ struct Contents {
 /// Reads everything but the counter. Throws FileDamaged.
 Contents readContents(Database& database);
 PinRecord readPin(Database& database, PinRole role);
+
+/// Whether one record can be read and agrees with itself.
+struct RecordFinding {
+    std::string record;
+    bool isSound = false;
+};
+/// All records, of a file whose contents cannot be read as a whole. Of a table that breaks off, the rest counts as one.
+std::vector<RecordFinding> lookAtRecords(Database& database);
+
 /// Tells a damaged record of a PIN from a wrong PIN; secret from nobody.
 ByteVector checksumOf(const PinRecord& pin);
 

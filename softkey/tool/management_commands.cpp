@@ -7,6 +7,7 @@
 #include "store/authenticity.h"
 #include "store/backup.h"
 #include "store/key_creation.h"
+#include "store/schema.h"
 #include "velkor/record_fields.h"
 
 #include <iostream>
@@ -237,22 +238,35 @@ class Findings
 public:
     void add(const std::string& part, bool whole)
     {
-        parts_.push_back({{"part", part}, {"whole", whole}});
-        lines_ += part + (whole ? ": whole\n" : ": damaged or changed by somebody else\n");
-        whole_ = whole_ && whole;
+        put(part, whole, whole ? "whole" : "damaged or changed by somebody else");
+        isDamaged_ = isDamaged_ || !whole;
+    }
+    /// A part that nothing can be said of, and why.
+    void addUnknown(const std::string& part, const std::string& reason)
+    {
+        put(part, nullptr, reason);
+        isUnknown_ = true;
     }
     /// Throws FileDamaged when anything is.
     void print(const Session& session, const std::string& serialNumber) const
     {
-        session.print({{"serial", serialNumber}, {"whole", whole_}, {"parts", parts_}},
+        const json whole = isUnknown_ && !isDamaged_ ? json(nullptr) : json(!isDamaged_);
+        session.print({{"serial", serialNumber}, {"whole", whole}, {"parts", parts_}},
                       lines_.substr(0, lines_.size() - 1));
-        require(whole_, SoftkeyStatus::FileDamaged);
+        require(!isDamaged_, SoftkeyStatus::FileDamaged);
     }
 
 private:
+    void put(const std::string& part, const json& whole, const std::string& text)
+    {
+        parts_.push_back({{"part", part}, {"whole", whole}});
+        lines_.append(part).append(": ").append(text).append("\n");
+    }
+
     json parts_ = json::array();
     std::string lines_;
-    bool whole_ = true;
+    bool isDamaged_ = false;
+    bool isUnknown_ = false;
 };
 
 bool opens(Database& database, const Contents& contents, const VelkorKeyPair& keyPair, Bytes masterKey)
@@ -294,15 +308,37 @@ bool isSoundWithoutPin(KeyFile& file)
     }
 }
 
+/// A file of another layout, or one without tables, says no more than that it is damaged.
+void addRecords(KeyFile& file, Findings& findings)
+{
+    try {
+        file.read([&](Database& database) {
+            if (layoutOf(database) != SCHEMA_VERSION)
+                return;
+            for (const RecordFinding& finding : lookAtRecords(database))
+                findings.add(finding.record, finding.isSound);
+        });
+    } catch (const Refusal&) {
+        return;
+    }
+}
+
 void verify(Session& session, const std::string& serialNumber, const PinSource& pin)
 {
+    constexpr const char* INSIDE = "contents and private keys";
     const std::shared_ptr<SoftKey> key = session.key(serialNumber);
+    KeyFile& file = key->file();
     Findings findings;
-    const bool isSound = isSoundWithoutPin(key->file());
+    const bool isSound = isSoundWithoutPin(file);
     findings.add("file", isSound);
-    if (isSound && pin.isGiven()) {
+    if (!isSound) {
+        addRecords(file, findings);
+        findings.addUnknown(INSIDE, "cannot be looked at in a damaged file");
+    } else if (!pin.isGiven()) {
+        findings.addUnknown(INSIDE, "not looked at without the PIN");
+    } else {
         const Pin given = pin.read();
-        while (!lookInside(key->file(), checkPinAlone(key->file(), PinRole::User, given), findings)) {
+        while (!lookInside(file, checkPinAlone(file, PinRole::User, given), findings)) {
         }
     }
     findings.print(session, serialNumber);

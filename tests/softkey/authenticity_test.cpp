@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <thread>
+#include <map>
 
 namespace softkey::test
 {
@@ -143,7 +144,47 @@ TEST_F(AuthenticityTest, VerifySaysThatAWholeKeyIsWhole)
     ASSERT_EQ(found["parts"].size(), 3U) << found;
     for (const json& part : found["parts"])
         EXPECT_EQ(part["whole"], true) << part;
-    EXPECT_EQ(result("verify KEY1")["parts"].size(), 1U) << "without a PIN";
+}
+
+TEST_F(AuthenticityTest, VerifyCallsNoKeyWholeThatItHasNotLookedInto)
+{
+    generate(KEY_KIND_EC_P256);
+    const json found = result("verify KEY1");
+    EXPECT_EQ(found["whole"], nullptr);
+    ASSERT_EQ(found["parts"].size(), 2U) << found;
+    EXPECT_EQ(found["parts"][0], (json{{"part", "file"}, {"whole", true}}));
+    EXPECT_EQ(found["parts"][1], (json{{"part", "contents and private keys"}, {"whole", nullptr}}));
+    EXPECT_NE(tool("verify KEY1").out.find("not looked at without the PIN"), std::string::npos);
+}
+
+TEST_F(AuthenticityTest, VerifyNamesEveryDamagedRecord)
+{
+    for (int i = 0; i < 3; ++i)
+        generate(KEY_KIND_EC_P256);
+    VelkorCertificate certificate;
+    certificate.der = certificateNamed("one");
+    otherProcess()->addCertificate(PIN, certificate);
+    edit("UPDATE key_pair SET identifier = randomblob(16) WHERE id <> 2");
+    edit("UPDATE certificate SET der = X'30'");
+    edit("UPDATE pin SET salt = X'' WHERE role = 2");
+    for (const std::string& pin : {std::string(), WITH_PIN}) {
+        const Outcome outcome = tool("--json verify KEY1" + pin);
+        EXPECT_EQ(outcome.exitCode, 7);
+        const json found = json::parse(outcome.out);
+        EXPECT_EQ(found["whole"], false);
+        std::map<std::string, json> whole;
+        for (const json& part : found["parts"])
+            whole[part["part"]] = part["whole"];
+        EXPECT_EQ(whole, (std::map<std::string, json>{{"file", false},
+                                                      {"record of the device", true},
+                                                      {"record of the user PIN", true},
+                                                      {"record of the SO PIN", false},
+                                                      {"record of key pair 1", false},
+                                                      {"record of key pair 2", true},
+                                                      {"record of key pair 3", false},
+                                                      {"record of certificate 1", false},
+                                                      {"contents and private keys", nullptr}}));
+    }
 }
 
 TEST_F(AuthenticityTest, VerifyFindsADamagedPrivateKeyBeforeItsUse)
