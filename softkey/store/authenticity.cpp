@@ -35,7 +35,10 @@ private:
     ByteVector text_;
 };
 
-Writing writingOf(const Contents& contents)
+/// What is under the code. Former files have none of the states of their PINs there.
+enum class Extent { WithoutPins, Whole };
+
+Writing writingOf(const Contents& contents, Extent extent)
 {
     Writing writing;
     const DeviceRecord& device = contents.device;
@@ -52,27 +55,41 @@ Writing writingOf(const Contents& contents)
         writing.field(velkor::objectIdOf(certificate)).field(velkor::storedLabelOf(certificate));
         writing.field(Bytes(certificate.der));
     }
+    if (extent == Extent::Whole) {
+        for (const PinRecord* pin : {&contents.userPin, &contents.soPin})
+            writing.number(pin->changed ? 1 : 0).number(static_cast<std::uint64_t>(pin->triesMax));
+    }
     return writing;
 }
 
-SecretBuffer codeOf(const Contents& contents, Bytes masterKey)
+SecretBuffer codeOf(const Contents& contents, Bytes masterKey, Extent extent)
 {
     // The master key itself seals private keys.
-    return keyedCode(keyedCode(masterKey, "velkor-softkey contents"), writingOf(contents).bytes());
+    return keyedCode(keyedCode(masterKey, "velkor-softkey contents"), writingOf(contents, extent).bytes());
+}
+
+bool haveCode(const Contents& contents, Bytes masterKey, Extent extent)
+{
+    const SecretBuffer code = codeOf(contents, masterKey, extent);
+    return contents.authenticator.size() == code.size() &&
+           CRYPTO_memcmp(contents.authenticator.data(), code.data(), code.size()) == 0;
 }
 
 } // namespace
 
 bool areAuthentic(const Contents& contents, Bytes masterKey)
 {
-    const SecretBuffer code = codeOf(contents, masterKey);
-    return contents.authenticator.size() == code.size() &&
-           CRYPTO_memcmp(contents.authenticator.data(), code.data(), code.size()) == 0;
+    return haveCode(contents, masterKey, Extent::Whole) || haveFormerCode(contents, masterKey);
+}
+
+bool haveFormerCode(const Contents& contents, Bytes masterKey)
+{
+    return haveCode(contents, masterKey, Extent::WithoutPins);
 }
 
 void authenticate(Database& database, Bytes masterKey)
 {
-    const SecretBuffer code = codeOf(readContents(database), masterKey);
+    const SecretBuffer code = codeOf(readContents(database), masterKey, Extent::Whole);
     Statement(database, "UPDATE device SET authenticator = ?").bind(Bytes(code)).run();
 }
 

@@ -101,11 +101,12 @@ void storeWrapping(Database& database, const PinRecord& record)
         .run();
 }
 
-/// The first PIN that opens an older file puts the seal on its contents, and each PIN has its wrapping renewed.
-void putUnderSeal(Database& database, const PinRecord& record, Bytes masterKey)
+/// The first PIN that opens an older file puts its contents under their code; one that opens a file whose code leaves
+/// the PINs out puts them under it, too.
+void renewCode(Database& database, Bytes masterKey, bool isOlder)
 {
-    storeWrapping(database, record);
-    if (readContents(database).authenticator.empty())
+    const Contents contents = readContents(database);
+    if ((isOlder && contents.authenticator.empty()) || haveFormerCode(contents, masterKey))
         authenticate(database, masterKey);
 }
 
@@ -138,7 +139,8 @@ CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& 
     file.change(turn, [&](Database& database) {
         storeTries(database, role, record.triesMax);
         if (isOlder)
-            putUnderSeal(database, record, *masterKey);
+            storeWrapping(database, record);
+        renewCode(database, *masterKey, isOlder);
     });
     return {std::move(*masterKey), record};
 }
@@ -183,6 +185,15 @@ void replacePin(Database& database, const PinRecord& record)
         .bind(static_cast<std::int64_t>(record.role))
         .run();
     storeWrapping(database, record);
+}
+
+void replaceOnePin(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& record, Bytes masterKey)
+{
+    file.change(turn, [&](Database& database) {
+        require(areAuthentic(readContents(database), masterKey), SoftkeyStatus::FileDamaged); // As they are now.
+        replacePin(database, record);
+        authenticate(database, masterKey);
+    });
 }
 
 /// A PIN with a new salt, ready to go around a master key.
@@ -251,7 +262,7 @@ void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string
         PinRecord record = checked.record;
         record.changed = record.changed || oldPin != newPin;
         wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
-        file.change(turn, [&](Database& database) { replacePin(database, record); });
+        replaceOnePin(file, turn, record, checked.masterKey);
     });
 }
 
@@ -294,7 +305,7 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
         PinRecord record = file.contents()->userPin;
         record.changed = false;
         wrapping.wrap(record, checked.masterKey, before->device.serialNumber);
-        file.change(turn, [&](Database& database) { replacePin(database, record); });
+        replaceOnePin(file, turn, record, checked.masterKey);
     });
 }
 

@@ -2,11 +2,12 @@
 #include "tool_fixture.h"
 
 #include "crypto/keys.h"
+#include "store/schema.h"
 #include "store/sqlite.h"
 
 #include <atomic>
-#include <thread>
 #include <map>
+#include <thread>
 
 namespace softkey::test
 {
@@ -62,6 +63,21 @@ TEST_F(AuthenticityTest, EveryEditOfTheContentsIsFoundByTheNextPin)
         edit(change);
         EXPECT_EQ(openedAnew(), SoftkeyStatus::FileDamaged) << change;
         EXPECT_EQ(triesLeft(), 5) << change;
+        writeFile(keyPath(), good);
+        EXPECT_EQ(openedAnew(), SoftkeyStatus::Ok) << change;
+    }
+}
+
+TEST_F(AuthenticityTest, EveryEditOfAPinsStateIsFoundByEitherPin)
+{
+    const Data good = readFile(keyPath());
+    for (const char* change : {"changed = 1 - changed WHERE role = 1", "changed = 1 - changed WHERE role = 2",
+                               "tries_max = 200 WHERE role = 1", "tries_max = 200 WHERE role = 2",
+                               "tries_max = 5, tries_left = 5, changed = 1"}) {
+        edit(std::string("UPDATE pin SET ") + change);
+        EXPECT_EQ(openedAnew(), SoftkeyStatus::FileDamaged) << change;
+        EXPECT_EQ(tool("unlock KEY1 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN").exitCode, 7) << change;
+        EXPECT_EQ(tool("set-pin KEY1 --pin-env USER_PIN --new-pin-env CHOSEN_PIN").exitCode, 7) << change;
         writeFile(keyPath(), good);
         EXPECT_EQ(openedAnew(), SoftkeyStatus::Ok) << change;
     }
@@ -132,6 +148,59 @@ TEST_F(AuthenticityTest, AnOlderFileIsAuthenticatedWhenAPinOpensIt)
     EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::FileDamaged) << "it is no older file any more";
     edit("UPDATE key_pair SET usage_flags = 3", "OLD1");
     EXPECT_EQ(openedAnew("OLD1"), SoftkeyStatus::FileDamaged);
+}
+
+/// Its code was made when the states of PINs were not under it.
+class FormerCodeTest : public AuthenticityTest
+{
+protected:
+    FormerCodeTest()
+    {
+        Database database(keyPath("OLD3"), Database::Mode::Create);
+        createSchema(database);
+        database.execute(R"sql(
+INSERT INTO device VALUES(1,'OLD3','Velkor Soft Key','VK1 Soft','2.1.0',1,0,
+    X'485d1b66899cc36331c4f0c1cf9100b70822ed8f933f340ee77e99e576934d88');
+INSERT INTO pin VALUES(1,0,5,5,4,8,1,X'4391ba6714027db7d2d5ca132ea7c468',
+    X'7175207776070070e915fe37b999a920a9b7d2dd51d6cdc5448a5a6f51f4e8f020ab7e37e3162d639da37fe817033865845717099812ce330f891d7b',
+    X'3bc27441a60d139a04c15d6e91557d65307c53c704d2bff7b624819ae98f7e34',X'');
+INSERT INTO pin VALUES(2,1,5,5,4,8,1,X'36c9c54764d22cea170db7f37d9756cb',
+    X'fdb91d98ed5c4720f499d201a27e6757c9b036201eef810294c3e090fae85d227dc1dfa8d2bcea3edaaf3f2555ec905d70a99227842fdec7e97eb637',
+    X'ed32716f3abc9e821ec4d01a293a826f6c91fd347730a3d84c08b3c67e8c8f11',X'');
+INSERT INTO key_pair VALUES(1,X'83c592d9cb02787b17145bd9e20ea7a5',5,X'',X'',
+    X'04e539dd238186770f693de6ecf7531cf96fec8781c1a058dde7af3ebc0dfd55fadd70c2d1b6f6078152dc49040e966411a331636f31bd255ff711deff5b33cd6e',
+    X'44f4002ebc3f716058052ac51cb841d3bde5472c42fcf47572e6726eb8a72c23cc9b859b5605afa282ff3a9d1073ab44a1c242593c0487e88f144dec3fb99c9c5c302f26df800342e0e14530728a6272a3f940dfdb80e7af944c97b865b105a269999c4a481b5c45b85a985beb15afded75c1b2cc17f0ca4b3379fd971e80db0da62c6a03e9d729e86b4d901ca10bd3721cee50f8b9dea0872bcfb3d5fc43d4391f8aeca17fd',3,0);
+)sql");
+        std::filesystem::permissions(keyPath("OLD3"), std::filesystem::perms(0600));
+    }
+    ByteVector codeOfFile() const { return otherProcess("OLD3")->contents()->authenticator; }
+};
+
+TEST_F(FormerCodeTest, IsTakenByTheFirstPinAndPutsThePinsUnderIt)
+{
+    const ByteVector former = codeOfFile();
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::Ok);
+    EXPECT_NE(codeOfFile(), former);
+    EXPECT_EQ(result("verify OLD3" + WITH_PIN)["whole"], true);
+    edit("UPDATE pin SET changed = 1", "OLD3");
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::FileDamaged);
+}
+
+TEST_F(FormerCodeTest, IsRenewedByTheOtherPinToo)
+{
+    const ByteVector former = codeOfFile();
+    result("unlock OLD3 --so-pin-env OFFICER_PIN --new-pin-env USER_PIN");
+    EXPECT_NE(codeOfFile(), former);
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::Ok);
+    edit("UPDATE pin SET tries_max = 6", "OLD3");
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::FileDamaged);
+}
+
+TEST_F(FormerCodeTest, StillGuardsWhatIsUnderIt)
+{
+    edit("UPDATE device SET label = 'Another'", "OLD3");
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::FileDamaged);
+    EXPECT_EQ(openedAnew("OLD3"), SoftkeyStatus::FileDamaged) << "refused contents do not get a new code";
 }
 
 // ---- verify ----

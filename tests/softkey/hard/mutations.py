@@ -18,6 +18,8 @@ EDITS = (
     "UPDATE device SET authenticator = x''",
     "UPDATE device SET authenticator = randomblob(32)",
     "UPDATE pin SET tries_left = 0 WHERE role = 1",
+    "UPDATE pin SET tries_max = tries_max - 1, tries_left = 1",
+    "UPDATE pin SET changed = 1 - changed",
     "UPDATE pin SET salt = randomblob(16) WHERE role = 1",
     "UPDATE pin SET salt = (SELECT salt FROM pin WHERE role = 2) WHERE role = 1",
     "UPDATE pin SET scrypt_log_n = 5 WHERE role = 1",
