@@ -80,6 +80,8 @@ SecretBuffer openPrivateKey(Database& database, const VelkorKeyPair& record, Byt
 }
 
 constexpr const char* SELECT_KEY_PAIR = "SELECT id FROM key_pair WHERE identifier = ?";
+constexpr const char* SELECT_KEY_PAIR_FOR_ALL_PADDINGS =
+    "SELECT id FROM key_pair WHERE identifier = ? AND oaep_only = 0";
 constexpr const char* SELECT_CERTIFICATE = "SELECT id FROM certificate WHERE identifier = ?";
 
 void deleteObject(Database& database, const char* statement, const Identifier& identifier)
@@ -140,6 +142,10 @@ void storeKeyPair(Database& database, NewKeyPair& keyPair)
     VelkorKeyPair& record = keyPair.record;
     const Bytes identifier(record.keyIdentifier);
     record.id = existingNumber(database, SELECT_KEY_PAIR, identifier);
+    // A key pair that is there keeps its paddings: whoever wants OAEP alone is not to believe that they have it.
+    if (record.deviceFlag && existingNumber(database, SELECT_KEY_PAIR_FOR_ALL_PADDINGS, identifier) != 0)
+        throw Refusal(SoftkeyStatus::BadArgument,
+                      "that key pair is there already and takes PKCS #1 v1.5 too; delete it first");
     if (record.id != 0)
         return applyKeyPairAttributes(database, identifier, {objectIdOf(record), record.label});
     record.id = smallestFreeNumber(database, "SELECT id FROM key_pair ORDER BY id");

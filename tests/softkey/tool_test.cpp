@@ -1,6 +1,7 @@
 // The command-line tool, run as its users run it.
 #include "tool_fixture.h"
 
+#include <cstdlib>
 #include <set>
 
 namespace softkey::test
@@ -294,6 +295,56 @@ TEST_F(ToolTest, KeysAndCertificatesGoOnAKeyAndComeOff)
     EXPECT_EQ(keyPairs().size(), 1U);
     EXPECT_TRUE(certificates().empty());
     expectFailure("export-certificate KEY1 1", 5);
+}
+
+class OaepOnlyTest : public ToolTest
+{
+protected:
+    /// The status of the decryption of a block under that padding.
+    int decrypted(const VelkorKeyPair& key, PaddingMode padding) const
+    {
+        const Data plaintext = bytesOf("secret"), publicKey = publicKeyInfo(key);
+        Data ciphertext(256);
+        int size = length(ciphertext);
+        EXPECT_EQ(velkor_encrypt(EncryptionType::Rsa2048, padding, plaintext.data(), length(plaintext),
+                                 ciphertext.data(), &size, publicKey.data(), length(publicKey), instance),
+                  0);
+        unsigned char* out = nullptr;
+        int outSize = 0;
+        const int status = velkor_decrypt(SERIAL, key.keyIdentifier, PIN, ciphertext.data(), size, &out, &outSize,
+                                          key.deviceFlag, instance);
+        EXPECT_TRUE(status != 0 || Data(out, out + outSize) == plaintext);
+        std::free(out);
+        return status;
+    }
+    bool isOaepOnly() const { return result("info KEY1")["keyPairs"][0]["oaepOnly"]; }
+};
+
+TEST_F(OaepOnlyTest, AGeneratedKeyPairRefusesTheOtherPadding)
+{
+    result("generate KEY1 RSA-2048 --oaep-only" + WITH_PIN);
+    EXPECT_TRUE(isOaepOnly());
+    EXPECT_EQ(decrypted(keyPairs()[0], PaddingMode::Oaep), 0);
+    EXPECT_EQ(decrypted(keyPairs()[0], PaddingMode::Pkcs1), code(SoftkeyStatus::DecryptionFailed));
+    expectFailure("generate KEY1 P-256 --oaep-only" + WITH_PIN, 1);
+}
+
+TEST_F(OaepOnlyTest, AKeyPairThatIsThereWithBothPaddingsIsNotTakenForOne)
+{
+    makeKeyAndCertificate();
+    result("import-key KEY1 " + path("k.pem") + " --label before" + WITH_PIN);
+    const std::string again = "import-key KEY1 " + path("k.pem") + " --label after" + WITH_PIN;
+    const Outcome refused = tool(again + " --oaep-only");
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.error.find("delete it first"), std::string::npos) << refused.error;
+    EXPECT_STREQ(keyPairs()[0].label, "before");
+    EXPECT_EQ(decrypted(keyPairs()[0], PaddingMode::Pkcs1), 0);
+    result("delete KEY1 --key 1" + WITH_PIN);
+    result(again + " --oaep-only");
+    EXPECT_TRUE(isOaepOnly());
+    result(again);
+    EXPECT_TRUE(isOaepOnly()) << "what is there stays stricter";
+    result(again + " --oaep-only");
 }
 
 TEST_F(ToolTest, KeyFilesOfEveryForm)
