@@ -1,5 +1,6 @@
 #include "store/key_creation.h"
 
+#include "platform/default_folder.h"
 #include "platform/draft.h"
 #include "platform/file_lock.h"
 #include "store/authenticity.h"
@@ -36,6 +37,22 @@ void insertDevice(Database& database, const KeySettings& settings)
         .run();
 }
 
+/// With a slash at its end, whether the folder is there or not.
+std::filesystem::path wholePath(const std::filesystem::path& folder)
+{
+    std::error_code failure;
+    return std::filesystem::weakly_canonical(folder, failure) / "";
+}
+
+/// Whoever takes the keys' folder away would have the secret with the keys that are bound to it.
+void requireSecretElsewhere(const std::filesystem::path& folder)
+{
+    const std::filesystem::path secret = machineSecretFile();
+    if (wholePath(secret.parent_path()) == wholePath(folder))
+        throw Refusal(SoftkeyStatus::BadArgument,
+                      "the machine's secret would lie in the keys' folder: " + secret.string());
+}
+
 /// What both PINs of a new key go around.
 struct Wrapped {
     const std::filesystem::path& folder;
@@ -66,6 +83,8 @@ void createKeyFile(const std::filesystem::path& folder, const KeySettings& setti
     requirePinLength(userPin);
     requirePinLength(soPin);
     requireDifferent(userPin, soPin);
+    if (settings.boundToMachine)
+        requireSecretElsewhere(folder);
     Wrapped wrapped{folder, settings, SecretBuffer(SEALING_KEY_SIZE),
                     settings.boundToMachine ? bindToMachine() : ByteVector()};
     randomBytes({wrapped.masterKey.data(), wrapped.masterKey.size()});

@@ -97,6 +97,24 @@ TEST_F(MachineTest, ASecretThatCannotBeMadeMakesNoKey)
     EXPECT_FALSE(std::filesystem::exists(keyPath("NONE")));
 }
 
+TEST_F(MachineTest, ASecretThatLiesWithTheKeysBindsNone)
+{
+    KeySettings settings = cheapSettings("NONE");
+    settings.boundToMachine = true;
+    for (const std::filesystem::path& place : {home.path(), home.path() / "none" / ".."}) {
+        test_system::setEnvironment("VELKOR_SOFTKEY_MACHINE_SECRET", (place / "secret").string());
+        try {
+            createKeyFile(home.path(), settings, PIN, SO_PIN);
+            ADD_FAILURE() << place;
+        } catch (const Refusal& refusal) {
+            EXPECT_EQ(refusal.status(), SoftkeyStatus::BadArgument);
+            EXPECT_NE(std::string(refusal.what()).find("keys' folder"), std::string::npos) << refusal.what();
+        }
+        EXPECT_FALSE(std::filesystem::exists(home.path() / "secret"));
+        EXPECT_FALSE(std::filesystem::exists(keyPath("NONE")));
+    }
+}
+
 #ifndef _WIN32
 TEST_F(MachineTest, TheSecretIsItsUsersAloneOrOfNoUse)
 {
