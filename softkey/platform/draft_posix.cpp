@@ -21,6 +21,17 @@ void removeCompanions(const std::filesystem::path& file)
         unlink(companion.c_str());
 }
 
+/// Gives a file its name unless something has that already; the number of the error, or 0.
+int publishAs(const std::filesystem::path& file, const std::filesystem::path& name)
+{
+    // Neither way replaces what is there. FAT has no links; NFS has no such renaming.
+    if (link(file.c_str(), name.c_str()) == 0)
+        return 0;
+    if (errno != EPERM && errno != EOPNOTSUPP)
+        return errno;
+    return renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+}
+
 /// While it lives, nobody who has the file open begins a change, whose journal would stand beside another file then.
 class StandingStill
 {
@@ -61,8 +72,7 @@ void Draft::publish(const std::filesystem::path& destination) const
     // A journal without its file, which was taken away by hand, would be played into the new one.
     if (access(destination.c_str(), F_OK) != 0)
         removeCompanions(destination);
-    // A link, unlike a renaming, never replaces a key that is there.
-    const int failure = link(path_.c_str(), destination.c_str()) == 0 ? 0 : errno;
+    const int failure = publishAs(path_, destination);
     require(failure != EEXIST, SoftkeyStatus::AlreadyExists);
     require(failure == 0, SoftkeyStatus::StorageFailed);
     const Descriptor folder(destination.parent_path(), O_RDONLY | O_DIRECTORY);

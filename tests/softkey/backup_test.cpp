@@ -7,6 +7,28 @@
 #include <atomic>
 #include <thread>
 
+#ifndef _WIN32
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace
+{
+
+std::atomic<int> linkFailure{0}; ///< The error that every link fails with; 0: none.
+
+} // namespace
+
+// What the key's own code calls in this program.
+extern "C" int link(const char* file, const char* name) noexcept
+{
+    if (linkFailure == 0)
+        return linkat(AT_FDCWD, file, AT_FDCWD, name, 0);
+    errno = linkFailure;
+    return -1;
+}
+#endif
+
 namespace softkey::test
 {
 namespace
@@ -75,6 +97,28 @@ TEST_F(BackupTest, ALinkIsNotReplacedByABackup)
     expectFailure("restore --yes " + backup(), 9);
     EXPECT_TRUE(std::filesystem::is_symlink(keyPath()));
     EXPECT_EQ(readFile(target), before);
+}
+#endif
+
+#ifndef _WIN32
+TEST_F(BackupTest, WhereThereAreNoLinksABackupIsMadeAllTheSame)
+{
+    generate(KEY_KIND_EC_P256);
+    for (const int failure : {EPERM, EOPNOTSUPP}) {
+        linkFailure = failure;
+        const std::filesystem::path copy = path("copy" + std::to_string(failure));
+        backUp(otherProcess()->file(), copy);
+        EXPECT_TRUE(isWhole(copy));
+        const Data before = readFile(copy);
+        EXPECT_THROW(backUp(otherProcess()->file(), copy), Refusal) << "what is there is not replaced";
+        EXPECT_EQ(readFile(copy), before);
+    }
+    linkFailure = EIO;
+    EXPECT_THROW(backUp(otherProcess()->file(), path("none")), Refusal);
+    linkFailure = 0;
+    EXPECT_FALSE(std::filesystem::exists(path("none")));
+    for (const auto& file : std::filesystem::directory_iterator(scratch.path()))
+        EXPECT_FALSE(file.path().filename().string().starts_with('.')) << file.path();
 }
 #endif
 
