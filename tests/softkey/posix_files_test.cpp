@@ -232,13 +232,18 @@ TEST_F(PosixFilesTest, ALinkThroughAFolderThatOthersMayWriteIsRefused)
     velkor_createInstance(&instance);
 }
 
-TEST_F(PosixFilesTest, AFileThatOthersMayReadIsWarnedOf)
+TEST_F(PosixFilesTest, AFileOrFolderThatOthersMayReadIsWarnedOf)
 {
-    EXPECT_EQ(tool("info KEY1").error, "");
-    std::filesystem::permissions(keyPath(), std::filesystem::perms::others_read, std::filesystem::perm_options::add);
-    const Outcome told = tool("info KEY1");
-    EXPECT_EQ(told.exitCode, 0);
-    EXPECT_NE(told.error.find("warning: others may read " + keyPath().string()), std::string::npos) << told.error;
+    using std::filesystem::perm_options;
+    using std::filesystem::perms;
+    for (const std::filesystem::path& path : {keyPath(), home.path()}) {
+        EXPECT_EQ(tool("info KEY1").error, "");
+        std::filesystem::permissions(path, perms::others_read, perm_options::add);
+        const Outcome told = tool("info KEY1");
+        EXPECT_EQ(told.exitCode, 0);
+        EXPECT_EQ(told.error, "velkor-softkey: warning: others may read " + path.string() + "\n");
+        std::filesystem::permissions(path, perms::others_read, perm_options::remove);
+    }
 }
 
 TEST_F(PosixFilesTest, RemovingALinkRemovesTheKeyThatItLeadsTo)
