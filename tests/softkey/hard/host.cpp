@@ -165,6 +165,7 @@ int main()
     stopInChild();
     require(C_Logout(session), 19);
     stopAt("left");
+    stopInChild();
     if (signs(keys.front())) // The library learns of the logout by the next call for the key.
         return 20;
     stopAt("refused");

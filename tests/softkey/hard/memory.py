@@ -119,6 +119,8 @@ def memory(folder, material):
     host.stop("left")
     require_gone(host.process.pid, {"PIN": secrets["PIN"]}, "after C_Logout")
     host.go_on()
+    require_gone(int(host.stop("forked")[0]), secrets, "in a child forked after C_Logout")
+    host.go_on()
     host.stop("refused")
     require_gone(host.process.pid, secrets, "after C_Logout and the next call")
     host.go_on()
