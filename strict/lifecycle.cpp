@@ -156,6 +156,7 @@ void takePinAway(State& state)
 
 CK_RV initialize(CK_VOID_PTR pInitArgs)
 {
+    createLogFolders(); // The process may have become another user's since it loaded the library.
     const CK_RV result = checkArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (result != CKR_OK)
         return result;

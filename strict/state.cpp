@@ -65,18 +65,6 @@ void inChild()
     forkGuard = nullptr;
 }
 
-/// The log makes one level of its folders with each line and tells of the missing ones on standard output.
-void createLogFolders()
-{
-    constexpr int LEVELS = 4;
-    char base[1024];
-    if (getLogBaseFolderPath(base, sizeof base) != 0)
-        return;
-    const std::string path = std::string(base) + "/Brenmoor/" + getProcessBaseName() + "/";
-    for (int level = 0; level < LEVELS && createFolderPath(path) == -1; ++level) {
-    }
-}
-
 /// What is done once, when the library is loaded.
 struct Loading {
     Loading()
@@ -94,6 +82,18 @@ const Loading loading;
 State& state()
 {
     return *current.load(std::memory_order_acquire);
+}
+
+/// The log makes one level with each line, and tells of the missing ones on standard output.
+void createLogFolders()
+{
+    constexpr int LEVELS = 4;
+    char base[1024];
+    if (getLogBaseFolderPath(base, sizeof base) != 0)
+        return;
+    const std::string path = std::string(base) + "/Brenmoor/" + getProcessBaseName() + "/";
+    for (int level = 0; level < LEVELS && createFolderPath(path) == -1; ++level) {
+    }
 }
 
 std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience)

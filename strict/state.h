@@ -90,6 +90,9 @@ struct State {
 
 State& state();
 
+/// Makes all folders of the log where its lines go now: those of the process's user and temporary folder of the moment.
+void createLogFolders();
+
 /// The lock is not held where it could not be had in time.
 std::unique_lock<std::mutex> lockInTime(std::mutex& mutex, std::chrono::milliseconds patience);
 

@@ -1,4 +1,5 @@
 // The host on POSIX systems: how it loads the library, and the ways to end that only they have.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -61,6 +62,21 @@ void execute()
     const std::string self = programFile();
     execl(self.c_str(), self.c_str(), path.c_str(), "cycles", static_cast<char*>(nullptr));
     REQUIRE(false);
+}
+
+/// As a worker that has become another user than the server that loaded the library: the log is elsewhere from then on.
+void moveLogAfterLoading()
+{
+    load();
+    const std::filesystem::path folder = std::filesystem::temp_directory_path() / "moved";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    setenv("TMPDIR", folder.c_str(), 1);
+    int reserved = 0;
+    CK_C_INITIALIZE_ARGS arguments{nullptr, nullptr, nullptr, nullptr, 0, &reserved};
+    REQUIRE(p11->C_Initialize(&arguments) == CKR_ARGUMENTS_BAD);
+    const std::filesystem::recursive_directory_iterator files(folder);
+    REQUIRE(std::any_of(begin(files), end(files), [](const auto& file) { return file.is_regular_file(); }));
 }
 
 /// The front's names are then everybody's, the module's own included.
@@ -160,5 +176,6 @@ Ways waysOfThisSystem()
              execute();
          }},
         {"global", loadedGlobally},
+        {"log-moved", moveLogAfterLoading},
     };
 }
