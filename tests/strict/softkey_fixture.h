@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -65,7 +66,8 @@ inline const CK_FUNCTION_LIST& front()
     return *list;
 }
 
-/// How often the key has refused a user's PIN; a right one afterwards gives the tries back, and hides that.
+/// How often the key has refused a user's PIN, at a login or with a key; a right one afterwards gives the tries back,
+/// and hides that.
 inline int refusedPins()
 {
     int count = 0;
@@ -73,7 +75,7 @@ inline int refusedPins()
     for (const auto& file : std::filesystem::directory_iterator(folder)) {
         std::ifstream stream(file.path());
         for (std::string line; std::getline(stream, line);)
-            count += line.find("Token password validation failed : 312") != std::string::npos ? 1 : 0;
+            count += std::string_view(line).ends_with("failed : 312") ? 1 : 0;
     }
     return count;
 }
