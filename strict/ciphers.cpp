@@ -129,6 +129,7 @@ CK_RV inOnePart(const char* name, Session& session, const Direction& direction, 
         return endUnless(operation, refuse(CKR_OPERATION_ACTIVE, name, ": an operation in parts is active"), false);
     if (output.length == nullptr || (data.data() == nullptr && !data.empty()))
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, name, ": an argument is NULL"), false);
+    operation->way = Way::InOnePart;
     operation->isFinished = operation->isFinished && sameBytes(operation->input, data);
     return transformInto(name, session, direction, data, output);
 }
@@ -139,6 +140,8 @@ CK_RV update(const char* name, Session& session, const Direction& direction, Byt
     auto& operation = session.operations.*direction.operation;
     if (!operation)
         return refuseNotActive(name);
+    if (operation->way == Way::InOnePart)
+        return endUnless(operation, refuseParts(name), false);
     if (output.length == nullptr)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, name, ": the length is NULL"), false);
     if (operation->isFinished)
@@ -155,6 +158,8 @@ CK_RV finish(const char* name, Session& session, const Direction& direction, Out
     auto& operation = session.operations.*direction.operation;
     if (!operation)
         return refuseNotActive(name);
+    if (operation->way == Way::InOnePart)
+        return endUnless(operation, refuseParts(name), false);
     if (output.length == nullptr)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, name, ": the length is NULL"), false);
     operation->way = Way::InParts;

@@ -58,6 +58,11 @@ inline void deliver(Output output, const SecretBytes& result)
     *output.length = static_cast<CK_ULONG>(result.size());
 }
 
+inline CK_RV refuseParts(const char* name)
+{
+    return refuse(CKR_OPERATION_ACTIVE, name, ": an operation in one part is active");
+}
+
 inline CK_RV refuseNotActive(const char* name)
 {
     return refuse(CKR_OPERATION_NOT_INITIALIZED, name, ": no such operation is active");

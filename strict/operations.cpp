@@ -159,6 +159,8 @@ CK_RV addPart(const char* name, Token& token, KeyOperation& operation, Bytes par
 {
     if (part.data() == nullptr && !part.empty())
         return refuse(CKR_ARGUMENTS_BAD, name, ": pPart is NULL");
+    if (operation.way == Way::InOnePart)
+        return refuseParts(name);
     operation.way = Way::InParts;
     if (operation.mechanism->hash != nullptr)
         return operation.run.update(token, part);
@@ -223,6 +225,7 @@ CK_RV digest(Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen, Output out
         return endUnless(operation, refuse(CKR_OPERATION_ACTIVE, "C_Digest: a digest in parts is active"), false);
     if (output.length == nullptr || (pData == nullptr && ulDataLen != 0))
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, "C_Digest: an argument is NULL"), false);
+    operation->way = Way::InOnePart;
     CK_RV result = CKR_OK;
     if (answersLength("C_Digest", output, operation->hash->size, result))
         return result;
@@ -240,6 +243,8 @@ CK_RV digestUpdate(Session& session, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
     auto& operation = session.operations.digest;
     if (!operation)
         return refuseNotActive("C_DigestUpdate");
+    if (operation->way == Way::InOnePart)
+        return endUnless(operation, refuseParts("C_DigestUpdate"), false);
     if (pPart == nullptr && ulPartLen != 0)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, "C_DigestUpdate: pPart is NULL"), false);
     operation->way = Way::InParts;
@@ -252,6 +257,8 @@ CK_RV digestFinal(Session& session, Output output)
     auto& operation = session.operations.digest;
     if (!operation)
         return refuseNotActive("C_DigestFinal");
+    if (operation->way == Way::InOnePart)
+        return endUnless(operation, refuseParts("C_DigestFinal"), false);
     if (output.length == nullptr)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, "C_DigestFinal: pulDigestLen is NULL"), false);
     CK_RV result = CKR_OK;

@@ -35,7 +35,7 @@ private:
 };
 
 /// In which way an operation has been given data so far.
-enum class Way { Undecided, InParts };
+enum class Way { Undecided, InOnePart, InParts };
 
 struct DigestOperation {
     const Hash* hash = nullptr;

@@ -34,7 +34,7 @@ CK_RV prepareCall(const char* name, Token& token, KeyOperation& operation, Bytes
     const Mechanism& mechanism = *operation.mechanism;
     call.mechanism = mechanism.type;
     call.input = data;
-    const bool hashesInModule = mechanism.hash != nullptr && operation.way == Way::Undecided && mechanism.isInModule &&
+    const bool hashesInModule = mechanism.hash != nullptr && operation.way != Way::InParts && mechanism.isInModule &&
                                 !data.empty() && data.size() <= IN_ONE_CALL;
     if (hashesInModule)
         return CKR_OK;
@@ -132,6 +132,7 @@ CK_RV sign(Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen, Output outpu
         return endUnless(operation, refuse(CKR_OPERATION_ACTIVE, "C_Sign: signing in parts is active"), false);
     if (output.length == nullptr || (pData == nullptr && ulDataLen != 0))
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, "C_Sign: an argument is NULL"), false);
+    operation->way = Way::InOnePart;
     return signInto("C_Sign", session, {pData, ulDataLen}, output);
 }
 
@@ -149,6 +150,8 @@ CK_RV signFinal(Session& session, Output output)
     auto& operation = session.operations.sign;
     if (!operation)
         return refuseNotActive("C_SignFinal");
+    if (operation->way == Way::InOnePart)
+        return endUnless(operation, refuseParts("C_SignFinal"), false);
     if (output.length == nullptr)
         return endUnless(operation, refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL"), false);
     operation->way = Way::InParts;

@@ -80,6 +80,68 @@ TEST_F(StrictOperationsTest, SinglePartAndMultiPartDoNotMix)
     EXPECT_EQ(signInit(plain(CKM_SHA256_RSA_PKCS), rsaKey), CKR_OK);
 }
 
+TEST_F(StrictOperationsTest, PartsDoNotFollowAWhole)
+{
+    ByteVector out(512);
+    CK_ULONG length = 0;
+    using Answers = std::vector<CK_RV>; // In braces they are asked for in their order.
+    const Answers ended{CKR_OPERATION_ACTIVE, CKR_OPERATION_NOT_INITIALIZED};
+    const auto digestFinal = [&] { return p11.C_DigestFinal(session, out.data(), &(length = 512)); };
+    ASSERT_EQ(digestInit(CKM_SHA256), CKR_OK);
+    ASSERT_EQ(p11.C_Digest(session, data.data(), 100, nullptr, &length), CKR_OK);
+    EXPECT_EQ((Answers{digestFinal(), digestFinal()}), ended);
+    ASSERT_EQ(digestInit(CKM_SHA256), CKR_OK);
+    length = 1;
+    ASSERT_EQ(p11.C_Digest(session, data.data(), 100, out.data(), &length), CKR_BUFFER_TOO_SMALL);
+    EXPECT_EQ((Answers{p11.C_DigestUpdate(session, data.data(), 10), digestFinal()}), ended);
+
+    const auto signFinal = [&] { return p11.C_SignFinal(session, out.data(), &(length = 512)); };
+    ASSERT_EQ(signInit(plain(CKM_SHA256_RSA_PKCS), rsaKey), CKR_OK);
+    ASSERT_EQ(p11.C_Sign(session, data.data(), 100, nullptr, &length), CKR_OK);
+    EXPECT_EQ((Answers{signFinal(), signFinal()}), ended);
+    ASSERT_EQ(signInit(plain(CKM_SHA256_RSA_PKCS), rsaKey), CKR_OK);
+    length = 1;
+    ASSERT_EQ(p11.C_Sign(session, data.data(), 100, out.data(), &length), CKR_BUFFER_TOO_SMALL);
+    EXPECT_EQ((Answers{p11.C_SignUpdate(session, data.data(), 10), signFinal()}), ended);
+    EXPECT_TRUE(device->signatures().empty());
+}
+
+TEST_F(StrictOperationsTest, PartsDoNotFollowAWholeOfACipher)
+{
+    CK_MECHANISM mechanism = plain(CKM_RSA_PKCS);
+    ByteVector cipher(256);
+    CK_ULONG length = 256;
+    ASSERT_EQ(p11.C_EncryptInit(session, &mechanism, rsaPublic), CKR_OK);
+    ASSERT_EQ(p11.C_Encrypt(session, data.data(), 100, cipher.data(), &length), CKR_OK);
+    struct Direction {
+        CK_C_EncryptInit init;
+        CK_C_Encrypt whole;
+        CK_C_EncryptUpdate update;
+        CK_C_EncryptFinal final;
+        CK_OBJECT_HANDLE key;
+        ByteVector input;
+    };
+    const Direction directions[] = {
+        {p11.C_EncryptInit, p11.C_Encrypt, p11.C_EncryptUpdate, p11.C_EncryptFinal, rsaPublic, data},
+        {p11.C_DecryptInit, p11.C_Decrypt, p11.C_DecryptUpdate, p11.C_DecryptFinal, rsaKey, cipher}};
+    for (Direction direction : directions) {
+        auto* const input = direction.input.data();
+        const auto size = static_cast<CK_ULONG>(direction.input.size());
+        ByteVector out(512);
+        ASSERT_EQ(direction.init(session, &mechanism, direction.key), CKR_OK);
+        ASSERT_EQ(direction.whole(session, input, size, nullptr, &length), CKR_OK);
+        EXPECT_EQ(direction.update(session, input, 10, nullptr, &length), CKR_OPERATION_ACTIVE);
+        EXPECT_EQ(direction.final(session, out.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
+        ASSERT_EQ(direction.init(session, &mechanism, direction.key), CKR_OK);
+        length = 1;
+        ASSERT_EQ(direction.whole(session, input, size, out.data(), &length), CKR_BUFFER_TOO_SMALL);
+        EXPECT_EQ(direction.final(session, out.data(), &length), CKR_OPERATION_ACTIVE);
+        ASSERT_EQ(direction.init(session, &mechanism, direction.key), CKR_OK);
+        ASSERT_EQ(direction.update(session, input, 10, out.data(), &(length = 512)), CKR_OK);
+        EXPECT_EQ(direction.whole(session, input, size, out.data(), &(length = 512)), CKR_OPERATION_ACTIVE);
+    }
+}
+
 TEST_F(StrictOperationsTest, AnyOtherFailureEndsTheOperation)
 {
     ASSERT_EQ(digestInit(CKM_SHA256), CKR_OK);
