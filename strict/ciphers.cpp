@@ -90,7 +90,9 @@ std::size_t outputSize(const KeyOperation& operation)
 
 CK_RV transform(const char* name, Token& token, const Direction& direction, KeyOperation& operation, Bytes data)
 {
-    CK_RV result = direction.check(name, operation, data.size());
+    CK_RV result = checkLogin(name, token, operation);
+    if (result == CKR_OK)
+        result = direction.check(name, operation, data.size());
     if (result != CKR_OK)
         return result;
     result = useKeyPair(token, operation.pair, operation.contents->identity, [&](CK_SESSION_HANDLE session) {
@@ -98,7 +100,8 @@ CK_RV transform(const char* name, Token& token, const Direction& direction, KeyO
     });
     operation.isFinished = result == CKR_OK;
     operation.input = secretCopyOf(data);
-    return result == CKR_FUNCTION_FAILED ? direction.failure : result;
+    return result == CKR_FUNCTION_FAILED && direction.failure != result ? unlessPinIsWrong(token, direction.failure)
+                                                                        : result;
 }
 
 /// A ciphertext has the length of its key, so that a short buffer is told before the device works; a plaintext has to

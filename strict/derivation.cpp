@@ -115,6 +115,8 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
                                 return deriveInModule(moduleSession, base->moduleHandle, peer, secret);
                             });
     if (result == CKR_FUNCTION_FAILED)
+        result = unlessPinIsWrong(session.token, CKR_MECHANISM_PARAM_INVALID);
+    if (result == CKR_MECHANISM_PARAM_INVALID)
         return refuse(CKR_MECHANISM_PARAM_INVALID, NAME, ": the device does not take this point");
     if (result != CKR_OK)
         return result;

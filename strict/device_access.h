@@ -146,6 +146,10 @@ CK_RV usePin(Token& token, const Work& work)
     return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
 }
 
+/// Behind a failure of the device: gives it the user's PIN anew, which another process may have changed, and answers
+/// `otherwise` where it is the right one.
+CK_RV unlessPinIsWrong(Token& token, CK_RV otherwise);
+
 /// Runs `work(stay, session)` alone: it changes or deletes a key pair.
 template <typename Work>
 CK_RV changeKeys(Token& token, const Work& work)

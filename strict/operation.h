@@ -30,6 +30,9 @@ CK_RV endUnless(std::optional<Operation>& operation, CK_RV result, bool goesOn)
     return result;
 }
 
+/// Whether the user is still there who may use the operation's key.
+CK_RV checkLogin(const char* name, const Token& token, const KeyOperation& operation);
+
 /// Gathers or hashes data of an operation in parts.
 CK_RV addPart(const char* name, Token& token, KeyOperation& operation, Bytes part);
 

@@ -6,6 +6,7 @@
 
 #include "objects/handles.h"
 #include "strict/attributes.h"
+#include "strict/login.h"
 #include "strict/objects.h"
 #include "strict/operation.h"
 #include "strict/sessions.h"
@@ -152,6 +153,13 @@ CK_RV beginWithKey(Session& session, std::optional<KeyOperation>& slot, const Us
     if (mechanism->hash != nullptr)
         operation.run = HashRun(*mechanism->hash);
     slot = std::move(operation);
+    return CKR_OK;
+}
+
+CK_RV checkLogin(const char* name, const Token& token, const KeyOperation& operation)
+{
+    if (operation.key->isPrivate && !isUserLoggedIn(token))
+        return refuse(CKR_USER_NOT_LOGGED_IN, name, ": the user has logged out");
     return CKR_OK;
 }
 

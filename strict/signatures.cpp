@@ -64,7 +64,9 @@ CK_RV signInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, con
 CK_RV makeSignature(const char* name, Token& token, KeyOperation& operation, Bytes data)
 {
     Call call{};
-    const CK_RV result = prepareCall(name, token, operation, data, call);
+    CK_RV result = checkLogin(name, token, operation);
+    if (result == CKR_OK)
+        result = prepareCall(name, token, operation, data, call);
     if (result != CKR_OK)
         return result;
     return useKeyPair(token, operation.pair, operation.contents->identity, [&](CK_SESSION_HANDLE session) {

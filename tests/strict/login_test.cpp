@@ -258,6 +258,55 @@ TEST_F(StrictLoginTest, APinThatWasChangedElsewhereCostsTwoTriesAtMost)
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
+TEST_F(StrictLoginTest, AnOperationThatWasBegunBeforeTheLogoutDoesNotReachTheDevice)
+{
+    const CK_SESSION_HANDLE session = open(first);
+    CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
+    ByteVector data(256, 1);
+    ByteVector out(256);
+    CK_ULONG length = 256;
+    ASSERT_EQ(login(session), CKR_OK);
+    const CK_OBJECT_HANDLE key = privateKey(session, 2);
+    ASSERT_EQ(p11.C_SignInit(session, &mechanism, key), CKR_OK);
+    ASSERT_EQ(p11.C_DecryptInit(session, &mechanism, key), CKR_OK);
+    ASSERT_EQ(p11.C_Logout(session), CKR_OK);
+    EXPECT_EQ(p11.C_Sign(session, data.data(), 51, out.data(), &length), CKR_USER_NOT_LOGGED_IN);
+    EXPECT_EQ(p11.C_Sign(session, data.data(), 51, out.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
+    EXPECT_EQ(p11.C_Decrypt(session, data.data(), 256, out.data(), &length), CKR_USER_NOT_LOGGED_IN);
+    EXPECT_EQ(p11.C_Decrypt(session, data.data(), 256, out.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
+    EXPECT_EQ(device->pinsSeen(FIRST_DEVICE), std::vector<std::string>{"1234"});
+}
+
+TEST_F(StrictLoginTest, APinThatWasChangedElsewhereIsNoFaultOfTheData)
+{
+    const CK_SESSION_HANDLE session = open(first);
+    ByteVector cipher(256, 1);
+    ByteVector point(65, 0x31);
+    point[0] = 0x04;
+    CK_ECDH1_DERIVE_PARAMS parameter{CKD_NULL, 0, nullptr, 65, point.data()};
+    const auto use = [&](bool derives) {
+        CK_MECHANISM cipherMechanism = {CKM_RSA_PKCS, nullptr, 0};
+        CK_MECHANISM derivation = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
+        const CK_OBJECT_HANDLE key = privateKey(session, derives ? 5 : 2);
+        ByteVector out(256);
+        CK_ULONG length = 256;
+        CK_OBJECT_HANDLE secret = 0;
+        device->setUserPin(FIRST_DEVICE, "new-pin");
+        if (derives)
+            return p11.C_DeriveKey(session, &derivation, key, nullptr, 0, &secret);
+        EXPECT_EQ(p11.C_DecryptInit(session, &cipherMechanism, key), CKR_OK);
+        return p11.C_Decrypt(session, cipher.data(), 256, out.data(), &length);
+    };
+    for (const bool derives : {false, true}) {
+        device->setUserPin(FIRST_DEVICE, "1234");
+        ASSERT_EQ(login(session), CKR_OK);
+        ASSERT_EQ(signWith(session, privateKey(session, 2)), CKR_OK);
+        EXPECT_EQ(use(derives), CKR_USER_NOT_LOGGED_IN);
+        EXPECT_EQ(device->triesLeft(FIRST_DEVICE), 8);
+        EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
+    }
+}
+
 TEST_F(StrictLoginTest, ATokenThatHasGoneIsNoWrongPin)
 {
     const CK_SESSION_HANDLE session = open(first);
