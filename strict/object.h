@@ -61,7 +61,8 @@ struct Object {
 
     // Under State::lock.
     Fate fate = Fate::Live;
-    bool ownsPair = false; ///< The pair on the token goes with the session.
+    bool ownsPair = false;    ///< The pair on the token goes with the session.
+    bool followsPair = false; ///< A copy of the other half keeps the session's pair on the token; one of this may too.
     bool isModifiable = true;
     bool isCopyable = true;
     std::shared_ptr<const Contents> contents; ///< Null until they are read.

@@ -116,30 +116,40 @@ CK_RV readPublicKey(const Template& wanted, Contents& contents)
     return CKR_OK;
 }
 
+/// Gives a pair the label and ID of a template, where it has them.
+CK_RV renamePair(Session& session, CK_OBJECT_HANDLE half, const Template& wanted)
+{
+    std::vector<CK_ATTRIBUTE> names;
+    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
+        if ((entry.type == CKA_LABEL || entry.type == CKA_ID) && entry.ulValueLen != 0)
+            names.push_back(entry);
+    }
+    return names.empty() ? CKR_OK : setAttributeValue(session, half, names.data(), static_cast<CK_ULONG>(names.size()));
+}
+
+/// The token's own half of a pair, with the names of a template.
+CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
+{
+    ObjectPtr object;
+    {
+        const std::scoped_lock lock(state().lock);
+        object = objectOf(state(), session.token, moduleHandle);
+        object->fate = Fate::Live;
+    }
+    const CK_RV result = renamePair(session, object->handle, wanted);
+    if (result == CKR_OK)
+        *phObject = object->handle;
+    return result;
+}
+
 /// The token has public keys as halves of pairs only: to create one there is to name its pair.
 CK_RV nameHalfOfPair(Session& session, const Template& wanted, bool isThere, CK_ULONG number,
                      CK_OBJECT_HANDLE_PTR phObject)
 {
     if (!isThere)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps public keys with their pair only");
-    CK_RV result = checkMayWrite(CREATE, session);
-    if (result != CKR_OK)
-        return result;
-    ObjectPtr object;
-    {
-        const std::scoped_lock lock(state().lock);
-        object = objectOf(state(), session.token, PUBLIC_KEY_BASE + number);
-        object->fate = Fate::Live;
-    }
-    std::vector<CK_ATTRIBUTE> names;
-    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if ((entry.type == CKA_LABEL || entry.type == CKA_ID) && entry.ulValueLen != 0)
-            names.push_back(entry);
-    }
-    if (!names.empty())
-        result = setAttributeValue(session, object->handle, names.data(), static_cast<CK_ULONG>(names.size()));
-    *phObject = object->handle;
-    return result;
+    const CK_RV result = checkMayWrite(CREATE, session);
+    return result == CKR_OK ? giveHalf(session, PUBLIC_KEY_BASE + number, wanted, phObject) : result;
 }
 
 CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -250,6 +260,7 @@ CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& w
     copy->owner = session.handle;
     copy->isPrivate = isPrivate;
     copy->ownsPair = false;
+    copy->followsPair = false;
     copy->isModifiable = wanted.flag(CKA_MODIFIABLE, source->isModifiable);
     copy->isCopyable = wanted.flag(CKA_COPYABLE, source->isCopyable);
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {
@@ -273,6 +284,7 @@ CK_OBJECT_HANDLE letPairStay(const Object& source, const Wishes& wishes)
         if (mapped == token.tokenObjects.end())
             continue;
         mapped->second->ownsPair = false;
+        mapped->second->followsPair = mapped->second.get() != &source;
         token.tokenObjects.erase(mapped);
     }
     const ObjectPtr copy = objectOf(state, token, source.moduleHandle);
@@ -289,15 +301,30 @@ CK_RV keepPair(Session& session, const ObjectPtr& source, const Template& wanted
         result = checkNames(COPY, wanted);
     if (result != CKR_OK)
         return result;
-    std::vector<CK_ATTRIBUTE> names;
-    for (const CK_ATTRIBUTE& entry : wanted.entries()) {
-        if ((entry.type == CKA_LABEL || entry.type == CKA_ID) && entry.ulValueLen != 0)
-            names.push_back(entry);
-    }
-    if (!names.empty())
-        result = setAttributeValue(session, source->handle, names.data(), static_cast<CK_ULONG>(names.size()));
+    result = renamePair(session, source->handle, wanted);
     if (result == CKR_OK)
         *phNewObject = letPairStay(*source, wishesOf(wanted));
+    return result;
+}
+
+/// Whether the half of a former session pair has yet to follow the other one, which a copy keeps on the token.
+bool followsPair(const Object& object)
+{
+    const std::scoped_lock lock(state().lock);
+    return object.followsPair;
+}
+
+CK_RV followPair(Session& session, const ObjectPtr& source, const Template& wanted, CK_OBJECT_HANDLE_PTR phNewObject)
+{
+    CK_RV result = checkMayWrite(COPY, session);
+    if (result == CKR_OK)
+        result = checkNames(COPY, wanted);
+    if (result == CKR_OK) // Another process may have put another pair in its place.
+        result = readContents(COPY, session.token, source, CKR_OBJECT_HANDLE_INVALID);
+    if (result == CKR_OK)
+        result = giveHalf(session, source->moduleHandle, wanted, phNewObject);
+    const std::scoped_lock lock(state().lock);
+    source->followsPair = result != CKR_OK;
     return result;
 }
 
@@ -306,6 +333,8 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
 {
     if (isKey(view.objectClass) && !view.isTokenObject && staysOnDevice(*source))
         return keepPair(session, source, wanted, phNewObject);
+    if (followsPair(*source))
+        return followPair(session, source, wanted, phNewObject);
     if (view.objectClass != CKO_CERTIFICATE || view.isTokenObject)
         return refuse(CKR_TEMPLATE_INCONSISTENT, COPY, ": the token cannot hold this twice, handle=", source->handle);
     if (wanted.flag(CKA_PRIVATE, view.isPrivate))

@@ -225,6 +225,45 @@ TEST_F(StrictObjectsTest, CopyingMakesASessionPairStay)
     EXPECT_EQ(pairsOnDevice(), 8U);
 }
 
+TEST_F(StrictObjectsTest, BothHalvesOfASessionPairAreCopiedInAnyOrder)
+{
+    for (const bool isPrivateFirst : {true, false}) {
+        const std::size_t before = pairsOnDevice();
+        const KeyPair pair = generateP256(CK_FALSE);
+        const CK_OBJECT_HANDLE halves[] = {isPrivateFirst ? pair.privateKey : pair.publicKey,
+                                           isPrivateFirst ? pair.publicKey : pair.privateKey};
+        std::string label = isPrivateFirst ? "private first" : "public first";
+        CK_OBJECT_HANDLE kept[2] = {};
+        ASSERT_EQ(copy(halves[0], {attribute(CKA_TOKEN, yes)}, kept[0]), CKR_OK);
+        ASSERT_EQ(copy(halves[1], {attribute(CKA_TOKEN, yes), attribute(CKA_LABEL, label)}, kept[1]), CKR_OK);
+        EXPECT_TRUE(flag(session, kept[0], CKA_TOKEN));
+        EXPECT_TRUE(flag(session, kept[1], CKA_TOKEN));
+        EXPECT_EQ(
+            find(session, {attribute(CKA_CLASS, privateClass), attribute(CKA_LABEL, label), attribute(CKA_TOKEN, yes)}),
+            Handles{isPrivateFirst ? kept[0] : kept[1]});
+        EXPECT_EQ(
+            find(session, {attribute(CKA_CLASS, publicClass), attribute(CKA_LABEL, label), attribute(CKA_TOKEN, yes)}),
+            Handles{isPrivateFirst ? kept[1] : kept[0]});
+        for (const CK_OBJECT_HANDLE half : halves)
+            EXPECT_EQ(copy(half, {attribute(CKA_TOKEN, yes)}, kept[0]), CKR_TEMPLATE_INCONSISTENT);
+        const CK_SESSION_HANDLE other = open(slots()[0]);
+        EXPECT_EQ(p11.C_CloseSession(session), CKR_OK);
+        session = other;
+        EXPECT_EQ(pairsOnDevice(), before + 1);
+        EXPECT_EQ(signWith(findOne(session, CKO_PRIVATE_KEY, label)), CKR_OK);
+    }
+}
+
+TEST_F(StrictObjectsTest, TheSecondHalfIsCopiedInASessionThatMayWrite)
+{
+    const KeyPair pair = generateP256(CK_FALSE);
+    CK_OBJECT_HANDLE kept = 0;
+    ASSERT_EQ(copy(pair.privateKey, {attribute(CKA_TOKEN, yes)}, kept), CKR_OK);
+    CK_ATTRIBUTE onToken = attribute(CKA_TOKEN, yes);
+    EXPECT_EQ(p11.C_CopyObject(open(slots()[0], READ_ONLY), pair.publicKey, &onToken, 1, &kept), CKR_SESSION_READ_ONLY);
+    EXPECT_EQ(copy(pair.publicKey, {onToken}, kept), CKR_OK);
+}
+
 TEST_F(StrictObjectsTest, CopiesForTheSessionHaveNamesOfTheirOwn)
 {
     const CK_OBJECT_HANDLE key = privateKey(session, 5);
