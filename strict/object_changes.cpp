@@ -261,6 +261,8 @@ CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& w
     copy->isPrivate = isPrivate;
     copy->ownsPair = false;
     copy->followsPair = false;
+    if (copy->objectClass == CKO_CERTIFICATE)
+        copy->moduleHandle = 0; // Its contents are all there is to it.
     copy->isModifiable = wanted.flag(CKA_MODIFIABLE, source->isModifiable);
     copy->isCopyable = wanted.flag(CKA_COPYABLE, source->isCopyable);
     for (const CK_ATTRIBUTE& entry : wanted.entries()) {

@@ -397,6 +397,18 @@ TEST_F(StrictObjectsTest, ACertificateOfTheSessionStaysInTheFront)
     EXPECT_EQ(device->devices[FIRST_DEVICE].certificates.size(), 3U);
 }
 
+TEST_F(StrictObjectsTest, ACopyOfACertificateOutlivesIt)
+{
+    const CK_OBJECT_HANDLE certificate = findOne(session, CKO_CERTIFICATE, "certificate 1");
+    const ByteVector der = value(session, certificate, CKA_VALUE);
+    CK_OBJECT_HANDLE kept = 0;
+    ASSERT_EQ(copy(certificate, {attribute(CKA_TOKEN, no)}, kept), CKR_OK);
+    ASSERT_EQ(p11.C_DestroyObject(session, certificate), CKR_OK);
+    EXPECT_EQ(value(session, kept, CKA_VALUE), der);
+    EXPECT_EQ(findOne(session, CKO_CERTIFICATE, "certificate 1"), kept);
+    EXPECT_EQ(p11.C_DestroyObject(session, kept), CKR_OK);
+}
+
 TEST_F(StrictObjectsTest, APublicKeyOfAPairVerifies)
 {
     ByteVector modulus = value(session, publicKey(session, 2), CKA_MODULUS);

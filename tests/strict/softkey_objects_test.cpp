@@ -242,6 +242,8 @@ TEST_F(StrictSoftkeyObjectsTest, CertificatesComeAndGo)
     EXPECT_EQ(value(session, copy, CKA_VALUE), der);
     EXPECT_EQ(p11().C_DestroyObject(session, stored), CKR_OK);
     EXPECT_EQ(ask(session, stored, CKA_VALUE), CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(value(session, copy, CKA_VALUE), der);
+    EXPECT_EQ(find(session, {attributeOf(CKA_SUBJECT, subject)}), Handles{copy});
     ByteVector noDer{1, 2, 3};
     EXPECT_EQ(
         create(session,
