@@ -57,7 +57,7 @@ CK_RV createInModule(Session& session, std::vector<CK_ATTRIBUTE>& attributes, CK
 }
 
 CK_RV storeCertificate(const char* name, Session& session, const SecretBytes& der, const SecretBytes& label,
-                       const SecretBytes& id, CK_OBJECT_HANDLE_PTR phObject)
+                       const SecretBytes& id, const Wishes& wishes, CK_OBJECT_HANDLE_PTR phObject)
 {
     CK_RV result = checkMayWrite(name, session);
     if (result != CKR_OK)
@@ -73,6 +73,7 @@ CK_RV storeCertificate(const char* name, Session& session, const SecretBytes& de
     const std::scoped_lock lock(state().lock);
     const ObjectPtr object = objectOf(state(), session.token, created);
     object->contents.reset(); // The device may have put it in the place of the same certificate.
+    object->isCopyable = wishes.isCopyable;
     *phObject = object->handle;
     return CKR_OK;
 }
@@ -89,7 +90,8 @@ CK_RV createCertificate(Session& session, const Template& wanted, CK_OBJECT_HAND
         if (wanted.flag(CKA_PRIVATE, false))
             return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": certificates on the token are public");
         return storeCertificate(CREATE, session, secretCopyOf(wanted.bytes(CKA_VALUE)),
-                                secretCopyOf(wanted.bytes(CKA_LABEL)), secretCopyOf(wanted.bytes(CKA_ID)), phObject);
+                                secretCopyOf(wanted.bytes(CKA_LABEL)), secretCopyOf(wanted.bytes(CKA_ID)),
+                                wishesOf(wanted), phObject);
     }
     auto contents = std::make_shared<Contents>();
     contents->value = secretCopyOf(wanted.bytes(CKA_VALUE));
@@ -127,8 +129,9 @@ CK_RV renamePair(Session& session, CK_OBJECT_HANDLE half, const Template& wanted
     return names.empty() ? CKR_OK : setAttributeValue(session, half, names.data(), static_cast<CK_ULONG>(names.size()));
 }
 
-/// The token's own half of a pair, with the names of a template.
-CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
+/// The token's own half of a pair, with the names of a template, and tied down as the host wishes.
+CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& wanted, const Wishes& wishes,
+               CK_OBJECT_HANDLE_PTR phObject)
 {
     ObjectPtr object;
     {
@@ -137,9 +140,13 @@ CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& 
         object->fate = Fate::Live;
     }
     const CK_RV result = renamePair(session, object->handle, wanted);
-    if (result == CKR_OK)
-        *phObject = object->handle;
-    return result;
+    if (result != CKR_OK)
+        return result;
+    const std::scoped_lock lock(state().lock);
+    object->isModifiable = wishes.isModifiable;
+    object->isCopyable = wishes.isCopyable;
+    *phObject = object->handle;
+    return CKR_OK;
 }
 
 /// The token has public keys as halves of pairs only: to create one there is to name its pair.
@@ -149,7 +156,7 @@ CK_RV nameHalfOfPair(Session& session, const Template& wanted, bool isThere, CK_
     if (!isThere)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps public keys with their pair only");
     const CK_RV result = checkMayWrite(CREATE, session);
-    return result == CKR_OK ? giveHalf(session, PUBLIC_KEY_BASE + number, wanted, phObject) : result;
+    return result == CKR_OK ? giveHalf(session, PUBLIC_KEY_BASE + number, wanted, wishesOf(wanted), phObject) : result;
 }
 
 CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -249,6 +256,12 @@ bool staysOnDevice(const Object& object)
     return object.moduleHandle != 0 && (object.owner == 0 || object.ownsPair);
 }
 
+/// A copy is tied down as its original where its template says nothing else.
+Wishes wishesOfCopy(const View& view, const Template& wanted)
+{
+    return {true, wanted.flag(CKA_MODIFIABLE, view.isModifiable), wanted.flag(CKA_COPYABLE, view.isCopyable)};
+}
+
 /// Copies of one object in the front: another handle for what backs it.
 CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& wanted, CK_OBJECT_HANDLE_PTR phNewObject)
 {
@@ -296,7 +309,8 @@ CK_OBJECT_HANDLE letPairStay(const Object& source, const Wishes& wishes)
     return copy->handle;
 }
 
-CK_RV keepPair(Session& session, const ObjectPtr& source, const Template& wanted, CK_OBJECT_HANDLE_PTR phNewObject)
+CK_RV keepPair(Session& session, const ObjectPtr& source, const View& view, const Template& wanted,
+               CK_OBJECT_HANDLE_PTR phNewObject)
 {
     CK_RV result = checkMayWrite(COPY, session);
     if (result == CKR_OK)
@@ -305,7 +319,7 @@ CK_RV keepPair(Session& session, const ObjectPtr& source, const Template& wanted
         return result;
     result = renamePair(session, source->handle, wanted);
     if (result == CKR_OK)
-        *phNewObject = letPairStay(*source, wishesOf(wanted));
+        *phNewObject = letPairStay(*source, wishesOfCopy(view, wanted));
     return result;
 }
 
@@ -316,7 +330,8 @@ bool followsPair(const Object& object)
     return object.followsPair;
 }
 
-CK_RV followPair(Session& session, const ObjectPtr& source, const Template& wanted, CK_OBJECT_HANDLE_PTR phNewObject)
+CK_RV followPair(Session& session, const ObjectPtr& source, const View& view, const Template& wanted,
+                 CK_OBJECT_HANDLE_PTR phNewObject)
 {
     CK_RV result = checkMayWrite(COPY, session);
     if (result == CKR_OK)
@@ -324,7 +339,7 @@ CK_RV followPair(Session& session, const ObjectPtr& source, const Template& want
     if (result == CKR_OK) // Another process may have put another pair in its place.
         result = readContents(COPY, session.token, source, CKR_OBJECT_HANDLE_INVALID);
     if (result == CKR_OK)
-        result = giveHalf(session, source->moduleHandle, wanted, phNewObject);
+        result = giveHalf(session, source->moduleHandle, wanted, wishesOfCopy(view, wanted), phNewObject);
     const std::scoped_lock lock(state().lock);
     source->followsPair = result != CKR_OK;
     return result;
@@ -334,9 +349,9 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
                   CK_OBJECT_HANDLE_PTR phNewObject)
 {
     if (isKey(view.objectClass) && !view.isTokenObject && staysOnDevice(*source))
-        return keepPair(session, source, wanted, phNewObject);
+        return keepPair(session, source, view, wanted, phNewObject);
     if (followsPair(*source))
-        return followPair(session, source, wanted, phNewObject);
+        return followPair(session, source, view, wanted, phNewObject);
     if (view.objectClass != CKO_CERTIFICATE || view.isTokenObject)
         return refuse(CKR_TEMPLATE_INCONSISTENT, COPY, ": the token cannot hold this twice, handle=", source->handle);
     if (wanted.flag(CKA_PRIVATE, view.isPrivate))
@@ -349,7 +364,7 @@ CK_RV copyToToken(Session& session, const ObjectPtr& source, const View& view, c
         label = secretCopyOf(wanted.bytes(CKA_LABEL));
     if (wanted.has(CKA_ID))
         id = secretCopyOf(wanted.bytes(CKA_ID));
-    return storeCertificate(COPY, session, view.contents->value, label, id, phNewObject);
+    return storeCertificate(COPY, session, view.contents->value, label, id, wishesOfCopy(view, wanted), phNewObject);
 }
 
 /// A copy may have another place, label and ID, and may be tied down further; all else must be as it is.

@@ -317,6 +317,52 @@ TEST_F(StrictObjectsTest, ModifiableAndCopyableAreHonoured)
     EXPECT_EQ(copy(object, {}, twin), ACTION_PROHIBITED);
 }
 
+TEST_F(StrictObjectsTest, ModifiableAndCopyableOfTokenObjectsAreHonoured)
+{
+    const auto expectTiedDown = [&](CK_OBJECT_HANDLE object) {
+        std::string label = "other";
+        CK_ATTRIBUTE entry = attribute(CKA_LABEL, label);
+        CK_OBJECT_HANDLE twin = 0;
+        EXPECT_FALSE(flag(session, object, CKA_MODIFIABLE));
+        EXPECT_FALSE(flag(session, object, COPYABLE));
+        EXPECT_EQ(p11.C_SetAttributeValue(session, object, &entry, 1), CKR_ATTRIBUTE_READ_ONLY);
+        EXPECT_EQ(copy(object, {attribute(CKA_TOKEN, no)}, twin), ACTION_PROHIBITED);
+    };
+    KeyPair pair;
+    ASSERT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)},
+                       {attribute(CKA_TOKEN, yes), attribute(CKA_MODIFIABLE, no), attribute(COPYABLE, no)}, pair),
+              CKR_OK);
+    expectTiedDown(pair.privateKey);
+    EXPECT_TRUE(flag(session, pair.publicKey, CKA_MODIFIABLE));
+
+    ByteVector der{0x30, 0x03, 0x02, 0x01, 79};
+    device->detailsOf(der).subjectCommonName = "Fresh";
+    CK_OBJECT_HANDLE object = 0;
+    ASSERT_EQ(create({attribute(CKA_CLASS, certificateClass), attribute(CKA_TOKEN, yes), attribute(CKA_VALUE, der),
+                      attribute(COPYABLE, no)},
+                     object),
+              CKR_OK);
+    expectTiedDown(object);
+
+    ByteVector point = value(session, publicKey(session, 5), CKA_EC_POINT);
+    std::string label = "named";
+    ASSERT_EQ(create({attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, ec), attribute(CKA_EC_POINT, point),
+                      attribute(CKA_EC_PARAMS, p256), attribute(CKA_TOKEN, yes), attribute(CKA_LABEL, label),
+                      attribute(CKA_MODIFIABLE, no), attribute(COPYABLE, no)},
+                     object),
+              CKR_OK);
+    EXPECT_EQ(findOne(session, CKO_PUBLIC_KEY, label), object);
+    expectTiedDown(object);
+
+    pair = generateP256(CK_FALSE);
+    for (const CK_OBJECT_HANDLE half : {pair.privateKey, pair.publicKey}) {
+        ASSERT_EQ(
+            copy(half, {attribute(CKA_TOKEN, yes), attribute(CKA_MODIFIABLE, no), attribute(COPYABLE, no)}, object),
+            CKR_OK);
+        expectTiedDown(object);
+    }
+}
+
 TEST_F(StrictObjectsTest, DestroyingAPublicHalfHidesIt)
 {
     const CK_OBJECT_HANDLE pub = publicKey(session, 5);
