@@ -87,8 +87,8 @@ SecretBytes publicUse(const View& view, bool permitted)
 
 SecretBytes generationMechanism(const View& view)
 {
-    if (!isOfPair(view))
-        return bytesOfValue(CK_MECHANISM_TYPE{CKM_ECDH1_DERIVE});
+    if (!isOfPair(view)) // A derived key is not local.
+        return bytesOfValue(CK_UNAVAILABLE_INFORMATION);
     return bytesOfValue(CK_MECHANISM_TYPE{isEc(view) ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN});
 }
 

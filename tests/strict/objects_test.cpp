@@ -556,6 +556,8 @@ TEST_F(StrictObjectsTest, DerivedKeysAreSessionObjectsOfTheirTemplate)
     EXPECT_EQ(value(session, secret, CKA_VALUE), ByteVector(16, 0x31));
     EXPECT_EQ(number(session, secret, CKA_VALUE_LEN), 16U);
     EXPECT_EQ(number(session, secret, CKA_CLASS), CKO_SECRET_KEY);
+    EXPECT_FALSE(flag(session, secret, CKA_LOCAL));
+    EXPECT_EQ(number(session, secret, CKA_KEY_GEN_MECHANISM), CK_UNAVAILABLE_INFORMATION);
     EXPECT_FALSE(flag(session, secret, CKA_ALWAYS_SENSITIVE));
     EXPECT_FALSE(flag(session, secret, CKA_NEVER_EXTRACTABLE));
     EXPECT_EQ(findOne(session, CKO_SECRET_KEY, label), secret);
