@@ -243,6 +243,17 @@ bool isTokensToSay(CK_ATTRIBUTE_TYPE type)
            type == CKA_NEVER_EXTRACTABLE;
 }
 
+bool isTrue(const CK_ATTRIBUTE& entry)
+{
+    return entry.ulValueLen == sizeof(CK_BBOOL) && *static_cast<const CK_BBOOL*>(entry.pValue) != CK_FALSE;
+}
+
+/// What a private key may be tied to, and the device ties none to.
+bool isUnknownTie(CK_OBJECT_CLASS objectClass, CK_ATTRIBUTE_TYPE type)
+{
+    return objectClass == CKO_PRIVATE_KEY && (type == CKA_ALWAYS_AUTHENTICATE || type == CKA_WRAP_WITH_TRUSTED);
+}
+
 bool hasRightSize(Shape shape, CK_ULONG size)
 {
     switch (shape) {
@@ -346,6 +357,10 @@ CK_RV checkTemplate(const char* name, const Template& wanted, CK_OBJECT_CLASS ob
         if (!hasRightSize(row->shape, entry.ulValueLen))
             return refuse(CKR_ATTRIBUTE_VALUE_INVALID, name, ": wrong size, type=", type,
                           " ulValueLen=", CK_ULONG{entry.ulValueLen});
+        if (type == CKA_TRUSTED && isTrue(entry))
+            return refuse(CKR_ATTRIBUTE_READ_ONLY, name, ": CKA_TRUSTED cannot be set");
+        if (isUnknownTie(objectClass, type) && isTrue(entry))
+            return refuse(CKR_TEMPLATE_INCONSISTENT, name, ": the device ties no key to this, type=", type);
     }
     return CKR_OK;
 }

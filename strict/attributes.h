@@ -41,7 +41,8 @@ private:
     std::span<const CK_ATTRIBUTE> entries_;
 };
 
-/// Checks that every attribute of a template is one that such an object has, with a value of its size.
+/// Checks that every attribute of a template is one that such an object has, with a value of its size, and that none
+/// asks for what is not held to.
 CK_RV checkTemplate(const char* name, const Template& wanted, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType);
 
 } // namespace velkor::strict

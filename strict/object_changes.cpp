@@ -84,8 +84,6 @@ CK_RV createCertificate(Session& session, const Template& wanted, CK_OBJECT_HAND
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": only X.509 certificates are taken");
     if (wanted.bytes(CKA_VALUE).empty())
         return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": CKA_VALUE is missing");
-    if (wanted.flag(CKA_TRUSTED, false))
-        return refuse(CKR_ATTRIBUTE_READ_ONLY, CREATE, ": CKA_TRUSTED cannot be set");
     if (wanted.flag(CKA_TOKEN, false)) {
         if (wanted.flag(CKA_PRIVATE, false))
             return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": certificates on the token are public");

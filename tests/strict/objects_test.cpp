@@ -170,6 +170,33 @@ TEST_F(StrictObjectsTest, WhatTheTokenSaysItselfIsNotTaken)
     EXPECT_EQ(pairsOnDevice(), 7U);
 }
 
+TEST_F(StrictObjectsTest, WhatTheDeviceDoesNotHoldAKeyToIsRefused)
+{
+    KeyPair pair;
+    for (const CK_ATTRIBUTE_TYPE type : {CKA_ALWAYS_AUTHENTICATE, CKA_WRAP_WITH_TRUSTED})
+        EXPECT_EQ(
+            generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256)}, {attribute(type, yes)}, pair),
+            CKR_TEMPLATE_INCONSISTENT);
+    EXPECT_EQ(
+        generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256), attribute(CKA_TRUSTED, yes)}, {}, pair),
+        CKR_ATTRIBUTE_READ_ONLY);
+    EXPECT_EQ(pairsOnDevice(), 7U);
+    EXPECT_EQ(generate(session, CKM_EC_KEY_PAIR_GEN, {attribute(CKA_EC_PARAMS, p256), attribute(CKA_TRUSTED, no)},
+                       {attribute(CKA_ALWAYS_AUTHENTICATE, no), attribute(CKA_WRAP_WITH_TRUSTED, no)}, pair),
+              CKR_OK);
+    ByteVector modulus(256, 0x99);
+    ByteVector exponent{1, 0, 1};
+    CK_OBJECT_HANDLE object = 0;
+    EXPECT_EQ(create({attribute(CKA_CLASS, publicClass), attribute(CKA_KEY_TYPE, rsa), attribute(CKA_MODULUS, modulus),
+                      attribute(CKA_PUBLIC_EXPONENT, exponent), attribute(CKA_TRUSTED, yes)},
+                     object),
+              CKR_ATTRIBUTE_READ_ONLY);
+    EXPECT_EQ(
+        create({attribute(CKA_CLASS, certificateClass), attribute(CKA_VALUE, modulus), attribute(CKA_TRUSTED, yes)},
+               object),
+        CKR_ATTRIBUTE_READ_ONLY);
+}
+
 TEST_F(StrictObjectsTest, ASessionPairGoesWithItsSession)
 {
     const CK_SESSION_HANDLE other = open(slots()[0]);
