@@ -55,10 +55,7 @@ void keepBusy()
     }).detach();
 }
 
-namespace
-{
-
-void makeSessionPair(CK_SESSION_HANDLE session)
+CK_OBJECT_HANDLE makeSessionPair(CK_SESSION_HANDLE session)
 {
     CK_BYTE p256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
     CK_ATTRIBUTE curve = {CKA_EC_PARAMS, p256, sizeof p256};
@@ -66,7 +63,21 @@ void makeSessionPair(CK_SESSION_HANDLE session)
     CK_OBJECT_HANDLE publicKey = 0;
     CK_OBJECT_HANDLE privateKey = 0;
     REQUIRE(p11->C_GenerateKeyPair(session, &mechanism, &curve, 1, nullptr, 0, &publicKey, &privateKey) == CKR_OK);
+    return privateKey;
 }
+
+void signWith(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key)
+{
+    CK_MECHANISM mechanism = {CKM_ECDSA, nullptr, 0};
+    CK_BYTE data[32] = {};
+    CK_BYTE signature[64];
+    CK_ULONG length = sizeof signature;
+    REQUIRE(p11->C_SignInit(session, &mechanism, key) == CKR_OK);
+    REQUIRE(p11->C_Sign(session, data, sizeof data, signature, &length) == CKR_OK);
+}
+
+namespace
+{
 
 void callAfterMain()
 {
@@ -175,6 +186,21 @@ const Ways waysOfAnySystem = {
          start();
          REQUIRE(unloadLibrary(library));
          std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+     }},
+    {"unload-before-start",
+     [] {
+         load();
+         REQUIRE(unloadLibrary(library));
+         REQUIRE(p11->C_Initialize(nullptr) == CKR_OK);
+         openUserSession();
+     }},
+    {"unload-with-session-pair",
+     [] {
+         start();
+         const CK_SESSION_HANDLE session = openUserSession();
+         const CK_OBJECT_HANDLE key = makeSessionPair(session);
+         REQUIRE(unloadLibrary(library));
+         signWith(session, key);
      }},
     {"unload-while-ending",
      [] {

@@ -25,6 +25,10 @@ void load(bool globally = false);
 void start();
 CK_SESSION_HANDLE openUserSession();
 
+/// Gives its private half.
+CK_OBJECT_HANDLE makeSessionPair(CK_SESSION_HANDLE session);
+void signWith(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key);
+
 /// Keeps threads in the front until the process ends.
 void keepBusy();
 

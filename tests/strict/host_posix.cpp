@@ -157,6 +157,20 @@ Ways waysOfThisSystem()
              start();
              forkAndWait([] {});
          }},
+        {"fork-with-session-pair",
+         [] {
+             start();
+             const CK_SESSION_HANDLE session = openUserSession();
+             const CK_OBJECT_HANDLE key = makeSessionPair(session);
+             forkAndWait([] {});
+             signWith(session, key);
+         }},
+        {"execute-with-session-pair",
+         [] {
+             start();
+             makeSessionPair(openUserSession());
+             execute();
+         }},
         {"execute",
          [] {
              start();

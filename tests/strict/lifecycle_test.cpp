@@ -1,6 +1,7 @@
 // How the front begins and ends, and what it answers outside of its life.
 #include <chrono>
 #include <functional>
+#include <thread>
 
 #include "strict_fixture.h"
 #include "test_system.h"
@@ -76,6 +77,27 @@ TEST_F(StrictLifecycleTest, FinalizesWithinFiftyMillisecondsAndTheNextStartWaits
     EXPECT_LE(timeOf([&] { EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK); }).count(), 50);
     EXPECT_EQ(p11.C_Initialize(nullptr), CKR_OK);
     EXPECT_EQ(slots().size(), 2U);
+}
+
+TEST_F(StrictLifecycleTest, FinalizesWithinFiftyMillisecondsWhileACallIsAtTheDevice)
+{
+    start();
+    const CK_SESSION_HANDLE session = userSession();
+    const CK_OBJECT_HANDLE key = privateKey(session, 5);
+    device->signingDelayMilliseconds = 300;
+    CK_RV result = CKR_GENERAL_ERROR;
+    std::thread signer([&] {
+        ByteVector signature;
+        result = sign(session, {CKM_ECDSA, nullptr, 0}, key, ByteVector(32), signature);
+    });
+    while (device->signing == 0)
+        std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_LE(timeOf([&] { EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK); }).count(), 50);
+    EXPECT_EQ(device->signing, 1);
+    EXPECT_EQ(p11.C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(device->signing, 0);
+    signer.join();
+    EXPECT_EQ(result, CKR_OK);
 }
 
 TEST_F(StrictLifecycleTest, FinalizeClosesAndLogsOut)
