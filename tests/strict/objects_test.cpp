@@ -1,5 +1,6 @@
 // Objects that come and go: generated, created, copied, destroyed.
 #include "strict_fixture.h"
+#include "template_values.h"
 
 namespace
 {
@@ -7,7 +8,7 @@ namespace
 constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
 constexpr CK_RV ACTION_PROHIBITED = 0x1B;
 
-class StrictObjectsTest : public StrictTest
+class StrictObjectsTest : public StrictTest, protected TemplateValues
 {
 protected:
     void SetUp() override
@@ -45,16 +46,6 @@ protected:
     }
 
     CK_SESSION_HANDLE session = 0;
-    ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    CK_BBOOL yes = CK_TRUE;
-    CK_BBOOL no = CK_FALSE;
-    CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
-    CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
-    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
-    CK_OBJECT_CLASS dataClass = CKO_DATA;
-    CK_KEY_TYPE rsa = CKK_RSA;
-    CK_KEY_TYPE ec = CKK_EC;
-    CK_ULONG bits = 2048;
 };
 
 TEST_F(StrictObjectsTest, KeyPairsTakeTheirTypeFromTheMechanism)

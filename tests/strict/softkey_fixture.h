@@ -18,6 +18,7 @@
 #include "cryptoki.h"
 #include "guarded_buffer.h"
 #include "programs.h"
+#include "template_values.h"
 #include "test_system.h"
 
 using softkey::test::NULL_DEVICE;
@@ -132,14 +133,16 @@ protected:
 
     static KeyPair generateRsa(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
     {
-        CK_ULONG bits = 2048;
-        return generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN, {CKA_MODULUS_BITS, &bits, sizeof bits}, onToken);
+        TemplateValues values;
+        return generate(session, CKM_RSA_PKCS_KEY_PAIR_GEN, {CKA_MODULUS_BITS, &values.bits, sizeof values.bits},
+                        onToken);
     }
 
     static KeyPair generateEc(CK_SESSION_HANDLE session, CK_BBOOL onToken = CK_TRUE)
     {
-        ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-        return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, p256.data(), sizeOf(p256)}, onToken);
+        TemplateValues values;
+        return generate(session, CKM_EC_KEY_PAIR_GEN, {CKA_EC_PARAMS, values.p256.data(), sizeOf(values.p256)},
+                        onToken);
     }
 
     static KeyPair generate(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_ATTRIBUTE attribute, CK_BBOOL onToken)

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "softkey_fixture.h"
+#include "template_values.h"
 
 namespace
 {
@@ -33,7 +34,7 @@ ByteVector bytesOf(const std::string& text)
     return {text.begin(), text.end()};
 }
 
-class StrictSoftkeyObjectsTest : public StrictSoftkeyTest
+class StrictSoftkeyObjectsTest : public StrictSoftkeyTest, protected TemplateValues
 {
 protected:
     CK_RV create(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE> entries, CK_OBJECT_HANDLE& object) const
@@ -64,24 +65,11 @@ protected:
         std::ifstream stream(base + ".der", std::ios::binary);
         return {std::istreambuf_iterator<char>(stream), {}};
     }
-
-    CK_BBOOL yes = CK_TRUE;
-    CK_BBOOL no = CK_FALSE;
-    CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
-    CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
-    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
-    CK_OBJECT_CLASS dataClass = CKO_DATA;
-    CK_KEY_TYPE rsa = CKK_RSA;
-    CK_KEY_TYPE ec = CKK_EC;
-    ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    ByteVector p384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-    ByteVector p521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 };
 
 TEST_F(StrictSoftkeyObjectsTest, AGeneratedPairHasWhatBothTemplatesSay)
 {
     const CK_SESSION_HANDLE session = userSession();
-    CK_ULONG bits = 2048;
     std::string label = "of public";
     ByteVector id{7, 7};
     CK_ATTRIBUTE ofPublic[] = {attributeOf(CKA_MODULUS_BITS, bits), attributeOf(CKA_LABEL, label)};

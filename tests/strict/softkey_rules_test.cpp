@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "softkey_fixture.h"
+#include "template_values.h"
 
 namespace
 {
@@ -13,7 +14,7 @@ namespace
 constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
 constexpr CK_RV ACTION_PROHIBITED = 0x1B;
 
-class StrictSoftkeyRulesTest : public StrictSoftkeyTest
+class StrictSoftkeyRulesTest : public StrictSoftkeyTest, protected TemplateValues
 {
 protected:
     static CK_SESSION_HANDLE open(std::size_t index, CK_FLAGS flags = CKF_SERIAL_SESSION | CKF_RW_SESSION)
@@ -44,10 +45,6 @@ protected:
     }
 
     static CK_RV nextEvent(CK_SLOT_ID& event) { return p11().C_WaitForSlotEvent(CKF_DONT_BLOCK, &event, nullptr); }
-
-    CK_BBOOL yes = CK_TRUE;
-    CK_BBOOL no = CK_FALSE;
-    ByteVector p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 };
 
 CK_RV anyMutex(CK_VOID_PTR /*mutex*/)
