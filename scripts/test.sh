@@ -59,7 +59,7 @@ check_format() {
 }
 
 check_tidy() {
-    git ls-files 'src/*.cpp' 'strict/*.cpp' 'softkey/*.cpp' ':!*_windows.cpp' | xargs scripts/check-tidy.py build/release
+    git ls-files 'src/*.cpp' 'strict/*.cpp' 'softkey/*.cpp' 'trace/*.cpp' ':!*_windows.cpp' | xargs scripts/check-tidy.py build/release
 }
 
 demo() {

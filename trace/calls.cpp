@@ -131,6 +131,11 @@ void CallBuilder::append(Call& call, const LogLine& line)
         std::ranges::find(call.lines, known_.row, &CallLine::row) != call.lines.end())
         call.isMixed = true; // Two threads are in this function.
     setOutcome(call, known_);
+    const bool isUnknownError = known_.row == nullptr && line.level == Level::Error;
+    if (isUnknownError && call.outcome == Outcome::NoRefusalSeen) {
+        call.outcome = Outcome::Refused; // As nearly all error lines say.
+        call.code = CODE_UNKNOWN;
+    }
     call.end = std::max(call.end, line.time);
     if (call.lines.size() >= LINES_KEPT || call.bytes >= BYTES_KEPT) {
         ++call.linesLeftOut;

@@ -69,8 +69,10 @@ std::string explanationOfOther(const Call& call)
         if (line.row != nullptr && (line.row->kind == TextKind::Warning || line.row->kind == TextKind::Monitor))
             return joined(std::string(line.row->meaning), " ", valuesInWords(line));
     }
-    if (call.lines.size() == 1 && call.lines.front().row == nullptr && !call.hasEntry)
-        return "A text that this version does not know: " + printable(call.lines.front().text);
+    for (const CallLine& line : call.lines) {
+        if (line.row == nullptr && (line.level == Level::Error || !call.hasEntry))
+            return "A text that this version does not know: " + printable(line.text);
+    }
     return valuesOfCall(call);
 }
 
@@ -210,7 +212,9 @@ std::string pageOfStatus(std::string_view text)
     std::string page = statusWithMeaning(status) + "\n";
     if (statusName(status).empty())
         page += "  The makers of the device library know what it means.\n";
-    return page + "  A status of the device library; the module answers CKR_DEVICE_REMOVED or CKR_FUNCTION_FAILED.\n";
+    return page + "  A status of the device library. For a refused PIN the module answers CKR_PIN_INCORRECT or "
+                  "CKR_PIN_LOCKED,\n  for a refused signature CKR_SIGNATURE_INVALID, else CKR_FUNCTION_FAILED; or "
+                  "CKR_DEVICE_REMOVED for\n  " + removalStatuses() + ", where the call tells that apart.\n";
 }
 
 } // namespace

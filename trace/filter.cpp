@@ -31,11 +31,12 @@ constexpr Unit UNITS[] = {{"", 1}, {"ms", 1}, {"s", 1000}, {"m", 60'000}};
 
 } // namespace
 
-bool Filter::wants(const Call& call) const
+bool Filter::wants(const Call& call)
 {
+    firstDay = firstDay.value_or(call.start / DAY);
     if (errors && call.outcome == Outcome::NoRefusalSeen)
         return false;
-    if (since && call.start % DAY < *since)
+    if (since && call.start < *firstDay * DAY + *since)
         return false;
     if (!function.empty() && call.function != function && call.function != "C_" + function)
         return false;

@@ -307,6 +307,9 @@ bool LogReader::last(LogLine& line)
 {
     const std::string_view raw(buffer_.data() + begin_, end_ - begin_);
     begin_ = end_;
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path_, error);
+    notes_.shrunk += !error && size < place_ ? 1U : 0U;
     if (raw.empty() || std::exchange(skipping_, false))
         return false;
     ++notes_.cut;

@@ -61,6 +61,9 @@ std::vector<std::filesystem::path> chosenLogs(const Options& options)
             logs.emplace_back(file);
             continue;
         }
+        [[maybe_unused]] const std::filesystem::directory_iterator opened(file, error);
+        if (error)
+            std::fprintf(stderr, "velkor-trace: %s: it cannot be read: %s\n", file.c_str(), error.message().c_str());
         const auto inside = todaysLogs(file);
         logs.insert(logs.end(), inside.begin(), inside.end());
     }
@@ -107,7 +110,7 @@ struct FollowedLog {
 
 /// Where calls go, and how.
 struct Printer {
-    const Options& options;
+    Options& options;
     TableStyle style;
     std::FILE* file;
     std::optional<Milliseconds> day = std::nullopt; ///< Of the last call.
@@ -207,6 +210,15 @@ ExitCode show(Options& options)
     return tellNotes(calls.sources()) ? ExitCode::Done : ExitCode::NothingRead;
 }
 
+/// Without redaction by its path, else by its program.
+void tellUnwritable(Summary& summary, const std::vector<std::filesystem::path>& logs, bool redacted)
+{
+    for (const auto& log : logs) {
+        if (const std::string why = whyUnwritable(log); !why.empty())
+            summary.addUnwritable(redacted ? programOf(log) : log.string(), why);
+    }
+}
+
 ExitCode summarize(Options& options)
 {
     readTimes(options);
@@ -215,10 +227,7 @@ ExitCode summarize(Options& options)
         return tellNoLogs(options);
     MergedCalls calls(logs);
     Summary summary;
-    for (const auto& log : logs) {
-        if (const std::string why = whyUnwritable(log); !why.empty())
-            summary.addUnwritable(log.string(), why);
-    }
+    tellUnwritable(summary, logs, options.redact);
     for (Call call; calls.next(call);) {
         if (!options.filter.wants(call)) {
             summary.follow(call);
@@ -263,6 +272,7 @@ ExitCode writePage(Options& options)
     HtmlPage page(file.get());
     MergedCalls calls(logs);
     Summary summary;
+    tellUnwritable(summary, logs, !options.noRedact);
     for (Call call; calls.next(call);) {
         if (!options.filter.wants(call)) {
             summary.follow(call);

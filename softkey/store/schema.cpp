@@ -66,6 +66,8 @@ constexpr const char* CREATE_TABLES = R"sql(
         der BLOB NOT NULL
     ) STRICT;
 )sql";
+static_assert(OBJECT_NUMBER_LIMIT == 4096 && KEY_IDENTIFIER_SIZE == 16 && OBJECT_ID_CAPACITY == 128 &&
+              LABEL_CAPACITY == 128 && PUBLIC_KEY_CAPACITY == 1024); // What the layout says, too.
 
 /// What brings a file of one layout to the next.
 struct Migration {

@@ -11,7 +11,7 @@ for package in benchmark CLI11 GTest nlohmann_json OpenSSL SQLite3; do
 done
 cmake --fresh -S "$source" -B "$build" -G Ninja -D CMAKE_CXX_COMPILER="$compiler" -D CMAKE_INSTALL_PREFIX="$build/installed" \
     -D CMAKE_INSTALL_LIBDIR=lib -D VELKOR_WERROR=ON -D VELKOR_PRECOMPILED_HEADERS=ON \
-    -D VELKOR_BUILD_SOFTKEY=OFF -D VELKOR_BUILD_TRACE=OFF -D VELKOR_BUILD_TESTS=OFF "${without[@]}"
+    -D VELKOR_BUILD_SOFTKEY=OFF -D VELKOR_BUILD_TESTS=OFF "${without[@]}"
 cmake --build "$build"
 rm -rf "$build/installed"
 cmake --install "$build"

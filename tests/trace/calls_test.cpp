@@ -214,6 +214,7 @@ TEST(TraceExplainTest, KnowsLinesCodesNumbersStatusesAndFunctions)
     EXPECT_NE(explain("0x50000001").find("slot 1"), std::string::npos);
     EXPECT_NE(explain("1879048197").find("private key 5"), std::string::npos);
     EXPECT_NE(explain("status 313").find("the PIN is locked"), std::string::npos);
+    EXPECT_NE(explain("status 313").find("CKR_PIN_LOCKED"), std::string::npos);
     EXPECT_NE(explain("status 12345").find("makers"), std::string::npos);
     EXPECT_NE(explain("C_Login").find("C_Login: pPin is NULL"), std::string::npos);
     EXPECT_EQ(explain("what is this"), "");
@@ -249,6 +250,30 @@ TEST(TraceFilterTest, CallsAreChosenByWhatIsAskedFor)
     EXPECT_FALSE(Filter{.slow = 100}.wants(calls[1]));
     EXPECT_TRUE(Filter{.since = timeOfDay("10:00")}.wants(calls[1]));
     EXPECT_FALSE(Filter{.since = timeOfDay("10:01")}.wants(calls[1]));
+}
+
+TEST(TraceFilterTest, ATimeOfTheDayIsOneOfTheFirstDay)
+{
+    Filter sinceEvening{.since = timeOfDay("22:00")};
+    Call call;
+    for (const auto& [time, isWanted] : {std::pair{*timeOfDay("21:59"), false},
+                                         {*timeOfDay("22:00"), true},
+                                         {DAY + *timeOfDay("00:10"), true},
+                                         {DAY + *timeOfDay("21:59"), true}}) {
+        call.start = 5 * DAY + time;
+        EXPECT_EQ(sinceEvening.wants(call), isWanted) << clockText(time);
+    }
+}
+
+TEST(TraceCallsTest, AnErrorLineThatNobodyKnowsIsARefusal)
+{
+    const auto calls = callsOf(Texts{"D C_GetInfo", "E C_GetInfo: the moon is full", "D C_GetInfo"});
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[0].outcome, Outcome::Refused);
+    EXPECT_EQ(outcomeText(calls[0]), "refused");
+    EXPECT_TRUE(Filter{.errors = true}.wants(calls[0]));
+    EXPECT_EQ(explanationOf(calls[0]), "A text that this version does not know: C_GetInfo: the moon is full");
+    EXPECT_EQ(calls[1].outcome, Outcome::NoRefusalSeen);
 }
 
 } // namespace

@@ -18,7 +18,7 @@ namespace
 
 using Lines = std::vector<std::string>;
 
-Summary summaryOf(const Lines& lines, const Filter& filter = {})
+Summary summaryOf(const Lines& lines, Filter filter = {})
 {
     MergedCalls merged({test::writtenFile(test::freshFolder() / "host" / "2026-11-15.LOG", test::logOf(lines))});
     Summary summary;
@@ -27,7 +27,7 @@ Summary summaryOf(const Lines& lines, const Filter& filter = {})
     return summary;
 }
 
-std::vector<std::string> titlesOf(const Lines& lines, const Filter& filter = {})
+std::vector<std::string> titlesOf(const Lines& lines, Filter filter = {})
 {
     std::vector<std::string> titles;
     for (const Cause& cause : summaryOf(lines, filter).causes())

@@ -10,6 +10,7 @@
 #include "describe.h"
 #include "output.h"
 #include "redaction.h"
+#include "summary.h"
 #include "trace_files.h"
 
 namespace velkor::trace
@@ -185,6 +186,18 @@ TEST(TraceReaderTest, AFileThatShrinksIsReadAnew)
     EXPECT_EQ(reader.notes().shrunk, 1U);
 }
 
+TEST(TraceReaderTest, AFileThatShrankWhileItWasReadIsTold)
+{
+    const auto path = writtenFile(freshFolder() / "a.LOG", logLine("10:00:00:000", "DEBUG", "C_GetInfo"));
+    LogReader reader(path);
+    LogLine line;
+    while (reader.next(line)) {
+    }
+    std::filesystem::resize_file(path, 5);
+    EXPECT_FALSE(reader.last(line));
+    EXPECT_EQ(reader.notes().shrunk, 1U);
+}
+
 TEST(TraceReaderTest, AFolderInPlaceOfALogIsTold)
 {
     const auto folder = freshFolder();
@@ -245,12 +258,16 @@ TEST(TraceReaderTest, DamagedLogsDoNoHarm)
         const std::size_t start = static_cast<std::size_t>(random()) % (sound.size() - 3000);
         const auto path = writtenFile(folder / "a.LOG", damaged(sound.substr(start, 3000), random));
         MergedCalls merged({path});
+        Summary summary;
         for (Call call; merged.next(call);) {
+            summary.add(call);
             if (round % 2 == 0)
                 redact(call);
             tableRow(call, {.width = 80, .colours = true, .programs = true});
             EXPECT_FALSE(jsonLine(callAsJson(call)).empty());
         }
+        EXPECT_FALSE(summary.text().empty());
+        EXPECT_FALSE(jsonLine(summary.json()).empty());
     }
 }
 

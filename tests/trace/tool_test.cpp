@@ -430,6 +430,16 @@ TEST_F(TracePageTest, ShowsLabelsAsTextWhereTheyAreWanted)
     EXPECT_EQ(page.find("<script>alert"), std::string::npos);
 }
 
+TEST_F(TracePageTest, SaysWhichLogCannotBeWritten)
+{
+    EXPECT_EQ(readWhole(page_).find("cannot be written"), std::string::npos);
+    std::filesystem::permissions(log_, std::filesystem::perms::owner_read);
+    SetUp();
+    const std::string page = readWhole(page_);
+    EXPECT_NE(page.find("cannot be written"), std::string::npos);
+    EXPECT_EQ(page.find(folder_.string()), std::string::npos);
+}
+
 TEST_F(TracePageTest, IsSearchedInABrowser)
 {
     if (std::string(BROWSER).empty())
@@ -438,7 +448,14 @@ TEST_F(TracePageTest, IsSearchedInABrowser)
     EXPECT_NE(all.find("<b>Wrong PIN</b>"), std::string::npos)
         << all.substr(all.size() - std::min<std::size_t>(all.size(), 3000));
     EXPECT_NE(all.find("4 of 4 calls"), std::string::npos);
-    EXPECT_NE(browse("--dump-dom", "#search=pin_incorrect").output.find("1 of 4 calls"), std::string::npos);
+    const std::string one = browse("--dump-dom", "#search=pin_incorrect").output;
+    EXPECT_NE(one.find("1 of 4 calls"), std::string::npos);
+    const auto hiddenBars = [](const std::string& page) {
+        const std::regex bar("<i class=[^>]* hidden=");
+        return std::distance(std::sregex_iterator(page.begin(), page.end(), bar), std::sregex_iterator());
+    };
+    EXPECT_EQ(hiddenBars(all), 0);
+    EXPECT_EQ(hiddenBars(one), 3);
 }
 
 TEST_F(TracePageTest, IsDrawnOnAPhone)
