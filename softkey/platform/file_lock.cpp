@@ -1,11 +1,13 @@
 #include "platform/file_lock.h"
 
+#include <string>
+
 namespace softkey
 {
 namespace
 {
 
-std::filesystem::path hiddenBeside(const std::filesystem::path& keyFile, const char* suffix)
+std::filesystem::path hiddenBeside(const std::filesystem::path& keyFile, const std::string& suffix)
 {
     std::filesystem::path name = ".";
     return keyFile.parent_path() / (name += keyFile.stem()) += suffix;
@@ -70,6 +72,11 @@ std::filesystem::path lockOfKey(const std::filesystem::path& keyFile)
 std::filesystem::path queueOfKey(const std::filesystem::path& keyFile)
 {
     return hiddenBeside(keyFile, ".next");
+}
+
+std::filesystem::path derivationSlotOfKey(const std::filesystem::path& keyFile, unsigned number)
+{
+    return hiddenBeside(keyFile, ".derive" + std::to_string(number));
 }
 
 } // namespace softkey

@@ -48,5 +48,7 @@ std::filesystem::path lockOfFolder(const std::filesystem::path& folder);
 std::filesystem::path lockOfKey(const std::filesystem::path& keyFile);
 /// Held by whoever is the next to hold that lock: who gives it back cannot take it again past those who wait.
 std::filesystem::path queueOfKey(const std::filesystem::path& keyFile);
+/// Held by whoever derives a key from a PIN of that key, one number each.
+std::filesystem::path derivationSlotOfKey(const std::filesystem::path& keyFile, unsigned number);
 
 } // namespace softkey

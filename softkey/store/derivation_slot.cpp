@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <random>
-#include <string>
 #include <thread>
 
 namespace softkey
@@ -24,29 +23,24 @@ unsigned countSlots()
     return std::clamp(std::thread::hardware_concurrency(), 1U, SLOTS_MAX);
 }
 
-std::filesystem::path slotAt(const std::filesystem::path& folder, unsigned number)
-{
-    return folder / (".derive" + std::to_string(number));
-}
-
 /// A number that changes whenever one of the first slots is taken.
-std::uint64_t progressOf(const std::filesystem::path& folder, unsigned slots)
+std::uint64_t progressOf(const std::filesystem::path& keyFile, unsigned slots)
 {
     std::uint64_t sum = 0;
     std::error_code failure;
     for (unsigned number = 0; number < slots; ++number) {
-        const auto taken = std::filesystem::last_write_time(slotAt(folder, number), failure);
+        const auto taken = std::filesystem::last_write_time(derivationSlotOfKey(keyFile, number), failure);
         sum += failure ? 0 : static_cast<std::uint64_t>(taken.time_since_epoch().count());
     }
     return sum;
 }
 
-std::optional<FileLock> takeSlot(const std::filesystem::path& folder, unsigned slots)
+std::optional<FileLock> takeSlot(const std::filesystem::path& keyFile, unsigned slots)
 {
     static thread_local std::minstd_rand random(std::random_device{}());
     const auto first = static_cast<unsigned>(random() % slots);
     for (unsigned i = 0; i < slots; ++i) {
-        const std::filesystem::path file = slotAt(folder, (first + i) % slots);
+        const std::filesystem::path file = derivationSlotOfKey(keyFile, (first + i) % slots);
         if (std::optional<FileLock> slot = FileLock::tryTake(file)) {
             std::error_code failure;
             std::filesystem::last_write_time(file, std::filesystem::file_time_type::clock::now(), failure);
@@ -57,22 +51,22 @@ std::optional<FileLock> takeSlot(const std::filesystem::path& folder, unsigned s
 }
 
 /// One of the first slots; throws StorageBusy when nobody got one of them for too long.
-FileLock awaitSlot(const std::filesystem::path& folder, unsigned slots)
+FileLock awaitSlot(const std::filesystem::path& keyFile, unsigned slots)
 {
-    Patience patience([&] { return progressOf(folder, slots); }, PAUSE);
+    Patience patience([&] { return progressOf(keyFile, slots); }, PAUSE);
     for (;;) {
-        if (std::optional<FileLock> slot = takeSlot(folder, slots))
+        if (std::optional<FileLock> slot = takeSlot(keyFile, slots))
             return std::move(*slot);
         patience.pause();
     }
 }
 
 /// Those in the slots may have been stopped. Then there are some more, and not as many as there are who wait.
-std::optional<FileLock> awaitAnySlot(const std::filesystem::path& folder)
+std::optional<FileLock> awaitAnySlot(const std::filesystem::path& keyFile)
 {
     for (unsigned extension = 0; extension <= EXTENSIONS_MAX; ++extension) {
         try {
-            return awaitSlot(folder, countSlots() * (extension + 1));
+            return awaitSlot(keyFile, countSlots() * (extension + 1));
         } catch (const Refusal& refusal) {
             if (refusal.status() != SoftkeyStatus::StorageBusy)
                 return std::nullopt; // There can be no slots: no reason to refuse a PIN.
@@ -83,9 +77,16 @@ std::optional<FileLock> awaitAnySlot(const std::filesystem::path& folder)
 
 } // namespace
 
-DerivationSlot::DerivationSlot(const std::filesystem::path& folder, const ScryptCost& cost)
-    : slot_(cost.logN > CHEAP_LOG_N ? awaitAnySlot(folder) : std::nullopt)
+DerivationSlot::DerivationSlot(const std::filesystem::path& keyFile, const ScryptCost& cost)
+    : slot_(cost.logN > CHEAP_LOG_N ? awaitAnySlot(keyFile) : std::nullopt)
 {
+}
+
+void removeDerivationSlots(const std::filesystem::path& keyFile)
+{
+    std::error_code failure;
+    for (unsigned number = 0; number < SLOTS_MAX * (EXTENSIONS_MAX + 1); ++number)
+        std::filesystem::remove(derivationSlotOfKey(keyFile, number), failure);
 }
 
 } // namespace softkey

@@ -4,6 +4,7 @@
 #include "platform/draft.h"
 #include "platform/file_lock.h"
 #include "store/authenticity.h"
+#include "store/derivation_slot.h"
 #include "store/machine_binding.h"
 #include "store/pin_policy.h"
 #include "store/schema.h"
@@ -70,7 +71,8 @@ PinRecord wrappedPin(PinRole role, const PinSettings& settings, std::string_view
     record.triesLeft = settings.triesLeft;
     record.cost = wrapped.key.cost;
     record.machine = wrapped.machine;
-    wrapMasterKey(wrapped.folder, record, pin, wrapped.masterKey, wrapped.key.serialNumber);
+    const std::filesystem::path keyFile = wrapped.folder / (wrapped.key.serialNumber + std::string(KEY_FILE_SUFFIX));
+    wrapMasterKey(keyFile, record, pin, wrapped.masterKey, wrapped.key.serialNumber);
     return record;
 }
 
@@ -114,6 +116,7 @@ void removeKeyFile(const std::filesystem::path& path)
     const FileLock lock(lockOfFolder(path.parent_path()), Patience());
     sweepDrafts(path.parent_path());
     takeAway(path);
+    removeDerivationSlots(path);
 }
 
 } // namespace softkey

@@ -73,15 +73,10 @@ void refuseIfRefusedBefore(const PinRecord& record, std::string_view pin)
         throw wrongPin(record.triesLeft);
 }
 
-std::filesystem::path folderOf(const KeyFile& file)
-{
-    return file.path().parent_path();
-}
-
-SecretBuffer deriveKey(const std::filesystem::path& folder, std::string_view pin, const PinRecord& record)
+SecretBuffer deriveKey(const std::filesystem::path& keyFile, std::string_view pin, const PinRecord& record)
 {
     const MachineBinding machine(record.machine);
-    const DerivationSlot slot(folder, record.cost);
+    const DerivationSlot slot(keyFile, record.cost);
     return machine.mixInto(keyFromPin(pin, record.salt, record.cost));
 }
 
@@ -159,7 +154,7 @@ CheckedPin checkAndThen(KeyFile& file, PinRole role, std::string_view pin, const
         refuseIfRefusedBefore(expected, pin);
         SecretBuffer key;
         if (expected.triesLeft > 0)
-            key = deriveKey(folderOf(file), pin, expected);
+            key = deriveKey(file.path(), pin, expected);
         const KeyFile::Turn turn(file);
         const PinRecord present = file.contents()->pin(role);
         if (present.triesLeft == 0)
@@ -201,13 +196,13 @@ class Wrapping
 {
 public:
     /// At the cost and on the machine of a record.
-    Wrapping(const std::filesystem::path& folder, std::string_view pin, const PinRecord& like)
+    Wrapping(const std::filesystem::path& keyFile, std::string_view pin, const PinRecord& like)
         : cost_(like.cost), machine_(like.machine), salt_(SALT_SIZE)
     {
         randomBytes(salt_);
         PinRecord fresh = like;
         fresh.salt = salt_;
-        key_ = deriveKey(folder, pin, fresh);
+        key_ = deriveKey(keyFile, pin, fresh);
     }
     /// Fills all but role, tries and state of a record that has these.
     void wrap(PinRecord& record, Bytes masterKey, std::string_view serialNumber) const
@@ -256,7 +251,7 @@ void changePin(KeyFile& file, PinRole role, std::string_view oldPin, std::string
     const std::shared_ptr<const Contents> before = file.contents();
     PinRecord like = before->pin(role);
     like.cost = newCost.value_or(like.cost);
-    const Wrapping wrapping(folderOf(file), newPin, like);
+    const Wrapping wrapping(file.path(), newPin, like);
     checkAndThen(file, role, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
         requireAuthentic(file, checked);
         PinRecord record = checked.record;
@@ -272,8 +267,8 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
     requireDifferent(newPin, soPin);
     const PinRecord checkedSo = checkPin(file, PinRole::SecurityOfficer, soPin).record;
     const std::shared_ptr<const Contents> before = file.contents();
-    const Wrapping wrapping(folderOf(file), newPin, before->userPin);
-    const Wrapping soWrapping(folderOf(file), soPin, before->soPin);
+    const Wrapping wrapping(file.path(), newPin, before->userPin);
+    const Wrapping soWrapping(file.path(), soPin, before->soPin);
     SecretBuffer masterKey(SEALING_KEY_SIZE);
     randomBytes({masterKey.data(), masterKey.size()});
     checkAndThen(file, PinRole::User, oldPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
@@ -299,7 +294,7 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
 {
     requirePinLength(newUserPin);
     const std::shared_ptr<const Contents> before = file.contents();
-    const Wrapping wrapping(folderOf(file), newUserPin, before->userPin);
+    const Wrapping wrapping(file.path(), newUserPin, before->userPin);
     checkAndThen(file, PinRole::SecurityOfficer, soPin, [&](const KeyFile::Turn& turn, const CheckedPin& checked) {
         requireAuthentic(file, checked);
         PinRecord record = file.contents()->userPin;
@@ -309,10 +304,10 @@ void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUse
     });
 }
 
-void wrapMasterKey(const std::filesystem::path& folder, PinRecord& record, std::string_view pin, Bytes masterKey,
+void wrapMasterKey(const std::filesystem::path& keyFile, PinRecord& record, std::string_view pin, Bytes masterKey,
                    std::string_view serialNumber)
 {
-    Wrapping(folder, pin, record).wrap(record, masterKey, serialNumber);
+    Wrapping(keyFile, pin, record).wrap(record, masterKey, serialNumber);
 }
 
 void insertPin(Database& database, const PinRecord& record)

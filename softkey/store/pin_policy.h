@@ -41,9 +41,9 @@ void rekey(KeyFile& file, std::string_view oldPin, std::string_view newPin, std:
 /// Gives the user a new initial PIN and all tries, on the word of the security officer. Nothing else is lost.
 void resetUserPin(KeyFile& file, std::string_view soPin, std::string_view newUserPin);
 
-/// Puts a PIN around the master key of a key that is to live in the folder. `record` has its role, tries, cost and
+/// Puts a PIN around the master key of a key that is to have that file. `record` has its role, tries, cost and
 /// machine; salt and wrapped key are filled.
-void wrapMasterKey(const std::filesystem::path& folder, PinRecord& record, std::string_view pin, Bytes masterKey,
+void wrapMasterKey(const std::filesystem::path& keyFile, PinRecord& record, std::string_view pin, Bytes masterKey,
                    std::string_view serialNumber);
 void insertPin(Database& database, const PinRecord& record);
 

@@ -133,21 +133,22 @@ class DerivationSlotTest : public SoftkeyTest
 protected:
     DerivationSlotTest()
     {
-        KeySettings settings = cheapSettings("COSTLY");
-        settings.cost.logN = 15;
-        createKey(settings);
+        for (const char* serialNumber : {"COSTLY", "OTHER"}) {
+            KeySettings settings = cheapSettings(serialNumber);
+            settings.cost.logN = 15;
+            createKey(settings);
+        }
     }
-    std::filesystem::path slot(unsigned number) const { return home.path() / (".derive" + std::to_string(number)); }
-    int check() const
+    int check(const char* serialNumber = "COSTLY") const
     {
         int tries = 0;
-        return velkor_validatePassword("COSTLY", PIN, USER_TYPE_USER, &tries, instance);
+        return velkor_validatePassword(serialNumber, PIN, USER_TYPE_USER, &tries, instance);
     }
     std::vector<FileLock> holdAllSlots() const
     {
         std::vector<FileLock> held;
         for (unsigned number = 0; number < 8; ++number)
-            held.emplace_back(slot(number), Patience());
+            held.emplace_back(derivationSlotOfKey(keyPath("COSTLY"), number), Patience());
         return held;
     }
 };
@@ -166,7 +167,33 @@ TEST_F(DerivationSlotTest, ACostlyCheckWaitsForAFreeSlot)
     test_system::takeOverSleeps({});
     EXPECT_EQ(pauses, 3);
 }
+
+TEST_F(DerivationSlotTest, AKeyWaitsForNoSlotOfAnotherOne)
+{
+    const std::vector<FileLock> held = holdAllSlots();
+    int pauses = 0;
+    test_system::takeOverSleeps([&](std::chrono::milliseconds) {
+        ++pauses;
+        return true;
+    });
+    EXPECT_EQ(check("OTHER"), 0);
+    test_system::takeOverSleeps({});
+    EXPECT_EQ(pauses, 0);
+}
 #endif
+
+TEST_F(DerivationSlotTest, TheSlotsGoWithTheirKey)
+{
+    EXPECT_NO_THROW(otherProcess("COSTLY")->login(PinRole::User, PIN));
+    const auto slots = [&] {
+        return std::ranges::count_if(std::filesystem::directory_iterator(home.path()), [](const auto& file) {
+            return file.path().filename().string().starts_with(".COSTLY.derive");
+        });
+    };
+    EXPECT_GT(slots(), 0);
+    removeKeyFile(keyPath("COSTLY"));
+    EXPECT_EQ(slots(), 0);
+}
 
 TEST_F(DerivationSlotTest, SlotsThatNobodyGivesBackRefuseNoPin)
 {
