@@ -1,5 +1,7 @@
 #include "crypto/keys.h"
 
+#include "platform/fork_guard.h"
+
 #include <openssl/core_names.h>
 #include <openssl/decoder.h>
 #include <openssl/encoder.h>
@@ -85,6 +87,7 @@ ByteVector publicKeyValue(const EVP_PKEY* key)
 
 SecretBuffer encodePrivateKey(const EVP_PKEY* key)
 {
+    const ForkSafeSection section; // Here and below: a forked child would find what OpenSSL works in.
     const auto encoder =
         requireObject<Encoder>(OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_KEYPAIR, "DER", "PrivateKeyInfo", nullptr));
     unsigned char* der = nullptr;
@@ -98,6 +101,7 @@ SecretBuffer encodePrivateKey(const EVP_PKEY* key)
 
 EvpKey decodePrivateKey(Bytes pkcs8)
 {
+    const ForkSafeSection section;
     EVP_PKEY* key = nullptr;
     const auto decoder = requireObject<Decoder>(OSSL_DECODER_CTX_new_for_pkey(
         &key, "DER", "PrivateKeyInfo", nullptr, EVP_PKEY_KEYPAIR, CryptoContext::get().library(), nullptr));

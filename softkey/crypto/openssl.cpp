@@ -7,6 +7,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -21,10 +22,13 @@ std::atomic<bool> openSslCleanedUp{false};
 
 #ifdef SOFTKEY_BUNDLED_LIBCRYPTO
 /// Digits of big numbers, which is where private keys have their components, are all made in one file of OpenSSL's. In
-/// another one scrypt takes the PIN, and what it works in: whoever has that tries PINs at no cost.
+/// another one scrypt takes the PIN, and what it works in: whoever has that tries PINs at no cost. The others take the
+/// keys of seals and of codes, and the clear encoding of a private key as a whole.
 bool isForSecrets(std::string_view file)
 {
-    return file.ends_with("bn_lib.c") || file.ends_with("scrypt.c");
+    constexpr std::array<std::string_view, 5> FILES{"bn_lib.c", "scrypt.c", "cipher_aes_gcm.c", "hmac_prov.c",
+                                                    "buffer.c"};
+    return std::ranges::any_of(FILES, [file](std::string_view each) { return file.ends_with(each); });
 }
 
 void* take(std::size_t size, const char* file, int) noexcept

@@ -1,5 +1,7 @@
 #include "crypto/protection.h"
 
+#include "platform/fork_guard.h"
+
 #include <openssl/core_names.h>
 #include <openssl/kdf.h>
 #include <openssl/params.h>
@@ -53,6 +55,7 @@ SecretBuffer keyFromPin(std::string_view pin, Bytes salt, const ScryptCost& cost
 
 SecretBuffer keyedCode(Bytes key, Bytes message)
 {
+    const ForkSafeSection section; // Here and below: a forked child would find what OpenSSL works in.
     SecretBuffer code(SEALING_KEY_SIZE);
     std::size_t size = 0;
     require(EVP_Q_mac(CryptoContext::get().library(), "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
@@ -68,6 +71,7 @@ SecretBuffer keyedCode(Bytes key, std::string_view message)
 
 ByteVector seal(Bytes key, Bytes plaintext, Bytes identity)
 {
+    const ForkSafeSection section;
     ByteVector sealed(NONCE_SIZE + plaintext.size() + TAG_SIZE);
     unsigned char* const ciphertext = sealed.data() + NONCE_SIZE;
     randomBytes(std::span(sealed).first(NONCE_SIZE));
@@ -86,6 +90,7 @@ ByteVector seal(Bytes key, Bytes plaintext, Bytes identity)
 
 std::optional<SecretBuffer> unseal(Bytes key, Bytes sealed, Bytes identity)
 {
+    const ForkSafeSection section;
     if (key.size() != SEALING_KEY_SIZE || sealed.size() < NONCE_SIZE + TAG_SIZE)
         return std::nullopt;
     const Bytes ciphertext = sealed.subspan(NONCE_SIZE, sealed.size() - NONCE_SIZE - TAG_SIZE);

@@ -2,15 +2,18 @@
 #include "world.h"
 
 #include "crypto/keys.h"
+#include "crypto/protection.h"
 #include "store/schema.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <set>
 #include <sys/mman.h>
@@ -285,6 +288,56 @@ TEST_F(ProcessesTest, SecretsAreGoneFromMemoryAfterALogoutAReleaseAndInAForkedCh
     EXPECT_EQ(occurrencesIn(child.process(), needles), 0) << "after the end of the instance";
     child.goOn();
     EXPECT_EQ(child.wait(), 0);
+}
+
+/// How often the complement of some bytes stands in what a process may write to: the bytes themselves would be found
+/// in the copy of the searcher that a forked child is.
+int complementsIn(pid_t process, const Data& complement)
+{
+    std::ifstream memory("/proc/" + std::to_string(process) + "/mem", std::ios::binary);
+    int found = 0;
+    for (const Region& region : writableRegionsOf(process)) {
+        Data content(region.end - region.begin);
+        memory.clear();
+        memory.seekg(static_cast<std::streamoff>(region.begin));
+        memory.read(reinterpret_cast<char*>(content.data()), static_cast<std::streamsize>(content.size()));
+        for (unsigned char& byte : content)
+            byte = static_cast<unsigned char>(~byte);
+        found += countIn(content, complement);
+    }
+    return found;
+}
+
+TEST_F(ProcessesTest, AForkDoesNotCatchTheKeyOfASealOrACode)
+{
+    SecretBuffer key(SEALING_KEY_SIZE);
+    randomBytes({key.data(), key.size()});
+    Data complement(key.data(), key.data() + key.size());
+    for (unsigned char& byte : complement)
+        byte = static_cast<unsigned char>(~byte);
+    const Data text(1 << 20);
+    const ByteVector sealed = seal(key, text, {});
+    const std::vector<std::function<void()>> works{[&] { seal(key, text, {}); }, [&] { unseal(key, sealed, {}); },
+                                                   [&] { keyedCode(key, Bytes(text)); }};
+    for (std::size_t work = 0; work < works.size(); ++work) {
+        std::atomic<bool> done{false};
+        std::thread working([&] {
+            while (!done)
+                works[work]();
+        });
+        for (int i = 0; i < 5; ++i) {
+            const pid_t child = fork();
+            if (child == 0) {
+                for (;;)
+                    pause();
+            }
+            EXPECT_EQ(complementsIn(child, complement), 0) << "work " << work;
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+        done = true;
+        working.join();
+    }
 }
 #endif
 
