@@ -100,6 +100,8 @@ std::shared_ptr<const Contents> KeyFile::readAnew()
     const ForkSafeSection section;
     const std::lock_guard reading(readingMutex_);
     std::shared_ptr<const Contents> known = lastContents();
+    if (known && changeCounterBefore(database_) == known->changeCounter)
+        return known; // They are what the change under way began with.
     Snapshot snapshot(database_, path_);
     if (known && known->changeCounter == snapshot.changeCounter())
         return known; // A change is under way, or another thread was faster.

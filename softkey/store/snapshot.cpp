@@ -2,11 +2,13 @@
 
 #include "base/patience.h"
 #include "platform/draft.h"
+#include "platform/file_lock.h"
 #include "store/schema.h"
 
 #include <algorithm>
 #include <array>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string_view>
 
@@ -31,6 +33,7 @@ constexpr std::size_t PAGE_SIZE_MIN = 512;
 constexpr std::size_t PAGE_SIZE_MAX = 0x10000;
 constexpr std::size_t CHECKSUM_STEP = 200;
 constexpr int ATTEMPTS_AT_ONCE = 10;
+constexpr int ATTEMPTS_ALONE = 14; ///< About 20 ms, with the pauses between them.
 
 bool isPowerOfTwo(std::size_t number)
 {
@@ -82,17 +85,34 @@ std::uint32_t checksumOf(Bytes page, std::uint32_t nonce)
     return sum;
 }
 
+/// What is done with the number of a page, and with what it held.
+using PageVisit = std::function<void(std::size_t, Bytes, const Segment&)>;
+
 /// False for a record that was never written to its end.
-bool putBackPage(ByteVector& image, Bytes record, const Segment& segment)
+bool visitPage(Bytes record, const Segment& segment, const PageVisit& visit)
 {
     const std::size_t number = bigEndian(record);
     const Bytes page = record.subspan(4, segment.pageSize);
     if (number == 0 || bigEndian(record.subspan(4 + segment.pageSize)) != checksumOf(page, segment.nonce))
         return false;
-    const std::size_t offset = (number - 1) * segment.pageSize;
-    if (number <= segment.pagesBefore && offset + segment.pageSize <= image.size())
-        std::ranges::copy(page, image.begin() + static_cast<std::ptrdiff_t>(offset));
+    visit(number, page, segment);
     return true;
+}
+
+/// All pages that a journal has kept.
+void visitPages(Bytes journal, const PageVisit& visit)
+{
+    std::size_t offset = 0;
+    for (std::optional<Segment> segment = segmentAt(journal, 0); segment && segment->records > 0;
+         segment = segmentAt(journal, offset)) {
+        offset += segment->sectorSize;
+        for (std::size_t i = 0; i < segment->records; ++i, offset += segment->recordSize()) {
+            const bool complete = offset <= journal.size() && journal.size() - offset >= segment->recordSize();
+            if (!complete || !visitPage(journal.subspan(offset, segment->recordSize()), *segment, visit))
+                return;
+        }
+        offset = (offset + segment->sectorSize - 1) / segment->sectorSize * segment->sectorSize;
+    }
 }
 
 ByteVector contentOf(const std::filesystem::path& file)
@@ -130,11 +150,24 @@ Moment momentOf(const Database& file, const std::filesystem::path& path)
     return {softkey::changeCounter(file), contentOf(file.journal()), timeOf(path), timeOf(file.journal())};
 }
 
+/// Unless somebody stands there, or there can be no such file.
+void joinQueue(std::optional<FileLock>& queue, const std::filesystem::path& path)
+{
+    try {
+        if (std::optional<FileLock> taken = FileLock::tryTake(queueOfKey(path)))
+            queue.emplace(std::move(*taken));
+    } catch (const Refusal&) {
+        return; // Whoever cannot make it reads as before.
+    }
+}
+
 /// The file is read between two looks at its journal: when these are alike, all that was written to the file by then
-/// is in the journal that was read.
+/// is in the journal that was read. Where changes follow each other too closely for that, the reader becomes the next
+/// in the queue of those who change the file: after the change that is under way it stands still.
 ByteVector imageOf(const Database& file, const std::filesystem::path& path)
 {
     Patience patience;
+    std::optional<FileLock> queue;
     for (int attempt = 1;; ++attempt) {
         requireKeyFileHeader(file);
         const Moment before = momentOf(file, path);
@@ -147,6 +180,8 @@ ByteVector imageOf(const Database& file, const std::filesystem::path& path)
         }
         if (attempt >= ATTEMPTS_AT_ONCE)
             patience.pause();
+        if (attempt >= ATTEMPTS_ALONE && !queue)
+            joinQueue(queue, path);
     }
 }
 
@@ -154,22 +189,28 @@ ByteVector imageOf(const Database& file, const std::filesystem::path& path)
 
 void putBack(ByteVector& image, Bytes journal)
 {
-    std::optional<Segment> segment = segmentAt(journal, 0);
-    if (!segment || segment->records == 0)
+    const std::optional<Segment> first = segmentAt(journal, 0);
+    if (!first || first->records == 0)
         return; // What is in an unfinished journal is in the file, too.
     // What the file has lost since is in the journal.
-    const std::size_t sizeBefore = segment->pagesBefore * segment->pageSize;
+    const std::size_t sizeBefore = first->pagesBefore * first->pageSize;
     require(sizeBefore <= image.size() + journal.size(), SoftkeyStatus::FileDamaged);
     image.resize(sizeBefore);
-    for (std::size_t offset = 0; segment; segment = segmentAt(journal, offset)) {
-        offset += segment->sectorSize;
-        for (std::size_t i = 0; i < segment->records; ++i, offset += segment->recordSize()) {
-            const bool complete = offset <= journal.size() && journal.size() - offset >= segment->recordSize();
-            if (!complete || !putBackPage(image, journal.subspan(offset, segment->recordSize()), *segment))
-                return;
-        }
-        offset = (offset + segment->sectorSize - 1) / segment->sectorSize * segment->sectorSize;
-    }
+    visitPages(journal, [&](std::size_t number, Bytes page, const Segment& segment) {
+        const std::size_t offset = (number - 1) * segment.pageSize;
+        if (number <= segment.pagesBefore && offset + segment.pageSize <= image.size())
+            std::ranges::copy(page, image.begin() + static_cast<std::ptrdiff_t>(offset));
+    });
+}
+
+std::optional<std::uint32_t> changeCounterBefore(const Database& file)
+{
+    std::optional<std::uint32_t> counter;
+    visitPages(contentOf(file.journal()), [&](std::size_t number, Bytes page, const Segment&) {
+        if (number == 1)
+            counter = changeCounterOf(page);
+    });
+    return counter;
 }
 
 Snapshot::Snapshot(const Database& file, const std::filesystem::path& path)

@@ -5,6 +5,8 @@
 
 #include "store/sqlite.h"
 
+#include <optional>
+
 namespace softkey
 {
 
@@ -25,6 +27,9 @@ private:
     std::uint32_t changeCounter_;
     Database database_;
 };
+
+/// The count of changes before the one that is under way; nothing when none is that far. Reads the journal alone.
+std::optional<std::uint32_t> changeCounterBefore(const Database& file);
 
 /// The journal's pages put back into an image of the file; throws FileDamaged. Exposed for its tests.
 void putBack(ByteVector& image, Bytes journal);

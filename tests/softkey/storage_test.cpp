@@ -566,6 +566,102 @@ TEST_F(StorageTest, ReadersAreRightAndInTimeWhileOthersWrite)
     EXPECT_GT(changes, 1) << "nothing was written meanwhile";
 }
 
+/// Never lets a file stand still: it gets another time again and again. With a turn at the key, or without one.
+class RestlessFile
+{
+public:
+    RestlessFile(const std::filesystem::path& path, bool takesTurns)
+        : thread_([this, path, takesTurns] {
+              std::optional<FileLock> turn;
+              while (!done_) {
+                  if (takesTurns) {
+                      const FileLock next(queueOfKey(path), Patience());
+                      turn.reset();
+                      turn.emplace(lockOfKey(path), Patience());
+                  }
+                  for (int i = 0; i < 300 && !done_; ++i)
+                      std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now());
+              }
+          })
+    {
+    }
+    ~RestlessFile()
+    {
+        done_ = true;
+        thread_.join();
+    }
+    RestlessFile(const RestlessFile&) = delete;
+    RestlessFile& operator=(const RestlessFile&) = delete;
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+TEST_F(StorageTest, AReaderWhoKnowsWhatAChangeBeganWithNeedsNoFileThatStandsStill)
+{
+    const std::unique_ptr<SoftKey> open = otherProcess();
+    const auto before = open->contents();
+    HalfWritten change(keyPath());
+    const std::filesystem::path journal = keyPath().string() + "-journal";
+    const Data begun = readFile(journal);
+    change.complete();
+    writeFile(journal, begun); // All is written but the end, which makes the change valid.
+    const ShortPatience patience;
+    {
+        const RestlessFile restless(keyPath(), false);
+        for (int i = 0; i < 200; ++i)
+            ASSERT_EQ(open->contents(), before);
+    }
+    writeFile(journal, {});
+    EXPECT_EQ(open->contents()->device.label, "half");
+}
+
+TEST_F(StorageTest, AReaderForWhomAFileNeverStandsStillTakesTheNextTurn)
+{
+    const ShortPatience patience;
+    const RestlessFile restless(keyPath(), true);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_NO_THROW(otherProcess()->contents()) << i;
+}
+
+TEST_F(StorageTest, ReadersOfALargeKeyAreRightAndNotRefusedWhileOthersWrite)
+{
+    const VelkorKeyPair key = generate(KEY_KIND_EC_P256, "0");
+    Database file(keyPath(), Database::Mode::Existing);
+    file.execute("BEGIN");
+    for (std::int64_t number = 2; number <= 60; ++number) {
+        Data der(50'000);
+        randomBytes(der);
+        Statement(file, "INSERT INTO certificate VALUES (?, ?, x'', x'', ?)")
+            .bind(number)
+            .bind(Bytes(identifierOf(der)))
+            .bind(Bytes(der))
+            .run();
+    }
+    file.execute("COMMIT");
+    std::atomic<bool> done{false};
+    std::atomic<int> reported{0};
+    std::thread writing([&] {
+        const std::unique_ptr<SoftKey> writer = otherProcess();
+        while (!done) {
+            const std::string label = std::to_string(reported + 1);
+            writer->file().change([&](Database& database) {
+                updateKeyPair(database, std::to_array(key.keyIdentifier), {{}, label});
+            });
+            ++reported;
+        }
+    });
+    const std::unique_ptr<SoftKey> reader = otherProcess();
+    for (int read = 0; read < (SANITIZED ? 20 : 100); ++read) {
+        const int before = reported;
+        EXPECT_GE(std::stoi(reader->contents()->keyPairs.at(0).label), before);
+    }
+    done = true;
+    writing.join();
+    EXPECT_GT(reported, 1) << "nothing was written meanwhile";
+}
+
 TEST_F(StorageTest, AJournalWithoutItsFileIsNotPlayedIntoANewKey)
 {
     generate(KEY_KIND_EC_P256);
