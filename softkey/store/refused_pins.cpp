@@ -24,7 +24,7 @@ RefusedPins& RefusedPins::ofProcess()
 
 ByteVector RefusedPins::digestOf(const PinRecord& record, std::string_view pin) const
 {
-    return digest_.of({record.salt, record.wrappedMasterKey, bytesOf(pin)});
+    return digest_.of({record.salt, bytesOf(pin)});
 }
 
 void RefusedPins::add(const PinRecord& record, std::string_view pin)

@@ -1,5 +1,6 @@
-// PINs that this process has seen refused. Salt and wrapped master key belong to one PIN of one key and change with it,
-// so that a PIN which was wrong for them stays wrong: asked again, it is refused without another try being spent.
+// PINs that this process has seen refused. A salt belongs to one PIN of one key and changes with it, while the wrapping
+// of the master key may be renewed under the same PIN: so a PIN which was wrong for a salt stays wrong, and asked
+// again, it is refused without another try being spent.
 #pragma once
 
 #include "crypto/keyed_digest.h"

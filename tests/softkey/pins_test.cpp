@@ -1,4 +1,7 @@
 // PIN policy: tries, locking, changing, unlocking, and the end of a remembered PIN.
+#include "crypto/protection.h"
+#include "eventually.h"
+#include "platform/file_lock.h"
 #include "store/refused_pins.h"
 #include "world.h"
 
@@ -265,6 +268,21 @@ TEST_F(PinsTest, ARefusedPinThatLockedTheKeyAnswersAsLocked)
 }
 
 TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
+TEST_F(PinsTest, ARefusedPinStaysRefusedWhenItsWrappingIsRenewed)
+{
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    PinRecord record = otherProcess()->contents()->userPin;
+    record.wrappedMasterKey = seal(Data(SEALING_KEY_SIZE, 1), Data(SEALING_KEY_SIZE, 2), {});
+    const Data checksum = checksumOf(record);
+    Database file(keyPath(), Database::Mode::Existing);
+    Statement(file, "UPDATE pin SET wrapped_master_key = ?, checksum = ? WHERE role = 1")
+        .bind(Bytes(record.wrappedMasterKey))
+        .bind(Bytes(checksum))
+        .run();
+    EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(tries, 4);
+}
+
 {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
