@@ -13,8 +13,8 @@ namespace softkey
 class FileLock
 {
 public:
-    /// Makes the file, on POSIX for its owner alone, and waits for the lock. Throws StorageBusy, and StorageFailed when
-    /// there can be no such file.
+    /// Makes the file, on POSIX for its owner alone whatever it was before, and waits for the lock. Throws StorageBusy,
+    /// and StorageFailed when there can be no such file.
     FileLock(const std::filesystem::path& file, Patience patience);
     /// Nothing when somebody has it. Throws StorageFailed.
     static std::optional<FileLock> tryTake(const std::filesystem::path& file);

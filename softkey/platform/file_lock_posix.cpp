@@ -36,8 +36,12 @@ public:
         descriptors_.reserve(descriptors_.size() + 1);
         // Nobody else may open it: whoever can could keep it locked.
         const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (descriptor >= 0)
-            descriptors_.push_back(descriptor);
+        if (descriptor < 0)
+            return descriptor;
+        descriptors_.push_back(descriptor);
+        struct stat found = {};
+        if (fstat(descriptor, &found) == 0 && (found.st_mode & 0077) != 0)
+            static_cast<void>(fchmod(descriptor, 0600)); // It was there before, copied or unpacked.
         return descriptor;
     }
     void close(int descriptor)

@@ -81,6 +81,14 @@ TEST_F(PosixFilesTest, WhoHoldsOneKeyKeepsNobodyFromAnother)
 
 TEST_F(PosixFilesTest, WhoWaitsForAKeyIsServedBeforeWhoComesLater)
 {
+TEST_F(PosixFilesTest, ALockFileThatOthersMayOpenBecomesTheOwnersAlone)
+{
+    writeFile(lockOfKey(keyPath()), {});
+    std::filesystem::permissions(lockOfKey(keyPath()), static_cast<std::filesystem::perms>(0666));
+    const FileLock held(lockOfKey(keyPath()), Patience());
+    EXPECT_EQ(permissionsOf(lockOfKey(keyPath())), 0600U);
+}
+
     std::optional<FileLock> held(std::in_place, lockOfKey(keyPath()), Patience());
     std::thread waiting([&] { otherProcess()->file().setPlugged(true); });
     EXPECT_TRUE(test_system::eventually([&] { return !FileLock::tryTake(queueOfKey(keyPath())); }))
