@@ -95,7 +95,7 @@ void KeysFolder::lockIdleKeys()
             open.push_back(entry.key);
     }
     for (const std::shared_ptr<SoftKey>& key : open)
-        key->lockWhenIdle(steady_clock::now());
+        key->lockWhenIdle(UptimeClock::now());
 }
 
 std::vector<std::string> KeysFolder::pluggedKeys(bool refresh)

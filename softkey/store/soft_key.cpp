@@ -75,21 +75,21 @@ void Unlocked::keepOnly(const Contents& contents)
     std::erase_if(keys_, [&](const auto& entry) { return contents.findKeyPair(entry.first) == nullptr; });
 }
 
-void Unlocked::touch(std::chrono::steady_clock::time_point now)
+void Unlocked::touch(UptimeClock::time_point now)
 {
     constexpr std::chrono::milliseconds longest = std::chrono::seconds(1);
     if (now - usedAt_.load() >= std::min(longest, std::chrono::milliseconds(idleLimit()) / 16))
         usedAt_ = now;
 }
 
-bool Unlocked::isIdle(std::chrono::steady_clock::time_point now) const
+bool Unlocked::isIdle(UptimeClock::time_point now) const
 {
     return idleLimit() > std::chrono::seconds(0) && now - usedAt_.load() >= idleLimit();
 }
 
 bool Look::isOpenedBy(std::string_view pin) const
 {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = UptimeClock::now();
     if (!unlocked || unlocked->isIdle(now) || !unlocked->isOpenedBy(pin))
         return false;
     unlocked->touch(now);
@@ -145,7 +145,7 @@ std::shared_ptr<Unlocked> SoftKey::authorise(const Look& seen, std::string_view 
     }
     if (seen.isOpenedBy(pin))
         return seen.unlocked;
-    lockWhenIdle(std::chrono::steady_clock::now());
+    lockWhenIdle(UptimeClock::now());
     const std::lock_guard lock(checkMutex_);
     // Another thread may have unlocked the key while this one waited. Only the check itself tells that a PIN is
     // locked: while someone else's last try is being checked, no tries are left either.
@@ -279,7 +279,7 @@ void SoftKey::lock()
     dropped.swap(unlocked_);
 }
 
-void SoftKey::lockWhenIdle(std::chrono::steady_clock::time_point now)
+void SoftKey::lockWhenIdle(UptimeClock::time_point now)
 {
     std::shared_ptr<Unlocked> dropped;
     const std::lock_guard lock(unlockedMutex_);

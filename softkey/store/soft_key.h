@@ -4,6 +4,7 @@
 #pragma once
 
 #include "crypto/keyed_digest.h"
+#include "platform/uptime_clock.h"
 #include "store/object_store.h"
 #include "store/pin_policy.h"
 
@@ -24,9 +25,9 @@ public:
     bool fits(const Contents& contents) const;
     bool isOpenedBy(std::string_view pin) const;
     /// Notes that it was used, now and then only: threads that use one key do not write to the same memory each time.
-    void touch(std::chrono::steady_clock::time_point now);
+    void touch(UptimeClock::time_point now);
     /// Whether nobody has used it for as long as it may be kept.
-    bool isIdle(std::chrono::steady_clock::time_point now) const;
+    bool isIdle(UptimeClock::time_point now) const;
     /// Whether the contents are those that whoever has the master key has put there.
     bool vouchesFor(const Contents& contents) const;
     const SecretBuffer& masterKey() const { return masterKey_; }
@@ -43,7 +44,7 @@ private:
     ByteVector pinDigest_; ///< Not the PIN.
     ByteVector salt_;
     std::int64_t timesUnplugged_;
-    std::atomic<std::chrono::steady_clock::time_point> usedAt_{std::chrono::steady_clock::now()};
+    std::atomic<UptimeClock::time_point> usedAt_{UptimeClock::now()};
     mutable std::mutex mutex_;
     std::map<Identifier, std::shared_ptr<const PrivateKey>> keys_;
 };
@@ -91,7 +92,7 @@ public:
     /// Drops everything that was unlocked.
     void lock();
     /// The same, unless it was in use within the last quarter of an hour, or what VELKOR_SOFTKEY_IDLE says in seconds.
-    void lockWhenIdle(std::chrono::steady_clock::time_point now);
+    void lockWhenIdle(UptimeClock::time_point now);
 
 private:
     /// False, and nothing was done, when the file has another PIN or master key by now.

@@ -334,14 +334,14 @@ protected:
 TEST_F(IdleKeyTest, AKeyInUseStaysUnlocked)
 {
     key->requireUser(PIN);
-    key->lockWhenIdle(std::chrono::steady_clock::now() + std::chrono::minutes(14));
+    key->lockWhenIdle(UptimeClock::now() + std::chrono::minutes(14));
     EXPECT_FALSE(isLocked(*key));
 }
 
 TEST_F(IdleKeyTest, AKeyThatNobodyUsesDropsWhatItHasUnlocked)
 {
     key->requireUser(PIN);
-    key->lockWhenIdle(std::chrono::steady_clock::now() + std::chrono::minutes(15));
+    key->lockWhenIdle(UptimeClock::now() + std::chrono::minutes(15));
     EXPECT_TRUE(isLocked(*key));
 }
 

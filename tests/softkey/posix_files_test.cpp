@@ -4,12 +4,14 @@
 #include "eventually.h"
 #include "platform/default_folder.h"
 #include "platform/file_lock.h"
+#include "platform/uptime_clock.h"
 #include "test_system.h"
 
 #include <array>
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -79,8 +81,6 @@ TEST_F(PosixFilesTest, WhoHoldsOneKeyKeepsNobodyFromAnother)
     EXPECT_EQ(velkor_validatePassword("OTHER", PIN, 1, &tries, instance), 0);
 }
 
-TEST_F(PosixFilesTest, WhoWaitsForAKeyIsServedBeforeWhoComesLater)
-{
 TEST_F(PosixFilesTest, ALockFileThatOthersMayOpenBecomesTheOwnersAlone)
 {
     writeFile(lockOfKey(keyPath()), {});
@@ -89,6 +89,8 @@ TEST_F(PosixFilesTest, ALockFileThatOthersMayOpenBecomesTheOwnersAlone)
     EXPECT_EQ(permissionsOf(lockOfKey(keyPath())), 0600U);
 }
 
+TEST_F(PosixFilesTest, WhoWaitsForAKeyIsServedBeforeWhoComesLater)
+{
     std::optional<FileLock> held(std::in_place, lockOfKey(keyPath()), Patience());
     std::thread waiting([&] { otherProcess()->file().setPlugged(true); });
     EXPECT_TRUE(test_system::eventually([&] { return !FileLock::tryTake(queueOfKey(keyPath())); }))
@@ -159,6 +161,15 @@ TEST_F(PosixFilesTest, ALockOutlivesTheChildrenOfWhoHoldsIt)
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_FALSE(FileLock::tryTake(lockOfKey(keyPath())));
+}
+
+TEST_F(PosixFilesTest, IdleTimeIsCountedByTheClockOfTheMachinesUptime)
+{
+    std::ifstream file("/proc/uptime"); // Which goes on while the machine sleeps.
+    double seconds = 0;
+    ASSERT_TRUE(file >> seconds);
+    const std::chrono::duration<double> now = UptimeClock::now().time_since_epoch();
+    EXPECT_NEAR(now.count(), seconds, 5);
 }
 
 TEST_F(PosixFilesTest, KeysMadeAndRemovedByHandAreSeen)
