@@ -40,10 +40,15 @@ ByteVector Unlocked::digest(std::string_view pin) const
     return digest_.of({Bytes(reinterpret_cast<const unsigned char*>(pin.data()), pin.size())});
 }
 
-bool Unlocked::fits(const Contents& contents) const
+bool Unlocked::belongsTo(const Contents& contents) const
 {
     return contents.device.plugged && contents.device.timesUnplugged == timesUnplugged_ &&
-           contents.userPin.triesLeft > 0 && contents.userPin.salt == salt_;
+           contents.userPin.salt == salt_;
+}
+
+bool Unlocked::fits(const Contents& contents) const
+{
+    return contents.userPin.triesLeft > 0 && belongsTo(contents);
 }
 
 bool Unlocked::isOpenedBy(std::string_view pin) const
@@ -98,13 +103,34 @@ bool Look::isOpenedBy(std::string_view pin) const
 
 Look SoftKey::look()
 {
-    std::shared_ptr<const Contents> now = file_.contents();
+    return lookAt(file_.contents());
+}
+
+std::shared_ptr<const Contents> SoftKey::settledContents()
+{
+    try {
+        const std::optional<FileLock> turn = FileLock::tryTake(lockOfKey(file_.path()));
+        return turn ? file_.contents() : nullptr;
+    } catch (const Refusal&) {
+        return file_.contents(); // Nobody takes turns where there can be no such file.
+    }
+}
+
+Look SoftKey::lookAt(std::shared_ptr<const Contents> now)
+{
     std::shared_ptr<Unlocked> unlocked; // Looked at, and perhaps dropped, without the lock.
     {
         const std::lock_guard lock(unlockedMutex_);
         if (now == seen_)
             return {std::move(now), unlocked_};
         unlocked = unlocked_;
+    }
+    // The last try may come back with the end of the check that spends it. Nobody waits here: lists come by.
+    if (unlocked && now->userPin.triesLeft == 0 && unlocked->belongsTo(*now)) {
+        std::shared_ptr<const Contents> settled = settledContents();
+        if (!settled)
+            return {std::move(now), nullptr};
+        now = std::move(settled);
     }
     const bool stays = unlocked && unlocked->fits(*now) && unlocked->vouchesFor(*now);
     if (stays)
@@ -137,7 +163,24 @@ std::shared_ptr<Unlocked> SoftKey::unlock(std::string_view pin)
     return unlocked;
 }
 
-std::shared_ptr<Unlocked> SoftKey::authorise(const Look& seen, std::string_view pin)
+void SoftKey::awaitLastTry(Look& seen)
+{
+    if (seen.contents->userPin.triesLeft > 0)
+        return;
+    {
+        const std::lock_guard lock(unlockedMutex_);
+        if (!unlocked_)
+            return;
+    }
+    std::shared_ptr<const Contents> settled;
+    {
+        const KeyFile::Turn turn(file_);
+        settled = file_.contents();
+    }
+    seen = lookAt(std::move(settled));
+}
+
+std::shared_ptr<Unlocked> SoftKey::authorise(Look& seen, std::string_view pin)
 {
     if (pin.empty()) {
         lock(); // Whoever had the PIN has dropped it, as a logout does.
@@ -149,14 +192,14 @@ std::shared_ptr<Unlocked> SoftKey::authorise(const Look& seen, std::string_view 
     const std::lock_guard lock(checkMutex_);
     // Another thread may have unlocked the key while this one waited. Only the check itself tells that a PIN is
     // locked: while someone else's last try is being checked, no tries are left either.
-    if (const Look again = pluggedLook(); again.isOpenedBy(pin))
-        return again.unlocked;
-    return unlock(pin);
+    seen = pluggedLook();
+    awaitLastTry(seen);
+    return seen.isOpenedBy(pin) ? seen.unlocked : unlock(pin);
 }
 
 void SoftKey::login(PinRole role, std::string_view pin)
 {
-    const Look seen = pluggedLook();
+    Look seen = pluggedLook();
     if (role == PinRole::SecurityOfficer) {
         checkPin(file_, role, pin);
         return;
@@ -226,12 +269,15 @@ std::shared_ptr<const PrivateKey> SoftKey::privateKey(Look seen, const Identifie
 
 void SoftKey::requireUser(std::string_view pin)
 {
-    authorise(pluggedLook(), pin);
+    Look seen = pluggedLook();
+    authorise(seen, pin);
 }
 
 void SoftKey::change(std::string_view pin, const std::function<void(Database&)>& work)
 {
-    while (!changeWith(*authorise(pluggedLook(), pin), work)) {
+    for (bool done = false; !done;) {
+        Look seen = pluggedLook();
+        done = changeWith(*authorise(seen, pin), work);
     }
 }
 
@@ -256,7 +302,7 @@ VelkorKeyPair SoftKey::addKeyPair(std::string_view pin, const EVP_PKEY* key, con
 {
     NewKeyPair keyPair;
     for (bool stored = false; !stored;) {
-        const Look seen = pluggedLook();
+        Look seen = pluggedLook();
         const std::shared_ptr<Unlocked> unlocked = authorise(seen, pin);
         keyPair = prepareKeyPair(key, attributes, usage, unlocked->masterKey(), seen.contents->device.serialNumber);
         stored = changeWith(*unlocked, [&](Database& database) { storeKeyPair(database, keyPair); });

@@ -21,7 +21,9 @@ class Unlocked
 public:
     Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord& device);
 
-    /// Whether the PIN is still the one that opened this and not locked, and the key was not unplugged since.
+    /// Whether the PIN is still the one that opened this, and the key was not unplugged since.
+    bool belongsTo(const Contents& contents) const;
+    /// The same, and the PIN is not locked.
     bool fits(const Contents& contents) const;
     bool isOpenedBy(std::string_view pin) const;
     /// Notes that it was used, now and then only: threads that use one key do not write to the same memory each time.
@@ -100,8 +102,15 @@ private:
     /// Null when it was sealed anew since the contents were read.
     std::shared_ptr<const PrivateKey> load(const Unlocked& unlocked, const Contents& contents,
                                            const VelkorKeyPair& record);
-    /// The unlocked key for whoever has the PIN; throws the statuses of `checkPin`.
-    std::shared_ptr<Unlocked> authorise(const Look& seen, std::string_view pin);
+    /// What those contents say, and whether what is unlocked vouches for them.
+    Look lookAt(std::shared_ptr<const Contents> now);
+    /// What the key says while nobody checks its PINs or changes it; null when somebody does.
+    std::shared_ptr<const Contents> settledContents();
+    /// When the last try is being spent: what the key says afterwards, if something is kept until then.
+    void awaitLastTry(Look& seen);
+    /// The unlocked key for whoever has the PIN; throws the statuses of `checkPin`. `seen` becomes what the key says by
+    /// now, when that took time.
+    std::shared_ptr<Unlocked> authorise(Look& seen, std::string_view pin);
     std::shared_ptr<Unlocked> unlock(std::string_view pin);
 
     KeyFile file_;

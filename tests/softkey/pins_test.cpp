@@ -5,6 +5,7 @@
 #include "store/refused_pins.h"
 #include "world.h"
 
+#include <atomic>
 #include <thread>
 
 namespace softkey::test
@@ -267,7 +268,6 @@ TEST_F(PinsTest, ARefusedPinThatLockedTheKeyAnswersAsLocked)
     EXPECT_EQ(tries, 4);
 }
 
-TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
 TEST_F(PinsTest, ARefusedPinStaysRefusedWhenItsWrappingIsRenewed)
 {
     EXPECT_EQ(check(WRONG_PIN), code(SoftkeyStatus::PinIncorrect));
@@ -283,6 +283,7 @@ TEST_F(PinsTest, ARefusedPinStaysRefusedWhenItsWrappingIsRenewed)
     EXPECT_EQ(tries, 4);
 }
 
+TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
 {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
@@ -360,6 +361,56 @@ TEST_F(PinsTest, LockingByAnotherProcessEndsTheUseOfThePin)
         EXPECT_THROW(otherProcess()->login(PinRole::User, anotherWrongPin()), Refusal);
     EXPECT_EQ(trySign(key, hash), code(SoftkeyStatus::PinLocked));
     EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::PinLocked));
+}
+
+/// Another process that checks a PIN: the last try is spent, and comes back or does not.
+class LastTryTest : public PinsTest
+{
+protected:
+    void setTries(int left) const
+    {
+        Database(keyPath(), Database::Mode::Existing)
+            .execute("UPDATE pin SET tries_left = " + std::to_string(left) + " WHERE role = 1");
+    }
+    /// Signs while the other one is at it, which ends with that many tries.
+    int signMeanwhile(int triesAfterwards)
+    {
+        std::optional<FileLock> check(std::in_place, lockOfKey(keyPath()), Patience());
+        setTries(0);
+        EXPECT_EQ(keyPairs().size(), 1U) << "a list does not wait";
+        std::atomic<bool> done{false};
+        int status = -1;
+        std::thread signing([&] {
+            status = trySign(keyPair, hash);
+            done = true;
+        });
+        EXPECT_TRUE(test_system::eventually([&] { return done || !FileLock::tryTake(queueOfKey(keyPath())); }));
+        EXPECT_FALSE(done) << "a signature does not know yet";
+        setTries(triesAfterwards);
+        check.reset();
+        signing.join();
+        return status;
+    }
+
+    const VelkorKeyPair keyPair = generate(KEY_KIND_EC_P256);
+};
+
+TEST_F(LastTryTest, WhileItIsSpentByAnotherProcessTheKeyStaysUnlocked)
+{
+    EXPECT_EQ(trySign(keyPair, hash), 0);
+    EXPECT_EQ(signMeanwhile(1), 0);
+    EXPECT_EQ(info().pinTriesLeft, 1) << "the PIN was checked again";
+    EXPECT_EQ(trySign(keyPair, hash), 0);
+    EXPECT_EQ(info().pinTriesLeft, 1);
+}
+
+TEST_F(LastTryTest, WhenItDoesNotComeBackTheKeyIsLocked)
+{
+    EXPECT_EQ(trySign(keyPair, hash), 0);
+    EXPECT_EQ(signMeanwhile(0), code(SoftkeyStatus::PinLocked));
+    setTries(1);
+    EXPECT_EQ(trySign(keyPair, hash), 0);
+    EXPECT_EQ(info().pinTriesLeft, 5) << "what was unlocked was kept";
 }
 
 TEST_F(PinsTest, UnpluggingForgetsWhatWasUnlockedEvenUnseen)
