@@ -369,8 +369,8 @@ class LastTryTest : public PinsTest
 protected:
     void setTries(int left) const
     {
-        Database(keyPath(), Database::Mode::Existing)
-            .execute("UPDATE pin SET tries_left = " + std::to_string(left) + " WHERE role = 1");
+        Database file(keyPath(), Database::Mode::Existing);
+        Statement(file, "UPDATE pin SET tries_left = ? WHERE role = 1").bind(left).run();
     }
     /// Signs while the other one is at it, which ends with that many tries.
     int signMeanwhile(int triesAfterwards)
