@@ -1,6 +1,6 @@
 #include "platform/uptime_clock.h"
 
-#include <time.h>
+#include <ctime>
 
 namespace softkey
 {
