@@ -35,7 +35,7 @@ std::string embedded(const json& document)
 HtmlPage::HtmlPage(std::FILE* file) : file_(file)
 {
     write(HEAD);
-    write("<script type=\"application/json\" id=\"calls\">[");
+    write(R"(<script type="application/json" id="calls">[)");
 }
 
 void HtmlPage::write(const std::string& text)

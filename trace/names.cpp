@@ -147,7 +147,9 @@ std::string objectsInWords(std::string_view text)
     while (!text.empty()) {
         const std::string_view handle = text.substr(0, text.find(' '));
         text.remove_prefix(std::min(handle.size() + 1, text.size()));
-        words += (words.empty() ? "" : ", ") + valueInWords("object", handle);
+        const auto number = numberOf(handle);
+        words += words.empty() ? "" : ", ";
+        words += number ? handleInWords(objectName(*number), *number) : std::string(handle);
     }
     return words;
 }

@@ -23,10 +23,11 @@ void redactText(std::string& text)
         text = HIDDEN;
         return;
     }
-    for (auto value = known.values.rbegin(); value != known.values.rend(); ++value) {
-        if (isHidden(value->kind))
-            text.replace(static_cast<std::size_t>(value->text.data() - text.data()), value->text.size(), HIDDEN);
-    }
+    // From behind, so that the places of the others stay.
+    std::for_each(known.values.rbegin(), known.values.rend(), [&](const TextValue& value) {
+        if (isHidden(value.kind))
+            text.replace(static_cast<std::size_t>(value.text.data() - text.data()), value.text.size(), HIDDEN);
+    });
 }
 
 } // namespace
