@@ -34,8 +34,8 @@ std::vector<fs::path> logsOfTests()
     return logs;
 }
 
-/// No call comes to these: the entry sequence, or the Init of the operation, refuses before, and a length is overwritten
-/// before it is compared.
+/// No call comes to these: the entry sequence, or the Init of the operation, refuses before, and a length is
+/// overwritten before it is compared.
 constexpr std::string_view NEVER_WRITTEN[] = {"{call}: unexpected activeOperation={operation}",
                                               "{call}: buffer too small, provided={size} required={size}",
                                               "C_Sign: unsupported mechanism={mechanism}"};
