@@ -212,9 +212,11 @@ std::string pageOfStatus(std::string_view text)
     std::string page = statusWithMeaning(status) + "\n";
     if (statusName(status).empty())
         page += "  The makers of the device library know what it means.\n";
-    return page + "  A status of the device library. For a refused PIN the module answers CKR_PIN_INCORRECT or "
-                  "CKR_PIN_LOCKED,\n  for a refused signature CKR_SIGNATURE_INVALID, else CKR_FUNCTION_FAILED; or "
-                  "CKR_DEVICE_REMOVED for\n  " + removalStatuses() + ", where the call tells that apart.\n";
+    return page +
+           "  A status of the device library. For a refused PIN the module answers CKR_PIN_INCORRECT or "
+           "CKR_PIN_LOCKED,\n  for a refused signature CKR_SIGNATURE_INVALID, else CKR_FUNCTION_FAILED; or "
+           "CKR_DEVICE_REMOVED for\n  " +
+           removalStatuses() + ", where the call tells that apart.\n";
 }
 
 } // namespace
