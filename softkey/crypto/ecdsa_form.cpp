@@ -58,7 +58,7 @@ void fixedFromDer(Bytes der, std::span<unsigned char> fixed)
 ByteVector derFromFixed(Bytes fixed)
 {
     ByteVector integers;
-    integers.reserve(fixed.size() + 2 * (2 + 1));
+    integers.reserve(fixed.size() + std::size_t{2} * (2 + 1));
     appendInteger(integers, fixed.first(fixed.size() / 2));
     appendInteger(integers, fixed.last(fixed.size() / 2));
     ByteVector der{SEQUENCE};
