@@ -3,6 +3,7 @@
 #include "eventually.h"
 #include "platform/file_lock.h"
 #include "store/refused_pins.h"
+#include "store/schema.h"
 #include "world.h"
 
 #include <atomic>
@@ -275,6 +276,7 @@ TEST_F(PinsTest, ARefusedPinStaysRefusedWhenItsWrappingIsRenewed)
     record.wrappedMasterKey = seal(Data(SEALING_KEY_SIZE, 1), Data(SEALING_KEY_SIZE, 2), {});
     const Data checksum = checksumOf(record);
     Database file(keyPath(), Database::Mode::Existing);
+    configureConnection(file); // Windows deletes no journal that others have open.
     Statement(file, "UPDATE pin SET wrapped_master_key = ?, checksum = ? WHERE role = 1")
         .bind(Bytes(record.wrappedMasterKey))
         .bind(Bytes(checksum))
@@ -370,6 +372,7 @@ protected:
     void setTries(int left) const
     {
         Database file(keyPath(), Database::Mode::Existing);
+        configureConnection(file);
         Statement(file, "UPDATE pin SET tries_left = ? WHERE role = 1").bind(left).run();
     }
     /// Signs while the other one is at it, which ends with that many tries.
