@@ -3,13 +3,14 @@
 #include <thread>
 
 #include "strict_fixture.h"
+#include "template_values.h"
 
 namespace
 {
 
 constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
 
-class StrictAttributesTest : public StrictTest
+class StrictAttributesTest : public StrictTest, protected TemplateValues
 {
 protected:
     void SetUp() override
@@ -21,13 +22,6 @@ protected:
     ByteVector modulusOf(int number) const { return value(session, publicKey(session, number), CKA_MODULUS); }
 
     CK_SESSION_HANDLE session = 0;
-    CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
-    CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
-    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
-    CK_KEY_TYPE rsa = CKK_RSA;
-    CK_KEY_TYPE ec = CKK_EC;
-    CK_BBOOL yes = CK_TRUE;
-    CK_BBOOL no = CK_FALSE;
 };
 
 TEST_F(StrictAttributesTest, AnRsaPairHasTheStandardsAttributes)
