@@ -82,7 +82,13 @@ command_name() {
 
 write_command() {
     local target=
-    case $1 in cc | c++) target='-target aarch64-windows-gnu' ;; esac
+    case $1 in
+    cc | c++) target='-target aarch64-windows-gnu' ;;
+    rc) # LLVM's: the compiler would first compile one of its own, which takes it a minute and a half.
+        printf '#!/bin/sh\nexec llvm-rc -no-preprocess "$@"\n'
+        return
+        ;;
+    esac
     cat <<END
 #!/bin/sh
 # $(sha256sum <packaging/windows-arm64-compiler/package-lock.json | cut -c1-64) tells ccache one compiler from another.
