@@ -3,7 +3,7 @@ import random
 import shutil
 import sqlite3
 
-from world import FILE_REFUSED, PIN_LOCKED, ReadBack, key_file, make_key, require, verify
+from world import FILE_REFUSED, Failure, PIN_LOCKED, ReadBack, key_file, make_key, require, verify
 
 PAGE = 4096
 
@@ -122,6 +122,6 @@ def mutations(folder, material, count):
         try:
             harmless += hold(at, before)
         except Exception as failure:
-            raise type(failure)(f"mutation {number}, {name}: {failure}") from failure
+            raise Failure(f"mutation {number}, {name}: {failure}") from failure
     require(harmless < count * 0.8, "the mutations hardly change anything")
     return harmless

@@ -53,6 +53,8 @@ def run(command, surroundings):
         except subprocess.TimeoutExpired as expired:
             process.kill()
             raise Failure(f"{command[0]} hangs") from expired
+        except UnicodeDecodeError as broken:
+            raise Failure(f"{command} prints {broken.object!r}, which is no text") from broken
     return process.returncode, out, error
 
 
