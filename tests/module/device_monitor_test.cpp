@@ -14,7 +14,7 @@ using testing::Not;
 
 constexpr std::chrono::seconds LONG_ENOUGH{60};
 constexpr CK_FLAGS BLOCK = 0;
-constexpr CK_SLOT_ID UNTOUCHED = 77;
+constexpr CK_SLOT_ID UNTOUCHED_SLOT = 77;
 
 const std::string DISCONNECTED = "DEBUG Device disconnected, clearing userPassword";
 const Answer NO_EVENT =
@@ -74,20 +74,20 @@ protected:
     /// Waits for the monitor to raise an event and takes it.
     static void takeEvent()
     {
-        CK_SLOT_ID slot = UNTOUCHED;
+        CK_SLOT_ID slot = UNTOUCHED_SLOT;
         ASSERT_EQ(C_WaitForSlotEvent(BLOCK, &slot, nullptr), CKR_OK);
         ASSERT_EQ(slot, FIRST_SLOT);
     }
 
     Answer poll()
     {
-        slot_ = UNTOUCHED;
+        slot_ = UNTOUCHED_SLOT;
         return answer(C_WaitForSlotEvent, CKF_DONT_BLOCK, &slot_, nullptr);
     }
 
     std::atomic<int> queries_ = 0;
     std::atomic<bool> queriesFail_ = false;
-    CK_SLOT_ID slot_ = UNTOUCHED;
+    CK_SLOT_ID slot_ = UNTOUCHED_SLOT;
 };
 
 // ---- Slot events ----
@@ -109,7 +109,7 @@ TEST_F(MonitorTest, FirstCycleWithoutDevicesRaisesNone)
     ASSERT_TRUE(monitorSleep_.runCycle()); // A second's sleep is between two looks.
     EXPECT_EQ(queries_, 2);
     EXPECT_EQ(poll(), NO_EVENT);
-    EXPECT_EQ(slot_, UNTOUCHED);
+    EXPECT_EQ(slot_, UNTOUCHED_SLOT);
     EXPECT_THAT(wholeLog(), Not(Contains(countChanged(0, 0))));
 }
 
@@ -120,7 +120,7 @@ TEST_F(MonitorTest, PendingEventIsCollectedOnceWithoutBlocking)
     EXPECT_EQ(poll(), COLLECTED);
     EXPECT_EQ(slot_, FIRST_SLOT);
     EXPECT_EQ(poll(), NO_EVENT);
-    EXPECT_EQ(slot_, UNTOUCHED);
+    EXPECT_EQ(slot_, UNTOUCHED_SLOT);
 }
 
 TEST_F(MonitorTest, EveryChangeOfTheCountRaisesOneEventOfTheFirstSlot)
@@ -232,7 +232,7 @@ TEST_F(MonitorTest, FinalizeWakesABlockedWaiter)
     monitorSleep_.skip();
     EXPECT_EQ(waiter.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(finalized.get(), CKR_OK);
-    EXPECT_EQ(slot_, UNTOUCHED);
+    EXPECT_EQ(slot_, UNTOUCHED_SLOT);
     EXPECT_THAT(wholeLog(), Contains(STOPPED.lines[1]));
 }
 
@@ -243,7 +243,7 @@ TEST_F(MonitorTest, StopWinsOverAPendingEventAndLeavesIt)
     Answer nonBlocking{};
     EXPECT_CALL(*device_, velkor_releaseInstance(instance())).WillOnce([&] {
         blocking = answer(C_WaitForSlotEvent, BLOCK, &slot_, nullptr);
-        EXPECT_EQ(slot_, UNTOUCHED);
+        EXPECT_EQ(slot_, UNTOUCHED_SLOT);
         nonBlocking = poll();
     });
     initializeWith({FIRST_DEVICE});

@@ -9,12 +9,12 @@
 namespace
 {
 
-constexpr CK_FLAGS GENERATE = 0x10000;
-constexpr CK_FLAGS DERIVE = 0x80000;
-constexpr CK_FLAGS DIGEST = 0x400;
-constexpr CK_FLAGS ENCRYPT_DECRYPT = 0x300;
-constexpr CK_FLAGS SIGN_VERIFY = 0x2800;
-constexpr CK_FLAGS VERIFY = 0x2000;
+constexpr CK_FLAGS MAY_GENERATE = 0x10000;
+constexpr CK_FLAGS MAY_DERIVE = 0x80000;
+constexpr CK_FLAGS MAY_DIGEST = 0x400;
+constexpr CK_FLAGS MAY_ENCRYPT_DECRYPT = 0x300;
+constexpr CK_FLAGS MAY_SIGN_VERIFY = 0x2800;
+constexpr CK_FLAGS MAY_VERIFY = 0x2000;
 
 struct Info {
     CK_ULONG minKeySize;
@@ -36,18 +36,18 @@ struct MechanismRow {
     std::optional<Info> onFipsToken = std::nullopt; ///< Where it differs; such a mechanism is not listed there.
 };
 
-constexpr Info RSA_SIGN = {1024, 4096, SIGN_VERIFY};
-constexpr Info RSA_SIGN_KNOWN = {2048, 4096, SIGN_VERIFY};
-constexpr Info RSA_VERIFY = {1024, 4096, VERIFY};
-constexpr Info EC_SIGN = {256, 521, SIGN_VERIFY};
-constexpr Info EC_VERIFY = {256, 521, VERIFY};
-constexpr Info HASH = {0, 0, DIGEST};
+constexpr Info RSA_SIGN = {1024, 4096, MAY_SIGN_VERIFY};
+constexpr Info RSA_SIGN_KNOWN = {2048, 4096, MAY_SIGN_VERIFY};
+constexpr Info RSA_VERIFY = {1024, 4096, MAY_VERIFY};
+constexpr Info EC_SIGN = {256, 521, MAY_SIGN_VERIFY};
+constexpr Info EC_VERIFY = {256, 521, MAY_VERIFY};
+constexpr Info HASH = {0, 0, MAY_DIGEST};
 
 // In the order in which they are listed.
 const MechanismRow ROWS[] = {
-    {0x0, {1024, 4096, GENERATE}, {2048, 4096, GENERATE}},
-    {0x1, {1024, 4096, ENCRYPT_DECRYPT | SIGN_VERIFY}, {2048, 4096, ENCRYPT_DECRYPT | SIGN_VERIFY}},
-    {0x9, {1024, 4096, ENCRYPT_DECRYPT}, {1024, 4096, ENCRYPT_DECRYPT}},
+    {0x0, {1024, 4096, MAY_GENERATE}, {2048, 4096, MAY_GENERATE}},
+    {0x1, {1024, 4096, MAY_ENCRYPT_DECRYPT | MAY_SIGN_VERIFY}, {2048, 4096, MAY_ENCRYPT_DECRYPT | MAY_SIGN_VERIFY}},
+    {0x9, {1024, 4096, MAY_ENCRYPT_DECRYPT}, {1024, 4096, MAY_ENCRYPT_DECRYPT}},
     {0xD, RSA_SIGN, RSA_SIGN_KNOWN},
     {0x6, RSA_SIGN, RSA_SIGN_KNOWN, RSA_VERIFY},
     {0x46, RSA_SIGN, RSA_SIGN_KNOWN},
@@ -59,8 +59,8 @@ const MechanismRow ROWS[] = {
     {0x43, RSA_SIGN, RSA_SIGN_KNOWN},
     {0x44, RSA_SIGN, RSA_SIGN_KNOWN},
     {0x45, RSA_SIGN, RSA_SIGN_KNOWN},
-    {0x1040, {256, 521, GENERATE}, {256, 521, GENERATE}},
-    {0x1050, {256, 521, DERIVE}, {256, 521, DERIVE}},
+    {0x1040, {256, 521, MAY_GENERATE}, {256, 521, MAY_GENERATE}},
+    {0x1050, {256, 521, MAY_DERIVE}, {256, 521, MAY_DERIVE}},
     {0x1041, EC_SIGN, EC_SIGN},
     {0x1042, EC_SIGN, EC_SIGN, EC_VERIFY},
     {0x1043, EC_SIGN, EC_SIGN},

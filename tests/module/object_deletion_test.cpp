@@ -10,8 +10,8 @@ using testing::Return;
 using testing::StrEq;
 using testing::Throw;
 
-const std::string FUNCTION = "C_DestroyObject";
-const std::string BROKEN_LINE = "C_DestroyObject: unexpected exception: broken";
+const std::string DELETION = "C_DestroyObject";
+const std::string BROKEN_DELETION_LINE = "C_DestroyObject: unexpected exception: broken";
 
 constexpr CK_OBJECT_HANDLE KEY_PAIR_2 = 0x70000002;
 constexpr CK_OBJECT_HANDLE CERTIFICATE_2 = 0x70002002;
@@ -27,7 +27,7 @@ protected:
     {
         std::vector<std::string> lines = {"Delete key pair id : " + logged(hObject)};
         lines.insert(lines.end(), debugLines.begin(), debugLines.end());
-        return answerOf(FUNCTION, code, lines, error);
+        return answerOf(DELETION, code, lines, error);
     }
 
     void expectKeyPairDeletion(const VelkorKeyPair& keyPair, const std::string& pin, int status = 0)
@@ -62,13 +62,13 @@ protected:
 TEST_F(ModuleTest, DestroyObjectBeforeInitializeIsRefused)
 {
     EXPECT_EQ(answer(C_DestroyObject, 0, 0),
-              refusal(CKR_CRYPTOKI_NOT_INITIALIZED, FUNCTION, "C_DestroyObject: not initialized"));
+              refusal(CKR_CRYPTOKI_NOT_INITIALIZED, DELETION, "C_DestroyObject: not initialized"));
 }
 
 TEST_F(DeletionTest, UnknownSessionIsRefusedWithoutItsNumber)
 {
     EXPECT_EQ(answer(C_DestroyObject, hSession_ + 1, KEY_PAIR_2),
-              refusal(CKR_SESSION_HANDLE_INVALID, FUNCTION, "Delete session state invalid"));
+              refusal(CKR_SESSION_HANDLE_INVALID, DELETION, "Delete session state invalid"));
 }
 
 // ---- Session states ----
@@ -84,7 +84,7 @@ TEST_P(ReadOnlyStateTest, IsRefusedBeforeTheHandleIsLookedAt)
     enterState(GetParam());
     for (const CK_OBJECT_HANDLE hObject : {KEY_PAIR_2, CERTIFICATE_2, CK_OBJECT_HANDLE{0}, ~CK_OBJECT_HANDLE{0}}) {
         EXPECT_EQ(destroy(hObject),
-                  answerOf(FUNCTION, CKR_SESSION_READ_ONLY, {"Delete session state invalid : " + logged(GetParam())}));
+                  answerOf(DELETION, CKR_SESSION_READ_ONLY, {"Delete session state invalid : " + logged(GetParam())}));
     }
 }
 
@@ -251,14 +251,14 @@ TEST_F(DeletionTest, OfAKeyPairByAThrowingLibraryIsAFailureOfTheModule)
 {
     expectKeyPairList();
     EXPECT_CALL(*device_, velkor_deleteKeyPair).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
-    EXPECT_EQ(destroy(KEY_PAIR_2), answerOn(KEY_PAIR_2, CKR_GENERAL_ERROR, {}, BROKEN_LINE));
+    EXPECT_EQ(destroy(KEY_PAIR_2), answerOn(KEY_PAIR_2, CKR_GENERAL_ERROR, {}, BROKEN_DELETION_LINE));
 }
 
 TEST_F(DeletionTest, OfACertificateByAThrowingLibraryIsAFailureOfTheModule)
 {
     expectCertificateList();
     EXPECT_CALL(*device_, velkor_deleteCertificate).InSequence(script_).WillOnce(Throw(std::runtime_error("broken")));
-    EXPECT_EQ(destroy(CERTIFICATE_2), answerOn(CERTIFICATE_2, CKR_GENERAL_ERROR, {}, BROKEN_LINE));
+    EXPECT_EQ(destroy(CERTIFICATE_2), answerOn(CERTIFICATE_2, CKR_GENERAL_ERROR, {}, BROKEN_DELETION_LINE));
 }
 
 TEST_F(DeletionTest, OfAKeyPairLeavesTheOtherObjects)

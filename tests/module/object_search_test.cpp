@@ -15,7 +15,7 @@ const Handles PRIVATE_KEYS = {privateKey(1), privateKey(2), privateKey(3), priva
                               privateKey(5), privateKey(6), privateKey(7)};
 const Handles CERTIFICATES = {certificate(1), certificate(2), certificate(3)};
 
-Handles joined(const std::vector<Handles>& groups)
+Handles together(const std::vector<Handles>& groups)
 {
     Handles all;
     for (const Handles& group : groups)
@@ -82,7 +82,7 @@ TEST_F(ObjectSearchTest, ATemplateOfWhichNoEntryCountsFindsEverything)
     CK_ATTRIBUTE unread = {CKA_CLASS, nullptr, 0};
     EXPECT_EQ(answer(C_FindObjectsInit, hSession_, &unread, 0),
               (Answer{CKR_OK, {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"}}));
-    EXPECT_EQ(page(100), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(page(100), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, EveryEntryIsLoggedAndSomeValuesAre)
@@ -294,7 +294,7 @@ protected:
     /// What is found in the lists as they are.
     static Handles rest()
     {
-        return joined(
+        return together(
             {GetParam().keyPairs ? Handles() : PUBLIC_KEYS, GetParam().certificates ? Handles() : CERTIFICATES});
     }
 
@@ -317,7 +317,7 @@ TEST_P(EmptyListsTest, InitializeTheDeviceAndAreFetchedAgain)
     expectFetch();
     Template none;
     EXPECT_EQ(begin(none), (Answer{CKR_OK, {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"}}));
-    EXPECT_EQ(page(100), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(page(100), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_P(EmptyListsTest, MayStillBeEmptyAfterTheInitialization)
@@ -379,7 +379,7 @@ INSTANTIATE_TEST_SUITE_P(All, SearchStateTest,
 
 TEST_P(SearchStateTest, AnEmptyTemplateFindsEverythingButPrivateKeysOnlyForAUser)
 {
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, privateKeys(), CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, privateKeys(), CERTIFICATES}));
 }
 
 TEST_P(SearchStateTest, PrivateKeysAreFoundForAUserOnly)
@@ -397,21 +397,21 @@ TEST_F(ObjectSearchTest, PrivateKeysAreHiddenFromAPublicSessionThoughAPinIsCache
 {
     logInOnTheOtherToken();
     EXPECT_THAT(searchClass(CKO_PRIVATE_KEY), IsEmpty());
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, PrivateKeysAreHiddenFromASecurityOfficerThoughAPinIsCached)
 {
     logInAsUserThenAsSecurityOfficer();
     EXPECT_THAT(searchClass(CKO_PRIVATE_KEY), IsEmpty());
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, PrivateKeysAreFoundInAUserSessionWithoutAPin)
 {
     logInAndLoseThePin();
     EXPECT_EQ(searchClass(CKO_PRIVATE_KEY), PRIVATE_KEYS);
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, PRIVATE_KEYS, CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, PRIVATE_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, OtherClassesFindNothing)
@@ -430,14 +430,14 @@ TEST_F(ObjectSearchTest, TheVendorDefinedClassStandsForNoClass)
 TEST_F(ObjectSearchTest, ALabelWithoutAClassFindsEverything)
 {
     Template criteria;
-    EXPECT_EQ(search(criteria.addTerminated(CKA_LABEL, "no such label")), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(search(criteria.addTerminated(CKA_LABEL, "no such label")), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 TEST_F(ObjectSearchTest, CriteriaWithoutAClassFindEverything)
 {
     for (const CK_ATTRIBUTE_TYPE type : {CKA_VALUE, CKA_SUBJECT, CKA_ID, CKA_MODULUS}) {
         Template criteria;
-        EXPECT_EQ(search(criteria.add(type, ByteVector{0xFF})), joined({PUBLIC_KEYS, CERTIFICATES})) << logged(type);
+        EXPECT_EQ(search(criteria.add(type, ByteVector{0xFF})), together({PUBLIC_KEYS, CERTIFICATES})) << logged(type);
     }
 }
 
@@ -461,7 +461,7 @@ TEST_F(ObjectSearchTest, ASearchAsksItsSessionsDevice)
 TEST_F(ObjectSearchTest, DerivedKeysAreNeverFound)
 {
     derive(hSession_, 5, {1, 2, 3});
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, CERTIFICATES}));
     EXPECT_THAT(searchClass(CKO_SECRET_KEY), IsEmpty());
 }
 
@@ -769,7 +769,7 @@ TEST_F(ComputedLabelSearchTest, IsNotComputedWithoutALabelCriterion)
     EXPECT_CALL(*device_, velkor_getCertificateDetails).Times(0);
     EXPECT_EQ(searchClass(CKO_PUBLIC_KEY), PUBLIC_KEYS);
     EXPECT_EQ(searchClass(CKO_CERTIFICATE), CERTIFICATES);
-    EXPECT_EQ(searchAll(), joined({PUBLIC_KEYS, CERTIFICATES}));
+    EXPECT_EQ(searchAll(), together({PUBLIC_KEYS, CERTIFICATES}));
 }
 
 // ---- Handing out ----

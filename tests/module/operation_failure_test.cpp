@@ -7,7 +7,7 @@
 namespace
 {
 
-const ByteVector DATA = {1, 2, 3};
+const ByteVector INPUT = {1, 2, 3};
 const ByteVector GATHERED = {7, 8, 9};
 
 struct Step {
@@ -28,11 +28,12 @@ constexpr Step DIGEST_INIT = {"C_DigestInit", [](CK_SESSION_HANDLE session) {
                               }};
 constexpr Step DIGEST_DATA = {"C_Digest", [](CK_SESSION_HANDLE session) {
                                   Output output;
-                                  return C_Digest(session, pointerTo(DATA), sizeOf(DATA), output.data(),
+                                  return C_Digest(session, pointerTo(INPUT), sizeOf(INPUT), output.data(),
                                                   &output.length);
                               }};
-constexpr Step DIGEST_UPDATE = {
-    "C_DigestUpdate", [](CK_SESSION_HANDLE session) { return C_DigestUpdate(session, pointerTo(DATA), sizeOf(DATA)); }};
+constexpr Step DIGEST_UPDATE = {"C_DigestUpdate", [](CK_SESSION_HANDLE session) {
+                                    return C_DigestUpdate(session, pointerTo(INPUT), sizeOf(INPUT));
+                                }};
 constexpr Step DIGEST_FINAL = {"C_DigestFinal", [](CK_SESSION_HANDLE session) {
                                    Output output;
                                    return C_DigestFinal(session, output.data(), &output.length);
@@ -43,10 +44,10 @@ constexpr Step RAW_SIGN_INIT = {"C_SignInit",
                                 [](CK_SESSION_HANDLE session) { return begin(C_SignInit, session, CKM_ECDSA); }};
 constexpr Step SIGN_DATA = {"C_Sign", [](CK_SESSION_HANDLE session) {
                                 Output output;
-                                return C_Sign(session, pointerTo(DATA), sizeOf(DATA), output.data(), &output.length);
+                                return C_Sign(session, pointerTo(INPUT), sizeOf(INPUT), output.data(), &output.length);
                             }};
 constexpr Step SIGN_UPDATE = {
-    "C_SignUpdate", [](CK_SESSION_HANDLE session) { return C_SignUpdate(session, pointerTo(DATA), sizeOf(DATA)); }};
+    "C_SignUpdate", [](CK_SESSION_HANDLE session) { return C_SignUpdate(session, pointerTo(INPUT), sizeOf(INPUT)); }};
 constexpr Step SIGN_FINAL = {"C_SignFinal", [](CK_SESSION_HANDLE session) {
                                  Output output;
                                  return C_SignFinal(session, output.data(), &output.length);
@@ -56,13 +57,14 @@ constexpr Step VERIFY_INIT = {
 constexpr Step RAW_VERIFY_INIT = {"C_VerifyInit",
                                   [](CK_SESSION_HANDLE session) { return begin(C_VerifyInit, session, CKM_ECDSA); }};
 constexpr Step VERIFY_DATA = {"C_Verify", [](CK_SESSION_HANDLE session) {
-                                  return C_Verify(session, pointerTo(DATA), sizeOf(DATA), pointerTo(DATA),
-                                                  sizeOf(DATA));
+                                  return C_Verify(session, pointerTo(INPUT), sizeOf(INPUT), pointerTo(INPUT),
+                                                  sizeOf(INPUT));
                               }};
-constexpr Step VERIFY_UPDATE = {
-    "C_VerifyUpdate", [](CK_SESSION_HANDLE session) { return C_VerifyUpdate(session, pointerTo(DATA), sizeOf(DATA)); }};
+constexpr Step VERIFY_UPDATE = {"C_VerifyUpdate", [](CK_SESSION_HANDLE session) {
+                                    return C_VerifyUpdate(session, pointerTo(INPUT), sizeOf(INPUT));
+                                }};
 constexpr Step VERIFY_FINAL = {
-    "C_VerifyFinal", [](CK_SESSION_HANDLE session) { return C_VerifyFinal(session, pointerTo(DATA), sizeOf(DATA)); }};
+    "C_VerifyFinal", [](CK_SESSION_HANDLE session) { return C_VerifyFinal(session, pointerTo(INPUT), sizeOf(INPUT)); }};
 
 enum class DeviceCall { KeyLookup, InitHash, UpdateHash, FinalHash, SignHash, VerifySignatureHash };
 

@@ -2,15 +2,12 @@
 #include <cstdio>
 
 #include "scripted_device_fixture.h"
+#include "signed_data.h"
 
 namespace
 {
 
-const ByteVector DATA = numbered(40, 0x60);
-const ByteVector OTHER_DATA = numbered(7, 0x20);
-const ByteVector SIGNATURE = numbered(70, 0x11);
 const ByteVector OTHER_SIGNATURE = numbered(72, 0x77);
-constexpr int HASH_ROOM = 64;
 
 std::string hexadecimal(const ByteVector& bytes)
 {

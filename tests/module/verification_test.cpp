@@ -1,13 +1,10 @@
 // C_VerifyInit, C_Verify, C_VerifyUpdate and C_VerifyFinal.
 #include "scripted_device_fixture.h"
+#include "signed_data.h"
 
 namespace
 {
 
-const ByteVector DATA = numbered(40, 0x60);
-const ByteVector OTHER_DATA = numbered(7, 0x20);
-const ByteVector SIGNATURE = numbered(70, 0x11);
-constexpr int HASH_ROOM = 64;
 constexpr std::uint32_t EC_KEY = 5;
 
 class VerificationTest : public ScriptedDeviceTest

@@ -3,6 +3,7 @@
 
 #include "crypto/keys.h"
 #include "crypto/protection.h"
+#include "memory_lock.h"
 #include "store/schema.h"
 
 #include <algorithm>
@@ -16,7 +17,6 @@
 #include <functional>
 #include <random>
 #include <set>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -223,15 +223,6 @@ int occurrencesIn(pid_t process, const Needles& needles)
     for (const auto& [region, count] : findIn(process, needles))
         sum += count;
     return sum;
-}
-
-/// Whether this user may have more memory locked.
-bool mayLock(std::size_t size)
-{
-    Data probe(size);
-    const bool locked = mlock(probe.data(), size) == 0;
-    munlock(probe.data(), size);
-    return locked;
 }
 
 void expectProtected(const std::vector<std::pair<Region, int>>& found)

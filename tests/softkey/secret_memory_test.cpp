@@ -1,6 +1,7 @@
 // Memory for secrets: where it lies, and what is left of it.
 #include "base/bytes.h"
 #include "base/secret.h"
+#include "memory_lock.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <span>
 #include <string>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -41,15 +41,6 @@ std::string pageFlagsOf(const void* address)
 bool has(const std::string& flags, const char* flag)
 {
     return flags.find(flag) != std::string::npos;
-}
-
-/// Whether this user may have more memory locked. Sanitizers make locking do nothing.
-bool mayLock(std::size_t size)
-{
-    std::vector<char> probe(size);
-    const bool locked = !SANITIZED && mlock(probe.data(), size) == 0;
-    munlock(probe.data(), size);
-    return locked;
 }
 
 SecretBuffer filled(std::size_t size)

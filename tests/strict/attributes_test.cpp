@@ -8,8 +8,6 @@
 namespace
 {
 
-constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
-
 class StrictAttributesTest : public StrictTest, protected TemplateValues
 {
 protected:

@@ -1,4 +1,4 @@
-// The host on POSIX systems: how it loads the library, and the ways to end that only they have.
+// The host on POSIX systems: how it loads the loaded, and the ways to end that only they have.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -55,7 +55,7 @@ void forkTwice()
     });
 }
 
-/// Another program takes the place of this one, with whatever threads are in the library, and does its own work with
+/// Another program takes the place of this one, with whatever threads are in the loaded, and does its own work with
 /// it.
 void execute()
 {
@@ -64,7 +64,7 @@ void execute()
     REQUIRE(false);
 }
 
-/// As a worker that has become another user than the server that loaded the library: the log is elsewhere from then on.
+/// As a worker that has become another user than the server that loaded the loaded: the log is elsewhere from then on.
 void moveLogAfterLoading()
 {
     load();
@@ -97,20 +97,20 @@ std::filesystem::path programFile()
 
 void* loadLibrary(const std::string& file, bool globally)
 {
-    void* library = dlopen(file.c_str(), RTLD_NOW | (globally ? RTLD_GLOBAL : RTLD_LOCAL));
-    if (library == nullptr)
+    void* loaded = dlopen(file.c_str(), RTLD_NOW | (globally ? RTLD_GLOBAL : RTLD_LOCAL));
+    if (loaded == nullptr)
         std::fprintf(stderr, "%s\n", dlerror());
-    return library;
+    return loaded;
 }
 
-void* symbolOf(void* library, const char* name)
+void* symbolOf(void* loaded, const char* name)
 {
-    return dlsym(library, name);
+    return dlsym(loaded, name);
 }
 
-bool unloadLibrary(void* library)
+bool unloadLibrary(void* loaded)
 {
-    return dlclose(library) == 0;
+    return dlclose(loaded) == 0;
 }
 
 Ways waysOfThisSystem()

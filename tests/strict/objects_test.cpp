@@ -5,7 +5,6 @@
 namespace
 {
 
-constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
 constexpr CK_RV ACTION_PROHIBITED = 0x1B;
 
 class StrictObjectsTest : public StrictTest, protected TemplateValues

@@ -11,7 +11,6 @@
 namespace
 {
 
-constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
 constexpr CK_RV ACTION_PROHIBITED = 0x1B;
 
 class StrictSoftkeyRulesTest : public StrictSoftkeyTest, protected TemplateValues

@@ -175,12 +175,11 @@ TEST_F(StrictSoftkeyTest, TextsArePaddedAndEveryAttributeOfASearchCounts)
     const CK_ATTRIBUTE ofType = {CKA_KEY_TYPE, &keyType, sizeof keyType};
     const CK_ATTRIBUTE ofLabel = {CKA_LABEL, label.data(), 3};
     const CK_ATTRIBUTE ofId = {CKA_ID, &identifier, 1};
-    using Handles = std::vector<CK_OBJECT_HANDLE>;
     EXPECT_EQ(find(session, {}).size(), 4U);
     EXPECT_EQ(find(session, {ofLabel}).size(), 2U);
-    EXPECT_EQ(find(session, {ofClass, ofType}), Handles{ec.privateKey});
-    EXPECT_EQ(find(session, {ofId, ofClass}), Handles{rsa.privateKey});
-    EXPECT_EQ(find(session, {ofId, ofLabel}), Handles{});
+    EXPECT_EQ(find(session, {ofClass, ofType}), std::vector<CK_OBJECT_HANDLE>{ec.privateKey});
+    EXPECT_EQ(find(session, {ofId, ofClass}), std::vector<CK_OBJECT_HANDLE>{rsa.privateKey});
+    EXPECT_EQ(find(session, {ofId, ofLabel}), std::vector<CK_OBJECT_HANDLE>{});
 }
 
 TEST_F(StrictSoftkeyTest, ASessionPairGoesWithItsSessionUnlessItIsCopied)

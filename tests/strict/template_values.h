@@ -5,6 +5,9 @@
 
 #include "cryptoki.h"
 
+/// Newer than the header of version 2.20.
+constexpr CK_ATTRIBUTE_TYPE COPYABLE = 0x171;
+
 /// Fixtures take them in as a base.
 struct TemplateValues {
     CK_BBOOL yes = CK_TRUE;

@@ -48,6 +48,7 @@ if(NOT WIN32)
     target_include_directories(cryptoki_p11kit_test PRIVATE "${cryptoki_include_dir}" "${cryptoki_generated_dir}")
     target_include_directories(cryptoki_p11kit_test SYSTEM PRIVATE "${P11KIT_PKCS11_INCLUDE_DIR}")
     target_link_libraries(cryptoki_p11kit_test PRIVATE project_options GTest::gtest_main)
+    set_target_properties(cryptoki_p11kit_test PROPERTIES UNITY_BUILD OFF) # Two headers of the same names.
     gtest_discover_tests(cryptoki_p11kit_test)
 endif()
 

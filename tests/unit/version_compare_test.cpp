@@ -53,12 +53,12 @@ TEST(VersionComparison, KeepsNumbersApartThatFit)
 
 TEST(VersionComparison, NumbersAreThePiecesBetweenTheDots)
 {
-    using Numbers = std::vector<std::int32_t>;
-    EXPECT_EQ(Utils::versionNumbers(""), Numbers());
-    EXPECT_EQ(Utils::versionNumbers("7"), Numbers({7}));
-    EXPECT_EQ(Utils::versionNumbers("2.0.0-beta"), Numbers({2, 0, 0}));
-    EXPECT_EQ(Utils::versionNumbers(" 1.-2.+3.x"), Numbers({1, -2, 3, 0}));
-    EXPECT_EQ(Utils::versionNumbers("1..2"), Numbers({1, 0, 2}));
+    using Pieces = std::vector<std::int32_t>;
+    EXPECT_EQ(Utils::versionNumbers(""), Pieces());
+    EXPECT_EQ(Utils::versionNumbers("7"), Pieces({7}));
+    EXPECT_EQ(Utils::versionNumbers("2.0.0-beta"), Pieces({2, 0, 0}));
+    EXPECT_EQ(Utils::versionNumbers(" 1.-2.+3.x"), Pieces({1, -2, 3, 0}));
+    EXPECT_EQ(Utils::versionNumbers("1..2"), Pieces({1, 0, 2}));
 }
 
 } // namespace
