@@ -18,7 +18,7 @@ function(add_cryptoki_module name)
     # A host may unload the library without C_Finalize, while the monitor thread runs in it: it stays mapped.
     target_link_options(${name} PRIVATE LINKER:--version-script=${VERSION_SCRIPT} LINKER:-z,nodelete)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${VERSION_SCRIPT})
-    target_link_libraries(${name} PRIVATE project_options module_device)
+    target_link_libraries(${name} PRIVATE product_options module_device)
     precompile(${name})
     add_dependencies(installed ${name})
     install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velkor)

@@ -15,7 +15,7 @@ set_target_properties(velkor-pkcs11 PROPERTIES PREFIX "")
 set_source_files_properties(frame/unsupported.cpp PROPERTIES COMPILE_DEFINITIONS
                                                              "VELKOR_EXTENSION=__declspec(dllexport)")
 target_include_directories(velkor-pkcs11 PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE .)
-target_link_libraries(velkor-pkcs11 PRIVATE project_options module_device)
+target_link_libraries(velkor-pkcs11 PRIVATE product_options module_device)
 precompile(velkor-pkcs11)
 add_dependencies(installed velkor-pkcs11)
 install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
