@@ -21,7 +21,7 @@ function(add_cryptoki_module name)
     target_link_libraries(${name} PRIVATE product_options module_device)
     precompile(${name})
     add_dependencies(installed ${name})
-    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velkor)
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velkor COMPONENT module)
 endfunction()
 
 set_source_files_properties(frame/entry_points.cpp frame/unsupported.cpp PROPERTIES

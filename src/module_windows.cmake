@@ -18,4 +18,4 @@ target_include_directories(velkor-pkcs11 PUBLIC ${PROJECT_SOURCE_DIR}/include PR
 target_link_libraries(velkor-pkcs11 PRIVATE product_options module_device)
 precompile(velkor-pkcs11)
 add_dependencies(installed velkor-pkcs11)
-install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS velkor-pkcs11 RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT module)
