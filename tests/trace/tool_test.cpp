@@ -393,6 +393,18 @@ TEST(TraceOptionsTest, AllAreCompleted)
     EXPECT_EQ(completionOf("--since 1"), "\n");
 }
 
+/// Neither of the two shells need be on the machine.
+TEST(TraceOptionsTest, AllAreInTheCompletionsOfOtherShells)
+{
+    const std::string zsh = readWhole(std::filesystem::path(SOURCES) / "trace/velkor-trace.zsh");
+    const std::string fish = readWhole(std::filesystem::path(SOURCES) / "trace/velkor-trace.fish");
+    for (const std::string& option : longOptions()) {
+        const bool hasNoShortForm = zsh.find(option + "[") != std::string::npos;
+        EXPECT_TRUE(hasNoShortForm || zsh.find(option + "}") != std::string::npos) << option;
+        EXPECT_NE(fish.find("--long-option " + option.substr(2) + " "), std::string::npos) << option;
+    }
+}
+
 // ---- The page ----
 
 class TracePageTest : public TraceToolTest
