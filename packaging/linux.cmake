@@ -30,3 +30,10 @@ install(FILES ${PROJECT_BINARY_DIR}/velkor-pkcs11-config.cmake ${PROJECT_BINARY_
         DESTINATION ${PACKAGE_FOLDER} COMPONENT dev)
 install(DIRECTORY examples/empty_device DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-pkcs11-dev/examples
         COMPONENT dev)
+
+# The module reads one fixed file: what is not installed for the whole system leaves it alone.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    install(FILES packaging/velkor.conf DESTINATION /etc/brenmoor COMPONENT module)
+endif()
+install(FILES packaging/velkor.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT module)
+install(FILES packaging/velkor-pkcs11.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)

@@ -189,6 +189,12 @@ TEST_F(LogLevelFileTest, AnotherFileNamedByTheEnvironmentIsSeen)
     EXPECT_EQ(level(), 2);
 }
 
+TEST_F(LogLevelFileTest, TheFileThatPackagesBringIsSilent)
+{
+    test_system::setEnvironment("VELKOR_CONFIG", PACKAGED_CONFIGURATION);
+    EXPECT_EQ(level(), 0);
+}
+
 TEST_F(LogLevelFileTest, NegativeNumbersAreNumbers)
 {
     write("logLevel = -1\n");
