@@ -37,3 +37,10 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
 endif()
 install(FILES packaging/velkor.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT module)
 install(FILES packaging/velkor-pkcs11.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)
+
+include(packaging/spdx.cmake)
+install(FILES ${PROJECT_BINARY_DIR}/velkor.spdx DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-pkcs11 COMPONENT module)
+if(VELKOR_BUILD_SOFTKEY)
+    install(FILES ${PROJECT_BINARY_DIR}/velkor.spdx DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-softkey
+            COMPONENT softkey)
+endif()
