@@ -44,3 +44,7 @@ if(VELKOR_BUILD_SOFTKEY)
     install(FILES ${PROJECT_BINARY_DIR}/velkor.spdx DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-softkey
             COMPONENT softkey)
 endif()
+
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND VELKOR_BUILD_SOFTKEY AND VELKOR_BUILD_TRACE)
+    include(packaging/debian/packages.cmake)
+endif()
