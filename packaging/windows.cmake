@@ -1,5 +1,7 @@
 # A zip of what a user of the DLL gets, with the checksums of its files inside, and its own beside it.
 install(FILES packaging/windows-readme.txt DESTINATION . RENAME README.txt)
+include(packaging/spdx.cmake)
+install(FILES ${PROJECT_BINARY_DIR}/velkor.spdx DESTINATION .)
 install(SCRIPT packaging/windows_checksums.cmake)
 
 set(ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Makes the zip, unpacks it and looks at what is in it.
-#   check_package.sh BUILD-FOLDER DLL [velkor-trace]      the latter where it was built
+#   check_package.sh BUILD-FOLDER DLL [TARGET...]      the targets beside the module's that were built
 set -euo pipefail
-build=$1 dll=$2 trace=${3:-}
+build=$1 dll=$2
+shift 2
+built=" $* "
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
@@ -14,17 +16,25 @@ sha256sum --check --quiet "$zip.sha256"
 
 unzip -q "$zip" -d "$folder"
 cd "$folder/${zip%.zip}"
-grep -v -e "^$" <<END | diff --unified=0 - <(find . -type f | LC_ALL=C sort)
+# file TARGET PATH: of that target, where it was built.
+file() { [[ $built != *" $1 "* ]] || echo "$2"; }
+expected() {
+    cat <<END
 ./README.txt
 ./SHA256SUMS
 ./bin/velkor-pkcs11-strict.dll
 ./bin/velkor-pkcs11.dll
-${trace:+./bin/velkor-trace.exe}
 ./include/velkor/cryptoki.h
 ./include/velkor/device_service.h
 ./include/velkor/record_fields.h
 ./include/velkor/velkor_extensions.h
+./velkor.spdx
 END
+    file softkey ./bin/VelkorDSCLibrary.dll
+    file velkor-softkey ./bin/velkor-softkey.exe
+    file velkor-trace ./bin/velkor-trace.exe
+}
+diff --unified=0 <(expected | LC_ALL=C sort) <(find . -type f | LC_ALL=C sort)
 sha256sum --check --quiet --strict SHA256SUMS
 [ "$(wc -l <SHA256SUMS)" -eq $(($(find . -type f | wc -l) - 1)) ]
 
