@@ -30,7 +30,7 @@ as_root() {
 install_packages() {
     local packages=(llvm clang-tidy cmake ninja-build ccache googletest unzip)
     packages+=(dpkg-dev gcc libc6-dev make tcl libcli11-dev nlohmann-json3-dev) # For the libraries of the software key.
-    case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64) ;; esac
+    case $wanted in *' x64 '*) packages+=(g++-mingw-w64-x86-64-posix wine64 wixl) ;; esac
     case $wanted in *' arm64 '*)
         packages+=(mmdebstrap qemu-user-static)
         # A node that is there need not be Debian's, whose npm would replace it.
