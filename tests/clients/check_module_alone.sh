@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and installs the module where nothing else is at hand, neither the software key nor the tests' libraries, and
-# loads it over a device library that it was not linked with.
+# loads it over a device library that it was not linked with. What was not built yet is built when it is installed.
 #   check_module_alone.sh SOURCE-FOLDER COMPILER HOST DEVICE-LIBRARY-FOLDER BUILD-FOLDER
 set -euo pipefail
 source=$1 compiler=$2 host=$3 device=$4 build=$5
@@ -12,7 +12,7 @@ done
 cmake --fresh -S "$source" -B "$build" -G Ninja -D CMAKE_CXX_COMPILER="$compiler" -D CMAKE_INSTALL_PREFIX="$build/installed" \
     -D CMAKE_INSTALL_LIBDIR=lib -D VELKOR_WERROR=ON -D VELKOR_PRECOMPILED_HEADERS=ON \
     -D VELKOR_BUILD_SOFTKEY=OFF -D VELKOR_BUILD_TESTS=OFF "${without[@]}"
-cmake --build "$build"
+cmake --build "$build" --target velkor-pkcs11
 rm -rf "$build/installed"
 cmake --install "$build"
 
