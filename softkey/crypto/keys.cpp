@@ -18,12 +18,6 @@ using Encoder = Owned<OSSL_ENCODER_CTX, OSSL_ENCODER_CTX_free>;
 using Decoder = Owned<OSSL_DECODER_CTX, OSSL_DECODER_CTX_free>;
 using PublicNumber = Owned<BIGNUM, BN_free>;
 
-int reportProgress(EVP_PKEY_CTX* context)
-{
-    (*static_cast<const Progress*>(EVP_PKEY_CTX_get_app_data(context)))();
-    return 1;
-}
-
 ByteVector modulusOf(const EVP_PKEY* key)
 {
     BIGNUM* modulus = nullptr;
@@ -51,7 +45,7 @@ ByteVector pointOf(const EVP_PKEY* key)
 
 } // namespace
 
-EvpKey generateKey(const KeyKindTraits& traits, const Progress& progress)
+EvpKey generateKey(const KeyKindTraits& traits)
 {
     const EvpKeyContext context = contextFor(traits.isRsa() ? "RSA" : "EC");
     require(EVP_PKEY_keygen_init(context.get()) == 1);
@@ -59,10 +53,6 @@ EvpKey generateKey(const KeyKindTraits& traits, const Progress& progress)
         require(EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), static_cast<int>(traits.bits)) == 1);
     else
         require(EVP_PKEY_CTX_set_group_name(context.get(), traits.curve) == 1);
-    if (progress) {
-        EVP_PKEY_CTX_set_app_data(context.get(), const_cast<Progress*>(&progress));
-        EVP_PKEY_CTX_set_cb(context.get(), reportProgress);
-    }
     EVP_PKEY* key = nullptr;
     require(EVP_PKEY_generate(context.get(), &key) == 1);
     return EvpKey(key);

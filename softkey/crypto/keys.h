@@ -5,18 +5,13 @@
 #include "crypto/key_kinds.h"
 #include "crypto/openssl.h"
 
-#include <functional>
-
 namespace softkey
 {
 
 /// Of every RSA key that is generated or imported.
 inline constexpr unsigned long PUBLIC_EXPONENT = 65537;
 
-/// Called now and then while a key is generated; must not throw.
-using Progress = std::function<void()>;
-
-EvpKey generateKey(const KeyKindTraits& traits, const Progress& progress = {});
+EvpKey generateKey(const KeyKindTraits& traits);
 
 /// An RSA key from big-endian components and the public exponent 65537. The rest is computed, and everything is
 /// checked; throws BadPrivateKey.

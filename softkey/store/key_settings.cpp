@@ -59,12 +59,14 @@ void requireAcceptable(const KeySettings& settings)
         if (!fulfilled)
             throw Refusal(SoftkeyStatus::BadArgument, what);
     };
-    demand(isSerialNumber(settings.serialNumber), "serial number");
-    demand(isPlainText(settings.label, LABEL_MAX), "label");
-    demand(isPlainText(settings.model, MODEL_MAX), "model");
-    demand(isPlainText(settings.firmwareVersion, FIRMWARE_MAX), "firmware version");
-    demand(isAcceptable(settings.userPin), "tries of the user PIN");
-    demand(isAcceptable(settings.soPin), "tries of the SO PIN");
+    demand(isSerialNumber(settings.serialNumber),
+           "a serial number has 1 to 16 letters, digits, '-', '_' and '.', and begins with no '.'");
+    demand(isPlainText(settings.label, LABEL_MAX), "a label has up to 63 bytes and no control characters");
+    demand(isPlainText(settings.model, MODEL_MAX), "a model has up to 15 bytes and no control characters");
+    demand(isPlainText(settings.firmwareVersion, FIRMWARE_MAX),
+           "a firmware version has up to 31 bytes and no control characters");
+    demand(isAcceptable(settings.userPin), "the user PIN has 1 to 255 tries, and no more left than that");
+    demand(isAcceptable(settings.soPin), "the SO PIN has 1 to 255 tries, and no more left than that");
     demand(isAcceptable(settings.cost), "scrypt cost");
 }
 

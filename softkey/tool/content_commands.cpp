@@ -1,5 +1,6 @@
 // Commands about what is on a key: generate, import-key, import-certificate, export-certificate, delete.
-#include "platform/quiet_terminal.h"
+#include "tool/activity.h"
+#include "tool/kind_names.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
@@ -17,6 +18,13 @@ namespace softkey
 {
 namespace
 {
+
+/// What the options of an object ask for.
+struct ObjectRequest {
+    ByteVector objectId;
+    std::string label;
+    KeyUsage usage;
+};
 
 /// Options that put an object on a key.
 struct ObjectOptions {
@@ -50,11 +58,20 @@ struct ObjectOptions {
         return {flags, oaepOnly ? PaddingsTaken::OaepOnly : PaddingsTaken::All};
     }
 
-    std::string checkedLabel() const
+    /// Throws BadArgument for what no object can have.
+    ObjectRequest checked() const
     {
         if (label.size() > LABEL_CAPACITY)
             throw Refusal(SoftkeyStatus::BadArgument, "a label has up to 128 bytes");
-        return label;
+        return {bytesFromHex(objectId), label, keyUsage()};
+    }
+
+    /// The same for a key pair of that kind.
+    ObjectRequest checkedFor(const KeyKindTraits& traits) const
+    {
+        if (oaepOnly && !traits.isRsa())
+            throw Refusal(SoftkeyStatus::BadArgument, "--oaep-only is for RSA keys");
+        return checked();
     }
 };
 
@@ -66,25 +83,34 @@ ByteVector contentOf(const std::string& file)
     return std::move(*content);
 }
 
-void storeKey(Session& session, const ObjectOptions& options, SoftKey& device, const Pin& pin, const EVP_PKEY* key)
+void checkPin(const Session& session, SoftKey& device, const Pin& pin)
 {
-    const ByteVector objectId = bytesFromHex(options.objectId);
-    const std::string label = options.checkedLabel();
-    const VelkorKeyPair stored = device.addKeyPair(pin, key, {objectId, label}, options.keyUsage());
+    const Activity activity(session, "checking the PIN");
+    device.requireUser(pin);
+}
+
+/// Of a user whose PIN was checked.
+void storeKey(const Session& session, const ObjectRequest& request, SoftKey& device, const Pin& pin,
+              const EVP_PKEY* key)
+{
+    const VelkorKeyPair stored = device.addKeyPair(pin, key, {request.objectId, request.label}, request.usage);
     const char* kind = traitsOf(stored.keyKind).name;
     session.print({{"number", stored.id}, {"kind", kind}, {"identifier", hexText(stored.keyIdentifier)}},
                   "key pair " + std::to_string(stored.id) + "  " + kind);
 }
 
-/// Dots on a terminal, since a large RSA key takes its time.
-EvpKey generateWithProgress(const KeyKindTraits& traits)
+void generate(Session& session, const ObjectOptions& options, const KeyKindTraits& traits)
 {
-    if (!isTerminal(STANDARD_ERROR) || !traits.isRsa())
-        return generateKey(traits);
-    std::cerr << "generating " << traits.name << ' ';
-    EvpKey key = generateKey(traits, [] { std::cerr << '.'; });
-    std::cerr << '\n';
-    return key;
+    const ObjectRequest request = options.checkedFor(traits);
+    const std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);
+    const Pin pin = options.pin.read();
+    checkPin(session, *device, pin);
+    EvpKey key;
+    {
+        const Activity activity(session, std::string("generating ") + traits.name);
+        key = generateKey(traits);
+    }
+    storeKey(session, request, *device, pin, key.get());
 }
 
 void addGenerate(CLI::App& app, Session& session)
@@ -93,19 +119,16 @@ void addGenerate(CLI::App& app, Session& session)
     const auto options = std::make_shared<ObjectOptions>();
     const auto kind = std::make_shared<std::string>();
     addSerialNumber(*command, options->serialNumber);
-    std::vector<std::string> kinds;
-    for (const KeyKindTraits& traits : keyKinds())
-        kinds.emplace_back(traits.name);
-    command->add_option("kind", *kind, "Kind of the key pair")->required()->check(CLI::IsMember(kinds));
+    const auto isKind = [](const std::string& name) {
+        return keyKindCalled(name) != nullptr ? std::string() : name + " is none of " + keyKindNames();
+    };
+    command->add_option("kind", *kind, "Kind of the key pair: " + keyKindNames() + "; case does not count")
+        ->required()
+        ->type_name("KIND")
+        ->check(CLI::Validator(isKind, ""));
     options->addTo(*command);
     options->addUsageTo(*command);
-    command->callback([&session, options, kind] {
-        const std::shared_ptr<SoftKey> device = session.pluggedKey(options->serialNumber);
-        const Pin pin = options->pin.read();
-        device->requireUser(pin);
-        const EvpKey key = generateWithProgress(*keyKindNamed(*kind));
-        storeKey(session, *options, *device, pin, key.get());
-    });
+    command->callback([&session, options, kind] { generate(session, *options, *keyKindCalled(*kind)); });
 }
 
 EvpKey readKeyFile(const std::string& file)
@@ -122,6 +145,16 @@ EvpKey readKeyFile(const std::string& file)
     return key;
 }
 
+void importKey(Session& session, const ObjectOptions& options, const std::string& file)
+{
+    const std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);
+    const EvpKey key = readKeyFile(file);
+    const ObjectRequest request = options.checkedFor(*keyKindOf(key.get()));
+    const Pin pin = options.pin.read();
+    checkPin(session, *device, pin);
+    storeKey(session, request, *device, pin, key.get());
+}
+
 void addImportKey(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("import-key", "Put a private key from a file on a key");
@@ -131,11 +164,7 @@ void addImportKey(CLI::App& app, Session& session)
     command->add_option("file", *file, "RSA or EC private key, PEM or DER, not encrypted")->required();
     options->addTo(*command);
     options->addUsageTo(*command);
-    command->callback([&session, options, file] {
-        const std::shared_ptr<SoftKey> device = session.pluggedKey(options->serialNumber);
-        const EvpKey key = readKeyFile(*file);
-        storeKey(session, *options, *device, options->pin.read(), key.get());
-    });
+    command->callback([&session, options, file] { importKey(session, *options, *file); });
 }
 
 /// What the options leave open is taken from the key pair that the certificate belongs to.
@@ -157,16 +186,18 @@ void fillFromKeyPair(VelkorCertificate& certificate, const Contents& contents)
 
 void importCertificate(Session& session, const ObjectOptions& options, const std::string& file)
 {
+    const ObjectRequest request = options.checked();
     const std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);
     VelkorCertificate certificate;
     certificate.der = certificateFromFileContent(contentOf(file));
     if (certificate.der.empty())
         throw Refusal(SoftkeyStatus::BadCertificate, file + " holds no certificate");
-    const ByteVector objectId = bytesFromHex(options.objectId);
-    certificate.objectIdLength = velkor::copyInto(certificate.objectId, objectId);
-    velkor::setLabel(certificate, options.checkedLabel());
+    certificate.objectIdLength = velkor::copyInto(certificate.objectId, request.objectId);
+    velkor::setLabel(certificate, request.label);
     fillFromKeyPair(certificate, *device->contents());
-    device->addCertificate(options.pin.read(), certificate);
+    const Pin pin = options.pin.read();
+    checkPin(session, *device, pin);
+    device->addCertificate(pin, certificate);
     session.print({{"number", certificate.id}, {"identifier", hexText(certificate.certificateIdentifier)}},
                   "certificate " + std::to_string(certificate.id));
 }
@@ -220,7 +251,7 @@ void exportCertificate(Session& session, const ExportOptions& options)
         file.open(options.file, std::ios::binary);
     std::ostream& out = options.file.empty() ? std::cout : file;
     if (!out.write(content.data(), static_cast<std::streamsize>(content.size())).flush())
-        throw WriteFailure(options.file.empty() ? "standard output" : options.file);
+        throw notWritten(options.file.empty() ? "standard output" : options.file);
 }
 
 void addExportCertificate(CLI::App& app, Session& session)
@@ -245,14 +276,15 @@ void deleteObject(Session& session, const DeleteOptions& options)
 {
     const std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);
     const std::shared_ptr<const Contents> contents = device->contents();
-    if (options.keyPair != 0) {
-        const Identifier wanted = std::to_array(numbered(contents->keyPairs, options.keyPair).keyIdentifier);
-        device->change(options.pin.read(), [&](Database& database) { deleteKeyPair(database, wanted); });
-    } else {
-        const auto& record = numbered(contents->certificates, options.certificate);
-        const Identifier wanted = std::to_array(record.certificateIdentifier);
-        device->change(options.pin.read(), [&](Database& database) { deleteCertificate(database, wanted); });
-    }
+    const bool isKeyPair = options.keyPair != 0;
+    const Identifier wanted =
+        std::to_array(isKeyPair ? numbered(contents->keyPairs, options.keyPair).keyIdentifier
+                                : numbered(contents->certificates, options.certificate).certificateIdentifier);
+    const Pin pin = options.pin.read();
+    checkPin(session, *device, pin);
+    device->change(pin, [&](Database& database) {
+        isKeyPair ? deleteKeyPair(database, wanted) : deleteCertificate(database, wanted);
+    });
     session.print({{"serial", options.serialNumber}}, "deleted");
 }
 

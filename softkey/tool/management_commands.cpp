@@ -1,5 +1,6 @@
 // Commands about keys as a whole: create, list, info, plug, unplug, remove, verify, backup, restore.
 #include "platform/quiet_terminal.h"
+#include "tool/activity.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
@@ -11,6 +12,7 @@
 #include "velkor/record_fields.h"
 
 #include <iostream>
+#include <optional>
 
 namespace softkey
 {
@@ -21,6 +23,7 @@ using nlohmann::json;
 
 struct CreateOptions {
     KeySettings settings;
+    std::optional<std::string> label;
     int triesLeft = -1;
     int soTriesLeft = -1;
     bool initialPin = false;
@@ -29,23 +32,46 @@ struct CreateOptions {
     PinSource soPin{"so-pin", "SO PIN"};
 };
 
-void create(Session& session, CreateOptions& options)
+void warnOfShortPin(const Session& session, std::string_view pin, const std::string& name)
 {
-    KeySettings& settings = options.settings;
+    constexpr std::size_t ENOUGH = 8;
+    if (pin.size() < ENOUGH)
+        session.warn("the " + name + " is shorter than " + std::to_string(ENOUGH) +
+                     " characters: whoever gets the key's file can try them all");
+}
+
+/// The settings with what the options leave open; throws for what no key can be made of.
+KeySettings acceptable(const CreateOptions& options)
+{
+    KeySettings settings = options.settings;
     if (settings.serialNumber.empty())
         settings.serialNumber = randomSerialNumber();
+    // Tells one key from another where a host shows labels alone; both together are just as long as a token's label.
+    settings.label = options.label.value_or(settings.label + ' ' + settings.serialNumber);
     settings.userPin.triesLeft = options.triesLeft >= 0 ? options.triesLeft : settings.userPin.triesMax;
     settings.soPin.triesLeft = options.soTriesLeft >= 0 ? options.soTriesLeft : settings.soPin.triesMax;
     settings.userPin.changed = !options.initialPin;
     settings.soPin.changed = !options.initialSoPin;
+    requireAcceptable(settings);
+    return settings;
+}
+
+void create(Session& session, const CreateOptions& options)
+{
+    const KeySettings settings = acceptable(options);
     const std::filesystem::path folder = session.folder();
+    const std::filesystem::path path = folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX));
+    require(!std::filesystem::exists(path), SoftkeyStatus::AlreadyExists);
     const Pin pin = options.pin.readNew();
     const Pin soPin = options.soPin.readNew();
-    warnOfShortPin(pin, "user PIN");
-    warnOfShortPin(soPin, "SO PIN");
-    createKeyFile(folder, settings, pin, soPin);
-    const std::string path = (folder / (settings.serialNumber + std::string(KEY_FILE_SUFFIX))).string();
-    session.print({{"serial", settings.serialNumber}, {"file", path}}, settings.serialNumber);
+    warnOfShortPin(session, pin, "user PIN");
+    warnOfShortPin(session, soPin, "SO PIN");
+    {
+        const Activity activity(session, "making the key");
+        createKeyFile(folder, settings, pin, soPin);
+    }
+    session.print({{"serial", settings.serialNumber}, {"label", settings.label}, {"file", path.string()}},
+                  settings.serialNumber);
 }
 
 void addCreate(CLI::App& app, Session& session)
@@ -54,7 +80,7 @@ void addCreate(CLI::App& app, Session& session)
     const auto options = std::make_shared<CreateOptions>();
     KeySettings& settings = options->settings;
     command->add_option("--serial", settings.serialNumber, "Serial number, up to 16 characters (default: random)");
-    command->add_option("--label", settings.label, "Label")->capture_default_str();
+    command->add_option("--label", options->label, "Label (default: " + settings.label + " and the serial number)");
     command->add_option("--model", settings.model, "Model; '1' as third character: not FIPS 140-3")
         ->capture_default_str();
     command->add_option("--firmware", settings.firmwareVersion, "Firmware version")->capture_default_str();
@@ -338,6 +364,7 @@ void verify(Session& session, const std::string& serialNumber, const PinSource& 
         findings.addUnknown(INSIDE, "not looked at without the PIN");
     } else {
         const Pin given = pin.read();
+        const Activity activity(session, "checking the PIN and the private keys");
         while (!lookInside(file, checkPinAlone(file, PinRole::User, given), findings)) {
         }
     }

@@ -1,4 +1,5 @@
 // Commands about PINs: set-pin, unlock.
+#include "tool/activity.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
@@ -47,10 +48,14 @@ void addSetPin(CLI::App& app, Session& session)
         const Pin oldPin = options->oldPin.read();
         const Pin newPin = options->newPin.readNew();
         const PinRole role = options->securityOfficer ? PinRole::SecurityOfficer : PinRole::User;
-        if (options->rekey)
-            key->rekey(oldPin, newPin, options->soPin.read());
-        else
-            key->changePin(role, oldPin, newPin, costOf(*options));
+        const Pin soPin = options->rekey ? options->soPin.read() : Pin("");
+        {
+            const Activity activity(session, "changing the PIN");
+            if (options->rekey)
+                key->rekey(oldPin, newPin, soPin);
+            else
+                key->changePin(role, oldPin, newPin, costOf(*options));
+        }
         session.print({{"serial", options->serialNumber}}, "PIN changed");
     });
 }
@@ -72,7 +77,10 @@ void addUnlock(CLI::App& app, Session& session)
         const std::shared_ptr<SoftKey> key = session.pluggedKey(options->serialNumber);
         const Pin soPin = options->soPin.read();
         const Pin newPin = options->newPin.readNew();
-        key->resetUserPin(soPin, newPin);
+        {
+            const Activity activity(session, "setting the PIN");
+            key->resetUserPin(soPin, newPin);
+        }
         session.print({{"serial", options->serialNumber}}, "user PIN set");
     });
 }

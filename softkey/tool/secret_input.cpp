@@ -2,9 +2,12 @@
 
 #include "base/status.h"
 #include "platform/quiet_terminal.h"
+#include "store/pin_policy.h"
+#include "tool/session.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 
 namespace softkey
 {
@@ -26,7 +29,18 @@ Pin readLine(Read read)
             throw Refusal(SoftkeyStatus::PinLength);
         line.data()[size++] = byte;
     }
+    if (size > 0 && line.data()[size - 1] == '\r') // A line as Windows ends it.
+        --size;
     return Pin({reinterpret_cast<const char*>(line.data()), size});
+}
+
+bool isVariableName(const std::string& text)
+{
+    const auto belongs = [](char character) {
+        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+               (character >= '0' && character <= '9') || character == '_';
+    };
+    return !text.empty() && (text.front() < '0' || text.front() > '9') && std::ranges::all_of(text, belongs);
 }
 
 } // namespace
@@ -52,21 +66,48 @@ void PinSource::addTo(CLI::App& command)
         ->excludes(variable);
 }
 
+Pin PinSource::fromEnvironment() const
+{
+    if (!isVariableName(environmentVariable_)) // Perhaps a PIN: not to be shown.
+        throw Failure(ExitCode::PinRefused, "--" + option_ + "-env takes the name of an environment variable");
+    const char* value = std::getenv(environmentVariable_.c_str());
+    if (value == nullptr)
+        throw Failure(ExitCode::PinRefused, "environment variable " + environmentVariable_ + " is not set");
+    return Pin(value);
+}
+
+Pin PinSource::fromDescriptor() const
+{
+    return readLine([this](unsigned char& byte) {
+        try {
+            return readByte(descriptor_, byte);
+        } catch (const Refusal&) {
+            throw Failure(ExitCode::PinRefused,
+                          "cannot read the " + name_ + " from file descriptor " + std::to_string(descriptor_));
+        }
+    });
+}
+
+Pin PinSource::fromTerminal(const std::string& prompt) const
+{
+    std::optional<QuietTerminal> terminal;
+    try {
+        terminal.emplace();
+    } catch (const Refusal&) {
+        throw Failure(ExitCode::PinRefused,
+                      "no terminal to ask for the " + name_ + " on: use --" + option_ + "-env or --" + option_ + "-fd");
+    }
+    terminal->say(prompt + ": ");
+    Pin pin = readLine([&](unsigned char& byte) { return terminal->read(byte); });
+    terminal->say("\n");
+    return pin;
+}
+
 Pin PinSource::readOnce(const std::string& prompt) const
 {
-    if (!environmentVariable_.empty()) {
-        const char* value = std::getenv(environmentVariable_.c_str());
-        if (value == nullptr)
-            throw Refusal(SoftkeyStatus::PinRequired, "environment variable " + environmentVariable_ + " is not set");
-        return Pin(value);
-    }
-    if (descriptor_ >= 0)
-        return readLine([this](unsigned char& byte) { return readByte(descriptor_, byte); });
-    const QuietTerminal terminal;
-    terminal.say(prompt + ": ");
-    Pin pin = readLine([&](unsigned char& byte) { return terminal.read(byte); });
-    terminal.say("\n");
-    return pin;
+    if (!environmentVariable_.empty())
+        return fromEnvironment();
+    return descriptor_ >= 0 ? fromDescriptor() : fromTerminal(prompt);
 }
 
 Pin PinSource::read() const
@@ -77,20 +118,10 @@ Pin PinSource::read() const
 Pin PinSource::readNew() const
 {
     Pin pin = readOnce(name_);
-    const bool fromPrompt = environmentVariable_.empty() && descriptor_ < 0;
-    if (fromPrompt && std::string_view(pin) != std::string_view(readOnce(name_ + " again")))
-        throw Refusal(SoftkeyStatus::PinRequired, "the two entries differ");
+    requirePinLength(pin);
+    if (!isGiven() && std::string_view(pin) != std::string_view(readOnce(name_ + " again")))
+        throw Failure(ExitCode::PinRefused, "the two entries of the " + name_ + " differ; nothing was changed");
     return pin;
-}
-
-void warnOfShortPin(std::string_view pin, const char* name)
-{
-    constexpr std::size_t ENOUGH = 8;
-    if (pin.size() < ENOUGH)
-        std::fprintf(stderr,
-                     "velkor-softkey: warning: the %s is shorter than %zu characters: whoever gets the key's "
-                     "file can try them all\n",
-                     name, ENOUGH);
 }
 
 } // namespace softkey

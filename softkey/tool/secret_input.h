@@ -34,19 +34,19 @@ public:
     /// Whether one of the options was used.
     bool isGiven() const { return !environmentVariable_.empty() || descriptor_ >= 0; }
     Pin read() const;
-    /// A prompt asks twice.
+    /// Throws PinLength for what cannot become a PIN. A prompt asks twice.
     Pin readNew() const;
 
 private:
     Pin readOnce(const std::string& prompt) const;
+    Pin fromEnvironment() const;
+    Pin fromDescriptor() const;
+    Pin fromTerminal(const std::string& prompt) const;
 
     std::string option_;
     std::string name_;
     std::string environmentVariable_;
     int descriptor_ = -1;
 };
-
-/// On standard error, when there is a PIN that whoever has the file finds in days.
-void warnOfShortPin(std::string_view pin, const char* name);
 
 } // namespace softkey

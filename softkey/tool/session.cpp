@@ -12,13 +12,24 @@ namespace softkey
 namespace
 {
 
-void warnOfReaders(const std::filesystem::path& path)
+/// Labels may hold any bytes.
+std::string dumped(const nlohmann::json& document, int indentation)
 {
-    if (exposureOf(path) == Exposure::Readable)
-        std::fprintf(stderr, "velkor-softkey: warning: others may read %s\n", path.string().c_str());
+    return document.dump(indentation, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 } // namespace
+
+void Session::warnOfReaders(const std::filesystem::path& path) const
+{
+    if (exposureOf(path) == Exposure::Readable)
+        warn("others may read " + path.string() + " (chmod go-rwx)");
+}
+
+void Session::warn(const std::string& text) const
+{
+    tell(json, {{"warning", text}}, "warning: " + text);
+}
 
 const std::filesystem::path& Session::folder()
 {
@@ -52,7 +63,8 @@ std::shared_ptr<SoftKey> Session::key(const std::string& serialNumber)
         return found;
     } catch (const Refusal& refusal) {
         if (refusal.status() == SoftkeyStatus::DeviceRemoved)
-            throw Refusal(refusal.status(), "there is no " + path.string());
+            throw Refusal(refusal.status(),
+                          "there is no " + path.string() + " (velkor-softkey list shows what there is)");
         throw Refusal(refusal.status(), path.string());
     }
 }
@@ -61,16 +73,22 @@ std::shared_ptr<SoftKey> Session::pluggedKey(const std::string& serialNumber)
 {
     std::shared_ptr<SoftKey> found = key(serialNumber);
     if (!found->contents()->device.plugged)
-        throw Refusal(SoftkeyStatus::DeviceRemoved, serialNumber + " is unplugged");
+        throw Refusal(SoftkeyStatus::DeviceRemoved,
+                      serialNumber + " is unplugged (velkor-softkey plug " + serialNumber + ")");
     return found;
 }
 
 void Session::print(const nlohmann::json& result, const std::string& text) const
 {
-    using Handler = nlohmann::json::error_handler_t; // Labels may hold any bytes.
-    const std::string line = json ? result.dump(2, ' ', false, Handler::replace) : text;
+    const std::string line = json ? dumped(result, 2) : text;
     if (std::puts(line.c_str()) < 0 || std::fflush(stdout) != 0)
-        throw WriteFailure("standard output");
+        throw notWritten("standard output");
+}
+
+void tell(bool asJson, const nlohmann::json& message, const std::string& text)
+{
+    const std::string line = asJson ? dumped(message, -1) : "velkor-softkey: " + text;
+    std::fprintf(stderr, "%s\n", line.c_str());
 }
 
 void addSerialNumber(CLI::App& command, std::string& serialNumber)

@@ -12,12 +12,22 @@
 namespace softkey
 {
 
-/// An output that could not be written to its end.
-class WriteFailure : public std::runtime_error
+/// Ends a command for a reason that is the tool's own and no status of a key.
+class Failure : public std::runtime_error
 {
 public:
-    explicit WriteFailure(const std::string& name) : std::runtime_error("cannot write " + name) {}
+    Failure(ExitCode exitCode, const std::string& reason) : std::runtime_error(reason), exitCode_(exitCode) {}
+    ExitCode exitCode() const noexcept { return exitCode_; }
+
+private:
+    ExitCode exitCode_;
 };
+
+/// An output that could not be written to its end.
+inline Failure notWritten(const std::string& name)
+{
+    return {ExitCode::NotWritten, "cannot write " + name};
+}
 
 class Session
 {
@@ -33,13 +43,20 @@ public:
     /// A key that is plugged in, or DeviceRemoved.
     std::shared_ptr<SoftKey> pluggedKey(const std::string& serialNumber);
 
-    /// Prints a result: JSON, or `text` as a line of its own. Throws WriteFailure.
+    /// Prints a result: JSON, or `text` as a line of its own. Throws a Failure when it cannot be written.
     void print(const nlohmann::json& result, const std::string& text) const;
+    /// Says on standard error what the user should know of a command that goes on.
+    void warn(const std::string& text) const;
 
 private:
+    void warnOfReaders(const std::filesystem::path& path) const;
+
     std::filesystem::path folder_;
     KeysFolder keys_;
 };
+
+/// One line on standard error: JSON, or the tool's name and `text`.
+void tell(bool asJson, const nlohmann::json& message, const std::string& text);
 
 void addSerialNumber(CLI::App& command, std::string& serialNumber);
 

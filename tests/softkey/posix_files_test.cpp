@@ -260,7 +260,7 @@ TEST_F(PosixFilesTest, AFileOrFolderThatOthersMayReadIsWarnedOf)
         std::filesystem::permissions(path, perms::others_read, perm_options::add);
         const Outcome told = tool("info KEY1");
         EXPECT_EQ(told.exitCode, 0);
-        EXPECT_EQ(told.error, "velkor-softkey: warning: others may read " + path.string() + "\n");
+        EXPECT_EQ(told.error, "velkor-softkey: warning: others may read " + path.string() + " (chmod go-rwx)\n");
         std::filesystem::permissions(path, perms::others_read, perm_options::remove);
     }
 }

@@ -41,8 +41,9 @@ protected:
         EXPECT_EQ(outcome.error, "");
         return json::parse(outcome.out);
     }
-    /// A command that must fail with that code and one line of reason.
-    static void expectFailure(const std::string& arguments, int exitCode, const std::string& input = {})
+    /// A command that must fail with that code and one line of reason, in which `reason` stands.
+    static void expectFailure(const std::string& arguments, int exitCode, const std::string& input = {},
+                              const std::string& reason = {})
     {
         const Outcome outcome = tool(arguments, input);
         EXPECT_EQ(outcome.exitCode, exitCode) << arguments;
@@ -50,6 +51,7 @@ protected:
         EXPECT_TRUE(outcome.error.starts_with("velkor-softkey: ")) << outcome.error;
         EXPECT_EQ(std::count(outcome.error.begin(), outcome.error.end(), '\n'), 1) << outcome.error;
         EXPECT_EQ(outcome.error.find(PIN), std::string::npos);
+        EXPECT_NE(outcome.error.find(reason), std::string::npos) << outcome.error;
     }
 
     std::string path(const std::string& name) const { return (scratch.path() / name).string(); }

@@ -4,6 +4,8 @@
 
 #include <array>
 #include <csignal>
+#include <functional>
+#include <optional>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -30,12 +32,16 @@ TEST_F(ToolTest, WithoutATerminalOrASourceThereIsNoPin)
 {
     const Outcome outcome = run("setsid " + softkeyTool() + " generate KEY1 P-256");
     EXPECT_EQ(outcome.exitCode, 3);
-    EXPECT_NE(outcome.error.find("no terminal"), std::string::npos);
+    EXPECT_EQ(outcome.error, "velkor-softkey: no terminal to ask for the user PIN on: use --pin-env or --pin-fd\n");
+    EXPECT_NE(run("setsid " + softkeyTool() + " unlock KEY1 --so-pin-env OFFICER_PIN").error.find("--new-pin-fd"),
+              std::string::npos)
+        << "the option of the PIN that is missing";
 }
 
-/// Runs the tool on a terminal of its own and answers its prompts; returns all that the terminal showed.
+/// Runs the tool on a terminal of its own and answers its prompts; returns all that the terminal showed, which `watch`
+/// is given as it grows.
 std::string onTerminal(const std::vector<std::string>& arguments, const std::vector<std::string>& answers,
-                       int& exitCode)
+                       int& exitCode, const std::function<void(const std::string&)>& watch = {})
 {
     int terminal = -1;
     const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -52,6 +58,8 @@ std::string onTerminal(const std::vector<std::string>& arguments, const std::vec
     std::array<char, 256> buffer{};
     for (ssize_t size = 0; (size = read(terminal, buffer.data(), buffer.size())) > 0;) {
         shown.append(buffer.data(), static_cast<std::size_t>(size));
+        if (watch)
+            watch(shown);
         if (shown.ends_with(": ") && prompts < answers.size()) {
             const std::string line = answers[prompts++] + "\n";
             EXPECT_EQ(write(terminal, line.data(), line.size()), static_cast<ssize_t>(line.size()));
@@ -75,8 +83,14 @@ TEST_F(ToolTest, PromptsShowNoPinAndAskTwiceForANewOne)
     int tries = 0;
     EXPECT_EQ(velkor_validatePassword("ASKED", "secret-1", 1, &tries, instance), 0);
     EXPECT_EQ(velkor_validatePassword("ASKED", "secret-2", 2, &tries, instance), 0);
-    onTerminal({"create", "--serial", "DIFF"}, {"secret-1", "secret-x"}, exitCode);
+    const std::string differed = onTerminal({"create", "--serial", "DIFF"}, {"secret-1", "secret-x"}, exitCode);
     EXPECT_EQ(exitCode, 3);
+    EXPECT_NE(differed.find("velkor-softkey: the two entries of the user PIN differ; nothing was changed\r\n"),
+              std::string::npos)
+        << differed;
+    EXPECT_FALSE(std::filesystem::exists(keyPath("DIFF")));
+    onTerminal({"create", "--serial", "BRIEF"}, {"abc"}, exitCode);
+    EXPECT_EQ(exitCode, 2) << "asked once, since it cannot become a PIN";
 }
 
 TEST_F(ToolTest, AnInterruptedPromptLeavesTheTerminalAsItWas)
@@ -108,13 +122,24 @@ TEST_F(ToolTest, AnInterruptedPromptLeavesTheTerminalAsItWas)
     close(terminal);
 }
 
-TEST_F(ToolTest, LongWorkShowsProgressOnATerminalOnly)
+TEST_F(ToolTest, WorkOfMoreThanASecondShowsABarOnATerminalOnly)
 {
     int exitCode = -1;
-    const std::string shown = onTerminal({"generate", "KEY1", "RSA-2048", "--pin-env", "USER_PIN"}, {}, exitCode);
+    const std::vector<std::string> generating{"generate", "KEY1", "P-256", "--pin-env", "USER_PIN"};
+    EXPECT_EQ(onTerminal(generating, {}, exitCode), "key pair 1  P-256\r\n") << "soon done";
     EXPECT_EQ(exitCode, 0);
-    EXPECT_NE(shown.find("generating RSA-2048 ."), std::string::npos) << shown;
-    EXPECT_EQ(tool("generate KEY1 RSA-2048" + WITH_PIN).error, "");
+
+    const auto key = otherProcess();
+    auto turn = std::make_optional<KeyFile::Turn>(key->file()); // The tool waits for it.
+    const std::string shown = onTerminal(generating, {}, exitCode, [&](const std::string& sofar) {
+        if (sofar.find("]  1 s") != std::string::npos)
+            turn.reset();
+    });
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_FALSE(turn) << shown;
+    EXPECT_EQ(shown.find("\rchecking the PIN  [====................]  1 s"), 0U) << shown;
+    EXPECT_TRUE(shown.ends_with(" \rkey pair 2  P-256\r\n")) << "the bar is gone: " << shown;
+    EXPECT_EQ(tool("generate KEY1 RSA-2048" + WITH_PIN).error, "") << "no terminal";
 }
 
 TEST_F(ToolTest, RemovingAsksOnATerminal)

@@ -127,7 +127,7 @@ TEST_F(ToolTest, JsonDocumentsHaveTheDocumentedFields)
     const Fields stored{"number", "kind", "identifier"};
     const Fields pin{"changed", "triesMax", "triesLeft"};
     Fields key{"serial", "label", "model", "firmware", "plugged", "userPin", "soPin", "boundToMachine"};
-    expectFields(result("create --serial J1" + WITH_PINS), {"serial", "file"});
+    expectFields(result("create --serial J1" + WITH_PINS), {"serial", "label", "file"});
     expectFields(result("generate J1 P-256" + WITH_CHOSEN_PIN), stored);
     expectFields(result("import-key J1 " + path("k.pem") + WITH_CHOSEN_PIN), stored);
     expectFields(result("import-certificate J1 " + path("c.pem") + WITH_CHOSEN_PIN), {"number", "identifier"});
@@ -326,7 +326,7 @@ TEST_F(OaepOnlyTest, AGeneratedKeyPairRefusesTheOtherPadding)
     EXPECT_TRUE(isOaepOnly());
     EXPECT_EQ(decrypted(keyPairs()[0], PaddingMode::Oaep), 0);
     EXPECT_EQ(decrypted(keyPairs()[0], PaddingMode::Pkcs1), code(SoftkeyStatus::DecryptionFailed));
-    expectFailure("generate KEY1 P-256 --oaep-only" + WITH_PIN, 1);
+    expectFailure("generate KEY1 P-256 --oaep-only" + WITH_PIN, 2);
 }
 
 TEST_F(OaepOnlyTest, AKeyPairThatIsThereWithBothPaddingsIsNotTakenForOne)
@@ -383,6 +383,112 @@ TEST_F(ToolTest, FilesThatHoldNothingUsefulAreRefused)
                   8);
     expectFailure("import-key KEY1 /no/such/file" + WITH_PIN, 2);
     EXPECT_TRUE(keyPairs().empty());
+}
+
+TEST_F(ToolTest, ADefaultLabelNamesTheSerialNumber)
+{
+    EXPECT_EQ(result("create --serial NAMED" + WITH_PINS)["label"], "Velkor Soft Key NAMED");
+    EXPECT_EQ(velkor_getTokenInfo("NAMED", instance).label, "Velkor Soft Key NAMED");
+    EXPECT_EQ(result("create --serial PLAIN --label \"\"" + WITH_PINS)["label"], "");
+    EXPECT_EQ(velkor_getTokenInfo("PLAIN", instance).label, "");
+}
+
+TEST_F(ToolTest, KindsHaveOtherNamesAndCaseDoesNotCount)
+{
+    const auto kindOf = [](const std::string& name) {
+        return result("generate KEY1 " + name + WITH_PIN)["kind"].get<std::string>();
+    };
+    for (const std::string name : {"p-256", "P256", "secp256r1", "prime256v1", "EC:prime256v1", "nistp256"})
+        EXPECT_EQ(kindOf(name), "P-256") << name;
+    EXPECT_EQ(kindOf("secp384r1"), "P-384");
+    EXPECT_EQ(kindOf("p521"), "P-521");
+    EXPECT_EQ(kindOf("rsa-1024"), "RSA-1024");
+    EXPECT_EQ(kindOf("RSA:1024"), "RSA-1024");
+    const std::size_t before = keyPairs().size();
+    for (const std::string name : {"RSA", "P-25", "ec", "secp256k1", "rsa-20480", "2048"})
+        expectFailure("generate KEY1 " + name + WITH_PIN, 2, {}, name + " is none of RSA-1024, RSA-2048, ");
+    EXPECT_EQ(keyPairs().size(), before);
+}
+
+/// A PIN that is read makes itself known: its variable is not set, which is another exit code.
+TEST_F(ToolTest, InputIsCheckedBeforeAPinIsAsked)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    makeKeyAndCertificate();
+    generate(KEY_KIND_EC_P256);
+    const std::string unread = " --pin-env NOT_SET";
+    const std::string pins = unread + " --so-pin-env NOT_SET";
+    const std::string badId = "an object ID is up to 128 bytes in hexadecimal";
+    expectFailure("generate KEY1 RSA-4096 --id xyz" + unread, 2, {}, badId);
+    expectFailure("generate KEY1 RSA-4096 --id 0" + unread, 2, {}, badId);
+    expectFailure("generate KEY1 RSA-4096 --label " + std::string(129, 'x') + unread, 2, {}, "a label has up to 128");
+    expectFailure("generate KEY1 P-256 --oaep-only" + unread, 2, {}, "--oaep-only is for RSA keys");
+    expectFailure("generate NONE P-256" + unread, 5, {}, "velkor-softkey list shows what there is");
+    expectFailure("import-key KEY1 " + path("k.pem") + " --id xyz" + unread, 2, {}, badId);
+    expectFailure("import-certificate KEY1 " + path("c.pem") + " --id xyz" + unread, 2, {}, badId);
+    expectFailure("import-certificate KEY1 " + path("k.pem") + unread, 8);
+    expectFailure("delete KEY1 --key 7" + unread, 5);
+    expectFailure("create --serial seventeen-letters" + pins, 2, {}, "a serial number has 1 to 16 letters");
+    expectFailure("create --model sixteen-letters." + pins, 2, {}, "a model has up to 15 bytes");
+    expectFailure("create --tries 0" + pins, 2, {}, "the user PIN has 1 to 255 tries");
+    expectFailure("create --serial KEY1" + pins, 6);
+    EXPECT_EQ(devices().size(), 1U);
+    EXPECT_EQ(keyPairs().size(), 1U);
+    EXPECT_EQ(triesLeft(), 5);
+}
+
+TEST_F(ToolTest, APinFileMayHaveLinesAsWindowsEndsThem)
+{
+    EXPECT_EQ(tool("generate KEY1 P-256 --pin-fd 0", std::string(PIN) + "\r\n").exitCode, 0);
+    EXPECT_EQ(tool("set-pin KEY1 --pin-fd 0 --new-pin-fd 0", std::string(PIN) + "\r\nsecond-pin\r\n").exitCode, 0);
+    EXPECT_EQ(tool("generate KEY1 P-256 --pin-fd 0", "second-pin\r").exitCode, 0);
+    expectFailure("generate KEY1 P-256 --pin-fd 0", 3, "\r\n", "a PIN is required");
+    EXPECT_EQ(triesLeft(), 5);
+}
+
+TEST_F(ToolTest, MessagesSayWhatToDoNext)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    expectFailure("generate KEY1 P-256 --pin-env NOT_SET", 3, {}, "environment variable NOT_SET is not set");
+    const Outcome mistaken = tool("generate KEY1 P-256 --pin-env " + std::string(PIN));
+    EXPECT_EQ(mistaken.exitCode, 3);
+    EXPECT_EQ(mistaken.error, "velkor-softkey: --pin-env takes the name of an environment variable\n") << "not the PIN";
+    expectFailure("generate KEY1 P-256 --pin-fd 99", 3, {}, "cannot read the user PIN from file descriptor 99");
+    for (int i = 0; i < 5; ++i)
+        tool("generate KEY1 P-256 --pin-env WRONG");
+    expectFailure("generate KEY1 P-256" + WITH_PIN, 4, {}, "velkor-softkey unlock sets a new one");
+    EXPECT_EQ(tool("unplug KEY1").exitCode, 0);
+    expectFailure("generate KEY1 P-256" + WITH_PIN, 5, {}, "(velkor-softkey plug KEY1)");
+}
+
+/// The one line that a command which fails says with --json.
+json failureOf(const std::string& arguments)
+{
+    const Outcome outcome = run(softkeyTool() + " " + arguments);
+    EXPECT_EQ(outcome.out, "");
+    const json failure = json::parse(outcome.error, nullptr, false);
+    EXPECT_TRUE(failure.is_object()) << outcome.error;
+    EXPECT_EQ(failure.value("exitCode", -1), outcome.exitCode) << outcome.error;
+    return failure;
+}
+
+TEST_F(ToolTest, FailuresAndWarningsAreJsonWhenResultsAre)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    const json refused = failureOf("--json generate KEY1 P-256 --pin-env WRONG");
+    EXPECT_EQ(refused["status"], 312);
+    EXPECT_EQ(refused["name"], "PinIncorrect");
+    EXPECT_EQ(refused["triesLeft"], 4);
+    EXPECT_EQ(refused["error"], "the PIN is not right (4 tries left)");
+    EXPECT_EQ(refused["exitCode"], 3);
+    EXPECT_EQ(failureOf("info NONE --json")["name"], "DeviceRemoved");
+    EXPECT_EQ(failureOf("generate KEY1 P-256 --pin-env NOT_SET --json")["exitCode"], 3);
+    for (const std::string misuse : {"--json", "nonsense --json", "generate KEY1 --json", "create --tries x --json"})
+        EXPECT_EQ(failureOf(misuse)["exitCode"], 2) << misuse;
+    const Outcome warned =
+        tool("--json create --serial SHORT --scrypt-cost 4 --pin-env USER_PIN --so-pin-env OFFICER_PIN");
+    EXPECT_EQ(warned.exitCode, 0);
+    EXPECT_TRUE(json::parse(warned.error)["warning"].get<std::string>().starts_with("the user PIN is shorter than 8"));
 }
 
 TEST_F(ToolTest, MistakesOfUseAreTold)
