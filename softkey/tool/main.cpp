@@ -79,5 +79,6 @@ int main(int argc, char** argv)
     addManagementCommands(app, session);
     addPinCommands(app, session);
     addContentCommands(app, session);
+    addExportCommands(app, session);
     return run(app, argc, argv);
 }

@@ -66,6 +66,19 @@ protected:
     }
 };
 
+inline std::string textOf(const Data& bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
+/// What openssl prints of a file; the command must succeed.
+inline std::string shown(const std::string& command)
+{
+    const Outcome outcome = run("openssl " + command);
+    EXPECT_EQ(outcome.exitCode, 0) << command << ": " << outcome.error;
+    return outcome.out;
+}
+
 inline const std::string WITH_PIN = " --pin-env USER_PIN";
 inline const std::string WITH_CHOSEN_PIN = " --pin-env CHOSEN_PIN";
 inline const std::string WITH_PINS = WITH_CHOSEN_PIN + " --so-pin-env OFFICER_PIN --scrypt-cost 4";

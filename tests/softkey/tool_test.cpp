@@ -32,6 +32,19 @@ TEST_F(ToolTest, EverySubcommandHasHelp)
     }
 }
 
+TEST_F(ToolTest, EveryCommandSaysWhatItTakes)
+{
+    const std::string all = tool("--help").out;
+    for (const std::string name :
+         {"verify", "backup", "restore", "public-key"}) {
+        EXPECT_NE(all.find("  " + name + " "), std::string::npos) << name;
+        const Outcome help = tool(name + " --help");
+        EXPECT_EQ(help.exitCode, 0) << name;
+        EXPECT_EQ(help.error, "");
+        EXPECT_NE(help.out.find("Usage: velkor-softkey " + name), std::string::npos) << help.out;
+    }
+}
+
 TEST_F(ToolTest, ACreatedKeyHasWhatWasChosen)
 {
     const json made = result("create --serial T1 --label \"My label\" --model \"VK9 X\" --firmware 1.2.3 --tries 9 "

@@ -1,0 +1,62 @@
+// The commands of the tool about what is on a key: what they write is read by OpenSSL's own program.
+#include "tool_fixture.h"
+
+#include "crypto/certificate.h"
+
+namespace softkey::test
+{
+namespace
+{
+
+CertificateDetails detailsOf(const VelkorCertificate& certificate)
+{
+    return certificateDetails(parseCertificate(certificate.der).get());
+}
+
+TEST_F(ToolTest, APublicKeyIsWrittenInEveryFormWithoutAPin)
+{
+    REQUIRE_OPENSSL_PROGRAM();
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-key KEY1 " + path("k.pem") + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(tool("generate KEY1 P-384" + WITH_PIN).exitCode, 0);
+    const std::string pem = run("openssl pkey -in " + path("k.pem") + " -pubout").out;
+    EXPECT_EQ(tool("public-key KEY1 1").out, pem);
+    EXPECT_EQ(tool("public-key KEY1 1 --format PEM --json").out, pem);
+    EXPECT_EQ(tool("public-key KEY1 1 --format der --out " + path("p.der")).exitCode, 0);
+    EXPECT_EQ(run("openssl pkey -pubin -inform DER -in " + path("p.der") + " -pubout").out, pem);
+    EXPECT_EQ(tool("public-key KEY1 2").out, publicKeyPem(keyPairs()[1]));
+    EXPECT_EQ(tool("public-key KEY1 2 --der").out, textOf(publicKeyInfo(keyPairs()[1])));
+    EXPECT_EQ(tool("unplug KEY1").exitCode, 0);
+    EXPECT_EQ(tool("public-key KEY1 1").out, pem) << "for reading it need not be plugged in";
+}
+
+TEST_F(ToolTest, APublicKeyIsALineForOpenSsh)
+{
+    store(keyOf(signatureVectorKey()).get());
+    storeEcKey(KEY_KIND_EC_P256, std::string(63, '0') + "1");
+    const std::string rsa =
+        "ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAAAgQCQnRxA2osIQL59DmJlOcWIT5B7UF1+Vz3u7h1mxbc+ajjzdqr0zdl0"
+        "QQNOmn8FXVtT+TVnOTNkzcWRuPhmaMripfsUMurDiDOB580pnH26q6dKIqAiY2eL5DzMAcuTayD3yWgoRSRpHx/6KK2P"
+        "AKipKdqZvEs711d0ORLl3nCIUQ==";
+    EXPECT_EQ(tool("public-key KEY1 1 --format openssh").out, rsa + "\n");
+    EXPECT_EQ(tool("public-key KEY1 2 --format OpenSSH").out,
+              "ecdsa-sha2-nistp256 AAAAE2VjZHNhLXNoYTItbmlzdHAyNTYAAAAIbmlzdHAyNTYAAABBBGsX0fLhLEJH+Lzm5WOkQPJ3A32BLesz"
+              "oPShOUXYmMKWT+NC4v4af5uO5+tKfA+eFivOM1drMV7Oy7ZAaDe/UfU=\n");
+    generate(KEY_KIND_EC_P256, "for the\nserver");
+    const std::string line = tool("public-key KEY1 3 --format openssh").out;
+    EXPECT_TRUE(line.ends_with("= for the?server\n")) << "a label ends no line: " << line;
+}
+
+TEST_F(ToolTest, APublicKeyThatIsNotThereOrCannotBeWrittenIsRefused)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    generate(KEY_KIND_EC_P256);
+    expectFailure("public-key KEY1 2", 5, {}, "number 2 (velkor-softkey info shows the numbers)");
+    expectFailure("public-key NONE 1", 5);
+    expectFailure("public-key KEY1 1 --format jpeg", 2);
+    expectFailure("public-key KEY1 1 --format pem --der", 2);
+    expectFailure("public-key KEY1 1 --out " + path("no/such/folder"), 9, {}, "cannot write " + path("no/such/folder"));
+}
+
+} // namespace
+} // namespace softkey::test
