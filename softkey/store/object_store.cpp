@@ -50,6 +50,12 @@ void applyKeyPairAttributes(Database& database, Bytes identifier, const ObjectAt
                     "UPDATE key_pair SET label = ? WHERE identifier = ?", identifier, attributes);
 }
 
+void applyCertificateAttributes(Database& database, Bytes identifier, const ObjectAttributes& attributes)
+{
+    applyAttributes(database, "UPDATE certificate SET object_id = ? WHERE identifier = ?",
+                    "UPDATE certificate SET label = ? WHERE identifier = ?", identifier, attributes);
+}
+
 /// Number of the object with that identifier; 0 when there is none.
 std::uint32_t existingNumber(Database& database, const char* select, Bytes identifier)
 {
@@ -169,9 +175,7 @@ void storeCertificate(Database& database, VelkorCertificate& certificate)
     const Bytes objectId = objectIdOf(certificate);
     std::uint32_t number = existingNumber(database, SELECT_CERTIFICATE, identifier);
     if (number != 0) {
-        applyAttributes(database, "UPDATE certificate SET object_id = ? WHERE identifier = ?",
-                        "UPDATE certificate SET label = ? WHERE identifier = ?", identifier,
-                        {objectId, certificate.label});
+        applyCertificateAttributes(database, identifier, {objectId, certificate.label});
     } else {
         number = smallestFreeNumber(database, "SELECT id FROM certificate ORDER BY id");
         Statement(database, "INSERT INTO certificate (id, identifier, object_id, label, der) VALUES (?, ?, ?, ?, ?)")
@@ -190,6 +194,12 @@ void updateKeyPair(Database& database, const Identifier& identifier, const Objec
 {
     require(existingNumber(database, SELECT_KEY_PAIR, identifier) != 0, SoftkeyStatus::NoSuchObject);
     applyKeyPairAttributes(database, identifier, attributes);
+}
+
+void updateCertificate(Database& database, const Identifier& identifier, const ObjectAttributes& attributes)
+{
+    require(existingNumber(database, SELECT_CERTIFICATE, identifier) != 0, SoftkeyStatus::NoSuchObject);
+    applyCertificateAttributes(database, identifier, attributes);
 }
 
 void deleteKeyPair(Database& database, const Identifier& identifier)

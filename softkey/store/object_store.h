@@ -46,6 +46,7 @@ void storeCertificate(Database& database, VelkorCertificate& certificate);
 
 /// These throw NoSuchObject.
 void updateKeyPair(Database& database, const Identifier& identifier, const ObjectAttributes& attributes);
+void updateCertificate(Database& database, const Identifier& identifier, const ObjectAttributes& attributes);
 void deleteKeyPair(Database& database, const Identifier& identifier);
 void deleteCertificate(Database& database, const Identifier& identifier);
 

@@ -1,4 +1,4 @@
-// Commands about what is on a key: generate, import-key, import-certificate, delete.
+// Commands about what is on a key: generate, import-key, import-certificate, relabel, delete.
 #include "tool/activity.h"
 #include "tool/kind_names.h"
 #include "tool/objects.h"
@@ -6,6 +6,8 @@
 #include "base/small_file.h"
 #include "crypto/certificate.h"
 #include "crypto/keys.h"
+#include "store/device_label.h"
+#include "store/key_settings.h"
 
 namespace softkey
 {
@@ -129,6 +131,7 @@ struct ObjectChoice {
         return choice;
     }
     bool isKeyPair() const { return keyPair != 0; }
+    bool isObject() const { return keyPair != 0 || certificate != 0; }
     /// Throws NoSuchObject.
     Identifier identifierIn(const Contents& contents) const
     {
@@ -136,6 +139,68 @@ struct ObjectChoice {
                                          : numbered(contents.certificates, certificate).certificateIdentifier);
     }
 };
+
+struct RelabelOptions {
+    std::string serialNumber;
+    ObjectChoice choice;
+    std::optional<std::string> label;
+    std::string objectId;
+    PinSource pin{"pin", "user PIN"};
+};
+
+/// Throws BadArgument for a label or an ID that the chosen one cannot have.
+void requireSensible(const RelabelOptions& options)
+{
+    const auto demand = [](bool fulfilled, const char* what) {
+        if (!fulfilled)
+            throw Refusal(SoftkeyStatus::BadArgument, what);
+    };
+    demand(options.label || !options.objectId.empty(), "nothing to change: use --label or --id");
+    if (options.choice.isObject()) {
+        const std::string label = options.label.value_or("unchanged");
+        demand(!label.empty() && label.size() <= LABEL_CAPACITY, "a label has 1 to 128 bytes");
+        return;
+    }
+    demand(options.objectId.empty(), "--id is for --key or --certificate");
+    KeySettings settings;
+    settings.serialNumber = randomSerialNumber();
+    settings.label = *options.label;
+    requireAcceptable(settings);
+}
+
+void relabel(Session& session, const RelabelOptions& options)
+{
+    requireSensible(options);
+    const ByteVector objectId = bytesFromHex(options.objectId);
+    const std::string label = options.label.value_or("");
+    const std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);
+    const ObjectChoice& choice = options.choice;
+    const Identifier wanted = choice.isObject() ? choice.identifierIn(*device->contents()) : Identifier{};
+    const Pin pin = options.pin.read();
+    checkPin(session, *device, pin);
+    device->change(pin, [&](Database& database) {
+        if (!choice.isObject())
+            updateDeviceLabel(database, label);
+        else if (choice.isKeyPair())
+            updateKeyPair(database, wanted, {objectId, label});
+        else
+            updateCertificate(database, wanted, {objectId, label});
+    });
+    session.print({{"serial", options.serialNumber}}, "changed");
+}
+
+void addRelabel(CLI::App& app, Session& session)
+{
+    CLI::App* command =
+        app.add_subcommand("relabel", "Change the label of a key, or the label and ID of something on it");
+    const auto options = std::make_shared<RelabelOptions>();
+    addSerialNumber(*command, options->serialNumber);
+    options->choice.addTo(*command, "What to change, by its number (default: the key itself)")->require_option(0, 1);
+    command->add_option("--label", options->label, "New label");
+    command->add_option("--id", options->objectId, "New object ID (CKA_ID), in hexadecimal")->type_name("HEX");
+    options->pin.addTo(*command);
+    command->callback([&session, options] { relabel(session, *options); });
+}
 
 struct DeleteOptions {
     std::string serialNumber;
@@ -175,6 +240,7 @@ void addContentCommands(CLI::App& app, Session& session)
     addGenerate(app, session);
     addImportKey(app, session);
     addImportCertificate(app, session);
+    addRelabel(app, session);
     addDelete(app, session);
 }
 

@@ -58,5 +58,46 @@ TEST_F(ToolTest, APublicKeyThatIsNotThereOrCannotBeWrittenIsRefused)
     expectFailure("public-key KEY1 1 --out " + path("no/such/folder"), 9, {}, "cannot write " + path("no/such/folder"));
 }
 
+TEST_F(ToolTest, LabelsAndIdsAreChangedEachByItself)
+{
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-key KEY1 " + path("k.pem") + " --label old --id 01" + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(tool("relabel KEY1 --label \"My key\"" + WITH_PIN).out, "changed\n");
+    EXPECT_EQ(tool("relabel KEY1 --key 1 --label new" + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(result("relabel KEY1 --certificate 1 --id 0a0b" + WITH_PIN)["serial"], "KEY1");
+    const json info = result("info KEY1");
+    EXPECT_EQ(info["label"], "My key");
+    EXPECT_EQ(info["keyPairs"][0]["label"], "new");
+    EXPECT_EQ(info["keyPairs"][0]["id"], "01");
+    EXPECT_EQ(info["certificates"][0]["label"], "old");
+    EXPECT_EQ(info["certificates"][0]["id"], "0a0b");
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "My key") << "a running library sees it";
+    EXPECT_EQ(tool("verify KEY1" + WITH_PIN).exitCode, 0) << "the change is under the key's own code";
+    EXPECT_EQ(trySign(keyPairs()[0], Data(32, 1)), 0);
+}
+
+TEST_F(ToolTest, AChangeOfLabelThatMakesNoSenseChangesNothing)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    generate(KEY_KIND_EC_P256, "pair");
+    const std::string unread = " --pin-env NOT_SET";
+    expectFailure("relabel KEY1" + unread, 2, {}, "nothing to change: use --label or --id");
+    expectFailure("relabel KEY1 --id 01" + unread, 2, {}, "--id is for --key or --certificate");
+    expectFailure("relabel KEY1 --key 1 --id xy" + unread, 2);
+    expectFailure("relabel KEY1 --key 1 --label \"\"" + unread, 2, {}, "a label has 1 to 128 bytes");
+    expectFailure("relabel KEY1 --key 1 --label " + std::string(129, 'x') + unread, 2);
+    expectFailure("relabel KEY1 --label " + std::string(64, 'x') + unread, 2, {}, "a label has up to 63 bytes");
+    expectFailure("relabel KEY1 --key 1 --certificate 1 --label x" + unread, 2);
+    expectFailure("relabel KEY1 --certificate 1 --label x" + unread, 5);
+    expectFailure("relabel KEY1 --key 2 --label x" + unread, 5);
+    expectFailure("relabel KEY1 --key 1 --label x --pin-env WRONG", 3);
+    EXPECT_EQ(triesLeft(), 4) << "spent by the wrong PIN alone";
+    EXPECT_STREQ(keyPairs()[0].label, "pair");
+    EXPECT_EQ(velkor_getTokenInfo(SERIAL, instance).label, "Velkor Soft Key");
+    EXPECT_EQ(tool("unplug KEY1").exitCode, 0);
+    expectFailure("relabel KEY1 --label x" + WITH_PIN, 5);
+}
+
 } // namespace
 } // namespace softkey::test
