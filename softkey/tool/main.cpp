@@ -77,6 +77,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.fallthrough(); // --home and --json may also follow the command.
     addManagementCommands(app, session);
+    addOverviewCommands(app, session);
     addPinCommands(app, session);
     addContentCommands(app, session);
     addExportCommands(app, session);

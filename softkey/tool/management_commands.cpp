@@ -1,15 +1,13 @@
-// Commands about keys as a whole: create, list, info, plug, unplug, remove, verify, backup, restore.
+// Commands about keys as a whole: create, plug, unplug, remove, verify, backup, restore.
 #include "platform/quiet_terminal.h"
 #include "tool/activity.h"
 #include "tool/secret_input.h"
 #include "tool/session.h"
 
-#include "crypto/key_kinds.h"
 #include "store/authenticity.h"
 #include "store/backup.h"
 #include "store/key_creation.h"
 #include "store/schema.h"
-#include "velkor/record_fields.h"
 
 #include <iostream>
 #include <optional>
@@ -107,106 +105,6 @@ void addCreate(CLI::App& app, Session& session)
     command->callback([&session, options] { create(session, *options); });
 }
 
-json pinJson(const PinRecord& pin)
-{
-    return {{"changed", pin.changed}, {"triesMax", pin.triesMax}, {"triesLeft", pin.triesLeft}};
-}
-
-json deviceJson(const Contents& contents)
-{
-    const DeviceRecord& device = contents.device;
-    return {{"serial", device.serialNumber},
-            {"label", device.label},
-            {"model", device.model},
-            {"firmware", device.firmwareVersion},
-            {"plugged", device.plugged},
-            {"userPin", pinJson(contents.userPin)},
-            {"soPin", pinJson(contents.soPin)},
-            {"boundToMachine", !contents.userPin.machine.empty()}};
-}
-
-/// One line of the list; a file that cannot be used says why.
-void describe(Session& session, const std::string& name, json& keys, std::string& lines)
-{
-    try {
-        const std::shared_ptr<const Contents> contents = session.key(name)->contents();
-        keys.push_back(deviceJson(*contents));
-        lines += name + (contents->device.plugged ? "  plugged    " : "  unplugged  ");
-        lines += printable(contents->device.label) + "\n";
-    } catch (const Refusal& refusal) {
-        keys.push_back({{"serial", name}, {"error", rowOf(refusal.status()).text}});
-        lines += name + "  unusable   " + rowOf(refusal.status()).text + "\n";
-    }
-}
-
-void requireReadable(const std::filesystem::path& folder)
-{
-    std::error_code failure;
-    const std::filesystem::directory_iterator files(folder, failure);
-    if (failure)
-        throw Refusal(SoftkeyStatus::DeviceUnreachable, folder.string() + ": " + failure.message());
-}
-
-void addList(CLI::App& app, Session& session)
-{
-    CLI::App* command = app.add_subcommand("list", "List all keys");
-    command->callback([&session] {
-        requireReadable(session.folder());
-        json keys = json::array();
-        std::string lines;
-        for (const std::string& name : session.keys().keyNames())
-            describe(session, name, keys, lines);
-        if (!lines.empty())
-            lines.pop_back();
-        if (session.json || !lines.empty())
-            session.print(keys, lines);
-    });
-}
-
-json objectsJson(const Contents& contents)
-{
-    json objects = {{"keyPairs", json::array()}, {"certificates", json::array()}};
-    for (const VelkorKeyPair& keyPair : contents.keyPairs)
-        objects["keyPairs"].push_back({{"number", keyPair.id},
-                                       {"kind", traitsOf(keyPair.keyKind).name},
-                                       {"label", keyPair.label},
-                                       {"id", hexText(velkor::objectIdOf(keyPair))},
-                                       {"usage", keyPair.usageFlags},
-                                       {"oaepOnly", keyPair.deviceFlag},
-                                       {"identifier", hexText(keyPair.keyIdentifier)}});
-    for (const VelkorCertificate& certificate : contents.certificates)
-        objects["certificates"].push_back({{"number", certificate.id},
-                                           {"label", certificate.label},
-                                           {"id", hexText(velkor::objectIdOf(certificate))},
-                                           {"size", certificate.der.size()},
-                                           {"identifier", hexText(certificate.certificateIdentifier)}});
-    return objects;
-}
-
-std::string pinText(const PinRecord& pin)
-{
-    return std::to_string(pin.triesLeft) + " of " + std::to_string(pin.triesMax) + " tries left" +
-           (pin.changed ? "" : ", initial");
-}
-
-std::string infoText(const Contents& contents, const std::filesystem::path& path)
-{
-    const DeviceRecord& device = contents.device;
-    std::string text = "serial    " + device.serialNumber + "\nlabel     " + printable(device.label) + "\nmodel     " +
-                       printable(device.model) + "\nfirmware  " + printable(device.firmwareVersion) + "\nstate     " +
-                       (device.plugged ? "plugged" : "unplugged") + "\nuser PIN  " + pinText(contents.userPin) +
-                       "\nSO PIN    " + pinText(contents.soPin) +
-                       (contents.userPin.machine.empty() ? "" : "\nbound to  a machine") + "\nfile      " +
-                       path.string();
-    for (const VelkorKeyPair& keyPair : contents.keyPairs)
-        text += "\nkey pair " + std::to_string(keyPair.id) + "  " + traitsOf(keyPair.keyKind).name + "  id " +
-                hexText(velkor::objectIdOf(keyPair)) + "  " + printable(keyPair.label);
-    for (const VelkorCertificate& certificate : contents.certificates)
-        text += "\ncertificate " + std::to_string(certificate.id) + "  id " + hexText(velkor::objectIdOf(certificate)) +
-                "  " + printable(certificate.label);
-    return text;
-}
-
 /// A command that takes a serial number and nothing else.
 template <class Work>
 void addCommandOnKey(CLI::App& app, const char* name, const char* description, Work work)
@@ -215,16 +113,6 @@ void addCommandOnKey(CLI::App& app, const char* name, const char* description, W
     const auto serialNumber = std::make_shared<std::string>();
     addSerialNumber(*command, *serialNumber);
     command->callback([serialNumber, work] { work(*serialNumber); });
-}
-
-void info(Session& session, const std::string& serialNumber)
-{
-    const std::shared_ptr<SoftKey> key = session.key(serialNumber);
-    const std::shared_ptr<const Contents> contents = key->contents();
-    json result = deviceJson(*contents);
-    result["file"] = key->file().path().string();
-    result.update(objectsJson(*contents));
-    session.print(result, infoText(*contents, key->file().path()));
 }
 
 void confirmRemoval(const std::string& serialNumber)
@@ -425,9 +313,6 @@ void addManagementCommands(CLI::App& app, Session& session)
                       serialNumber + (plugged ? " plugged" : " unplugged"));
     };
     addCreate(app, session);
-    addList(app, session);
-    addCommandOnKey(app, "info", "Show a key and what is on it",
-                    [&session](const std::string& serialNumber) { info(session, serialNumber); });
     addCommandOnKey(app, "plug", "Plug a key in",
                     [setPlugged](const std::string& serialNumber) { setPlugged(serialNumber, true); });
     addCommandOnKey(app, "unplug", "Unplug a key",

@@ -69,6 +69,7 @@ std::string printable(std::string_view text);
 void addManagementCommands(CLI::App& app, Session& session);
 void addPinCommands(CLI::App& app, Session& session);
 void addContentCommands(CLI::App& app, Session& session);
+void addOverviewCommands(CLI::App& app, Session& session);
 void addExportCommands(CLI::App& app, Session& session);
 
 } // namespace softkey

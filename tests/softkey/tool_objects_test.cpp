@@ -99,5 +99,37 @@ TEST_F(ToolTest, AChangeOfLabelThatMakesNoSenseChangesNothing)
     expectFailure("relabel KEY1 --label x" + WITH_PIN, 5);
 }
 
+TEST_F(ToolTest, TheTreeHasCertificatesBelowTheirKeyPairs)
+{
+    REQUIRE_PATHS_IN_EXCEPTIONS();
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-key KEY1 " + path("k.pem") + " --label pair --id 01" + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(tool("generate KEY1 P-256 --label ec" + WITH_PIN).exitCode, 0);
+    const std::string other = scratch.file("other.der", certificateNamed("Other"));
+    EXPECT_EQ(tool("import-certificate KEY1 " + other + " --label other" + WITH_PIN).exitCode, 0);
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    writeFile(keyPath("JUNK"), bytesOf("junk"));
+
+    const std::string until = detailsOf(certificates()[1]).notAfter.substr(0, 10);
+    const std::string otherUntil = detailsOf(certificates()[0]).notAfter.substr(0, 10);
+    EXPECT_EQ(tool("list --tree").out, "JUNK  unusable   not a key file\n"
+                                       "KEY1  plugged    Velkor Soft Key\n"
+                                       "|-- key pair 1  RSA-2048  id 01  pair\n"
+                                       "|   `-- certificate 2  id 01  pair  CN=Tool, until " +
+                                           until +
+                                           "\n"
+                                           "|-- key pair 2  P-256  id   ec\n"
+                                           "`-- certificate 1  id   other  CN=Other, until " +
+                                           otherUntil + "\n");
+    const json keys = result("list --tree");
+    EXPECT_EQ(keys[0]["error"], "not a key file");
+    ASSERT_EQ(keys[1]["keyPairs"].size(), 2U);
+    EXPECT_EQ(keys[1]["keyPairs"][0]["certificates"][0]["number"], 2);
+    EXPECT_EQ(keys[1]["keyPairs"][1]["certificates"], json::array());
+    EXPECT_EQ(keys[1]["certificates"].size(), 1U);
+    EXPECT_EQ(keys[1]["certificates"][0]["label"], "other");
+    EXPECT_FALSE(result("list")[1].contains("keyPairs")) << "as before";
+}
+
 } // namespace
 } // namespace softkey::test
