@@ -80,6 +80,7 @@ int main(int argc, char** argv)
     addOverviewCommands(app, session);
     addPinCommands(app, session);
     addContentCommands(app, session);
+    addDoctorCommand(app, session);
     addExportCommands(app, session);
     return run(app, argc, argv);
 }

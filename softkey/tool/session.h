@@ -70,6 +70,7 @@ void addManagementCommands(CLI::App& app, Session& session);
 void addPinCommands(CLI::App& app, Session& session);
 void addContentCommands(CLI::App& app, Session& session);
 void addOverviewCommands(CLI::App& app, Session& session);
+void addDoctorCommand(CLI::App& app, Session& session);
 void addExportCommands(CLI::App& app, Session& session);
 
 } // namespace softkey

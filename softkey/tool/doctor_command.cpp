@@ -1,0 +1,385 @@
+// The command doctor: why a host sees no token, or less on it than is there, and how to mend that.
+#include "tool/diagnosis.h"
+#include "tool/module_view.h"
+#include "tool/objects.h"
+#include "tool/system_view.h"
+
+#include "crypto/certificate.h"
+#include "platform/default_folder.h"
+#include "platform/environment.h"
+#include "platform/exposure.h"
+#include "platform/platform.h"
+#include "store/key_settings.h"
+#include "store/machine_binding.h"
+#include "velkor/record_fields.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <openssl/x509v3.h>
+#include <optional>
+
+namespace softkey
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+/// One look at everything.
+class Doctor
+{
+public:
+    Doctor(const Session& session, fs::path module) : session_(session), module_(std::move(module)) {}
+
+    void run()
+    {
+        checkFolder();
+        checkModule(); // Before keys are opened: a file that two SQLites of one process have open loses its locks.
+        checkKeys();
+        checkTokens();
+        checkLog();
+        checkRegistration();
+        diagnosis_.print(session_);
+    }
+
+private:
+    void checkFolder();
+    void checkFolderRights();
+    void checkModule();
+    void loadModule();
+    void checkKeys();
+    void checkKey(const std::string& name);
+    void checkKeyFile(const std::string& part, const fs::path& path);
+    void checkPins(const std::string& part, const Contents& contents);
+    void checkCertificate(const std::string& part, const Contents& contents, const VelkorCertificate& certificate);
+    void checkTokens();
+    void checkLog();
+    void checkRegistration();
+    void checkRegistered(const fs::path& file, const std::string& module);
+
+    const Session& session_;
+    Diagnosis diagnosis_;
+    fs::path folder_; ///< Empty when there is none to look into.
+    fs::path module_; ///< Empty when it was not found.
+    KeysFolder keys_;
+    std::vector<std::string> usable_;                ///< Serial numbers of keys that hosts should see.
+    std::optional<std::vector<std::string>> tokens_; ///< What the module shows, when it works.
+};
+
+void Doctor::checkFolder()
+{
+    folder_ = session_.home.empty() ? defaultKeysFolder() : fs::absolute(session_.home);
+    const std::string shown = folder_.string();
+    std::error_code failure;
+    if (folder_.empty()) {
+        diagnosis_.problem("keys folder", "there is no home folder to keep keys in",
+                           "set VELKOR_SOFTKEY_HOME to a folder of your own");
+    } else if (!fs::exists(folder_, failure)) {
+        diagnosis_.problem("keys folder", "there is no " + shown + ": no key has been made", "velkor-softkey create");
+        folder_.clear();
+    } else if (fs::directory_iterator(folder_, failure); failure) {
+        diagnosis_.problem("keys folder", shown + " cannot be read: " + failure.message(), "chmod u+rwx " + shown);
+        folder_.clear();
+    } else {
+        checkFolderRights();
+    }
+}
+
+void Doctor::checkFolderRights()
+{
+    const std::string shown = folder_.string();
+    const Exposure exposure = exposureOf(folder_);
+    if (exposure == Exposure::Writable)
+        diagnosis_.problem("keys folder", shown + " is not the user's own, and refused: others may write to it",
+                           "chown it to the user, and chmod go-w " + shown);
+    else if (!mayWrite(folder_))
+        diagnosis_.problem("keys folder",
+                           shown + " is read-only: keys are seen, but no PIN can be checked, since tries are counted",
+                           "chmod u+w " + shown + ", or mount its disk for writing");
+    else
+        diagnosis_.good("keys folder", shown);
+    if (exposure == Exposure::Readable)
+        diagnosis_.note("keys folder", "others may look into it; chmod go-rwx " + shown + " keeps them out");
+    if (!session_.home.empty() || environmentValue("VELKOR_SOFTKEY_HOME"))
+        diagnosis_.note("keys folder", "it is not the usual one: a host sees it with VELKOR_SOFTKEY_HOME=" + shown +
+                                           " in its own environment alone");
+}
+
+void Doctor::checkModule()
+{
+    std::error_code failure;
+    std::string places;
+    for (const fs::path& place : module_.empty() ? modulePlaces() : std::vector<fs::path>{module_}) {
+        places += (places.empty() ? "" : ", ") + place.string();
+        if (fs::exists(place, failure)) {
+            module_ = fs::absolute(place);
+            return loadModule();
+        }
+    }
+    module_.clear();
+    diagnosis_.problem("module", "it is not there: " + places, "install it, or say where it is with --module FILE");
+}
+
+void Doctor::loadModule()
+{
+    if (!folder_.empty())
+        setEnvironmentVariable("VELKOR_SOFTKEY_HOME", folder_.string());
+    try {
+        const SilentOutput silence;
+        tokens_ = tokensOf(module_);
+        diagnosis_.good("module", module_.string() + " loads and works");
+        diagnosis_.good("device library", loadedDeviceLibrary().string());
+    } catch (const Failure& failure) {
+        const std::string reason = failure.what();
+        const bool isDeviceLibrary = reason.find("VelkorDSCLibrary") != std::string::npos;
+        diagnosis_.problem(isDeviceLibrary ? "device library" : "module", module_.string() + ": " + reason,
+                           isDeviceLibrary ? "put the device library into " + module_.parent_path().string()
+                                           : "install it again, for this machine and with all of its package");
+    }
+}
+
+/// What to do about a key's file that is refused.
+std::string remedyFor(SoftkeyStatus status, const fs::path& path)
+{
+    const std::string shown = path.string();
+    switch (status) {
+    case SoftkeyStatus::FileDamaged:
+        return "velkor-softkey restore BACKUP --yes, if there is a backup; else velkor-softkey remove it";
+    case SoftkeyStatus::FileForeign:
+        return "move " + shown + " away, or give it back the name of its own serial number";
+    case SoftkeyStatus::FileNewer:
+        return "install the version of the software key that wrote it";
+    case SoftkeyStatus::FileExposed:
+        return "chown it to the user, and chmod go-w " + shown;
+    case SoftkeyStatus::StorageBusy:
+        return "end the program that keeps it";
+    default:
+        return "chmod u+rw " + shown;
+    }
+}
+
+void Doctor::checkKeys()
+{
+    if (folder_.empty())
+        return;
+    keys_.open(folder_);
+    const std::vector<std::string> names = keys_.keyNames();
+    for (const std::string& name : names)
+        checkKey(name);
+    if (names.empty())
+        diagnosis_.problem("keys", "there is none in " + folder_.string(), "velkor-softkey create");
+}
+
+void Doctor::checkKey(const std::string& name)
+{
+    const std::string part = "key " + name;
+    const fs::path path = folder_ / (name + std::string(KEY_FILE_SUFFIX));
+    try {
+        const std::shared_ptr<SoftKey> key = keys_.find(name, KeysFolder::Identity::Checked);
+        key->file().reload();
+        const std::shared_ptr<const Contents> contents = key->contents();
+        if (contents->device.plugged) {
+            usable_.push_back(name);
+            diagnosis_.good(part, "whole and plugged in, labelled \"" + contents->device.label + "\"");
+        } else {
+            diagnosis_.problem(part, "unplugged, so that no host sees it", "velkor-softkey plug " + name);
+        }
+        checkKeyFile(part, path);
+        checkPins(part, *contents);
+        for (const VelkorCertificate& certificate : contents->certificates)
+            checkCertificate(part, *contents, certificate);
+    } catch (const Refusal& refusal) {
+        diagnosis_.problem(part, refusal.what(), remedyFor(refusal.status(), path));
+    }
+}
+
+void Doctor::checkKeyFile(const std::string& part, const fs::path& path)
+{
+    if (!mayWrite(path))
+        diagnosis_.problem(part, "its file is read-only: no PIN can be checked, since tries are counted",
+                           "chmod u+w " + path.string());
+    if (exposureOf(path) == Exposure::Readable)
+        diagnosis_.note(part, "others may read its file; chmod go-r " + path.string() + " keeps them out");
+}
+
+void Doctor::checkPins(const std::string& part, const Contents& contents)
+{
+    const std::string& name = contents.device.serialNumber;
+    const PinRecord& user = contents.userPin;
+    const auto tries = [](const PinRecord& pin) {
+        return std::to_string(pin.triesLeft) + " of " + std::to_string(pin.triesMax) + " tries left";
+    };
+    if (user.triesLeft == 0)
+        diagnosis_.problem(part, "the user PIN is locked", "velkor-softkey unlock " + name);
+    else if (!user.changed)
+        diagnosis_.problem(part, "the user PIN is initial: some hosts log nobody in before it is changed",
+                           "velkor-softkey set-pin " + name);
+    else if (user.triesLeft < user.triesMax)
+        diagnosis_.note(part, "the user PIN has " + tries(user) + "; the right PIN gives back all");
+    if (contents.soPin.triesLeft == 0)
+        diagnosis_.problem(part, "the SO PIN is locked: nothing unlocks the user PIN any more",
+                           "velkor-softkey create another key, and move to it while this one works");
+    try {
+        const MachineBinding binding(user.machine);
+    } catch (const Refusal& refusal) {
+        diagnosis_.problem(part, refusal.what(), "put the secret of its machine to " + machineSecretFile().string());
+    }
+}
+
+/// A certificate that issues others has its key elsewhere.
+bool isOfIssuer(const VelkorCertificate& certificate)
+{
+    const Certificate parsed = parseCertificate(certificate.der);
+    return X509_check_ca(parsed.get()) > 0;
+}
+
+void Doctor::checkCertificate(const std::string& part, const Contents& contents, const VelkorCertificate& certificate)
+{
+    const std::string& name = contents.device.serialNumber;
+    const std::string number = std::to_string(certificate.id);
+    const std::optional<CertificateDetails> details = detailsOf(certificate);
+    const std::string deletion = "velkor-softkey delete " + name + " --certificate " + number;
+    if (!details)
+        return diagnosis_.problem(part, "certificate " + number + " cannot be read", deletion);
+    const std::string what = "certificate " + number + " (" + details->subject + ")";
+    const VelkorKeyPair* keyPair = keyPairOf(certificate, contents);
+    if (keyPair == nullptr && !isOfIssuer(certificate))
+        diagnosis_.problem(part, what + " is without its key: hosts do not sign with it",
+                           "velkor-softkey import-key " + name + " with its private key, or " + deletion);
+    if (keyPair == nullptr)
+        return;
+    const Bytes wanted = velkor::objectIdOf(*keyPair);
+    const std::string itsKey = "its key pair " + std::to_string(keyPair->id);
+    if (!velkor::sameBytes(wanted, velkor::objectIdOf(certificate)))
+        diagnosis_.problem(part, what + " has another ID than " + itsKey + ": hosts do not find one by the other",
+                           "velkor-softkey relabel " + name +
+                               (wanted.empty() ? " --key " + std::to_string(keyPair->id) + " --id " +
+                                                     hexText(velkor::objectIdOf(certificate))
+                                               : " --certificate " + number + " --id " + hexText(wanted)));
+}
+
+void Doctor::checkTokens()
+{
+    if (!tokens_)
+        return;
+    for (const std::string& name : usable_) {
+        if (std::ranges::find(*tokens_, name) == tokens_->end())
+            diagnosis_.problem("key " + name, "the module does not show it",
+                               "have the module work with the device library of the software key, not with " +
+                                   loadedDeviceLibrary().string());
+    }
+    diagnosis_.good("tokens", "the module shows " + std::to_string(tokens_->size()));
+}
+
+std::string todaysLog()
+{
+    const velkor::platform::LocalTime now = velkor::platform::localTime();
+    std::array<char, 80> name{};
+    std::snprintf(name.data(), name.size(), "%04d-%02d-%02d.LOG", now.year, now.month, now.day);
+    return name.data();
+}
+
+void Doctor::checkLog()
+{
+    constexpr char ERRORS = 2;
+    constexpr char EVERYTHING = 3;
+    std::array<char, 32> value{};
+    const bool isSet = velkor::platform::readLogLevel(value);
+    if (isSet && static_cast<signed char>(value[0]) < ERRORS)
+        return diagnosis_.note("log", "nothing is logged; logLevel = 2 logs errors, 3 every call");
+    const std::string folder = velkor::platform::temporaryFolder();
+    if (folder.empty() || !velkor::platform::folderExists(folder))
+        return diagnosis_.problem("log", "there is no folder for it: every line is lost",
+                                  "set TMPDIR to a folder of your own");
+    const std::string program = velkor::platform::processFileName();
+    const std::string own = folder + "Brenmoor/" + program.substr(0, program.find('.'));
+    velkor::platform::createFolder(folder + "Brenmoor");
+    velkor::platform::createFolder(own);
+    const bool isWritten = velkor::platform::appendToFile(own + "/" + todaysLog(), "");
+    const std::string file = folder + "Brenmoor/PROGRAM/" + todaysLog();
+    if (!isWritten)
+        return diagnosis_.problem("log", file + " cannot be written: every line is lost",
+                                  "chown " + folder + "Brenmoor to the user, or set TMPDIR to a folder of your own");
+    const bool isWhole = isSet && value[0] == EVERYTHING;
+    diagnosis_.good("log", std::string(isWhole ? "every call is" : "errors are") + " logged in " + file);
+}
+
+/// What a file of p11-kit says after "module:"; empty when it says nothing.
+std::string registeredIn(const fs::path& file)
+{
+    constexpr std::string_view WORD = "module:";
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        line.erase(std::remove(line.begin(), line.end(), '\r'), line.end());
+        const std::size_t start = line.find_first_not_of(" \t");
+        if (start == std::string::npos || line.compare(start, WORD.size(), WORD) != 0)
+            continue;
+        const std::size_t value = line.find_first_not_of(" \t", start + WORD.size());
+        return value == std::string::npos ? "" : line.substr(value, line.find_last_not_of(" \t") - value + 1);
+    }
+    return {};
+}
+
+/// The strict front where it lies beside the module: that is what p11-kit works with best.
+fs::path registrable(const fs::path& module)
+{
+    const fs::path strict = module.parent_path() / libraryFileName("velkor-pkcs11-strict");
+    std::error_code failure;
+    return fs::exists(strict, failure) ? strict : module;
+}
+
+void Doctor::checkRegistered(const fs::path& file, const std::string& module)
+{
+    std::error_code failure;
+    const std::string shown = file.string();
+    if (module.find("packed") != std::string::npos)
+        diagnosis_.problem("p11-kit", shown + " names the library of the packed layout, which no host on Linux has",
+                           "name " + registrable(module_).string() + " there");
+    else if (fs::path(module).is_absolute() && !fs::exists(module, failure))
+        diagnosis_.problem("p11-kit", shown + " names " + module + ", which is not there",
+                           module_.empty() ? "install it" : "name " + registrable(module_).string() + " there");
+    else
+        diagnosis_.good("p11-kit", module + " is registered by " + shown);
+}
+
+void Doctor::checkRegistration()
+{
+    bool isThere = false;
+    bool isRegistered = false;
+    const std::vector<fs::path> folders = registrationFolders();
+    for (const fs::path& folder : folders) {
+        std::error_code failure;
+        for (fs::directory_iterator each(folder, failure), end; !failure && each != end; each.increment(failure)) {
+            isThere = true;
+            if (each->path().extension() != ".module")
+                continue;
+            const std::string module = registeredIn(each->path());
+            if (module.find("velkor-pkcs11") == std::string::npos)
+                continue;
+            isRegistered = true;
+            checkRegistered(each->path(), module);
+        }
+    }
+    if (!isThere)
+        diagnosis_.note("p11-kit", "it is not installed; hosts that name the module themselves need none");
+    else if (!isRegistered && !module_.empty())
+        diagnosis_.problem("p11-kit", "the module is not registered: hosts that ask p11-kit for modules do not find it",
+                           "write \"module: " + registrable(module_).string() + "\" into " +
+                               (folders.front() / "velkor.module").string());
+}
+
+} // namespace
+
+void addDoctorCommand(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand(
+        "doctor", "Find out why a host sees no token, and what to do; exit code 0 only when all is well");
+    const auto module = std::make_shared<std::string>();
+    command->add_option("--module", *module, "Module that the host loads (default: the one beside this tool)")
+        ->type_name("FILE");
+    command->callback([&session, module] { Doctor(session, *module).run(); });
+}
+
+} // namespace softkey

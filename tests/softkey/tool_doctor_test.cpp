@@ -1,0 +1,228 @@
+// The tool's doctor: each thing that keeps a host from a token is found, with a way to mend it.
+#include "tool_fixture.h"
+
+#include <map>
+#include <unistd.h>
+
+namespace softkey::test
+{
+namespace
+{
+
+constexpr const char* GOOD = "GOOD1";
+
+class DoctorTest : public ToolTest
+{
+protected:
+    void SetUp() override
+    {
+        ToolTest::SetUp();
+        configuration_ = scratch.file("velkor.conf", bytesOf("logLevel = 2\n"));
+        test_system::setEnvironment("VELKOR_CONFIG", configuration_);
+        test_system::setEnvironment("XDG_CONFIG_HOME", scratch.path().string());
+        std::filesystem::create_directories(scratch.path() / "pkcs11/modules");
+        registerModule(SOFTKEY_MODULE);
+        result("remove KEY1 --yes");
+        result("create --serial " + std::string(GOOD) + WITH_PINS);
+    }
+    ~DoctorTest() override
+    {
+        test_system::removeEnvironment("VELKOR_CONFIG");
+        test_system::removeEnvironment("XDG_CONFIG_HOME");
+    }
+
+    void registerModule(const std::string& module) const
+    {
+        scratch.file("pkcs11/modules/velkor.module", bytesOf("# Velkor\nmodule: " + module + "\n"));
+    }
+
+    /// The findings of a look that does not find all well, whatever stands before the tool on the command line.
+    static json findings(const std::string& arguments = "", const std::string& before = "")
+    {
+        const Outcome outcome = run(before + " " + softkeyTool() + " --json doctor " + arguments);
+        EXPECT_EQ(outcome.exitCode, 1) << outcome.out << outcome.error;
+        const json document = json::parse(outcome.out);
+        EXPECT_EQ(document["well"], false);
+        return document["findings"];
+    }
+
+    /// The way to mend the one problem with that part; empty when it is not there.
+    static std::string remedy(const json& findings, const std::string& part, const std::string& text)
+    {
+        std::string fix;
+        for (const json& finding : findings) {
+            const bool isIt =
+                finding["part"] == part && finding["text"].get<std::string>().find(text) != std::string::npos;
+            if (finding["state"] == "problem")
+                EXPECT_TRUE(isIt) << finding;
+            if (isIt)
+                fix = finding.value("fix", "");
+        }
+        EXPECT_NE(fix, "") << part << ": " << text << " is not in " << findings;
+        return fix;
+    }
+
+    /// Does what the doctor says.
+    static void follow(const std::string& fix, const std::string& pins = WITH_CHOSEN_PIN)
+    {
+        const std::string name = "velkor-softkey ";
+        ASSERT_TRUE(fix.starts_with(name)) << fix;
+        const Outcome outcome = tool(fix.substr(name.size()) + pins);
+        EXPECT_EQ(outcome.exitCode, 0) << fix << ": " << outcome.error;
+    }
+
+    static void expectWell()
+    {
+        const Outcome outcome = tool("doctor");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
+        EXPECT_EQ(outcome.error, "");
+        EXPECT_TRUE(outcome.out.ends_with("All is well.\n")) << outcome.out;
+        EXPECT_EQ(outcome.out.find("to mend it"), std::string::npos) << outcome.out;
+    }
+
+    std::string configuration_;
+};
+
+const std::string GOOD_KEY = "key " + std::string(GOOD);
+
+TEST_F(DoctorTest, WhenAllIsWellItSaysWhatItHasLookedAt)
+{
+    expectWell();
+    const json document = result("doctor");
+    EXPECT_EQ(document["well"], true);
+    std::map<std::string, std::string> texts;
+    for (const json& finding : document["findings"]) {
+        EXPECT_NE(finding["state"], "problem");
+        if (finding["state"] == "good")
+            texts[finding["part"].get<std::string>()] = finding["text"].get<std::string>();
+    }
+    EXPECT_EQ(texts["keys folder"], home.path().string());
+    EXPECT_EQ(texts["module"], std::string(SOFTKEY_MODULE) + " loads and works");
+    EXPECT_EQ(std::filesystem::canonical(texts["device library"]), std::filesystem::canonical(SOFTKEY_LIBRARY));
+    EXPECT_EQ(texts[GOOD_KEY], "whole and plugged in, labelled \"Velkor Soft Key GOOD1\"");
+    EXPECT_EQ(texts["tokens"], "the module shows 1");
+    EXPECT_TRUE(texts["log"].starts_with("errors are logged in ")) << texts["log"];
+    EXPECT_TRUE(texts["p11-kit"].starts_with(SOFTKEY_MODULE)) << texts["p11-kit"];
+}
+
+TEST_F(DoctorTest, AKeyThatHostsDoNotSeeOrCannotUseIsMendedAsItSays)
+{
+    EXPECT_EQ(tool("unplug GOOD1").exitCode, 0);
+    follow(remedy(findings(), GOOD_KEY, "unplugged, so that no host sees it"), "");
+    for (int i = 0; i < 5; ++i)
+        tool("generate GOOD1 P-256 --pin-env WRONG");
+    follow(remedy(findings(), GOOD_KEY, "the user PIN is locked"), " --so-pin-env OFFICER_PIN --new-pin-env USER_PIN");
+    follow(remedy(findings(), GOOD_KEY, "the user PIN is initial"), WITH_PIN + " --new-pin-env CHOSEN_PIN");
+    tool("generate GOOD1 P-256 --pin-env WRONG");
+    expectWell(); // A try less is worth a note.
+    EXPECT_NE(tool("doctor").out.find("the user PIN has 4 of 5 tries left"), std::string::npos);
+    for (int i = 0; i < 5; ++i)
+        tool("unlock GOOD1 --so-pin-env WRONG --new-pin-env USER_PIN");
+    EXPECT_NE(remedy(findings(), GOOD_KEY, "the SO PIN is locked"), "");
+}
+
+TEST_F(DoctorTest, FilesThatAreNoUsableKeysAreFound)
+{
+    writeFile(keyPath("JUNK"), bytesOf("junk"));
+    EXPECT_NE(remedy(findings(), "key JUNK", "not a key file").find("move "), std::string::npos);
+    std::filesystem::remove(keyPath("JUNK"));
+
+    EXPECT_EQ(tool("backup GOOD1 " + path("copy")).exitCode, 0);
+    Data damaged = readFile(keyPath(GOOD));
+    std::fill(damaged.begin() + 4096, damaged.end(), static_cast<unsigned char>(0x5a));
+    writeFile(keyPath(GOOD), damaged);
+    const std::string fix = remedy(findings(), GOOD_KEY, "the key file is damaged");
+    EXPECT_TRUE(fix.starts_with("velkor-softkey restore BACKUP --yes")) << fix;
+    EXPECT_EQ(tool("restore " + path("copy") + " --yes").exitCode, 0);
+    expectWell();
+
+    std::filesystem::permissions(keyPath(GOOD), std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    EXPECT_NE(remedy(findings(), GOOD_KEY, "others may write").find("chmod go-w"), std::string::npos);
+}
+
+TEST_F(DoctorTest, AFolderThatIsNotThereIsEmptyOrOpenToOthersIsFound)
+{
+    EXPECT_EQ(remedy(findings("--home " + path("none")), "keys folder", "there is no " + path("none")),
+              "velkor-softkey create");
+    EXPECT_FALSE(std::filesystem::exists(path("none"))) << "a look makes no folder";
+    std::filesystem::create_directory(path("empty"));
+    std::filesystem::permissions(path("empty"), std::filesystem::perms::owner_all);
+    EXPECT_EQ(remedy(findings("--home " + path("empty")), "keys", "there is none"), "velkor-softkey create");
+    std::filesystem::permissions(path("empty"), std::filesystem::perms::all);
+    EXPECT_NE(findings("--home " + path("empty")).dump().find("others may write to it"), std::string::npos);
+}
+
+/// Without the right to write everywhere that the administrator has.
+std::string asOrdinaryUser()
+{
+    return geteuid() == 0 ? "setpriv --bounding-set=-dac_override --inh-caps=-all" : "";
+}
+
+TEST_F(DoctorTest, AFolderOrAFileThatIsReadOnlyIsFound)
+{
+    using std::filesystem::perms;
+    std::filesystem::permissions(keyPath(GOOD), perms::owner_read);
+    EXPECT_TRUE(remedy(findings("", asOrdinaryUser()), GOOD_KEY, "its file is read-only").starts_with("chmod u+w "));
+    std::filesystem::permissions(keyPath(GOOD), perms::owner_read | perms::owner_write);
+    std::filesystem::permissions(home.path(), perms::owner_read | perms::owner_exec);
+    EXPECT_TRUE(remedy(findings("", asOrdinaryUser()), "keys folder", "read-only").starts_with("chmod u+w "));
+    std::filesystem::permissions(home.path(), perms::owner_all);
+}
+
+TEST_F(DoctorTest, ACertificateWithoutItsKeyOrWithAnotherIdIsFound)
+{
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-certificate GOOD1 " + path("c.pem") + WITH_CHOSEN_PIN).exitCode, 0);
+    EXPECT_NE(remedy(findings(), GOOD_KEY, "certificate 1 (CN=Tool) is without its key")
+                  .find("velkor-softkey delete GOOD1 --certificate 1"),
+              std::string::npos);
+    EXPECT_EQ(tool("import-key GOOD1 " + path("k.pem") + " --id 01" + WITH_CHOSEN_PIN).exitCode, 0);
+    const std::string fix = remedy(findings(), GOOD_KEY, "has another ID than its key pair 1");
+    EXPECT_EQ(fix, "velkor-softkey relabel GOOD1 --certificate 1 --id 01");
+    follow(fix);
+    expectWell();
+}
+
+TEST_F(DoctorTest, AModuleThatIsNotThereOrDoesNotLoadIsFound)
+{
+    std::filesystem::create_directory(path("lonely"));
+    const std::string lonely = path("lonely/velkor-pkcs11.so");
+    EXPECT_NE(remedy(findings("--module " + lonely), "module", "it is not there: " + lonely).find("--module"),
+              std::string::npos);
+    std::filesystem::copy_file(SOFTKEY_MODULE, lonely);
+    EXPECT_EQ(remedy(findings("--module " + lonely), "device library", "libVelkorDSCLibrary.so"),
+              "put the device library into " + path("lonely"));
+    writeFile(lonely, bytesOf("junk"));
+    EXPECT_TRUE(remedy(findings("--module " + lonely), "module", lonely).starts_with("install it again"));
+    EXPECT_EQ(tool("doctor --module " + std::string(SOFTKEY_MODULE)).exitCode, 0);
+}
+
+TEST_F(DoctorTest, ALogThatCannotBeWrittenIsFound)
+{
+    EXPECT_NE(remedy(findings("", "TMPDIR=" + path("none")), "log", "there is no folder for it"), "");
+    const std::string occupied = path("occupied");
+    std::filesystem::create_directory(occupied);
+    writeFile(occupied + "/Brenmoor", {});
+    EXPECT_NE(remedy(findings("", "TMPDIR=" + occupied), "log", "cannot be written").find("chown"), std::string::npos);
+    scratch.file("velkor.conf", bytesOf("logLevel = 3\n")); // The module complains on standard output, with each call.
+    EXPECT_NE(remedy(findings("", "TMPDIR=" + path("none")), "log", "there is no folder for it"), "");
+    scratch.file("velkor.conf", bytesOf("logLevel = 0\n"));
+    EXPECT_NE(tool("doctor").out.find("note     log: nothing is logged"), std::string::npos);
+    scratch.file("velkor.conf", bytesOf("logLevel = 3\n"));
+    EXPECT_NE(tool("doctor").out.find("log: every call is logged in "), std::string::npos);
+}
+
+TEST_F(DoctorTest, ARegistrationThatIsMissingOrWrongIsFound)
+{
+    registerModule("/no/such/velkor-pkcs11-strict.so");
+    EXPECT_NE(remedy(findings(), "p11-kit", "which is not there").find("velkor-pkcs11"), std::string::npos);
+    registerModule("velkor-pkcs11-packed.so");
+    EXPECT_NE(remedy(findings(), "p11-kit", "packed layout"), "");
+    registerModule("another.so");
+    const std::string fix = remedy(findings(), "p11-kit", "is not registered");
+    EXPECT_NE(fix.find(path("pkcs11/modules/velkor.module")), std::string::npos) << fix;
+}
+
+} // namespace
+} // namespace softkey::test
