@@ -1,6 +1,7 @@
 #include "store/object_store.h"
 
 #include "crypto/keys.h"
+#include "store/opened_key.h"
 #include "velkor/record_fields.h"
 
 #include <algorithm>
@@ -123,11 +124,16 @@ NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attribute
     return keyPair;
 }
 
+EvpKey openedKey(Database& database, const VelkorKeyPair& record, Bytes masterKey, std::string_view serialNumber)
+{
+    return decodePrivateKey(openPrivateKey(database, record, masterKey, serialNumber));
+}
+
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
                                                  std::string_view serialNumber)
 {
-    const SecretBuffer pkcs8 = openPrivateKey(database, record, masterKey, serialNumber);
-    return std::make_shared<const PrivateKey>(decodePrivateKey(pkcs8), traitsOf(record.keyKind), paddingsOf(record));
+    return std::make_shared<const PrivateKey>(openedKey(database, record, masterKey, serialNumber),
+                                              traitsOf(record.keyKind), paddingsOf(record));
 }
 
 void resealPrivateKeys(Database& database, const Contents& contents, Bytes oldMasterKey, Bytes newMasterKey)

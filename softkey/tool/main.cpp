@@ -80,6 +80,8 @@ int main(int argc, char** argv)
     addOverviewCommands(app, session);
     addPinCommands(app, session);
     addContentCommands(app, session);
+    addImportCommands(app, session);
+    addRequestCommands(app, session);
     addDoctorCommand(app, session);
     addExportCommands(app, session);
     return run(app, argc, argv);

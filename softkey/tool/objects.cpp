@@ -105,6 +105,13 @@ VelkorCertificate storeCertificate(SoftKey& device, const Pin& pin, ByteVector d
     return certificate;
 }
 
+void requireFolderFor(const std::string& file)
+{
+    std::error_code failure;
+    if (!file.empty() && !std::filesystem::is_directory(std::filesystem::absolute(file).parent_path(), failure))
+        throw notWritten(file);
+}
+
 void writeOutput(const std::string& file, std::string_view content)
 {
     std::ofstream out;

@@ -68,6 +68,8 @@ const Record& numbered(const std::vector<Record>& records, std::uint32_t number)
                   "number " + std::to_string(number) + " (velkor-softkey info shows the numbers)");
 }
 
+/// Before long work: throws a Failure when there is no folder for that file. An empty name is none.
+void requireFolderFor(const std::string& file);
 /// To the file, or to standard output when its name is empty. Throws a Failure.
 void writeOutput(const std::string& file, std::string_view content);
 

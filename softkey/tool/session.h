@@ -71,6 +71,8 @@ void addPinCommands(CLI::App& app, Session& session);
 void addContentCommands(CLI::App& app, Session& session);
 void addOverviewCommands(CLI::App& app, Session& session);
 void addDoctorCommand(CLI::App& app, Session& session);
+void addImportCommands(CLI::App& app, Session& session);
+void addRequestCommands(CLI::App& app, Session& session);
 void addExportCommands(CLI::App& app, Session& session);
 
 } // namespace softkey

@@ -36,7 +36,7 @@ TEST_F(ToolTest, EveryCommandSaysWhatItTakes)
 {
     const std::string all = tool("--help").out;
     for (const std::string name :
-         {"verify", "backup", "restore", "public-key", "relabel", "doctor"}) {
+         {"verify", "backup", "restore", "import", "public-key", "relabel", "csr", "self-sign", "doctor"}) {
         EXPECT_NE(all.find("  " + name + " "), std::string::npos) << name;
         const Outcome help = tool(name + " --help");
         EXPECT_EQ(help.exitCode, 0) << name;

@@ -8,7 +8,8 @@ target_link_libraries(softkey_loader PRIVATE device_interface project_options)
 
 add_executable(softkey_test crypto_test.cpp decryption_test.cpp devices_test.cpp
                             hash_test.cpp machine_test.cpp objects_test.cpp operations_test.cpp
-                            pins_test.cpp tool_objects_test.cpp tool_test.cpp windows_test.cpp world.cpp
+                            pins_test.cpp tool_import_test.cpp tool_objects_test.cpp tool_requests_test.cpp
+                            tool_test.cpp windows_test.cpp world.cpp
                             ${PROJECT_SOURCE_DIR}/softkey/platform/narrow_paths_windows.cpp)
 target_precompile_headers(softkey_test REUSE_FROM test_headers)
 target_link_libraries(softkey_test PRIVATE softkey softkey_core test_options test_system nlohmann_json::nlohmann_json
