@@ -57,6 +57,7 @@ protected:
                 EXPECT_TRUE(isIt) << finding;
             if (isIt)
                 fix = finding.value("fix", "");
+            expectDocumented(fieldsOf(finding));
         }
         EXPECT_NE(fix, "") << part << ": " << text << " is not in " << findings;
         return fix;
@@ -91,7 +92,9 @@ TEST_F(DoctorTest, WhenAllIsWellItSaysWhatItHasLookedAt)
     const json document = result("doctor");
     EXPECT_EQ(document["well"], true);
     std::map<std::string, std::string> texts;
+    expectFields(document, {"well", "findings"});
     for (const json& finding : document["findings"]) {
+        expectFields(finding, {"state", "part", "text"});
         EXPECT_NE(finding["state"], "problem");
         if (finding["state"] == "good")
             texts[finding["part"].get<std::string>()] = finding["text"].get<std::string>();

@@ -6,6 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <set>
+#include <sstream>
 
 namespace softkey::test
 {
@@ -54,6 +56,22 @@ protected:
         EXPECT_NE(outcome.error.find(reason), std::string::npos) << outcome.error;
     }
 
+    /// The names of all commands, as the help lists them.
+    static std::vector<std::string> commands()
+    {
+        const std::string help = tool("--help").out;
+        const std::size_t start = help.find("\nSubcommands:\n");
+        EXPECT_NE(start, std::string::npos) << help;
+        std::vector<std::string> names;
+        std::istringstream lines(help.substr(start));
+        for (std::string line; std::getline(lines, line);) {
+            const std::size_t name = line.find_first_not_of(' ');
+            if (name == 2) // What is further in goes on with a description.
+                names.push_back(line.substr(name, line.find(' ', name) - name));
+        }
+        return names;
+    }
+
     std::string path(const std::string& name) const { return (scratch.path() / name).string(); }
 
     void makeKeyAndCertificate() const
@@ -69,6 +87,49 @@ protected:
 inline std::string textOf(const Data& bytes)
 {
     return {bytes.begin(), bytes.end()};
+}
+
+/// All that a text has of the form --option.
+inline std::set<std::string> longOptionsIn(const std::string& text)
+{
+    std::set<std::string> options;
+    for (std::size_t start = text.find("--"); start != std::string::npos; start = text.find("--", start + 2)) {
+        const std::size_t end = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz-", start);
+        if (end != start + 2)
+            options.insert(text.substr(start, end - start));
+    }
+    return options;
+}
+
+/// The names of the fields of a JSON document.
+using Fields = std::set<std::string>;
+
+inline Fields fieldsOf(const json& object)
+{
+    Fields names;
+    for (const auto& [name, value] : object.items())
+        names.insert(name);
+    return names;
+}
+
+/// Every field is in the section of the manual page about JSON.
+inline void expectDocumented(const Fields& names)
+{
+    std::string section = textOf(readFile(softkeyManual()));
+    section = section.substr(section.find(".SH JSON OUTPUT"));
+    section.resize(section.find(".SH EXIT STATUS"));
+    for (const std::string& name : names) {
+        const bool found = section.find(".I " + name + "\n") != std::string::npos ||
+                           section.find(".IR " + name + " ") != std::string::npos;
+        EXPECT_TRUE(found) << name << " is not in the manual page";
+    }
+}
+
+/// A document has these fields and no others, and the manual page knows them.
+inline void expectFields(const json& document, const Fields& names)
+{
+    EXPECT_EQ(fieldsOf(document), names) << document;
+    expectDocumented(names);
 }
 
 /// What openssl prints of a file; the command must succeed.

@@ -29,6 +29,7 @@ TEST_F(ToolTest, ARequestIsSignedByItsKeyPairAndHasItsNames)
     EXPECT_TRUE(holds(text, "sha256WithRSAEncryption")) << text;
     EXPECT_EQ(shown("req -noout -pubkey -in " + request), publicKeyPem(keyPairs()[0]));
 
+    EXPECT_EQ(tool("csr --subject CN=x --name a.example.org KEY1 1" + WITH_PIN).exitCode, 0) << "one value a --name";
     EXPECT_EQ(tool("csr KEY1 2 --subject /C=DE/CN=Ann --out " + path("e.pem") + WITH_PIN).out, "");
     const std::string ec = shown("req -verify -noout -text -nameopt RFC2253 -in " + path("e.pem"));
     EXPECT_TRUE(holds(ec, "Subject: CN=Ann,C=DE") && holds(ec, "ecdsa-with-SHA384")) << ec;
