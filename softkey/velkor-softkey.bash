@@ -17,7 +17,8 @@ _velkor_softkey_options() {
     generate | import-key) echo "$named $usage $pin" ;;
     import) echo "$named $usage $pin --passphrase-env --passphrase-fd" ;;
     import-certificate) echo "$named $pin" ;;
-    export-certificate | public-key) echo "--format --der --out" ;;
+    export-certificate) echo "--format --der --out --passphrase-env --passphrase-fd" ;;
+    public-key) echo "--format --der --out" ;;
     csr) echo "--subject --name --out $pin" ;;
     self-sign) echo "--subject --name --days --label --out $pin" ;;
     relabel) echo "--key --certificate $named $pin" ;;
@@ -58,7 +59,7 @@ _velkor_softkey_value() {
     case $1 in
     --home | --out | --module) echo . ;;
     --usage) echo "sign decrypt all" ;;
-    --format) if [[ $2 == public-key ]]; then echo "pem der openssh"; else echo "pem der"; fi ;;
+    --format) if [[ $2 == public-key ]]; then echo "pem der openssh"; else echo "pem der pkcs12"; fi ;;
     --*-env) compgen -e ;;
     esac
 }

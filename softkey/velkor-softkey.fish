@@ -162,10 +162,10 @@ complete --command velkor-softkey --condition "__fish_seen_subcommand_from set-p
     --description "Environment variable that holds the new PIN"
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from set-pin unlock" \
     --long-option new-pin-fd --exclusive --description "File descriptor to read the new PIN from"
-complete --command velkor-softkey --condition "__fish_seen_subcommand_from import" \
+complete --command velkor-softkey --condition "__fish_seen_subcommand_from import export-certificate" \
     --long-option passphrase-env --exclusive --arguments "(set --names --export)" \
     --description "Environment variable that holds the pass phrase"
-complete --command velkor-softkey --condition "__fish_seen_subcommand_from import" \
+complete --command velkor-softkey --condition "__fish_seen_subcommand_from import export-certificate" \
     --long-option passphrase-fd --exclusive --description "File descriptor to read the pass phrase from"
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from generate import import-key" \
     --long-option id --exclusive --description "Object ID, in hexadecimal"
@@ -182,7 +182,7 @@ complete --command velkor-softkey --condition "__fish_seen_subcommand_from relab
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from public-key" \
     --long-option format --exclusive --arguments "pem der openssh" --description "Form of the output"
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from export-certificate" \
-    --long-option format --exclusive --arguments "pem der" --description "Form of the output"
+    --long-option format --exclusive --arguments "pem der pkcs12" --description "Form of the output"
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from export-certificate public-key" \
     --long-option der --description "Write DER"
 complete --command velkor-softkey --condition "__fish_seen_subcommand_from export-certificate public-key csr" \

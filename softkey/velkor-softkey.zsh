@@ -115,7 +115,9 @@ _velkor_softkey_arguments() {
     import) _arguments $global $key $file $named $usage $pin $pass_phrase ;;
     import-key) _arguments $global $key $file $named $usage $pin ;;
     import-certificate) _arguments $global $key $file $named $pin ;;
-    export-certificate) _arguments $global $key $number $output '(--der)--format[form]:form:(pem der)' ;;
+    export-certificate)
+        _arguments $global $key $number $output $pass_phrase '(--der)--format[form]:form:(pem der pkcs12)'
+        ;;
     public-key) _arguments $global $key $number $output '(--der)--format[form]:form:(pem der openssh)' ;;
     csr) _arguments $global $key $number $request $pin ;;
     self-sign)

@@ -1,4 +1,5 @@
 // Commands that write what is on a key and no secret: public-key, export-certificate.
+#include "tool/key_material.h"
 #include "tool/objects.h"
 
 #include "crypto/public_key.h"
@@ -17,6 +18,7 @@ struct ExportOptions {
     std::string format = "pem";
     bool der = false;
     std::string file;
+    PinSource passPhrase{"passphrase", "pass phrase of the PKCS #12 file"};
 
     void addTo(CLI::App& command, const char* object, const std::vector<std::string>& formats)
     {
@@ -106,6 +108,10 @@ void exportCertificate(Session& session, const ExportOptions& options)
 {
     const std::shared_ptr<const Contents> contents = session.key(options.serialNumber)->contents();
     const ByteVector& der = numbered(contents->certificates, options.number).der;
+    if (options.isWanted("pkcs12")) {
+        requireFolderFor(options.file);
+        return writeOutput(options.file, pkcs12With(der, options.passPhrase.read()));
+    }
     const auto writePem = [&](BIO* out) {
         return PEM_write_bio(out, PEM_STRING_X509, "", der.data(), static_cast<long>(der.size())) > 0;
     };
@@ -116,7 +122,8 @@ void addExportCertificate(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("export-certificate", "Write a certificate to a file or standard output");
     const auto options = std::make_shared<ExportOptions>();
-    options->addTo(*command, "certificate", {"pem", "der"});
+    options->addTo(*command, "certificate", {"pem", "der", "pkcs12"});
+    options->passPhrase.addTo(*command);
     command->callback([&session, options] { exportCertificate(session, *options); });
 }
 

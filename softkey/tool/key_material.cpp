@@ -178,4 +178,14 @@ KeyMaterial keyMaterialOf(Bytes content, const AskPassPhrase& ask)
     return material;
 }
 
+std::string pkcs12With(Bytes certificate, std::string_view passPhrase)
+{
+    const Certificate parsed = parseCertificate(certificate);
+    const SecretBuffer text = withZero(passPhrase);
+    const auto file = requireObject<Pkcs12>(
+        PKCS12_create_ex(reinterpret_cast<const char*>(text.data()), nullptr, nullptr, parsed.get(), nullptr, 0, 0,
+                         PKCS12_DEFAULT_ITER, PKCS12_DEFAULT_ITER, 0, CryptoContext::get().library(), nullptr));
+    return derText(i2d_PKCS12, file.get());
+}
+
 } // namespace softkey

@@ -69,7 +69,7 @@ TEST_F(CompletionTest, BashKnowsKeysKindsAndForms)
     EXPECT_EQ(proposed("generate KEY1 --label x --oaep-only RSA-4"), "RSA-4096\n");
     EXPECT_EQ(proposed("generate KEY1 --usage ''"), "sign\ndecrypt\nall\n");
     EXPECT_EQ(proposed("public-key KEY1 1 --format o"), "openssh\n");
-    EXPECT_EQ(proposed("export-certificate KEY1 1 --format ''"), "pem\nder\n");
+    EXPECT_EQ(proposed("export-certificate KEY1 1 --format ''"), "pem\nder\npkcs12\n");
     EXPECT_EQ(proposed("generate KEY1 P-256 --pin-env CHOSEN_"), "CHOSEN_PIN\n");
     EXPECT_EQ(proposed("restore " + path("back")), backup + "\n");
     EXPECT_EQ(proposed("import KEY1 " + path("back")), backup + "\n");

@@ -90,6 +90,22 @@ TEST_F(FileImportTest, Pkcs12FilesAreTakenWithTheirPassPhrase)
     EXPECT_EQ(tool("verify KEY1" + WITH_PIN).exitCode, 0);
 }
 
+TEST_F(FileImportTest, ACertificateIsWrittenAsPkcs12AndTakenFromIt)
+{
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    const std::string exporting = "export-certificate KEY1 1 --format pkcs12 --out ";
+    expectFailure(exporting + path("a.p12") + " --passphrase-env NOT_SET", 3, {}, "NOT_SET is not set");
+    expectFailure(exporting + path("no/folder") + " --passphrase-env NOT_SET", 9);
+    EXPECT_EQ(tool(exporting + path("a.p12") + WITH_PASS).exitCode, 0);
+    const std::string held = shown("pkcs12 -nodes -passin pass:file-secret -in " + path("a.p12"));
+    EXPECT_NE(held.find(textOf(readFile(path("c.pem")))), std::string::npos) << held;
+    EXPECT_EQ(held.find("PRIVATE KEY"), std::string::npos) << held;
+    EXPECT_EQ(tool("delete KEY1 --certificate 1" + WITH_PIN).exitCode, 0);
+    expectFailure("import KEY1 " + path("a.p12") + " --passphrase-env BAD_PASS" + WITH_PIN, 8);
+    EXPECT_EQ(tool("import KEY1 " + path("a.p12") + WITH_PASS + WITH_PIN).out, "certificate 1\n");
+    EXPECT_EQ(tool("export-certificate KEY1 1").out, textOf(readFile(path("c.pem"))));
+}
+
 TEST_F(FileImportTest, WhatCannotBeImportedIsRefusedAndChangesNothing)
 {
     const std::string unread = " --pin-env NOT_SET";
