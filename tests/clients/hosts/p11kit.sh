@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# p11-kit: the registered module, and keys that another process, and another user by ssh, works with.
+# Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server
+# Limit: 120
+. "$(dirname "$0")/common.sh"
+
+client=$(find /usr/lib -name p11-kit-client.so | head -n 1)
+sign_through() { # sign_through LIBRARY: with the key 77 of the token, as another process
+    timeout 60 pkcs11-tool --module "$1" --token-label "Client key" --login --pin 1234 --sign \
+        --mechanism SHA256-RSA-PKCS --id 77 --input-file text --output-file sig
+    openssl dgst -sha256 -verify tls.pub -signature sig text
+}
+# The other user is nobody, who has neither a shell nor a key, where this user may become that; else this one. Root is no
+# choice for what follows: p11-kit passes over the files of root's home.
+other=$(id -un)
+as_other=(env)
+if [ "$(id -u)" -eq 0 ]; then
+    other=nobody
+    as_other=(setpriv --reuid nobody --regid nogroup --clear-groups env -i PATH="$PATH")
+fi
+# A folder that both users reach, outside of this one.
+make_common_folder() {
+    far=$(mktemp -d /tmp/velkor-far.XXXXXX)
+    trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$far"' EXIT
+}
+registers() {
+    make_common_folder
+    mkdir -p "$far/.config/pkcs11/modules" "$far/lib"
+    cp "$build"/lib/velkor-pkcs11{,-strict}.so "$build/softkey/libVelkorDSCLibrary.so" "$tool" "$far/lib"
+    echo "module: $far/lib/$(basename "$module")" >"$far/.config/pkcs11/modules/velkor.module"
+    echo "user-config: merge" >"$far/.config/pkcs11/pkcs11.conf"
+    chown -R "$other" "$far"
+    as_other+=(HOME="$far" TMPDIR="$far" VELKOR_SOFTKEY_HOME="$far/keys" LD_LIBRARY_PATH="$far/lib" USER_PIN=1234
+        SO_PIN=12345678)
+    "${as_other[@]}" "$far/lib/velkor-softkey" create --serial FAR1 --label "Far key" --pin-env USER_PIN --so-pin-env SO_PIN
+    "${as_other[@]}" timeout 60 p11-kit list-modules | tee modules.txt
+    grep -q "token: Far key$" modules.txt
+    grep -q "serial-number: FAR1$" modules.txt
+}
+start_p11_kit() {
+    timeout 100 p11-kit server --foreground --provider "$module" --name "$folder/run/server" "$url" >p11-kit.log 2>&1 &
+    await_file "$folder/run/server"
+}
+serves_process() {
+    start_p11_kit
+    env -u VELKOR_SOFTKEY_HOME P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/server" \
+        timeout 60 pkcs11-tool --module "$client" --list-token-slots | grep "token label *: Client key"
+    export P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/server"
+    sign_through "$client"
+}
+serves_several() { # Eight at once, whose signatures are told from each other.
+    local number jobs=()
+    start_p11_kit
+    export P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/server"
+    for number in {1..8}; do
+        echo "text $number" >"text$number"
+        timeout 60 pkcs11-tool --module "$client" --token-label "Client key" --login --pin 1234 --sign \
+            --mechanism SHA256-RSA-PKCS --id 77 --input-file "text$number" --output-file "sig$number" &
+        jobs+=($!)
+    done
+    for number in "${jobs[@]}"; do wait "$number"; done
+    for number in {1..8}; do
+        openssl dgst -sha256 -verify tls.pub -signature "sig$number" "text$number"
+    done
+}
+serves_user() { # By ssh: the other user's end of the connection is a socket of theirs.
+    make_common_folder
+    chown "$other" "$far"
+    ssh-keygen -q -t ed25519 -N "" -f user
+    cp user.pub authorized
+    chmod a+r authorized
+    start_sshd
+    start_p11_kit
+    ssh -F ssh.conf -i user -l "$other" -N -R "$far/socket:$folder/run/server" server.example &
+    await_file "$far/socket"
+    cp text "$far/text"
+    chmod a+r "$far/text"
+    "${as_other[@]}" P11_KIT_SERVER_ADDRESS="unix:path=$far/socket" TMPDIR="$far" timeout 60 \
+        pkcs11-tool --module "$client" --token-label "Client key" --login --pin 1234 --sign \
+        --mechanism SHA256-RSA-PKCS --id 77 --input-file "$far/text" --output-file "$far/sig"
+    openssl dgst -sha256 -verify tls.pub -signature "$far/sig" text
+}
+prepare_certificates
+check "p11-kit list-modules" registers
+check "p11-kit server, for another process" serves_process
+check "p11-kit server, for eight at once" serves_several
+check "p11-kit server, for another user by ssh" serves_user
