@@ -56,6 +56,13 @@ check() {
     { echo "== $name"; cat last.out; } >>all.out
 }
 
+# guide PAGE: the commands of docs/hosts/PAGE.md, behind those of the quickstart. Pages are written for the strict front.
+guide() {
+    [ "$library" = strict ] || return 0
+    check "docs/hosts/$1.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/guide" \
+        "$sources/docs/quickstart.md" "$sources/docs/hosts/$1.md"
+}
+
 # The plain module loses its first two lines where its log has no folder yet, and says so on standard output.
 make_log_folder() { mkdir -p "$TMPDIR/Brenmoor/$1"; } # make_log_folder PROGRAM
 
@@ -85,69 +92,7 @@ make_certificates() {
 prepare_certificates() { check "certificates are put on the token" make_certificates; }
 tls_url="$url;object=tls"
 
-# ---- Servers on the loopback address ----
-free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-await_port() {
-    local try
-    for try in {1..100}; do
-        ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null || return 0
-        sleep 0.1
-    done
-    echo "nothing listens on port $1, after $try looks"
-    return 1
-}
-await_file() {
-    local try
-    for try in {1..100}; do
-        [ ! -e "$1" ] || return 0
-        sleep 0.1
-    done
-    echo "there is no $1, after $try looks"
-    return 1
-}
-# A server that shows the certificate of its client, and has none in without one.
-start_server() {
-    port=$(free_port)
-    timeout 120 openssl s_server -accept "127.0.0.1:$port" -cert localhost.pem -key localhost.key -CAfile ca.pem -Verify 2 \
-        -verify_return_error -www >server.log 2>&1 &
-    await_port "$port"
-}
-get() { timeout 20 curl -sS --cacert ca.pem "https://localhost:$port/" "$@"; }
-
-# An sshd whose users are let in by the keys of the file `authorized`, and by certificates of user_ca, if that is there.
-# Its client's options are in ssh.conf.
-start_sshd() {
-    port=$(free_port)
-    [ "$(id -u)" -ne 0 ] || mkdir -p /run/sshd # Which it asks for.
-    ssh-keygen -q -t ed25519 -N "" -f host_key
-    touch authorized
-    cat >sshd.conf <<END
-Port $port
-ListenAddress 127.0.0.1
-HostKey $folder/host_key
-PidFile $folder/sshd.pid
-AuthorizedKeysFile $folder/authorized
-PasswordAuthentication no
-KbdInteractiveAuthentication no
-UsePAM no
-StrictModes no
-PermitRootLogin yes
-StreamLocalBindUnlink yes
-$([ ! -e user_ca.pub ] || echo "TrustedUserCAKeys $folder/user_ca.pub")
-END
-    cat >ssh.conf <<END
-Host server.example
-    HostName 127.0.0.1
-    Port $port
-    User $(id -un)
-    HostKeyAlias server.example
-    UserKnownHostsFile $folder/known_hosts
-    PasswordAuthentication no
-END
-    echo "server.example $(cut -d ' ' -f 1,2 host_key.pub)" >known_hosts
-    /usr/sbin/sshd -D -f "$folder/sshd.conf" -E "$folder/sshd.log" &
-    await_port "$port"
-}
+. "$sources/tests/clients/hosts/servers.sh"
 # Programs of OpenSSH ask this one for the PIN.
 make_askpass() {
     printf '#!/bin/sh\necho "$ASK_PIN"\n' >askpass

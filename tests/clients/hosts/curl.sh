@@ -12,3 +12,4 @@ shows_certificate() {
 
 prepare_certificates
 check "curl with a client certificate" shows_certificate
+guide curl

@@ -16,3 +16,4 @@ shows_certificate() {
 
 prepare_certificates
 check "Firefox with a client certificate" shows_certificate
+guide firefox

@@ -46,3 +46,4 @@ make_log_folder gnupg-pkcs11-scd
 check "gpgsm learns a card through gnupg-pkcs11-scd" learns_card
 check "gpgsm signs" signs
 check "gpgsm decrypts" decrypts
+guide gnupg

@@ -54,3 +54,4 @@ check "certtool --generate-request" requests
 check "certtool --generate-self-signed" certifies
 check "certtool --p7-sign" signs_message
 check "gnutls-cli with a client certificate" connects
+guide gnutls

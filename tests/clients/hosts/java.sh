@@ -26,3 +26,4 @@ check "Signature, Cipher, KeyAgreement in Java" timeout 120 java "$sources/tests
 check "keytool -delete" java_keytool -delete -alias jec
 prepare_certificates
 check "TLS in Java with a client certificate" connects
+guide java

@@ -49,3 +49,4 @@ check "cmsutil -E, -D" decrypts_message
 check "certutil -D" nss -D -n "Client key:nadd"
 check "certutil -F" nss -F -n "Client key:nec"
 check "modutil -delete" leaves
+guide nss

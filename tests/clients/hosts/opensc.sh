@@ -122,3 +122,4 @@ check "pkcs11-tool with a wrong PIN" refuse_pin
 check "pkcs11-tool --generate-random" login --generate-random 32 --output-file random
 check "pkcs11-tool --test" no_errors
 check "pkcs11-tool --delete-object" delete_pair
+guide opensc

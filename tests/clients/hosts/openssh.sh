@@ -70,9 +70,10 @@ check "ssh-agent gets a wrong PIN and lives" with_agent wrong_pin
 check "ssh-agent signs" with_agent signs_file
 ssh-keygen -q -t ed25519 -N "" -f user_ca
 grep rsa keys >authorized || true
-start_sshd >/dev/null
+start_sshd "$folder/authorized" >/dev/null
 check "ssh -I logs in" logs_in -I "$module"
 check "ssh -I is given a wrong PIN" logs_in_with_wrong_pin
 check "ssh logs in by the agent" with_agent logs_in_by_agent
 check "ssh logs in by a certificate for the token's key" logs_in_by_certificate
 check "ssh-keygen -s issues a certificate with the token's key" issues_certificate
+guide openssh

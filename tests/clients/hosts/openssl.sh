@@ -64,3 +64,4 @@ check "engine: a server of TLS 1.2" serves 1.2
 check "engine: a server of TLS 1.3" serves 1.3
 check "engine: a client of TLS, RSA" connects "$rsa" tls
 check "engine: a client of TLS, EC" connects "$ec" ec
+guide openssl

@@ -24,3 +24,4 @@ tells_change() {
 check "a certificate for code, and a program" prepare
 check "osslsigncode signs and verifies" signs
 check "osslsigncode tells a change" tells_change
+guide osslsigncode

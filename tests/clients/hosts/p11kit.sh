@@ -69,7 +69,7 @@ serves_user() { # By ssh: the other user's end of the connection is a socket of 
     ssh-keygen -q -t ed25519 -N "" -f user
     cp user.pub authorized
     chmod a+r authorized
-    start_sshd
+    start_sshd "$folder/authorized"
     start_p11_kit
     ssh -F ssh.conf -i user -l "$other" -N -R "$far/socket:$folder/run/server" server.example &
     await_file "$far/socket"
@@ -85,3 +85,4 @@ check "p11-kit list-modules" registers
 check "p11-kit server, for another process" serves_process
 check "p11-kit server, for eight at once" serves_several
 check "p11-kit server, for another user by ssh" serves_user
+guide p11-kit

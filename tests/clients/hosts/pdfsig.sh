@@ -30,3 +30,4 @@ check "databases of NSS, and a PDF" prepare
 check "pdfsig lists the token's names" lists_names
 check "pdfsig signs and verifies" signs
 check "pdfsig tells a change" tells_change
+guide pdfsig

@@ -5,3 +5,4 @@
 . "$(dirname "$0")/common.sh"
 
 check "PyKCS11" timeout 60 /usr/bin/python3 "$sources/tests/clients/pykcs11_client.py" "$module"
+guide pykcs11

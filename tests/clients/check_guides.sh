@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Each page of docs/hosts is run by one host's script, is listed in the table of pages, and each that is run is there.
+#   check_guides.sh SOURCES
+set -euo pipefail
+cd "$1"
+pages() { find docs/hosts -name '*.md' ! -name README.md -printf '%f\n' | sed 's/\.md$//' | sort; }
+diff --label "pages of docs/hosts" --label "pages that scripts run" --unified=0 \
+    <(pages) <(sed -n 's/^guide //p' tests/clients/hosts/*.sh | sort)
+for page in $(pages); do
+    grep -q "($page.md)" docs/hosts/README.md || { echo "docs/hosts/README.md does not list $page.md"; exit 1; }
+    grep -q '^```sh$' "docs/hosts/$page.md" || { echo "docs/hosts/$page.md has no command"; exit 1; }
+done
