@@ -16,7 +16,13 @@ installed=/usr/lib/x86_64-linux-gnu/velkor
 mkdir "$folder"
 folder=$(realpath "$folder")
 mkdir -m 700 "$folder/home" "$folder/tmp" "$folder/run" "$folder/bin" "$folder/world"
-trap 'kill $(jobs -p) 2>/dev/null || true; GNUPGHOME=$folder/home/.gnupg timeout 20 gpgconf --kill all 2>/dev/null || true' EXIT
+# What pages have left in the background ends with them.
+leave() {
+    [ ! -e "$folder/world/control" ] || /usr/bin/ssh -F "$folder/world/ssh.conf" -O exit server.example 2>/dev/null || true
+    kill $(jobs -p) 2>/dev/null || true
+    [ ! -d "$folder/home/.gnupg" ] || GNUPGHOME=$folder/home/.gnupg timeout 20 gpgconf --kill all || true
+}
+trap leave EXIT
 
 # The block's commands behind the page's name, for whoever reads a failure.
 blocks_of() { # blocks_of PAGE
@@ -34,6 +40,13 @@ mentions() { grep -q -e "$1" "$folder/commands"; }
 cd "$folder/world"
 if mentions "ssh"; then
     start_sshd "$folder/home/.ssh/authorized_keys"
+    printf '    ControlMaster auto\n    ControlPath %s\n' "$folder/world/control" >>ssh.conf
+    if mentions "ssh -f"; then # Whoever takes a socket along has had a login before.
+        ssh-keygen -q -t ed25519 -N "" -f user
+        mkdir -p "$folder/home/.ssh"
+        cp user.pub "$folder/home/.ssh/authorized_keys"
+        printf '    IdentityFile %s\n' "$PWD/user" >>ssh.conf
+    fi
     # The real one reads the configuration of the user's home, wherever HOME is.
     printf '#!/bin/sh\nexec /usr/bin/ssh -F %s "$@"\n' "$folder/world/ssh.conf" >"$folder/bin/ssh"
 fi

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # p11-kit: the registered module, and keys that another process, and another user by ssh, works with.
-# Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server
+# Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server socat
 # Limit: 120
 . "$(dirname "$0")/common.sh"
 
@@ -80,9 +80,31 @@ serves_user() { # By ssh: the other user's end of the connection is a socket of 
         --mechanism SHA256-RSA-PKCS --id 77 --input-file "$far/text" --output-file "$far/sig"
     openssl dgst -sha256 -verify tls.pub -signature "$far/sig" text
 }
+# What the service of packaging/p11-kit runs, over a socket that another program listens on as the system would.
+serves_by_socket() {
+    local command
+    command=$(sed -n 's/^ExecStart=//p' "$sources/packaging/p11-kit/velkor-p11-kit@.service")
+    command=${command/\/usr\/lib\/x86_64-linux-gnu\/velkor\/velkor-pkcs11-strict.so/$module}
+    command=${command/pkcs11:*/$url}
+    printf '#!/bin/sh\nexec %s\n' "$command" >serve
+    cat serve
+    grep -F -- "$module $url" serve
+    chmod +x serve
+    timeout 100 socat "UNIX-LISTEN:$folder/run/socket,fork" "EXEC:$folder/serve" &
+    await_file "$folder/run/socket"
+    export P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/socket"
+    sign_through "$client"
+    sign_through "$client" # Each connection has a process of its own.
+}
+
 prepare_certificates
 check "p11-kit list-modules" registers
 check "p11-kit server, for another process" serves_process
 check "p11-kit server, for eight at once" serves_several
 check "p11-kit server, for another user by ssh" serves_user
+check "p11-kit remote, started by a socket" serves_by_socket
+if [ "$library" = strict ]; then
+    check "docs/remote.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/guide" \
+        "$sources/docs/quickstart.md" "$sources/docs/remote.md"
+fi
 guide p11-kit
