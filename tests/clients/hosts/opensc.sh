@@ -123,3 +123,7 @@ check "pkcs11-tool --generate-random" login --generate-random 32 --output-file r
 check "pkcs11-tool --test" no_errors
 check "pkcs11-tool --delete-object" delete_pair
 guide opensc
+if [ "$library" = strict ]; then
+    check "docs/troubleshooting.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/trouble" \
+        "$sources/docs/quickstart.md" "$sources/docs/troubleshooting.md"
+fi
