@@ -124,6 +124,7 @@ check "pkcs11-tool --test" no_errors
 check "pkcs11-tool --delete-object" delete_pair
 guide opensc
 if [ "$library" = strict ]; then
+    check "README.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/readme" "$sources/README.md"
     check "docs/troubleshooting.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/trouble" \
         "$sources/docs/quickstart.md" "$sources/docs/troubleshooting.md"
 fi
