@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# How many signatures a second a key carries for other machines: 1, 4 and 16 clients of p11-kit's server, through ssh on the
-# loopback address, RSA-2048. Every signature is verified. For comparison the same without ssh, and without p11-kit.
+# How many signatures a second a key carries for other machines: 1, 4 and 16 clients of p11-kit's server, through ssh on
+# the loopback address, RSA-2048. Every signature is verified. For comparison the same without ssh, and without p11-kit.
 #
 #   bench/remote.sh [SECONDS]     of each row, 10 by default
 #
@@ -29,9 +29,9 @@ put_on_token bench 01 >>certify.log
 ssh-keygen -q -t ed25519 -N "" -f user
 start_sshd "$folder/user.pub"
 p11-kit server --foreground --provider "$module" --name "$folder/run/server" "$url" >p11-kit.log 2>&1 &
-await_file "$folder/run/server"
+await_socket "$folder/run/server"
 ssh -F ssh.conf -i user -N -L "$folder/run/far:$folder/run/server" server.example &
-await_file "$folder/run/far"
+await_socket "$folder/run/far"
 
 measure "the module itself" "$module"
 P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/server" measure "p11-kit server" "$client"

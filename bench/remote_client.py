@@ -3,8 +3,8 @@
 
     remote_client.py MODULE TOKEN PIN NAME SECONDS FILE
 
-Waits for a line on its standard input between the login and the first signature, so that several begin together. FILE gets
-one line for each: the text and the signature in hexadecimal.
+Waits for a line on its standard input between the login and the first signature, so that several begin together. FILE
+gets one line for each: the text and the signature in hexadecimal.
 """
 import sys
 import time

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A host and the tool in a bad circumstance: they end by themselves and say what is wrong, the key loses no try, and nothing
-# gets into the host's output.
+# A host and the tool in a bad circumstance: they end by themselves and say what is wrong, the key loses no try, and
+# nothing gets into the host's output.
 #   check_circumstance.sh TREE HOST CIRCUMSTANCE     TREE is an install tree, HOST is circumstance_host
 set -euo pipefail
 tree=$1 host=$2 circumstance=$3

@@ -1,11 +1,10 @@
 // A host that signs once, with the first private key that it finds. Its last line on standard error says how that went:
-// "signed by" and the device library, or what refused and its code. Standard output is left to the libraries, which have
-// nothing to say there.
+// "signed by" and the device library, or what refused and its code. Standard output is left to the libraries, which
+// have nothing to say there.
 //     circumstance_host LIBRARY PIN [many-files | forked]
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -24,7 +23,7 @@ struct Refusal {
     CK_RV code;
 };
 
-/// The part of a host that is already there is none to complain of.
+/// What is begun already is no refusal: a host asks for all of it again.
 void demand(const char* function, CK_RV code)
 {
     if (code != CKR_OK && code != CKR_CRYPTOKI_ALREADY_INITIALIZED && code != CKR_USER_ALREADY_LOGGED_IN)

@@ -2,8 +2,8 @@
 #
 #   HOST.sh BUILD LIBRARY FOLDER    BUILD has the built libraries, LIBRARY is plain or strict, FOLDER is made
 #
-# Nothing outside FOLDER is written. Each check is a line of FOLDER/results, "ok" or "FAILED" and its name; what it said is
-# in FOLDER/all.out. The exit code is 0 when all checks were made, good or bad: report.py judges them.
+# Each check is a line of FOLDER/results, "ok" or "FAILED" and its name; what it said is in FOLDER/all.out. The exit code
+# is 0 when all checks were made, good or bad: report.py judges them.
 set -euo pipefail
 if [ $# -ne 3 ]; then
     echo "usage: $(basename "$0") BUILD plain|strict FOLDER" >&2

@@ -6,10 +6,10 @@
 
 p11() { timeout 60 p11tool --provider "$module" --login --batch "$@"; }
 cert() { timeout 60 certtool --provider "$module" "$@"; }
-has() { p11 --list-all "$url" | grep -q "object=$1;type=$2"; }
+has() { p11 --list-all "$url" | grep "object=$1;type=$2"; }
 export_public() { p11 --export "$url;object=$1;type=public" | openssl pkey -pubin -noout; }
 delete_object() { p11 --delete "$url;object=$1" && ! has "$1" private; }
-lists_tokens() { p11 --list-tokens | grep -q "token=Client%20key$"; }
+lists_tokens() { p11 --list-tokens | grep "token=Client%20key$"; }
 make_files() {
     openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -subj /CN=client -days 30
     printf 'cn = "own"\nexpiration_days = 10\nsigning_key\n' >template

@@ -4,12 +4,13 @@
 # Limit: 240
 . "$(dirname "$0")/common.sh"
 
-store=(-keystore NONE -storetype PKCS11 -providerClass sun.security.pkcs11.SunPKCS11 -providerArg java.cfg -storepass 1234)
+store=(-keystore NONE -storetype PKCS11 -providerClass sun.security.pkcs11.SunPKCS11 -providerArg java.cfg
+    -storepass 1234)
 java_keytool() { timeout 120 keytool "${store[@]}" "$@"; }
 sign_jar() {
     jar cf text.jar text
     timeout 120 jarsigner "${store[@]}" text.jar "$1"
-    jarsigner -verify text.jar | grep -q "jar verified"
+    jarsigner -verify text.jar | grep "jar verified"
 }
 connects() {
     start_server

@@ -27,8 +27,8 @@ decrypts_message() {
     cms -D -i encrypted -o decrypted
     cmp decrypted text
 }
-lists_certificate() { nss -L | grep -q "Client key:nec"; }
-lists_key() { nss -K | grep -q "nrsa"; }
+lists_certificate() { nss -L | grep "Client key:nec"; }
+lists_key() { nss -K | grep "nrsa"; }
 leaves() {
     modutil -dbdir sql:nss -delete Velkor -force </dev/null
     modutil -dbdir sql:nss -list </dev/null >modules.txt

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # p11-kit: the registered module, and keys that another process, and another user by ssh, works with.
-# Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server socat
+# Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server socat systemd
 # Limit: 120
 . "$(dirname "$0")/common.sh"
 
@@ -32,14 +32,16 @@ registers() {
     chown -R "$other" "$far"
     as_other+=(HOME="$far" TMPDIR="$far" VELKOR_SOFTKEY_HOME="$far/keys" LD_LIBRARY_PATH="$far/lib" USER_PIN=1234
         SO_PIN=12345678)
-    "${as_other[@]}" "$far/lib/velkor-softkey" create --serial FAR1 --label "Far key" --pin-env USER_PIN --so-pin-env SO_PIN
+    "${as_other[@]}" "$far/lib/velkor-softkey" create --serial FAR1 --label "Far key" --pin-env USER_PIN \
+        --so-pin-env SO_PIN
     "${as_other[@]}" timeout 60 p11-kit list-modules | tee modules.txt
     grep -q "token: Far key$" modules.txt
     grep -q "serial-number: FAR1$" modules.txt
 }
 start_p11_kit() {
+    rm -f "$folder/run/server" # Of the check before.
     timeout 100 p11-kit server --foreground --provider "$module" --name "$folder/run/server" "$url" >p11-kit.log 2>&1 &
-    await_file "$folder/run/server"
+    await_socket "$folder/run/server"
 }
 serves_process() {
     start_p11_kit
@@ -67,12 +69,12 @@ serves_user() { # By ssh: the other user's end of the connection is a socket of 
     make_common_folder
     chown "$other" "$far"
     ssh-keygen -q -t ed25519 -N "" -f user
-    cp user.pub authorized
-    chmod a+r authorized
-    start_sshd "$folder/authorized"
+    cp user.pub "$far/authorized"
+    chmod a+r "$far/authorized"
+    start_sshd "$far/authorized"
     start_p11_kit
     ssh -F ssh.conf -i user -l "$other" -N -R "$far/socket:$folder/run/server" server.example &
-    await_file "$far/socket"
+    await_socket "$far/socket"
     cp text "$far/text"
     chmod a+r "$far/text"
     "${as_other[@]}" P11_KIT_SERVER_ADDRESS="unix:path=$far/socket" TMPDIR="$far" timeout 60 \
@@ -91,7 +93,7 @@ serves_by_socket() {
     grep -F -- "$module $url" serve
     chmod +x serve
     timeout 100 socat "UNIX-LISTEN:$folder/run/socket,fork" "EXEC:$folder/serve" &
-    await_file "$folder/run/socket"
+    await_socket "$folder/run/socket"
     export P11_KIT_SERVER_ADDRESS="unix:path=$folder/run/socket"
     sign_through "$client"
     sign_through "$client" # Each connection has a process of its own.
@@ -104,6 +106,7 @@ check "p11-kit server, for eight at once" serves_several
 check "p11-kit server, for another user by ssh" serves_user
 check "p11-kit remote, started by a socket" serves_by_socket
 if [ "$library" = strict ]; then
+    check "the units of systemd are sound" systemd-analyze verify --man=no "$sources"/packaging/p11-kit/*
     check "docs/remote.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/guide" \
         "$sources/docs/quickstart.md" "$sources/docs/remote.md"
 fi

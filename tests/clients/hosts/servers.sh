@@ -9,13 +9,13 @@ await_port() {
     echo "nothing listens on port $1, after $try looks"
     return 1
 }
-await_file() {
+await_socket() { # await_socket PATH: of the local kind
     local try
     for try in {1..100}; do
-        [ ! -e "$1" ] || return 0
+        ! python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).connect(sys.argv[1])' "$1" 2>/dev/null || return 0
         sleep 0.1
     done
-    echo "there is no $1, after $try looks"
+    echo "nothing listens at $1, after $try looks"
     return 1
 }
 # A server that shows the certificate of its client, and has none in without one.
