@@ -14,8 +14,8 @@ DOCUMENT = ROOT / "docs" / "functions.md"
 
 HEAD = """# Functions, mechanisms, attributes
 
-What the plain module and the strict front have. The tables are printed by `scripts/functions-table.py` from those of the
-code, and a test holds this page against them. How the two differ where both have something is in
+What the plain module and the strict front have. The tables are printed by `scripts/functions-table.py` from those of
+the code, and a test holds this page against them. How the two differ where both have something is in
 [strict.md](strict.md#the-two-libraries-function-by-function); what is unlike the standard in the plain module is in
 [departures.md](departures.md).
 
@@ -35,17 +35,17 @@ for hosts that look for them. They answer `CKR_FUNCTION_NOT_SUPPORTED`; the stri
 
 MECHANISMS = """## Mechanisms
 
-Sizes of keys in bits, as the module lists them for a slot that it does not know; a token's policy takes the smallest away.
-[mechanisms.md](mechanisms.md) says what each is given, and what old firmware and the FIPS rules take away.
+Sizes of keys in bits, as the module lists them for a slot that it does not know; a token's policy takes the smallest
+away. [mechanisms.md](mechanisms.md) says what each is given, and what old firmware and the FIPS rules take away.
 
 """
 
 ATTRIBUTES = """
 ## Attributes
 
-The plain module has an attribute for objects of every class, if only with length 0, and answers any other with length 0.
-The strict front has it for the objects that are named, and refuses it for others. *Hidden* values never leave the token:
-`CKR_ATTRIBUTE_SENSITIVE`, as does the value of a derived key that was made sensitive or not extractable.
+The plain module has an attribute for objects of every class, if only with length 0, and answers any other with length
+0. The strict front has it for the objects that are named, and refuses it for others. *Hidden* values never leave the
+token: `CKR_ATTRIBUTE_SENSITIVE`, as does the value of a derived key that was made sensitive or not extractable.
 
 """
 
