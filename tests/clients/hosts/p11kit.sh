@@ -107,7 +107,7 @@ check "p11-kit server, for another user by ssh" serves_user
 check "p11-kit remote, started by a socket" serves_by_socket
 if [ "$library" = strict ]; then
     check "the units of systemd are sound" systemd-analyze verify --man=no "$sources"/packaging/p11-kit/*
-    check "docs/remote.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/guide" \
+    check "docs/remote.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/remote" \
         "$sources/docs/quickstart.md" "$sources/docs/remote.md"
 fi
 guide p11-kit
