@@ -45,16 +45,15 @@ def faulty(folder, call, what, report, calls="changes"):
 
 
 def run(command, surroundings):
-    """Exit code, negative for a signal, and what was printed."""
-    with subprocess.Popen([str(part) for part in command], env=surroundings, text=True, stdin=subprocess.DEVNULL,
+    """Exit code, negative for a signal, and what was printed: labels of a spoilt file may hold any bytes."""
+    with subprocess.Popen([str(part) for part in command], env=surroundings, text=True, errors="backslashreplace",
+                          stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
         try:
             out, error = process.communicate(timeout=LIMIT)
         except subprocess.TimeoutExpired as expired:
             process.kill()
             raise Failure(f"{command[0]} hangs") from expired
-        except UnicodeDecodeError as broken:
-            raise Failure(f"{command} prints {broken.object!r}, which is no text") from broken
     return process.returncode, out, error
 
 
