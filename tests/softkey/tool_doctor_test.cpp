@@ -53,8 +53,9 @@ protected:
         for (const json& finding : findings) {
             const bool isIt =
                 finding["part"] == part && finding["text"].get<std::string>().find(text) != std::string::npos;
-            if (finding["state"] == "problem")
+            if (finding["state"] == "problem") {
                 EXPECT_TRUE(isIt) << finding;
+            }
             if (isIt)
                 fix = finding.value("fix", "");
             expectDocumented(fieldsOf(finding));
