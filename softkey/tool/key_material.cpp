@@ -68,10 +68,23 @@ EvpKey keyFromDer(Bytes content, PassPhrase& passPhrase)
     return EvpKey(key);
 }
 
+/// The file from its first private key in PEM on, or all of it: OpenSSL trips over certificates before the key.
+Bytes fromPrivateKeyOn(Bytes content)
+{
+    constexpr std::string_view BEGIN = "-----BEGIN ";
+    const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+    for (std::size_t at = text.find(BEGIN); at != std::string_view::npos; at = text.find(BEGIN, at + 1)) {
+        const std::string_view line = text.substr(at, text.find('\n', at) - at);
+        if (line.find("PRIVATE KEY-----") != std::string_view::npos)
+            return content.subspan(at);
+    }
+    return content;
+}
+
 /// The first private key of a file in any form but PKCS #12; null when there is none, or it cannot be decrypted.
 EvpKey decodedKey(Bytes content, PassPhrase& passPhrase)
 {
-    const BioOwner in = reading(content);
+    const BioOwner in = reading(fromPrivateKeyOn(content));
     EvpKey key(PEM_read_bio_PrivateKey_ex(in.get(), nullptr, PassPhrase::give, &passPhrase,
                                           CryptoContext::get().library(), nullptr));
     return key || passPhrase.wasWanted ? std::move(key) : keyFromDer(content, passPhrase);

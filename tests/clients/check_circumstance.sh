@@ -16,7 +16,7 @@ trap 'rm -rf "$world"' EXIT
 # install_into FOLDER: a copy of the installed libraries and programs.
 install_into() {
     mkdir -p "$1"
-    cp "$(find "$tree" -name velkor-pkcs11-strict.so -printf '%h\n')"/*.so "$(find "$tree" -name velkor-softkey -type f)" \
+    cp "$(find "$tree" -name velkor-pkcs11-strict.so -printf '%h\n')"/*.so "$(find "$tree" -path "*/bin/velkor-softkey")" \
         "$host" "$1"
 }
 give_away() { [ "${as[0]}" = env ] || chown -R nobody "$world"; }
@@ -146,13 +146,16 @@ with_disk() {
     unshare -rm "$0" "$tree" "$host" "$circumstance-inside"
 }
 mount_disk() {
+    # A log that cannot be written is told on standard output, so there is none, as the packages have it.
+    echo "logLevel = 0" >"$VELKOR_CONFIG"
     mkdir "$world/disk"
+    trap 'umount -l "$world/disk" && rm -rf "$world"' EXIT
     mount -t tmpfs -o size=4m,mode=700 none "$world/disk"
     mkdir -m 700 "$world/disk/tmp"
     export VELKOR_SOFTKEY_HOME=$world/disk/keys TMPDIR=$world/disk/tmp
     make_key
     library=velkor-pkcs11-strict
-    sign_as_ever # Its log has folders now.
+    sign_as_ever
 }
 refuse_then_sign() { # refuse_then_sign MAKE-ROOM...
     both_libraries run_refused

@@ -188,13 +188,23 @@ TEST_F(DoctorTest, ACertificateWithoutItsKeyOrWithAnotherIdIsFound)
     expectWell();
 }
 
+/// The module as it is installed: it knows nothing of the folder that the device library was built in.
+std::string moduleWithoutFolders()
+{
+    const std::string folder = std::filesystem::path(SOFTKEY_LIBRARY).parent_path().string();
+    std::string module = textOf(readFile(SOFTKEY_MODULE));
+    for (std::size_t at = module.find(folder); at != std::string::npos; at = module.find(folder))
+        module.replace(at, folder.size(), folder.size(), '/');
+    return module;
+}
+
 TEST_F(DoctorTest, AModuleThatIsNotThereOrDoesNotLoadIsFound)
 {
     std::filesystem::create_directory(path("lonely"));
     const std::string lonely = path("lonely/velkor-pkcs11.so");
     EXPECT_NE(remedy(findings("--module " + lonely), "module", "it is not there: " + lonely).find("--module"),
               std::string::npos);
-    std::filesystem::copy_file(SOFTKEY_MODULE, lonely);
+    writeFile(lonely, bytesOf(moduleWithoutFolders()));
     EXPECT_EQ(remedy(findings("--module " + lonely), "device library", "libVelkorDSCLibrary.so"),
               "put the device library into " + path("lonely"));
     writeFile(lonely, bytesOf("junk"));

@@ -159,8 +159,11 @@ TEST_F(ToolTest, AnOutputThatCannotBeWrittenIsAFailure)
     EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
     expectFailure("export-certificate KEY1 1 --out /dev/full", 9);
     expectFailure("export-certificate KEY1 1 --out " + path("no/such/folder"), 9);
-    for (const std::string arguments : {"export-certificate KEY1 1", "list", "info KEY1 --json"})
+    for (const std::string arguments : {"export-certificate KEY1 1", "list"})
         expectFailure(arguments + " >/dev/full", 9);
+    const Outcome told = tool("info KEY1 --json >/dev/full");
+    EXPECT_EQ(told.exitCode, 9);
+    EXPECT_EQ(json::parse(told.error)["exitCode"], 9) << told.error;
 }
 
 } // namespace
