@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr std::size_t LINES_KEPT = 256;
+constexpr std::size_t LINES_EXPECTED = 4;
 constexpr std::size_t BYTES_KEPT = std::size_t{128} << 10;
 /// Between lines of one refusal, of which the same may also begin the next one.
 constexpr Milliseconds AT_ONCE = 5;
@@ -64,14 +65,19 @@ void setOutcome(Call& call, const KnownText& known)
     }
 }
 
-/// Whether a call may write lines of this row more than once.
-bool mayRepeat(const TextRow& row)
+bool isPerItem(const TextRow& row)
 {
     constexpr std::string_view PER_ITEM[] = {"{attribute}",           "{size}",      "{name}",
                                              "imported successfully", "modulusBits", "{keytype}"};
-    return row.kind != TextKind::Note || std::ranges::any_of(PER_ITEM, [&](std::string_view each) {
-               return row.pattern.find(each) != std::string_view::npos;
-           });
+    return std::ranges::any_of(PER_ITEM,
+                               [&](std::string_view each) { return row.pattern.find(each) != std::string_view::npos; });
+}
+
+/// Whether a call may write lines of this row more than once.
+bool mayRepeat(const TextRow& row)
+{
+    static const PerRow<bool> perItem(isPerItem);
+    return row.kind != TextKind::Note || perItem[row];
 }
 
 /// The function that a line without an entry line is of; empty when several write it.
@@ -123,6 +129,7 @@ void CallBuilder::begin(const LogLine& line, std::string_view function, bool isE
     current_->function = function;
     current_->hasEntry = isEntry;
     current_->start = line.time;
+    current_->lines.reserve(LINES_EXPECTED);
 }
 
 void CallBuilder::append(Call& call, const LogLine& line)
@@ -150,7 +157,7 @@ void CallBuilder::addLone(const LogLine& line, bool isMonitor)
 {
     Call lone;
     lone.program = program_;
-    lone.function = isMonitor ? "" : std::string(functionOf(known_));
+    lone.function = isMonitor ? std::string_view() : functionOf(known_);
     lone.isMonitor = isMonitor;
     lone.isMixed = !isMonitor;
     lone.start = lone.end = line.time;
@@ -214,11 +221,11 @@ void CallBuilder::addText(const LogLine& line)
 
 void CallBuilder::add(const LogLine& line)
 {
-    const bool isEntry = line.level == Level::Debug && isFunction(line.text);
+    findText(line.text, known_);
+    const bool isFunctionAlone = !known_.function.empty() && known_.function.size() == line.text.size();
+    const bool isEntry = isFunctionAlone && line.level == Level::Debug;
     if (isEntry)
         known_.row = nullptr;
-    else
-        findText(line.text, known_);
     if (!isEntry && known_.row != nullptr && known_.row->kind == TextKind::Monitor) {
         if (current_ && !current_->next)
             current_->next = line.time;
@@ -229,7 +236,7 @@ void CallBuilder::add(const LogLine& line)
     if (current_ && !current_->next)
         current_->next = line.time;
     complete();
-    begin(line, line.text, true);
+    begin(line, known_.function, true);
     append(*current_, line);
 }
 

@@ -31,11 +31,11 @@ struct CallLine {
 };
 
 struct Call {
-    std::string_view program; ///< Name of the folder or the file.
-    std::string function;     ///< Empty where the lines do not tell it.
-    bool hasEntry = false;    ///< Its entry line was logged.
-    bool isMonitor = false;   ///< Lines of the thread that watches the devices; no call.
-    bool isMixed = false;     ///< Lines of several threads are mixed here: some may belong to another call.
+    std::string_view program;  ///< Name of the folder or the file.
+    std::string_view function; ///< Of the table of exports; empty where the lines do not tell it.
+    bool hasEntry = false;     ///< Its entry line was logged.
+    bool isMonitor = false;    ///< Lines of the thread that watches the devices; no call.
+    bool isMixed = false;      ///< Lines of several threads are mixed here: some may belong to another call.
     Outcome outcome = Outcome::NoRefusalSeen;
     CK_RV code = CKR_OK;
     Milliseconds start = 0;

@@ -131,7 +131,7 @@ void addSearch(Evidence& evidence, const KnownText& known)
     }
 }
 
-/// What is looked for in lines of a row: made once, since logs have millions of lines.
+/// What is looked for in lines of a row.
 struct Interest {
     std::vector<std::uint64_t Evidence::*> marks;
     bool inValues = false;
@@ -160,17 +160,6 @@ Interest interestIn(const TextRow& row)
     return interest;
 }
 
-const Interest& interestOf(const TextRow& row)
-{
-    static const std::vector<Interest> interests = [] {
-        std::vector<Interest> all;
-        for (const TextRow& each : textRows())
-            all.push_back(interestIn(each));
-        return all;
-    }();
-    return interests[static_cast<std::size_t>(&row - textRows().data())];
-}
-
 /// The log does not tell who logs in. A session in the SO's state tells it of the login before.
 void addState(Progress& progress, std::string_view text)
 {
@@ -186,7 +175,8 @@ void addLine(Evidence& evidence, const Call& call, const CallLine& line)
 {
     if (line.row == nullptr)
         return;
-    const Interest& interest = interestOf(*line.row);
+    static const PerRow<Interest> interests(interestIn);
+    const Interest& interest = interests[*line.row];
     for (const auto count : interest.marks)
         ++(evidence.*count);
     if (interest.inState)
@@ -253,8 +243,8 @@ void addRefusal(Evidence& evidence, const Call& call, bool isSpecial)
     else if (line != nullptr && contains(line->row->pattern, "invalid hSession="))
         ++(progress.initialized > 1 || progress.hasEnded ? evidence.sessionsUnknownAfterEnd : evidence.sessionsUnknown);
     else if (line != nullptr && (evidence.refusals.size() < KINDS_OF_REFUSALS))
-        ++evidence.refusals[call.function + ": " + codeName(call.code) + ". " + std::string(line->row->meaning) + " " +
-                            std::string(line->row->remedy)];
+        ++evidence.refusals[std::string(call.function) + ": " + codeName(call.code) + ". " +
+                            std::string(line->row->meaning) + " " + std::string(line->row->remedy)];
 }
 
 /// Without a key, slots go and logins end: what is refused then is refused for that.

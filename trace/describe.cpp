@@ -4,7 +4,10 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
+#include "memo.h"
 #include "names.h"
 
 namespace velkor::trace
@@ -15,11 +18,11 @@ namespace
 constexpr std::string_view MIXED = "Lines of several threads are mixed here; some may belong to another call.";
 constexpr std::size_t VALUES_SHOWN = 6;
 
-std::string joined(std::string_view left, std::string_view separator, std::string_view right)
+std::string joined(std::string left, std::string_view separator, std::string_view right)
 {
-    if (left.empty() || right.empty())
-        return std::string(left) + std::string(right);
-    return std::string(left) + std::string(separator) + std::string(right);
+    if (!left.empty() && !right.empty())
+        left.append(separator);
+    return std::move(left.append(right));
 }
 
 /// Kinds whose bare number says nothing by itself.
@@ -28,23 +31,56 @@ bool saysSomething(const TextValue& value)
     return value.kind != "count" && value.kind != "hex" && value.kind != "found";
 }
 
+/// The values of a text in words.
+struct Words {
+    std::string all;
+    std::vector<std::string> telling; ///< Those that say something by themselves.
+};
+
+Words findWords(std::string_view text)
+{
+    Words words;
+    KnownText known;
+    findText(text, known);
+    for (const TextValue& value : known.values) {
+        const bool isTelling = saysSomething(value);
+        std::string shown = printable(isTelling ? valueInWords(value.kind, value.text) : std::string(value.text));
+        words.all = joined(std::move(words.all), ", ", shown);
+        if (isTelling)
+            words.telling.push_back(std::move(shown));
+    }
+    return words;
+}
+
+bool hasValues(const TextRow& row)
+{
+    return row.pattern.find('{') != std::string_view::npos;
+}
+
+/// Valid until the next call.
+const Words& wordsOf(std::string_view text)
+{
+    static Memo<Words> words;
+    return words.of(text, findWords);
+}
+
 /// The distinct values of all lines of a call.
 std::string valuesOfCall(const Call& call)
 {
     std::vector<std::string> shown;
-    KnownText known;
     for (const CallLine& line : call.lines) {
-        if (line.row == nullptr || !findText(line.text, known))
+        if (line.row == nullptr || !hasValues(*line.row))
             continue;
-        for (const TextValue& value : known.values) {
-            const std::string words = printable(valueInWords(value.kind, value.text));
-            if (saysSomething(value) && std::ranges::find(shown, words) == shown.end())
+        for (const std::string& words : wordsOf(line.text).telling) {
+            if (std::ranges::find(shown, words) == shown.end())
                 shown.push_back(words);
         }
     }
+    if (shown.size() == 1)
+        return std::move(shown.front());
     std::string text;
     for (std::size_t each = 0; each < std::min(shown.size(), VALUES_SHOWN); ++each)
-        text = joined(text, ", ", shown[each]);
+        text = joined(std::move(text), ", ", shown[each]);
     return shown.size() > VALUES_SHOWN ? text + ", ..." : text;
 }
 
@@ -55,7 +91,7 @@ std::string explanationOfRefusal(const Call& call, const CallLine& line)
         if (each.row != nullptr && each.row != line.row && each.row->kind == TextKind::Refusal)
             values = joined(valuesInWords(each), "; ", values);
     }
-    return joined(values, ". ", line.row->meaning);
+    return joined(std::move(values), ". ", line.row->meaning);
 }
 
 std::string explanationOfOther(const Call& call)
@@ -237,22 +273,14 @@ std::string outcomeText(const Call& call)
 
 std::string valuesInWords(const CallLine& line)
 {
-    KnownText known;
-    if (line.row == nullptr || !findText(line.text, known))
-        return {};
-    std::string words;
-    for (const TextValue& value : known.values) {
-        const bool isBare = value.kind == "count" || value.kind == "hex" || value.kind == "found";
-        words = joined(words, ", ", printable(isBare ? std::string(value.text) : valueInWords(value.kind, value.text)));
-    }
-    return words;
+    return line.row != nullptr && hasValues(*line.row) ? wordsOf(line.text).all : "";
 }
 
 std::string explanationOf(const Call& call)
 {
     const CallLine* refusal = call.refusal();
-    const std::string text = refusal != nullptr ? explanationOfRefusal(call, *refusal) : explanationOfOther(call);
-    return call.isMixed ? joined(text, " ", MIXED) : text;
+    std::string text = refusal != nullptr ? explanationOfRefusal(call, *refusal) : explanationOfOther(call);
+    return call.isMixed ? joined(std::move(text), " ", MIXED) : text;
 }
 
 std::string_view remedyOf(const Call& call)

@@ -47,7 +47,7 @@ void HtmlPage::add(const Call& call)
 {
     if (calls_++ >= CALLS_SHOWN)
         return;
-    json document = callAsJson(call);
+    json document = json::parse(jsonLine(call));
     document["at"] = call.start;
     document["shown"] = outcomeText(call);
     document["took"] = durationText(call.duration());

@@ -36,14 +36,24 @@ constexpr Tag TAGS[] = {
     {"INFO  ::=>", Level::Other},
 };
 
+/// How far a byte may lie above the one that stands in its place.
+constexpr std::array<unsigned char, SHAPE.size()> mostAboveShape()
+{
+    std::array<unsigned char, SHAPE.size()> most{};
+    for (std::size_t place = 0; place < SHAPE.size(); ++place)
+        most[place] = SHAPE[place] == '0' ? 9 : 0;
+    return most;
+}
+
 bool hasShape(std::string_view whole)
 {
+    static constexpr auto MOST = mostAboveShape();
+    unsigned char odd = 0; // Without a branch for each place.
     for (std::size_t place = 0; place < SHAPE.size(); ++place) {
-        const char each = whole[place];
-        if (SHAPE[place] == '0' ? each < '0' || each > '9' : each != SHAPE[place])
-            return false;
+        const auto above = static_cast<unsigned char>(whole[place] - SHAPE[place]);
+        odd |= static_cast<unsigned char>(above > MOST[place] ? 1 : 0);
     }
-    return true;
+    return odd == 0;
 }
 
 int twoDigits(std::string_view whole, std::size_t place)
@@ -58,14 +68,18 @@ Milliseconds timeOf(std::string_view whole, int month, int day)
     return (month * Milliseconds{DAYS_OF_MONTH} + day - 1) * DAY + seconds * SECOND + milliseconds;
 }
 
-/// Where another line begins inside a line that was cut; npos when none does.
+/// Where another line begins behind the beginning of one that was cut; npos when none does.
 std::size_t innerLine(std::string_view whole)
 {
-    for (std::size_t arrow = whole.find("-> ->", 1); arrow != std::string_view::npos;
-         arrow = whole.find("-> ->", arrow + 1)) {
-        const std::size_t start = arrow - (SHAPE.size() - 5);
+    constexpr std::string_view ARROW = "-> ->";
+    constexpr std::size_t BEFORE = SHAPE.size() - ARROW.size();
+    if (whole.size() <= PREFIX_SIZE)
+        return std::string_view::npos;
+    for (std::size_t arrow = whole.find(ARROW, BEFORE + 1); arrow != std::string_view::npos;
+         arrow = whole.find(ARROW, arrow + 1)) {
+        const std::size_t start = arrow - BEFORE;
         LogLine ignored;
-        if (arrow > SHAPE.size() - 5 && parseLine(whole.substr(start), ignored))
+        if (parseLine(whole.substr(start), ignored))
             return start;
     }
     return std::string_view::npos;
@@ -94,16 +108,24 @@ std::size_t sequenceLength(std::string_view bytes)
     return length;
 }
 
+/// Writes as many digits of a number as there is place for.
+void putNumber(std::string& text, std::size_t place, std::size_t digits, Milliseconds number)
+{
+    for (std::size_t digit = place + digits; digit > place; number /= 10)
+        text[--digit] = static_cast<char>('0' + number % 10);
+}
+
 } // namespace
 
 std::string clockText(Milliseconds time)
 {
     const Milliseconds ofDay = (time % DAY + DAY) % DAY;
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", static_cast<int>(ofDay / (3600 * SECOND)),
-                  static_cast<int>(ofDay / (60 * SECOND) % 60), static_cast<int>(ofDay / SECOND % 60),
-                  static_cast<int>(ofDay % SECOND));
-    return text.data();
+    std::string text = "00:00:00.000";
+    putNumber(text, 0, 2, ofDay / (3600 * SECOND));
+    putNumber(text, 3, 2, ofDay / (60 * SECOND) % 60);
+    putNumber(text, 6, 2, ofDay / SECOND % 60);
+    putNumber(text, 9, 3, ofDay % SECOND);
+    return text;
 }
 
 Milliseconds timeOfYear(int year)
@@ -116,11 +138,12 @@ std::string dateText(Milliseconds time)
     const auto days = static_cast<int>(time / DAY);
     const int year = days / DAYS_OF_YEAR;
     const int ofYear = days % DAYS_OF_YEAR;
-    std::array<char, 48> text{};
-    const int length = year != 0 ? std::snprintf(text.data(), text.size(), "%04d-", year) : 0;
-    std::snprintf(text.data() + length, text.size() - static_cast<std::size_t>(length), "%02d-%02d",
-                  ofYear / DAYS_OF_MONTH, ofYear % DAYS_OF_MONTH + 1);
-    return text.data();
+    std::string text = year != 0 ? "0000-00-00" : "00-00";
+    if (year != 0)
+        putNumber(text, 0, 4, year);
+    putNumber(text, text.size() - 5, 2, ofYear / DAYS_OF_MONTH);
+    putNumber(text, text.size() - 2, 2, ofYear % DAYS_OF_MONTH + 1);
+    return text;
 }
 
 bool parseLine(std::string_view whole, LogLine& line)
@@ -277,7 +300,7 @@ bool LogReader::take(std::string_view raw, LogLine& line)
     if (!isText(raw))
         ++notes_.wrongBytes;
     const bool isWhole = parseLine(raw, line);
-    if (const std::size_t inner = innerLine(raw); inner != std::string_view::npos && inner != 0) {
+    if (const std::size_t inner = innerLine(raw); inner != std::string_view::npos) {
         ++notes_.cut;
         parseLine(raw.substr(inner), line);
     } else if (!isWhole) {

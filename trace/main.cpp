@@ -29,6 +29,9 @@ using namespace velkor::trace;
 
 constexpr std::filesystem::perms OWNER_ALONE = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
 
+/// What is written at once where nobody watches.
+constexpr std::size_t OUTPUT_BUFFER = std::size_t{64} << 10;
+
 enum class ExitCode : int { Done = 0, Failed = 1, Usage = 2, NothingRead = 3 };
 
 struct Options {
@@ -129,12 +132,14 @@ struct Printer {
         if (options.redact)
             redact(call);
         if (options.json)
-            return std::fputs(jsonLine(callAsJson(call)).c_str(), file) >= 0;
+            return write(jsonLine(call));
         if (day.value_or(call.start / DAY) != call.start / DAY)
             std::fprintf(file, "%s\n", dateText(call.start).c_str());
         day = call.start / DAY;
-        return std::fputs(tableRow(call, style).c_str(), file) >= 0;
+        return write(tableRow(call, style));
     }
+
+    bool write(const std::string& text) const { return std::fwrite(text.data(), 1, text.size(), file) == text.size(); }
 };
 
 /// Prints what a log has had since the last look. False when nobody reads any more.
@@ -200,6 +205,8 @@ ExitCode show(Options& options)
     const TableStyle style = {isTerminal(stdout) ? terminalWidth() : 0, wantsColours(), logs.size() > 1};
     {
         const PagedOutput output(!options.noPager && !options.json);
+        if (!isTerminal(output.file()))
+            std::setvbuf(output.file(), nullptr, _IOFBF, OUTPUT_BUFFER);
         Printer printer{options, style, output.file()};
         printer.printHeader();
         for (Call call; calls.next(call);) {

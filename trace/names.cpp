@@ -4,6 +4,8 @@
 #include <charconv>
 #include <iterator>
 #include <limits>
+#include <map>
+#include <utility>
 
 #include "base/status_rows.h"
 #include "frame/device_status.h"
@@ -187,12 +189,16 @@ constexpr ValueKind KINDS[] = {
 
 std::string_view constantName(std::string_view prefix, Number value)
 {
-    std::string_view name; // The last one of a value: behind the older of two names stands the newer.
-    for (const Constant& each : CONSTANTS) {
-        if (each.value == value && each.prefix == prefix)
-            name = each.name;
-    }
-    return name;
+    using Names = std::map<std::pair<Number, std::string_view>, std::string_view>;
+    static const Names names = [] {
+        Names all;
+        for (const Constant& each :
+             CONSTANTS) // The last one of a value: behind the older of two names stands the newer.
+            all[{each.value, each.prefix}] = each.name;
+        return all;
+    }();
+    const auto found = names.find({value, prefix});
+    return found != names.end() ? found->second : std::string_view();
 }
 
 std::span<const Constant> constants()

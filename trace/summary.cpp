@@ -86,7 +86,7 @@ void Summary::addSlow(const Call& call)
     const auto place = std::ranges::find_if(slowest_, [&](const SlowCall& each) { return each.time < time; });
     if (place == slowest_.end() && slowest_.size() >= SLOWEST_KEPT)
         return;
-    slowest_.insert(place, {time, call.start, call.function, std::string(call.program)});
+    slowest_.insert(place, {time, call.start, std::string(call.function), std::string(call.program)});
     slowest_.resize(std::min(slowest_.size(), SLOWEST_KEPT));
 }
 
@@ -127,12 +127,12 @@ void Summary::add(const Call& call)
     ++program->second.calls;
     program->second.refused += isRefused ? 1U : 0U;
     addLogin(program->second, call);
-    OfFunction& function = functions_[call.function.empty() ? "(unknown)" : call.function];
+    OfFunction& function = functions_[call.function.empty() ? "(unknown)" : std::string(call.function)];
     ++function.calls;
     function.refused += isRefused ? 1U : 0U;
     function.time += call.duration().value_or(0);
     if (isRefused)
-        ++refusals_[call.function + " " + outcomeText(call)];
+        ++refusals_[std::string(call.function) + " " + outcomeText(call)];
     mixed_ += call.isMixed ? 1U : 0U;
     addSlow(call);
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <string>
 
+#include "memo.h"
 #include "strict/object.h"
 
 namespace velkor::trace
@@ -208,6 +209,39 @@ private:
     std::array<std::vector<std::string_view>, 256> byHash_;
 };
 
+/// What a text is, without the text.
+struct FoundText {
+    struct Value {
+        std::string_view kind;
+        std::size_t start; ///< In the text.
+        std::size_t size;
+    };
+    const TextRow* row = nullptr;
+    std::string_view function;
+    std::vector<Value> values;
+};
+
+FoundText searchText(std::string_view text)
+{
+    static const Index whole(false);
+    static const Index ofAnyCall(true);
+    std::vector<TextValue> values;
+    const auto search = [&](const Index& index, std::string_view part) {
+        return index.find(part, [&](std::string_view pattern) { return takeValues(pattern, part, values); });
+    };
+    FoundText found;
+    found.function = functionAtStart(text);
+    found.row = search(whole, text);
+    if (found.row == nullptr && !found.function.empty())
+        found.row = search(ofAnyCall, text.substr(found.function.size()));
+    if (found.row == nullptr)
+        return found;
+    for (const TextValue& value : values)
+        found.values.push_back(
+            {value.kind, static_cast<std::size_t>(value.text.data() - text.data()), value.text.size()});
+    return found;
+}
+
 } // namespace
 
 std::span<const TextRow> textRows()
@@ -242,17 +276,13 @@ std::string_view KnownText::value(std::string_view kind) const
 
 bool findText(std::string_view text, KnownText& known)
 {
-    static const Index whole(false);
-    static const Index ofAnyCall(true);
-    known.function = functionAtStart(text);
-    known.row = whole.find(text, [&](std::string_view pattern) { return takeValues(pattern, text, known.values); });
-    if (known.row == nullptr && !known.function.empty()) {
-        const std::string_view rest = text.substr(known.function.size());
-        known.row =
-            ofAnyCall.find(rest, [&](std::string_view pattern) { return takeValues(pattern, rest, known.values); });
-    }
-    if (known.row == nullptr)
-        known.values.clear();
+    static Memo<FoundText> found;
+    const FoundText& kept = found.of(text, searchText);
+    known.row = kept.row;
+    known.function = kept.function;
+    known.values.clear();
+    for (const FoundText::Value& value : kept.values)
+        known.values.push_back({value.kind, text.substr(value.start, value.size)});
     return known.row != nullptr;
 }
 

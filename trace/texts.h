@@ -42,6 +42,27 @@ struct TextRow {
 
 std::span<const TextRow> textRows();
 
+/// What there is to know of each row, found out once: logs have millions of lines.
+template <typename Value>
+class PerRow
+{
+public:
+    template <typename Make>
+    explicit PerRow(const Make& make)
+    {
+        for (const TextRow& row : textRows())
+            values_.push_back(make(row));
+    }
+
+    typename std::vector<Value>::const_reference operator[](const TextRow& row) const
+    {
+        return values_[static_cast<std::size_t>(&row - textRows().data())];
+    }
+
+private:
+    std::vector<Value> values_;
+};
+
 /// A number or a text in a line, by the kind that its row gives it.
 struct TextValue {
     std::string_view kind;

@@ -21,7 +21,7 @@ std::vector<std::string> shortly(const std::vector<Call>& calls)
 {
     std::vector<std::string> texts;
     for (const Call& call : calls)
-        texts.push_back((call.isMonitor ? "monitor" : call.function) + ": " + outcomeText(call) +
+        texts.push_back((call.isMonitor ? "monitor" : std::string(call.function)) + ": " + outcomeText(call) +
                         (call.isMixed ? " mixed" : "") + (call.hasEntry || call.isMonitor ? "" : " (no entry)"));
     return texts;
 }

@@ -74,7 +74,7 @@ void walk(const fs::path& log, Met& met)
         }
         if (call.outcome != Outcome::Refused)
             continue;
-        met.refusingFunctions.insert(call.function);
+        met.refusingFunctions.emplace(call.function);
         expectExplained(call, log);
     }
 }
