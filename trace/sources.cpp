@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "platform/platform.h"
+#include "terminal.h"
 
 namespace velkor::trace
 {
@@ -97,6 +98,9 @@ std::string whyUnwritable(const fs::path& log)
     constexpr auto WRITABLE = fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write;
     if (fs::exists(status) && (status.permissions() & WRITABLE) == fs::perms::none)
         return "nobody may write to it";
+    // Elsewhere it may be a copy that somebody keeps.
+    if (isNamedByModule(log.filename().string()) && isOfAnotherUser(log))
+        return "it belongs to another user than its folder";
     return {};
 }
 

@@ -1,10 +1,12 @@
-// What the output asks of the operating system: whether it is a terminal, how wide that is, and a pager.
+// What the program asks of the operating system, beside what the module's platform has: whether the output is a
+// terminal, how wide that is, a pager, and whose files are.
 #pragma once
 
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace velkor::trace
 {
@@ -26,6 +28,10 @@ inline int columnsOfEnvironment()
 
 /// Whether colours are wanted: on a terminal that can show them, unless NO_COLOR is set.
 bool wantsColours();
+
+/// Whether a file belongs to another user than its folder, into which nobody else may write. There are no such files
+/// on Windows, where rights do not follow from who a file belongs to.
+bool isOfAnotherUser(const std::filesystem::path& file);
 
 /// Standard output, through a pager where it is a terminal: the program of PAGER, else less, as git takes them.
 class PagedOutput

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace velkor::trace
@@ -29,6 +30,17 @@ bool wantsColours()
     const char* refused = std::getenv("NO_COLOR");
     const bool isRefused = refused != nullptr && *refused != '\0';
     return !isRefused && terminal != nullptr && std::string(terminal) != "dumb" && isTerminal(stdout);
+}
+
+bool isOfAnotherUser(const std::filesystem::path& file)
+{
+    struct stat own {
+    };
+    struct stat folder {
+    };
+    const std::filesystem::path place = std::filesystem::absolute(file).parent_path();
+    return lstat(file.c_str(), &own) == 0 && stat(place.c_str(), &folder) == 0 && own.st_uid != folder.st_uid &&
+           (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 PagedOutput::PagedOutput(bool wanted)

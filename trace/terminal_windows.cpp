@@ -36,6 +36,11 @@ bool wantsColours()
     return SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
+bool isOfAnotherUser(const std::filesystem::path& /*file*/)
+{
+    return false;
+}
+
 PagedOutput::PagedOutput(bool /*wanted*/) {} // There is none that could be counted on.
 
 PagedOutput::~PagedOutput() = default;

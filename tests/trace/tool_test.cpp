@@ -21,6 +21,7 @@
 
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace velkor::trace
 {
@@ -189,6 +190,104 @@ TEST_F(TraceToolTest, ALinkInPlaceOfALogIsTold)
     std::filesystem::create_symlink("elsewhere", folder_ / "link.LOG");
     EXPECT_EQ(whyUnwritable(folder_ / "link.LOG"), "a link stands in its place");
 }
+
+// ---- Without rights ----
+
+/// The program as a user without the rights that are taken from files here.
+class TraceRightsTest : public TraceToolTest
+{
+protected:
+    void SetUp() override
+    {
+        if (runCommand(tool() + " --version").code != 0)
+            GTEST_SKIP() << "another user cannot run the program here";
+        std::filesystem::create_directories(closed_);
+    }
+
+    void TearDown() override
+    {
+        std::error_code missing;
+        std::filesystem::permissions(closed_, std::filesystem::perms::owner_all, missing);
+    }
+
+    /// Root may read everything: another user asks then.
+    static std::string tool()
+    {
+        const std::string other =
+            "setpriv --reuid=" + std::to_string(OTHER) + " --regid=" + std::to_string(OTHER) + " --clear-groups ";
+        return (geteuid() == 0 ? other : "") + TRACE_TOOL;
+    }
+
+    /// What the program says once nobody else may look into the folder.
+    ToolRun runOutside(const std::string& arguments) const
+    {
+        std::filesystem::permissions(closed_,
+                                     geteuid() == 0 ? std::filesystem::perms::owner_all : std::filesystem::perms::none);
+        return runCommand(tool() + " " + arguments);
+    }
+
+    static constexpr uid_t OTHER = 65534;
+    std::filesystem::path logs_ = folder_ / "logs";
+    std::filesystem::path closed_ = logs_ / "signer";
+};
+
+TEST_F(TraceRightsTest, AFolderThatCannotBeListedIsTold)
+{
+    const std::string word = closed_.string() + ": it cannot be read: Permission denied\n";
+    const ToolRun alone = runOutside("'" + closed_.string() + "'");
+    EXPECT_EQ(alone.code, 3);
+    EXPECT_NE(alone.output.find(word), std::string::npos) << alone.output;
+    EXPECT_NE(alone.output.find("there are no logs of today in " + closed_.string() + ": Permission denied"),
+              std::string::npos)
+        << alone.output;
+    const ToolRun beside = runOutside("'" + closed_.string() + "' " + path());
+    EXPECT_EQ(beside.code, 0);
+    EXPECT_NE(beside.output.find(word), std::string::npos) << beside.output;
+    EXPECT_NE(beside.output.find("C_CreateObject"), std::string::npos) << "the other log is read";
+}
+
+TEST_F(TraceRightsTest, ALogInAFolderThatCannotBeEnteredIsTold)
+{
+    test::writtenFile(closed_ / todaysName(), logLine("10:00:00:000", "DEBUG", "C_Login"));
+    for (const std::string how : {"", "summary ", "--json "}) {
+        const ToolRun run = runOutside(how + "'" + logs_.string() + "'");
+        EXPECT_EQ(run.code, 3);
+        EXPECT_NE(run.output.find(todaysName() + ": it cannot be read: Permission denied"), std::string::npos)
+            << run.output;
+    }
+}
+
+TEST_F(TraceRightsTest, AFileOfAnotherUserInPlaceOfALogIsTold)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    const auto folder = log_.parent_path();
+    EXPECT_EQ(whyUnwritable(log_), "");
+    ASSERT_EQ(chown(folder.c_str(), OTHER, OTHER), 0);
+    EXPECT_EQ(whyUnwritable(log_), "it belongs to another user than its folder");
+    const ToolRun run = runCommand(tool() + " summary " + path());
+    EXPECT_EQ(run.code, 0);
+    EXPECT_NE(run.output.find("1. The log cannot be written\n"), std::string::npos) << run.output;
+    ASSERT_EQ(chown(log_.c_str(), OTHER, OTHER), 0);
+    EXPECT_EQ(whyUnwritable(log_), "");
+}
+
+TEST_F(TraceRightsTest, ACopyAmongThoseOfOthersStandsInNobodysWay)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    ASSERT_EQ(chown(log_.c_str(), OTHER, OTHER), 0);
+    std::filesystem::permissions(log_.parent_path(), std::filesystem::perms::all);
+    EXPECT_EQ(whyUnwritable(log_), "") << "a folder for everybody";
+    const auto kept = folder_ / "signer" / "kept.txt";
+    std::filesystem::copy_file(log_, kept);
+    std::filesystem::permissions(log_.parent_path(), std::filesystem::perms::owner_all);
+    ASSERT_EQ(chown(kept.c_str(), OTHER, OTHER), 0);
+    EXPECT_EQ(whyUnwritable(kept), "") << "no name that the module gives";
+    EXPECT_NE(whyUnwritable(log_), "");
+}
+
+// ---- More logs, and more days ----
 
 TEST_F(TraceToolTest, TellsWhereAnotherDayBegins)
 {
