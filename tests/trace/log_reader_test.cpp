@@ -221,34 +221,6 @@ std::string soundLog()
     return log.substr(0, 60'000);
 }
 
-std::string damaged(std::string log, std::mt19937& random)
-{
-    const auto below = [&](std::size_t limit) {
-        return static_cast<std::size_t>(random()) % std::max<std::size_t>(limit, 1);
-    };
-    for (std::size_t change = below(30) + 1; change > 0 && !log.empty(); --change) {
-        const std::size_t place = below(log.size());
-        const std::size_t length = below(200);
-        switch (below(5)) {
-        case 0:
-            log[place] = static_cast<char>(below(256));
-            break;
-        case 1:
-            log.erase(place, length);
-            break;
-        case 2:
-            log.insert(place, log.substr(below(log.size()), length));
-            break;
-        case 3:
-            log.insert(place, std::string(length, static_cast<char>(below(256))));
-            break;
-        default:
-            log.resize(log.size() - below(log.size() / 4));
-        }
-    }
-    return log;
-}
-
 TEST(TraceReaderTest, DamagedLogsDoNoHarm)
 {
     const std::string sound = soundLog();
@@ -256,7 +228,7 @@ TEST(TraceReaderTest, DamagedLogsDoNoHarm)
     std::mt19937 random(20'261'115); // NOLINT(cert-msc51-cpp): every run is to meet the same logs.
     for (int round = 0; round < DAMAGED_LOGS; ++round) {
         const std::size_t start = static_cast<std::size_t>(random()) % (sound.size() - 3000);
-        const auto path = writtenFile(folder / "a.LOG", damaged(sound.substr(start, 3000), random));
+        const auto path = writtenFile(folder / "a.LOG", test::damaged(sound.substr(start, 3000), random));
         MergedCalls merged({path});
         Summary summary;
         for (Call call; merged.next(call);) {

@@ -1,4 +1,5 @@
 // The program itself: its options, its exit codes, its page in a browser, and what it follows.
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -6,6 +7,7 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -285,6 +287,64 @@ TEST_F(TraceRightsTest, ACopyAmongThoseOfOthersStandsInNobodysWay)
     ASSERT_EQ(chown(kept.c_str(), OTHER, OTHER), 0);
     EXPECT_EQ(whyUnwritable(kept), "") << "no name that the module gives";
     EXPECT_NE(whyUnwritable(log_), "");
+}
+
+// ---- Damaged logs ----
+
+std::vector<std::string> recordedLogs()
+{
+    std::vector<std::string> logs;
+    for (const auto& file :
+         std::filesystem::recursive_directory_iterator(std::filesystem::path(SOURCES) / "tests/trace/recorded")) {
+        if (file.is_regular_file())
+            logs.push_back(readWhole(file.path()));
+    }
+    std::ranges::sort(logs); // As they are found, every machine would damage them in its own way.
+    return logs;
+}
+
+/// As many logs as one run of the program is to read, made from the recorded ones; their paths.
+std::string damagedLogs(const std::filesystem::path& folder, std::mt19937& random)
+{
+    static const std::vector<std::string> RECORDED = recordedLogs();
+    constexpr int LOGS_OF_RUN = 100;
+    constexpr std::size_t PART = 4000;
+    std::string paths;
+    for (int each = 0; each < LOGS_OF_RUN; ++each) {
+        const std::string& log = RECORDED[random() % RECORDED.size()];
+        const std::string part = log.substr(log.size() > PART ? random() % (log.size() - PART) : 0, PART);
+        const auto path = folder / ("signer" + std::to_string(each)) / "2026-11-22.LOG";
+        paths += " '" + test::writtenFile(path, test::damaged(part, random)).string() + "'";
+    }
+    return paths;
+}
+
+TEST_F(TraceToolTest, DamagedLogsOfRealHostsAreShownInEveryWay)
+{
+    const std::string page = "--html '" + (folder_ / "page.html").string() + "'";
+    const std::vector<std::string> ways = {"", "--json", "summary", "summary --json", "--errors --redact", page};
+    std::mt19937 random(20'261'122); // NOLINT(cert-msc51-cpp): every run is to meet the same logs.
+    for (int run = 0; run < DAMAGED_LOGS / 100; ++run) {
+        const std::string logs = damagedLogs(folder_ / "damaged", random);
+        for (const std::string& way : ways) {
+            const auto shown = folder_ / "shown";
+            ASSERT_EQ(runTool(way + logs + " >'" + shown.string() + "'").code, 0)
+                << run << " " << way << ": " << readWhole(shown);
+        }
+    }
+}
+
+TEST_F(TraceToolTest, QuestionsOfAllKindsAreAnswered)
+{
+    std::mt19937 random(20'261'123); // NOLINT(cert-msc51-cpp)
+    const std::vector<std::string> logs = recordedLogs();
+    for (int question = 0; question < DAMAGED_LOGS / 30; ++question) {
+        std::string line = logs[random() % logs.size()];
+        line = line.substr(random() % line.size(), random() % 100);
+        std::erase_if(line, [](char each) { return each == '\'' || each == '\0'; });
+        const ToolRun run = runTool("explain -- '" + line + "'");
+        EXPECT_TRUE(run.code == 0 || run.code == 3) << line << ": " << run.output;
+    }
 }
 
 // ---- More logs, and more days ----

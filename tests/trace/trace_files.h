@@ -1,8 +1,10 @@
 // Logs that tests write themselves, and what is read of them.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -67,6 +69,35 @@ inline std::vector<Call> callsOfLogs(const std::vector<std::filesystem::path>& l
 inline std::vector<Call> callsOf(const std::vector<std::string>& lines)
 {
     return callsOfLogs({writtenFile(freshFolder() / "host" / "2026-11-15.LOG", logOf(lines))});
+}
+
+/// A log with some bytes changed, left out, doubled or put in, or without its end.
+inline std::string damaged(std::string log, std::mt19937& random)
+{
+    const auto below = [&](std::size_t limit) {
+        return static_cast<std::size_t>(random()) % std::max<std::size_t>(limit, 1);
+    };
+    for (std::size_t change = below(30) + 1; change > 0 && !log.empty(); --change) {
+        const std::size_t place = below(log.size());
+        const std::size_t length = below(200);
+        switch (below(5)) {
+        case 0:
+            log[place] = static_cast<char>(below(256));
+            break;
+        case 1:
+            log.erase(place, length);
+            break;
+        case 2:
+            log.insert(place, log.substr(below(log.size()), length));
+            break;
+        case 3:
+            log.insert(place, std::string(length, static_cast<char>(below(256))));
+            break;
+        default:
+            log.resize(log.size() - below(log.size() / 4));
+        }
+    }
+    return log;
 }
 
 } // namespace velkor::trace::test
