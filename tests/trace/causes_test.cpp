@@ -1,5 +1,7 @@
 // Causes that a summary names, by lines alone.
 #include <map>
+#include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -180,6 +182,59 @@ TEST(TraceRecordedHostTest, TheLogOfARealHostIsReadWhole)
     EXPECT_EQ(summary.causes().front().title, "Wrong PIN");
     EXPECT_EQ(summary.json()["programs"]["pkcs11-tool"]["loginsAccepted"], 2);
 }
+
+/// What a host did that had nothing to complain of.
+struct ContentHost {
+    const char* name;
+    std::uint64_t calls;
+    std::uint64_t logins;
+    std::uint64_t signatures;
+    std::set<CK_RV> refusals;
+};
+
+void PrintTo(const ContentHost& host, std::ostream* stream)
+{
+    *stream << host.name;
+}
+
+class TraceContentHostTest : public testing::TestWithParam<ContentHost>
+{
+};
+
+TEST_P(TraceContentHostTest, EachOfItsCallsIsUnderstood)
+{
+    const ContentHost& host = GetParam();
+    MergedCalls merged({std::filesystem::path(SOURCES) / "tests/trace/recorded" / host.name / "2026-11-22.LOG"});
+    Summary summary;
+    std::set<CK_RV> refusals;
+    for (Call call; merged.next(call);) {
+        for (const CallLine& line : call.lines)
+            EXPECT_TRUE(line.row != nullptr || isFunction(line.text)) << line.number << ": " << line.text;
+        EXPECT_FALSE(call.isMixed) << call.lines.front().number << ": " << call.function;
+        if (call.outcome != Outcome::NoRefusalSeen)
+            refusals.insert(call.code);
+        summary.add(call);
+    }
+    EXPECT_EQ(notesInWords(*merged.sources().front()), Lines{});
+    EXPECT_EQ(refusals, host.refusals);
+    EXPECT_TRUE(summary.causes().empty()) << summary.causes().front().title;
+    const nlohmann::json all = summary.json();
+    EXPECT_EQ(all["programs"][host.name]["calls"], host.calls);
+    EXPECT_EQ(all["programs"][host.name]["loginsAccepted"], host.logins);
+    EXPECT_EQ(all["functions"].value("C_Sign", nlohmann::json{{"calls", 0}})["calls"], host.signatures);
+}
+
+INSTANTIATE_TEST_SUITE_P(Recorded, TraceContentHostTest,
+                         testing::Values(ContentHost{"certutil", 122, 2, 0, {CKR_FUNCTION_NOT_SUPPORTED}},
+                                         ContentHost{"keytool", 68, 1, 0, {}},
+                                         ContentHost{"modutil", 49, 0, 0, {CKR_FUNCTION_NOT_SUPPORTED}},
+                                         ContentHost{"openssl", 105, 3, 3, {}}, ContentHost{"p11tool", 323, 2, 2, {}},
+                                         ContentHost{"ssh-keygen", 27, 0, 0, {}}),
+                         [](const auto& each) {
+                             std::string name = each.param.name;
+                             std::erase(name, '-');
+                             return name;
+                         });
 
 TEST(TraceRecordedHostTest, ALogOfWindowsIsReadWhole)
 {
