@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Records logs of hosts that the tests of velkor-trace read: hosts that list and use a software key with two key pairs and
-# a certificate. Needs the release build, pkcs11-tool, p11tool, ssh-keygen, openssl with its engine for Cryptoki, NSS's
-# modutil and certutil, and keytool; writes into FOLDER and below a temporary one.
+# a certificate. Needs the release build, installs the hosts, and writes into FOLDER and below a temporary one.
 #   scripts/trace-record.sh FOLDER [BUILD]      build/release when none is named
 set -euo pipefail
+"$(dirname "$0")/setup.sh" opensc openssl libengine-pkcs11-openssl gnutls-bin openssh-client libnss3-tools \
+    default-jdk-headless
 mkdir -p "$1"
 into=$(realpath "$1")
 build=$(realpath "${2:-$(dirname "$0")/../build/release}")
