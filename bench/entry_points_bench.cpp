@@ -32,6 +32,8 @@ struct Desk {
     const Host& host;
     CK_SLOT_ID slot = host.slot();
     CK_SESSION_HANDLE session = host.openSession();
+    /// For digests: one that has ended leaves its context behind, and a signature in parts would go on with it.
+    CK_SESSION_HANDLE digestSession = host.openSession();
     CK_OBJECT_HANDLE signer = privateKey(EC_PAIR);
     CK_OBJECT_HANDLE verifier = publicKey(EC_PAIR);
     CK_OBJECT_HANDLE decrypter = privateKey(RSA_PAIR);
@@ -76,9 +78,9 @@ void verifyInParts(Desk& desk)
 void digestInParts(Desk& desk)
 {
     CK_MECHANISM mechanism = of(CKM_SHA256);
-    require(desk.host->C_DigestInit(desk.session, &mechanism), "C_DigestInit");
-    require(desk.host->C_DigestUpdate(desk.session, desk.hash.data(), 32), "C_DigestUpdate");
-    require(desk.host->C_DigestFinal(desk.session, desk.room.data(), desk.whole()), "C_DigestFinal");
+    require(desk.host->C_DigestInit(desk.digestSession, &mechanism), "C_DigestInit");
+    require(desk.host->C_DigestUpdate(desk.digestSession, desk.hash.data(), 32), "C_DigestUpdate");
+    require(desk.host->C_DigestFinal(desk.digestSession, desk.room.data(), desk.whole()), "C_DigestFinal");
 }
 
 void openAndCloseSession(Desk& desk)
@@ -215,7 +217,7 @@ const Row ROWS[] = {
     {"C_GetObjectSize", [](Desk& desk) { require(desk.host->C_GetObjectSize(desk.session, desk.signer, &desk.length), "C_GetObjectSize"); }},
     {"C_EncryptInit, C_Encrypt", [](Desk& desk) { desk.host.encrypt(desk.session, desk.encrypter, desk.hash); }},
     {"C_DecryptInit, C_Decrypt", [](Desk& desk) { desk.host.decrypt(desk.session, desk.decrypter, desk.ciphertext); }},
-    {"C_DigestInit, C_Digest", [](Desk& desk) { desk.host.digest(desk.session, desk.hash); }},
+    {"C_DigestInit, C_Digest", [](Desk& desk) { desk.host.digest(desk.digestSession, desk.hash); }},
     {"C_DigestInit, C_DigestUpdate, C_DigestFinal", digestInParts},
     {"C_SignInit, C_Sign", [](Desk& desk) { desk.host.sign(desk.session, CKM_ECDSA, desk.signer, desk.hash); }},
     {"C_SignInit, C_SignUpdate, C_SignFinal", signInParts},
@@ -260,6 +262,7 @@ int main(int argumentCount, char** arguments)
     Desk desk(host);
     for (const Row& row : ROWS) {
         auto* added = benchmark::RegisterBenchmark(row.name, [&desk, call = row.call](benchmark::State& state) {
+            call(desk); // Some make something of their own, once.
             for (auto _ : state)
                 call(desk);
         });
