@@ -1,6 +1,7 @@
 #include "crypto/openssl.h"
 
 #include "base/secret_memory.h"
+#include "crypto/short_hashes.h"
 #include "platform/fork_guard.h"
 
 #include <openssl/provider.h>
@@ -136,9 +137,8 @@ void randomBytes(std::span<unsigned char> out)
 
 ByteVector sha256(Bytes data)
 {
-    const Digest* digest = CryptoContext::get().digestOfSize(32);
-    ByteVector hash(digest->size);
-    require(EVP_Digest(data.data(), data.size(), hash.data(), nullptr, digest->algorithm, nullptr) == 1);
+    ByteVector hash(SHORT_SHA256.size);
+    SHORT_SHA256.compute({data}, hash.data());
     return hash;
 }
 

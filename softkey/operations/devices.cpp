@@ -67,8 +67,8 @@ TokenInfo velkor_getTokenInfo(const char* deviceName, void* libraryInstance)
 int velkor_initDevice(const char* deviceId, bool readContents, void* libraryInstance)
 {
     return answer([&] {
-        const std::shared_ptr<SoftKey> key = pluggedKey(deviceId, libraryInstance);
+        const PluggedKey device = pluggedDevice(deviceId, libraryInstance);
         if (readContents)
-            key->file().reload();
+            device.key->file().reload(*device.seen.contents);
     });
 }

@@ -43,9 +43,14 @@ std::shared_ptr<const Contents> KeyFile::contents()
     return known ? known : readAnew();
 }
 
-void KeyFile::reload()
+bool KeyFile::wasVerifiedAt(std::uint32_t counter) const
 {
-    if (!verified_ || verifiedAt_ != changeCounter(database_))
+    return verified_ && verifiedAt_ == counter;
+}
+
+void KeyFile::reload(const Contents& seen)
+{
+    if (!wasVerifiedAt(seen.changeCounter))
         verifyNow();
 }
 
@@ -66,12 +71,16 @@ std::int64_t KeyFile::lookForDamage()
 {
     const ForkSafeSection section;
     const std::lock_guard reading(readingMutex_);
+    if (wasVerifiedAt(changeCounter(database_)))
+        return SCHEMA_VERSION; // Another thread was faster: a module's monitor comes by with the first slot list.
     Snapshot snapshot(database_, path_);
     requireSoundStructure(snapshot.database());
     const std::int64_t layout = layoutOf(snapshot.database());
     if (layout == SCHEMA_VERSION)
         keep(requireOwnContents(snapshot.database()), snapshot.changeCounter());
     verifiedAt_ = snapshot.changeCounter();
+    if (layout == SCHEMA_VERSION)
+        verified_ = true;
     return layout;
 }
 

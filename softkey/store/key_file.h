@@ -28,8 +28,8 @@ public:
     std::shared_ptr<const Contents> contents();
     /// What was read last; null before the first reading.
     std::shared_ptr<const Contents> lastContents() const;
-    /// Looks for damage in the file as a whole once more if it has changed since that was last done.
-    void reload();
+    /// Looks for damage in the file as a whole once more if `seen`, what it said just now, is newer than that.
+    void reload(const Contents& seen);
 
     /// While it lives, nobody else changes the file: no other process, and no other thread of this one.
     class Turn
@@ -63,6 +63,7 @@ private:
     std::shared_ptr<const Contents> readAnew();
     void keep(Contents fresh, std::uint32_t counter);
     void verify();
+    bool wasVerifiedAt(std::uint32_t counter) const;
     void verifyNow();
     /// Looks at everything; gives the layout. What a file of the present one says is kept.
     std::int64_t lookForDamage();

@@ -213,7 +213,7 @@ bool lookInside(KeyFile& file, const CheckedPin& checked, Findings& findings)
 bool isSoundWithoutPin(KeyFile& file)
 {
     try {
-        file.reload();
+        file.reload(*file.contents());
         return true;
     } catch (const Refusal& refusal) {
         if (refusal.status() != SoftkeyStatus::FileDamaged)
