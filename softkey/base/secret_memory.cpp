@@ -3,6 +3,7 @@
 #include "platform/secret_pages.h"
 
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -23,9 +24,21 @@ constexpr std::size_t BLOCK_SIZE_MIN = 32;
 constexpr std::size_t BLOCK_SIZE_MAX = SLAB_SIZE / 4;
 constexpr std::size_t BLOCK_SIZES = std::bit_width(BLOCK_SIZE_MAX / BLOCK_SIZE_MIN);
 
+// Free blocks are kept apart for groups of threads: a signature takes some twenty, and two threads that sign would
+// write to the same memory all the time.
+constexpr std::size_t GROUPS = 4;
+constexpr std::size_t CACHE_LINE = 64;
+
 std::size_t blockSizeOf(std::size_t sizeIndex)
 {
     return BLOCK_SIZE_MIN << sizeIndex;
+}
+
+std::size_t groupOfThread()
+{
+    static std::atomic<std::size_t> threads{0};
+    thread_local const std::size_t mine = threads.fetch_add(1) % GROUPS;
+    return mine;
 }
 
 /// What a forked child finds of it is sound: nothing but the blocks themselves, and the links between free ones, is in
@@ -45,9 +58,11 @@ public:
             return nullptr;
         const auto sizeIndex =
             static_cast<std::size_t>(std::bit_width((size < BLOCK_SIZE_MIN ? 0 : size - 1) / BLOCK_SIZE_MIN));
-        const std::lock_guard lock(mutex_);
-        Block*& free = free_[sizeIndex];
-        if (free == nullptr && !addSlab(sizeIndex))
+        const std::size_t number = groupOfThread();
+        Group& group = groups_[number];
+        const std::lock_guard lock(group.mutex);
+        Block*& free = group.free[sizeIndex];
+        if (free == nullptr && !addSlab(number, sizeIndex))
             return nullptr;
         return std::exchange(free, free->next);
     }
@@ -59,47 +74,71 @@ public:
         return address >= begin && address - begin < SLABS * SLAB_SIZE && pages_ != nullptr;
     }
 
-    std::size_t sizeOf(const void* memory) const { return blockSizeOf(sizeIndexOf(memory)); }
+    std::size_t sizeOf(const void* memory) const { return blockSizeOf(slabOf(memory).sizeIndex); }
 
     void giveBack(void* memory)
     {
-        const std::size_t sizeIndex = sizeIndexOf(memory);
-        wipe(memory, blockSizeOf(sizeIndex));
-        const std::lock_guard lock(mutex_);
-        free_[sizeIndex] = new (memory) Block{free_[sizeIndex]};
+        const Slab slab = slabOf(memory);
+        wipe(memory, blockSizeOf(slab.sizeIndex));
+        Group& group = groups_[slab.group];
+        const std::lock_guard lock(group.mutex);
+        group.free[slab.sizeIndex] = new (memory) Block{group.free[slab.sizeIndex]};
     }
 
-    void hold() { mutex_.lock(); }
-    void release() { mutex_.unlock(); }
+    void hold()
+    {
+        for (Group& group : groups_)
+            group.mutex.lock();
+        slabsMutex_.lock();
+    }
+
+    void release()
+    {
+        slabsMutex_.unlock();
+        for (Group& group : groups_)
+            group.mutex.unlock();
+    }
 
 private:
     struct Block {
         Block* next;
     };
 
+    struct alignas(CACHE_LINE) Group {
+        std::mutex mutex; ///< Taken before that of the slabs.
+        std::array<Block*, BLOCK_SIZES> free{};
+    };
+    struct Slab {
+        std::uint8_t group = 0;
+        std::uint8_t sizeIndex = 0;
+    };
+
     SecretMemory() : pages_(reserveSecretPages(SLABS * SLAB_SIZE)) {}
 
-    std::size_t sizeIndexOf(const void* memory) const
+    Slab slabOf(const void* memory) const
     {
-        return sizeIndices_[static_cast<std::size_t>(static_cast<const unsigned char*>(memory) - pages_) / SLAB_SIZE];
+        return slabs_[static_cast<std::size_t>(static_cast<const unsigned char*>(memory) - pages_) / SLAB_SIZE];
     }
 
-    bool addSlab(std::size_t sizeIndex)
+    /// For a group whose lock is held.
+    bool addSlab(std::size_t group, std::size_t sizeIndex)
     {
+        const std::lock_guard lock(slabsMutex_);
         unsigned char* const slab = pages_ + slabsUsed_ * SLAB_SIZE;
         if (slabsUsed_ == SLABS || !openSecretPages(slab, SLAB_SIZE))
             return false;
-        sizeIndices_[slabsUsed_++] = static_cast<std::uint8_t>(sizeIndex);
+        slabs_[slabsUsed_++] = {static_cast<std::uint8_t>(group), static_cast<std::uint8_t>(sizeIndex)};
+        Block*& free = groups_[group].free[sizeIndex];
         for (std::size_t end = SLAB_SIZE; end > 0; end -= blockSizeOf(sizeIndex))
-            free_[sizeIndex] = new (slab + end - blockSizeOf(sizeIndex)) Block{free_[sizeIndex]};
+            free = new (slab + end - blockSizeOf(sizeIndex)) Block{free};
         return true;
     }
 
+    std::array<Group, GROUPS> groups_;
     unsigned char* const pages_;
-    std::mutex mutex_;
+    std::mutex slabsMutex_;
     std::size_t slabsUsed_ = 0;
-    std::array<std::uint8_t, SLABS> sizeIndices_{};
-    std::array<Block*, BLOCK_SIZES> free_{};
+    std::array<Slab, SLABS> slabs_;
 };
 
 /// Stands before what is in no slab, in memory that a forked child keeps.

@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <span>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -99,6 +101,36 @@ const std::vector<std::size_t> SIZES{1, 32, 33, 4096, 16384, 16385, 1 << 20};
 
 INSTANTIATE_TEST_SUITE_P(Sizes, SecretMemoryTest, ::testing::ValuesIn(SIZES),
                          [](const auto& size) { return std::to_string(size.param); });
+
+/// Each thread has a number.
+void inSixThreads(const std::function<void(unsigned char)>& work)
+{
+    std::vector<std::thread> threads;
+    for (unsigned char number = 0; number < 6; ++number)
+        threads.emplace_back(work, number);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST(SecretMemory, ThreadsGiveBackWhatOthersTook)
+{
+    constexpr std::size_t size = 48;
+    std::vector<std::vector<SecretBuffer>> taken(6);
+    for (int round = 0; round < 3; ++round) {
+        inSixThreads([&](unsigned char number) {
+            for (int i = 0; i < 200; ++i) {
+                taken[number].emplace_back(size);
+                std::fill_n(taken[number].back().data(), size, number);
+            }
+        });
+        inSixThreads([&](unsigned char number) {
+            const auto other = static_cast<unsigned char>((number + 1) % taken.size());
+            for (const Bytes seen : taken[other])
+                EXPECT_TRUE(std::ranges::all_of(seen, [other](unsigned char byte) { return byte == other; }));
+            taken[other].clear();
+        });
+    }
+}
 
 TEST(SecretMemory, WhatIsGivenBackIsWiped)
 {
