@@ -34,9 +34,9 @@ std::uint32_t usageOf(const VelkorKeyPair& request)
 }
 
 /// Fills a thread's list with one of a device, or with nothing when the device cannot be read.
-template <class Record>
-std::vector<Record>& answerList(ThreadList<Record> ThreadLists::*list, std::vector<Record> Contents::*records,
-                                const char* deviceId, void* libraryInstance) noexcept
+template <class Record, class Records>
+std::vector<Record>& answerList(ThreadList<Record> ThreadLists::*list, Records Contents::*records, const char* deviceId,
+                                void* libraryInstance) noexcept
 {
     // Never destroyed: hosts call in to the very end. NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): made once.
     static auto* const emptyList = new std::vector<Record>;

@@ -19,12 +19,13 @@ public:
 
     /// Fills the list, unless it still is what that reading of a key's file has filled it with. The list is the
     /// caller's to spoil: one that has grown, shrunk or moved is filled again.
-    void fill(std::uint64_t reading, const std::vector<Record>& source)
+    template <class Records>
+    void fill(std::uint64_t reading, const Records& source)
     {
         if (reading == reading_ && records_.size() == source.size() && records_.data() == filled_)
             return;
         clear();
-        records_ = source;
+        records_.assign(source.begin(), source.end());
         reading_ = reading;
         filled_ = records_.data();
     }

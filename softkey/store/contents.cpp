@@ -79,9 +79,9 @@ void readKeyPair(const Statement& row, VelkorKeyPair& keyPair)
     keyPair.deviceFlag = row.number(7) != 0;
 }
 
-std::vector<VelkorKeyPair> readKeyPairs(Database& database)
+KeyPairTable readKeyPairs(Database& database)
 {
-    std::vector<VelkorKeyPair> keyPairs;
+    KeyPairTable keyPairs;
     keyPairs.reserve(static_cast<std::size_t>(database.number("SELECT count(*) FROM key_pair")));
     Statement row(database, SELECT_KEY_PAIRS);
     while (row.step())

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "crypto/protection.h"
+#include "platform/table_memory.h"
 #include "store/sqlite.h"
 #include "velkor/device_service.h"
 
@@ -42,13 +43,15 @@ struct IdentifierHash {
     std::size_t operator()(const Identifier& identifier) const;
 };
 
+using KeyPairTable = std::vector<VelkorKeyPair, TableAllocator<VelkorKeyPair>>;
+
 struct Contents {
     std::uint32_t changeCounter = 0; ///< Of the snapshot that they were read from.
     std::uint64_t reading = 0;       ///< Tells them from all others that this process has read; 0: from none.
     DeviceRecord device;
     PinRecord userPin;
     PinRecord soPin;
-    std::vector<VelkorKeyPair> keyPairs; ///< In the order of their numbers.
+    KeyPairTable keyPairs; ///< In the order of their numbers.
     std::unordered_map<Identifier, std::size_t, IdentifierHash> keyPairPositions;
     std::vector<VelkorCertificate> certificates; ///< In the order of their numbers.
     ByteVector authenticator; ///< See authenticity.h; empty in a file that no PIN has opened since layout 2.

@@ -57,10 +57,10 @@ const VelkorKeyPair* keyPairOf(const VelkorCertificate& certificate, const Conte
 VelkorCertificate storeCertificate(SoftKey& device, const Pin& pin, ByteVector der, const ObjectRequest& request);
 
 /// The object of a list with that number; throws NoSuchObject.
-template <class Record>
-const Record& numbered(const std::vector<Record>& records, std::uint32_t number)
+template <class Records>
+const typename Records::value_type& numbered(const Records& records, std::uint32_t number)
 {
-    for (const Record& record : records) {
+    for (const auto& record : records) {
         if (record.id == number)
             return record;
     }
