@@ -5,6 +5,8 @@
 #   bench/compare.sh            builds, makes the keys, measures, and prints the table
 #   bench/compare.sh prepare    builds and makes the keys only
 #   bench/compare.sh measure    measures with what is there, and prints the table; ROUNDS=1 for once instead of three times
+#   bench/compare.sh document   puts tables, profile and pictures of what was measured into docs/performance.md; installs
+#                               perf and matplotlib from Debian's packages
 #
 # Installs SoftHSM2 from Debian's packages. Writes below build/compare only: the keys stay there, so that a second run
 # is quick; the figures are in *.json. To be run on a machine that does nothing else.
@@ -72,6 +74,7 @@ measure() {
 
 measure_all() {
     local size round
+    rm -f "$folder"/*.json
     for round in $(seq "${ROUNDS:-3}"); do
         echo "round $round" >&2
         "$program" --benchmark_min_time=0.25 --benchmark_format=json \
@@ -104,6 +107,13 @@ measure)
     measure_all
     bench/table "$folder"
     ;;
+document)
+    scripts/setup.sh linux-perf python3-matplotlib
+    bench/table "$folder" docs/performance.md
+    bench/profile "$program" "$module" "$folder" docs/performance.md
+    mkdir -p docs/performance
+    bench/plot "$folder" docs/performance
+    ;;
 all)
     build
     make_keys
@@ -111,7 +121,7 @@ all)
     bench/table "$folder"
     ;;
 *)
-    echo "usage: bench/compare.sh [prepare | measure]" >&2
+    echo "usage: bench/compare.sh [prepare | measure | document]" >&2
     exit 2
     ;;
 esac

@@ -6,9 +6,14 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -196,6 +201,25 @@ void addDirectWork()
             ->UseRealTime();
 }
 
+/// What the system takes for a look at the log level's file, and for one at a key's change counter.
+void addLooks()
+{
+    benchmark::RegisterBenchmark("LookAtFile", [](State& state) {
+        const char* path = std::getenv("VELKOR_CONFIG");
+        struct stat status {
+        };
+        for (auto _ : state)
+            benchmark::DoNotOptimize(stat(path != nullptr ? path : "/etc/brenmoor/velkor.conf", &status));
+    });
+    benchmark::RegisterBenchmark("ReadFourBytes", [](State& state) {
+        const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+        unsigned char bytes[4];
+        for (auto _ : state)
+            bench::require(pread(file, bytes, sizeof bytes, 24) == 4 ? CKR_OK : CKR_DEVICE_ERROR, "pread");
+        close(file);
+    });
+}
+
 int usage()
 {
     std::fprintf(stderr, "usage: compare_bench [--benchmark_...] libcrypto\n"
@@ -211,6 +235,7 @@ int main(int argumentCount, char** arguments)
     benchmark::Initialize(&argumentCount, arguments);
     if (argumentCount == 2 && std::strcmp(arguments[1], "libcrypto") == 0) {
         addDirectWork();
+        addLooks();
         benchmark::RunSpecifiedBenchmarks();
         return 0;
     }
