@@ -178,8 +178,8 @@ void Doctor::checkKey(const std::string& name)
     const fs::path path = folder_ / (name + std::string(KEY_FILE_SUFFIX));
     try {
         const std::shared_ptr<SoftKey> key = keys_.find(name, KeysFolder::Identity::Checked);
-        key->file().reload();
         const std::shared_ptr<const Contents> contents = key->contents();
+        key->file().reload(*contents);
         if (contents->device.plugged) {
             usable_.push_back(name);
             diagnosis_.good(part, "whole and plugged in, labelled \"" + contents->device.label + "\"");
