@@ -36,6 +36,7 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     install(FILES packaging/velkor.conf DESTINATION /etc/brenmoor COMPONENT module)
 endif()
 install(FILES packaging/velkor.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT module)
+install(DIRECTORY packaging/p11-kit/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-pkcs11/examples COMPONENT module)
 install(FILES packaging/velkor-pkcs11.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)
 
 include(packaging/spdx.cmake)
