@@ -82,7 +82,8 @@ void readKeyPair(const Statement& row, VelkorKeyPair& keyPair)
 KeyPairTable readKeyPairs(Database& database)
 {
     KeyPairTable keyPairs;
-    keyPairs.reserve(static_cast<std::size_t>(database.number("SELECT count(*) FROM key_pair")));
+    const auto count = static_cast<std::size_t>(database.number("SELECT count(*) FROM key_pair"));
+    keyPairs.reserve(std::min<std::size_t>(count, OBJECT_NUMBER_LIMIT)); // A damaged file may claim any number.
     Statement row(database, SELECT_KEY_PAIRS);
     while (row.step())
         readKeyPair(row, keyPairs.emplace_back());

@@ -81,13 +81,11 @@ const char* configurationFile()
     return path != nullptr ? path : CONFIGURATION_FILE;
 }
 
-/// Whether the file may still change without its stamp showing it: the clocks of file systems tick coarsely.
-bool isYoung(const struct stat& status)
+/// Whether the file could still change at that time without its stamp showing it: the clocks of file systems tick coarsely.
+bool isYoung(const struct stat& status, const timespec& time)
 {
     constexpr std::time_t SETTLED_AFTER = 2;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return now.tv_sec - status.st_ctim.tv_sec <= SETTLED_AFTER;
+    return time.tv_sec - status.st_ctim.tv_sec <= SETTLED_AFTER;
 }
 
 /// What tells one state of a file from another.
@@ -109,7 +107,7 @@ FileStamp stampOf(const struct stat& status)
 /// What was read of the configuration in one state of its file. Of trivial types only: lines are also written while a
 /// thread or the process ends.
 struct KnownLevel {
-    FileStamp stamp;
+    FileStamp stamp;      ///< Of no file while the next line has to read again.
     std::size_t size = 0; ///< Bytes of `data`; 0: there is no such value.
     std::array<char, 32> data{};
 };
@@ -117,14 +115,21 @@ struct KnownLevel {
 KnownLevel readConfiguredLevel()
 {
     KnownLevel level;
+    timespec before{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &before);
     const int file = open(configurationFile(), O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return level;
+    struct stat status {
+    };
+    const bool hasStamp = fstat(file, &status) == 0;
     std::array<char, CONFIGURATION_CAPACITY> text{};
     const ssize_t length = read(file, text.data(), text.size());
     close(file);
-    if (length <= 0)
+    if (length < 0)
         return level;
+    if (hasStamp && !isYoung(status, before)) // As it was before the contents were read.
+        level.stamp = stampOf(status);
     const auto data = configuredValue({text.data(), static_cast<std::size_t>(length)}, "logLevel");
     if (data && data->size() <= level.data.size()) {
         level.size = data->size();
@@ -177,12 +182,8 @@ bool readLogLevel(std::span<char> value)
     };
     if (stat(configurationFile(), &status) != 0)
         return false;
-    const FileStamp stamp = stampOf(status);
-    if (known.stamp != stamp) {
+    if (known.stamp != stampOf(status))
         known = readConfiguredLevel();
-        if (!isYoung(status))
-            known.stamp = stamp;
-    }
     if (known.size == 0 || known.size > value.size())
         return false;
     std::copy_n(known.data.begin(), known.size, value.begin());

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "test_system.h"
@@ -177,6 +178,54 @@ TEST_F(LogLevelFileTest, AFileMadeUnreadableIsSeen)
         GTEST_SKIP() << "other users cannot reach the build folder";
     EXPECT_EQ(before, 3);
     EXPECT_EQ(after, std::nullopt);
+}
+
+TEST_F(LogLevelFileTest, AFileThatCouldNotBeOpenedForAMomentIsReadByTheNextLine)
+{
+    write("logLevel = 3\n");
+    letTimePass();
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none = {0, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::optional<int> without = level();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(without, std::nullopt);
+    EXPECT_EQ(level(), 3);
+}
+
+TEST_F(LogLevelFileTest, AFileIsTrustedThreeSecondsAfterItsChangeAndNotBefore)
+{
+    write("logLevel = 3\n");
+    clockOffset = 1;
+    EXPECT_EQ(level(), 3);
+    EXPECT_EQ(level(), 3);
+    EXPECT_EQ(timesOpened, 2);
+    clockOffset = 5;
+    EXPECT_EQ(level(), 3);
+    EXPECT_EQ(level(), 3);
+    EXPECT_EQ(timesOpened, 3);
+}
+
+TEST_F(LogLevelFileTest, FilesRenamedOverItWithinOneTickAreSeen)
+{
+    for (int round = 0; round < 50; ++round) {
+        const int wanted = round % 2 + 2;
+        std::ofstream(folder_ / "next") << "logLevel = " << wanted << "\n";
+        std::filesystem::rename(folder_ / "next", file_);
+        EXPECT_EQ(level(), wanted) << round;
+    }
+}
+
+TEST_F(LogLevelFileTest, AnEditWhoseTimeIsPutBackIsSeen)
+{
+    write("logLevel = 3\n");
+    const auto time = std::filesystem::last_write_time(file_);
+    letTimePass();
+    EXPECT_EQ(level(), 3);
+    write("logLevel = 2\n");
+    std::filesystem::last_write_time(file_, time);
+    EXPECT_EQ(level(), 2);
 }
 
 TEST_F(LogLevelFileTest, AnotherFileNamedByTheEnvironmentIsSeen)

@@ -15,7 +15,7 @@ prepare() {
 enters_module() {
     modutil -dbdir sql:nss -add Velkor -libfile "$module" -force </dev/null
     modutil -dbdir sql:nss -list Velkor </dev/null | tee module.txt
-    grep -q "Token Name: Client key$" module.txt
+    grep -q "Token Name: Client key *$" module.txt
 }
 signs_message() {
     cms -S -N "Client key:nmail" -i text -o signed
@@ -23,7 +23,8 @@ signs_message() {
     cmp plain text
 }
 decrypts_message() {
-    cms -E -r "Client key:nmail" -i text -o encrypted
+    nss -L -n "Client key:nmail" -a >mail.pem
+    openssl cms -encrypt -binary -aes-256-cbc -outform DER -in text -out encrypted mail.pem
     cms -D -i encrypted -o decrypted
     cmp decrypted text
 }
@@ -40,12 +41,12 @@ check "modutil -add, -list" enters_module
 check "certutil -G" nss -G -z noise -k rsa -g 2048
 check "certutil -S, RSA" nss -S -z noise -k rsa -g 2048 -n nrsa -s CN=nrsa -t ",," -x -m 1
 check "certutil -S -k ec" nss -S -z noise -k ec -q nistp256 -n nec -s CN=nec -t ",," -x -m 2
-check "certutil -S, for mail" nss -S -z noise -k rsa -g 2048 -n nmail -s CN=nmail -t ",," -x -m 3 -7 nmail@example.org
+check "certutil -S, for mail" nss -S -z noise -k rsa -g 2048 -n nmail -s CN=nmail -t ",P," -x -m 3 -7 nmail@example.org
 check "certutil -A" nss -A -n nadd -t ",," -i cert.pem
 check "certutil -L" lists_certificate
 check "certutil -K" lists_key
 check "cmsutil -S" signs_message
-check "cmsutil -E, -D" decrypts_message
+check "cmsutil -D" decrypts_message
 check "certutil -D" nss -D -n "Client key:nadd"
 check "certutil -F" nss -F -n "Client key:nec"
 check "modutil -delete" leaves

@@ -96,7 +96,8 @@ refuse_pin() {
 }
 delete_pair() {
     login --delete-object --type privkey --id 02
-    [ -z "$(login --list-objects --type privkey --id 02)" ]
+    login --list-objects --type privkey >left.txt
+    if grep "ID: *02" left.txt; then return 1; fi
 }
 no_errors() { login --test | grep "No errors"; }
 

@@ -23,7 +23,7 @@ adds_on_fresh_machine() {
 }
 signs_file() {
     add_with 1234
-    grep rsa keys >id.pub
+    grep rsa listed >id.pub
     ssh-add -T id.pub
     rm -f text.sig
     ssh-keygen -Y sign -f id.pub -n file text
@@ -31,9 +31,9 @@ signs_file() {
     ssh-keygen -Y verify -f signers -I me -n file -s text.sig <text
 }
 lists_keys() {
-    ssh-keygen -D "$module" >keys
-    cat keys
-    [ "$(grep -c -e '^ssh-rsa ' -e '^ecdsa-sha2-nistp256 ' keys)" -eq 2 ]
+    ssh-keygen -D "$module" >listed
+    cat listed
+    [ "$(grep -c -e '^ssh-rsa ' -e '^ecdsa-sha2-nistp256 ' listed)" -eq 2 ]
 }
 logs_in() { # logs_in SSH-OPTION...
     [ "$(timeout 30 ssh -F ssh.conf "$@" server.example echo in)" = in ]
@@ -48,13 +48,13 @@ logs_in_by_agent() {
 }
 logs_in_by_certificate() { # Where no key by itself is let in.
     : >authorized
-    grep ecdsa keys >ec.pub
+    grep ecdsa listed >ec.pub
     ssh-keygen -q -s user_ca -I token -n "$(id -un)" -V +1h ec.pub
     logs_in -I "$module" -o CertificateFile="$folder/ec-cert.pub"
 }
 issues_certificate() { # With the token's key as the CA.
     ssh-keygen -q -t ed25519 -N "" -f user
-    grep rsa keys >token_ca.pub
+    grep rsa listed >token_ca.pub
     ssh-keygen -q -s token_ca.pub -D "$module" -I user -n "$(id -un)" -V +1h user.pub
     ssh-keygen -L -f user-cert.pub | tee issued
     grep -q "Signing CA: RSA $(ssh-keygen -l -f token_ca.pub | cut -d ' ' -f 2)" issued
@@ -69,7 +69,7 @@ check "ssh-keygen -D" lists_keys
 check "ssh-agent gets a wrong PIN and lives" with_agent wrong_pin
 check "ssh-agent signs" with_agent signs_file
 ssh-keygen -q -t ed25519 -N "" -f user_ca
-grep rsa keys >authorized || true
+grep rsa listed >authorized || true
 start_sshd "$folder/authorized" >/dev/null
 check "ssh -I logs in" logs_in -I "$module"
 check "ssh -I is given a wrong PIN" logs_in_with_wrong_pin
