@@ -81,7 +81,8 @@ const char* configurationFile()
     return path != nullptr ? path : CONFIGURATION_FILE;
 }
 
-/// Whether the file could still change at that time without its stamp showing it: the clocks of file systems tick coarsely.
+/// Whether the file could still change at that time without its stamp showing it: the clocks of file systems tick
+/// coarsely.
 bool isYoung(const struct stat& status, const timespec& time)
 {
     constexpr std::time_t SETTLED_AFTER = 2;
