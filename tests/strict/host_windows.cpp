@@ -17,20 +17,20 @@ std::filesystem::path programFile()
 void* loadLibrary(const std::string& file, bool /*globally*/)
 {
     // The front finds the module, and the module its device library, wherever the host does not look.
-    const HMODULE library = LoadLibraryA(file.c_str());
-    if (library == nullptr)
+    const HMODULE loaded = LoadLibraryA(file.c_str());
+    if (loaded == nullptr)
         std::fprintf(stderr, "error %lu\n", GetLastError());
-    return reinterpret_cast<void*>(library);
+    return reinterpret_cast<void*>(loaded);
 }
 
-void* symbolOf(void* library, const char* name)
+void* symbolOf(void* loaded, const char* name)
 {
-    return reinterpret_cast<void*>(GetProcAddress(reinterpret_cast<HMODULE>(library), name));
+    return reinterpret_cast<void*>(GetProcAddress(reinterpret_cast<HMODULE>(loaded), name));
 }
 
-bool unloadLibrary(void* library)
+bool unloadLibrary(void* loaded)
 {
-    return FreeLibrary(reinterpret_cast<HMODULE>(library)) != 0;
+    return FreeLibrary(reinterpret_cast<HMODULE>(loaded)) != 0;
 }
 
 Ways waysOfThisSystem()

@@ -8,12 +8,12 @@
 namespace
 {
 
-std::atomic<void (*)(void*)> tell = nullptr;
+std::atomic<void (*)(void*)> teller = nullptr;
 void (*realFree)(void* memory) = nullptr;
 
 void watchedFree(void* memory)
 {
-    tell.load()(memory);
+    teller.load()(memory);
     realFree(memory);
 }
 
@@ -21,7 +21,7 @@ void watchedFree(void* memory)
 
 void watchFree(void (*seen)(void* memory))
 {
-    tell = seen;
+    teller = seen;
     if (realFree != nullptr)
         return;
     void** address = test_system::importedFunction(GetModuleHandleA(nullptr), "free");
