@@ -1,4 +1,4 @@
-// The host on POSIX systems: how it loads the loaded, and the ways to end that only they have.
+// The host on POSIX systems: how it loads the library, and the ways to end that only they have.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -55,7 +55,7 @@ void forkTwice()
     });
 }
 
-/// Another program takes the place of this one, with whatever threads are in the loaded, and does its own work with
+/// Another program takes the place of this one, with whatever threads are in the library, and does its own work with
 /// it.
 void execute()
 {
@@ -64,7 +64,7 @@ void execute()
     REQUIRE(false);
 }
 
-/// As a worker that has become another user than the server that loaded the loaded: the log is elsewhere from then on.
+/// As a worker that has become another user than the server that loaded the library: the log is elsewhere from then on.
 void moveLogAfterLoading()
 {
     load();
