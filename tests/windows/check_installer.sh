@@ -27,6 +27,8 @@ fail() {
 
 # One that a run has left which was interrupted.
 ! is_registered || system_program msiexec /qn /x "$product"
+# A test of the default folders leaves an empty one.
+rmdir "$installed" 2>/dev/null || true
 [ ! -e "$installed" ] || fail "$installed is there already"
 
 system_program msiexec /qn /i "Z:${msi//\//\\}"
