@@ -17,9 +17,9 @@ rm -rf "$build/installed"
 cmake --install "$build"
 
 cd "$build/installed"
-diff --unified=0 - <(find . -name '*.so*' | LC_ALL=C sort) <<END
-./lib/velkor/velkor-pkcs11-packed.so
-./lib/velkor/velkor-pkcs11-strict.so
-./lib/velkor/velkor-pkcs11.so
+diff --unified=0 - <(find lib -name '*.so*' | LC_ALL=C sort) <<END
+lib/velkor/velkor-pkcs11-packed.so
+lib/velkor/velkor-pkcs11-strict.so
+lib/velkor/velkor-pkcs11.so
 END
 LD_LIBRARY_PATH=$device "$host" "$PWD/lib/velkor/velkor-pkcs11.so" exit
