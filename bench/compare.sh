@@ -87,8 +87,8 @@ measure_all() {
     done
     rm -rf "$folder/velkor-entry-points" # A key of its own, since its PIN is changed there and back.
     cp -r "$folder/velkor-2" "$folder/velkor-entry-points"
-    VELKOR_SOFTKEY_HOME=$folder/velkor-entry-points "$build/bin/entry_points_bench" --benchmark_format=json --benchmark_out="$folder/entry-points-softkey.json" \
-        "$module" $pin >/dev/null
+    VELKOR_SOFTKEY_HOME=$folder/velkor-entry-points "$build/bin/entry_points_bench" --benchmark_format=json \
+        --benchmark_out="$folder/entry-points-softkey.json" "$module" $pin >/dev/null
     "$build/bin/entry_points_bench_instant" --benchmark_format=json \
         --benchmark_out="$folder/entry-points-instant.json" "$module" $pin >/dev/null
 }

@@ -47,8 +47,7 @@ def faulty(folder, call, what, report, calls="changes"):
 def run(command, surroundings):
     """Exit code, negative for a signal, and what was printed: labels of a spoilt file may hold any bytes."""
     with subprocess.Popen([str(part) for part in command], env=surroundings, text=True, errors="backslashreplace",
-                          stdin=subprocess.DEVNULL,
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
         try:
             out, error = process.communicate(timeout=LIMIT)
         except subprocess.TimeoutExpired as expired:
