@@ -37,7 +37,7 @@ std::size_t blockSizeOf(std::size_t sizeIndex)
 
 std::size_t groupOfThread()
 {
-    // By its name, not thread_local: under Windows on ARM64 libcrypto is called where there is no such storage.
+    // By its name: a thread_local variable crashed here in the emulated Windows on ARM64.
     return std::hash<std::thread::id>()(std::this_thread::get_id()) % GROUPS;
 }
 
