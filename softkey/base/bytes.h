@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string_view>
 #include <vector>
 
 namespace softkey
@@ -11,6 +12,12 @@ namespace softkey
 
 using Bytes = std::span<const unsigned char>;
 using ByteVector = std::vector<unsigned char>;
+
+/// The characters of a text, which has to outlive them.
+inline Bytes bytesOf(std::string_view text)
+{
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
 
 /// The number that four bytes make, the most significant first.
 inline std::uint32_t bigEndian(Bytes bytes)

@@ -66,7 +66,7 @@ SecretBuffer keyedCode(Bytes key, Bytes message)
 
 SecretBuffer keyedCode(Bytes key, std::string_view message)
 {
-    return keyedCode(key, Bytes(reinterpret_cast<const unsigned char*>(message.data()), message.size()));
+    return keyedCode(key, bytesOf(message));
 }
 
 ByteVector seal(Bytes key, Bytes plaintext, Bytes identity)

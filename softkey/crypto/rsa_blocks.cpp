@@ -98,7 +98,7 @@ OpenedBlock openOaep(Bytes block, const OaepKind& kind)
 /// As many bytes as are asked for that a key, a purpose and their number decide.
 SecretBuffer rejectionText(const HmacSha256& key, std::string_view purpose, std::size_t size)
 {
-    const Bytes purposeBytes(reinterpret_cast<const unsigned char*>(purpose.data()), purpose.size());
+    const Bytes purposeBytes = bytesOf(purpose);
     const std::size_t bits = size * 8;
     const std::array<unsigned char, 2> behind{static_cast<unsigned char>(bits >> 8), static_cast<unsigned char>(bits)};
     // Room for the whole of the last block.

@@ -19,10 +19,7 @@ public:
         text_.insert(text_.end(), bytes.begin(), bytes.end());
         return *this;
     }
-    Writing& field(std::string_view text)
-    {
-        return field(Bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
-    }
+    Writing& field(std::string_view text) { return field(bytesOf(text)); }
     Writing& number(std::uint64_t value)
     {
         for (int shift = 56; shift >= 0; shift -= 8)

@@ -15,11 +15,6 @@ namespace
 using velkor::objectIdOf;
 using velkor::publicKeyOf;
 
-Bytes bytesOf(std::string_view text)
-{
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
-
 /// What a sealed private key belongs to: this file, this record, this public key.
 ByteVector privateKeyIdentity(const VelkorKeyPair& record, std::string_view serialNumber)
 {

@@ -6,16 +6,6 @@
 
 namespace softkey
 {
-namespace
-{
-
-Bytes bytesOf(std::string_view text)
-{
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
-
-} // namespace
-
 RefusedPins& RefusedPins::ofProcess()
 {
     static auto* const refused = new PerProcess<RefusedPins>;

@@ -37,7 +37,7 @@ Unlocked::Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord&
 
 ByteVector Unlocked::digest(std::string_view pin) const
 {
-    return digest_.of({Bytes(reinterpret_cast<const unsigned char*>(pin.data()), pin.size())});
+    return digest_.of({bytesOf(pin)});
 }
 
 bool Unlocked::belongsTo(const Contents& contents) const

@@ -44,7 +44,7 @@ public:
             bytes_.push_back(static_cast<unsigned char>(field.size() >> shift));
         bytes_.insert(bytes_.end(), field.begin(), field.end());
     }
-    void add(std::string_view text) { add(Bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size())); }
+    void add(std::string_view text) { add(bytesOf(text)); }
     /// Of a number without leading zeros, whose highest bit must not look like a sign.
     void addNumber(Bytes magnitude)
     {
