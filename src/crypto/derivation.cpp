@@ -24,8 +24,8 @@ namespace velkor
 namespace
 {
 
-constexpr HashFailureTexts HASH_FAILURES = {"C_DeriveKey: initHash failed ", "C_DeriveKey: updateHash failed ",
-                                            "C_DeriveKey: finalHash failed "};
+constexpr HashFailureTexts KDF_HASH_FAILURES = {"C_DeriveKey: initHash failed ", "C_DeriveKey: updateHash failed ",
+                                                "C_DeriveKey: finalHash failed "};
 
 /// Derivation has its own pair of hash codes, which are not those of `HashAlgorithm`.
 struct KdfRow {
@@ -79,7 +79,7 @@ CK_RV applyKdf(const SessionRecord& session, CK_EC_KDF_TYPE kdf, SecretBytes& va
         return CKR_OK;
     SecretBytes hash;
     const CK_RV result =
-        hashData(session, row->hash, value.data(), static_cast<CK_ULONG>(value.size()), HASH_FAILURES, hash);
+        hashData(session, row->hash, value.data(), static_cast<CK_ULONG>(value.size()), KDF_HASH_FAILURES, hash);
     if (result != CKR_OK)
         return result;
     cut(hash, row->size);

@@ -23,9 +23,9 @@ namespace velkor
 namespace
 {
 
-constexpr HashFailureTexts HASH_FAILURES = {"init hash failed ", "update hash failed ", "final hash failed "};
-constexpr HashFailureTexts PART_FAILURES = {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ",
-                                            nullptr};
+constexpr HashFailureTexts SIGN_HASH_FAILURES = {"init hash failed ", "update hash failed ", "final hash failed "};
+constexpr HashFailureTexts SIGN_PART_FAILURES = {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ",
+                                                 nullptr};
 
 constexpr unsigned char SHA1_IDENTIFIER[] = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
 constexpr unsigned char MD5_IDENTIFIER[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05};
@@ -123,7 +123,7 @@ CK_RV hashAndSign(SessionRecord& session, const MechanismRow& row, const CK_BYTE
         if (result != CKR_OK)
             return result;
     } else {
-        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, HASH_FAILURES, hash);
+        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, SIGN_HASH_FAILURES, hash);
         if (result != CKR_OK)
             return result;
         input = hash;
@@ -198,7 +198,7 @@ CK_RV signUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPartLe
         return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
     const MechanismRow* row = findSignatureMechanism(session.mechanism);
     if (row->family == SignatureFamily::Hash)
-        return endIfFailed(session, [&] { return hashPart(session, row->hash, pPart, ulPartLen, PART_FAILURES); });
+        return endIfFailed(session, [&] { return hashPart(session, row->hash, pPart, ulPartLen, SIGN_PART_FAILURES); });
     session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
     return CKR_OK;
 }

@@ -19,10 +19,10 @@ namespace velkor
 namespace
 {
 
-constexpr HashFailureTexts HASH_FAILURES = {
+constexpr HashFailureTexts VERIFY_HASH_FAILURES = {
     "C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="};
-constexpr HashFailureTexts PART_FAILURES = {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ",
-                                            nullptr};
+constexpr HashFailureTexts VERIFY_PART_FAILURES = {"C_VerifyUpdate: initHash failed ",
+                                                   "C_VerifyUpdate: updateHash failed ", nullptr};
 
 bool isBareModulus(const VelkorKeyPair& keyPair)
 {
@@ -45,7 +45,7 @@ CK_RV verifyData(const SessionRecord& session, const MechanismRow& row, const CK
     Bytes input(pData, ulDataLen);
     SecretBytes hash;
     if (row.family == SignatureFamily::Hash) {
-        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, HASH_FAILURES, hash);
+        const CK_RV result = hashData(session, row.hash, pData, ulDataLen, VERIFY_HASH_FAILURES, hash);
         if (result != CKR_OK)
             return result;
         input = hash;
@@ -128,7 +128,8 @@ CK_RV verifyUpdate(SessionRecord& session, const CK_BYTE* pPart, CK_ULONG ulPart
         session.hashBuffer.insert(session.hashBuffer.end(), pPart, pPart + ulPartLen);
         return CKR_OK;
     }
-    return endIfFailed(session, [&] { return hashPart(session, hashAlgorithm, pPart, ulPartLen, PART_FAILURES); });
+    return endIfFailed(session,
+                       [&] { return hashPart(session, hashAlgorithm, pPart, ulPartLen, VERIFY_PART_FAILURES); });
 }
 
 CK_RV verifyFinal(SessionRecord& session, const CK_BYTE* pSignature, CK_ULONG ulSignatureLen)

@@ -30,7 +30,7 @@ Bytes integer(CK_ULONG value, OwnedBytes& room)
     return room;
 }
 
-Bytes bytesOf(std::string_view text)
+Bytes bytesOfText(std::string_view text)
 {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
@@ -89,7 +89,7 @@ constexpr AttributeRow ATTRIBUTES[] = {
     {CKA_CLASS,             [](const ObjectView& object, OwnedBytes& room) { return integer(object.objectClass, room); }},
     {CKA_TOKEN,             [](const ObjectView&, OwnedBytes&)             { return boolean(true); }},
     {CKA_PRIVATE,           [](const ObjectView& object, OwnedBytes&)      { return boolean(isPrivate(object)); }},
-    {CKA_LABEL,             [](const ObjectView& object, OwnedBytes&)      { return bytesOf(object.label.text()); }},
+    {CKA_LABEL,             [](const ObjectView& object, OwnedBytes&)      { return bytesOfText(object.label.text()); }},
     {CKA_VALUE,             [](const ObjectView& object, OwnedBytes&)      { return object.value; }},
     {CKA_CERTIFICATE_TYPE,  [](const ObjectView&, OwnedBytes& room)        { return integer(CKC_X_509, room); }},
     {CKA_OBJECT_ID,         [](const ObjectView& object, OwnedBytes& room) { return integer(object.handle, room); }},
