@@ -31,7 +31,7 @@ def commands_by_source(build):
     """The compile commands of the products, without what clang-tidy has no use for, as {source: [entry]}."""
     found = {}
     for entry in json.loads((build / "compile_commands.json").read_text()):
-        if not entry["file"].endswith(".cpp"):
+        if not entry["file"].endswith((".cpp", ".cxx")):
             continue
         arguments = shlex.split(entry["command"])
         if os.path.basename(arguments[0]) == "ccache":
@@ -45,9 +45,18 @@ def commands_by_source(build):
                 del kept[-1]  # -include
             elif argument not in ("-Winvalid-pch", "-fno-keep-inline-dllexport"):
                 kept.append(argument)
-        found.setdefault(entry["file"], []).append(
-            {"directory": entry["directory"], "file": entry["file"], "arguments": kept, "output": output})
+        for source in sources_of(entry["file"]):
+            found.setdefault(source, []).append(
+                {"directory": entry["directory"], "file": source, "output": output,
+                 "arguments": [source if argument == entry["file"] else argument for argument in kept]})
     return found
+
+
+def sources_of(file):
+    """What is compiled as this file: itself, or the sources that a build has put together in it."""
+    if "/Unity/unity_" not in file:
+        return [file]
+    return re.findall(r'#include "(.+)"', pathlib.Path(file).read_text())
 
 
 def headers_by_output(build):
