@@ -170,7 +170,9 @@ int StrictDevice::velkor_signHash(const char* deviceId, const unsigned char* key
                                   int* signatureLength, bool /*flag*/, void* /*libraryInstance*/, bool isPss)
 {
     REQUIRE_PIN(deviceId, pin);
-    ++signing;
+    const int atOnce = ++signing;
+    for (int most = mostSigning; most < atOnce && !mostSigning.compare_exchange_weak(most, atOnce);) {
+    }
     if (const int delay = signingDelayMilliseconds; delay != 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     --signing;

@@ -72,7 +72,8 @@ public:
     /// So many looks at the key pairs find none once a pair has been generated.
     std::atomic<int> blindLooksAfterGeneration = 0;
     std::atomic<int> signingDelayMilliseconds = 0;
-    std::atomic<int> signing = 0; ///< Calls that are at it.
+    std::atomic<int> signing = 0;     ///< Calls that are at it.
+    std::atomic<int> mostSigning = 0; ///< The most that ever were.
 
 private:
     int checkPin(const std::string& device, const std::string& pin, const std::string& right);

@@ -133,14 +133,12 @@ TEST_F(StrictThreadsTest, OperationsWithOneKeyRunSideBySide)
     const CK_SESSION_HANDLE session = userSession();
     privateKey(session, 5);
     device->signingDelayMilliseconds = 100;
-    const auto begin = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread)
         threads.emplace_back([&] { signMany(slots()[0], "pair 5", 0xA5, FIRST_DEVICE, 3); });
     for (std::thread& thread : threads)
         thread.join();
-    // Twelve signatures of 100 ms; each thread's look at its key waits for the others.
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    EXPECT_GT(device->mostSigning, 1);
     EXPECT_EQ(failures, 0);
 }
 
@@ -158,9 +156,9 @@ TEST_F(StrictThreadsTest, NobodyStarves)
                 signMany(slot, "pair 5", 0xA5, FIRST_DEVICE, 5);
         });
     for (int round = 0; round < 10; ++round) {
-        const auto begin = std::chrono::steady_clock::now();
+        const std::size_t signaturesBefore = device->signatures().size();
         value(session, other, CKA_ID);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+        EXPECT_LT(device->signatures().size() - signaturesBefore, 100U);
     }
     isOver = true;
     for (std::thread& thread : threads)
