@@ -4,10 +4,13 @@
 
 #include <array>
 #include <bit>
+#include <bitset>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -41,8 +44,15 @@ std::size_t groupOfThread()
     return std::hash<std::thread::id>()(std::this_thread::get_id()) % GROUPS;
 }
 
+/// Whoever gives memory back twice would hand it to two others, who see each other's secrets.
+[[noreturn]] void endForMemoryNotTaken()
+{
+    std::fputs("velkor-softkey: memory for secrets was given back twice, or never taken\n", stderr);
+    std::abort();
+}
+
 /// What a forked child finds of it is sound: nothing but the blocks themselves, and the links between free ones, is in
-/// pages that are empty there. A list then ends with its first block, and the others of it are lost to the child.
+/// pages that are empty there. A list then ends with its first block; the others are put on it anew when it is empty.
 class SecretMemory
 {
 public:
@@ -62,9 +72,11 @@ public:
         Group& group = groups_[number];
         const std::lock_guard lock(group.mutex);
         Block*& free = group.free[sizeIndex];
-        if (free == nullptr && !addSlab(number, sizeIndex))
+        if (free == nullptr && !addBlocks(number, sizeIndex))
             return nullptr;
-        return std::exchange(free, free->next);
+        Block* const block = std::exchange(free, free->next);
+        slabOf(block).taken->set(numberInSlab(block, sizeIndex));
+        return block;
     }
 
     bool has(const void* memory) const
@@ -78,10 +90,16 @@ public:
 
     void giveBack(void* memory)
     {
-        const Slab slab = slabOf(memory);
+        Slab& slab = slabOf(memory);
+        if (slab.taken == nullptr || offsetInSlab(memory) % blockSizeOf(slab.sizeIndex) != 0)
+            endForMemoryNotTaken();
         wipe(memory, blockSizeOf(slab.sizeIndex));
         Group& group = groups_[slab.group];
+        const std::size_t number = numberInSlab(memory, slab.sizeIndex);
         const std::lock_guard lock(group.mutex);
+        if (!slab.taken->test(number))
+            endForMemoryNotTaken();
+        slab.taken->reset(number);
         group.free[slab.sizeIndex] = new (memory) Block{group.free[slab.sizeIndex]};
     }
 
@@ -108,30 +126,59 @@ private:
         std::mutex mutex; ///< Taken before that of the slabs.
         std::array<Block*, BLOCK_SIZES> free{};
     };
+    /// Which blocks of a slab somebody has. In memory that a forked child keeps, and that no other group writes to.
+    struct alignas(CACHE_LINE) BlockMarks : std::bitset<SLAB_SIZE / BLOCK_SIZE_MIN> {
+    };
     struct Slab {
         std::uint8_t group = 0;
         std::uint8_t sizeIndex = 0;
+        std::unique_ptr<BlockMarks> taken; ///< Guarded by the group's lock. Null as long as nobody uses the slab.
     };
 
     SecretMemory() : pages_(reserveSecretPages(SLABS * SLAB_SIZE)) {}
 
-    Slab slabOf(const void* memory) const
+    std::size_t offset(const void* memory) const
     {
-        return slabs_[static_cast<std::size_t>(static_cast<const unsigned char*>(memory) - pages_) / SLAB_SIZE];
+        return static_cast<std::size_t>(static_cast<const unsigned char*>(memory) - pages_);
     }
+    std::size_t offsetInSlab(const void* memory) const { return offset(memory) % SLAB_SIZE; }
+    std::size_t numberInSlab(const void* memory, std::size_t sizeIndex) const
+    {
+        return offsetInSlab(memory) / blockSizeOf(sizeIndex);
+    }
+    const Slab& slabOf(const void* memory) const { return slabs_[offset(memory) / SLAB_SIZE]; }
+    Slab& slabOf(const void* memory) { return slabs_[offset(memory) / SLAB_SIZE]; }
 
-    /// For a group whose lock is held.
-    bool addSlab(std::size_t group, std::size_t sizeIndex)
+    /// For a group whose lock is held, and whose list of that size is empty.
+    bool addBlocks(std::size_t group, std::size_t sizeIndex)
     {
         const std::lock_guard lock(slabsMutex_);
-        unsigned char* const slab = pages_ + slabsUsed_ * SLAB_SIZE;
-        if (slabsUsed_ == SLABS || !openSecretPages(slab, SLAB_SIZE))
+        for (std::size_t slab = 0; slab < slabsUsed_; ++slab) {
+            if (slabs_[slab].group == group && slabs_[slab].sizeIndex == sizeIndex)
+                listFreeBlocks(slab);
+        }
+        return groups_[group].free[sizeIndex] != nullptr || addSlab(group, sizeIndex);
+    }
+
+    bool addSlab(std::size_t group, std::size_t sizeIndex)
+    {
+        if (slabsUsed_ == SLABS || !openSecretPages(pages_ + slabsUsed_ * SLAB_SIZE, SLAB_SIZE))
             return false;
-        slabs_[slabsUsed_++] = {static_cast<std::uint8_t>(group), static_cast<std::uint8_t>(sizeIndex)};
-        Block*& free = groups_[group].free[sizeIndex];
-        for (std::size_t end = SLAB_SIZE; end > 0; end -= blockSizeOf(sizeIndex))
-            free = new (slab + end - blockSizeOf(sizeIndex)) Block{free};
+        slabs_[slabsUsed_] = {static_cast<std::uint8_t>(group), static_cast<std::uint8_t>(sizeIndex),
+                              std::make_unique<BlockMarks>()};
+        listFreeBlocks(slabsUsed_++);
         return true;
+    }
+
+    void listFreeBlocks(std::size_t number)
+    {
+        const Slab& slab = slabs_[number];
+        const std::size_t blockSize = blockSizeOf(slab.sizeIndex);
+        Block*& free = groups_[slab.group].free[slab.sizeIndex];
+        for (std::size_t block = SLAB_SIZE / blockSize; block-- > 0;) {
+            if (!slab.taken->test(block))
+                free = new (pages_ + number * SLAB_SIZE + block * blockSize) Block{free};
+        }
     }
 
     std::array<Group, GROUPS> groups_;
@@ -141,10 +188,16 @@ private:
     std::array<Slab, SLABS> slabs_;
 };
 
+/// What is in no slab. Numbers that are not found by chance in memory that was given back.
+enum class Kind : std::uint64_t {
+    Ordinary = 0x6f7264696e617279,
+    PagesOfItsOwn = 0x70616765734f776e,
+};
+
 /// Stands before what is in no slab, in memory that a forked child keeps.
 struct alignas(std::max_align_t) Header {
     std::size_t size;
-    bool hasPagesOfItsOwn;
+    Kind kind;
 };
 
 Header* headerOf(const void* memory)
@@ -157,7 +210,7 @@ void* takePagesOfItsOwn(std::size_t size)
 {
     unsigned char* pages = size < SIZE_MAX / 2 ? takeSecretPages(size) : nullptr;
     if (pages != nullptr)
-        new (headerOf(pages)) Header{size, true};
+        new (headerOf(pages)) Header{size, Kind::PagesOfItsOwn};
     return pages;
 }
 
@@ -183,7 +236,7 @@ void* takeOrdinaryMemory(std::size_t size)
     void* whole = size < SIZE_MAX - sizeof(Header) ? std::malloc(sizeof(Header) + size) : nullptr;
     if (whole == nullptr)
         throw std::bad_alloc();
-    return new (whole) Header{size, false} + 1;
+    return new (whole) Header{size, Kind::Ordinary} + 1;
 }
 
 void giveBackMemory(void* memory) noexcept
@@ -193,9 +246,12 @@ void giveBackMemory(void* memory) noexcept
     if (SecretMemory::ofProcess().has(memory))
         return SecretMemory::ofProcess().giveBack(memory);
     Header* header = headerOf(memory);
-    if (header->hasPagesOfItsOwn)
+    if (header->kind == Kind::PagesOfItsOwn)
         return giveBackSecretPages(static_cast<unsigned char*>(memory), header->size);
+    if (header->kind != Kind::Ordinary)
+        endForMemoryNotTaken();
     wipe(memory, header->size);
+    wipe(&header->kind, sizeof header->kind); // No store that a compiler leaves out before the end of the memory.
     std::free(header);
 }
 

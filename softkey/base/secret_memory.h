@@ -13,7 +13,7 @@ void wipe(void* memory, std::size_t size) noexcept;
 void* takeSecretMemory(std::size_t size);
 /// The same from ordinary memory, which is wiped, too.
 void* takeOrdinaryMemory(std::size_t size);
-/// For either kind; null is no memory.
+/// For either kind; null is no memory. What was not taken, or given back already, ends the process.
 void giveBackMemory(void* memory) noexcept;
 /// Bytes that memory of either kind holds, at least what was asked for.
 std::size_t sizeOfMemory(const void* memory) noexcept;

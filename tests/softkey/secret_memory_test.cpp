@@ -146,5 +146,41 @@ TEST(SecretMemory, WhatIsGivenBackIsWiped)
     giveBackMemory(again);
 }
 
+// ---- What is given back twice ----
+
+class SecretMemoryDeathTest : public ::testing::TestWithParam<void* (*)(std::size_t)>
+{
+};
+
+/// What a sanitizer has to say comes first, where it watches the memory.
+constexpr const char* GIVEN_BACK_TWICE = "given back twice|heap-use-after-free";
+
+TEST_P(SecretMemoryDeathTest, GivingBackTwiceEndsTheProcess)
+{
+    void* const memory = GetParam()(48);
+    giveBackMemory(memory);
+    EXPECT_DEATH(giveBackMemory(memory), GIVEN_BACK_TWICE);
+}
+
+TEST_P(SecretMemoryDeathTest, OthersThatWereGivenBackBetweenHideNothing)
+{
+    std::vector<void*> blocks;
+    for (int i = 0; i < 8; ++i)
+        blocks.push_back(GetParam()(48));
+    for (void* block : blocks)
+        giveBackMemory(block);
+    EXPECT_DEATH(giveBackMemory(blocks[3]), GIVEN_BACK_TWICE);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, SecretMemoryDeathTest, ::testing::Values(takeSecretMemory, takeOrdinaryMemory),
+                         [](const auto& kind) { return kind.index == 0 ? "Secret" : "Ordinary"; });
+
+TEST(SecretBlockDeathTest, GivingBackAPartOfABlockEndsTheProcess)
+{
+    void* const memory = takeSecretMemory(64);
+    EXPECT_DEATH(giveBackMemory(static_cast<unsigned char*>(memory) + 16), "never taken");
+    giveBackMemory(memory);
+}
+
 } // namespace
 } // namespace softkey::test
