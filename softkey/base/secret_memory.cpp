@@ -255,9 +255,17 @@ void giveBackMemory(void* memory) noexcept
     std::free(header);
 }
 
-std::size_t sizeOfMemory(const void* memory) noexcept
+void* takeMemoryAnew(void* memory, std::size_t size, bool isForSecrets)
 {
-    return SecretMemory::ofProcess().has(memory) ? SecretMemory::ofProcess().sizeOf(memory) : headerOf(memory)->size;
+    const bool isInSlab = memory != nullptr && SecretMemory::ofProcess().has(memory);
+    const bool wasSecret = isInSlab || (memory != nullptr && headerOf(memory)->kind == Kind::PagesOfItsOwn);
+    void* const fresh = isForSecrets || wasSecret ? takeSecretMemory(size) : takeOrdinaryMemory(size);
+    if (memory == nullptr)
+        return fresh;
+    const std::size_t sizeBefore = isInSlab ? SecretMemory::ofProcess().sizeOf(memory) : headerOf(memory)->size;
+    std::memcpy(fresh, memory, size < sizeBefore ? size : sizeBefore);
+    giveBackMemory(memory);
+    return fresh;
 }
 
 void holdSecretMemory() noexcept

@@ -15,8 +15,9 @@ void* takeSecretMemory(std::size_t size);
 void* takeOrdinaryMemory(std::size_t size);
 /// For either kind; null is no memory. What was not taken, or given back already, ends the process.
 void giveBackMemory(void* memory) noexcept;
-/// Bytes that memory of either kind holds, at least what was asked for.
-std::size_t sizeOfMemory(const void* memory) noexcept;
+/// Memory of another size with what was in that of either kind, which is given back; null is no memory. What was among
+/// secrets stays there, whoever asks for more. Throws bad_alloc, and has given nothing back then.
+void* takeMemoryAnew(void* memory, std::size_t size, bool isForSecrets);
 
 /// Between these two, no other thread takes or gives back secret memory. For forks.
 void holdSecretMemory() noexcept;

@@ -32,29 +32,26 @@ bool isForSecrets(std::string_view file)
     return std::ranges::any_of(FILES, [file](std::string_view each) { return file.ends_with(each); });
 }
 
-void* take(std::size_t size, const char* file, int) noexcept
-{
-    try {
-        const bool isSecret = file != nullptr && isForSecrets(file);
-        return size == 0 ? nullptr : isSecret ? takeSecretMemory(size) : takeOrdinaryMemory(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
 void giveBack(void* memory, const char*, int) noexcept
 {
     giveBackMemory(memory);
 }
 
-void* takeAnew(void* memory, std::size_t size, const char* file, int line) noexcept
+void* takeAnew(void* memory, std::size_t size, const char* file, int) noexcept
 {
-    void* const fresh = take(size, file, line);
-    if (memory != nullptr && fresh != nullptr)
-        std::memcpy(fresh, memory, std::min(size, sizeOfMemory(memory)));
-    if (fresh != nullptr || size == 0)
+    try {
+        if (size != 0)
+            return takeMemoryAnew(memory, size, file != nullptr && isForSecrets(file));
         giveBackMemory(memory);
-    return fresh;
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void* take(std::size_t size, const char* file, int line) noexcept
+{
+    return size != 0 ? takeAnew(nullptr, size, file, line) : nullptr;
 }
 #endif
 

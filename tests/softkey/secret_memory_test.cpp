@@ -146,6 +146,44 @@ TEST(SecretMemory, WhatIsGivenBackIsWiped)
     giveBackMemory(again);
 }
 
+// ---- Memory that is taken anew ----
+
+TEST_P(SecretMemoryTest, WhatGrowsStaysAmongSecretsWhoeverAsks)
+{
+    for (const std::size_t size : {GetParam() / 2 + 1, 2 * GetParam()}) {
+        void* const before = takeSecretMemory(GetParam());
+        std::memset(before, 0x5a, GetParam());
+        void* const after = takeMemoryAnew(before, size, false);
+        const std::span seen(static_cast<const unsigned char*>(after), std::min(size, GetParam()));
+        EXPECT_TRUE(std::ranges::all_of(seen, [](unsigned char byte) { return byte == 0x5a; }));
+        const std::string flags = pageFlagsOf(after);
+        EXPECT_TRUE(has(flags, " wf ") && has(flags, " dd ")) << flags;
+        giveBackMemory(after);
+    }
+}
+
+TEST(SecretMemory, NothingIsLeftWhereItGrew)
+{
+    constexpr std::size_t size = 64;
+    void* const before = takeSecretMemory(size);
+    std::memset(before, 0x5a, size);
+    void* const after = takeMemoryAnew(before, 100 * size, false);
+    const std::span seen(static_cast<const unsigned char*>(before), size); // A block that is free, of pages that stay.
+    EXPECT_TRUE(std::ranges::all_of(seen.subspan(sizeof(void*)), [](unsigned char byte) { return byte == 0; }));
+    giveBackMemory(after);
+}
+
+TEST(SecretMemory, OrdinaryMemoryThatIsTakenAnewMayBecomeSecret)
+{
+    EXPECT_FALSE(has(pageFlagsOf(takeMemoryAnew(nullptr, 48, false)), " wf "));
+    void* const before = takeOrdinaryMemory(48);
+    std::memset(before, 0x5a, 48);
+    void* const after = takeMemoryAnew(before, 96, true);
+    EXPECT_EQ(static_cast<const unsigned char*>(after)[47], 0x5a);
+    EXPECT_TRUE(has(pageFlagsOf(after), " wf "));
+    giveBackMemory(after);
+}
+
 // ---- What is given back twice ----
 
 class SecretMemoryDeathTest : public ::testing::TestWithParam<void* (*)(std::size_t)>
