@@ -110,6 +110,13 @@ public:
         slabsMutex_.lock();
     }
 
+    /// While it is held.
+    void lockPagesAnew()
+    {
+        for (std::size_t slab = 0; slab < slabsUsed_; ++slab)
+            lockSecretPagesInChild(pages_ + slab * SLAB_SIZE, SLAB_SIZE);
+    }
+
     void release()
     {
         slabsMutex_.unlock();
@@ -275,6 +282,12 @@ void holdSecretMemory() noexcept
 
 void releaseSecretMemory() noexcept
 {
+    SecretMemory::ofProcess().release();
+}
+
+void releaseSecretMemoryInChild() noexcept
+{
+    SecretMemory::ofProcess().lockPagesAnew();
     SecretMemory::ofProcess().release();
 }
 

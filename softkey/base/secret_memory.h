@@ -22,5 +22,7 @@ void* takeMemoryAnew(void* memory, std::size_t size, bool isForSecrets);
 /// Between these two, no other thread takes or gives back secret memory. For forks.
 void holdSecretMemory() noexcept;
 void releaseSecretMemory() noexcept;
+/// The same in the child, whose pages are kept from the swap anew.
+void releaseSecretMemoryInChild() noexcept;
 
 } // namespace softkey

@@ -79,7 +79,7 @@ struct ForkGate {
     void openInChild()
     {
         generation.fetch_add(1, std::memory_order_acq_rel);
-        releaseSecretMemory();
+        releaseSecretMemoryInChild();
         for (Counter& counter : counters)
             counter.inside = 0;
         closing = false;

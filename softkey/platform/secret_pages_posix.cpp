@@ -35,6 +35,11 @@ bool openSecretPages(unsigned char* pages, std::size_t size)
     return true;
 }
 
+void lockSecretPagesInChild(unsigned char* pages, std::size_t size)
+{
+    static_cast<void>(mlock2(pages, size, MLOCK_ONFAULT));
+}
+
 unsigned char* takeSecretPages(std::size_t size)
 {
     unsigned char* pages = mapPages(ORDINARY_BEFORE, size);

@@ -48,6 +48,8 @@ bool openSecretPages(unsigned char* pages, std::size_t size)
     return true;
 }
 
+void lockSecretPagesInChild(unsigned char* /*pages*/, std::size_t /*size*/) {}
+
 unsigned char* takeSecretPages(std::size_t size)
 {
     void* memory = VirtualAlloc(nullptr, ORDINARY_BEFORE + size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);

@@ -2,6 +2,7 @@
 #include "base/bytes.h"
 #include "base/secret.h"
 #include "memory_lock.h"
+#include "platform/fork_guard.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <span>
 #include <string>
 #include <sys/wait.h>
@@ -182,6 +184,57 @@ TEST(SecretMemory, OrdinaryMemoryThatIsTakenAnewMayBecomeSecret)
     EXPECT_EQ(static_cast<const unsigned char*>(after)[47], 0x5a);
     EXPECT_TRUE(has(pageFlagsOf(after), " wf "));
     giveBackMemory(after);
+}
+
+// ---- Forked children ----
+
+/// What a forked child finds, to whom the library's locks have been handed over.
+int inForkedChild(const std::function<bool()>& work)
+{
+    {
+        const ForkSafeSection section;
+    } // From here on forks are watched.
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(work() ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+TEST(SecretMemory, AForkedChildsPagesAreLockedAnew)
+{
+    const SecretBuffer parents = filled(48);
+    const auto isLocked = [] {
+        const SecretBuffer own = filled(48);
+        return has(pageFlagsOf(own.data()), " lo ") || !mayLock(1 << 20);
+    };
+    EXPECT_EQ(inForkedChild(isLocked), 0);
+    EXPECT_EQ(inForkedChild([&] { return inForkedChild(isLocked) == 0; }), 0) << "in a child's child";
+}
+
+TEST(SecretMemory, AForkedChildFindsTheBlocksThatWereFree)
+{
+    constexpr std::size_t size = 4096;
+    constexpr std::size_t BLOCKS_OF_SLAB = 16;
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i < 2 * BLOCKS_OF_SLAB; ++i)
+        blocks.push_back(takeSecretMemory(size));
+    std::set<const void*> free;
+    for (std::size_t i = 0; i < blocks.size(); i += 2) {
+        giveBackMemory(blocks[i]);
+        free.insert(blocks[i]);
+    }
+    const auto takesThem = [&] {
+        std::set<const void*> taken;
+        for (std::size_t i = 0; i < free.size(); ++i)
+            taken.insert(takeSecretMemory(size));
+        return taken == free;
+    };
+    EXPECT_EQ(inForkedChild(takesThem), 0);
+    EXPECT_EQ(inForkedChild([&] { return inForkedChild(takesThem) == 0; }), 0) << "in a child's child";
+    for (std::size_t i = 1; i < blocks.size(); i += 2)
+        giveBackMemory(blocks[i]);
 }
 
 // ---- What is given back twice ----
