@@ -1,6 +1,11 @@
 #include "crypto/keyed_digest.h"
 
+#include "crypto/short_hashes.h"
+
+#include <openssl/crypto.h>
+
 #include <cstdint>
+#include <cstring>
 
 namespace softkey
 {
@@ -16,25 +21,21 @@ KeyedDigest::KeyedDigest() : key_(KEY_SIZE)
     randomBytes({key_.data(), key_.size()});
 }
 
-ByteVector KeyedDigest::of(std::initializer_list<Bytes> parts) const
+PinDigest KeyedDigest::of(Bytes salt, Bytes pin) const
 {
-    const Digest* sha256 = CryptoContext::get().digestOfSize(32);
-    const auto context = requireObject<EvpDigestContext>(EVP_MD_CTX_new());
-    require(EVP_DigestInit_ex2(context.get(), sha256->algorithm, nullptr) == 1 &&
-            EVP_DigestUpdate(context.get(), key_.data(), key_.size()) == 1);
-    for (const Bytes part : parts) {
-        const std::uint64_t size = part.size(); // What belongs to which part is digested, too.
-        require(EVP_DigestUpdate(context.get(), &size, sizeof size) == 1 &&
-                EVP_DigestUpdate(context.get(), part.data(), part.size()) == 1);
-    }
-    ByteVector result(sha256->size);
-    require(EVP_DigestFinal_ex(context.get(), result.data(), nullptr) == 1);
-    return result;
+    // Refuses when an OpenSSL that is shared has gone: a use with contexts that are ready asks nothing else.
+    CryptoContext::get();
+    const std::uint64_t saltSize = salt.size(); // Where the one ends is digested, too.
+    std::array<unsigned char, sizeof saltSize> size{};
+    std::memcpy(size.data(), &saltSize, size.size());
+    PinDigest digest{};
+    SHORT_SHA256.compute({key_, size, salt, pin}, digest.data());
+    return digest;
 }
 
-bool sameDigest(Bytes one, Bytes other)
+bool sameDigest(const PinDigest& one, const PinDigest& other)
 {
-    return one.size() == other.size() && CRYPTO_memcmp(one.data(), other.data(), one.size()) == 0;
+    return CRYPTO_memcmp(one.data(), other.data(), one.size()) == 0;
 }
 
 } // namespace softkey

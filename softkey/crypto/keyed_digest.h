@@ -4,22 +4,24 @@
 #include "base/secret.h"
 #include "crypto/openssl.h"
 
-#include <initializer_list>
+#include <array>
 
 namespace softkey
 {
+
+using PinDigest = std::array<unsigned char, 32>;
 
 class KeyedDigest
 {
 public:
     KeyedDigest();
-    ByteVector of(std::initializer_list<Bytes> parts) const;
+    PinDigest of(Bytes salt, Bytes pin) const;
 
 private:
     SecretBuffer key_;
 };
 
 /// Without telling by its time where they differ.
-bool sameDigest(Bytes one, Bytes other);
+bool sameDigest(const PinDigest& one, const PinDigest& other);
 
 } // namespace softkey

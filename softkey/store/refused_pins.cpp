@@ -12,23 +12,23 @@ RefusedPins& RefusedPins::ofProcess()
     return refused->get();
 }
 
-ByteVector RefusedPins::digestOf(const PinRecord& record, std::string_view pin) const
+PinDigest RefusedPins::digestOf(const PinRecord& record, std::string_view pin) const
 {
-    return digest_.of({record.salt, bytesOf(pin)});
+    return digest_.of(record.salt, bytesOf(pin));
 }
 
 void RefusedPins::add(const PinRecord& record, std::string_view pin)
 {
-    ByteVector digest = digestOf(record, pin);
+    const PinDigest digest = digestOf(record, pin);
     const std::lock_guard lock(mutex_);
-    refused_.push_back(std::move(digest));
+    refused_.push_back(digest);
 }
 
 bool RefusedPins::contain(const PinRecord& record, std::string_view pin) const
 {
-    const ByteVector wanted = digestOf(record, pin);
+    const PinDigest wanted = digestOf(record, pin);
     const std::lock_guard lock(mutex_);
-    return std::ranges::any_of(refused_, [&](const ByteVector& refused) { return sameDigest(refused, wanted); });
+    return std::ranges::any_of(refused_, [&](const PinDigest& refused) { return sameDigest(refused, wanted); });
 }
 
 } // namespace softkey

@@ -22,11 +22,11 @@ public:
     bool contain(const PinRecord& record, std::string_view pin) const;
 
 private:
-    ByteVector digestOf(const PinRecord& record, std::string_view pin) const;
+    PinDigest digestOf(const PinRecord& record, std::string_view pin) const;
 
     KeyedDigest digest_;
     mutable std::mutex mutex_;
-    std::vector<ByteVector> refused_; ///< Each has cost a try, so that they never become very many.
+    std::vector<PinDigest> refused_; ///< Each has cost a try, so that they never become very many.
 };
 
 } // namespace softkey

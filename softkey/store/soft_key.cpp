@@ -35,9 +35,9 @@ Unlocked::Unlocked(std::string_view pin, CheckedPin checked, const DeviceRecord&
     pinDigest_ = digest(pin);
 }
 
-ByteVector Unlocked::digest(std::string_view pin) const
+PinDigest Unlocked::digest(std::string_view pin) const
 {
-    return digest_.of({bytesOf(pin)});
+    return digest_.of(salt_, bytesOf(pin));
 }
 
 bool Unlocked::belongsTo(const Contents& contents) const

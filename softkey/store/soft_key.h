@@ -39,11 +39,11 @@ public:
     void keepOnly(const Contents& contents);
 
 private:
-    ByteVector digest(std::string_view pin) const;
+    PinDigest digest(std::string_view pin) const;
 
     SecretBuffer masterKey_;
     KeyedDigest digest_;
-    ByteVector pinDigest_; ///< Not the PIN.
+    PinDigest pinDigest_{}; ///< Not the PIN.
     ByteVector salt_;
     std::int64_t timesUnplugged_;
     std::atomic<UptimeClock::time_point> usedAt_{UptimeClock::now()};

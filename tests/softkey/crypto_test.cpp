@@ -1,6 +1,7 @@
 // Cryptography of the key against published vectors and the openssl command line.
 #include "world.h"
 
+#include "crypto/keyed_digest.h"
 #include "crypto/keys.h"
 #include "crypto/public_key.h"
 #include "crypto/public_keys.h"
@@ -451,6 +452,17 @@ TEST(PublicKeysTest, ThoseThatWereUsedLastAreKept)
         EXPECT_EQ(keys.find(p256, PublicKeyForm::Any, often), usedOften);
     }
     EXPECT_NE(keys.find(p256, PublicKeyForm::Any, once), usedOnce);
+}
+
+TEST(KeyedDigestTest, TellsSaltsPinsAndObjectsApart)
+{
+    const KeyedDigest digest;
+    const Data salt = bytesOf("salt");
+    const Data pin = bytesOf("pin");
+    EXPECT_TRUE(sameDigest(digest.of(salt, pin), digest.of(Data(salt), Data(pin))));
+    EXPECT_FALSE(sameDigest(digest.of(salt, pin), digest.of(salt, bytesOf("pim"))));
+    EXPECT_FALSE(sameDigest(digest.of(salt, pin), digest.of(bytesOf("sal"), bytesOf("tpin")))) << "where the one ends";
+    EXPECT_FALSE(sameDigest(digest.of(salt, pin), KeyedDigest().of(salt, pin))) << "under another key";
 }
 
 TEST_F(CryptoTest, ABadSignatureLeavesTheKeyFitForGoodOnes)
