@@ -454,6 +454,22 @@ TEST(PublicKeysTest, ThoseThatWereUsedLastAreKept)
     EXPECT_NE(keys.find(p256, PublicKeyForm::Any, once), usedOnce);
 }
 
+TEST(PublicKeysTest, OfThoseThatWereUsedTheLast128AreKept)
+{
+    const KeyKindTraits& p256 = traitsOf(KEY_KIND_EC_P256);
+    PublicKeys keys;
+    const Data first = publicKeyValue(generateKey(p256).get());
+    const auto useOthers = [&](int count) {
+        for (int other = 0; other < count; ++other)
+            keys.find(p256, PublicKeyForm::Any, publicKeyValue(generateKey(p256).get()));
+    };
+    const auto known = keys.find(p256, PublicKeyForm::Any, first);
+    useOthers(127);
+    EXPECT_EQ(keys.find(p256, PublicKeyForm::Any, first), known);
+    useOthers(128);
+    EXPECT_NE(keys.find(p256, PublicKeyForm::Any, first), known);
+}
+
 TEST(KeyedDigestTest, TellsSaltsPinsAndObjectsApart)
 {
     const KeyedDigest digest;
