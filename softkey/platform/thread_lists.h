@@ -17,8 +17,9 @@ class ThreadList
 public:
     std::vector<Record>& records() { return records_; }
 
-    /// Fills the list, unless it still is what that reading of a key's file has filled it with. The list is the
-    /// caller's to spoil: one that has grown, shrunk or moved is filled again.
+    /// Fills the list, unless it still is what that reading of a key's file has filled it with. One that the caller has
+    /// made longer, shorter or moved is filled again. A record that the caller has written to stays like that until the
+    /// key changes or the thread asks for the list of another one: to notice it, each call would compare all records.
     template <class Records>
     void fill(std::uint64_t reading, const Records& source)
     {
