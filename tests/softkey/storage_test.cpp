@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -186,6 +187,34 @@ TEST_F(StorageTest, DamagedFilesAreRefused)
         std::filesystem::remove(keyPath("D1"));
         writeFile(keyPath("D1"), good);
     }
+}
+
+TEST_F(StorageTest, AFileThatClaimsManyKeyPairsReservesNoMoreThanAKeyMayHave)
+{
+    constexpr std::size_t CLAIMED = 400'000; // More than 400 MiB of records.
+    ASSERT_GT(CLAIMED * sizeof(VelkorKeyPair), std::size_t{400} << 20);
+    Database file(keyPath(), Database::Mode::Existing);
+    file.execute("DROP TABLE key_pair");
+    file.execute(
+        ("CREATE VIEW key_pair AS WITH RECURSIVE row(id) AS (SELECT 1 UNION ALL SELECT id + 1 FROM row LIMIT " +
+         std::to_string(CLAIMED) +
+         ") SELECT id, x'' AS identifier, 4 AS kind, x'' AS object_id, x'' AS label, x'' AS public_key, "
+         "3 AS usage_flags, 0 AS oaep_only FROM row")
+            .c_str());
+    ASSERT_EQ(file.number("SELECT count(*) FROM key_pair"), std::int64_t{CLAIMED});
+    const auto peak = [] {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_maxrss; // KiB.
+    };
+    const long before = peak();
+    try {
+        readContents(file);
+        FAIL() << "they have no identifiers";
+    } catch (const Refusal& refusal) {
+        EXPECT_EQ(refusal.status(), SoftkeyStatus::FileDamaged);
+    }
+    EXPECT_LT(peak() - before, 100 << 10);
 }
 
 /// Every operation that reads or changes goes on with a file in which bytes were changed.
