@@ -5,6 +5,7 @@
 #include "crypto/protection.h"
 #include "memory_lock.h"
 #include "store/schema.h"
+#include "system_calls.h"
 
 #include <algorithm>
 #include <array>
@@ -17,6 +18,7 @@
 #include <functional>
 #include <random>
 #include <set>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -150,6 +152,121 @@ TEST_F(ProcessesTest, OneProcessUsesWhatOthersChange)
     ASSERT_EQ(contents->keyPairs.size(), 30U);
     EXPECT_STREQ(contents->keyPairs[0].label, "label 60") << "the key that all of them signed with";
     EXPECT_EQ(contents->keyPairs[0].objectId[0], 60);
+}
+
+// ---- What has been reported is seen by everybody ----
+
+/// What processes tell each other of: the last label that each of two writers was told to be on the key.
+struct Reported {
+    std::array<std::atomic<int>, 2> rounds;
+    std::atomic<int> writing;
+
+    static Reported* shared()
+    {
+        void* memory = mmap(nullptr, sizeof(Reported), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        return new (memory) Reported{{0, 0}, 2};
+    }
+};
+
+pid_t inProcessOfItsOwn(void*& instance, const std::function<bool()>& work)
+{
+    const pid_t process = fork();
+    if (process != 0)
+        return process;
+    velkor_createInstance(&instance);
+    _exit(instance != nullptr && work() ? 0 : 1);
+}
+
+TEST_F(ProcessesTest, WhileTwoProcessesChangeAKeyAThirdReadsNothingThatIsOlderThanWhatTheyReported)
+{
+    velkor_createInstance(&instance);
+    for (int writer = 0; writer < 2; ++writer)
+        generate(KEY_KIND_EC_P256, "0");
+    velkor_releaseInstance(instance);
+    Reported& reported = *Reported::shared();
+    const auto write = [&](std::size_t writer) {
+        const VelkorKeyPair mine = keyPairs().at(writer);
+        bool done = true;
+        for (int round = 1; done && round <= (SANITIZED ? 40 : 150); ++round) {
+            done = velkor_updateKeyPairDetails(SERIAL, mine.keyIdentifier, PIN, std::to_string(round).c_str(), nullptr,
+                                               0, instance) == 0;
+            reported.rounds[writer] = round;
+        }
+        --reported.writing;
+        return done;
+    };
+    const auto read = [&] {
+        int changes = 0;
+        std::array<int, 2> last{};
+        while (reported.writing > 0) {
+            const std::array<int, 2> before{reported.rounds[0], reported.rounds[1]};
+            const std::vector<VelkorKeyPair>& list = velkor_getKeyPairList(SERIAL, instance);
+            if (list.size() != 2)
+                return false;
+            const std::array<int, 2> seen{std::atoi(list[0].label), std::atoi(list[1].label)};
+            if (seen[0] < before[0] || seen[1] < before[1])
+                return false;
+            changes += seen != last ? 1 : 0;
+            last = seen;
+        }
+        return changes > 10;
+    };
+    std::array processes{inProcessOfItsOwn(instance, read), inProcessOfItsOwn(instance, [&] { return write(0); }),
+                         inProcessOfItsOwn(instance, [&] { return write(1); })};
+    for (const pid_t process : processes) {
+        int status = -1;
+        waitpid(process, &status, 0);
+        EXPECT_EQ(status, 0) << (process == processes[0] ? "the reader" : "a writer");
+    }
+}
+
+// ---- What is asked of the system ----
+
+TEST_F(ProcessesTest, AnUnchangedKeyIsReadAnewWithOneLookAtItsChangeCounter)
+{
+    const auto prepare = [&] {
+        velkor_createInstance(&instance);
+        keyPairs();
+        velkor_initDevice(SERIAL, true, instance);
+    };
+    const Reads none;
+    const Reads oneLook{{CHANGE_COUNTER_AT, 4}};
+    EXPECT_EQ(readsOf(prepare, [] {}), none);
+    EXPECT_EQ(readsOf(prepare, [&] { velkor_initDevice(SERIAL, true, instance); }), oneLook);
+    EXPECT_EQ(readsOf(prepare, [&] { velkor_getKeyPairList(SERIAL, instance); }), oneLook);
+    EXPECT_EQ(readsOf(prepare, [&] { velkor_getCertificateList(SERIAL, instance); }), oneLook);
+}
+
+TEST_F(ProcessesTest, ASignatureCostsOneLookAtTheChangeCounterAndReadsNothingElse)
+{
+    const VelkorKeyPair key = store(generateKey(traitsOf(KEY_KIND_EC_P256)).get());
+    const auto prepare = [&] {
+        velkor_createInstance(&instance);
+        keyPairs();
+        trySign(key, Data(32, 1));
+    };
+    EXPECT_EQ(readsOf(prepare, [&] { trySign(key, Data(32, 1)); }), (Reads{{CHANGE_COUNTER_AT, 4}}));
+}
+
+TEST_F(ProcessesTest, AChangedKeyIsReadOnceForAllThatAsk)
+{
+    store(generateKey(traitsOf(KEY_KIND_EC_P256)).get());
+    const auto prepare = [&] {
+        velkor_createInstance(&instance);
+        keyPairs();
+        otherProcess()->file().change(
+            [](Database& database) { database.execute("UPDATE key_pair SET label = randomblob(4)"); });
+    };
+    const Reads first = readsOf(prepare, [&] { keyPairs(); });
+    Reads both = first;
+    both.push_back({CHANGE_COUNTER_AT, 4});
+    EXPECT_GT(first.size(), 2U);
+    EXPECT_EQ(readsOf(prepare,
+                      [&] {
+                          keyPairs();
+                          keyPairs();
+                      }),
+              both);
 }
 
 #if !SANITIZED // Their allocators keep what was given back.
