@@ -13,7 +13,9 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace velkor::platform
@@ -89,6 +91,19 @@ bool isYoung(const struct stat& status, const timespec& time)
     return time.tv_sec - status.st_ctim.tv_sec <= SETTLED_AFTER;
 }
 
+/// Whether an edit shows in a file's stamp at once. What a network carries is stamped by another machine's clock, and
+/// stamps are kept here for seconds; only opening the file asks for it.
+bool showsEditsAtOnce(int file)
+{
+    constexpr std::array<std::uint32_t, 9> REMOTE = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,  SMB2_SUPER_MAGIC,
+                                                     CIFS_SUPER_MAGIC, AFS_SUPER_MAGIC,  CODA_SUPER_MAGIC,
+                                                     CEPH_SUPER_MAGIC, FUSE_SUPER_MAGIC, V9FS_MAGIC};
+    struct statfs system {
+    };
+    return fstatfs(file, &system) == 0 &&
+           std::find(REMOTE.begin(), REMOTE.end(), static_cast<std::uint32_t>(system.f_type)) == REMOTE.end();
+}
+
 /// What tells one state of a file from another.
 struct FileStamp {
     dev_t device = 0;
@@ -123,7 +138,7 @@ KnownLevel readConfiguredLevel()
         return level;
     struct stat status {
     };
-    const bool hasStamp = fstat(file, &status) == 0;
+    const bool hasStamp = showsEditsAtOnce(file) && fstat(file, &status) == 0;
     std::array<char, CONFIGURATION_CAPACITY> text{};
     const ssize_t length = read(file, text.data(), text.size());
     close(file);

@@ -38,6 +38,37 @@ TEST_F(LogLinesTest, MissingFileCountsAsAbsent)
     EXPECT_EQ(wholeLog(), std::vector{ERROR_LINE});
 }
 
+TEST_F(LogLinesTest, AnEditBetweenTwoLinesIsSeenByTheSecond)
+{
+    std::vector<std::string> expected;
+    for (int round = 0; round < 100; ++round) {
+        std::ofstream(folder_ / "velkor.conf") << "logLevel = " << (round % 2 == 0 ? 2 : 3) << "\n"; // Of one size.
+        C_GetFunctionList(nullptr);
+        if (round % 2 != 0)
+            expected.push_back(DEBUG_LINE);
+        expected.push_back(ERROR_LINE);
+    }
+    EXPECT_EQ(wholeLog(), expected);
+}
+
+TEST_F(LogLinesTest, AFileWhoseTimeIsPutIntoThePastOrTheFutureIsReadAsItIs)
+{
+    using namespace std::chrono_literals;
+    std::vector<std::string> expected;
+    for (const auto offset : {-1h, 1h}) {
+        for (const int level : {3, 2}) {
+            std::ofstream(folder_ / "velkor.conf") << "logLevel = " << level << "\n";
+            const auto now = std::filesystem::file_time_type::clock::now();
+            std::filesystem::last_write_time(folder_ / "velkor.conf", now + offset);
+            C_GetFunctionList(nullptr);
+            if (level == 3)
+                expected.push_back(DEBUG_LINE);
+            expected.push_back(ERROR_LINE);
+        }
+    }
+    EXPECT_EQ(wholeLog(), expected);
+}
+
 TEST_F(LogLinesTest, CommentBehindTheValueIsNoPartOfIt)
 {
     EXPECT_EQ(linesAt("3 # trace"), (std::vector{DEBUG_LINE, ERROR_LINE}));

@@ -2,6 +2,7 @@
 #include "platform/platform.h"
 
 #include <array>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include "test_system.h"
@@ -22,6 +24,7 @@ namespace
 
 std::time_t clockOffset = 0; ///< Seconds by which the platform's clock is ahead.
 int timesOpened = 0;
+std::optional<std::uint32_t> fileSystem; ///< What the system says that the file is on, when it is not the truth.
 
 } // namespace
 
@@ -29,6 +32,7 @@ extern "C" {
 
 int __real_clock_gettime(clockid_t clock, timespec* time);
 int __real_open(const char* path, int flags, ...);
+int __real_fstatfs(int file, struct statfs* system);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time)
 {
@@ -41,6 +45,13 @@ int __wrap_open(const char* path, int flags, ...)
 {
     ++timesOpened;
     return __real_open(path, flags);
+}
+
+int __wrap_fstatfs(int file, struct statfs* system)
+{
+    const int result = __real_fstatfs(file, system);
+    system->f_type = fileSystem.value_or(static_cast<std::uint32_t>(system->f_type));
+    return result;
 }
 }
 
@@ -56,6 +67,7 @@ protected:
         std::filesystem::create_directories(folder_);
         test_system::setEnvironment("VELKOR_CONFIG", file_);
         clockOffset = 0;
+        fileSystem.reset();
         timesOpened = 0;
     }
 
@@ -109,6 +121,19 @@ TEST_F(LogLevelFileTest, AFileFromTheFutureIsReadEachTime)
     EXPECT_EQ(level(), 3);
     EXPECT_EQ(level(), 3);
     EXPECT_EQ(timesOpened, 2);
+}
+
+TEST_F(LogLevelFileTest, AFileThatANetworkCarriesIsReadEachTimeHoweverOldItIs)
+{
+    write("logLevel = 3\n");
+    letTimePass();
+    for (const std::uint32_t remote : {0x6969U, 0xfe534d42U, 0x65735546U}) { // NFS, SMB, FUSE.
+        fileSystem = remote;
+        timesOpened = 0;
+        EXPECT_EQ(level(), 3);
+        EXPECT_EQ(level(), 3);
+        EXPECT_EQ(timesOpened, 2);
+    }
 }
 
 TEST_F(LogLevelFileTest, AnEditOfTheSameSizeWithinOneTickIsSeen)
