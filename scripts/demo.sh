@@ -57,7 +57,8 @@ echo "logLevel = 2" >"$VELKOR_CONFIG"
 cd "$folder"
 
 token() { pkcs11-tool --module "$module" "$@"; }
-login() { token --login --pin env:USER_PIN "$@"; }
+demo_key() { token --token-label "Demo key" "$@"; } # A PIN costs the tries of the key that it is for.
+login() { demo_key --login --pin env:USER_PIN "$@"; }
 
 # holds FILE LINE...: every line is in the file.
 holds() {
@@ -85,7 +86,7 @@ log_in() {
 }
 refuse_pin() {
     local status=0
-    token --login --pin env:WRONG_PIN --list-objects >refused.txt 2>&1 || status=$?
+    demo_key --login --pin env:WRONG_PIN --list-objects >refused.txt 2>&1 || status=$?
     cat refused.txt
     [ "$status" -ne 0 ]
     holds refused.txt CKR_PIN_INCORRECT

@@ -62,16 +62,16 @@ cat >"$root/tmp/use" <<'END'
 set -e
 export PIN=1234 SO_PIN=12345678
 libraries=$(echo /usr/lib/*/velkor)
-velkor-softkey create --serial PACKAGE1 --pin-env PIN --so-pin-env SO_PIN
+velkor-softkey create --serial PACKAGE1 --label package --pin-env PIN --so-pin-env SO_PIN
 p11-kit list-modules >modules.txt
 grep PACKAGE1 modules.txt
-pkcs11-tool --module "$libraries/velkor-pkcs11.so" --login --pin env:PIN --keypairgen --key-type rsa:2048 --id 01 \
-    --label package
+pkcs11-tool --module "$libraries/velkor-pkcs11.so" --token-label package --login --pin env:PIN --keypairgen \
+    --key-type rsa:2048 --id 01 --label package
 echo text >text
 for module in velkor-pkcs11 velkor-pkcs11-strict; do
     rm -f text.sig key.der
-    pkcs11-tool --module "$libraries/$module.so" --login --pin env:PIN --sign --mechanism SHA256-RSA-PKCS --id 01 \
-        --input-file text --output-file text.sig
+    pkcs11-tool --module "$libraries/$module.so" --token-label package --login --pin env:PIN --sign \
+        --mechanism SHA256-RSA-PKCS --id 01 --input-file text --output-file text.sig
     pkcs11-tool --module "$libraries/$module.so" --read-object --type pubkey --id 01 --output-file key.der
     openssl dgst -sha256 -verify key.der -keyform DER -signature text.sig text
 done

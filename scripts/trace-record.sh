@@ -19,9 +19,9 @@ for host in certutil keytool modutil openssl p11tool ssh-keygen; do
     mkdir -p "Brenmoor/$host" # Or the first two lines would be lost.
 done
 
-"$build/bin/velkor-softkey" create --serial RECORD1 --pin-env PIN --so-pin-env SO_PIN
+"$build/bin/velkor-softkey" create --serial RECORD1 --label record --pin-env PIN --so-pin-env SO_PIN
 tool() {
-    pkcs11-tool --module "$module" --login --login-type user --pin "$PIN" "$@"
+    pkcs11-tool --module "$module" --token-label record --login --login-type user --pin "$PIN" "$@"
 }
 tool --keypairgen --key-type RSA:2048 --id 01 --label signer
 tool --keypairgen --key-type EC:prime256v1 --id 02 --label ec
@@ -51,6 +51,7 @@ tool --write-object signer.der --type cert --id 01 --label signer
 
 export GNUTLS_PIN=$PIN
 p11tool --provider "$module" --list-tokens
+# It finds no token of the plain module by a label; there is one alone.
 p11tool --provider "$module" --login --list-all "pkcs11:"
 p11tool --provider "$module" --login --test-sign "pkcs11:object=signer;type=private"
 
