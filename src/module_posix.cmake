@@ -16,7 +16,9 @@ function(add_cryptoki_module name)
                                              BUILD_RPATH $ORIGIN:$ORIGIN/../softkey INSTALL_RPATH $ORIGIN)
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE .)
     # A host may unload the library without C_Finalize, while the monitor thread runs in it: it stays mapped.
-    target_link_options(${name} PRIVATE LINKER:--version-script=${VERSION_SCRIPT} LINKER:-z,nodelete)
+    # Its function table names its own functions, whatever library a host has made global before.
+    target_link_options(${name} PRIVATE LINKER:--version-script=${VERSION_SCRIPT} LINKER:-z,nodelete
+                        LINKER:-Bsymbolic-functions)
     set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${VERSION_SCRIPT})
     target_link_libraries(${name} PRIVATE product_options module_device)
     precompile(${name})

@@ -49,8 +49,7 @@ CK_RV checkArguments(const CK_C_INITIALIZE_ARGS* arguments)
     return CKR_OK;
 }
 
-/// The module's functions are looked up one by one: where a host has made the symbols of this library global, the
-/// module's own table is bound to them.
+/// The module's functions are looked up one by one: to ask for its table is a call, of which the log would tell.
 bool bindFunctions(void* library, CK_FUNCTION_LIST& functions)
 {
     bool complete = true;
@@ -83,7 +82,8 @@ CK_RV startModule(State& state)
     state.isModuleUsed = true; // Before it is: a child that is forked in the midst of it has to end it first.
     CK_RV result = CKR_OK;
     try {
-        result = functions.C_Initialize(nullptr);
+        // By this argument the module knows who starts it, and leaves standard output to the host.
+        result = functions.C_Initialize(reinterpret_cast<void*>(functions.C_Initialize));
     } catch (...) {
         functions.C_Finalize(nullptr);
         state.isModuleUsed = false;

@@ -72,6 +72,7 @@ struct Loading {
         current = new State;
         system::stayMapped();
         system::watchForks(beforeFork, inParent, inChild);
+        tellsOfLostLines = false; // Standard output is the host's.
         createLogFolders();
     }
 };
@@ -84,7 +85,7 @@ State& state()
     return *current.load(std::memory_order_acquire);
 }
 
-/// The log makes one level with each line, and tells of the missing ones on standard output.
+/// The log makes one level with each line, and loses the lines before the last level is there.
 void createLogFolders()
 {
     constexpr int LEVELS = 4;

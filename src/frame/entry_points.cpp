@@ -44,8 +44,10 @@ CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 
 using namespace velkor;
 
-CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/)
+// What a host passes is ignored. The strict front passes this function itself.
+CK_RV C_Initialize(CK_VOID_PTR pInitArgs)
 {
+    chooseOutput(pInitArgs == reinterpret_cast<void*>(&C_Initialize));
     const CK_RV result = enterAlways(__func__, createLibraryInstance);
     if (result != CKR_OK)
         return result;

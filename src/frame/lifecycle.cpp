@@ -9,6 +9,12 @@
 namespace velkor
 {
 
+void chooseOutput(bool isLeftAlone)
+{
+    if (moduleState().libraryInstance == nullptr) // Else whoever has started the module has chosen.
+        tellsOfLostLines = !isLeftAlone;
+}
+
 CK_RV createLibraryInstance()
 {
     ModuleState& state = moduleState();

@@ -6,6 +6,9 @@
 namespace velkor
 {
 
+/// Before a start: whether lines of the log that are lost are told on standard output, or that is left alone.
+void chooseOutput(bool isLeftAlone);
+
 /// Creates the library instance and ends a monitor that an earlier, failed start left running.
 CK_RV createLibraryInstance();
 /// Starts the monitor. Throws std::system_error when its thread cannot be created.

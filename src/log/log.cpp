@@ -15,6 +15,7 @@ namespace velkor
 {
 
 std::mutex* logLock = nullptr;
+std::atomic<bool> tellsOfLostLines = true;
 
 namespace
 {
@@ -32,7 +33,8 @@ std::optional<signed char> readLevel()
 
 void complain(std::string_view text)
 {
-    std::cout << text << std::flush;
+    if (tellsOfLostLines)
+        std::cout << text << std::flush;
 }
 
 void appendBounded(std::string& path, std::string_view text)

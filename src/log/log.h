@@ -2,6 +2,7 @@
 // line is written is decided afresh each time, so that tracing can be turned on while applications run.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -14,7 +15,7 @@ namespace velkor
 /// Level codes of `writeLogLine`. Any other code is tagged as information.
 enum LogCode : int { LOG_EXCEPTION = 1, LOG_ERROR = 2, LOG_DEBUG = 3 };
 
-/// Appends a line to today's file. Failures go to standard output, never to the caller.
+/// Appends a line to today's file. Failures go to standard output while `tellsOfLostLines`, never to the caller.
 void writeLogLine(int code, std::string text);
 
 /// Whether lines of a level, LOG_DEBUG or LOG_ERROR, are written at this moment.
@@ -55,6 +56,9 @@ Code refuse(Code code, const Pieces&... pieces) noexcept
 
 /// Locked around each line when it is set. Nothing in the module sets it: lines rely on the system's appending.
 extern std::mutex* logLock;
+
+/// Whether lines that are lost are told on standard output.
+extern std::atomic<bool> tellsOfLostLines;
 
 // ---- The steps of a line, for its tests ----
 

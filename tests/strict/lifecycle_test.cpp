@@ -59,6 +59,20 @@ TEST_F(StrictLifecycleTest, KnowsWhetherItIsInitialized)
     EXPECT_EQ(p11.C_GetInfo(&info), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
+TEST_F(StrictLifecycleTest, LeavesStandardOutputToItsHostWhereTheLogCannotBeWritten)
+{
+    hideLogFolder(true);
+    testing::internal::CaptureStdout();
+    p11.C_Finalize(nullptr);
+    start();
+    EXPECT_EQ(login(open(slots()[0]), "9999"), CKR_PIN_INCORRECT); // A line of the module, too.
+    EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(p11.C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(p11.C_Logout(0), CKR_SESSION_HANDLE_INVALID);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    hideLogFolder(false);
+}
+
 TEST_F(StrictLifecycleTest, PadsItsTextsWithBlanks)
 {
     start();

@@ -215,3 +215,8 @@ bool StrictTest::isLogged(const std::string& text) const
     return std::any_of(lines.begin(), lines.end(),
                        [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
+
+void StrictTest::hideLogFolder(bool isHidden) const
+{
+    test_system::setTemporaryFolder(isHidden ? scratch() / "missing" : scratch());
+}

@@ -93,6 +93,8 @@ protected:
     /// Lines of the log, from "ERROR" on.
     std::vector<std::string> logLines() const;
     bool isLogged(const std::string& text) const;
+    /// Makes the log's folder one that is not there, or the test's own again.
+    void hideLogFolder(bool isHidden) const;
 
     const CK_FUNCTION_LIST& p11;
     std::shared_ptr<StrictDevice> device;

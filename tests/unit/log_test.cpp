@@ -177,6 +177,16 @@ TEST_F(LogTest, MissingTemporaryFolderIsToldAndTheLineIsDropped)
     EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }), "\nUnable to getLogBaseFolderPath\nUnable to write log");
 }
 
+TEST_F(LogTest, LostLinesAreNotToldWhereOutputIsLeftAlone)
+{
+    tellsOfLostLines = false;
+    fakePlatform.temporaryFolder += "missing/";
+    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }), "");
+    fakePlatform.foldersThrow = true;
+    EXPECT_EQ(outputOf([] { writeLogLine(LOG_ERROR, "x"); }), "");
+    tellsOfLostLines = true;
+}
+
 TEST_F(LogTest, FailingTemporaryFolderIsToldAndTheLineIsDropped)
 {
     fakePlatform.foldersThrow = true;
