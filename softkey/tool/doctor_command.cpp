@@ -15,10 +15,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <openssl/x509v3.h>
 #include <optional>
+#include <system_error>
 
 namespace softkey
 {
@@ -36,9 +38,10 @@ public:
     void run()
     {
         checkFolder();
-        checkModule(); // Before keys are opened: a file that two SQLites of one process have open loses its locks.
         checkKeys();
-        checkTokens();
+        checkModule(); // After keys are closed: a file that two SQLites of one process have open loses its locks.
+        checkStrictFront();
+        checkConfiguration();
         checkLog();
         checkRegistration();
         diagnosis_.print(session_);
@@ -47,25 +50,27 @@ public:
 private:
     void checkFolder();
     void checkFolderRights();
-    void checkModule();
-    void loadModule();
     void checkKeys();
-    void checkKey(const std::string& name);
+    void checkKey(KeysFolder& keys, const std::string& name);
     void checkKeyFile(const std::string& part, const fs::path& path);
     void checkPins(const std::string& part, const Contents& contents);
     void checkCertificate(const std::string& part, const Contents& contents, const VelkorCertificate& certificate);
-    void checkTokens();
+    void checkModule();
+    void loadModule();
+    void checkStrictFront();
+    void loadLibrary(const fs::path& library, const std::string& part);
+    void checkConfiguration();
     void checkLog();
     void checkRegistration();
     void checkRegistered(const fs::path& file, const std::string& module);
+    fs::path strictFront() const;
 
     const Session& session_;
     Diagnosis diagnosis_;
     fs::path folder_; ///< Empty when there is none to look into.
     fs::path module_; ///< Empty when it was not found.
-    KeysFolder keys_;
-    std::vector<std::string> usable_;                ///< Serial numbers of keys that hosts should see.
-    std::optional<std::vector<std::string>> tokens_; ///< What the module shows, when it works.
+    bool isModuleWorking_ = false;
+    std::vector<std::string> usable_; ///< Serial numbers of keys that hosts should see.
 };
 
 void Doctor::checkFolder()
@@ -107,39 +112,6 @@ void Doctor::checkFolderRights()
                                            " in its own environment alone");
 }
 
-void Doctor::checkModule()
-{
-    std::error_code failure;
-    std::string places;
-    for (const fs::path& place : module_.empty() ? modulePlaces() : std::vector<fs::path>{module_}) {
-        places += (places.empty() ? "" : ", ") + place.string();
-        if (fs::exists(place, failure)) {
-            module_ = fs::absolute(place);
-            return loadModule();
-        }
-    }
-    module_.clear();
-    diagnosis_.problem("module", "it is not there: " + places, "install it, or say where it is with --module FILE");
-}
-
-void Doctor::loadModule()
-{
-    if (!folder_.empty())
-        setEnvironmentVariable("VELKOR_SOFTKEY_HOME", folder_.string());
-    try {
-        const SilentOutput silence;
-        tokens_ = tokensOf(module_);
-        diagnosis_.good("module", module_.string() + " loads and works");
-        diagnosis_.good("device library", loadedDeviceLibrary().string());
-    } catch (const Failure& failure) {
-        const std::string reason = failure.what();
-        const bool isDeviceLibrary = reason.find("VelkorDSCLibrary") != std::string::npos;
-        diagnosis_.problem(isDeviceLibrary ? "device library" : "module", module_.string() + ": " + reason,
-                           isDeviceLibrary ? "put the device library into " + module_.parent_path().string()
-                                           : "install it again, for this machine and with all of its package");
-    }
-}
-
 /// What to do about a key's file that is refused.
 std::string remedyFor(SoftkeyStatus status, const fs::path& path)
 {
@@ -164,20 +136,21 @@ void Doctor::checkKeys()
 {
     if (folder_.empty())
         return;
-    keys_.open(folder_);
-    const std::vector<std::string> names = keys_.keyNames();
+    KeysFolder keys;
+    keys.open(folder_);
+    const std::vector<std::string> names = keys.keyNames();
     for (const std::string& name : names)
-        checkKey(name);
+        checkKey(keys, name);
     if (names.empty())
         diagnosis_.problem("keys", "there is none in " + folder_.string(), "velkor-softkey create");
 }
 
-void Doctor::checkKey(const std::string& name)
+void Doctor::checkKey(KeysFolder& keys, const std::string& name)
 {
     const std::string part = "key " + name;
     const fs::path path = folder_ / (name + std::string(KEY_FILE_SUFFIX));
     try {
-        const std::shared_ptr<SoftKey> key = keys_.find(name, KeysFolder::Identity::Checked);
+        const std::shared_ptr<SoftKey> key = keys.find(name, KeysFolder::Identity::Checked);
         const std::shared_ptr<const Contents> contents = key->contents();
         key->file().reload(*contents);
         if (contents->device.plugged) {
@@ -245,11 +218,11 @@ void Doctor::checkCertificate(const std::string& part, const Contents& contents,
         return diagnosis_.problem(part, "certificate " + number + " cannot be read", deletion);
     const std::string what = "certificate " + number + " (" + details->subject + ")";
     const VelkorKeyPair* keyPair = keyPairOf(certificate, contents);
-    if (keyPair == nullptr && !isOfIssuer(certificate))
-        diagnosis_.problem(part, what + " is without its key: hosts do not sign with it",
-                           "velkor-softkey import-key " + name + " with its private key, or " + deletion);
+    if (keyPair == nullptr && isOfIssuer(certificate))
+        return diagnosis_.note(part, what + " is an issuer's, and has no key here: it is there to be sent along");
     if (keyPair == nullptr)
-        return;
+        return diagnosis_.problem(part, what + " is without its key: hosts do not sign with it",
+                                  "velkor-softkey import-key " + name + " with its private key, or " + deletion);
     const Bytes wanted = velkor::objectIdOf(*keyPair);
     const std::string itsKey = "its key pair " + std::to_string(keyPair->id);
     if (!velkor::sameBytes(wanted, velkor::objectIdOf(certificate)))
@@ -260,17 +233,119 @@ void Doctor::checkCertificate(const std::string& part, const Contents& contents,
                                                : " --certificate " + number + " --id " + hexText(wanted)));
 }
 
-void Doctor::checkTokens()
+void Doctor::checkModule()
 {
-    if (!tokens_)
-        return;
+    std::error_code failure;
+    std::string places;
+    for (const fs::path& place : module_.empty() ? modulePlaces() : std::vector<fs::path>{module_}) {
+        places += (places.empty() ? "" : ", ") + place.string();
+        if (fs::exists(place, failure)) {
+            module_ = fs::absolute(place);
+            return loadModule();
+        }
+    }
+    module_.clear();
+    diagnosis_.problem("module", "it is not there: " + places, "install it, or say where it is with --module FILE");
+}
+
+void Doctor::loadModule()
+{
+    if (!folder_.empty())
+        setEnvironmentVariable("VELKOR_SOFTKEY_HOME", folder_.string());
+    try {
+        loadLibrary(module_, "module");
+        isModuleWorking_ = true;
+        diagnosis_.good("device library", loadedDeviceLibrary().string());
+    } catch (const Failure& failure) {
+        const std::string reason = failure.what();
+        const bool isDeviceLibrary = reason.find("VelkorDSCLibrary") != std::string::npos;
+        diagnosis_.problem(isDeviceLibrary ? "device library" : "module", module_.string() + ": " + reason,
+                           isDeviceLibrary ? "put the device library into " + module_.parent_path().string()
+                                           : "install it again, for this machine and with all of its package");
+    }
+}
+
+/// Throws a Failure when it does not work. Keys that it should show, and does not, are problems.
+void Doctor::loadLibrary(const fs::path& library, const std::string& part)
+{
+    const std::vector<std::string> tokens = [&] {
+        const SilentOutput silence;
+        return tokensOf(library);
+    }();
+    diagnosis_.good(part, library.string() + " loads and works");
+    diagnosis_.good("tokens", "the " + part + " shows " + std::to_string(tokens.size()));
     for (const std::string& name : usable_) {
-        if (std::ranges::find(*tokens_, name) == tokens_->end())
-            diagnosis_.problem("key " + name, "the module does not show it",
+        if (std::ranges::find(tokens, name) == tokens.end())
+            diagnosis_.problem("key " + name, "the " + part + " does not show it",
                                "have the module work with the device library of the software key, not with " +
                                    loadedDeviceLibrary().string());
     }
-    diagnosis_.good("tokens", "the module shows " + std::to_string(tokens_->size()));
+}
+
+/// Where it lies when it is installed with the module.
+fs::path Doctor::strictFront() const
+{
+    return module_.parent_path() / libraryFileName("velkor-pkcs11-strict");
+}
+
+/// What keeps the module from working is the module's, and not told twice.
+void Doctor::checkStrictFront()
+{
+    const std::string remedy = "install it again, from the package of the module";
+    const fs::path path = strictFront();
+    std::error_code failure;
+    if (!isModuleWorking_ || fs::equivalent(path, module_, failure))
+        return;
+    if (!fs::exists(path, failure))
+        return diagnosis_.problem("strict front", "it is not there: " + path.string(), remedy);
+    try {
+        loadLibrary(path, "strict front");
+    } catch (const Failure& reason) {
+        diagnosis_.problem("strict front", path.string() + ": " + reason.what(), remedy);
+    }
+}
+
+/// Why a file cannot be read; 0 when it can.
+int errorOfReading(const fs::path& path)
+{
+    errno = 0;
+    std::ifstream file(path);
+    file.peek();
+    return file.is_open() && !file.bad() ? 0 : errno;
+}
+
+/// Whether a line of the file begins with that name.
+bool hasSetting(const fs::path& path, std::string_view name)
+{
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t start = line.find_first_not_of(" \t");
+        if (start != std::string::npos && line.compare(start, name.size(), name) == 0)
+            return true;
+    }
+    return false;
+}
+
+void Doctor::checkConfiguration()
+{
+    const char* path = velkor::platform::configurationFile();
+    if (path == nullptr)
+        return;
+    const std::string shown(path);
+    const int error = errorOfReading(path);
+    std::array<char, 32> value{};
+    if (error == ENOENT || error == ENOTDIR)
+        diagnosis_.note("configuration", "there is no " + shown + ": errors are logged");
+    else if (error != 0)
+        diagnosis_.problem("configuration",
+                           shown + " cannot be read, and errors are logged whatever it says: " +
+                               std::generic_category().message(error),
+                           "make it a file that the user may read: chmod a+r " + shown);
+    else if (!velkor::platform::readLogLevel(value) && hasSetting(path, "logLevel"))
+        diagnosis_.problem("configuration", shown + " has a logLevel that is not understood: errors are logged",
+                           "write \"logLevel = 0\" there for nothing, 2 for errors, 3 for every call");
+    else
+        diagnosis_.good("configuration", shown);
 }
 
 std::string todaysLog()
@@ -281,27 +356,46 @@ std::string todaysLog()
     return name.data();
 }
 
+/// Whether a log could be written, as far as rights tell. Nothing is made.
+bool couldLog(const fs::path& folder, const fs::path& file)
+{
+    std::error_code failure;
+    if (const fs::file_status status = fs::symlink_status(file, failure); fs::exists(status))
+        return fs::is_regular_file(status) && mayWrite(file);
+    fs::path nearest = file.parent_path();
+    while (nearest != folder && !fs::exists(nearest, failure))
+        nearest = nearest.parent_path();
+    return fs::is_directory(nearest, failure) && mayWrite(nearest);
+}
+
+/// Whether it can, as the module does it.
+bool canLog(const std::string& folder, const std::string& own)
+{
+    velkor::platform::createFolder(folder + "Brenmoor");
+    velkor::platform::createFolder(own);
+    return velkor::platform::appendToFile(own + "/" + todaysLog(), "");
+}
+
 void Doctor::checkLog()
 {
     constexpr char ERRORS = 2;
     constexpr char EVERYTHING = 3;
     std::array<char, 32> value{};
     const bool isSet = velkor::platform::readLogLevel(value);
-    if (isSet && static_cast<signed char>(value[0]) < ERRORS)
-        return diagnosis_.note("log", "nothing is logged; logLevel = 2 logs errors, 3 every call");
+    const bool isOff = isSet && static_cast<signed char>(value[0]) < ERRORS;
+    const std::string effect = isOff ? "nothing could be logged" : "every line is lost";
     const std::string folder = velkor::platform::temporaryFolder();
     if (folder.empty() || !velkor::platform::folderExists(folder))
-        return diagnosis_.problem("log", "there is no folder for it: every line is lost",
-                                  "set TMPDIR to a folder of your own");
+        return diagnosis_.problem("log", "there is no folder for it: " + effect, "set TMPDIR to a folder of your own");
     const std::string program = velkor::platform::processFileName();
     const std::string own = folder + "Brenmoor/" + program.substr(0, program.find('.'));
-    velkor::platform::createFolder(folder + "Brenmoor");
-    velkor::platform::createFolder(own);
-    const bool isWritten = velkor::platform::appendToFile(own + "/" + todaysLog(), "");
     const std::string file = folder + "Brenmoor/PROGRAM/" + todaysLog();
-    if (!isWritten)
-        return diagnosis_.problem("log", file + " cannot be written: every line is lost",
+    if (isOff ? !couldLog(fs::path(folder).parent_path(), own + "/" + todaysLog()) : !canLog(folder, own))
+        return diagnosis_.problem("log", file + " cannot be written: " + effect,
                                   "chown " + folder + "Brenmoor to the user, or set TMPDIR to a folder of your own");
+    if (isOff)
+        return diagnosis_.note("log", "nothing is logged; with logLevel = 2 errors would be in " + file +
+                                          ", with 3 every call");
     const bool isWhole = isSet && value[0] == EVERYTHING;
     diagnosis_.good("log", std::string(isWhole ? "every call is" : "errors are") + " logged in " + file);
 }
@@ -322,24 +416,20 @@ std::string registeredIn(const fs::path& file)
     return {};
 }
 
-/// The strict front where it lies beside the module: that is what p11-kit works with best.
-fs::path registrable(const fs::path& module)
-{
-    const fs::path strict = module.parent_path() / libraryFileName("velkor-pkcs11-strict");
-    std::error_code failure;
-    return fs::exists(strict, failure) ? strict : module;
-}
-
 void Doctor::checkRegistered(const fs::path& file, const std::string& module)
 {
     std::error_code failure;
     const std::string shown = file.string();
+    const std::string naming = "name " + strictFront().string() + " there, and in no other file";
     if (module.find("packed") != std::string::npos)
         diagnosis_.problem("p11-kit", shown + " names the library of the packed layout, which no host on Linux has",
-                           "name " + registrable(module_).string() + " there");
+                           naming);
     else if (fs::path(module).is_absolute() && !fs::exists(module, failure))
         diagnosis_.problem("p11-kit", shown + " names " + module + ", which is not there",
-                           module_.empty() ? "install it" : "name " + registrable(module_).string() + " there");
+                           module_.empty() ? "install it" : naming);
+    else if (module.find("strict") == std::string::npos)
+        diagnosis_.problem("p11-kit", shown + " names the plain module, whose texts p11-kit does not read to their end",
+                           naming);
     else
         diagnosis_.good("p11-kit", module + " is registered by " + shown);
 }
@@ -365,8 +455,8 @@ void Doctor::checkRegistration()
     if (!isThere)
         diagnosis_.note("p11-kit", "it is not installed; hosts that name the module themselves need none");
     else if (!isRegistered && !module_.empty())
-        diagnosis_.problem("p11-kit", "the module is not registered: hosts that ask p11-kit for modules do not find it",
-                           "write \"module: " + registrable(module_).string() + "\" into " +
+        diagnosis_.problem("p11-kit", "the strict front is not registered: hosts that ask p11-kit do not find it",
+                           "write \"module: " + strictFront().string() + "\" into " +
                                (folders.front() / "velkor.module").string());
 }
 

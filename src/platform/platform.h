@@ -25,6 +25,9 @@ struct LocalTime {
 /// it does not fit; `value` is then left as it was.
 bool readLogLevel(std::span<char> value);
 
+/// The file that `logLevel` is read from; null where it is none.
+const char* configurationFile();
+
 /// The user's temporary folder with a separator at its end; it need not exist. Empty when there is none that belongs to
 /// the user alone.
 std::string temporaryFolder();

@@ -77,12 +77,6 @@ const char* trustedEnvironment(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-const char* configurationFile()
-{
-    const char* path = trustedEnvironment("VELKOR_CONFIG");
-    return path != nullptr ? path : CONFIGURATION_FILE;
-}
-
 /// Whether the file could still change at that time without its stamp showing it: the clocks of file systems tick
 /// coarsely.
 bool isYoung(const struct stat& status, const timespec& time)
@@ -204,6 +198,12 @@ bool readLogLevel(std::span<char> value)
         return false;
     std::copy_n(known.data.begin(), known.size, value.begin());
     return true;
+}
+
+const char* configurationFile()
+{
+    const char* path = trustedEnvironment("VELKOR_CONFIG");
+    return path != nullptr ? path : CONFIGURATION_FILE;
 }
 
 std::string temporaryFolder()

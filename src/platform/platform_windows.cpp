@@ -38,6 +38,11 @@ bool readLogLevel(std::span<char> value)
            ERROR_SUCCESS;
 }
 
+const char* configurationFile()
+{
+    return nullptr; // It is in the registry.
+}
+
 std::string temporaryFolder()
 {
     return systemText<NAME_CAPACITY>([](char* text, DWORD capacity) { return GetTempPathA(capacity, text); });

@@ -21,7 +21,7 @@ protected:
         test_system::setEnvironment("VELKOR_CONFIG", configuration_);
         test_system::setEnvironment("XDG_CONFIG_HOME", scratch.path().string());
         std::filesystem::create_directories(scratch.path() / "pkcs11/modules");
-        registerModule(SOFTKEY_MODULE);
+        registerModule(SOFTKEY_STRICT);
         result("remove KEY1 --yes");
         result("create --serial " + std::string(GOOD) + WITH_PINS);
     }
@@ -97,16 +97,20 @@ TEST_F(DoctorTest, WhenAllIsWellItSaysWhatItHasLookedAt)
     for (const json& finding : document["findings"]) {
         expectFields(finding, {"state", "part", "text"});
         EXPECT_NE(finding["state"], "problem");
-        if (finding["state"] == "good")
-            texts[finding["part"].get<std::string>()] = finding["text"].get<std::string>();
+        if (finding["state"] != "good")
+            continue;
+        std::string& text = texts[finding["part"].get<std::string>()];
+        text += (text.empty() ? "" : "; ") + finding["text"].get<std::string>();
     }
     EXPECT_EQ(texts["keys folder"], home.path().string());
     EXPECT_EQ(texts["module"], std::string(SOFTKEY_MODULE) + " loads and works");
     EXPECT_EQ(std::filesystem::canonical(texts["device library"]), std::filesystem::canonical(SOFTKEY_LIBRARY));
     EXPECT_EQ(texts[GOOD_KEY], "whole and plugged in, labelled \"Velkor Soft Key GOOD1\"");
-    EXPECT_EQ(texts["tokens"], "the module shows 1");
+    EXPECT_EQ(texts["tokens"], "the module shows 1; the strict front shows 1");
+    EXPECT_EQ(texts["strict front"], std::string(SOFTKEY_STRICT) + " loads and works");
+    EXPECT_EQ(texts["configuration"], configuration_);
     EXPECT_TRUE(texts["log"].starts_with("errors are logged in ")) << texts["log"];
-    EXPECT_TRUE(texts["p11-kit"].starts_with(SOFTKEY_MODULE)) << texts["p11-kit"];
+    EXPECT_TRUE(texts["p11-kit"].starts_with(SOFTKEY_STRICT)) << texts["p11-kit"];
 }
 
 TEST_F(DoctorTest, AKeyThatHostsDoNotSeeOrCannotUseIsMendedAsItSays)
@@ -157,10 +161,10 @@ TEST_F(DoctorTest, AFolderThatIsNotThereIsEmptyOrOpenToOthersIsFound)
     EXPECT_NE(findings("--home " + path("empty")).dump().find("others may write to it"), std::string::npos);
 }
 
-/// Without the right to write everywhere that the administrator has.
+/// Without the right to read and write everywhere that the administrator has.
 std::string asOrdinaryUser()
 {
-    return geteuid() == 0 ? "setpriv --bounding-set=-dac_override --inh-caps=-all" : "";
+    return geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search --inh-caps=-all" : "";
 }
 
 TEST_F(DoctorTest, AFolderOrAFileThatIsReadOnlyIsFound)
@@ -188,6 +192,17 @@ TEST_F(DoctorTest, ACertificateWithoutItsKeyOrWithAnotherIdIsFound)
     expectWell();
 }
 
+TEST_F(DoctorTest, ACertificateOfAnIssuerIsExpectedToHaveNoKey)
+{
+    REQUIRE_OPENSSL_PROGRAM();
+    shown("req -x509 -newkey rsa:2048 -nodes -keyout " + path("ca.key") + " -subj /CN=Issuer -out " + path("ca.pem") +
+          " -addext basicConstraints=critical,CA:TRUE");
+    EXPECT_EQ(tool("import-certificate GOOD1 " + path("ca.pem") + WITH_CHOSEN_PIN).exitCode, 0);
+    expectWell();
+    EXPECT_NE(tool("doctor").out.find("note     key GOOD1: certificate 1 (CN=Issuer) is an issuer's"),
+              std::string::npos);
+}
+
 /// The module as it is installed: it knows nothing of the folder that the device library was built in.
 std::string moduleWithoutFolders()
 {
@@ -212,6 +227,78 @@ TEST_F(DoctorTest, AModuleThatIsNotThereOrDoesNotLoadIsFound)
     EXPECT_EQ(tool("doctor --module " + std::string(SOFTKEY_MODULE)).exitCode, 0);
 }
 
+/// A folder with the module and its device library, and no strict front.
+std::string folderOfModule(const std::string& folder)
+{
+    std::filesystem::create_directory(folder);
+    writeFile(folder + "/velkor-pkcs11.so", bytesOf(moduleWithoutFolders()));
+    std::filesystem::create_symlink(SOFTKEY_LIBRARY, folder + "/libVelkorDSCLibrary.so");
+    return folder;
+}
+
+TEST_F(DoctorTest, AStrictFrontThatIsNotThereOrDoesNotLoadIsFound)
+{
+    const std::string folder = folderOfModule(path("partial"));
+    const std::string module = " --module " + folder + "/velkor-pkcs11.so";
+    const std::string strict = folder + "/velkor-pkcs11-strict.so";
+    const std::string fix = remedy(findings(module), "strict front", "it is not there: " + strict);
+    EXPECT_TRUE(fix.starts_with("install it again")) << fix;
+    writeFile(strict, bytesOf("junk"));
+    remedy(findings(module), "strict front", strict);
+    std::filesystem::remove(strict);
+    std::filesystem::copy_file(SOFTKEY_STRICT, strict);
+    const Outcome outcome = tool("doctor" + module);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
+    EXPECT_NE(outcome.out.find("good     strict front: " + strict + " loads and works"), std::string::npos);
+    EXPECT_EQ(tool("doctor --module " + std::string(SOFTKEY_STRICT)).exitCode, 0);
+}
+
+TEST_F(DoctorTest, AConfigurationThatCannotBeReadOrUnderstoodIsFound)
+{
+    using std::filesystem::perms;
+    std::filesystem::permissions(configuration_, perms::none);
+    EXPECT_NE(remedy(findings("", asOrdinaryUser()), "configuration", configuration_ + " cannot be read")
+                  .find("chmod a+r " + configuration_),
+              std::string::npos);
+    std::filesystem::permissions(configuration_, perms::owner_read | perms::owner_write);
+    EXPECT_NE(remedy(findings("", "VELKOR_CONFIG=" + scratch.path().string()), "configuration", "cannot be read"), "");
+    scratch.file("velkor.conf", bytesOf("logLevel = all\n"));
+    EXPECT_NE(remedy(findings(), "configuration", "is not understood").find("logLevel = 0"), std::string::npos);
+    scratch.file("velkor.conf", bytesOf("# logLevel = all\n"));
+    expectWell();
+    std::filesystem::remove(configuration_);
+    EXPECT_NE(tool("doctor").out.find("note     configuration: there is no " + configuration_), std::string::npos);
+    expectWell();
+}
+
+TEST_F(DoctorTest, WhereTheLogWouldBeIsToldWhileNothingIsLogged)
+{
+    using std::filesystem::perms;
+    for (const std::string level : {"0", "1"}) {
+        scratch.file("velkor.conf", bytesOf("logLevel = " + level + "\n"));
+        const std::string folder = path("log" + level);
+        std::filesystem::create_directory(folder);
+        const Outcome outcome = run("TMPDIR=" + folder + " " + softkeyTool() + " doctor");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.out;
+        const std::string where = "log: nothing is logged; with logLevel = 2 errors would be in " + folder;
+        EXPECT_NE(outcome.out.find("note     " + where + "/Brenmoor/PROGRAM/"), std::string::npos) << outcome.out;
+        for (const auto& made : std::filesystem::recursive_directory_iterator(folder))
+            EXPECT_TRUE(made.is_directory()) << "a look makes no log";
+
+        const std::string effect = ": nothing could be logged";
+        EXPECT_NE(remedy(findings("", "TMPDIR=" + path("none")), "log", "there is no folder for it" + effect), "");
+        const std::string closed = path("closed" + level);
+        std::filesystem::create_directory(closed);
+        std::filesystem::permissions(closed, perms::owner_read | perms::owner_exec);
+        const json found = findings("", "TMPDIR=" + closed + " " + asOrdinaryUser());
+        EXPECT_NE(remedy(found, "log", "cannot be written" + effect).find("TMPDIR"), std::string::npos);
+        const std::string occupied = path("occupied" + level);
+        std::filesystem::create_directory(occupied);
+        writeFile(occupied + "/Brenmoor", {});
+        EXPECT_NE(remedy(findings("", "TMPDIR=" + occupied), "log", "cannot be written" + effect), "");
+    }
+}
+
 TEST_F(DoctorTest, ALogThatCannotBeWrittenIsFound)
 {
     EXPECT_NE(remedy(findings("", "TMPDIR=" + path("none")), "log", "there is no folder for it"), "");
@@ -233,8 +320,11 @@ TEST_F(DoctorTest, ARegistrationThatIsMissingOrWrongIsFound)
     EXPECT_NE(remedy(findings(), "p11-kit", "which is not there").find("velkor-pkcs11"), std::string::npos);
     registerModule("velkor-pkcs11-packed.so");
     EXPECT_NE(remedy(findings(), "p11-kit", "packed layout"), "");
+    registerModule(SOFTKEY_MODULE);
+    EXPECT_NE(remedy(findings(), "p11-kit", "names the plain module").find(SOFTKEY_STRICT), std::string::npos);
     registerModule("another.so");
-    const std::string fix = remedy(findings(), "p11-kit", "is not registered");
+    const std::string fix = remedy(findings(), "p11-kit", "the strict front is not registered");
+    EXPECT_NE(fix.find(SOFTKEY_STRICT), std::string::npos) << fix;
     EXPECT_NE(fix.find(path("pkcs11/modules/velkor.module")), std::string::npos) << fix;
 }
 
