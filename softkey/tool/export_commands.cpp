@@ -110,7 +110,7 @@ void exportCertificate(Session& session, const ExportOptions& options)
     const ByteVector& der = numbered(contents->certificates, options.number).der;
     if (options.isWanted("pkcs12")) {
         requireFolderFor(options.file);
-        return writeOutput(options.file, pkcs12With(der, options.passPhrase.read()));
+        return writeOutput(options.file, pkcs12With(der, options.passPhrase.readTwice()));
     }
     const auto writePem = [&](BIO* out) {
         return PEM_write_bio(out, PEM_STRING_X509, "", der.data(), static_cast<long>(der.size())) > 0;

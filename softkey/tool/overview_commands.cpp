@@ -158,10 +158,11 @@ void list(Session& session, bool withObjects)
         lines += textOf(key);
         keys.push_back(std::move(key.document));
     }
+    if (keys.empty() && !session.json)
+        return tell(false, {}, "there is no key in " + session.folder().string() + "; velkor-softkey create makes one");
     if (!lines.empty())
         lines.pop_back();
-    if (session.json || !lines.empty())
-        session.print(keys, lines);
+    session.print(keys, lines);
 }
 
 void addList(CLI::App& app, Session& session)

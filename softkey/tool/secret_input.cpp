@@ -115,12 +115,24 @@ Pin PinSource::read() const
     return readOnce(name_);
 }
 
+void PinSource::confirm(const Pin& pin) const
+{
+    if (!isGiven() && std::string_view(pin) != std::string_view(readOnce(name_ + " again")))
+        throw Failure(ExitCode::PinRefused, "the two entries of the " + name_ + " differ; nothing was changed");
+}
+
+Pin PinSource::readTwice() const
+{
+    Pin pin = readOnce(name_);
+    confirm(pin);
+    return pin;
+}
+
 Pin PinSource::readNew() const
 {
     Pin pin = readOnce(name_);
     requirePinLength(pin);
-    if (!isGiven() && std::string_view(pin) != std::string_view(readOnce(name_ + " again")))
-        throw Failure(ExitCode::PinRefused, "the two entries of the " + name_ + " differ; nothing was changed");
+    confirm(pin);
     return pin;
 }
 

@@ -34,11 +34,14 @@ public:
     /// Whether one of the options was used.
     bool isGiven() const { return !environmentVariable_.empty() || descriptor_ >= 0; }
     Pin read() const;
-    /// Throws PinLength for what cannot become a PIN. A prompt asks twice.
+    /// A secret that is being set: a prompt asks twice.
+    Pin readTwice() const;
+    /// The same of a PIN. Throws PinLength for what cannot become one.
     Pin readNew() const;
 
 private:
     Pin readOnce(const std::string& prompt) const;
+    void confirm(const Pin& pin) const;
     Pin fromEnvironment() const;
     Pin fromDescriptor() const;
     Pin fromTerminal(const std::string& prompt) const;

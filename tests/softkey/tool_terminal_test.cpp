@@ -93,6 +93,27 @@ TEST_F(ToolTest, PromptsShowNoPinAndAskTwiceForANewOne)
     EXPECT_EQ(exitCode, 2) << "asked once, since it cannot become a PIN";
 }
 
+TEST_F(ToolTest, APassPhraseIsAskedTwiceWhenItIsSetAndOnceWhenItIsRead)
+{
+    makeKeyAndCertificate();
+    EXPECT_EQ(tool("import-certificate KEY1 " + path("c.pem") + WITH_PIN).exitCode, 0);
+    const std::string file = path("a.p12");
+    const std::vector<std::string> exporting{"export-certificate", "KEY1", "1", "--format", "pkcs12", "--out", file};
+    int exitCode = -1;
+    const std::string differed = onTerminal(exporting, {"phrase-1", "phrase-x"}, exitCode);
+    EXPECT_EQ(exitCode, 3);
+    EXPECT_NE(differed.find("the two entries of the pass phrase of the PKCS #12 file differ"), std::string::npos)
+        << differed;
+    EXPECT_FALSE(std::filesystem::exists(file));
+    const std::string shown = onTerminal(exporting, {"phrase-1", "phrase-1"}, exitCode);
+    EXPECT_EQ(exitCode, 0) << shown;
+    EXPECT_NE(shown.find("pass phrase of the PKCS #12 file again: "), std::string::npos) << shown;
+    EXPECT_EQ(shown.find("phrase-1"), std::string::npos) << shown;
+    EXPECT_EQ(onTerminal({"import", "KEY1", file, "--pin-env", "USER_PIN"}, {"phrase-1"}, exitCode),
+              "pass phrase of the file: \r\ncertificate 1\r\n");
+    EXPECT_EQ(exitCode, 0);
+}
+
 TEST_F(ToolTest, AnInterruptedPromptLeavesTheTerminalAsItWas)
 {
     int terminal = -1;

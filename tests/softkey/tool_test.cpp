@@ -219,11 +219,25 @@ TEST_F(ToolTest, ListShowsFilesThatCannotBeUsed)
     expectFailure("info JUNK", 7);
 }
 
-TEST_F(ToolTest, AnEmptyListIsEmpty)
+TEST_F(ToolTest, AnEmptyListIsEmptyAndSaysWhatComesNext)
 {
     const std::string elsewhere = "--home " + path("none") + " ";
-    EXPECT_EQ(tool(elsewhere + "list").out, "");
-    EXPECT_EQ(result(elsewhere + "list"), json::array());
+    for (const std::string command : {"list", "list --tree"}) {
+        const Outcome outcome = tool(elsewhere + command);
+        EXPECT_EQ(outcome.exitCode, 0);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.error,
+                  "velkor-softkey: there is no key in " + path("none") + "; velkor-softkey create makes one\n");
+        EXPECT_EQ(result(elsewhere + command), json::array());
+    }
+}
+
+TEST_F(ToolTest, TheVersionIsThatOfTheProject)
+{
+    const Outcome outcome = tool("--version");
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, "velkor-softkey " PROJECT_VERSION_TEXT "\n");
+    EXPECT_EQ(outcome.error, "");
 }
 
 TEST_F(ToolTest, PinsAreChangedAndUnlocked)
