@@ -11,6 +11,10 @@ namespace softkey
 void* takeTableMemory(std::size_t size);
 void giveBackTableMemory(void* memory, std::size_t size) noexcept;
 
+/// Has the system give all pages of a block that is about to be filled at once, which costs less than one by one.
+/// Whose block it is does not matter, nor what is in it.
+void populateTableMemory(void* memory, std::size_t size) noexcept;
+
 /// For containers.
 template <class T>
 struct TableAllocator {

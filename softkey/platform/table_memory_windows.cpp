@@ -16,4 +16,6 @@ void giveBackTableMemory(void* memory, std::size_t) noexcept
     ::operator delete(memory);
 }
 
+void populateTableMemory(void*, std::size_t) noexcept {}
+
 } // namespace softkey

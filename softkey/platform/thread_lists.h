@@ -2,6 +2,7 @@
 // released when the thread ends.
 #pragma once
 
+#include "platform/table_memory.h"
 #include "velkor/device_service.h"
 
 #include <cstdint>
@@ -26,6 +27,10 @@ public:
         if (reading == reading_ && records_.size() == source.size() && records_.data() == filled_)
             return;
         clear();
+        if (records_.capacity() < source.size()) {
+            records_.reserve(source.size());
+            populateTableMemory(records_.data(), source.size() * sizeof(Record));
+        }
         records_.assign(source.begin(), source.end());
         reading_ = reading;
         filled_ = records_.data();
