@@ -3,6 +3,7 @@
 #include "base/patience.h"
 #include "platform/draft.h"
 #include "platform/file_lock.h"
+#include "platform/table_memory.h"
 #include "store/schema.h"
 
 #include <algorithm>
@@ -161,6 +162,16 @@ void joinQueue(std::optional<FileLock>& queue, const std::filesystem::path& path
     }
 }
 
+/// With room for the margin of a database.
+ByteVector zeros(std::size_t size)
+{
+    ByteVector image;
+    image.reserve(size + Database::IMAGE_MARGIN);
+    populateTableMemory(image.data(), size);
+    image.resize(size);
+    return image;
+}
+
 /// The file is read between two looks at its journal: when these are alike, all that was written to the file by then
 /// is in the journal that was read. Where changes follow each other too closely for that, the reader becomes the next
 /// in the queue of those who change the file: after the change that is under way it stands still.
@@ -171,7 +182,7 @@ ByteVector imageOf(const Database& file, const std::filesystem::path& path)
     for (int attempt = 1;; ++attempt) {
         requireKeyFileHeader(file);
         const Moment before = momentOf(file, path);
-        ByteVector image(file.rawSize());
+        ByteVector image = zeros(file.rawSize());
         const bool complete = file.readRaw(image, 0);
         if (complete && momentOf(file, path) == before) {
             putBack(image, before.journal);
