@@ -5,8 +5,9 @@
 #   bench/compare.sh            builds, makes the keys, measures, and prints the table
 #   bench/compare.sh prepare    builds and makes the keys only
 #   bench/compare.sh measure    measures with what is there, and prints the table; ROUNDS=1 for once instead of three times
-#   bench/compare.sh document   puts tables, profile and pictures of what was measured into docs/performance.md; installs
+#   bench/compare.sh write      puts tables, profile and pictures of what was measured into docs/performance.md; installs
 #                               perf and matplotlib from Debian's packages
+#   bench/compare.sh document   all of this, from the build to the pictures
 #
 # Installs SoftHSM2 from Debian's packages. Writes below build/compare only: the keys stay there, so that a second run
 # is quick; the figures are in *.json. To be run on a machine that does nothing else.
@@ -33,7 +34,7 @@ build() {
     softhsm=$(find_softhsm)
     cmake --preset release -B "$build" -D VELKOR_BUILD_BENCHMARKS=ON >"$folder/build.log"
     cmake --build "$build" --target compare_bench entry_points_bench entry_points_bench_instant softkey_bench \
-        velkor-pkcs11 velkor-pkcs11-strict velkor-softkey >>"$folder/build.log"
+        line_bench velkor-pkcs11 velkor-pkcs11-strict velkor-softkey >>"$folder/build.log"
 }
 
 find_softhsm() {
@@ -60,11 +61,30 @@ make_keys() {
     done
 }
 
+# Two tokens for two threads. The software key's have the same key pair: the module's record of the key in use is that of
+# all sessions, and two threads with two keys would take each other's.
+join_keys() {
+    local serial
+    for_size two
+    [ ! -d "$VELKOR_SOFTKEY_HOME" ] || return 0
+    mkdir -p "$folder/softhsm-two"
+    cp -r "$folder"/softhsm-2/* "$folder"/softhsm-4/* "$folder/softhsm-two"
+    sed 's/softhsm-2$/softhsm-two/' "$folder/softhsm-2.conf" >"$SOFTHSM2_CONF"
+    openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$folder/two.pem"
+    for serial in BENCH BENCH2; do
+        USER_PIN=$pin SO_PIN=$so_pin "$build/bin/velkor-softkey" create --serial $serial --label "bench" \
+            --pin-env USER_PIN --so-pin-env SO_PIN >/dev/null
+        USER_PIN=$pin "$build/bin/velkor-softkey" import $serial "$folder/two.pem" --id 00000002 --label "bench" \
+            --pin-env USER_PIN >/dev/null
+    done
+}
+
 # measure NAME SIZE LIBRARY: all rows for two and four key pairs, for others those that depend on the number.
 measure() {
     local filter=.
     case $2 in
     2 | 4) ;;
+    two) filter='^SignP256OnTwoTokens' ;;
     *) filter='^(SignP256/|FiveAttributes|FindPrivateKeyById|ListPublicKeys|Once)' ;;
     esac
     for_size "$2"
@@ -79,7 +99,9 @@ measure_all() {
         echo "round $round" >&2
         "$program" --benchmark_min_time=0.25 --benchmark_format=json \
             --benchmark_out="$folder/libcrypto-0-$round.json" libcrypto >/dev/null
-        for size in $sizes; do
+        "$build/bin/line_bench" --benchmark_min_time=0.25 --benchmark_format=json \
+            --benchmark_out="$folder/line-$round.json" >/dev/null
+        for size in $sizes two; do
             measure softhsm2 "$size" "$softhsm"
             measure module "$size" "$module"
             measure strict "$size" "$strict"
@@ -93,6 +115,14 @@ measure_all() {
         --benchmark_out="$folder/entry-points-instant.json" "$module" $pin >/dev/null
 }
 
+write_document() {
+    scripts/setup.sh linux-perf python3-matplotlib
+    bench/table "$folder" docs/performance.md
+    bench/profile "$program" "$module" "$folder" docs/performance.md
+    mkdir -p docs/performance
+    bench/plot "$folder" docs/performance
+}
+
 mkdir -p "$folder/tmp"
 # The level's file is older than any look at it, as on a machine that is set up.
 export VELKOR_CONFIG=$folder/velkor.conf TMPDIR=$folder/tmp
@@ -102,26 +132,31 @@ case ${1:-all} in
 prepare)
     build
     make_keys
+    join_keys
     ;;
 measure)
     measure_all
     bench/table "$folder"
     ;;
+write)
+    write_document
+    ;;
 document)
-    scripts/setup.sh linux-perf python3-matplotlib
-    bench/table "$folder" docs/performance.md
-    bench/profile "$program" "$module" "$folder" docs/performance.md
-    mkdir -p docs/performance
-    bench/plot "$folder" docs/performance
+    build
+    make_keys
+    join_keys
+    measure_all
+    write_document
     ;;
 all)
     build
     make_keys
+    join_keys
     measure_all
     bench/table "$folder"
     ;;
 *)
-    echo "usage: bench/compare.sh [prepare | measure | document]" >&2
+    echo "usage: bench/compare.sh [prepare | measure | write | document]" >&2
     exit 2
     ;;
 esac

@@ -2,6 +2,7 @@
 // libcrypto by itself. bench/compare.sh runs it for each and prints the figures side by side.
 #include "cryptoki_host.h"
 #include "direct_crypto.h"
+#include "looks.h"
 
 #include <benchmark/benchmark.h>
 
@@ -42,14 +43,37 @@ ByteString inputOf(CK_MECHANISM_TYPE mechanism)
     return mechanism == CKM_RSA_PKCS ? bench::digestInfoOf(HASH) : HASH;
 }
 
-void sign(State& state, const Host& host, CK_MECHANISM_TYPE mechanism, std::uint32_t pair)
+/// Times an operation, once whatever happens the first time is over: a token may ask its PIN's cost then. Last it
+/// counts the operation's looks at files, which is not part of the time either.
+template <class Operation>
+void measure(State& state, const Operation& operation)
 {
-    const CK_SESSION_HANDLE session = host.openSession();
+    operation();
+    for (auto _ : state)
+        operation();
+    state.SetItemsProcessed(state.iterations());
+    constexpr int TURNS = 4;
+    const bench::CountedLooks counted;
+    for (int turn = 0; turn < TURNS; ++turn)
+        operation();
+    const auto each = [](unsigned looks) {
+        return benchmark::Counter(static_cast<double>(looks) / TURNS, benchmark::Counter::kAvgThreads);
+    };
+    state.counters["level_looks"] = each(counted.looks().atLevel);
+    state.counters["counter_looks"] = each(counted.looks().atCounter);
+}
+
+void signOn(State& state, const Host& host, CK_SLOT_ID slot, CK_MECHANISM_TYPE mechanism, std::uint32_t pair)
+{
+    const CK_SESSION_HANDLE session = host.openSession(slot);
     const CK_OBJECT_HANDLE key = host.key(session, CKO_PRIVATE_KEY, pair);
     ByteString data = inputOf(mechanism);
-    for (auto _ : state)
-        host.sign(session, mechanism, key, data);
-    state.SetItemsProcessed(state.iterations());
+    measure(state, [&] { host.sign(session, mechanism, key, data); });
+}
+
+void sign(State& state, const Host& host, CK_MECHANISM_TYPE mechanism, std::uint32_t pair)
+{
+    signOn(state, host, host.slot(), mechanism, pair);
 }
 
 void verify(State& state, const Host& host, CK_MECHANISM_TYPE mechanism, std::uint32_t pair)
@@ -58,8 +82,7 @@ void verify(State& state, const Host& host, CK_MECHANISM_TYPE mechanism, std::ui
     const CK_OBJECT_HANDLE key = host.key(session, CKO_PUBLIC_KEY, pair);
     ByteString data = inputOf(mechanism);
     ByteString signature = host.sign(session, mechanism, host.key(session, CKO_PRIVATE_KEY, pair), data);
-    for (auto _ : state)
-        host.verify(session, mechanism, key, data, signature);
+    measure(state, [&] { host.verify(session, mechanism, key, data, signature); });
 }
 
 void addSignatures(const Host& host)
@@ -76,24 +99,39 @@ void addSignatures(const Host& host)
     add("VerifyRsa2048", host, [&](State& state) { verify(state, host, CKM_RSA_PKCS, RSA_PAIR); });
 }
 
+/// Each thread signs on a token of its own, when there are two.
+void addTwoTokens(const Host& host)
+{
+    if (host.slots().size() < 2)
+        return;
+    constexpr std::uint32_t P256_PAIR = 2;
+    for (const int threads : {1, 2})
+        benchmark::RegisterBenchmark("SignP256OnTwoTokens",
+                                     [&](State& state) {
+                                         const auto token = static_cast<std::size_t>(state.thread_index());
+                                         signOn(state, host, host.slots()[token], CKM_ECDSA, P256_PAIR);
+                                     })
+            ->Threads(threads)
+            ->UseRealTime();
+}
+
 void addEncryption(const Host& host)
 {
     add("EncryptRsa2048", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         const CK_OBJECT_HANDLE key = host.key(session, CKO_PUBLIC_KEY, RSA_PAIR);
         ByteString plaintext = HASH;
-        for (auto _ : state)
-            host.encrypt(session, key, plaintext);
+        measure(state, [&] { host.encrypt(session, key, plaintext); });
     });
     add("DecryptRsa2048", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         const CK_OBJECT_HANDLE key = host.key(session, CKO_PRIVATE_KEY, RSA_PAIR);
         ByteString plaintext = HASH;
         ByteString ciphertext = host.encrypt(session, host.key(session, CKO_PUBLIC_KEY, RSA_PAIR), plaintext);
-        for (auto _ : state) {
+        measure(state, [&] {
             if (host.decrypt(session, key, ciphertext) != plaintext)
                 state.SkipWithError("the plaintext is another");
-        }
+        });
     });
 }
 
@@ -106,14 +144,14 @@ void readFiveAttributes(State& state, const Host& host)
     CK_BBOOL canSign = CK_FALSE;
     unsigned char id[128];
     unsigned char label[128];
-    for (auto _ : state) {
+    measure(state, [&] {
         CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &objectClass, sizeof objectClass},
                                      {CKA_KEY_TYPE, &keyType, sizeof keyType},
                                      {CKA_ID, id, sizeof id},
                                      {CKA_LABEL, label, sizeof label},
                                      {CKA_SIGN, &canSign, sizeof canSign}};
         bench::require(host->C_GetAttributeValue(session, key, attributes, 5), "C_GetAttributeValue");
-    }
+    });
 }
 
 void addObjects(const Host& host)
@@ -121,16 +159,15 @@ void addObjects(const Host& host)
     add("FiveAttributes", host, [&](State& state) { readFiveAttributes(state, host); });
     add("FindPrivateKeyById", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
-        for (auto _ : state)
-            benchmark::DoNotOptimize(host.key(session, CKO_PRIVATE_KEY, middlePair(host)));
+        measure(state, [&] { benchmark::DoNotOptimize(host.key(session, CKO_PRIVATE_KEY, middlePair(host))); });
     });
     add("ListPublicKeys", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         CK_OBJECT_CLASS publicKey = CKO_PUBLIC_KEY;
-        for (auto _ : state) {
+        measure(state, [&] {
             if (host.find(session, {{CKA_CLASS, &publicKey, sizeof publicKey}}).size() != host.keyPairs())
                 state.SkipWithError("the list is not complete");
-        }
+        });
     });
 }
 
@@ -139,20 +176,18 @@ void addSmallCalls(const Host& host)
     add("Sha256Of64Bytes", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         ByteString data(64, 1);
-        for (auto _ : state)
-            host.digest(session, data);
+        measure(state, [&] { host.digest(session, data); });
     });
     add("GetSessionInfo", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         CK_SESSION_INFO info;
-        for (auto _ : state)
-            bench::require(host->C_GetSessionInfo(session, &info), "C_GetSessionInfo");
+        measure(state, [&] { bench::require(host->C_GetSessionInfo(session, &info), "C_GetSessionInfo"); });
     });
     add("Random32Bytes", host, [&](State& state) {
         const CK_SESSION_HANDLE session = host.openSession();
         unsigned char bytes[32];
-        for (auto _ : state)
-            bench::require(host->C_GenerateRandom(session, bytes, sizeof bytes), "C_GenerateRandom");
+        measure(state,
+                [&] { bench::require(host->C_GenerateRandom(session, bytes, sizeof bytes), "C_GenerateRandom"); });
     });
 }
 
@@ -165,6 +200,8 @@ void addOnce(const Host& host)
         state.counters["first_slot_list_ms"] = host.firstCalls().slotListMilliseconds;
         state.counters["first_search_ms"] = host.firstCalls().searchMilliseconds;
         state.counters["memory_mib"] = host.memory();
+        for (const auto& [kind, mebibytes] : host.memoryParts())
+            state.counters["memory: " + kind] = mebibytes;
     })->Iterations(1);
 }
 
@@ -205,11 +242,10 @@ void addDirectWork()
 void addLooks()
 {
     benchmark::RegisterBenchmark("LookAtFile", [](State& state) {
-        const char* path = std::getenv("VELKOR_CONFIG");
         struct stat status {
         };
         for (auto _ : state)
-            benchmark::DoNotOptimize(stat(path != nullptr ? path : "/etc/brenmoor/velkor.conf", &status));
+            benchmark::DoNotOptimize(stat(bench::levelFile(), &status));
     });
     benchmark::RegisterBenchmark("ReadFourBytes", [](State& state) {
         const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
@@ -248,6 +284,7 @@ int main(int argumentCount, char** arguments)
         return 0;
     }
     addSignatures(host);
+    addTwoTokens(host);
     addEncryption(host);
     addObjects(host);
     addSmallCalls(host);

@@ -1,5 +1,7 @@
 #include "cryptoki_host.h"
 
+#include "memory_map.h"
+
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -66,21 +68,20 @@ void require(CK_RV result, const char* call)
 }
 
 Host::Host(const std::string& file, const std::string& pin)
-    : pin_(pin), memoryBefore_(residentMemory()), p11_(load(file))
+    : pin_(pin), memoryBefore_(residentMemory()), partsBefore_(memoryByMapping()), p11_(load(file))
 {
     CK_C_INITIALIZE_ARGS arguments = {};
     arguments.flags = CKF_OS_LOCKING_OK;
     require(p11_->C_Initialize(&arguments), "C_Initialize");
-    chooseSlot();
+    chooseSlots();
     searchFirst();
-    require(p11_->C_Login(openSession(), CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin_.data()),
-                          static_cast<CK_ULONG>(pin_.size())),
-            "C_Login");
+    for (const CK_SLOT_ID slot : slots_)
+        login(slot);
     CK_OBJECT_CLASS publicKey = CKO_PUBLIC_KEY;
     keyPairs_ = static_cast<CK_ULONG>(find(openSession(), {{CKA_CLASS, &publicKey, sizeof publicKey}}).size());
 }
 
-void Host::chooseSlot()
+void Host::chooseSlots()
 {
     const auto start = Clock::now();
     CK_ULONG count = 0;
@@ -91,13 +92,22 @@ void Host::chooseSlot()
     for (const CK_SLOT_ID slot : slots) {
         CK_TOKEN_INFO info;
         require(p11_->C_GetTokenInfo(slot, &info), "C_GetTokenInfo");
-        if (std::memcmp(info.label, TOKEN_LABEL, std::strlen(TOKEN_LABEL)) != 0)
-            continue;
-        slot_ = slot;
-        return;
+        if (std::memcmp(info.label, TOKEN_LABEL, std::strlen(TOKEN_LABEL)) == 0)
+            slots_.push_back(slot);
     }
+    if (!slots_.empty())
+        return;
     std::fprintf(stderr, "no token has a label that begins with \"%s\"\n", TOKEN_LABEL);
     std::exit(1);
+}
+
+/// Where a login is that of all tokens, the first one is enough.
+void Host::login(CK_SLOT_ID slot) const
+{
+    std::string pin = pin_;
+    const CK_RV result = p11_->C_Login(openSession(slot), CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
+                                       static_cast<CK_ULONG>(pin.size()));
+    require(result == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : result, "C_Login");
 }
 
 void Host::searchFirst()
@@ -115,15 +125,23 @@ double Host::memory() const
     return residentMemory() - memoryBefore_;
 }
 
+std::map<std::string, double> Host::memoryParts() const
+{
+    std::map<std::string, double> parts = memoryByMapping();
+    for (const auto& [kind, before] : partsBefore_)
+        parts[kind] -= before;
+    return parts;
+}
+
 void Host::end()
 {
     require(p11_->C_Finalize(nullptr), "C_Finalize");
 }
 
-CK_SESSION_HANDLE Host::openSession() const
+CK_SESSION_HANDLE Host::openSession(CK_SLOT_ID slot) const
 {
     CK_SESSION_HANDLE session = 0;
-    require(p11_->C_OpenSession(slot_, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
+    require(p11_->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session),
             "C_OpenSession");
     return session;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,19 +26,24 @@ struct FirstCalls {
 class Host
 {
 public:
-    /// Starts the library and logs in.
+    /// Starts the library and logs in, on every token of the benchmarks.
     Host(const std::string& file, const std::string& pin);
 
     CK_FUNCTION_LIST_PTR operator->() const { return p11_; }
-    CK_SLOT_ID slot() const { return slot_; }
+    /// The first token of the benchmarks.
+    CK_SLOT_ID slot() const { return slots_.front(); }
+    const std::vector<CK_SLOT_ID>& slots() const { return slots_; }
     const std::string& pin() const { return pin_; }
     FirstCalls firstCalls() const { return firstCalls_; }
     CK_ULONG keyPairs() const { return keyPairs_; }
     /// Mebibytes that the process has come to hold since the library was loaded.
     double memory() const;
+    /// The same by what it is mapped from, see memory_map.h.
+    std::map<std::string, double> memoryParts() const;
     void end();
 
-    CK_SESSION_HANDLE openSession() const;
+    CK_SESSION_HANDLE openSession() const { return openSession(slot()); }
+    CK_SESSION_HANDLE openSession(CK_SLOT_ID slot) const;
     /// Pair 1 is RSA with 2048 bits, all others are on P-256. Their IDs are their numbers, four bytes big-endian.
     void makeKeyPairs(CK_ULONG count) const;
     /// The private half of the new pair.
@@ -53,13 +59,15 @@ public:
     ByteString digest(CK_SESSION_HANDLE session, ByteString& data) const;
 
 private:
-    void chooseSlot();
+    void chooseSlots();
     void searchFirst();
+    void login(CK_SLOT_ID slot) const;
 
     std::string pin_;
     double memoryBefore_;
+    std::map<std::string, double> partsBefore_;
     CK_FUNCTION_LIST_PTR p11_ = nullptr;
-    CK_SLOT_ID slot_ = 0;
+    std::vector<CK_SLOT_ID> slots_;
     FirstCalls firstCalls_;
     CK_ULONG keyPairs_ = 0;
 };
