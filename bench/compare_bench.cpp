@@ -260,6 +260,7 @@ int usage()
 {
     std::fprintf(stderr, "usage: compare_bench [--benchmark_...] libcrypto\n"
                          "       compare_bench [--benchmark_...] LIBRARY PIN\n"
+                         "       compare_bench LIBRARY             starts it, for a profile of the first calls\n"
                          "       compare_bench LIBRARY PIN PAIRS   makes key pairs until there are so many\n");
     return 2;
 }
@@ -273,6 +274,10 @@ int main(int argumentCount, char** arguments)
         addDirectWork();
         addLooks();
         benchmark::RunSpecifiedBenchmarks();
+        return 0;
+    }
+    if (argumentCount == 2) {
+        Host(arguments[1], "").end();
         return 0;
     }
     if (argumentCount != 3 && argumentCount != 4)

@@ -75,6 +75,8 @@ Host::Host(const std::string& file, const std::string& pin)
     require(p11_->C_Initialize(&arguments), "C_Initialize");
     chooseSlots();
     searchFirst();
+    if (pin_.empty())
+        return;
     for (const CK_SLOT_ID slot : slots_)
         login(slot);
     CK_OBJECT_CLASS publicKey = CKO_PUBLIC_KEY;

@@ -26,7 +26,7 @@ struct FirstCalls {
 class Host
 {
 public:
-    /// Starts the library and logs in, on every token of the benchmarks.
+    /// Starts the library, looks for a key once, and logs in on every token of the benchmarks, unless the PIN is empty.
     Host(const std::string& file, const std::string& pin);
 
     CK_FUNCTION_LIST_PTR operator->() const { return p11_; }
