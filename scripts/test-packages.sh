@@ -2,33 +2,11 @@
 # Installs, uses, upgrades, removes and purges the Debian packages of a folder on a fresh Debian below build/, as root:
 #   scripts/test-packages.sh FOLDER
 set -euo pipefail
-packages=$(realpath "$1")
-cd "$(dirname "$0")/.."
-[ "$(id -u)" -eq 0 ] || { echo "test-packages.sh: packages are installed by root alone" >&2; exit 1; }
-scripts/setup.sh mmdebstrap
+. "$(dirname "$0")/fresh-debian.sh"
 version=$(dpkg-deb --field "$(echo "$packages"/velkor-pkcs11_*.deb)" Version)
-base=$PWD/build/debian-base
-root=$PWD/build/debian
+fresh_debian debian opensc,openssl,p11-kit,openssh-client
+newer=$(mktemp -d "$root-written/XXXXXX")
 
-# The fresh system is kept; what is installed goes into a copy of it.
-if [ ! -e "$base.done" ]; then
-    echo "  a fresh Debian"
-    rm -rf "$base"
-    # From where this machine has its own packages.
-    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Codename: bookworm' 'Component: main' | head -n 1)
-    mmdebstrap --quiet --mode=root --variant=minbase --components=main \
-        --include=opensc,openssl,p11-kit,openssh-client bookworm "$base" "$mirror" >build/debian-base.log 2>&1 ||
-        { cat build/debian-base.log >&2; exit 1; }
-    touch "$base.done"
-fi
-rm -rf "$root"
-cp -a "$base" "$root"
-newer=$(mktemp -d)
-trap 'rm -rf "$newer" "$root"' EXIT
-
-inside() {
-    chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive "$@"
-}
 # Every file, but for what package managers keep for themselves and what users have made.
 files() {
     (cd "$root" && find . -xdev \( -path ./proc -o -path ./dev -o -path ./tmp -o -path ./root \) -prune -o -print) |
@@ -36,14 +14,10 @@ files() {
             -e '^\./var/lib/apt/' -e '^\./var/log/' -e '^\./var/cache/' | sort
 }
 step() { echo "  $*"; }
-# quiet COMMAND...: is heard only when it fails.
-quiet() { "$@" >build/test-packages.log 2>&1 || { cat build/test-packages.log >&2; return 1; }; }
-
 files >build/debian-before.txt
 
 step "install"
-cp "$packages"/*.deb "$root/tmp"
-quiet inside sh -c 'apt-get install --yes --no-download -o APT::Sandbox::User=root /tmp/*.deb'
+install_packages
 grep --quiet '^logLevel = 0$' "$root/etc/brenmoor/velkor.conf"
 # completes SHELL PATTERN: the sources' completions for that shell are where it looks for them.
 completes() {

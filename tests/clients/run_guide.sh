@@ -2,17 +2,20 @@
 # Runs the commands of guides, word by word, as somebody who follows them: the fenced blocks marked `sh` of each page, one
 # behind the other in one shell, which ends with the first command that fails.
 #
-#   run_guide.sh BUILD FOLDER PAGE...    BUILD has the built libraries; FOLDER is made, and has the home
+#   run_guide.sh BUILD FOLDER PAGE...    BUILD has the built libraries, or is `installed`, where the packages are; FOLDER
+#                                        is made, and has the home
 #
 # Of a page only the folder of the installed libraries is changed, for that of BUILD. What the pages speak of is there: a
-# letter, a program to sign, server.example with ssh and https, and a program that answers for whoever is asked for a PIN.
+# letter, a program to sign, server.example with ssh and https, a Firefox that was started once, and a program that answers
+# for whoever is asked for a PIN. At the end Firefox visits a server that knows the user's certificate.
 set -euo pipefail
 sources=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-build=$(realpath "$1")
+installed=/usr/lib/x86_64-linux-gnu/velkor
+libraries=$installed
+[ "$1" = installed ] || { build=$(realpath "$1") && libraries=$build/lib; }
 folder=$2
 pages=()
 for page in "${@:3}"; do pages+=("$(realpath "$page")"); done
-installed=/usr/lib/x86_64-linux-gnu/velkor
 mkdir "$folder"
 folder=$(realpath "$folder")
 mkdir -m 700 "$folder/home" "$folder/tmp" "$folder/run" "$folder/bin" "$folder/world"
@@ -27,7 +30,7 @@ trap leave EXIT
 # The block's commands behind the page's name, for whoever reads a failure.
 blocks_of() { # blocks_of PAGE
     echo "echo '# $(basename "$1")'"
-    awk '/^```/ { inside = !inside && $0 == "```sh"; next } inside' "$1" | sed "s|$installed|$build/lib|g"
+    awk '/^```/ { inside = !inside && $0 == "```sh"; next } inside' "$1" | sed "s|$installed|$libraries|g"
 }
 for page in "${pages[@]}"; do
     blocks_of "$page" >"$folder/block"
@@ -36,6 +39,26 @@ for page in "${pages[@]}"; do
 done >"$folder/commands"
 
 mentions() { grep -q -e "$1" "$folder/commands"; }
+# as_user COMMAND...: in the home, with nothing of this script's environment.
+as_user() {
+    (cd "$folder/home" && env -i HOME="$folder/home" PATH="$folder/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin" \
+        LANG=C.UTF-8 TMPDIR="$folder/tmp" XDG_RUNTIME_DIR="$folder/run" GNUPGHOME="$folder/home/.gnupg" \
+        SSH_ASKPASS="$folder/world/askpass" SSH_ASKPASS_REQUIRE=force "$@" </dev/null)
+}
+# The server knows the certificate of the quickstart's key, and Firefox the server's issuer.
+visit_with_firefox() {
+    local profile pin
+    profile=$(find "$folder/home" -path '*.default-esr/cert9.db' -printf '%h\n')
+    pin=$(sed -n 's/^export PIN=\([0-9]*\) .*/\1/p' "$folder/commands")
+    as_user velkor-softkey export-certificate MYKEY1 1 --out "$PWD/ca.pem"
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout issuer.key -out issuer.pem -subj /CN=Issuer -days 2 2>/dev/null
+    openssl req -x509 -CA issuer.pem -CAkey issuer.key -newkey rsa:2048 -nodes -keyout localhost.key -out localhost.pem \
+        -subj /CN=localhost -days 2 -addext subjectAltName=DNS:localhost -addext basicConstraints=CA:FALSE 2>/dev/null
+    certutil -A -d "sql:$profile" -n issuer -t C,, -i issuer.pem
+    start_server
+    as_user timeout 150 python3 "$sources/tests/clients/firefox_client.py" "$profile" mykey "$pin" \
+        "https://localhost:$port/" "Client certificate"
+}
 . "$sources/tests/clients/hosts/servers.sh"
 cd "$folder/world"
 if mentions "ssh"; then
@@ -77,21 +100,20 @@ if mentions "gpgsm"; then
     mkdir -m 700 "$folder/home/.gnupg"
     echo "pinentry-program $folder/world/pinentry" >"$folder/home/.gnupg/gpg-agent.conf"
 fi
-if mentions ".mozilla"; then
-    mkdir -p "$folder/home/.mozilla/firefox/abc.default-esr"
-    certutil -N -d "sql:$folder/home/.mozilla/firefox/abc.default-esr" --empty-password
+if mentions "default-esr"; then # A picture of nothing: that is a start with an end.
+    as_user timeout 60 firefox-esr --headless --screenshot "$folder/world/nothing.png" about:blank
 fi
-mkdir -p "$folder/home/.config/pkcs11/modules" "$folder/home/.ssh" # As the packages register it for everybody.
-echo "module: $build/lib/velkor-pkcs11-strict.so" >"$folder/home/.config/pkcs11/modules/velkor.module"
-for program in velkor-softkey velkor-trace; do ln -s "$build/bin/$program" "$folder/bin/$program"; done
+mkdir -p "$folder/home/.ssh"
+if [ "$libraries" != "$installed" ]; then # As the packages register it for everybody.
+    mkdir -p "$folder/home/.config/pkcs11/modules"
+    echo "module: $libraries/velkor-pkcs11-strict.so" >"$folder/home/.config/pkcs11/modules/velkor.module"
+    for program in velkor-softkey velkor-trace; do ln -s "$build/bin/$program" "$folder/bin/$program"; done
+fi
 ln -s /usr/bin/python3 "$folder/bin/python3" # Debian's, which has its packages.
 [ ! -e "$folder/bin/ssh" ] || chmod +x "$folder/bin/ssh"
 chmod +x askpass pinentry
 python3 "$sources/tests/clients/hosts/make_pdf.py" "$folder/home/letter.pdf"
 python3 "$sources/tests/clients/hosts/make_program.py" "$folder/home/program.exe"
 
-cd "$folder/home"
-env -i HOME="$folder/home" PATH="$folder/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin" LANG=C.UTF-8 TMPDIR="$folder/tmp" \
-    XDG_RUNTIME_DIR="$folder/run" GNUPGHOME="$folder/home/.gnupg" SSH_ASKPASS="$folder/world/askpass" \
-    SSH_ASKPASS_REQUIRE=force \
-    timeout 120 bash -euxo pipefail "$folder/commands" </dev/null
+as_user timeout 120 bash -euxo pipefail "$folder/commands"
+! mentions "default-esr" || visit_with_firefox
