@@ -2,8 +2,9 @@
 # Makes the Debian packages, in build/package/packages.
 #   scripts/packages.sh           makes them
 #   scripts/packages.sh --test    then makes them again from a copy of the sources and compares, has lintian look at them,
-#                                 and installs, uses, upgrades, removes and purges them on a fresh Debian below build/, as
-#                                 root
+#                                 reads off the packed files how they are hardened and what is linked in, and as root,
+#                                 on a fresh Debian below build/, installs, uses, upgrades, removes and purges them and
+#                                 follows the guides
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -45,4 +46,17 @@ echo "lintian"
 scripts/setup.sh lintian
 lintian --fail-on error --tag-display-limit 0 "$packages"/*.deb
 
+echo "what is packed"
+files=build/package-files
+rm -rf "$files"
+for package in "$packages"/*.deb; do dpkg-deb --extract "$package" "$files"; done
+mapfile -t programs < <(find "$files" -type f -path '*/bin/*' -o -type f -name '*.so')
+[ "${#programs[@]}" -eq 6 ] || { echo "there are other programs and libraries than six: ${programs[*]}" >&2; exit 1; }
+tests/install/check_hardening.sh "${programs[@]}"
+for list in "$files"/usr/share/doc/{velkor-pkcs11,velkor-softkey}/velkor.spdx; do
+    tests/install/check_spdx.sh "$list" "$(find "$files" -name libVelkorDSCLibrary.so)"
+done
+rm -rf "$files"
+
 scripts/test-packages.sh "$packages"
+scripts/test-guides.sh "$packages"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# check_hardening.sh FILE...: what hardens a program is to be seen in each of these files. Their symbols are wanted.
+# check_hardening.sh FILE...: what hardens a program is to be seen in each of these files.
 set -u
 status=0
 
@@ -17,14 +17,24 @@ has() { readelf "--$1" --wide "$file" | grep --quiet --extended-regexp -e "$2"; 
 lacks() { ! has "$@"; }
 finds_only_its_own() { ! readelf --dynamic --wide "$file" | grep -E 'R(UN)?PATH' | grep --quiet --invert-match '\[\$ORIGIN\]'; }
 
-# The first function that others call: of a program main, of a library what it exports.
+# The first function that others call: of a library what it exports, of a program main, which its start hands on.
 entry() {
-    local names
-    names=$(readelf --symbols --wide "$file" | awk '$4 == "FUNC" && $5 == "GLOBAL" && $7 != "UND" && $7 != "ABS" { print $8 }')
-    grep --line-regexp main <<<"$names" || sed --quiet 's/@.*//; 1p' <<<"$names"
+    local start
+    if lacks segments INTERP; then
+        readelf --dyn-syms --wide "$file" | awk '$4 == "FUNC" && $5 == "GLOBAL" && $7 != "UND" { print "0x" $2; exit }'
+        return
+    fi
+    start=$(readelf --file-header "$file" | sed --quiet 's/^ *Entry point address: *//p')
+    objdump --disassemble --start-address="$start" --stop-address=$((start + 64)) "$file" |
+        sed --quiet 's/.*%rdi *# \([0-9a-f]*\).*/0x\1/p' | head --lines=1
 }
 # Marks of the linker's say nothing: it keeps them only where the C library's start files have them, too.
-is_marked() { objdump --disassemble="$(entry)" "$file" | grep --quiet endbr64; }
+is_marked() {
+    local first
+    first=$(entry)
+    [ -n "$first" ] &&
+        objdump --disassemble --start-address="$first" --stop-address=$((first + 4)) "$file" | grep --quiet endbr64
+}
 
 for file in "$@"; do
     [ -f "$file" ] || { echo "there is no $file"; exit 2; }
