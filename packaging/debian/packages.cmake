@@ -26,10 +26,10 @@ set(CPACK_DEBIAN_MODULE_PACKAGE_DEPENDS "velkor-softkey (>= ${PROJECT_VERSION}) 
 set(CPACK_DEBIAN_MODULE_PACKAGE_SUGGESTS "p11-kit, opensc")
 set(CPACK_DEBIAN_MODULE_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/conffiles)
 set(CPACK_COMPONENT_MODULE_DESCRIPTION "PKCS #11 modules for Velkor keys
- The shared libraries that browsers, document signers and certificate tools
- load to use the keys of the Velkor family through Cryptoki (PKCS #11 v2.20),
- their registration with p11-kit, and velkor-trace, which says in words what
- is in the modules' log.")
+The shared libraries that browsers, document signers and certificate tools
+load to use the keys of the Velkor family through Cryptoki (PKCS #11 v2.20),
+their registration with p11-kit, and velkor-trace, which says in words what
+is in the modules' log.")
 
 set(CPACK_DEBIAN_SOFTKEY_PACKAGE_NAME velkor-softkey)
 set(CPACK_DEBIAN_SOFTKEY_PACKAGE_SECTION utils)
@@ -38,9 +38,9 @@ set(CPACK_DEBIAN_SOFTKEY_PACKAGE_CONFLICTS velkor-device-library)
 set(CPACK_DEBIAN_SOFTKEY_PACKAGE_REPLACES velkor-device-library)
 set(CPACK_DEBIAN_SOFTKEY_PACKAGE_RECOMMENDS velkor-pkcs11)
 set(CPACK_COMPONENT_SOFTKEY_DESCRIPTION "software key for the Velkor PKCS #11 modules
- A device library that keeps keys and certificates in encrypted files instead
- of hardware, and velkor-softkey, the tool that makes such keys and manages
- what is on them.")
+A device library that keeps keys and certificates in encrypted files instead
+of hardware, and velkor-softkey, the tool that makes such keys and manages
+what is on them.")
 
 # Its CMake package names the folder of the modules, which is that of one architecture.
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME velkor-pkcs11-dev)
@@ -48,8 +48,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_PACKAGE_RECOMMENDS velkor-pkcs11)
 set(CPACK_COMPONENT_DEV_DESCRIPTION "headers of the Velkor PKCS #11 modules
- What a program that loads the modules is compiled against, and what a device
- library is compiled against, with a CMake package and an example.")
+What a program that loads the modules is compiled against, and what a device
+library is compiled against, with a CMake package and an example.")
 
 # What Debian wants beside each package's files. Of the libraries that are linked in, their own terms.
 set(TERMS_OF_DEV ${CMAKE_CURRENT_LIST_DIR}/copyright)
