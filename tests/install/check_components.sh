@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# check_components.sh BUILD TREE FOLDER: TREE, an installation of BUILD, is its components, each file in one of them; and it is
-# the same below a DESTDIR, where it says of itself what is true once it is moved to its place.
+# check_components.sh BUILD FOLDER: an installation of BUILD is its components, each file in one of them; and it is the same
+# below a DESTDIR, where it says of itself what is true once it is moved to its place.
 set -euo pipefail
-build=$1 tree=$2 folder=$3
+build=$1 folder=$2 tree=$2/whole
 rm -rf "$folder"
 mkdir "$folder"
+cmake --install "$build" --prefix "$tree" >/dev/null
 
 for component in module softkey dev; do
     cmake --install "$build" --prefix "$folder/$component" --component "$component" >/dev/null
