@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # A host and the tool in a bad circumstance: they end by themselves and say what is wrong, the key loses no try, and
 # nothing gets into the host's output.
-#   check_circumstance.sh TREE HOST CIRCUMSTANCE     TREE is an install tree, HOST is circumstance_host
+#   check_circumstance.sh TREE HOST CIRCUMSTANCE OTHER     TREE is an install tree, HOST is circumstance_host, OTHER is an
+#                                                          install tree of the modules alone, of another version
 set -euo pipefail
-tree=$1 host=$2 circumstance=$3
+tree=$1 host=$2 circumstance=$3 other=$4
 
 # Root may do what no circumstance forbids: nobody takes its place.
 as=(env)
@@ -98,13 +99,20 @@ sign_without_log() {
     expect_signed
     expect_tries
 }
+version_of() { sed -n 's/^Version: \([0-9]*\.[0-9]*\).*/\1/p' "$(find "$1" -name velkor-pkcs11.pc)"; }
+sign_as_version() { # sign_as_version MAJOR.MINOR
+    sign_as_ever
+    grep -qx "version $1" "$world/err" || fail "it is not of version $1"
+}
 two_versions() {
+    [ "$(version_of "$tree")" != "$(version_of "$other")" ]
     make_key
     install_into "$world/other"
+    cp "$other"/lib/velkor/*.so "$world/other"
     give_away
-    both_libraries sign_as_ever
+    both_libraries sign_as_version "$(version_of "$tree")"
     installed=$world/other
-    both_libraries sign_as_ever
+    both_libraries sign_as_version "$(version_of "$other")"
 }
 odd_folder() {
     installed="$world/mit Leerzeichen und Umläuten"
@@ -162,7 +170,7 @@ with_disk() {
         echo "This user cannot mount anything: skipped."
         exit 0
     fi
-    unshare -rm "$0" "$tree" "$host" "$circumstance-inside"
+    unshare -rm "$0" "$tree" "$host" "$circumstance-inside" "$other"
 }
 mount_disk() {
     mkdir "$world/disk"

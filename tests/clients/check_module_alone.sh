@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and installs the module where nothing else is at hand, neither the software key nor the tests' libraries, and
-# loads it over a device library that it was not linked with. What was not built yet is built when it is installed.
+# loads it over a device library that it was not linked with. What was not built yet is built when it is installed. It is
+# built as a later version, for the test of two versions side by side.
 #   check_module_alone.sh SOURCE-FOLDER COMPILER HOST DEVICE-LIBRARY-FOLDER BUILD-FOLDER
 set -euo pipefail
 source=$1 compiler=$2 host=$3 device=$4 build=$5
@@ -11,6 +12,7 @@ for package in benchmark CLI11 GTest nlohmann_json OpenSSL SQLite3; do
 done
 cmake --fresh -S "$source" -B "$build" -G Ninja -D CMAKE_CXX_COMPILER="$compiler" -D CMAKE_INSTALL_PREFIX="$build/installed" \
     -D CMAKE_INSTALL_LIBDIR=lib -D VELKOR_WERROR=ON -D VELKOR_PRECOMPILED_HEADERS=ON \
+    -D CMAKE_PROJECT_velkor-pkcs11_INCLUDE="$source/tests/clients/next_version.cmake" \
     -D VELKOR_BUILD_SOFTKEY=OFF -D VELKOR_BUILD_TESTS=OFF "${without[@]}"
 cmake --build "$build" --target velkor-pkcs11
 rm -rf "$build/installed"

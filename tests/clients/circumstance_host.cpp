@@ -1,6 +1,6 @@
 // A host that signs once, with the first private key that it finds. Its last line on standard error says how that went:
-// "signed by" and the device library, or what refused and its code. Standard output is left to the libraries, which
-// have nothing to say there.
+// "signed by" and the device library, or what refused and its code; a line before has the library's version. Standard
+// output is left to the libraries, which have nothing to say there.
 //     circumstance_host LIBRARY PIN [many-files | forked]
 #include <array>
 #include <cstdio>
@@ -46,6 +46,9 @@ CK_FUNCTION_LIST_PTR load(const char* path)
 CK_SESSION_HANDLE openUserSession(const CK_FUNCTION_LIST& p11, std::string pin)
 {
     demand("C_Initialize", p11.C_Initialize(nullptr));
+    CK_INFO info{};
+    demand("C_GetInfo", p11.C_GetInfo(&info));
+    std::fprintf(stderr, "version %d.%d\n", info.libraryVersion.major, info.libraryVersion.minor);
     std::array<CK_SLOT_ID, 8> slots{};
     auto count = static_cast<CK_ULONG>(slots.size());
     demand("C_GetSlotList", p11.C_GetSlotList(CK_TRUE, slots.data(), &count));
