@@ -35,7 +35,7 @@ sign_rsa() {
     openssl dgst -sha256 -verify pub.pem -signature sig text
 }
 sign_pss() {
-    login --sign --mechanism SHA384-RSA-PKCS-PSS --id 01 --input-file text --output-file sig
+    login --sign --mechanism SHA384-RSA-PKCS-PSS --mgf MGF1-SHA384 --salt-len 48 --id 01 --input-file text --output-file sig
     read_public_key 01
     openssl dgst -sha384 -verify pub.pem -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest -signature sig text
 }
@@ -65,6 +65,8 @@ derive() {
     login --derive --id 02 --mechanism ECDH1-DERIVE --input-file peer.der --output-file here
     openssl pkeyutl -derive -inkey peer.key -peerkey pub.pem -out there
     cmp here there
+    login --derive --derive-pass-der --id 02 --mechanism ECDH1-DERIVE --input-file peer.der --output-file again
+    cmp again there
 }
 write_key() {
     openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -outform DER -out imported.der
@@ -100,6 +102,41 @@ delete_pair() {
     if grep "ID: *02" left.txt; then return 1; fi
 }
 no_errors() { login --test | grep "No errors"; }
+chooses_slot() {
+    local number name
+    token --list-slots | tee slots.txt
+    number=$(sed -n 's/^Slot 0 (\(0x[0-9a-f]*\)): .*/\1/p' slots.txt)
+    name=$(sed -n 's/^Slot 0 (0x[0-9a-f]*): //p' slots.txt)
+    token --slot "$number" --list-objects
+    token --slot-index 0 --list-objects
+    token --slot-description "$name" --list-objects
+    token --token-label "Client key" --list-objects
+    if token --token-label "No key" --list-objects; then return 1; fi
+}
+makes_pair_for_use() {
+    login --keypairgen --key-type rsa:2048 --id 05 --label use --usage-sign --usage-decrypt --allow-sw
+    login --keypairgen --key-type EC:secp384r1 --id 06 --label use --usage-sign --usage-derive
+    login --list-objects --type privkey >pairs.txt
+    grep -A 1 "ID: *05" pairs.txt | grep "Usage: *decrypt, sign"
+    grep -A 1 "ID: *06" pairs.txt | grep "Usage: *sign"
+}
+writes_key_of_certificate() {
+    login --write-object imported.der --type privkey --id 07 --label attributes --attr-from cert.der --private --sensitive
+    login --list-objects --type privkey | grep -A 2 "ID: *07" | grep "Access: *sensitive"
+}
+test_threads() { token --test-threads ILGISL 2>&1 | tee threads.txt && grep "ended with CKR_OK" threads.txt; }
+# Every option is used above, or is in a list with the reason why it cannot be.
+uses_every_option() {
+    local option
+    { pkcs11-tool --help 2>&1 || true; } | sed -n 's/^  *\(-., \)*\(--[a-z0-9-]*\) .*/\2/p' | sort >options.txt
+    [ "$(wc -l <options.txt)" -gt 50 ]
+    while read -r option; do
+        ! grep -q -E -e "$option( |\"|\$)" "$sources/tests/clients/hosts/opensc.sh" || echo "$option"
+    done <options.txt >used.txt
+    grep '^--' "$sources/tests/clients/hosts/opensc_options.txt" | cut -d ' ' -f 1 | sort | comm -3 - <(comm -23 options.txt used.txt) |
+        tee wrong.txt
+    [ ! -s wrong.txt ]
+}
 
 check "pkcs11-tool --show-info" token --show-info
 check "pkcs11-tool --list-token-slots" has_token
@@ -121,6 +158,14 @@ check "pkcs11-tool --set-id" set_id
 check "pkcs11-tool --change-pin" change_pin
 check "pkcs11-tool with a wrong PIN" refuse_pin
 check "pkcs11-tool --generate-random" login --generate-random 32 --output-file random
+check "pkcs11-tool --slot, --slot-index, --token-label" chooses_slot
+check "pkcs11-tool --keypairgen, with usages" makes_pair_for_use
+check "pkcs11-tool --write-object, with a certificate's attributes" writes_key_of_certificate
+check "pkcs11-tool --use-locking" token --use-locking --verbose --list-token-slots
+check "pkcs11-tool --test-fork" token --test-fork
+check "pkcs11-tool --test-threads" test_threads
+check "pkcs11-tool --test-ec" login --session-rw --test-ec --id 08 --label test --key-type EC:prime256v1
+check "pkcs11-tool's options" uses_every_option
 check "pkcs11-tool --test" no_errors
 check "pkcs11-tool --delete-object" delete_pair
 guide opensc

@@ -1,15 +1,18 @@
 #!/usr/bin/env python3
 """Judges the checks of the hosts by the table of known limits, and prints both.
 
-    report.py FOLDER LIMITS DEPARTURES HOST-LIBRARY...
+    report.py FOLDER LIMITS DEPARTURES SECONDS HOST-LIBRARY...
 
 FOLDER/HOST-LIBRARY has the results of each, and a file `ended` when it came to its end in time. A line of LIMITS is
 "host | library | check | row": the check is expected to fail, for the reason that is the line of DEPARTURES that begins
-with that row. Ends with 0 when every other check passed, and none of those did. The last line counts both.
+with that row. Ends with 0 when every other check passed, and none of those did, within the time that a run may take;
+SECONDS is what it took. The last line counts both.
 """
 import pathlib
 import sys
 from dataclasses import dataclass
+
+LONGEST_RUN = 15 * 60  # seconds
 
 
 @dataclass
@@ -73,6 +76,10 @@ class Report:
             if line_of(limit.row, self.departures) is None:
                 self.problems.append(f"known limit of {limit.host}: not one row of {self.departures.name}: {limit.row}")
 
+    def check_time(self, seconds):
+        if seconds > LONGEST_RUN:
+            self.problems.append(f"the run took {seconds} s, more than {LONGEST_RUN}")
+
     def print(self):
         widths = [max(len(row[column]) for row in self.rows) for column in range(3)]
         for row in self.rows:
@@ -82,11 +89,12 @@ class Report:
         print(f"{self.passed} passed, {len(self.problems)} failed")
 
 
-def main(folder, limits, departures, *names):
+def main(folder, limits, departures, seconds, *names):
     report = Report(read_limits(pathlib.Path(limits)), pathlib.Path(departures))
     for name in names:
         report.add(name, pathlib.Path(folder) / name)
     report.check_limits()
+    report.check_time(int(seconds))
     report.print()
     return 1 if report.problems or not report.passed else 0
 

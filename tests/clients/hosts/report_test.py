@@ -33,10 +33,10 @@ class ReportTest(unittest.TestCase):
         if ended:
             (self.folder / name / "ended").touch()
 
-    def judge(self, *names):
+    def judge(self, *names, seconds=60):
         printed = io.StringIO()
         with contextlib.redirect_stdout(printed):
-            code = report.main(self.folder, self.limits, self.departures, *names)
+            code = report.main(self.folder, self.limits, self.departures, seconds, *names)
         return code, printed.getvalue()
 
     def test_a_known_limit_is_shown_with_its_line_and_fails_nothing(self):
@@ -73,6 +73,13 @@ class ReportTest(unittest.TestCase):
 
     def test_a_host_without_results_fails_the_run(self):
         self.assertEqual(self.judge("abc-strict")[0], 1)
+
+    def test_a_run_that_takes_too_long_fails(self):
+        self.make("abc-plain", {"signs": "ok", "cuts": "FAILED"})
+        self.assertEqual(self.judge("abc-plain", seconds=900)[0], 0)
+        code, text = self.judge("abc-plain", seconds=901)
+        self.assertEqual(code, 1)
+        self.assertIn("FAILED: the run took 901 s", text)
 
     def test_a_limit_without_its_row_fails_the_run(self):
         self.limits.write_text("abc | plain | cuts | Labels are gone.\n", encoding="utf-8")
