@@ -1,8 +1,6 @@
 #include "host.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <iterator>
 #include <string>
 
@@ -54,14 +52,6 @@ const std::vector<unsigned char> VALUES[] = {
 constexpr std::size_t LONGEST_RANDOM_PARAMETER = 23;
 
 } // namespace
-
-void expect(bool holds, const char* what)
-{
-    if (holds)
-        return;
-    std::fprintf(stderr, "it does not hold that %s\n", what);
-    std::abort();
-}
 
 CK_ULONG Host::number()
 {

@@ -9,6 +9,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "cryptoki.h"
+#include "expect.h"
 #include "rooms.h"
 
 namespace fuzz
@@ -29,9 +30,6 @@ struct Attributes {
     CK_ATTRIBUTE* entries = nullptr;
     CK_ULONG count = 0;
 };
-
-/// Ends the run where something does not hold that must.
-void expect(bool holds, const char* what);
 
 class Host
 {
