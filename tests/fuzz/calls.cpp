@@ -39,8 +39,8 @@ CK_RV getSlotList(Host& host)
 {
     const CK_BBOOL present = host.input.ConsumeIntegralInRange<CK_BBOOL>(0, 1);
     std::vector<CK_SLOT_ID> slots;
-    const CK_RV code = fetchList(
-        host, [&](CK_SLOT_ID* list, CK_ULONG* count) { return host.p11.C_GetSlotList(present, list, count); }, slots);
+    const auto call = [&](CK_SLOT_ID* list, CK_ULONG* count) { return host.p11.C_GetSlotList(present, list, count); };
+    const CK_RV code = fetchList(host, call, slots);
     for (const CK_SLOT_ID slot : slots)
         host.learnSlot(slot);
     return code;
@@ -50,8 +50,10 @@ CK_RV getMechanismList(Host& host)
 {
     const CK_SLOT_ID slot = host.slot();
     std::vector<CK_MECHANISM_TYPE> types;
-    return fetchList(
-        host, [&](CK_MECHANISM_TYPE* list, CK_ULONG* count) { return host.p11.C_GetMechanismList(slot, list, count); }, types);
+    const auto call = [&](CK_MECHANISM_TYPE* list, CK_ULONG* count) {
+        return host.p11.C_GetMechanismList(slot, list, count);
+    };
+    return fetchList(host, call, types);
 }
 
 CK_RV openSession(Host& host)
@@ -113,7 +115,7 @@ CK_RV getAttributeValue(Host& host)
     const Attributes asked = host.questions();
     std::vector<CK_ULONG> sizes;
     for (CK_ULONG index = 0; asked.entries != nullptr && index < asked.count; ++index)
-        sizes.push_back(asked.entries[index].ulValueLen);
+        sizes.push_back(CK_ULONG{asked.entries[index].ulValueLen});
     const CK_RV code = host.p11.C_GetAttributeValue(session, object, asked.entries, asked.count);
     Host::checkAnswers(asked, sizes);
     return code;
@@ -160,9 +162,8 @@ CK_RV transform(Host& host, CipherOrSignature function)
 {
     const CK_SESSION_HANDLE session = host.session();
     const Data given = host.data();
-    return host.fetch([&](CK_BYTE* bytes, CK_ULONG* length) {
-        return function(session, given.bytes, given.length, bytes, length);
-    });
+    return host.fetch(
+        [&](CK_BYTE* bytes, CK_ULONG* length) { return function(session, given.bytes, given.length, bytes, length); });
 }
 
 CK_RV finish(Host& host, CK_RV (*function)(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR))

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <span>
 #include <vector>
 
 #include "base/status.h"
@@ -112,9 +113,9 @@ void readPoint(Bytes input)
                  "a point comes out of its octet string");
 }
 
-constexpr void (*READERS[])(Bytes) = {readCertificate, readCertificateFile, readPrivateKey,  readPrivateKeyFile,
-                                      readPublicKey,   verifySignature,     convertSignature, readModulus,
-                                      readPoint};
+constexpr void (*READERS[])(Bytes) = {readCertificate,    readCertificateFile, readPrivateKey,
+                                      readPrivateKeyFile, readPublicKey,       verifySignature,
+                                      convertSignature,   readModulus,         readPoint};
 
 } // namespace
 

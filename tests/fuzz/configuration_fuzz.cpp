@@ -46,7 +46,7 @@ bool readInto(fuzz::Rooms& rooms, std::size_t size, std::string& value)
 
 extern "C" int LLVMFuzzerInitialize(int* /*argumentCount*/, char*** /*arguments*/)
 {
-    file() = fuzz::prepareSurroundings() / "input.conf";
+    file() = (fuzz::prepareSurroundings() / "input.conf").string();
     test_system::setEnvironment("VELKOR_CONFIG", file());
     return 0;
 }

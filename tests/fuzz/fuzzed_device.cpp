@@ -12,8 +12,9 @@ namespace fuzz
 namespace
 {
 
-constexpr int STATUSES[] = {1, 7, STATUS_DEVICE_REMOVED, STATUS_CHECK_NOT_POSSIBLE, STATUS_DEVICE_UNREACHABLE, 312, 313,
-                            -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
+constexpr int STATUSES[] = {
+    1,   7,  STATUS_DEVICE_REMOVED,           STATUS_CHECK_NOT_POSSIBLE,      STATUS_DEVICE_UNREACHABLE, 312,
+    313, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
 
 /// What the default device, which is no cryptography, has room for.
 constexpr int LARGEST_MESSAGE = 512;
@@ -68,8 +69,8 @@ int FuzzedDevice::refusal()
 
 int FuzzedDevice::length()
 {
-    constexpr int LENGTHS[] = {0, 1, 20, 64, 65, 256, 1024, 1025, -1, std::numeric_limits<int>::max(),
-                               std::numeric_limits<int>::min()};
+    constexpr int LENGTHS[] = {
+        0, 1, 20, 64, 65, 256, 1024, 1025, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
     return input_.PickValueInArray(LENGTHS);
 }
 
@@ -215,17 +216,15 @@ int FuzzedDevice::velkor_updateKeyPairDetails(const char* deviceId, const unsign
 int FuzzedDevice::velkor_deleteKeyPair(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
                                        bool deviceFlag, void* libraryInstance)
 {
-    return usualOrRefused([&] {
-        return DefaultDevice::velkor_deleteKeyPair(deviceId, keyIdentifier, pin, deviceFlag, libraryInstance);
-    });
+    return usualOrRefused(
+        [&] { return DefaultDevice::velkor_deleteKeyPair(deviceId, keyIdentifier, pin, deviceFlag, libraryInstance); });
 }
 
 int FuzzedDevice::velkor_deleteCertificate(const char* deviceId, const unsigned char* certificateIdentifier,
                                            const char* pin, void* libraryInstance)
 {
-    return usualOrRefused([&] {
-        return DefaultDevice::velkor_deleteCertificate(deviceId, certificateIdentifier, pin, libraryInstance);
-    });
+    return usualOrRefused(
+        [&] { return DefaultDevice::velkor_deleteCertificate(deviceId, certificateIdentifier, pin, libraryInstance); });
 }
 
 int FuzzedDevice::velkor_importCertificate(const char* deviceId, const char* pin, VelkorCertificate* certificate,

@@ -101,7 +101,7 @@ private:
     FuzzedDataProvider& input_;
     bool isCalm_ = false;
     std::thread::id host_ = std::this_thread::get_id();
-    std::vector<VelkorKeyPair> keyPairs_;          ///< The last list that was not the usual one.
+    std::vector<VelkorKeyPair> keyPairs_;         ///< The last list that was not the usual one.
     std::vector<VelkorCertificate> certificates_; ///< The same.
 };
 

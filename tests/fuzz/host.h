@@ -1,5 +1,5 @@
-// A host whose calls come from the input: what it calls, with which handles, numbers, buffers and templates. It keeps to
-// what every caller owes a library: pointers lead to as much memory as their lengths say.
+// A host whose calls come from the input: with which handles, numbers, buffers and templates. It keeps to what every
+// caller owes a library: pointers lead to as much memory as their lengths say.
 #pragma once
 
 #include <cstdint>

@@ -270,8 +270,8 @@ void openFileWithRows(FuzzedDataProvider& input)
     useKey(path);
 }
 
-constexpr void (*WAYS[])(FuzzedDataProvider&) = {readHeader, readPages, readWithJournal, readWithForeignJournal,
-                                                 openFile, openFileWithRows};
+constexpr void (*WAYS[])(FuzzedDataProvider&) = {readHeader, readPages,       readWithJournal, readWithForeignJournal,
+                                                 openFile,   openFileWithRows};
 
 } // namespace
 

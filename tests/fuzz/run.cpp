@@ -15,6 +15,9 @@ namespace
 
 constexpr int MOST_STEPS = 80;
 
+/// The device draws from bytes of its own, so that it can change without the host's calls, and they without it.
+constexpr std::size_t MOST_BYTES_OF_DEVICE = 255;
+
 /// Most inputs are about what happens in a session, and half of them in one of a user.
 void openFirstSession(Host& host)
 {
@@ -72,7 +75,10 @@ void runCalls(const std::uint8_t* bytes, std::size_t size, const RunSettings& se
     const bool logsAll = input.ConsumeIntegralInRange(0, 31) == 1;
     if (logsAll)
         logAll(true);
-    const auto device = std::make_shared<FuzzedDevice>(input);
+    const auto ofDevice =
+        input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(0, MOST_BYTES_OF_DEVICE));
+    FuzzedDataProvider deviceInput(ofDevice.data(), ofDevice.size());
+    const auto device = std::make_shared<FuzzedDevice>(deviceInput);
     setDeviceOperations(device);
     Host host(library(), input, resultsOfLibrary());
     {

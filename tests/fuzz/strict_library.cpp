@@ -1,7 +1,6 @@
 #include "library.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <string_view>
 #include <vector>
@@ -27,9 +26,9 @@ const std::vector<CK_RV> KEY = {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_HANDLE_I
 const std::vector<CK_RV> UNDERWAY = {CKR_OPERATION_NOT_INITIALIZED};
 /// An operation is done whole or in parts: who changes from one to the other ends it.
 const std::vector<CK_RV> WHOLE_OR_PARTS = {CKR_OPERATION_ACTIVE};
-const std::vector<CK_RV> VALUES = {CKR_ATTRIBUTE_READ_ONLY,    CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_VALUE_INVALID,
-                                   CKR_TEMPLATE_INCONSISTENT,  CKR_SESSION_READ_ONLY,      CKR_TOKEN_WRITE_PROTECTED,
-                                   CKR_USER_NOT_LOGGED_IN,     CKR_PIN_EXPIRED};
+const std::vector<CK_RV> VALUES = {
+    CKR_ATTRIBUTE_READ_ONLY, CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_VALUE_INVALID, CKR_TEMPLATE_INCONSISTENT,
+    CKR_SESSION_READ_ONLY,   CKR_TOKEN_WRITE_PROTECTED,  CKR_USER_NOT_LOGGED_IN,      CKR_PIN_EXPIRED};
 /// Of the version after 2.20: what an object's CKA_MODIFIABLE and the like forbid.
 const std::vector<CK_RV> FORBIDDEN = {0x1B};
 const std::vector<CK_RV> NOT_THERE = {CKR_FUNCTION_NOT_SUPPORTED};
@@ -185,7 +184,7 @@ void checkCode(const char* function, CK_RV code)
     const Row* row = std::find_if(std::begin(ROWS), std::end(ROWS),
                                   [&](const Row& each) { return std::string_view(each.function) == function; });
     if (row == std::end(ROWS) || !isAllowed(*row, code))
-        std::fprintf(stderr, "%s answers 0x%lX\n", function, static_cast<unsigned long>(code));
+        dprintf(reports, "%s answers 0x%lX\n", function, static_cast<unsigned long>(code));
     expect(row != std::end(ROWS) && isAllowed(*row, code), "the standard has this code for the function");
 }
 
