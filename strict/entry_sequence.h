@@ -5,6 +5,7 @@
 #include "cryptoki.h"
 #include "log/exceptions.h"
 #include "log/log.h"
+#include "platform/platform.h"
 #include "strict/sessions.h"
 #include "strict/state.h"
 
@@ -35,6 +36,7 @@ private:
 template <typename Work>
 CK_RV enterAlways(const char* name, const Work& work) noexcept
 {
+    const platform::NoCancellation call;
     try {
         return work();
     } catch (...) {

@@ -9,6 +9,7 @@
 #include "frame/module_state.h"
 #include "log/exceptions.h"
 #include "log/log.h"
+#include "platform/platform.h"
 
 namespace velkor
 {
@@ -40,6 +41,7 @@ CK_RV guarded(const char* name, const Work& work, const Arguments&... arguments)
 template <typename Work, typename... Arguments>
 CK_RV enterAlways(const char* name, const Work& work, const Arguments&... arguments) noexcept
 {
+    const platform::NoCancellation call;
     logDebug(name);
     return guarded(name, work, arguments...);
 }

@@ -54,6 +54,23 @@ LocalTime localTime();
 
 void sleep(std::chrono::milliseconds time);
 
+/// From here on the thread is not cancelled. Gives what it was like before.
+int suspendCancellation();
+void resumeCancellation(int before);
+
+/// A call in which the thread is not cancelled: it would end there and then, with the locks that it holds.
+class NoCancellation
+{
+public:
+    NoCancellation() : before_(suspendCancellation()) {}
+    ~NoCancellation() { resumeCancellation(before_); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+private:
+    const int before_;
+};
+
 /// Overwrites memory with zeros in a way that the compiler does not drop.
 void secureWipe(void* memory, std::size_t size);
 

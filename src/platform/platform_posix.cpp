@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -283,6 +284,18 @@ LocalTime localTime()
 void sleep(std::chrono::milliseconds time)
 {
     std::this_thread::sleep_for(time);
+}
+
+int suspendCancellation()
+{
+    int before = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
+}
+
+void resumeCancellation(int before)
+{
+    pthread_setcancelstate(before, nullptr);
 }
 
 void secureWipe(void* memory, std::size_t size)

@@ -100,6 +100,14 @@ void sleep(std::chrono::milliseconds time)
     Sleep(static_cast<DWORD>(time.count()));
 }
 
+/// Threads end there by themselves, or without a chance to do anything about it.
+int suspendCancellation()
+{
+    return 0;
+}
+
+void resumeCancellation(int /*before*/) {}
+
 void secureWipe(void* memory, std::size_t size)
 {
     if (size != 0) // Then the memory may be null.
