@@ -26,6 +26,8 @@ CK_RV createLibraryInstance()
     if (state.monitorRunning) {
         logDebug("Monitor already running. Stopping old thread.");
         stopDeviceMonitor();
+    } else if (state.monitorThread.joinable()) {
+        stopDeviceMonitor(); // Of a start that failed a moment ago: it has not come to say that it runs.
     }
     state.stopMonitor = false;
     return CKR_OK;

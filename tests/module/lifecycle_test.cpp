@@ -116,6 +116,16 @@ TEST_F(LifecycleTest, InitializeAfterAFailedStartStopsTheOldMonitorAndTriesAgain
     EXPECT_EQ(C_GetInfo(&info), CKR_OK);
 }
 
+/// Whether the monitor of the one before has begun to run or not.
+TEST_F(LifecycleTest, StartsThatFailOneRightAfterTheOtherLeaveOneMonitor)
+{
+    EXPECT_CALL(*device_, velkor_createInstance(_)).WillRepeatedly(testing::SetArgPointee<0>(nullptr));
+    monitorSleep_.skip();
+    setLogLevel("0");
+    for (int start = 0; start < 200; ++start)
+        ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+}
+
 TEST_F(LifecycleTest, AMonitorThatCannotBeCreatedLeavesAsASystemError)
 {
     test_system::withoutNewThreads([] {
