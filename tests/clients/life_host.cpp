@@ -1,5 +1,5 @@
-// A host that leaves the module in every way that hosts do, from every state that they leave it in. Each pair of both is
-// a process of its own, which has to end as it was told to, and within half a minute.
+// A host that leaves the module in every way that hosts do, from every state that they leave it in. Each pair of both
+// is a process of its own, which has to end as it was told to, and within half a minute.
 //   life_host LIBRARY STATE     all ways from that state; the exit code is 0 when none failed
 #include <chrono>
 #include <csignal>
@@ -245,7 +245,7 @@ void unload()
 struct Way {
     const char* name;
     void (*leave)();
-    int signal = 0;            ///< That ends the process; 0: it exits, with 0.
+    int signal = 0;              ///< That ends the process; 0: it exits, with 0.
     bool wantsToBeAlone = false; ///< Whether no other thread may be in the module: its locks stay taken in a child.
 };
 
@@ -266,8 +266,7 @@ const Way WAYS[] = {
          }).detach();
          pthread_exit(nullptr);
      }},
-    {"C_Finalize",
-     [] { REQUIRE(p11->C_Finalize(nullptr) == (isStarted ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED)); }},
+    {"C_Finalize", [] { REQUIRE(p11->C_Finalize(nullptr) == (isStarted ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED)); }},
     {"C_Finalize at exit",
      [] {
          REQUIRE(std::atexit([] { p11->C_Finalize(nullptr); }) == 0);
