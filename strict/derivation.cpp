@@ -16,7 +16,7 @@ namespace velkor::strict
 namespace
 {
 
-constexpr const char* DERIVE_KEY = "C_DeriveKey";
+constexpr const char* DERIVE = "C_DeriveKey";
 constexpr std::size_t SECRET_ROOM = 1024;
 
 /// The peer's point, bare; empty when the parameter is not one that the device honours.
@@ -34,46 +34,45 @@ SecretBytes readPeer(const CK_MECHANISM& mechanism)
 CK_RV readMechanism(const Session& session, const CK_MECHANISM* pMechanism, SecretBytes& peer)
 {
     if (pMechanism == nullptr)
-        return refuse(CKR_ARGUMENTS_BAD, DERIVE_KEY, ": pMechanism is NULL");
+        return refuse(CKR_ARGUMENTS_BAD, DERIVE, ": pMechanism is NULL");
     if (pMechanism->mechanism != CKM_ECDH1_DERIVE || !isOffered(session.token, CKM_ECDH1_DERIVE, CKF_DERIVE))
-        return refuse(CKR_MECHANISM_INVALID, DERIVE_KEY,
+        return refuse(CKR_MECHANISM_INVALID, DERIVE,
                       ": unsupported mechanism=", CK_MECHANISM_TYPE{pMechanism->mechanism});
     peer = readPeer(*pMechanism);
     if (peer.empty())
-        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE_KEY, ": a point with CKD_NULL and no shared data only");
+        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE, ": a point with CKD_NULL and no shared data only");
     return CKR_OK;
 }
 
 CK_RV readTemplate(const Session& session, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, Template& wanted)
 {
-    CK_RV result = Template::read(DERIVE_KEY, pTemplate, ulCount, wanted);
+    CK_RV result = Template::read(DERIVE, pTemplate, ulCount, wanted);
     if (result == CKR_OK)
-        result = checkTemplate(DERIVE_KEY, wanted, CKO_SECRET_KEY, CKK_GENERIC_SECRET);
+        result = checkTemplate(DERIVE, wanted, CKO_SECRET_KEY, CKK_GENERIC_SECRET);
     if (result != CKR_OK)
         return result;
     if (wanted.number(CKA_CLASS, CKO_SECRET_KEY) != CKO_SECRET_KEY || wanted.has(CKA_VALUE))
-        return refuse(CKR_TEMPLATE_INCONSISTENT, DERIVE_KEY, ": a secret key is derived, and its value is not given");
+        return refuse(CKR_TEMPLATE_INCONSISTENT, DERIVE, ": a secret key is derived, and its value is not given");
     if (wanted.flag(CKA_TOKEN, false))
-        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, DERIVE_KEY, ": the token keeps no secret keys");
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, DERIVE, ": the token keeps no secret keys");
     if (wanted.flag(CKA_PRIVATE, false) && !isUserLoggedIn(session.token))
-        return refuse(CKR_USER_NOT_LOGGED_IN, DERIVE_KEY, ": the key is private");
+        return refuse(CKR_USER_NOT_LOGGED_IN, DERIVE, ": the key is private");
     return CKR_OK;
 }
 
 CK_RV findBase(const Session& session, CK_OBJECT_HANDLE hBaseKey, const SecretBytes& peer, ObjectPtr& base, View& view)
 {
-    CK_RV result = findObject(DERIVE_KEY, session, hBaseKey, CKR_KEY_HANDLE_INVALID, base);
+    CK_RV result = findObject(DERIVE, session, hBaseKey, CKR_KEY_HANDLE_INVALID, base);
     if (result == CKR_OK && base->objectClass != CKO_PRIVATE_KEY)
-        return refuse(CKR_KEY_TYPE_INCONSISTENT, DERIVE_KEY, ": not a private key, handle=", hBaseKey);
+        return refuse(CKR_KEY_TYPE_INCONSISTENT, DERIVE, ": not a private key, handle=", hBaseKey);
     if (result == CKR_OK)
-        result = viewWithContents(DERIVE_KEY, session.token, base, CKR_KEY_HANDLE_INVALID, view);
+        result = viewWithContents(DERIVE, session.token, base, CKR_KEY_HANDLE_INVALID, view);
     if (result != CKR_OK)
         return result;
     if (view.contents->keyType != CKK_EC)
-        return refuse(CKR_KEY_TYPE_INCONSISTENT, DERIVE_KEY, ": not an EC key, handle=", hBaseKey);
+        return refuse(CKR_KEY_TYPE_INCONSISTENT, DERIVE, ": not an EC key, handle=", hBaseKey);
     if (peer.size() != view.contents->point.size() || peer.front() != 0x04)
-        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE_KEY,
-                      ": no point of this curve, ulPublicDataLen=", peer.size());
+        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE, ": no point of this curve, ulPublicDataLen=", peer.size());
     return CKR_OK;
 }
 
@@ -106,7 +105,7 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
     if (result == CKR_OK)
         result = readTemplate(session, pTemplate, ulAttributeCount, wanted);
     if (result == CKR_OK && phKey == nullptr)
-        return refuse(CKR_ARGUMENTS_BAD, DERIVE_KEY, ": phKey is NULL");
+        return refuse(CKR_ARGUMENTS_BAD, DERIVE, ": phKey is NULL");
     if (result == CKR_OK)
         result = findBase(session, hBaseKey, peer, base, view);
     SecretBytes secret;
@@ -118,17 +117,17 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
     if (result == CKR_FUNCTION_FAILED)
         result = unlessPinIsWrong(session.token, CKR_MECHANISM_PARAM_INVALID);
     if (result == CKR_MECHANISM_PARAM_INVALID)
-        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE_KEY, ": the device does not take this point");
+        return refuse(CKR_MECHANISM_PARAM_INVALID, DERIVE, ": the device does not take this point");
     if (result != CKR_OK)
         return result;
     const std::size_t length = wanted.number(CKA_VALUE_LEN, static_cast<CK_ULONG>(secret.size()));
     if (length == 0 || length > secret.size())
-        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, DERIVE_KEY, ": the secret is shorter, CKA_VALUE_LEN=", length);
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, DERIVE, ": the secret is shorter, CKA_VALUE_LEN=", length);
     secret.resize(length);
     auto contents = std::make_shared<Contents>();
     contents->keyType = wanted.number(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
     contents->value = std::move(secret);
-    return addSessionObject(DERIVE_KEY, session, CKO_SECRET_KEY, wanted, std::move(contents), phKey);
+    return addSessionObject(DERIVE, session, CKO_SECRET_KEY, wanted, std::move(contents), phKey);
 }
 
 } // namespace velkor::strict

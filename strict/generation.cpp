@@ -17,7 +17,7 @@ namespace velkor::strict
 namespace
 {
 
-constexpr const char* GENERATE_KEY_PAIR = "C_GenerateKeyPair";
+constexpr const char* GENERATE = "C_GenerateKeyPair";
 
 constexpr unsigned char P256[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 constexpr unsigned char P384[] = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
@@ -33,21 +33,20 @@ struct Wanted {
 CK_RV readWanted(const CK_MECHANISM* pMechanism, GivenTemplate ofPublic, GivenTemplate ofPrivate, Wanted& wanted)
 {
     if (pMechanism == nullptr)
-        return refuse(CKR_ARGUMENTS_BAD, GENERATE_KEY_PAIR, ": pMechanism is NULL");
+        return refuse(CKR_ARGUMENTS_BAD, GENERATE, ": pMechanism is NULL");
     const CK_MECHANISM_TYPE type = pMechanism->mechanism;
     if (type != CKM_RSA_PKCS_KEY_PAIR_GEN && type != CKM_EC_KEY_PAIR_GEN)
-        return refuse(CKR_MECHANISM_INVALID, GENERATE_KEY_PAIR, ": unsupported mechanism=", type);
+        return refuse(CKR_MECHANISM_INVALID, GENERATE, ": unsupported mechanism=", type);
     if (pMechanism->pParameter != nullptr || pMechanism->ulParameterLen != 0)
-        return refuse(CKR_MECHANISM_PARAM_INVALID, GENERATE_KEY_PAIR,
-                      ": the mechanism has no parameter, mechanism=", type);
+        return refuse(CKR_MECHANISM_PARAM_INVALID, GENERATE, ": the mechanism has no parameter, mechanism=", type);
     wanted.keyType = type == CKM_EC_KEY_PAIR_GEN ? CKK_EC : CKK_RSA;
-    CK_RV result = Template::read(GENERATE_KEY_PAIR, ofPublic.attributes, ofPublic.count, wanted.ofPublic);
+    CK_RV result = Template::read(GENERATE, ofPublic.attributes, ofPublic.count, wanted.ofPublic);
     if (result == CKR_OK)
-        result = Template::read(GENERATE_KEY_PAIR, ofPrivate.attributes, ofPrivate.count, wanted.ofPrivate);
+        result = Template::read(GENERATE, ofPrivate.attributes, ofPrivate.count, wanted.ofPrivate);
     if (result == CKR_OK)
-        result = checkTemplate(GENERATE_KEY_PAIR, wanted.ofPublic, CKO_PUBLIC_KEY, wanted.keyType);
+        result = checkTemplate(GENERATE, wanted.ofPublic, CKO_PUBLIC_KEY, wanted.keyType);
     if (result == CKR_OK)
-        result = checkTemplate(GENERATE_KEY_PAIR, wanted.ofPrivate, CKO_PRIVATE_KEY, wanted.keyType);
+        result = checkTemplate(GENERATE, wanted.ofPrivate, CKO_PRIVATE_KEY, wanted.keyType);
     return result;
 }
 
@@ -59,24 +58,24 @@ CK_RV checkConsistent(const Wanted& wanted)
                               wanted.ofPublic.number(CKA_KEY_TYPE, wanted.keyType) == wanted.keyType &&
                               wanted.ofPrivate.number(CKA_KEY_TYPE, wanted.keyType) == wanted.keyType;
     if (!isConsistent)
-        return refuse(CKR_TEMPLATE_INCONSISTENT, GENERATE_KEY_PAIR, ": class or key type does not suit the mechanism");
+        return refuse(CKR_TEMPLATE_INCONSISTENT, GENERATE, ": class or key type does not suit the mechanism");
     return CKR_OK;
 }
 
 CK_RV checkRsa(const Template& ofPublic)
 {
     if (!ofPublic.has(CKA_MODULUS_BITS))
-        return refuse(CKR_TEMPLATE_INCOMPLETE, GENERATE_KEY_PAIR, ": CKA_MODULUS_BITS is missing");
+        return refuse(CKR_TEMPLATE_INCOMPLETE, GENERATE, ": CKA_MODULUS_BITS is missing");
     constexpr CK_ULONG SIZES[] = {2048, 3072, 4096};
     const CK_ULONG bits = ofPublic.number(CKA_MODULUS_BITS, 0);
     if (std::find(std::begin(SIZES), std::end(SIZES), bits) == std::end(SIZES))
-        return refuse(CKR_KEY_SIZE_RANGE, GENERATE_KEY_PAIR, ": unsupported RSA modulusBits=", bits);
+        return refuse(CKR_KEY_SIZE_RANGE, GENERATE, ": unsupported RSA modulusBits=", bits);
     constexpr unsigned char ONLY_EXPONENT[] = {0x01, 0x00, 0x01};
     Bytes exponent = ofPublic.bytes(CKA_PUBLIC_EXPONENT);
     while (!exponent.empty() && exponent.front() == 0)
         exponent = exponent.subspan(1);
     if (!exponent.empty() && !sameBytes(exponent, ONLY_EXPONENT))
-        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, GENERATE_KEY_PAIR, ": the public exponent has to be 65537");
+        return refuse(CKR_ATTRIBUTE_VALUE_INVALID, GENERATE, ": the public exponent has to be 65537");
     return CKR_OK;
 }
 
@@ -84,11 +83,10 @@ CK_RV checkEc(const Wanted& wanted)
 {
     Bytes curve = wanted.ofPublic.bytes(CKA_EC_PARAMS);
     if (curve.empty())
-        return refuse(CKR_TEMPLATE_INCOMPLETE, GENERATE_KEY_PAIR, ": CKA_EC_PARAMS is missing");
+        return refuse(CKR_TEMPLATE_INCOMPLETE, GENERATE, ": CKA_EC_PARAMS is missing");
     constexpr std::span<const unsigned char> CURVES[] = {P256, P384, P521};
     if (std::none_of(std::begin(CURVES), std::end(CURVES), [&](Bytes each) { return sameBytes(each, curve); }))
-        return refuse(CKR_DOMAIN_PARAMS_INVALID, GENERATE_KEY_PAIR,
-                      ": the token lacks this curve, ulValueLen=", curve.size());
+        return refuse(CKR_DOMAIN_PARAMS_INVALID, GENERATE, ": the token lacks this curve, ulValueLen=", curve.size());
     return CKR_OK;
 }
 
@@ -114,8 +112,7 @@ CK_BBOOL decrypts(const Wanted& wanted)
 CK_RV checkUses(const Wanted& wanted)
 {
     if (wanted.keyType == CKK_RSA && signs(wanted) == CK_FALSE && decrypts(wanted) == CK_FALSE)
-        return refuse(CKR_TEMPLATE_INCONSISTENT, GENERATE_KEY_PAIR,
-                      ": the token has no keys that neither sign nor decrypt");
+        return refuse(CKR_TEMPLATE_INCONSISTENT, GENERATE, ": the token has no keys that neither sign nor decrypt");
     return CKR_OK;
 }
 
@@ -129,16 +126,16 @@ CK_RV check(const Session& session, const Wanted& wanted)
     for (const Template* each : {&wanted.ofPrivate, &wanted.ofPublic}) {
         for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID}) {
             if (result == CKR_OK && !each->bytes(type).empty())
-                result = checkName(GENERATE_KEY_PAIR, type, each->bytes(type));
+                result = checkName(GENERATE, type, each->bytes(type));
         }
     }
     if (result != CKR_OK)
         return result;
     const bool toToken = wanted.ofPrivate.flag(CKA_TOKEN, false) || wanted.ofPublic.flag(CKA_TOKEN, false);
     if (toToken && !session.isReadWrite)
-        return refuse(CKR_SESSION_READ_ONLY, GENERATE_KEY_PAIR, ": session is read-only");
+        return refuse(CKR_SESSION_READ_ONLY, GENERATE, ": session is read-only");
     if (!isUserLoggedIn(session.token))
-        return refuse(CKR_USER_NOT_LOGGED_IN, GENERATE_KEY_PAIR, ": private keys need a login");
+        return refuse(CKR_USER_NOT_LOGGED_IN, GENERATE, ": private keys need a login");
     return CKR_OK;
 }
 
@@ -178,7 +175,7 @@ CK_RV generateKeyPair(Session& session, CK_MECHANISM_PTR pMechanism, GivenTempla
                       CK_OBJECT_HANDLE_PTR phPublicKey, CK_OBJECT_HANDLE_PTR phPrivateKey)
 {
     if (phPublicKey == nullptr || phPrivateKey == nullptr)
-        return refuse(CKR_ARGUMENTS_BAD, GENERATE_KEY_PAIR, ": no room for handles");
+        return refuse(CKR_ARGUMENTS_BAD, GENERATE, ": no room for handles");
     Wanted wanted{};
     CK_RV result = readWanted(pMechanism, ofPublic, ofPrivate, wanted);
     if (result == CKR_OK)
@@ -191,8 +188,8 @@ CK_RV generateKeyPair(Session& session, CK_MECHANISM_PTR pMechanism, GivenTempla
         });
     if (result != CKR_OK)
         return result;
-    return adoptPair(GENERATE_KEY_PAIR, session, privateKey & PAIR_NUMBER, wishesOf(wanted.ofPublic),
-                     wishesOf(wanted.ofPrivate), *phPublicKey, *phPrivateKey);
+    return adoptPair(GENERATE, session, privateKey & PAIR_NUMBER, wishesOf(wanted.ofPublic), wishesOf(wanted.ofPrivate),
+                     *phPublicKey, *phPrivateKey);
 }
 
 CK_RV generateRandom(Session& session, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen)

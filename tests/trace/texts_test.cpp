@@ -103,7 +103,8 @@ std::vector<std::string> textsIn(const std::string& source)
 
 bool isFunctionName(const std::string& piece)
 {
-    static const std::set<std::string> NAMES = {"name", "NAME", "CREATE", "COPY", "INIT", "use.name"};
+    static const std::set<std::string> NAMES = {"name",   "NAME",     "CREATE", "COPY",
+                                                "DERIVE", "GENERATE", "INIT",   "use.name"};
     return NAMES.contains(piece);
 }
 
