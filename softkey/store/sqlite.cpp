@@ -96,7 +96,7 @@ Database::Database(ByteVector& image) : handle_(openConnection(":memory:", SQLIT
     image.resize(image.size() + IMAGE_MARGIN);
     check(sqlite3_deserialize(handle(), "main", image.data(), size, size, SQLITE_DESERIALIZE_READONLY));
     // Pages are read where they are: nobody changes or cuts an image, as could happen to a file.
-    execute(("PRAGMA mmap_size = " + std::to_string(size)).c_str());
+    execute(("PRAGMA cell_size_check = ON; PRAGMA mmap_size = " + std::to_string(size)).c_str());
 }
 
 void Database::configure()

@@ -20,8 +20,9 @@ class Database
 public:
     enum class Mode { Existing, Create };
     Database(const std::filesystem::path& path, Mode mode);
-    /// Bytes that SQLite may look at behind the end of a damaged page. An image that has room for them is not moved.
-    static constexpr std::size_t IMAGE_MARGIN = 256;
+    /// Bytes that SQLite may look at behind the end of a damaged page, more than a quarter of the largest page. An
+    /// image that has room for them is not moved.
+    static constexpr std::size_t IMAGE_MARGIN = 0x4400;
     /// A database in memory, for reading alone. `image` gets the margin, and then stays as it is and where it is as
     /// long as this lives.
     explicit Database(ByteVector& image);
