@@ -47,8 +47,9 @@ using namespace velkor;
 // What a host passes is ignored. The strict front passes this function itself.
 CK_RV C_Initialize(CK_VOID_PTR pInitArgs)
 {
-    chooseOutput(pInitArgs == reinterpret_cast<void*>(&C_Initialize));
-    const CK_RV result = enterAlways(__func__, createLibraryInstance);
+    CK_RV result = guarded(__func__, chooseOutput, pInitArgs == reinterpret_cast<void*>(&C_Initialize));
+    if (result == CKR_OK)
+        result = enterAlways(__func__, createLibraryInstance);
     if (result != CKR_OK)
         return result;
     startDeviceMonitor(); // Not guarded: a thread that cannot be created reaches the host as std::system_error.

@@ -9,10 +9,11 @@
 namespace velkor
 {
 
-void chooseOutput(bool isLeftAlone)
+CK_RV chooseOutput(bool isLeftAlone)
 {
     if (moduleState().libraryInstance == nullptr) // Else whoever has started the module has chosen.
         tellsOfLostLines = !isLeftAlone;
+    return CKR_OK;
 }
 
 CK_RV createLibraryInstance()

@@ -7,7 +7,7 @@ namespace velkor
 {
 
 /// Before a start: whether lines of the log that are lost are told on standard output, or that is left alone.
-void chooseOutput(bool isLeftAlone);
+CK_RV chooseOutput(bool isLeftAlone);
 
 /// Creates the library instance and ends a monitor that an earlier, failed start left running.
 CK_RV createLibraryInstance();
