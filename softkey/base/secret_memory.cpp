@@ -113,6 +113,7 @@ public:
     /// While it is held.
     void lockPagesAnew()
     {
+        isForkedChild_ = true;
         for (std::size_t slab = 0; slab < slabsUsed_; ++slab)
             lockSecretPagesInChild(pages_ + slab * SLAB_SIZE, SLAB_SIZE);
     }
@@ -160,7 +161,7 @@ private:
     bool addBlocks(std::size_t group, std::size_t sizeIndex)
     {
         const std::lock_guard lock(slabsMutex_);
-        for (std::size_t slab = 0; slab < slabsUsed_; ++slab) {
+        for (std::size_t slab = 0; isForkedChild_ && slab < slabsUsed_; ++slab) {
             if (slabs_[slab].group == group && slabs_[slab].sizeIndex == sizeIndex)
                 listFreeBlocks(slab);
         }
@@ -191,6 +192,7 @@ private:
     std::array<Group, GROUPS> groups_;
     unsigned char* const pages_;
     std::mutex slabsMutex_;
+    bool isForkedChild_ = false; ///< Guarded by slabsMutex_.
     std::size_t slabsUsed_ = 0;
     std::array<Slab, SLABS> slabs_;
 };
