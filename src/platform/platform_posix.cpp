@@ -86,17 +86,16 @@ bool isYoung(const struct stat& status, const timespec& time)
     return time.tv_sec - status.st_ctim.tv_sec <= SETTLED_AFTER;
 }
 
-/// Whether an edit shows in a file's stamp at once. What a network carries is stamped by another machine's clock, and
-/// stamps are kept here for seconds; only opening the file asks for it.
+/// Whether an edit shows in a file's stamp at once, as on the file systems of this machine. What a network carries is
+/// stamped by another machine's clock, and stamps are kept here for seconds; only opening the file asks for it.
 bool showsEditsAtOnce(int file)
 {
-    constexpr std::array<std::uint32_t, 9> REMOTE = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,  SMB2_SUPER_MAGIC,
-                                                     CIFS_SUPER_MAGIC, AFS_SUPER_MAGIC,  CODA_SUPER_MAGIC,
-                                                     CEPH_SUPER_MAGIC, FUSE_SUPER_MAGIC, V9FS_MAGIC};
+    constexpr std::array<std::uint32_t, 6> LOCAL = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, BTRFS_SUPER_MAGIC,
+                                                    F2FS_SUPER_MAGIC, TMPFS_MAGIC,     OVERLAYFS_SUPER_MAGIC};
     struct statfs system {
     };
     return fstatfs(file, &system) == 0 &&
-           std::find(REMOTE.begin(), REMOTE.end(), static_cast<std::uint32_t>(system.f_type)) == REMOTE.end();
+           std::find(LOCAL.begin(), LOCAL.end(), static_cast<std::uint32_t>(system.f_type)) != LOCAL.end();
 }
 
 /// What tells one state of a file from another.
