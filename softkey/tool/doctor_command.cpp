@@ -29,6 +29,18 @@ namespace
 
 namespace fs = std::filesystem;
 
+/// A path as a command takes it.
+std::string quoted(const fs::path& path)
+{
+    const std::string text = path.string();
+    if (text.find_first_of(" \t\"'\\$&;()<>|*?`#~!") == std::string::npos)
+        return text;
+    std::string word = "'";
+    for (const char character : text)
+        word += character == '\'' ? "'\\''" : std::string(1, character);
+    return word + "'";
+}
+
 /// One look at everything.
 class Doctor
 {
@@ -85,7 +97,8 @@ void Doctor::checkFolder()
         diagnosis_.problem("keys folder", "there is no " + shown + ": no key has been made", "velkor-softkey create");
         folder_.clear();
     } else if (fs::directory_iterator(folder_, failure); failure) {
-        diagnosis_.problem("keys folder", shown + " cannot be read: " + failure.message(), "chmod u+rwx " + shown);
+        diagnosis_.problem("keys folder", shown + " cannot be read: " + failure.message(),
+                           "chmod u+rwx " + quoted(folder_));
         folder_.clear();
     } else {
         checkFolderRights();
@@ -98,27 +111,28 @@ void Doctor::checkFolderRights()
     const Exposure exposure = exposureOf(folder_);
     if (exposure == Exposure::Writable)
         diagnosis_.problem("keys folder", shown + " is not the user's own, and refused: others may write to it",
-                           "chown it to the user, and chmod go-w " + shown);
+                           "chown it to the user, and chmod go-w " + quoted(folder_));
     else if (!mayWrite(folder_))
         diagnosis_.problem("keys folder",
                            shown + " is read-only: keys are seen, but no PIN can be checked, since tries are counted",
-                           "chmod u+w " + shown + ", or mount its disk for writing");
+                           "chmod u+w " + quoted(folder_) + ", or mount its disk for writing");
     else
         diagnosis_.good("keys folder", shown);
     if (exposure == Exposure::Readable)
-        diagnosis_.note("keys folder", "others may look into it; chmod go-rwx " + shown + " keeps them out");
+        diagnosis_.note("keys folder", "others may look into it; chmod go-rwx " + quoted(folder_) + " keeps them out");
     if (!session_.home.empty() || environmentValue("VELKOR_SOFTKEY_HOME"))
-        diagnosis_.note("keys folder", "it is not the usual one: a host sees it with VELKOR_SOFTKEY_HOME=" + shown +
-                                           " in its own environment alone");
+        diagnosis_.note("keys folder", "it is not the usual one: a host sees it with VELKOR_SOFTKEY_HOME=" +
+                                           quoted(folder_) + " in its own environment alone");
 }
 
 /// What to do about a key's file that is refused.
 std::string remedyFor(SoftkeyStatus status, const fs::path& path)
 {
-    const std::string shown = path.string();
+    const std::string shown = quoted(path);
     switch (status) {
     case SoftkeyStatus::FileDamaged:
-        return "velkor-softkey restore BACKUP --yes, if there is a backup; else velkor-softkey remove it";
+        return "velkor-softkey restore BACKUP --yes, if there is a backup; else velkor-softkey remove " +
+               path.stem().string();
     case SoftkeyStatus::FileForeign:
         return "move " + shown + " away, or give it back the name of its own serial number";
     case SoftkeyStatus::FileNewer:
@@ -172,9 +186,9 @@ void Doctor::checkKeyFile(const std::string& part, const fs::path& path)
 {
     if (!mayWrite(path))
         diagnosis_.problem(part, "its file is read-only: no PIN can be checked, since tries are counted",
-                           "chmod u+w " + path.string());
+                           "chmod u+w " + quoted(path));
     if (exposureOf(path) == Exposure::Readable)
-        diagnosis_.note(part, "others may read its file; chmod go-r " + path.string() + " keeps them out");
+        diagnosis_.note(part, "others may read its file; chmod go-r " + quoted(path) + " keeps them out");
 }
 
 void Doctor::checkPins(const std::string& part, const Contents& contents)
@@ -193,7 +207,7 @@ void Doctor::checkPins(const std::string& part, const Contents& contents)
         diagnosis_.note(part, "the user PIN has " + tries(user) + "; the right PIN gives back all");
     if (contents.soPin.triesLeft == 0)
         diagnosis_.problem(part, "the SO PIN is locked: nothing unlocks the user PIN any more",
-                           "velkor-softkey create another key, and move to it while this one works");
+                           "make another key (velkor-softkey create), and move to it while this one works");
     try {
         const MachineBinding binding(user.machine);
     } catch (const Refusal& refusal) {
@@ -340,7 +354,7 @@ void Doctor::checkConfiguration()
         diagnosis_.problem("configuration",
                            shown + " cannot be read, and errors are logged whatever it says: " +
                                std::generic_category().message(error),
-                           "make it a file that the user may read: chmod a+r " + shown);
+                           "make it a file that the user may read: chmod a+r " + quoted(shown));
     else if (!velkor::platform::readLogLevel(value) && hasSetting(path, "logLevel"))
         diagnosis_.problem("configuration", shown + " has a logLevel that is not understood: errors are logged",
                            "write \"logLevel = 0\" there for nothing, 2 for errors, 3 for every call");
@@ -392,7 +406,8 @@ void Doctor::checkLog()
     const std::string file = folder + "Brenmoor/PROGRAM/" + todaysLog();
     if (isOff ? !couldLog(fs::path(folder).parent_path(), own + "/" + todaysLog()) : !canLog(folder, own))
         return diagnosis_.problem("log", file + " cannot be written: " + effect,
-                                  "chown " + folder + "Brenmoor to the user, or set TMPDIR to a folder of your own");
+                                  "chown " + quoted(folder + "Brenmoor") +
+                                      " to the user, or set TMPDIR to a folder of your own");
     if (isOff)
         return diagnosis_.note("log", "nothing is logged; with logLevel = 2 errors would be in " + file +
                                           ", with 3 every call");
@@ -427,6 +442,9 @@ void Doctor::checkRegistered(const fs::path& file, const std::string& module)
     else if (fs::path(module).is_absolute() && !fs::exists(module, failure))
         diagnosis_.problem("p11-kit", shown + " names " + module + ", which is not there",
                            module_.empty() ? "install it" : naming);
+    else if (!fs::path(module).is_absolute())
+        diagnosis_.problem("p11-kit", shown + " names " + module + " without its folder: p11-kit looks into its own",
+                           naming);
     else if (module.find("strict") == std::string::npos)
         diagnosis_.problem("p11-kit", shown + " names the plain module, whose texts p11-kit does not read to their end",
                            naming);

@@ -141,6 +141,7 @@ TEST_F(DoctorTest, FilesThatAreNoUsableKeysAreFound)
     writeFile(keyPath(GOOD), damaged);
     const std::string fix = remedy(findings(), GOOD_KEY, "the key file is damaged");
     EXPECT_TRUE(fix.starts_with("velkor-softkey restore BACKUP --yes")) << fix;
+    EXPECT_TRUE(fix.ends_with("velkor-softkey remove " + std::string(GOOD))) << fix;
     EXPECT_EQ(tool("restore " + path("copy") + " --yes").exitCode, 0);
     expectWell();
 
@@ -159,6 +160,15 @@ TEST_F(DoctorTest, AFolderThatIsNotThereIsEmptyOrOpenToOthersIsFound)
     EXPECT_EQ(remedy(findings("--home " + path("empty")), "keys", "there is none"), "velkor-softkey create");
     std::filesystem::permissions(path("empty"), std::filesystem::perms::all);
     EXPECT_NE(findings("--home " + path("empty")).dump().find("others may write to it"), std::string::npos);
+}
+
+TEST_F(DoctorTest, AnOddFolderIsQuotedInCommands)
+{
+    const std::string odd = path("it's odd");
+    std::filesystem::create_directory(odd);
+    std::filesystem::permissions(odd, std::filesystem::perms::all);
+    const std::string fix = remedy(findings("--home \"" + odd + "\""), "keys folder", "others may write to it");
+    EXPECT_TRUE(fix.ends_with("chmod go-w '" + path("it'\\''s odd'"))) << fix;
 }
 
 /// Without the right to read and write everywhere that the administrator has.
@@ -322,6 +332,8 @@ TEST_F(DoctorTest, ARegistrationThatIsMissingOrWrongIsFound)
     EXPECT_NE(remedy(findings(), "p11-kit", "packed layout"), "");
     registerModule(SOFTKEY_MODULE);
     EXPECT_NE(remedy(findings(), "p11-kit", "names the plain module").find(SOFTKEY_STRICT), std::string::npos);
+    registerModule("velkor-pkcs11-strict.so");
+    EXPECT_NE(remedy(findings(), "p11-kit", "without its folder").find(SOFTKEY_STRICT), std::string::npos);
     registerModule("another.so");
     const std::string fix = remedy(findings(), "p11-kit", "the strict front is not registered");
     EXPECT_NE(fix.find(SOFTKEY_STRICT), std::string::npos) << fix;
