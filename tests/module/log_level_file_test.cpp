@@ -51,6 +51,25 @@ TEST_F(LogLinesTest, AnEditBetweenTwoLinesIsSeenByTheSecond)
     EXPECT_EQ(wholeLog(), expected);
 }
 
+TEST_F(LogLinesTest, AFileThatIsReplacedEmptiedOrRemovedBetweenTwoLinesIsSeenByTheSecond)
+{
+    const std::filesystem::path file = folder_ / "velkor.conf";
+    const std::filesystem::path other = folder_ / "other.conf";
+    std::vector<std::string> expected;
+    for (int round = 0; round < 100; ++round) {
+        std::ofstream(other) << "logLevel = 3\n";
+        std::filesystem::rename(other, file);
+        C_GetFunctionList(nullptr);
+        if (round % 2 == 0)
+            std::filesystem::resize_file(file, 0);
+        else
+            std::filesystem::remove(file);
+        C_GetFunctionList(nullptr);
+        expected.insert(expected.end(), {DEBUG_LINE, ERROR_LINE, ERROR_LINE});
+    }
+    EXPECT_EQ(wholeLog(), expected);
+}
+
 TEST_F(LogLinesTest, AFileWhoseTimeIsPutIntoThePastOrTheFutureIsReadAsItIs)
 {
     using namespace std::chrono_literals;
