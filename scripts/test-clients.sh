@@ -13,6 +13,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 . scripts/steps.sh
+trap 'trap - TERM; kill 0' TERM
 hosts=tests/clients/hosts
 folder=$PWD/build/clients
 
