@@ -4,6 +4,7 @@
 # Run are the blocks marked `sh` of the pages that a host's script gives to run_guide.sh. Of other blocks, indented ones
 # among them, commands are the lines that begin with a script or with one of the programs below. A line of
 # commands_elsewhere.txt is "page | command, without its comment | reason"; one whose command is gone fails the test, too.
+# What stands in a table or in a sentence is not looked at.
 set -euo pipefail
 cd "$1"
 programs='(sudo|apt|adduser|cp|podman|systemctl|export|cmake|ctest|cpack|git|reg|msiexec|python3|p11-kit|p11tool|openssl)'
