@@ -1,5 +1,9 @@
 # The Debian packages, one for each component of the installation: cpack --config CPackConfig.cmake, in a build folder
 # that was configured for /usr. scripts/packages.sh makes and tries them.
+file(STRINGS ${CMAKE_CURRENT_LIST_DIR}/changelog NEWEST LIMIT_COUNT 1)
+if(NOT NEWEST MATCHES "\\(${PROJECT_VERSION}-")
+    message(FATAL_ERROR "packaging/debian/changelog begins with another version than ${PROJECT_VERSION}: ${NEWEST}")
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL module softkey dev)
