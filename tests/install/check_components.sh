@@ -14,7 +14,7 @@ files_of() { (cd "$1" && find . -type f -o -type l) | sort; }
 diff --label "the whole" --label "its components" --unified=0 <(files_of "$tree") \
     <(for component in module softkey dev; do files_of "$folder/$component"; done | sort)
 
-# The same bytes, but for the one file that has the prefix in it.
+# The same bytes.
 DESTDIR=$folder/staged cmake --install "$build" --prefix "$tree" >/dev/null
 diff --recursive "$tree" "$folder/staged$tree"
 cmake --install "$build" --prefix "$folder/stripped" --strip >/dev/null
