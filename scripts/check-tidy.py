@@ -24,7 +24,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 KEPT_DAYS = 30
-UNIT_SIZE = 6
+UNIT_SIZE = 12
 
 
 def commands_by_source(build):

@@ -12,7 +12,7 @@ namespace
 constexpr Use ENCRYPTING = {"C_EncryptInit", CKO_PUBLIC_KEY, CKA_ENCRYPT, CKF_ENCRYPT};
 constexpr Use DECRYPTING = {"C_DecryptInit", CKO_PRIVATE_KEY, CKA_DECRYPT, CKF_DECRYPT};
 /// The module writes as much as the device gives, whatever room it is told; a plaintext is shorter than its key.
-constexpr CK_ULONG ROOM = CIPHERTEXT_CAPACITY;
+constexpr CK_ULONG RESULT_ROOM = CIPHERTEXT_CAPACITY;
 
 std::size_t overheadOf(Padding padding)
 {
@@ -41,8 +41,8 @@ CK_RV encryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, 
     const CK_RV status = module().C_EncryptInit(session, &mechanism, PUBLIC_KEY_BASE + operation.pair);
     if (status != CKR_OK)
         return status == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : status;
-    result.resize(ROOM);
-    CK_ULONG length = ROOM;
+    result.resize(RESULT_ROOM);
+    CK_ULONG length = RESULT_ROOM;
     const CK_RV done = module().C_Encrypt(session, const_cast<CK_BYTE_PTR>(data.data()),
                                           static_cast<CK_ULONG>(data.size()), result.data(), &length);
     result.resize(done == CKR_OK ? length : 0);
@@ -62,7 +62,7 @@ CK_RV decryptInModule(CK_SESSION_HANDLE session, const KeyOperation& operation, 
     CK_RV done = module().C_Decrypt(session, input, size, nullptr, &length);
     if (done != CKR_OK)
         return done;
-    result.resize(std::max(length, ROOM));
+    result.resize(std::max(length, RESULT_ROOM));
     done = module().C_Decrypt(session, input, size, result.data(), &length);
     result.resize(done == CKR_OK ? length : 0);
     return done;

@@ -1,14 +1,13 @@
 #include "crypto/ecdsa_form.h"
 
+#include "crypto/der_tags.h"
+
 #include <algorithm>
 
 namespace softkey
 {
 namespace
 {
-
-constexpr unsigned char SEQUENCE = 0x30;
-constexpr unsigned char INTEGER = 0x02;
 
 /// Takes a DER element of that tag off the front of `input`. Lengths up to 255 bytes do for every curve here.
 Bytes takeElement(Bytes& input, unsigned char tag)

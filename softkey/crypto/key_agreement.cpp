@@ -1,4 +1,5 @@
 // ECDH.
+#include "crypto/der_tags.h"
 #include "crypto/private_key.h"
 #include "crypto/public_key.h"
 #include "platform/fork_guard.h"
@@ -7,8 +8,6 @@ namespace softkey
 {
 namespace
 {
-
-constexpr unsigned char OCTET_STRING = 0x04;
 
 /// The point inside a DER OCTET STRING, or the input itself when it has the length of a bare point.
 Bytes barePoint(Bytes encoded, const KeyKindTraits& traits)

@@ -12,43 +12,43 @@ namespace
 
 constexpr std::size_t COMPONENT_SIZE_MAX = 4096 / 8;
 
-using Number = Owned<BIGNUM, BN_clear_free>;
+using SecretNumber = Owned<BIGNUM, BN_clear_free>;
 using Workspace = Owned<BN_CTX, BN_CTX_free>;
 using ParameterBuilder = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
 using Parameters = Owned<OSSL_PARAM, OSSL_PARAM_free>;
 
-Number secretNumber()
+SecretNumber secretNumber()
 {
-    auto number = requireObject<Number>(BN_secure_new());
+    auto number = requireObject<SecretNumber>(BN_secure_new());
     BN_set_flags(number.get(), BN_FLG_CONSTTIME);
     return number;
 }
 
-Number readNumber(Bytes bigEndian)
+SecretNumber readNumber(Bytes bigEndian)
 {
     while (!bigEndian.empty() && bigEndian.front() == 0)
         bigEndian = bigEndian.subspan(1);
     require(!bigEndian.empty() && bigEndian.size() <= COMPONENT_SIZE_MAX, SoftkeyStatus::BadPrivateKey);
-    Number number = secretNumber();
+    SecretNumber number = secretNumber();
     require(BN_bin2bn(bigEndian.data(), static_cast<int>(bigEndian.size()), number.get()) != nullptr);
     return number;
 }
 
 /// All numbers of an RSA private key.
 struct RsaNumbers {
-    Number n, e, d, p, q, exponent1, exponent2, coefficient;
+    SecretNumber n, e, d, p, q, exponent1, exponent2, coefficient;
 };
 
-Number minusOne(const Number& number)
+SecretNumber minusOne(const SecretNumber& number)
 {
-    Number result = secretNumber();
+    SecretNumber result = secretNumber();
     require(BN_sub(result.get(), number.get(), BN_value_one()) == 1);
     return result;
 }
 
-Number reduced(const Number& number, const Number& modulus, BN_CTX* workspace)
+SecretNumber reduced(const SecretNumber& number, const SecretNumber& modulus, BN_CTX* workspace)
 {
-    Number result = secretNumber();
+    SecretNumber result = secretNumber();
     require(BN_mod(result.get(), number.get(), modulus.get(), workspace) == 1);
     return result;
 }
@@ -56,7 +56,7 @@ Number reduced(const Number& number, const Number& modulus, BN_CTX* workspace)
 void completeNumbers(RsaNumbers& numbers)
 {
     const auto workspace = requireObject<Workspace>(BN_CTX_secure_new_ex(CryptoContext::get().library()));
-    const Number remainder = secretNumber();
+    const SecretNumber remainder = secretNumber();
     numbers.q = secretNumber();
     require(BN_div(numbers.q.get(), remainder.get(), numbers.n.get(), numbers.p.get(), workspace.get()) == 1);
     require(BN_is_zero(remainder.get()) && BN_cmp(numbers.p.get(), BN_value_one()) > 0 &&
@@ -75,7 +75,7 @@ void completeNumbers(RsaNumbers& numbers)
 EvpKey buildKey(const RsaNumbers& numbers)
 {
     const auto builder = requireObject<ParameterBuilder>(OSSL_PARAM_BLD_new());
-    const auto push = [&](const char* name, const Number& number) {
+    const auto push = [&](const char* name, const SecretNumber& number) {
         require(OSSL_PARAM_BLD_push_BN(builder.get(), name, number.get()) == 1);
     };
     push(OSSL_PKEY_PARAM_RSA_N, numbers.n);

@@ -1,10 +1,12 @@
-#define OPENSSL_SUPPRESS_DEPRECATED // See the header.
 #include "crypto/short_hashes.h"
 
 #include "base/secret_memory.h"
 
 #include <algorithm>
 #include <array>
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // See the header.
 
 namespace softkey
 {
@@ -71,3 +73,5 @@ void HmacSha256::compute(std::initializer_list<Bytes> parts, unsigned char* out)
 }
 
 } // namespace softkey
+
+#pragma GCC diagnostic pop

@@ -1,5 +1,7 @@
 #include "crypto/signature_input.h"
 
+#include "crypto/der_tags.h"
+
 #include <openssl/rsa.h>
 
 #include <algorithm>
@@ -23,11 +25,6 @@ constexpr HashOid HASH_OIDS[] = {
     {48, 9, {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x02}},
     {64, 9, {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03}},
 };
-
-constexpr unsigned char SEQUENCE = 0x30;
-constexpr unsigned char OBJECT_IDENTIFIER = 0x06;
-constexpr unsigned char NULL_VALUE = 0x05;
-constexpr unsigned char OCTET_STRING = 0x04;
 
 constexpr std::size_t PKCS1_OVERHEAD = 11;
 

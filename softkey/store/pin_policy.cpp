@@ -15,12 +15,13 @@ constexpr std::size_t SALT_SIZE = 16;
 
 /// What a wrapped master key says besides itself. Layout 2 did not know whether the contents are under its seal: a
 /// file whose seal was taken off must not pass for one of those.
-enum class Wrapped { BeforeSeals, WithSeal };
+enum class MasterKeyForm { BeforeSeals, WithSeal };
 
-ByteVector masterKeyIdentity(PinRole role, std::string_view serialNumber, Wrapped wrapped = Wrapped::WithSeal)
+ByteVector masterKeyIdentity(PinRole role, std::string_view serialNumber,
+                             MasterKeyForm wrapped = MasterKeyForm::WithSeal)
 {
     const std::string_view purpose =
-        wrapped == Wrapped::WithSeal ? "velkor-softkey sealing master key" : "velkor-softkey master key";
+        wrapped == MasterKeyForm::WithSeal ? "velkor-softkey sealing master key" : "velkor-softkey master key";
     ByteVector identity(purpose.begin(), purpose.end());
     identity.push_back(static_cast<unsigned char>(role));
     identity.insert(identity.end(), serialNumber.begin(), serialNumber.end());
@@ -118,7 +119,7 @@ CheckedPin tryOnSeal(KeyFile& file, const KeyFile::Turn& turn, const PinRecord& 
         masterKey = unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber));
         if (!masterKey) {
             masterKey =
-                unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber, Wrapped::BeforeSeals));
+                unseal(key, record.wrappedMasterKey, masterKeyIdentity(role, serialNumber, MasterKeyForm::BeforeSeals));
             isOlder = masterKey.has_value();
         }
     } catch (...) {
