@@ -83,6 +83,7 @@ struct ForkGate {
         for (Counter& counter : counters)
             counter.inside = 0;
         closing = false;
+        turnstile.unlock(); // Which tells whoever keeps account of locks.
         new (&turnstile) std::mutex;
     }
 

@@ -79,9 +79,9 @@ protected:
     void TearDown() override
     {
         setLogLevel("0");
-        testing::Mock::VerifyAndClearExpectations(device_.get());
         setDeviceOperations(std::make_shared<LastDevice>());
-        waitForMonitorToLeaveTheDevice();
+        waitForMonitorToLeaveTheDevice(); // Else it may be in the midst of an expectation.
+        testing::Mock::VerifyAndClearExpectations(device_.get());
         if (testing::UnitTest::GetInstance()->test_to_run_count() > 1 && finalize() != CKR_OK)
             stopLeftMonitor();
     }

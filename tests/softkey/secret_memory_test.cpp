@@ -177,8 +177,8 @@ TEST(SecretMemory, NothingIsLeftWhereItGrew)
 
 TEST(SecretMemory, OrdinaryMemoryThatIsTakenAnewMayBecomeSecret)
 {
-    EXPECT_FALSE(has(pageFlagsOf(takeMemoryAnew(nullptr, 48, false)), " wf "));
-    void* const before = takeOrdinaryMemory(48);
+    void* const before = takeMemoryAnew(nullptr, 48, false);
+    EXPECT_FALSE(has(pageFlagsOf(before), " wf "));
     std::memset(before, 0x5a, 48);
     void* const after = takeMemoryAnew(before, 96, true);
     EXPECT_EQ(static_cast<const unsigned char*>(after)[47], 0x5a);
