@@ -35,7 +35,7 @@ mkdir -p build/fuzz/found build/fuzz/corpus
 run() {
     local harness=$1
     shift
-    (cd "$scratch" && exec setsid --wait \
+    (cd "$scratch" && ASAN_OPTIONS=intercept_tls_get_addr=0 exec setsid --wait \
         "$root/build/fuzz/bin/fuzz_$harness" -close_fd_mask=3 -dict="$root/tests/fuzz/words.dict" -timeout=30 \
         -artifact_prefix="$root/build/fuzz/found/$harness-" "$@") </dev/null
 }

@@ -71,11 +71,6 @@ softkey_hard() {
     scripts/softkey-hard.sh --short >build/softkey-hard.log 2>&1 || { cat build/softkey-hard.log; return 1; }
 }
 
-# Each for a minute, one on each processor; what they came to is told.
-fuzz() {
-    scripts/fuzz.sh 60
-}
-
 mkdir -p build
 for preset in release asan tsan; do
     before=$failed
@@ -86,7 +81,6 @@ step "demo" count "demo" demo
 step "softkey-hard" count "softkey-hard" softkey_hard
 step "clang-format" count "clang-format" check_format
 step "clang-tidy" count "clang-tidy" check_tidy
-step "fuzz" count "fuzz" fuzz
 
 print_steps
 echo "$passed passed, $failed failed"
