@@ -30,7 +30,7 @@ namespace
 namespace fs = std::filesystem;
 
 /// A path as a command takes it.
-std::string quoted(const fs::path& path)
+std::string commandWord(const fs::path& path)
 {
     const std::string text = path.string();
     if (text.find_first_of(" \t\"'\\$&;()<>|*?`#~!") == std::string::npos)
@@ -98,7 +98,7 @@ void Doctor::checkFolder()
         folder_.clear();
     } else if (fs::directory_iterator(folder_, failure); failure) {
         diagnosis_.problem("keys folder", shown + " cannot be read: " + failure.message(),
-                           "chmod u+rwx " + quoted(folder_));
+                           "chmod u+rwx " + commandWord(folder_));
         folder_.clear();
     } else {
         checkFolderRights();
@@ -111,24 +111,25 @@ void Doctor::checkFolderRights()
     const Exposure exposure = exposureOf(folder_);
     if (exposure == Exposure::Writable)
         diagnosis_.problem("keys folder", shown + " is not the user's own, and refused: others may write to it",
-                           "chown it to the user, and chmod go-w " + quoted(folder_));
+                           "chown it to the user, and chmod go-w " + commandWord(folder_));
     else if (!mayWrite(folder_))
         diagnosis_.problem("keys folder",
                            shown + " is read-only: keys are seen, but no PIN can be checked, since tries are counted",
-                           "chmod u+w " + quoted(folder_) + ", or mount its disk for writing");
+                           "chmod u+w " + commandWord(folder_) + ", or mount its disk for writing");
     else
         diagnosis_.good("keys folder", shown);
     if (exposure == Exposure::Readable)
-        diagnosis_.note("keys folder", "others may look into it; chmod go-rwx " + quoted(folder_) + " keeps them out");
+        diagnosis_.note("keys folder",
+                        "others may look into it; chmod go-rwx " + commandWord(folder_) + " keeps them out");
     if (!session_.home.empty() || environmentValue("VELKOR_SOFTKEY_HOME"))
         diagnosis_.note("keys folder", "it is not the usual one: a host sees it with VELKOR_SOFTKEY_HOME=" +
-                                           quoted(folder_) + " in its own environment alone");
+                                           commandWord(folder_) + " in its own environment alone");
 }
 
 /// What to do about a key's file that is refused.
 std::string remedyFor(SoftkeyStatus status, const fs::path& path)
 {
-    const std::string shown = quoted(path);
+    const std::string shown = commandWord(path);
     switch (status) {
     case SoftkeyStatus::FileDamaged:
         return "velkor-softkey restore BACKUP --yes, if there is a backup; else velkor-softkey remove " +
@@ -186,9 +187,9 @@ void Doctor::checkKeyFile(const std::string& part, const fs::path& path)
 {
     if (!mayWrite(path))
         diagnosis_.problem(part, "its file is read-only: no PIN can be checked, since tries are counted",
-                           "chmod u+w " + quoted(path));
+                           "chmod u+w " + commandWord(path));
     if (exposureOf(path) == Exposure::Readable)
-        diagnosis_.note(part, "others may read its file; chmod go-r " + quoted(path) + " keeps them out");
+        diagnosis_.note(part, "others may read its file; chmod go-r " + commandWord(path) + " keeps them out");
 }
 
 void Doctor::checkPins(const std::string& part, const Contents& contents)
@@ -354,7 +355,7 @@ void Doctor::checkConfiguration()
         diagnosis_.problem("configuration",
                            shown + " cannot be read, and errors are logged whatever it says: " +
                                std::generic_category().message(error),
-                           "make it a file that the user may read: chmod a+r " + quoted(shown));
+                           "make it a file that the user may read: chmod a+r " + commandWord(shown));
     else if (!velkor::platform::readLogLevel(value) && hasSetting(path, "logLevel"))
         diagnosis_.problem("configuration", shown + " has a logLevel that is not understood: errors are logged",
                            "write \"logLevel = 0\" there for nothing, 2 for errors, 3 for every call");
@@ -406,7 +407,7 @@ void Doctor::checkLog()
     const std::string file = folder + "Brenmoor/PROGRAM/" + todaysLog();
     if (isOff ? !couldLog(fs::path(folder).parent_path(), own + "/" + todaysLog()) : !canLog(folder, own))
         return diagnosis_.problem("log", file + " cannot be written: " + effect,
-                                  "chown " + quoted(folder + "Brenmoor") +
+                                  "chown " + commandWord(folder + "Brenmoor") +
                                       " to the user, or set TMPDIR to a folder of your own");
     if (isOff)
         return diagnosis_.note("log", "nothing is logged; with logLevel = 2 errors would be in " + file +
