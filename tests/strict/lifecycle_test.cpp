@@ -61,16 +61,16 @@ TEST_F(StrictLifecycleTest, KnowsWhetherItIsInitialized)
 
 TEST_F(StrictLifecycleTest, LeavesStandardOutputToItsHostWhereTheLogCannotBeWritten)
 {
+    testing::internal::CaptureStdout(); // Before: it makes a file where the log would be.
     hideLogFolder(true);
-    testing::internal::CaptureStdout();
     p11.C_Finalize(nullptr);
     start();
     EXPECT_EQ(login(open(slots()[0]), "9999"), CKR_PIN_INCORRECT); // A line of the module, too.
     EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(p11.C_Initialize(nullptr), CKR_OK);
     EXPECT_EQ(p11.C_Logout(0), CKR_SESSION_HANDLE_INVALID);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     hideLogFolder(false);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
 TEST_F(StrictLifecycleTest, PadsItsTextsWithBlanks)
