@@ -167,8 +167,8 @@ TEST_F(DoctorTest, AnOddFolderIsQuotedInCommands)
     const std::string odd = path("it's odd");
     std::filesystem::create_directory(odd);
     std::filesystem::permissions(odd, std::filesystem::perms::all);
-    const std::string fix = remedy(findings("--home \"" + odd + "\""), "keys folder", "others may write to it");
-    EXPECT_TRUE(fix.ends_with("chmod go-w '" + path("it'\\''s odd'"))) << fix;
+    const std::string found = findings("--home \"" + odd + "\"").dump(); // In JSON each backslash stands twice.
+    EXPECT_NE(found.find("chmod go-w '" + path("it'\\\\''s odd'")), std::string::npos) << found;
 }
 
 /// Without the right to read and write everywhere that the administrator has.
