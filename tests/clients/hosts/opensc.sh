@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # OpenSC's pkcs11-tool: what it lists, makes, signs, decrypts, derives, stores and deletes.
 # Needs: opensc
-# Limit: 180
+# Limit: 300
 . "$(dirname "$0")/common.sh"
 
 token() { timeout 60 pkcs11-tool --module "$module" "$@"; }
