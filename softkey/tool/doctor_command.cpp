@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 /// A path as a command takes it.
 std::string commandWord(const fs::path& path)
 {
-    const std::string text = path.string();
+    std::string text = path.string();
     if (text.find_first_of(" \t\"'\\$&;()<>|*?`#~!") == std::string::npos)
         return text;
     std::string word = "'";
