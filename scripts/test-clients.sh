@@ -13,7 +13,6 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 . scripts/steps.sh
-trap 'trap - TERM; kill 0' TERM
 hosts=tests/clients/hosts
 folder=$PWD/build/clients
 
