@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Runs the tests of a build as ctest would, but many of one program in one process.
 
-    scripts/run-tests.py PRESET REPORT
+    scripts/run-tests.py PRESET REPORT [--patient]
 
-Where a process starts slowly, as under Wine and emulated, this takes a fraction of the time. Each test is reported by
-itself: REPORT gets a line "passed|failed|skipped <tab> name <tab> reason" for each. One that did not pass, or that a
-crash before it kept from running, is run again by itself, and that decides; what did not pass at once is printed.
-Tests labelled "own-process" are always by themselves. The exit code is 0 when no test failed and there was one.
+Where a process starts slowly, as under a sanitizer, under Wine and emulated, this takes a fraction of the time. Each
+test is reported by itself: REPORT gets a line "passed|failed|skipped <tab> name <tab> reason" for each. One that did
+not pass is run again by itself with --patient, and that decides; without, only one that a crash before it kept from
+running. Tests labelled "own-process", and those that are judged by their output, are always by themselves. The exit
+code is 0 when no test failed and there was one.
 """
 import concurrent.futures
 import json
@@ -21,9 +22,15 @@ import time
 from collections import defaultdict
 
 TESTS_IN_A_PROCESS = 24
-PROCESSES_PER_CORE = 6  # Ends of the module's monitor are waited for, not worked for.
+PROCESSES_PER_CORE = 2  # Tests wait more than they work.
+PROCESSES_PER_CORE_PATIENTLY = 6  # Ends of the module's monitor are waited for.
 RESULT = re.compile(r"\[ +(RUN|OK|FAILED|SKIPPED) +\] ([^\s,(]+)(.*\(\d+ ms\))?$")
 FILTER = "--gtest_filter="
+
+
+def told_in(run, patterns):
+    output = "\n".join(run.output)
+    return any(re.search(pattern, output, re.DOTALL) for pattern in patterns or [])
 
 
 class Test:
@@ -37,23 +44,31 @@ class Test:
         self.says = properties.get("PASS_REGULAR_EXPRESSION")
         self.never_says = properties.get("FAIL_REGULAR_EXPRESSION")
         self.locks = tuple(sorted(properties.get("RESOURCE_LOCK", [])))
+        self.waits_for = properties.get("DEPENDS", [])
         self.filter = next((a[len(FILTER):] for a in self.command if a.startswith(FILTER)), None)
-        self.alone = self.filter is None or "own-process" in properties.get("LABELS", [])
+        self.skips = properties.get("SKIP_REGULAR_EXPRESSION") if self.filter is None else None
+        if self.filter and "*" in self.filter:  # Several tests, which are one here.
+            self.filter = None
+        self.alone = bool(self.filter is None or self.says or self.never_says or
+                          "own-process" in properties.get("LABELS", []))
 
     def program(self):
         """What tests of one process have in common."""
         arguments = tuple(a for a in self.command if not a.startswith(FILTER))
         return arguments, self.timeout, self.environment, self.folder, self.locks
 
-
     def refuses(self, run):
+        return told_in(run, self.never_says)
+
+    def verdict(self, run):
         """A program that is not GoogleTest's is judged as ctest does: by what it printed, or by its exit code."""
-        output = "\n".join(run.output)
-        if any(re.search(pattern, output, re.DOTALL) for pattern in self.never_says or []):
-            return True
+        if self.refuses(run):
+            return "failed", "its output"
+        if told_in(run, self.skips):
+            return "skipped", run.output[-1]
         if self.says and not run.timed_out:
-            return not any(re.search(pattern, output, re.DOTALL) for pattern in self.says)
-        return bool(run.end())
+            return ("passed", "") if told_in(run, self.says) else ("failed", "its output")
+        return ("failed", run.end()) if run.end() else ("passed", "")
 
 
 class Run:
@@ -122,8 +137,17 @@ class Run:
         return "" if self.process.returncode == 0 else f"exit code {self.process.returncode}"
 
 
+def environment_of(preset):
+    """What the preset adds for its tests."""
+    with open("CMakePresets.json", encoding="utf-8") as file:
+        presets = json.load(file)["testPresets"]
+    return next(entry for entry in presets if entry["name"] == preset).get("environment", {})
+
+
 class Runner:
-    def __init__(self, preset):
+    def __init__(self, preset, patient):
+        self.patient = patient
+        os.environ.update(environment_of(preset))
         listed = subprocess.run(["ctest", "--preset", preset, "--show-only=json-v1"], check=True,
                                 stdout=subprocess.PIPE, text=True).stdout
         self.tests = [Test(entry) for entry in json.loads(listed[listed.index("{"):])["tests"]]
@@ -133,13 +157,22 @@ class Runner:
         self.verdicts = {}  # By test, since several may have one name: result and reason.
         self.printing = threading.Lock()
 
-    def batches(self):
+    def waves(self):
+        """What others wait for, then these."""
+        left = list(self.tests)
+        while left:
+            names = {test.name for test in left}
+            yield [test for test in left if not names.intersection(test.waits_for)]
+            left = [test for test in left if names.intersection(test.waits_for)]
+
+    @staticmethod
+    def batches(wave):
         """The longest first: what one test at a time has to wait for begins early."""
         programs = defaultdict(list)
-        for test in self.tests:
+        for test in wave:
             if not test.alone:
                 programs[test.program()].append(test)
-        batches = [[test] for test in self.tests if test.alone]
+        batches = [[test] for test in wave if test.alone]
         for tests in programs.values():
             batches += [tests[i:i + TESTS_IN_A_PROCESS] for i in range(0, len(tests), TESTS_IN_A_PROCESS)]
         return sorted(batches, key=lambda batch: (not batch[0].locks, -len(batch)))
@@ -157,28 +190,25 @@ class Runner:
         if not tests[0].command:
             self.verdicts[tests[0]] = ("failed", "not built")
             return
-        run = self.run(tests)
+        together = self.run(tests)
         for test in tests:
+            run = together
             result, reason = self.judge(run, test, len(tests) == 1)
-            if result == "failed":
+            if result == "failed" and (self.patient or not reason):
                 self.tell(test, reason)
-                result, reason = self.again(test)
+                run = self.run([test])
+                result, reason = self.judge(run, test, True)
+            if result == "failed":
+                with self.printing:
+                    print(f"FAILED: {test.name} ({reason})", *run.output, sep="\n", flush=True)
             self.verdicts[test] = (result, reason)
-
-    def again(self, test):
-        run = self.run([test])
-        result, reason = self.judge(run, test, True)
-        if result == "failed":
-            with self.printing:
-                print(f"FAILED: {test.name} ({reason})", *run.output, sep="\n", flush=True)
-        return result, reason
 
     @staticmethod
     def judge(run, test, alone):
         """In a program that ends badly without a test to blame, none has passed."""
         told = run.results.get(test.filter)
-        if test.filter is None:
-            return ("failed", run.end() or "its output") if test.refuses(run) else ("passed", "")
+        if test.filter is None or test.refuses(run):
+            return test.verdict(run)
         blamed = "failed" in run.results.values() or run.current not in run.results
         if told in ("passed", "skipped") and (not run.end() or (blamed and not alone)):
             return told, run.reasons.get(test.filter, "")
@@ -191,11 +221,13 @@ class Runner:
                 print(f"did not pass at once: {test.name} ({reason})", flush=True)
 
 
-def main(preset, report):
-    runner = Runner(preset)
-    with concurrent.futures.ThreadPoolExecutor(PROCESSES_PER_CORE * (os.cpu_count() or 1)) as pool:
-        for _ in pool.map(runner.run_batch, runner.batches()):
-            pass
+def main(preset, report, *options):
+    runner = Runner(preset, "--patient" in options)
+    per_core = PROCESSES_PER_CORE_PATIENTLY if runner.patient else PROCESSES_PER_CORE
+    with concurrent.futures.ThreadPoolExecutor(per_core * (os.cpu_count() or 1)) as pool:
+        for wave in runner.waves():
+            for _ in pool.map(runner.run_batch, runner.batches(wave)):
+                pass
     with open(report, "w", encoding="utf-8") as file:
         for test in runner.tests:
             result, reason = runner.verdicts.get(test, ("failed", "did not run"))

@@ -16,3 +16,8 @@ print_steps() {
     printf '%s\n' "${steps[@]}"
     [ -z "${VELKOR_STEPS:-}" ] || printf '%s\n' "${steps[@]}" >>"$VELKOR_STEPS"
 }
+
+# results KIND REPORT: name and reason of each test with that result, in a report of scripts/run-tests.py.
+results() {
+    [ ! -e "$2" ] || sed -n "s/^$1\t//p" "$2"
+}

@@ -35,7 +35,7 @@ run_tests() {
     rm -f "$report"
     # Wine at times loses a process at its start, or one spins at its end: about one of some thousands, on a busy machine.
     # So a test that fails is run once more, and told of.
-    scripts/run-tests.py "$1" "$report" || status=$?
+    scripts/run-tests.py "$1" "$report" --patient || status=$?
     good=$(results passed "$report" | wc -l) left=$(results skipped "$report" | wc -l)
     bad=$(results failed "$report" | wc -l)
     # A run that failed, or ran nothing, never counts as good.
@@ -51,11 +51,6 @@ run_tests() {
     # No other test may skip itself than those that are known to.
     diff <(known_skips "$1" "$3" | sort) <(results skipped "$report" | cut -f 1 | sort) ||
         fail "the list of skipped tests of $1"
-}
-
-# results KIND REPORT: name and reason of each test with that result.
-results() {
-    [ ! -e "$2" ] || sed -n "s/^$1\t//p" "$2"
 }
 
 # known_skips PRESET SOFTKEY: those of the software key, which alone have no layout in their name, only with it.

@@ -30,28 +30,23 @@ build() {
     cmake --build --preset "$1" >"build/$1.build.log" 2>&1 || { cat "build/$1.build.log"; return 1; }
 }
 
-# run_tests PRESET: adds the tests of one build.
+# run_tests PRESET: adds the tests of one build, each of which is reported by itself.
 run_tests() {
-    local report=build/$1.tests.xml
+    local report=build/$1.tests.tsv status=0 good left bad
     rm -f "$report"
-    local status=0 tests failures left
-    # Tests wait more than they work.
-    ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit "$PWD/$report" >"build/$1.tests.log" 2>&1 || status=$?
-    [ "$status" -eq 0 ] || grep -v -e ' Passed ' -e '^ *Start ' "build/$1.tests.log"
-    tests=$(grep -c '<testcase ' "$report" 2>/dev/null)
-    failures=$(grep -c '<testcase .*status="\(fail\|disabled\|notrun\)"' "$report" 2>/dev/null)
-    left=$(grep -c '<skipped message="SKIP_REGULAR_EXPRESSION_MATCHED"' "$report" 2>/dev/null)
-    tests=${tests:-0} left=${left:-0}
-    failures=$((${failures:-0} - left))
+    scripts/run-tests.py "$1" "$report" >"build/$1.tests.log" 2>&1 || status=$?
+    [ "$status" -eq 0 ] || cat "build/$1.tests.log"
+    good=$(results passed "$report" | wc -l) left=$(results skipped "$report" | wc -l)
+    bad=$(results failed "$report" | wc -l)
     # A run that failed, or ran nothing, never counts as good.
-    if [ "$failures" -eq 0 ] && { [ "$status" -ne 0 ] || [ "$tests" -eq 0 ]; }; then
+    if [ "$bad" -eq 0 ] && { [ "$status" -ne 0 ] || [ "$good" -eq 0 ]; }; then
         failed=$((failed + 1))
         echo "FAILED: tests of $1"
     fi
-    echo "$1: $tests tests, $failures failed, $left skipped"
-    [ "$left" -eq 0 ] || sed -n 's/.*<testcase name="\([^"]*\)".*status="notrun".*/  skipped: \1/p' "$report"
-    passed=$((passed + tests - failures - left))
-    failed=$((failed + failures))
+    echo "$1: $good passed, $bad failed, $left skipped"
+    results skipped "$report" | sed 's/^/  skipped: /; s/\t/: /'
+    passed=$((passed + good))
+    failed=$((failed + bad))
 }
 
 check_format() {
