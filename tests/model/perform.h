@@ -1,5 +1,5 @@
-// One step of a run, done by the module's function table or by the model: both get memory that is filled alike, and what
-// they leave in it is written down, byte for byte.
+// One step of a run, done by the module's function table or by the model: both get memory that is filled alike, and
+// what they leave in it is written down, byte for byte.
 #pragma once
 
 #include <algorithm>

@@ -294,7 +294,9 @@ int RecordingDevice::velkor_updateHash(void* hashContext, const unsigned char* d
     if (fails("updateHash", shownContext(hashContext), shown(data, dataLength), shownLibrary(libraryInstance)))
         return planned_.status;
     void* real = realContext(hashContext);
-    return real != nullptr ? DefaultDevice::velkor_updateHash(real, data, dataLength, libraryInstance) : NO_SUCH_CONTEXT;
+    if (real == nullptr)
+        return NO_SUCH_CONTEXT;
+    return DefaultDevice::velkor_updateHash(real, data, dataLength, libraryInstance);
 }
 
 int RecordingDevice::velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength, void* libraryInstance)

@@ -312,8 +312,8 @@ void StepMaker::slotScene()
 
 void StepMaker::sessionScene()
 {
-    static constexpr ModelCall CALLS[] = {ModelCall::OpenSession,    ModelCall::OpenSession,    ModelCall::OpenSession,
-                                          ModelCall::CloseSession,   ModelCall::GetSessionInfo, ModelCall::GetSessionInfo,
+    static constexpr ModelCall CALLS[] = {ModelCall::OpenSession,    ModelCall::OpenSession,  ModelCall::OpenSession,
+                                          ModelCall::GetSessionInfo, ModelCall::CloseSession, ModelCall::GetSessionInfo,
                                           ModelCall::GetSessionInfo, ModelCall::CloseAllSessions};
     static constexpr CK_FLAGS FLAGS[] = {0x4, 0x6, 0x6, 0x6, 0x2, 0x0, 0xFF};
     ModelStep call = step(oneOf(CALLS));

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cryptoki.h"
@@ -54,6 +55,12 @@ struct ModelStep {
 
 /// A step in one line.
 std::string described(const ModelStep& step);
+
+/// Takes a step's fault away; false when it has none.
+inline bool simplified(ModelStep& step)
+{
+    return std::exchange(step.fault, {}).call != 0;
+}
 
 /// Makes runs: the same ones from the same seed, in each layout.
 class StepMaker
