@@ -1,0 +1,285 @@
+#!/usr/bin/env python3
+"""Makes small changes of the sources, one at a time, and looks whether a test notices.
+
+    scripts/mutate.sh [--count 300] [--seed 1] [--minutes N] [--list] [PATH...]
+
+The changes are those of scripts/mutations.txt, drawn with the seed from src/, strict/ and softkey/, or from what lies at
+the paths. They are made in a copy of the tree below build/mutants, whose build folder keeps its objects. Each is built,
+and the test programs that scripts/mutation-tests.txt names for its file run until one fails. What does not compile, or
+compiles to the same object, is replaced by another. Verdicts go to build/mutants/report.txt as they come; survivors that
+scripts/mutations-equivalent.txt explains are told apart. The exit code is 0 when 97 % of the others were caught.
+"""
+import argparse
+import hashlib
+import json
+import os
+import pathlib
+import random
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import time
+from collections import Counter, defaultdict, namedtuple
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+WORK = ROOT / "build" / "mutants"
+TREE = WORK / "tree"
+BUILD = WORK / "build"
+WANTED = 0.97
+HANG_FACTOR, HANG_SECONDS = 4, 20
+MODEL_STEPS = "4000"
+STILLBORN_LIMIT = 4  # So many draws for each wanted mutant.
+OPTIONS = ["-D", "CMAKE_BUILD_TYPE=Release", "-D", "CMAKE_CXX_FLAGS_RELEASE=-O1",
+           "-D", "VELKOR_BUILD_TRACE=OFF", "-D", "VELKOR_PRECOMPILED_HEADERS=ON"]
+
+Operator = namedtuple("Operator", "name kind pattern replacement")
+Mutant = namedtuple("Mutant", "path operator start end text")
+
+LITERAL = r'"(?:[^"\\\n]|\\.)*"'
+HIDDEN = re.compile(rf"//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|^[ \t]*static_assert[^;]*;|{LITERAL}|(?<!\w)'(?:[^'\\\n]|\\.)+'",
+                    re.DOTALL | re.MULTILINE)
+REFUSAL = re.compile(r"^(?P<indent> +)if \([^\n]*(?:\n(?P=indent)  [^\n]*)*?"
+                     r"\n(?P=indent)    return refuse\([^;]*\);\n", re.MULTILINE)
+
+
+def blank(match):
+    """As long as what it hides, line for line."""
+    return re.sub(r"[^\n]", " ", match.group())
+
+
+def rows(name):
+    for line in (ROOT / "scripts" / name).read_text().splitlines():
+        if line and not line.startswith("#"):
+            yield line.split("\t")
+
+
+def operators():
+    found = []
+    for name, kind, *rest in rows("mutations.txt"):
+        pattern, replacement = rest if rest else ("", "")
+        found.append(Operator(name, kind, re.compile(pattern, re.MULTILINE), replacement))
+    return found
+
+
+def literals_of(source):
+    """The insides of the literals of code: those of comments and directives are not among them."""
+    for match in HIDDEN.finditer(source):
+        if match.group().startswith('"'):
+            yield match.start() + 1, match.end() - 1
+
+
+def swaps(path, operator, source):
+    found = [(m.start(), m.end()) for m in REFUSAL.finditer(source)]
+    for (first, end), (second, last) in zip(found, found[1:]):
+        if end == second:
+            yield Mutant(path, operator.name, first, last, source[second:last] + source[first:end])
+
+
+def mutants_of(path, all_operators):
+    source = (ROOT / path).read_text()
+    code = HIDDEN.sub(blank, source)
+    for operator in all_operators:
+        if operator.kind == "swap":
+            yield from swaps(path, operator, source)
+        elif operator.kind == "literal":
+            for begin, end in literals_of(source):
+                match = operator.pattern.search(source, begin, end)
+                if match:
+                    yield Mutant(path, operator.name, match.start(), match.end(), operator.replacement)
+        else:
+            for match in operator.pattern.finditer(code):
+                # What the pattern keeps is taken from the source: the code lacks its literals.
+                kept = re.sub(r"\\1", lambda _: source[match.start(1):match.end(1)], operator.replacement)
+                yield Mutant(path, operator.name, match.start(), match.end(), kept)
+
+
+def sources(paths):
+    listed = subprocess.run(["git", "ls-files", "--", *paths], cwd=ROOT, check=True, stdout=subprocess.PIPE, text=True)
+    return [path for path in listed.stdout.split()
+            if path.endswith((".cpp", ".h")) and not path.endswith(("_windows.cpp", "_windows.h"))]
+
+
+def draw(paths, seed):
+    """Every mutant there is, in an order of chance in which each operator comes as often as the others."""
+    by_operator = defaultdict(list)
+    for path in sources(paths):
+        for mutant in mutants_of(path, operators()):
+            by_operator[mutant.operator].append(mutant)
+    chance = random.Random(seed)
+    for name in sorted(by_operator):
+        chance.shuffle(by_operator[name])
+    drawn = []
+    while by_operator:
+        name = chance.choice(sorted(by_operator))
+        drawn.append(by_operator[name].pop())
+        if not by_operator[name]:
+            del by_operator[name]
+    return drawn
+
+
+def programs_of(path):
+    for prefix, programs in rows("mutation-tests.txt"):
+        if path.startswith(prefix):
+            return programs.split()
+    raise SystemExit(f"mutate: scripts/mutation-tests.txt has no line for {path}")
+
+
+def run(command, seconds=None, **options):
+    """The exit code; None when it took too long."""
+    try:
+        return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              timeout=seconds, check=False, **options).returncode
+    except subprocess.TimeoutExpired:
+        return None
+
+
+def copy_tree():
+    """What has not changed keeps its time, so that it is not compiled again."""
+    listed = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, check=True, stdout=subprocess.PIPE, text=True).stdout
+    names = set(filter(None, listed.split("\0")))
+    for name in names:
+        source, target = ROOT / name, TREE / name
+        if not source.exists():
+            continue
+        if not target.exists() or target.read_bytes() != source.read_bytes():
+            target.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(source, target)
+    for target in TREE.rglob("*"):
+        if target.is_file() and str(target.relative_to(TREE)) not in names:
+            target.unlink()
+
+
+def build(programs):
+    return run(["cmake", "--build", BUILD, "--", "-j", str(os.cpu_count() or 1), *programs]) == 0
+
+
+def test(program, seconds=None):
+    """Whether the program's tests pass."""
+    folder = WORK / "run"
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir()
+    models = "model_test" in program
+    command = [BUILD / "bin" / program, *(["--steps", MODEL_STEPS] if models else ["--gtest_fail_fast"])]
+    environment = dict(os.environ, TMPDIR=str(folder))
+    for name in ("VELKOR_CONFIG", "VELKOR_HOME", "XDG_RUNTIME_DIR"):
+        environment.pop(name, None)
+    return run(command, seconds, cwd=folder, env=environment) == 0
+
+
+def objects_of(path):
+    """What a source is compiled to, in every layout; empty for a header, which is in many."""
+    entries = json.loads((BUILD / "compile_commands.json").read_text())
+    found = []
+    for entry in entries:
+        if os.path.realpath(entry["file"]) == os.path.realpath(TREE / path):
+            arguments = shlex.split(entry["command"])
+            found.append(BUILD / arguments[arguments.index("-o") + 1])
+    return found
+
+
+def digest(files):
+    return [hashlib.sha256(file.read_bytes()).hexdigest() for file in files if file.exists()]
+
+
+def prepare(programs):
+    """The copy, built and good. Gives how long each program may take."""
+    TREE.mkdir(parents=True, exist_ok=True)
+    copy_tree()
+    if run(["cmake", "-S", TREE, "-B", BUILD, "-G", "Ninja", *OPTIONS]) != 0 or not build(programs):
+        raise SystemExit(f"mutate: {TREE} cannot be built")
+    seconds = {}
+    for program in programs:
+        start = time.monotonic()
+        if not test(program):
+            raise SystemExit(f"mutate: {program} fails without a change")
+        seconds[program] = HANG_SECONDS + HANG_FACTOR * (time.monotonic() - start)
+    return seconds
+
+
+def judge(mutant, seconds):
+    """caught, survived, stillborn or same; and by which program."""
+    file = TREE / mutant.path
+    original = file.read_text()
+    programs = programs_of(mutant.path)
+    objects = objects_of(mutant.path)
+    before = digest(objects)
+    file.write_text(original[:mutant.start] + mutant.text + original[mutant.end:])
+    try:
+        if not build(programs):
+            return "stillborn", ""
+        if objects and digest(objects) == before:
+            return "same", ""
+        for program in programs:
+            if not test(program, seconds[program]):
+                return "caught", program
+        return "survived", ""
+    finally:
+        file.write_text(original)
+        if not build(programs):
+            raise SystemExit(f"mutate: {mutant.path} does not build any more after {mutant}")
+
+
+def lines_of(mutant):
+    source = (ROOT / mutant.path).read_text()
+    number = source.count("\n", 0, mutant.start) + 1
+    begin = source.rfind("\n", 0, mutant.start) + 1
+    end = source.find("\n", mutant.end - 1)
+    before = source[begin:end].strip()
+    after = (source[begin:mutant.start] + mutant.text + source[mutant.end:max(end, mutant.end)]).strip()
+    return number, before, after
+
+
+def is_explained(mutant):
+    _, before, _ = lines_of(mutant)
+    first = before.split("\n")[0]
+    return any(row[:3] == [mutant.path, mutant.operator, first] for row in rows("mutations-equivalent.txt"))
+
+
+def tell(report, verdict, program, mutant):
+    number, before, after = lines_of(mutant)
+    text = f"{verdict}\t{mutant.path}:{number}\t{mutant.operator}\t{program}\t{before!r}\t{after!r}"
+    report.write(text + "\n")
+    report.flush()
+    if verdict == "survived":
+        print(f"survived: {mutant.path}:{number} ({mutant.operator})\n  - {before}\n  + {after}", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/mutate.sh", description=__doc__.split("\n")[0])
+    parser.add_argument("--count", type=int, default=300, help="mutants that compile to something else")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--minutes", type=float, default=float("inf"), help="begin no other mutant after these")
+    parser.add_argument("--list", action="store_true", help="only print what would be changed")
+    parser.add_argument("paths", nargs="*", default=["src", "strict", "softkey"])
+    wanted = parser.parse_args()
+    drawn = draw(wanted.paths, wanted.seed)[:STILLBORN_LIMIT * wanted.count]
+    if wanted.list:
+        for mutant in drawn[:wanted.count]:
+            number, before, after = lines_of(mutant)
+            print(f"{mutant.path}:{number} ({mutant.operator})\n  - {before}\n  + {after}")
+        return 0
+    seconds = prepare(sorted({program for mutant in drawn for program in programs_of(mutant.path)}))
+    verdicts = Counter()
+    end = time.monotonic() + 60 * wanted.minutes
+    with open(WORK / "report.txt", "w", encoding="utf-8") as report:
+        for mutant in drawn:
+            made = verdicts["caught"] + verdicts["survived"] + verdicts["explained"]
+            if made >= wanted.count or time.monotonic() > end:
+                break
+            verdict, program = judge(mutant, seconds)
+            if verdict == "survived" and is_explained(mutant):
+                verdict = "explained"
+            verdicts[verdict] += 1
+            tell(report, verdict, program, mutant)
+    judged = verdicts["caught"] + verdicts["survived"]
+    share = verdicts["caught"] / judged if judged else 0
+    print(f"seed {wanted.seed}: {judged + verdicts['explained']} mutants, {verdicts['caught']} caught, "
+          f"{verdicts['survived']} survived, {verdicts['explained']} explained; {verdicts['same']} compiled to the same, "
+          f"{verdicts['stillborn']} did not compile; {100 * share:.1f} % caught")
+    return 0 if share >= WANTED else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
