@@ -3,11 +3,12 @@
 
     scripts/mutate.sh [--count 300] [--seed 1] [--minutes N] [--list] [PATH...]
 
-The changes are those of scripts/mutations.txt, drawn with the seed from src/, strict/ and softkey/, or from what lies at
-the paths. They are made in a copy of the tree below build/mutants, whose build folder keeps its objects. Each is built,
-and the test programs that scripts/mutation-tests.txt names for its file run until one fails. What does not compile, or
-compiles to the same object, is replaced by another. Verdicts go to build/mutants/report.txt as they come; survivors that
-scripts/mutations-equivalent.txt explains are told apart. The exit code is 0 when 97 % of the others were caught.
+The changes are those of scripts/mutations.txt, drawn with the seed from src/, strict/ and softkey/, or from what lies
+at the paths. They are made in a copy of the tree below build/mutants, whose build folders keep their objects. Each is
+built, and the test programs that scripts/mutation-tests.txt names for its file run until one fails. What does not
+compile, or compiles to the same object, is replaced by another. Verdicts go to build/mutants/report.txt as they come;
+survivors that scripts/mutations-equivalent.txt explains are told apart. The exit code is 0 when 97 % of the others were
+caught.
 """
 import argparse
 import hashlib
@@ -26,20 +27,22 @@ from collections import Counter, defaultdict, namedtuple
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 WORK = ROOT / "build" / "mutants"
 TREE = WORK / "tree"
-BUILD = WORK / "build"
 WANTED = 0.97
 HANG_FACTOR, HANG_SECONDS = 4, 20
 MODEL_STEPS = "4000"
 STILLBORN_LIMIT = 4  # So many draws for each wanted mutant.
 OPTIONS = ["-D", "CMAKE_BUILD_TYPE=Release", "-D", "CMAKE_CXX_FLAGS_RELEASE=-O1",
            "-D", "VELKOR_BUILD_TRACE=OFF", "-D", "VELKOR_PRECOMPILED_HEADERS=ON"]
+# A lock that is missing shows where races are looked for.
+BUILDS = {"build": [], "build-thread": ["-D", "VELKOR_SANITIZE=thread"]}
+BUILD_OF = {"lock-removed": "build-thread"}
 
 Operator = namedtuple("Operator", "name kind pattern replacement")
 Mutant = namedtuple("Mutant", "path operator start end text")
 
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
-HIDDEN = re.compile(rf"//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|^[ \t]*static_assert[^;]*;|{LITERAL}|(?<!\w)'(?:[^'\\\n]|\\.)+'",
-                    re.DOTALL | re.MULTILINE)
+HIDDEN = re.compile(rf"//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|^[ \t]*static_assert[^;]*;|{LITERAL}"
+                    r"|(?<!\w)'(?:[^'\\\n]|\\.)+'", re.DOTALL | re.MULTILINE)
 REFUSAL = re.compile(r"^(?P<indent> +)if \([^\n]*(?:\n(?P=indent)  [^\n]*)*?"
                      r"\n(?P=indent)    return refuse\([^;]*\);\n", re.MULTILINE)
 
@@ -119,11 +122,15 @@ def draw(paths, seed):
     return drawn
 
 
-def programs_of(path):
-    for prefix, programs in rows("mutation-tests.txt"):
-        if path.startswith(prefix):
+def folder_of(mutant):
+    return WORK / BUILD_OF.get(mutant.operator, "build")
+
+
+def programs_of(mutant):
+    for operator, prefix, programs in rows("mutation-tests.txt"):
+        if operator in ("*", mutant.operator) and mutant.path.startswith(prefix):
             return programs.split()
-    raise SystemExit(f"mutate: scripts/mutation-tests.txt has no line for {path}")
+    raise SystemExit(f"mutate: scripts/mutation-tests.txt has no line for {mutant.operator} in {mutant.path}")
 
 
 def run(command, seconds=None, **options):
@@ -151,31 +158,31 @@ def copy_tree():
             target.unlink()
 
 
-def build(programs):
-    return run(["cmake", "--build", BUILD, "--", "-j", str(os.cpu_count() or 1), *programs]) == 0
+def build(folder, programs):
+    return run(["cmake", "--build", folder, "--", "-j", str(os.cpu_count() or 1), *programs]) == 0
 
 
-def test(program, seconds=None):
+def test(build_folder, program, seconds=None):
     """Whether the program's tests pass."""
     folder = WORK / "run"
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir()
     models = "model_test" in program
-    command = [BUILD / "bin" / program, *(["--steps", MODEL_STEPS] if models else ["--gtest_fail_fast"])]
+    command = [build_folder / "bin" / program, *(["--steps", MODEL_STEPS] if models else ["--gtest_fail_fast"])]
     environment = dict(os.environ, TMPDIR=str(folder))
     for name in ("VELKOR_CONFIG", "VELKOR_HOME", "XDG_RUNTIME_DIR"):
         environment.pop(name, None)
     return run(command, seconds, cwd=folder, env=environment) == 0
 
 
-def objects_of(path):
+def objects_of(path, folder):
     """What a source is compiled to, in every layout; empty for a header, which is in many."""
-    entries = json.loads((BUILD / "compile_commands.json").read_text())
+    entries = json.loads((folder / "compile_commands.json").read_text())
     found = []
     for entry in entries:
         if os.path.realpath(entry["file"]) == os.path.realpath(TREE / path):
             arguments = shlex.split(entry["command"])
-            found.append(BUILD / arguments[arguments.index("-o") + 1])
+            found.append(folder / arguments[arguments.index("-o") + 1])
     return found
 
 
@@ -183,41 +190,45 @@ def digest(files):
     return [hashlib.sha256(file.read_bytes()).hexdigest() for file in files if file.exists()]
 
 
-def prepare(programs):
-    """The copy, built and good. Gives how long each program may take."""
+def prepare(drawn):
+    """The copy, built and good. Gives how long each program of each build folder may take."""
     TREE.mkdir(parents=True, exist_ok=True)
     copy_tree()
-    if run(["cmake", "-S", TREE, "-B", BUILD, "-G", "Ninja", *OPTIONS]) != 0 or not build(programs):
-        raise SystemExit(f"mutate: {TREE} cannot be built")
+    programs = defaultdict(set)
+    for mutant in drawn:
+        programs[folder_of(mutant)].update(programs_of(mutant))
     seconds = {}
-    for program in programs:
-        start = time.monotonic()
-        if not test(program):
-            raise SystemExit(f"mutate: {program} fails without a change")
-        seconds[program] = HANG_SECONDS + HANG_FACTOR * (time.monotonic() - start)
+    for folder, names in programs.items():
+        options = OPTIONS + BUILDS[folder.name]
+        if run(["cmake", "-S", TREE, "-B", folder, "-G", "Ninja", *options]) != 0 or not build(folder, sorted(names)):
+            raise SystemExit(f"mutate: {TREE} cannot be built in {folder}")
+        for name in sorted(names):
+            start = time.monotonic()
+            if not test(folder, name):
+                raise SystemExit(f"mutate: {name} fails without a change in {folder}")
+            seconds[folder, name] = HANG_SECONDS + HANG_FACTOR * (time.monotonic() - start)
     return seconds
 
 
 def judge(mutant, seconds):
     """caught, survived, stillborn or same; and by which program."""
-    file = TREE / mutant.path
+    file, folder, programs = TREE / mutant.path, folder_of(mutant), programs_of(mutant)
     original = file.read_text()
-    programs = programs_of(mutant.path)
-    objects = objects_of(mutant.path)
+    objects = objects_of(mutant.path, folder)
     before = digest(objects)
     file.write_text(original[:mutant.start] + mutant.text + original[mutant.end:])
     try:
-        if not build(programs):
+        if not build(folder, programs):
             return "stillborn", ""
         if objects and digest(objects) == before:
             return "same", ""
         for program in programs:
-            if not test(program, seconds[program]):
+            if not test(folder, program, seconds[folder, program]):
                 return "caught", program
         return "survived", ""
     finally:
         file.write_text(original)
-        if not build(programs):
+        if not build(folder, programs):
             raise SystemExit(f"mutate: {mutant.path} does not build any more after {mutant}")
 
 
@@ -260,7 +271,7 @@ def main():
             number, before, after = lines_of(mutant)
             print(f"{mutant.path}:{number} ({mutant.operator})\n  - {before}\n  + {after}")
         return 0
-    seconds = prepare(sorted({program for mutant in drawn for program in programs_of(mutant.path)}))
+    seconds = prepare(drawn)
     verdicts = Counter()
     end = time.monotonic() + 60 * wanted.minutes
     with open(WORK / "report.txt", "w", encoding="utf-8") as report:
@@ -276,8 +287,8 @@ def main():
     judged = verdicts["caught"] + verdicts["survived"]
     share = verdicts["caught"] / judged if judged else 0
     print(f"seed {wanted.seed}: {judged + verdicts['explained']} mutants, {verdicts['caught']} caught, "
-          f"{verdicts['survived']} survived, {verdicts['explained']} explained; {verdicts['same']} compiled to the same, "
-          f"{verdicts['stillborn']} did not compile; {100 * share:.1f} % caught")
+          f"{verdicts['survived']} survived, {verdicts['explained']} explained; {verdicts['same']} compiled to the "
+          f"same, {verdicts['stillborn']} did not compile; {100 * share:.1f} % caught")
     return 0 if share >= WANTED else 1
 
 
