@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Which lines and branches of src/, strict/ and softkey/ the tests reach. It builds and runs the tests of the preset
-# "coverage", prints a table, leaves build/coverage/report (pages for a browser) and build/coverage/missed.txt (each line
-# that no test reached), and fails where a folder is below its floor in scripts/coverage-floor.txt.
+# "coverage", prints a table, leaves build/coverage/report (pages for a browser) and build/coverage/missed.txt (each
+# line that no test reached), and fails where a folder is below its floor in scripts/coverage-floor.txt.
 #     scripts/coverage.sh [--report]      --report: of the last run's tests
 # What a process reaches that ends by a signal or by _exit is not counted.
 set -euo pipefail
