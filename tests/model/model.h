@@ -79,7 +79,6 @@ public:
 
 private:
     using KeyOrNone = const VelkorKeyPair*;
-    using CertificateOrNone = const VelkorCertificate*;
 
     // Log and entry.
     void debug(const std::string& text);

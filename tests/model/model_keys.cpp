@@ -81,7 +81,7 @@ Model::NewObject Model::readNewObject(CK_ATTRIBUTE_PTR entries, CK_ULONG count)
             object.keyType = numberOf(entry);
         if (entry.type == CKA_LABEL)
             object.label.assign(value.begin(), value.end());
-        if (const auto field = bytes.find(entry.type); field != bytes.end())
+        if (const auto field = bytes.find(CK_ATTRIBUTE_TYPE{entry.type}); field != bytes.end())
             *field->second = value;
     }
     return object;

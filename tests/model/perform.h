@@ -53,7 +53,7 @@ public:
         append(handles, sizeof handles);
         std::vector<CK_ULONG> told;
         for (const CK_ATTRIBUTE& entry : entries)
-            told.push_back(entry.ulValueLen); // Which may lie at any address.
+            told.push_back(CK_ULONG{entry.ulValueLen}); // Which may lie at any address.
         append(told.data(), told.size() * sizeof(CK_ULONG));
         for (const DeviceBytes& value : values_)
             append(value.data(), value.size());

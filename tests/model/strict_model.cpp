@@ -1,6 +1,7 @@
 #include "strict_model.h"
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 
 #include "device_double.h"
@@ -35,12 +36,12 @@ public:
     CK_BYTE_PTR data() { return isNull_ ? nullptr : bytes_.data(); }
     bool takes(std::size_t size) const { return !isNull_ && told_ >= size; }
     bool isNull() const { return isNull_; }
-    std::string text(std::size_t size) const { return {bytes_.begin(), bytes_.begin() + static_cast<long>(size)}; }
+    std::string text(std::size_t size) const { return {bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(size)}; }
 
     /// Whether something was written from this byte on.
     bool isWrittenFrom(std::size_t at) const
     {
-        return std::any_of(bytes_.begin() + static_cast<long>(at), bytes_.end(),
+        return std::any_of(bytes_.begin() + static_cast<std::ptrdiff_t>(at), bytes_.end(),
                            [](unsigned char byte) { return byte != UNTOUCHED_BYTE; });
     }
 
