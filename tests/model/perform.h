@@ -37,7 +37,7 @@ public:
     template <typename Item>
     Item* pointer(unsigned position, Item* item) const
     {
-        return (nulls_ >> position & 1U) != 0 ? nullptr : item;
+        return ((nulls_ >> position) & 1U) != 0 ? nullptr : item;
     }
 
     /// Everything that a call may have written to.
