@@ -3,10 +3,12 @@
 // no code with the module, and knows neither locks nor threads.
 #pragma once
 
+#include <exception>
 #include <map>
 #include <optional>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -85,6 +87,20 @@ private:
     void monitorDebug(const std::string& text);
     void error(const std::string& text);
     CK_RV refuse(CK_RV code, const std::string& text);
+    /// A call of the device. One that throws has failed, and the refusal that follows tells that.
+    template <typename Call>
+    auto attempt(const Call& call) -> decltype(call())
+    {
+        try {
+            return call();
+        } catch (const std::exception& exception) {
+            thrown_ = exception.what();
+        }
+        if constexpr (std::is_same_v<decltype(call()), bool>)
+            return false;
+        else
+            return -1;
+    }
     bool enter(const std::string& name);
     ModelSession* enter(const std::string& name, CK_SESSION_HANDLE hSession);
     ModelSession* begin(const std::string& name, CK_SESSION_HANDLE hSession, bool stateCounts, bool digestMayBeActive);
@@ -146,6 +162,8 @@ private:
     std::vector<std::string> lines_;
     std::vector<std::string> monitorLines_;
     CK_RV code_ = CKR_OK; ///< Of the entry that was refused last.
+    std::string name_;    ///< Of the present call.
+    std::string thrown_;  ///< What the device has thrown, until it is told.
 
     void* library_ = nullptr;
     std::string pin_; ///< The user's, while one is logged in.

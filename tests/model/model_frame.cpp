@@ -127,6 +127,10 @@ void Model::error(const std::string& text)
 
 CK_RV Model::refuse(CK_RV code, const std::string& text)
 {
+    if (!thrown_.empty()) {
+        error(name_ + ": unexpected exception: " + std::exchange(thrown_, {}));
+        return CKR_GENERAL_ERROR;
+    }
     error(text);
     return code;
 }
@@ -135,6 +139,7 @@ CK_RV Model::refuse(CK_RV code, const std::string& text)
 bool Model::enter(const std::string& name)
 {
     debug(name);
+    name_ = name;
     if (library_ == nullptr)
         code_ = refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name + ": not initialized");
     return library_ != nullptr;
@@ -465,10 +470,13 @@ CK_RV Model::C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pI
 CK_RV Model::checkPin(const ModelSession& session, const std::string& pin, int userType)
 {
     int triesLeft = 0;
-    const int status =
-        device_.velkor_validatePassword(session.device(), pin.c_str(), userType, &triesLeft, library_);
+    const int status = attempt([&] {
+        return device_.velkor_validatePassword(session.device(), pin.c_str(), userType, &triesLeft, library_);
+    });
     if (status == 0)
         return CKR_OK;
+    if (!thrown_.empty())
+        return refuse(CKR_GENERAL_ERROR, {});
     error("Token password validation failed : " + std::to_string(status));
     if (status == STATUS_CHECK_NOT_POSSIBLE)
         return CKR_FUNCTION_FAILED;
@@ -563,8 +571,10 @@ CK_RV Model::C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_UL
         return refuse(CKR_PIN_LEN_RANGE, "C_SetPIN: new pin length out of range, ulNewLen=" + decimal(ulNewLen));
     const std::string newPin = textOf(pNewPin, ulNewLen);
     int failures = 0;
-    if (!device_.velkor_changeUserPassword(session->device(), textOf(pOldPin, ulOldLen).c_str(), newPin.c_str(),
-                                           &failures, false, false, library_))
+    if (!attempt([&] {
+        return device_.velkor_changeUserPassword(session->device(), textOf(pOldPin, ulOldLen).c_str(), newPin.c_str(),
+                                                 &failures, false, false, library_);
+    }))
         return refuse(CKR_FUNCTION_FAILED,
                       "C_SetPIN: velkor_changeUserPassword failed, failureCount=" + std::to_string(failures));
     if (!pin_.empty())

@@ -109,7 +109,9 @@ CK_RV Model::C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTempla
 
 CK_RV Model::store(const ModelSession& session, VelkorCertificate& certificate)
 {
-    const int status = device_.velkor_importCertificate(session.device(), pin_.c_str(), &certificate, library_);
+    const int status = attempt([&] {
+        return device_.velkor_importCertificate(session.device(), pin_.c_str(), &certificate, library_);
+    });
     return status == 0 ? CKR_OK : refuse(codeOfStatus(status), "Leaf import failed: " + std::to_string(status));
 }
 
@@ -234,7 +236,9 @@ CK_RV Model::importKey(const ModelSession& session, const NewObject& object, CK_
     details.modulus = object.modulus;
     details.privateExponent = object.privateExponent;
     details.prime1 = object.prime1;
-    const int status = device_.velkor_importPfx(session.device(), pin_.c_str(), &details, library_);
+    const int status = attempt([&] {
+        return device_.velkor_importPfx(session.device(), pin_.c_str(), &details, library_);
+    });
     if (status != 0)
         return refuse(codeOfStatus(status), "Import private key into device failed : " + std::to_string(status));
     for (const VelkorKeyPair& each : device_.velkor_getKeyPairList(session.device(), library_)) {
@@ -267,8 +271,10 @@ CK_RV Model::C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObjec
             debug("Input keypair not found in destroy : " + decimal(hObject));
             return CKR_OBJECT_HANDLE_INVALID;
         }
-        const int status = device_.velkor_deleteKeyPair(device, found->keyIdentifier, pin_.c_str(), found->deviceFlag,
-                                                        library_);
+        const int status = attempt([&] {
+            return device_.velkor_deleteKeyPair(device, found->keyIdentifier, pin_.c_str(), found->deviceFlag,
+                                                library_);
+        });
         return status == 0 ? CKR_OK
                            : refuse(CKR_FUNCTION_FAILED,
                                     "Delete keypair in destroy object failed : " + std::to_string(status));
@@ -280,8 +286,9 @@ CK_RV Model::C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObjec
         debug("Input certificate not found in destroy : " + decimal(hObject));
         return CKR_OBJECT_HANDLE_INVALID;
     }
-    const int status =
-        device_.velkor_deleteCertificate(device, found->certificateIdentifier, pin_.c_str(), library_);
+    const int status = attempt([&] {
+        return device_.velkor_deleteCertificate(device, found->certificateIdentifier, pin_.c_str(), library_);
+    });
     return status == 0 ? CKR_OK
                        : refuse(CKR_FUNCTION_FAILED,
                                 "Delete certificate in destroy object failed : " + std::to_string(status));
@@ -382,7 +389,9 @@ CK_RV Model::C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
     const CK_KEY_TYPE type = readPrivateTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount, request);
     if (const CK_RV code = readKind(type, pPublicKeyTemplate, ulPublicKeyAttributeCount, request); code != CKR_OK)
         return code;
-    const int status = device_.velkor_generateKeyPair(session->device(), pin_.c_str(), &request, library_);
+    const int status = attempt([&] {
+        return device_.velkor_generateKeyPair(session->device(), pin_.c_str(), &request, library_);
+    });
     if (status != 0)
         return refuse(codeOfStatus(status), "Generate key pair failed : " + std::to_string(status));
     *phPublicKey = FIRST_PUBLIC + request.id;
@@ -411,6 +420,7 @@ CK_RV Model::C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism
                          CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
 {
     debug("C_DeriveKey"); // Its first refusals are silent.
+    name_ = "C_DeriveKey";
     if (library_ == nullptr)
         return CKR_CRYPTOKI_NOT_INITIALIZED;
     const auto found = sessions_.find(hSession);
@@ -441,8 +451,10 @@ CK_RV Model::C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism
     debug("public key :: " + hexadecimal(peer));
     unsigned char* given = nullptr;
     int length = 0;
-    const int status = device_.velkor_ecdhDerive(session.device(), key->keyIdentifier, pin_.c_str(), peer.data(),
-                                                 static_cast<int>(peer.size()), &given, &length, library_);
+    const int status = attempt([&] {
+        return device_.velkor_ecdhDerive(session.device(), key->keyIdentifier, pin_.c_str(), peer.data(),
+                                         static_cast<int>(peer.size()), &given, &length, library_);
+    });
     DeviceBytes secret;
     if (status == 0 && given != nullptr && length > 0)
         secret.assign(given, given + length);
@@ -478,8 +490,10 @@ CK_RV Model::C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomDat
         return refuse(CKR_ARGUMENTS_BAD, "C_GenerateRandom: RandomData is NULL");
     if (ulRandomLen == 0)
         return refuse(CKR_ARGUMENTS_BAD, "C_GenerateRandom: ulRandomLen<=0, ulRandomLen=" + decimal(ulRandomLen));
-    const int status = device_.velkor_generateRamdomNumber(session->device(), static_cast<int>(ulRandomLen),
-                                                           pRandomData, true, nullptr);
+    const int status = attempt([&] {
+        return device_.velkor_generateRamdomNumber(session->device(), static_cast<int>(ulRandomLen), pRandomData, true,
+                                                   nullptr);
+    });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED,
                       "C_GenerateRandom: generate random number failed ret=" + std::to_string(status));

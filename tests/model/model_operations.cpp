@@ -182,16 +182,18 @@ int Model::hash(const ModelSession& session, int code, std::span<const unsigned 
 {
     void* context = nullptr;
     failed = "init";
-    if (const int status = device_.velkor_initHash(session.device(), code, &context, library_); status != 0)
+    int status = attempt([&] { return device_.velkor_initHash(session.device(), code, &context, library_); });
+    if (status != 0)
         return status;
     failed = "update";
     const int length = static_cast<int>(data.size());
-    if (const int status = device_.velkor_updateHash(context, data.data(), length, library_); status != 0)
+    status = attempt([&] { return device_.velkor_updateHash(context, data.data(), length, library_); });
+    if (status != 0)
         return status;
     failed = "final";
     hash.resize(HASH_CAPACITY);
     int hashLength = HASH_CAPACITY;
-    const int status = device_.velkor_finalHash(context, hash.data(), &hashLength, library_);
+    status = attempt([&] { return device_.velkor_finalHash(context, hash.data(), &hashLength, library_); });
     hash.resize(static_cast<std::size_t>(hashLength));
     return status;
 }
@@ -218,7 +220,9 @@ CK_RV Model::C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanis
     const int code = digestCode(pMechanism->mechanism);
     if (code == 0)
         return refuse(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported");
-    const int status = device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+    const int status = attempt([&] {
+        return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+    });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Init hash in diges init failed : " + std::to_string(status));
     session->hashed.clear();
@@ -233,7 +237,9 @@ CK_RV Model::finalHash(ModelSession& session, const std::string& text)
         return CKR_OK;
     DeviceBytes digest(HASH_CAPACITY);
     int length = 0;
-    const int status = device_.velkor_finalHash(session.hashContext, digest.data(), &length, library_);
+    const int status = attempt([&] {
+        return device_.velkor_finalHash(session.hashContext, digest.data(), &length, library_);
+    });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, text + std::to_string(status));
     digest.resize(static_cast<std::size_t>(length));
@@ -252,8 +258,9 @@ CK_RV Model::C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ul
     if (pulDigestLen == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Digest: pulDigestLen is NULL");
     if (session->hashed.empty()) {
-        const int status =
-            device_.velkor_updateHash(session->hashContext, pData, static_cast<int>(ulDataLen), library_);
+        const int status = attempt([&] {
+            return device_.velkor_updateHash(session->hashContext, pData, static_cast<int>(ulDataLen), library_);
+        });
         if (status != 0)
             return refuse(CKR_FUNCTION_FAILED, "Update hash data in diget failed : " + std::to_string(status));
     }
@@ -272,7 +279,9 @@ CK_RV Model::C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_UL
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=" + decimal(ulPartLen));
-    const int status = device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    const int status = attempt([&] {
+        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Update hash data in digest update failed : " + std::to_string(status));
     return CKR_OK;
@@ -360,9 +369,10 @@ int Model::sign(ModelSession& session, const DeviceBytes& hash)
 {
     DeviceBytes signature(SIGNATURE_CAPACITY);
     int length = SIGNATURE_CAPACITY;
-    const int status =
-        device_.velkor_signHash(session.device(), lastKeyPair_.keyIdentifier, pin_.c_str(), hash.data(),
-                                lengthOf(hash), signature.data(), &length, false, library_, session.isPss);
+    const int status = attempt([&] {
+        return device_.velkor_signHash(session.device(), lastKeyPair_.keyIdentifier, pin_.c_str(), hash.data(),
+                                       lengthOf(hash), signature.data(), &length, false, library_, session.isPss);
+    });
     if (status == 0) {
         signature.resize(static_cast<std::size_t>(length));
         session.result = signature;
@@ -418,11 +428,15 @@ CK_RV Model::C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULON
         return CKR_OK;
     }
     if (session->hashContext == nullptr) {
-        const int status = device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+        const int status = attempt([&] {
+            return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+        });
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_SignUpdate: initHash failed " + std::to_string(status));
     }
-    const int status = device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    const int status = attempt([&] {
+        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    });
     if (status == 0)
         return CKR_OK;
     session->hashContext = nullptr;
@@ -442,7 +456,7 @@ CK_RV Model::C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_
         DeviceBytes digest(HASH_CAPACITY);
         int length = HASH_CAPACITY;
         void* context = std::exchange(session->hashContext, nullptr);
-        const int status = device_.velkor_finalHash(context, digest.data(), &length, library_);
+        const int status = attempt([&] { return device_.velkor_finalHash(context, digest.data(), &length, library_); });
         session->hashed.clear();
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed " + std::to_string(status));
@@ -508,9 +522,11 @@ CK_RV Model::C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ul
         publicKey = publicKeyInfo(publicKey);
     }
     session->operation = OP_NONE;
-    const int status = device_.velkor_verifySignatureHash(
-        lastKeyPair_.keyKind, session->device(), hashed.data(), lengthOf(hashed), publicKey.data(),
-        lengthOf(publicKey), pSignature, static_cast<int>(ulSignatureLen), library_, session->isPss);
+    const int status = attempt([&] {
+        return device_.velkor_verifySignatureHash(lastKeyPair_.keyKind, session->device(), hashed.data(),
+                                                  lengthOf(hashed), publicKey.data(), lengthOf(publicKey), pSignature,
+                                                  static_cast<int>(ulSignatureLen), library_, session->isPss);
+    });
     if (status != 0)
         return refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : " + std::to_string(status));
     return CKR_OK;
@@ -530,11 +546,15 @@ CK_RV Model::C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_UL
         return CKR_OK;
     }
     if (session->hashContext == nullptr) {
-        const int status = device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+        const int status = attempt([&] {
+            return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
+        });
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_VerifyUpdate: initHash failed " + std::to_string(status));
     }
-    const int status = device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    const int status = attempt([&] {
+        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
+    });
     if (status == 0)
         return CKR_OK;
     session->hashContext = nullptr;
@@ -553,7 +573,7 @@ CK_RV Model::C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, C
         DeviceBytes digest(HASH_CAPACITY);
         int length = HASH_CAPACITY;
         void* context = std::exchange(session->hashContext, nullptr);
-        const int status = device_.velkor_finalHash(context, digest.data(), &length, library_);
+        const int status = attempt([&] { return device_.velkor_finalHash(context, digest.data(), &length, library_); });
         session->hashed.clear();
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed " + std::to_string(status));
@@ -562,9 +582,12 @@ CK_RV Model::C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, C
     }
     const DeviceBytes hashed = std::exchange(session->hashed, {});
     session->operation = OP_NONE;
-    const int status = device_.velkor_verifySignatureHash(
-        lastKeyPair_.keyKind, session->device(), hashed.data(), lengthOf(hashed), lastKeyPair_.publicKey,
-        lastKeyPair_.publicKeyLength, pSignature, static_cast<int>(ulSignatureLen), library_, false);
+    const int status = attempt([&] {
+        return device_.velkor_verifySignatureHash(lastKeyPair_.keyKind, session->device(), hashed.data(),
+                                                  lengthOf(hashed), lastKeyPair_.publicKey,
+                                                  lastKeyPair_.publicKeyLength, pSignature,
+                                                  static_cast<int>(ulSignatureLen), library_, false);
+    });
     if (status != 0)
         return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed " + std::to_string(status));
     return CKR_OK;
@@ -625,9 +648,11 @@ CK_RV Model::C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG u
             session->cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::Oaep : PaddingMode::Pkcs1;
         DeviceBytes out(CIPHERTEXT_CAPACITY);
         int length = 0;
-        const int status =
-            device_.velkor_encrypt(encryptionType(lastKeyPair_.keyKind), padding, pData, static_cast<int>(ulDataLen),
-                                   out.data(), &length, key.data(), lengthOf(key), library_);
+        const int status = attempt([&] {
+            return device_.velkor_encrypt(encryptionType(lastKeyPair_.keyKind), padding, pData,
+                                          static_cast<int>(ulDataLen), out.data(), &length, key.data(), lengthOf(key),
+                                          library_);
+        });
         if (status != 0) {
             session->cipherMechanism = 0;
             return end(*session, CKR_FUNCTION_FAILED, "Encrypt data failed : " + std::to_string(status));
@@ -689,9 +714,11 @@ CK_RV Model::C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, C
     if (session->result.empty()) {
         unsigned char* plain = nullptr;
         int length = 0;
-        const int status = device_.velkor_decrypt(session->device(), lastKeyPair_.keyIdentifier, pin_.c_str(),
-                                                  pEncryptedData, static_cast<int>(ulEncryptedDataLen), &plain,
-                                                  &length, lastKeyPair_.deviceFlag, library_);
+        const int status = attempt([&] {
+            return device_.velkor_decrypt(session->device(), lastKeyPair_.keyIdentifier, pin_.c_str(), pEncryptedData,
+                                          static_cast<int>(ulEncryptedDataLen), &plain, &length,
+                                          lastKeyPair_.deviceFlag, library_);
+        });
         if (status == 0)
             session->result.assign(plain, plain + length);
         std::free(plain);

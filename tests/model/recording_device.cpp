@@ -1,6 +1,7 @@
 #include "recording_device.h"
 
 #include <cstdint>
+#include <stdexcept>
 
 #include "hexadecimal.h"
 #include "velkor/record_fields.h"
@@ -91,6 +92,13 @@ void RecordingDevice::begin(const PlannedFault& planned)
     calls_.clear();
 }
 
+int RecordingDevice::failure() const
+{
+    if (planned_.status == FAULT_THROWS)
+        throw std::runtime_error("broken");
+    return planned_.status;
+}
+
 void RecordingDevice::velkor_createInstance(void** libraryInstance)
 {
     if (!fails("createInstance"))
@@ -129,7 +137,7 @@ int RecordingDevice::velkor_validatePassword(const char* deviceId, const char* p
     if (fails("validatePassword", shown(deviceId), shown(pin), shown(userType), shown(*triesLeft),
               shownLibrary(libraryInstance))) {
         *triesLeft = planned_.status % 3;
-        return planned_.status;
+        return failure();
     }
     return DefaultDevice::velkor_validatePassword(deviceId, pin, userType, triesLeft, libraryInstance);
 }
@@ -140,6 +148,7 @@ bool RecordingDevice::velkor_changeUserPassword(const char* deviceId, const char
     if (fails("changeUserPassword", shown(deviceId), shown(oldPin), shown(newPin), shown(*triesLeft),
               shown(securityOfficer), shown(force), shownLibrary(libraryInstance))) {
         *triesLeft = planned_.status;
+        failure();
         return false;
     }
     return DefaultDevice::velkor_changeUserPassword(deviceId, oldPin, newPin, triesLeft, securityOfficer, force,
@@ -176,7 +185,7 @@ int RecordingDevice::velkor_deleteKeyPair(const char* deviceId, const unsigned c
 {
     if (fails("deleteKeyPair", shown(deviceId), shownIdentifier(keyIdentifier), shown(pin), shown(deviceFlag),
               shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_deleteKeyPair(deviceId, keyIdentifier, pin, deviceFlag, libraryInstance);
 }
 
@@ -185,7 +194,7 @@ int RecordingDevice::velkor_deleteCertificate(const char* deviceId, const unsign
 {
     if (fails("deleteCertificate", shown(deviceId), shownIdentifier(certificateIdentifier), shown(pin),
               shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_deleteCertificate(deviceId, certificateIdentifier, pin, libraryInstance);
 }
 
@@ -194,7 +203,7 @@ int RecordingDevice::velkor_importCertificate(const char* deviceId, const char* 
 {
     if (fails("importCertificate", shown(deviceId), shown(pin), shown(velkor::objectIdOf(*certificate)),
               shown(certificate->der), shown(certificate->label), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_importCertificate(deviceId, pin, certificate, libraryInstance);
 }
 
@@ -204,7 +213,7 @@ int RecordingDevice::velkor_importPfx(const char* deviceId, const char* pin, Imp
     if (fails("importPfx", shown(deviceId), shown(pin), shown(details->kind), shown(details->label),
               shown(details->objectId), shown(details->modulus), shown(details->privateExponent),
               shown(details->prime1), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_importPfx(deviceId, pin, details, libraryInstance);
 }
 
@@ -258,7 +267,7 @@ int RecordingDevice::velkor_generateKeyPair(const char* deviceId, const char* pi
     if (fails("generateKeyPair", shown(deviceId), shown(pin), shown(velkor::objectIdOf(*keyPair)),
               shown(keyPair->label), shown(keyPair->usageFlags), shown(keyPair->keyKind),
               shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_generateKeyPair(deviceId, pin, keyPair, libraryInstance);
 }
 
@@ -277,7 +286,7 @@ void* RecordingDevice::realContext(void* hashContext) const
 int RecordingDevice::velkor_initHash(const char* deviceId, int hashAlgorithm, void** hashContext, void* libraryInstance)
 {
     if (fails("initHash", shown(deviceId), shown(hashAlgorithm), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     void* real = nullptr;
     const int known = hashAlgorithm == 1 ? static_cast<int>(HASH_SHA1) : hashAlgorithm;
     const int status = DefaultDevice::velkor_initHash(deviceId, known, &real, libraryInstance);
@@ -292,7 +301,7 @@ int RecordingDevice::velkor_updateHash(void* hashContext, const unsigned char* d
                                        void* libraryInstance)
 {
     if (fails("updateHash", shownContext(hashContext), shown(data, dataLength), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     void* real = realContext(hashContext);
     if (real == nullptr)
         return NO_SUCH_CONTEXT;
@@ -302,7 +311,7 @@ int RecordingDevice::velkor_updateHash(void* hashContext, const unsigned char* d
 int RecordingDevice::velkor_finalHash(void* hashContext, unsigned char* hash, int* hashLength, void* libraryInstance)
 {
     if (fails("finalHash", shownContext(hashContext), shown(*hashLength), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     void* real = realContext(hashContext);
     if (real == nullptr)
         return NO_SUCH_CONTEXT;
@@ -316,7 +325,7 @@ int RecordingDevice::velkor_signHash(const char* deviceId, const unsigned char* 
 {
     if (fails("signHash", shown(deviceId), shownIdentifier(keyIdentifier), shown(pin), shown(hash, hashLength),
               shown(*signatureLength), shown(flag), shownLibrary(libraryInstance), shown(isPss)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_signHash(deviceId, keyIdentifier, pin, hash, hashLength, signature, signatureLength,
                                           flag, libraryInstance, isPss);
 }
@@ -329,7 +338,7 @@ int RecordingDevice::velkor_verifySignatureHash(unsigned int keyKind, const char
     if (fails("verifySignatureHash", shown(keyKind), shown(deviceId), shown(hash, hashLength),
               shown(publicKey, publicKeyLength), shown(signature, signatureLength), shownLibrary(libraryInstance),
               shown(isPss)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_verifySignatureHash(keyKind, deviceId, hash, hashLength, publicKey, publicKeyLength,
                                                      signature, signatureLength, libraryInstance, isPss);
 }
@@ -341,7 +350,7 @@ int RecordingDevice::velkor_encrypt(EncryptionType encryptionType, PaddingMode p
     if (fails("encrypt", shown(static_cast<int>(encryptionType)), shown(static_cast<int>(paddingMode)),
               shown(data, dataLength), shown(*outLength), shown(publicKeyDer, publicKeyDerLength),
               shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_encrypt(encryptionType, paddingMode, data, dataLength, out, outLength, publicKeyDer,
                                          publicKeyDerLength, libraryInstance);
 }
@@ -353,10 +362,10 @@ int RecordingDevice::velkor_decrypt(const char* deviceId, const unsigned char* k
     const bool failing = fails("decrypt", shown(deviceId), shownIdentifier(keyIdentifier), shown(pin),
                                shown(data, dataLength), shown(deviceFlag), shownLibrary(libraryInstance));
     if (failing && planned_.status != GIVES_A_BUFFER)
-        return planned_.status;
+        return failure();
     DefaultDevice::velkor_decrypt(deviceId, keyIdentifier, pin, data, dataLength, out, outLength, deviceFlag,
                                   libraryInstance);
-    return failing ? planned_.status : 0;
+    return failing ? failure() : 0;
 }
 
 int RecordingDevice::velkor_ecdhDerive(const char* deviceId, const unsigned char* keyIdentifier, const char* pin,
@@ -371,16 +380,16 @@ int RecordingDevice::velkor_ecdhDerive(const char* deviceId, const unsigned char
         return 0;
     }
     if (failing && planned_.status != GIVES_A_BUFFER)
-        return planned_.status;
+        return failure();
     DefaultDevice::velkor_ecdhDerive(deviceId, keyIdentifier, pin, peerPublicKey, peerPublicKeyLength, out, outLength,
                                      libraryInstance);
-    return failing ? planned_.status : 0;
+    return failing ? failure() : 0;
 }
 
 int RecordingDevice::velkor_generateRamdomNumber(const char* deviceId, int count, unsigned char* out, bool flag,
                                                  void* libraryInstance)
 {
     if (fails("generateRamdomNumber", shown(deviceId), shown(count), shown(flag), shownLibrary(libraryInstance)))
-        return planned_.status;
+        return failure();
     return DefaultDevice::velkor_generateRamdomNumber(deviceId, count, out, flag, libraryInstance);
 }

@@ -16,8 +16,11 @@ struct PlannedFault {
     int status = 0;
 };
 
+/// The status of a fault that throws instead, where a call of the device decides alone how the module's call ends.
+inline constexpr int FAULT_THROWS = -99;
+
 /// The statuses that faults have. What cannot answer a status answers nothing; a PIN check leaves `status % 3` tries.
-inline constexpr int FAULT_STATUSES[] = {1, 7, 20, 40, 48, 242, -1};
+inline constexpr int FAULT_STATUSES[] = {1, 7, 20, 40, 48, 242, -1, FAULT_THROWS};
 
 class RecordingDevice final : public DefaultDevice
 {
@@ -91,6 +94,8 @@ private:
     /// Writes a call down. True when it is the one that fails.
     template <typename... Parts>
     bool fails(const char* name, const Parts&... parts);
+    /// What the fault has planned: throws, or gives its status.
+    int failure() const;
     std::string shownContext(void* hashContext) const;
     void* realContext(void* hashContext) const;
 

@@ -36,7 +36,10 @@ public:
     CK_BYTE_PTR data() { return isNull_ ? nullptr : bytes_.data(); }
     bool takes(std::size_t size) const { return !isNull_ && told_ >= size; }
     bool isNull() const { return isNull_; }
-    std::string text(std::size_t size) const { return {bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(size)}; }
+    std::string text(std::size_t size) const
+    {
+        return {bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(size)};
+    }
 
     /// Whether something was written from this byte on.
     bool isWrittenFrom(std::size_t at) const
