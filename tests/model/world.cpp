@@ -105,7 +105,7 @@ void ModelWorld::change(RecordingDevice& device, const ModelStep& step) const
         return;
     static constexpr std::array<std::array<const char*, 4>, 8> TOKENS = {
         {{FIRST_DEVICE, "First key", "VK1 Key", "2.1.0"},
-         {FIRST_DEVICE, "A label of 31 characters, indeed", "VK0 Key", "2"},
+         {FIRST_DEVICE, "A label of 32 characters, indeed", "VK0 Key", "2"},
          {FIRST_DEVICE, "A label that is longer than its field", "VK1 Key", "1.9.12"},
          {SECOND_DEVICE, "First key", "A", "2.0.0-beta"},
          {"", "", "", ""},
