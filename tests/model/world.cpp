@@ -47,8 +47,8 @@ std::string inWords(const char* what, const std::vector<std::string>& module, co
 {
     if (module == model)
         return {};
-    return std::string("  ") + what + "\n    of the module:" + inWords(module) + "\n    of the model:" +
-           inWords(model) + "\n";
+    return std::string("  ") + what + "\n    of the module:" + inWords(module) +
+           "\n    of the model:" + inWords(model) + "\n";
 }
 
 } // namespace
@@ -89,9 +89,12 @@ void ModelWorld::prepareDevice(RecordingDevice& device) const
 
 void ModelWorld::change(RecordingDevice& device, const ModelStep& step) const
 {
-    static const std::vector<std::vector<std::string>> ARRANGEMENTS = {
-        {FIRST_DEVICE, SECOND_DEVICE}, {}, {FIRST_DEVICE}, {SECOND_DEVICE}, {SECOND_DEVICE, FIRST_DEVICE},
-        {FIRST_DEVICE, "VK999999", SECOND_DEVICE}};
+    static const std::vector<std::vector<std::string>> ARRANGEMENTS = {{FIRST_DEVICE, SECOND_DEVICE},
+                                                                       {},
+                                                                       {FIRST_DEVICE},
+                                                                       {SECOND_DEVICE},
+                                                                       {SECOND_DEVICE, FIRST_DEVICE},
+                                                                       {FIRST_DEVICE, "VK999999", SECOND_DEVICE}};
     DeviceRecords& records = device.devices.at(FIRST_DEVICE);
     if (step.call == ModelCall::SetDevices)
         device.setConnected(ARRANGEMENTS[step.number % ARRANGEMENTS.size()]);
@@ -141,18 +144,19 @@ void ModelWorld::runMonitor()
 }
 
 /// The lines since the last time. Which handles a search gives is told in a form that is free.
-void ModelWorld::readLog(Seen& seen) const
+void ModelWorld::readLog(Seen& seen)
 {
     for (const auto& file : std::filesystem::directory_iterator(logFolder_)) {
         std::ifstream stream(file.path(), std::ios::binary);
+        std::streamoff& position = readTo_[file.path()];
+        stream.seekg(position);
         for (std::string line; std::getline(stream, line);) {
+            position += static_cast<std::streamoff>(line.size()) + 1;
             if (line.size() >= TEXT_BEGINS)
                 line = line.substr(TAG_BEGINS, 6) + line.substr(TEXT_BEGINS);
             if (!line.starts_with("DEBUG Find object return : "))
                 (isMonitorLine(line) ? seen.monitorLines : seen.lines).push_back(line);
         }
-        stream.close();
-        std::filesystem::resize_file(file.path(), 0);
     }
 }
 
@@ -211,13 +215,14 @@ std::string ModelWorld::difference(const Seen& module, const Seen& model)
         text += "  code " + std::to_string(module.code) + " of the module, " + std::to_string(model.code) +
                 " of the model\n";
     if (module.outputs != model.outputs) {
-        const auto [at, other] = std::mismatch(module.outputs.begin(), module.outputs.end(), model.outputs.begin(),
-                                               model.outputs.end());
+        const auto [at, other] =
+            std::mismatch(module.outputs.begin(), module.outputs.end(), model.outputs.begin(), model.outputs.end());
         const auto from = [](auto position, const DeviceBytes& all) {
             return hexadecimal(DeviceBytes(position, position + std::min<std::ptrdiff_t>(32, all.end() - position)));
         };
-        text += "  output from byte " + std::to_string(at - module.outputs.begin()) + " on: " +
-                from(at, module.outputs) + " of the module, " + from(other, model.outputs) + " of the model\n";
+        text += "  output from byte " + std::to_string(at - module.outputs.begin()) +
+                " on: " + from(at, module.outputs) + " of the module, " + from(other, model.outputs) +
+                " of the model\n";
     }
     text += inWords("log lines", module.lines, model.lines);
     text += inWords("log lines of the monitor", module.monitorLines, model.monitorLines);

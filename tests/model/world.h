@@ -2,6 +2,8 @@
 #pragma once
 
 #include <filesystem>
+#include <ios>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,11 +39,12 @@ private:
     void runMonitor();
     Seen callModule(const ModelStep& step);
     Seen callModel(const ModelStep& step);
-    void readLog(Seen& seen) const;
+    void readLog(Seen& seen);
     static std::string difference(const Seen& module, const Seen& model);
 
     MonitorSleep sleep_;
     std::filesystem::path logFolder_;
+    std::map<std::filesystem::path, std::streamoff> readTo_; ///< Where what is new begins, of each file of the log.
     test_system::LogLevel logLevel_;
     std::shared_ptr<RecordingDevice> moduleDevice_ = std::make_shared<RecordingDevice>();
     RecordingDevice modelDevice_;
