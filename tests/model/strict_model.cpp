@@ -1,10 +1,13 @@
 #include "strict_model.h"
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "device_double.h"
+#include "sleeps.h"
 #include "test_system.h"
 
 namespace
@@ -13,6 +16,8 @@ namespace
 constexpr CK_SLOT_ID NO_SLOT = 9999;
 constexpr unsigned char UNTOUCHED_BYTE = 0xEE;
 const std::string OBJECT_LABEL = "model";
+constexpr std::chrono::milliseconds MONITOR_PERIOD{1000}; ///< Of the module, which ends no sooner,
+constexpr std::chrono::milliseconds SHORT_PERIOD{10};     ///< and what it becomes here.
 
 CK_BYTE_PTR bytesOf(const std::string& text)
 {
@@ -78,6 +83,12 @@ StrictWorld::StrictWorld(const std::filesystem::path& folder)
     std::filesystem::create_directories(folder);
     test_system::setTemporaryFolder(folder);
     test_system::LogLevel(folder).set("0");
+    test_system::takeOverSleeps([](std::chrono::milliseconds time) {
+        if (time < MONITOR_PERIOD)
+            return false;
+        std::this_thread::sleep_for(SHORT_PERIOD);
+        return true;
+    });
     setDeviceOperations(device_);
     tokens_[0].device = FIRST_DEVICE;
     tokens_[1].device = SECOND_DEVICE;
@@ -233,6 +244,8 @@ std::string StrictWorld::finalize()
     isInitialized_ = false;
     for (Session& each : sessions_)
         end(each);
+    for (Token& each : tokens_)
+        each.keyLogin = NO_LOGIN;
     return difference;
 }
 
@@ -253,8 +266,8 @@ std::string StrictWorld::openSession(const StrictStep& step)
     if (isGood)
         allowed = {CKR_OK};
     CK_SESSION_HANDLE opened = 0;
-    const CK_RV code = front_->C_OpenSession(isSlot ? slots_[step.slot] : NO_SLOT, step.number, nullptr, nullptr,
-                                             &opened);
+    const CK_RV code =
+        front_->C_OpenSession(isSlot ? slots_[step.slot] : NO_SLOT, step.number, nullptr, nullptr, &opened);
     std::string difference = compare(code, allowed);
     if (code != CKR_OK || !isGood)
         return difference;
@@ -403,8 +416,8 @@ std::string StrictWorld::setPin(const StrictStep& step)
         if (allowed.empty())
             allowed = {step.text == token.pin ? CKR_OK : wrongPin(session(step)->token)};
     }
-    const CK_RV code = front_->C_SetPIN(handle(step), bytesOf(step.text), sizeOf(step.text), bytesOf(step.more),
-                                        sizeOf(step.more));
+    const CK_RV code =
+        front_->C_SetPIN(handle(step), bytesOf(step.text), sizeOf(step.text), bytesOf(step.more), sizeOf(step.more));
     if (code == CKR_OK && allowed.count(CKR_OK) != 0)
         tokens_[session(step)->token].pin = step.more;
     return compare(code, allowed);
@@ -422,8 +435,7 @@ std::string StrictWorld::digestOf(const std::string& data, std::size_t size)
 
 std::string StrictWorld::digestInit(const StrictStep& step)
 {
-    static const std::map<CK_MECHANISM_TYPE, std::size_t> sizes = {
-        {CKM_SHA_1, 20}, {CKM_SHA256, 32}, {CKM_SHA512, 64}};
+    static const std::map<CK_MECHANISM_TYPE, std::size_t> sizes = {{CKM_SHA_1, 20}, {CKM_SHA256, 32}, {CKM_SHA512, 64}};
     const auto size = sizes.find(step.number);
     Codes allowed = refusal(step).value_or(Codes());
     if (allowed.empty() && session(step)->digest)
@@ -446,23 +458,22 @@ bool StrictWorld::isLoggedOut(const Session& session, const Operation& operation
     return operation.login != 0 && (!token.user || token.login != operation.login);
 }
 
-/// The end of an operation, or a question for its length.
+/// The end of an operation, or a question for its length, which takes no login.
 std::string StrictWorld::deliver(const StrictStep& step, Kept kept, const std::string& data,
                                  const std::function<CK_RV(CK_BYTE_PTR, CK_ULONG_PTR)>& call)
 {
     std::optional<Operation>& operation = session(step)->*kept;
-    if (isLoggedOut(*session(step), *operation)) {
-        if (tokens_[session(step)->token].user)
-            return {}; // Another login has come since; the standard leaves open what holds.
-        Room room(step.room);
-        const CK_RV code = call(room.data(), &room.length);
-        operation.reset();
-        return compare(code, {CKR_USER_NOT_LOGGED_IN});
-    }
+    const bool isLoginGone = isLoggedOut(*session(step), *operation);
+    if (isLoginGone && tokens_[session(step)->token].user)
+        return {}; // Another login has come since; the standard leaves open what holds.
     const std::size_t size = operation->size;
     Room room(step.room);
     const bool isTaken = room.takes(size);
     const CK_RV code = call(room.data(), &room.length);
+    if (isTaken && isLoginGone) {
+        operation.reset();
+        return compare(code, {CKR_USER_NOT_LOGGED_IN});
+    }
     std::string difference = compare(code, {isTaken || room.isNull() ? CKR_OK : CKR_BUFFER_TOO_SMALL}) +
                              differs("the length", room.length, static_cast<CK_ULONG>(size));
     if (room.isWrittenFrom(isTaken ? size : 0))
@@ -542,8 +553,7 @@ std::string StrictWorld::findKey(const StrictStep& step)
     Token& token = tokens_[session(step)->token];
     CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
     std::string label = session(step)->token == 0 ? "pair 2" : "other pair";
-    CK_ATTRIBUTE criteria[] = {{CKA_CLASS, &privateKey, sizeof privateKey},
-                               {CKA_LABEL, label.data(), sizeOf(label)}};
+    CK_ATTRIBUTE criteria[] = {{CKA_CLASS, &privateKey, sizeof privateKey}, {CKA_LABEL, label.data(), sizeOf(label)}};
     CK_OBJECT_HANDLE found[2] = {};
     CK_ULONG count = 0;
     std::string difference = compare(front_->C_FindObjectsInit(handle(step), criteria, 2), {CKR_OK});
@@ -642,8 +652,8 @@ std::string StrictWorld::readValue(const StrictStep& step)
                                               : Codes{CKR_OBJECT_HANDLE_INVALID});
     const bool isTold = isTaken || room.isNull();
     std::string difference = compare(code, {isTold ? CKR_OK : CKR_BUFFER_TOO_SMALL});
-    difference += differs("the length", entry.ulValueLen,
-                          isTold ? static_cast<CK_ULONG>(size) : CK_UNAVAILABLE_INFORMATION);
+    difference +=
+        differs("the length", entry.ulValueLen, isTold ? static_cast<CK_ULONG>(size) : CK_UNAVAILABLE_INFORMATION);
     if (room.isWrittenFrom(isTaken ? size : 0))
         difference += "  something was written where nothing belongs\n";
     if (isTaken && room.text(size) != object.value)
@@ -665,9 +675,9 @@ std::string StrictWorld::findInit(const StrictStep& step)
     if (asked.left)
         return compare(code, {CKR_OPERATION_ACTIVE});
     asked.searchIsSure = true;
-    asked.left = static_cast<std::size_t>(
-        std::count_if(objects_.begin(), objects_.end(),
-                      [&](const Object& each) { return each.isThere && each.token == asked.token; }));
+    asked.left = static_cast<std::size_t>(std::count_if(objects_.begin(), objects_.end(), [&](const Object& each) {
+        return each.isThere && each.token == asked.token;
+    }));
     return compare(code, {CKR_OK});
 }
 

@@ -31,7 +31,7 @@ private:
     struct Operation {
         std::size_t size = 0; ///< Of the result.
         bool hasParts = false;
-        bool isWhole = false; ///< It is done in one call, which a length was asked of.
+        bool isWhole = false;    ///< It is done in one call, which a length was asked of.
         bool endIsAsked = false; ///< The length of the end of parts was asked for.
         std::string gathered;
         int login = 0; ///< With which login it has begun; 0: it needs none.
@@ -45,7 +45,7 @@ private:
         std::optional<Operation> digest;
         std::optional<Operation> signature;
         std::optional<std::size_t> left; ///< What a search has not given yet.
-        bool searchIsSure = true; ///< Nothing has come or gone since it began.
+        bool searchIsSure = true;        ///< Nothing has come or gone since it began.
     };
 
     struct Object {
@@ -57,13 +57,15 @@ private:
         std::string value;
     };
 
+    static constexpr int NO_LOGIN = -1;
+
     struct Token {
         std::string device;
         std::string pin = "1234";
         std::optional<CK_USER_TYPE> user;
         int login = 0; ///< Their number; a private handle ends with the login that it was seen in.
         CK_OBJECT_HANDLE key = 0;
-        int keyLogin = 0;
+        int keyLogin = NO_LOGIN; ///< Also when the library has ended since.
     };
 
     std::string initialize();

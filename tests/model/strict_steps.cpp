@@ -61,6 +61,15 @@ void StrictStepMaker::addSignature()
         steps_.push_back(step(oneOf(CALLS)));
 }
 
+void StrictStepMaker::addRestart()
+{
+    for (const StrictCall call : {StrictCall::Finalize, StrictCall::SessionInfo, StrictCall::Initialize,
+                                  StrictCall::SessionInfo, StrictCall::OpenSession}) {
+        steps_.push_back(step(call));
+        steps_.back().number = CKF_SERIAL_SESSION | CKF_RW_SESSION;
+    }
+}
+
 void StrictStepMaker::addSearch()
 {
     steps_.push_back(step(StrictCall::FindInit));
@@ -76,10 +85,10 @@ void StrictStepMaker::addSearch()
 std::vector<StrictStep> StrictStepMaker::run(std::size_t length)
 {
     static constexpr StrictCall SINGLE[] = {
-        StrictCall::OpenSession, StrictCall::OpenSession, StrictCall::OpenSession, StrictCall::CloseSession,
-        StrictCall::SessionInfo, StrictCall::SessionInfo, StrictCall::TokenInfo,   StrictCall::Login,
-        StrictCall::Login,       StrictCall::Logout,      StrictCall::SetPin,      StrictCall::Create,
-        StrictCall::Create,      StrictCall::Destroy,     StrictCall::ReadValue,   StrictCall::ReadValue,
+        StrictCall::OpenSession, StrictCall::OpenSession,      StrictCall::OpenSession, StrictCall::CloseSession,
+        StrictCall::SessionInfo, StrictCall::SessionInfo,      StrictCall::TokenInfo,   StrictCall::Login,
+        StrictCall::Login,       StrictCall::Logout,           StrictCall::SetPin,      StrictCall::Create,
+        StrictCall::Create,      StrictCall::Destroy,          StrictCall::ReadValue,   StrictCall::ReadValue,
         StrictCall::Random,      StrictCall::CloseAllSessions, StrictCall::Initialize};
     static constexpr CK_ULONG FLAGS[] = {0x6, 0x6, 0x6, 0x4, 0x2};
     static constexpr CK_USER_TYPE USERS[] = {CKU_USER, CKU_USER, CKU_USER, CKU_SO, CKU_CONTEXT_SPECIFIC, 77};
@@ -89,6 +98,8 @@ std::vector<StrictStep> StrictStepMaker::run(std::size_t length)
         steps_.push_back(step(StrictCall::Initialize));
     while (steps_.size() < length) {
         session_ = below(5);
+        if (inPercent(1))
+            addRestart();
         const std::size_t kind = below(10);
         if (kind == 0) {
             addDigest();
@@ -108,12 +119,6 @@ std::vector<StrictStep> StrictStepMaker::run(std::size_t length)
                 single.number = static_cast<CK_ULONG>(below(2));
             steps_.push_back(single);
         }
-    }
-    if (inPercent(8)) { // The module takes a second to end.
-        steps_.push_back(step(StrictCall::Finalize));
-        steps_.push_back(step(StrictCall::SessionInfo));
-        steps_.push_back(step(StrictCall::Initialize));
-        steps_.push_back(step(StrictCall::SessionInfo));
     }
     return std::exchange(steps_, {});
 }

@@ -58,6 +58,7 @@ private:
     void addDigest();
     void addSignature();
     void addSearch();
+    void addRestart();
 
     std::mt19937_64 random_;
     std::vector<StrictStep> steps_;
