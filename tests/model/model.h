@@ -53,15 +53,15 @@ struct ModelSession {
     bool isUser() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
 };
 
+#define MODEL_ENTRY_POINT(name, parameters) CK_RV name parameters;
+
 class Model
 {
 public:
     explicit Model(RecordingDevice& device) : device_(device) {}
 
     // The supported entry points are defined under their names, with the parameters of the standard.
-#define MODEL_ENTRY_POINT(name, parameters) CK_RV name parameters;
     CK_FOR_EACH_FUNCTION(MODEL_ENTRY_POINT)
-#undef MODEL_ENTRY_POINT
 
     /// Every other export.
     CK_RV unsupported(const char* name);
@@ -175,6 +175,8 @@ private:
     VelkorKeyPair lastKeyPair_; ///< The one that was looked up last, by whichever session.
     std::map<CK_OBJECT_HANDLE, DeviceBytes> derivedKeys_;
 };
+
+#undef MODEL_ENTRY_POINT
 
 /// A number as the log has it: signed.
 inline std::string decimal(CK_ULONG number)

@@ -470,9 +470,8 @@ CK_RV Model::C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pI
 CK_RV Model::checkPin(const ModelSession& session, const std::string& pin, int userType)
 {
     int triesLeft = 0;
-    const int status = attempt([&] {
-        return device_.velkor_validatePassword(session.device(), pin.c_str(), userType, &triesLeft, library_);
-    });
+    const int status = attempt(
+        [&] { return device_.velkor_validatePassword(session.device(), pin.c_str(), userType, &triesLeft, library_); });
     if (status == 0)
         return CKR_OK;
     if (!thrown_.empty())
@@ -542,8 +541,7 @@ CK_RV Model::C_Logout(CK_SESSION_HANDLE hSession)
     if (session == nullptr)
         return code_;
     if (session->state == CKS_RO_PUBLIC_SESSION || session->state == CKS_RW_PUBLIC_SESSION)
-        return refuse(CKR_USER_NOT_LOGGED_IN,
-                      "C_Logout: user not logged in, session state=" + decimal(session->state));
+        return refuse(CKR_USER_NOT_LOGGED_IN, "C_Logout: user not logged in, session state=" + decimal(session->state));
     for (auto& [handle, each] : sessions_) {
         if (each.token.serialNumber == session->token.serialNumber)
             each.state = each.isReadOnly() ? CKS_RO_PUBLIC_SESSION : CKS_RW_PUBLIC_SESSION;
@@ -572,9 +570,9 @@ CK_RV Model::C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_UL
     const std::string newPin = textOf(pNewPin, ulNewLen);
     int failures = 0;
     if (!attempt([&] {
-        return device_.velkor_changeUserPassword(session->device(), textOf(pOldPin, ulOldLen).c_str(), newPin.c_str(),
-                                                 &failures, false, false, library_);
-    }))
+            return device_.velkor_changeUserPassword(session->device(), textOf(pOldPin, ulOldLen).c_str(),
+                                                     newPin.c_str(), &failures, false, false, library_);
+        }))
         return refuse(CKR_FUNCTION_FAILED,
                       "C_SetPIN: velkor_changeUserPassword failed, failureCount=" + std::to_string(failures));
     if (!pin_.empty())

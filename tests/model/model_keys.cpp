@@ -43,7 +43,7 @@ bool sameIdentifier(const unsigned char* left, const unsigned char* right)
 CK_RV codeOfStatus(int status)
 {
     return status == STATUS_DEVICE_REMOVED || status == STATUS_DEVICE_UNREACHABLE ? CKR_DEVICE_REMOVED
-                                                                                   : CKR_FUNCTION_FAILED;
+                                                                                  : CKR_FUNCTION_FAILED;
 }
 
 } // namespace
@@ -109,9 +109,8 @@ CK_RV Model::C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTempla
 
 CK_RV Model::store(const ModelSession& session, VelkorCertificate& certificate)
 {
-    const int status = attempt([&] {
-        return device_.velkor_importCertificate(session.device(), pin_.c_str(), &certificate, library_);
-    });
+    const int status = attempt(
+        [&] { return device_.velkor_importCertificate(session.device(), pin_.c_str(), &certificate, library_); });
     return status == 0 ? CKR_OK : refuse(codeOfStatus(status), "Leaf import failed: " + std::to_string(status));
 }
 
@@ -236,9 +235,8 @@ CK_RV Model::importKey(const ModelSession& session, const NewObject& object, CK_
     details.modulus = object.modulus;
     details.privateExponent = object.privateExponent;
     details.prime1 = object.prime1;
-    const int status = attempt([&] {
-        return device_.velkor_importPfx(session.device(), pin_.c_str(), &details, library_);
-    });
+    const int status =
+        attempt([&] { return device_.velkor_importPfx(session.device(), pin_.c_str(), &details, library_); });
     if (status != 0)
         return refuse(codeOfStatus(status), "Import private key into device failed : " + std::to_string(status));
     for (const VelkorKeyPair& each : device_.velkor_getKeyPairList(session.device(), library_)) {
@@ -275,9 +273,9 @@ CK_RV Model::C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObjec
             return device_.velkor_deleteKeyPair(device, found->keyIdentifier, pin_.c_str(), found->deviceFlag,
                                                 library_);
         });
-        return status == 0 ? CKR_OK
-                           : refuse(CKR_FUNCTION_FAILED,
-                                    "Delete keypair in destroy object failed : " + std::to_string(status));
+        return status == 0
+                   ? CKR_OK
+                   : refuse(CKR_FUNCTION_FAILED, "Delete keypair in destroy object failed : " + std::to_string(status));
     }
     if (hObject < FIRST_CERTIFICATE)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DestroyObject: invalid hObject=" + decimal(hObject));
@@ -286,12 +284,11 @@ CK_RV Model::C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObjec
         debug("Input certificate not found in destroy : " + decimal(hObject));
         return CKR_OBJECT_HANDLE_INVALID;
     }
-    const int status = attempt([&] {
-        return device_.velkor_deleteCertificate(device, found->certificateIdentifier, pin_.c_str(), library_);
-    });
-    return status == 0 ? CKR_OK
-                       : refuse(CKR_FUNCTION_FAILED,
-                                "Delete certificate in destroy object failed : " + std::to_string(status));
+    const int status = attempt(
+        [&] { return device_.velkor_deleteCertificate(device, found->certificateIdentifier, pin_.c_str(), library_); });
+    return status == 0
+               ? CKR_OK
+               : refuse(CKR_FUNCTION_FAILED, "Delete certificate in destroy object failed : " + std::to_string(status));
 }
 
 // ---- Generation ----
@@ -336,8 +333,7 @@ CK_RV Model::readKind(CK_KEY_TYPE type, CK_ATTRIBUTE_PTR entries, CK_ULONG count
                 return refuse(CKR_KEY_SIZE_RANGE, "C_GenerateKeyPair: RSA-1024 key generation not allowed — key size "
                                                   "below 112-bit security strength");
             if (bits != 2048 && bits != 3072 && bits != 4096)
-                return refuse(CKR_MECHANISM_INVALID,
-                              "C_GenerateKeyPair: unsupported RSA modulusBits=" + decimal(bits));
+                return refuse(CKR_MECHANISM_INVALID, "C_GenerateKeyPair: unsupported RSA modulusBits=" + decimal(bits));
             request.keyKind = static_cast<std::uint32_t>(bits / 1024);
         }
         if (type == CKK_EC && entry.type == CKA_EC_PARAMS) {
@@ -389,9 +385,8 @@ CK_RV Model::C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
     const CK_KEY_TYPE type = readPrivateTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount, request);
     if (const CK_RV code = readKind(type, pPublicKeyTemplate, ulPublicKeyAttributeCount, request); code != CKR_OK)
         return code;
-    const int status = attempt([&] {
-        return device_.velkor_generateKeyPair(session->device(), pin_.c_str(), &request, library_);
-    });
+    const int status =
+        attempt([&] { return device_.velkor_generateKeyPair(session->device(), pin_.c_str(), &request, library_); });
     if (status != 0)
         return refuse(codeOfStatus(status), "Generate key pair failed : " + std::to_string(status));
     *phPublicKey = FIRST_PUBLIC + request.id;

@@ -171,8 +171,8 @@ bool Model::matches(const VelkorCertificate& certificate, const Criteria& criter
     if (criteria.value)
         return *criteria.value == certificate.der;
     if (criteria.subject)
-        return *criteria.subject == device_.velkor_getCertificateSubject(certificate.der.data(),
-                                                                         lengthOf(certificate.der), library_);
+        return *criteria.subject ==
+               device_.velkor_getCertificateSubject(certificate.der.data(), lengthOf(certificate.der), library_);
     return !criteria.id || *criteria.id == objectIdOf(certificate);
 }
 

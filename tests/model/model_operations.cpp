@@ -220,9 +220,8 @@ CK_RV Model::C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanis
     const int code = digestCode(pMechanism->mechanism);
     if (code == 0)
         return refuse(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported");
-    const int status = attempt([&] {
-        return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
-    });
+    const int status =
+        attempt([&] { return device_.velkor_initHash(session->device(), code, &session->hashContext, library_); });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Init hash in diges init failed : " + std::to_string(status));
     session->hashed.clear();
@@ -237,9 +236,8 @@ CK_RV Model::finalHash(ModelSession& session, const std::string& text)
         return CKR_OK;
     DeviceBytes digest(HASH_CAPACITY);
     int length = 0;
-    const int status = attempt([&] {
-        return device_.velkor_finalHash(session.hashContext, digest.data(), &length, library_);
-    });
+    const int status =
+        attempt([&] { return device_.velkor_finalHash(session.hashContext, digest.data(), &length, library_); });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, text + std::to_string(status));
     digest.resize(static_cast<std::size_t>(length));
@@ -279,9 +277,8 @@ CK_RV Model::C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_UL
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=" + decimal(ulPartLen));
-    const int status = attempt([&] {
-        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
-    });
+    const int status = attempt(
+        [&] { return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_); });
     if (status != 0)
         return refuse(CKR_FUNCTION_FAILED, "Update hash data in digest update failed : " + std::to_string(status));
     return CKR_OK;
@@ -428,15 +425,13 @@ CK_RV Model::C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULON
         return CKR_OK;
     }
     if (session->hashContext == nullptr) {
-        const int status = attempt([&] {
-            return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
-        });
+        const int status =
+            attempt([&] { return device_.velkor_initHash(session->device(), code, &session->hashContext, library_); });
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_SignUpdate: initHash failed " + std::to_string(status));
     }
-    const int status = attempt([&] {
-        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
-    });
+    const int status = attempt(
+        [&] { return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_); });
     if (status == 0)
         return CKR_OK;
     session->hashContext = nullptr;
@@ -480,8 +475,7 @@ CK_RV Model::C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanis
         return refuse(CKR_ARGUMENTS_BAD, "C_VerifyInit: pMechanism is NULL");
     const SignatureRow* row = signatureRow(pMechanism->mechanism);
     if (row == nullptr)
-        return refuse(CKR_MECHANISM_INVALID,
-                      "C_VerifyInit: unsupported mechanism=" + decimal(pMechanism->mechanism));
+        return refuse(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=" + decimal(pMechanism->mechanism));
     if (hKey < PRIVATE_KEYS)
         return refuse(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=" + decimal(hKey));
     if (keyPair(*session, hKey - (hKey >= PUBLIC_KEYS ? PUBLIC_KEYS : PRIVATE_KEYS)) == nullptr)
@@ -504,8 +498,8 @@ CK_RV Model::C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ul
     if (pData == nullptr || pSignature == nullptr)
         return refuse(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL");
     if (ulDataLen == 0 || ulSignatureLen == 0)
-        return refuse(CKR_ARGUMENTS_BAD, "C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=" +
-                                             decimal(ulDataLen) + " ulSignatureLen=" + decimal(ulSignatureLen));
+        return refuse(CKR_ARGUMENTS_BAD, "C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=" + decimal(ulDataLen) +
+                                             " ulSignatureLen=" + decimal(ulSignatureLen));
     const auto data = bytesAt(pData, ulDataLen);
     DeviceBytes hashed(data.begin(), data.end());
     if (const int code = signatureRow(session->mechanism)->hash; code != 0) {
@@ -546,15 +540,13 @@ CK_RV Model::C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_UL
         return CKR_OK;
     }
     if (session->hashContext == nullptr) {
-        const int status = attempt([&] {
-            return device_.velkor_initHash(session->device(), code, &session->hashContext, library_);
-        });
+        const int status =
+            attempt([&] { return device_.velkor_initHash(session->device(), code, &session->hashContext, library_); });
         if (status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_VerifyUpdate: initHash failed " + std::to_string(status));
     }
-    const int status = attempt([&] {
-        return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_);
-    });
+    const int status = attempt(
+        [&] { return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_); });
     if (status == 0)
         return CKR_OK;
     session->hashContext = nullptr;
@@ -583,10 +575,9 @@ CK_RV Model::C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, C
     const DeviceBytes hashed = std::exchange(session->hashed, {});
     session->operation = OP_NONE;
     const int status = attempt([&] {
-        return device_.velkor_verifySignatureHash(lastKeyPair_.keyKind, session->device(), hashed.data(),
-                                                  lengthOf(hashed), lastKeyPair_.publicKey,
-                                                  lastKeyPair_.publicKeyLength, pSignature,
-                                                  static_cast<int>(ulSignatureLen), library_, false);
+        return device_.velkor_verifySignatureHash(
+            lastKeyPair_.keyKind, session->device(), hashed.data(), lengthOf(hashed), lastKeyPair_.publicKey,
+            lastKeyPair_.publicKeyLength, pSignature, static_cast<int>(ulSignatureLen), library_, false);
     });
     if (status != 0)
         return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed " + std::to_string(status));
@@ -608,8 +599,8 @@ CK_RV Model::selectCipherKey(ModelSession& session, const CK_MECHANISM& mechanis
         return refuse(CKR_MECHANISM_INVALID,
                       "C_EncryptInit: CKM_RSA_PKCS_OAEP not supported on firmware " + session.token.firmwareVersion);
     if (hKey < (isOaep ? PUBLIC_KEYS : PRIVATE_KEYS))
-        return refuse(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=" + decimal(hKey) +
-                                                     (isOaep ? " for CKM_RSA_PKCS_OAEP" : ""));
+        return refuse(CKR_OBJECT_HANDLE_INVALID,
+                      "C_EncryptInit: invalid hKey=" + decimal(hKey) + (isOaep ? " for CKM_RSA_PKCS_OAEP" : ""));
     if (keyPair(session, hKey - (hKey >= PUBLIC_KEYS ? PUBLIC_KEYS : PRIVATE_KEYS)) != nullptr)
         return CKR_OK;
     return refuse(CKR_OBJECT_HANDLE_INVALID, (isOaep ? "C_EncryptInit: invalid input handle for OAEP encrypt : "

@@ -117,11 +117,11 @@ CK_RV callWithZeros(CK_RV (*function)(Parameters...))
 
 #define UNSUPPORTED_ROW(name)                                                                                          \
     {                                                                                                                  \
-        #name, [](const CK_FUNCTION_LIST& table) { return callWithZeros(table.name); }                               \
+#name, [](const CK_FUNCTION_LIST& table) { return callWithZeros(table.name); }                                 \
     }
 #define UNSUPPORTED_EXTENSION(name)                                                                                    \
     {                                                                                                                  \
-        #name, [](const CK_FUNCTION_LIST&) { return callWithZeros(&::name); }                                          \
+#name, [](const CK_FUNCTION_LIST&) { return callWithZeros(&::name); }                                          \
     }
 inline constexpr UnsupportedExport UNSUPPORTED_EXPORTS[] = {UNSUPPORTED_ROW(C_InitToken),
                                                             UNSUPPORTED_ROW(C_InitPIN),

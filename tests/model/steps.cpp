@@ -175,8 +175,8 @@ StepEntry StepMaker::numbered(CK_ATTRIBUTE_TYPE type, CK_ULONG number)
 
 StepEntry StepMaker::text(CK_ATTRIBUTE_TYPE type)
 {
-    static constexpr std::string_view TEXTS[] = {"pair 2",    "certificate 1", " leaf ",           "x",
-                                                 " \t",       "Subject 1_Issuer", "Subject 2_Issuer"};
+    static constexpr std::string_view TEXTS[] = {"pair 2", "certificate 1",    " leaf ",          "x",
+                                                 " \t",    "Subject 1_Issuer", "Subject 2_Issuer"};
     return {type, inPercent(5) ? DeviceBytes(130, 'L') : bytesOfText(oneOf(TEXTS)), false};
 }
 
@@ -312,9 +312,9 @@ void StepMaker::slotScene()
 
 void StepMaker::sessionScene()
 {
-    static constexpr ModelCall CALLS[] = {ModelCall::OpenSession,    ModelCall::OpenSession,  ModelCall::OpenSession,
-                                          ModelCall::GetSessionInfo, ModelCall::CloseSession, ModelCall::GetSessionInfo,
-                                          ModelCall::GetSessionInfo, ModelCall::CloseAllSessions};
+    static constexpr ModelCall CALLS[] = {
+        ModelCall::OpenSession,  ModelCall::OpenSession,    ModelCall::OpenSession,    ModelCall::GetSessionInfo,
+        ModelCall::CloseSession, ModelCall::GetSessionInfo, ModelCall::GetSessionInfo, ModelCall::CloseAllSessions};
     static constexpr CK_FLAGS FLAGS[] = {0x4, 0x6, 0x6, 0x6, 0x2, 0x0, 0xFF};
     ModelStep call = step(oneOf(CALLS));
     call.object = slot();

@@ -31,7 +31,7 @@ enum class ModelCall {
 /// An entry of a template.
 struct StepEntry {
     CK_ATTRIBUTE_TYPE type = 0;
-    DeviceBytes value; ///< For an answer, the room for it.
+    DeviceBytes value;   ///< For an answer, the room for it.
     bool isNull = false; ///< The length stays.
 };
 
@@ -45,7 +45,7 @@ struct ModelStep {
     CK_ULONG number = 0; ///< Slot, flags, kind of user, mechanism, state of the world.
     CK_ULONG count = 0;  ///< A length or count that the caller tells.
     DeviceBytes data;
-    DeviceBytes more; ///< A second input: new PIN, signature, peer.
+    DeviceBytes more;   ///< A second input: new PIN, signature, peer.
     unsigned nulls = 0; ///< Bits: which pointers are null, in the order of the parameters.
     StepParameter parameter = StepParameter::None;
     std::vector<StepEntry> entries;
