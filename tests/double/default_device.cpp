@@ -75,7 +75,7 @@ auto withIdentifier(std::vector<VelkorKeyPair>& keyPairs, const unsigned char* i
 int giveCopy(const std::vector<unsigned char>& bytes, unsigned char** out, int* outLength)
 {
     *out = static_cast<unsigned char*>(std::malloc(bytes.size()));
-    std::memcpy(*out, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), *out);
     *outLength = static_cast<int>(bytes.size());
     return 0;
 }
