@@ -3,11 +3,11 @@
 # harness how many inputs it ran, how many a second, and what they covered. The exit code is 0 when nothing was found.
 #   scripts/fuzz.sh SECONDS [HARNESS...]          each for so long, or those that are named; one on each processor
 #   scripts/fuzz.sh --keep HARNESS...             puts what earlier runs found worth keeping into tests/fuzz/corpus
-# An input that ends a run lies in build/fuzz/found; `build/fuzz/bin/fuzz_HARNESS FILE` runs it again.
+# An input that ends a run lies in build/fuzz/found; `build/asan/bin/fuzz_HARNESS FILE` runs it again.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 root=$PWD
-all=(module module-packed strict templates templates-strict certificates configuration key-file)
+all=(module module-packed strict templates templates-strict certificates configuration key-file tool)
 
 keep=
 if [ "${1:-}" = --keep ]; then
@@ -20,8 +20,8 @@ shift
 [ $# -gt 0 ] && all=("$@")
 
 mkdir -p build/fuzz
-cmake --preset fuzz >build/fuzz.configure.log 2>&1 || { cat build/fuzz.configure.log; exit 1; }
-cmake --build --preset fuzz >build/fuzz.build.log 2>&1 || { cat build/fuzz.build.log; exit 1; }
+cmake --preset asan >build/fuzz/configure.log 2>&1 || { cat build/fuzz/configure.log; exit 1; }
+cmake --build --preset asan --target fuzz >build/fuzz/build.log 2>&1 || { cat build/fuzz/build.log; exit 1; }
 
 # Both layouts, and both libraries under the templates, share what they keep.
 kept_of() { case $1 in module*) echo module ;; templates*) echo templates ;; *) echo "$1" ;; esac; }
@@ -36,7 +36,7 @@ run() {
     local harness=$1
     shift
     (cd "$scratch" && ASAN_OPTIONS=intercept_tls_get_addr=0 exec setsid --wait \
-        "$root/build/fuzz/bin/fuzz_$harness" -close_fd_mask=3 -dict="$root/tests/fuzz/words.dict" -timeout=30 \
+        "$root/build/asan/bin/fuzz_$harness" -close_fd_mask=3 -dict="$root/tests/fuzz/words.dict" -timeout=30 \
         -artifact_prefix="$root/build/fuzz/found/$harness-" "$@") </dev/null
 }
 
@@ -60,7 +60,7 @@ fuzz() {
 }
 
 for harness in "${all[@]}"; do
-    [ -x "build/fuzz/bin/fuzz_$harness" ] || { echo "fuzz.sh: there is no harness $harness" >&2; exit 2; }
+    [ -x "build/asan/bin/fuzz_$harness" ] || { echo "fuzz.sh: there is no harness $harness" >&2; exit 2; }
     mkdir -p "tests/fuzz/corpus/$(kept_of "$harness")" "build/fuzz/corpus/$harness"
 done
 status=0
