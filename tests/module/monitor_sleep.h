@@ -30,7 +30,7 @@ public:
     /// From here on a sleep ends when the test says so, and not before.
     void hold() { change(Length::UntilWoken); }
 
-    /// Ends the present sleep, and every later one at its beginning.
+    /// Ends the present sleep, and every later one a moment after its beginning.
     void skip() { change(Length::None); }
 
     void release() { change(Length::AsAsked); }
@@ -55,6 +55,7 @@ public:
 
 private:
     static constexpr std::chrono::milliseconds PERIOD{1000};
+    static constexpr std::chrono::milliseconds MOMENT{1};
     enum class Length { AsAsked, UntilWoken, None };
 
     struct State {
@@ -70,6 +71,8 @@ private:
             std::unique_lock guard(lock);
             const std::size_t number = ++begun;
             changed.notify_all();
+            // A monitor that never rests keeps others from what it locks.
+            changed.wait_for(guard, MOMENT, [&] { return length != Length::None; });
             if (length == Length::UntilWoken)
                 changed.wait(guard, [&] { return length != Length::UntilWoken || woken >= number; });
             else
