@@ -36,8 +36,11 @@ void Life::begin()
 void Life::end()
 {
     monitorSleep().skip();
+    const int releases = device_.releases();
     const CK_RV code = host_.p11.C_Finalize(nullptr);
     checkCode("C_Finalize", code);
+    if (code == CKR_OK) // The strict front ends in a thread of its own, which may come to it later.
+        device_.waitForMoreReleasesThan(releases);
     monitorRuns_ = monitorRuns_ && code == CKR_CRYPTOKI_NOT_INITIALIZED;
     holdMonitor();
 }
