@@ -157,6 +157,22 @@ TEST_F(LifecycleTest, AnExceptionOfTheLibraryBecomesAReturnCode)
     EXPECT_EQ(C_GetInfo(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
+TEST_F(LifecycleTest, AnExceptionOfTheLibrarysEndLeavesTheModuleStartedWithoutItsMonitor)
+{
+    ASSERT_EQ(C_Initialize(nullptr), CKR_OK);
+    EXPECT_CALL(*device_, velkor_releaseInstance(_))
+        .WillOnce(testing::Throw(std::runtime_error("broken")))
+        .WillOnce(testing::Return());
+    monitorSleep_.skip();
+    EXPECT_EQ(answer(C_Finalize, nullptr),
+              (Answer{CKR_GENERAL_ERROR,
+                      {"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
+                       "ERROR C_Finalize: unexpected exception: broken"}}));
+    CK_INFO info;
+    EXPECT_EQ(C_GetInfo(&info), CKR_OK);
+    EXPECT_EQ(finalize(), CKR_OK);
+}
+
 using GetInfoTest = InitializedModuleTest;
 
 TEST_F(GetInfoTest, DescribesTheModule)

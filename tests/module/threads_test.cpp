@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "gate.h"
 #include "session_fixture.h"
 
 namespace
@@ -313,24 +314,6 @@ TEST_F(ThreadsTest, ClosingAllSessionsMeetsCallsOnThem)
 }
 
 // ---- Device calls that block ----
-
-/// Holds a call until it is let go.
-class Gate
-{
-public:
-    void hold()
-    {
-        entered_.set_value();
-        released_.get_future().wait();
-    }
-
-    void waitUntilHeld() { entered_.get_future().wait(); }
-    void letGo() { released_.set_value(); }
-
-private:
-    std::promise<void> entered_;
-    std::promise<void> released_;
-};
 
 class BlockedDeviceTest : public SessionTest
 {
