@@ -149,6 +149,8 @@ private:
     bool firmwareIsRecent(const ModelSession& session) const;
     CK_RV refuseFipsInput(ModelSession& session, std::span<const unsigned char> data);
     int sign(ModelSession& session, const DeviceBytes& hash);
+    CK_RV addPart(ModelSession& session, const std::string& function, int code, std::span<const CK_BYTE> part);
+    int finishParts(ModelSession& session);
     CK_RV finalHash(ModelSession& session, const std::string& text);
     CK_RV end(ModelSession& session, CK_RV code, const std::string& text);
     CK_RV selectCipherKey(ModelSession& session, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey);

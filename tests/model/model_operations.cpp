@@ -411,6 +411,41 @@ CK_RV Model::C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDa
     return deliver(*session, session->result, pSignature, pulSignatureLen);
 }
 
+CK_RV Model::addPart(ModelSession& session, const std::string& function, int code, std::span<const CK_BYTE> part)
+{
+    if (code == 0) {
+        session.hashed.insert(session.hashed.end(), part.begin(), part.end());
+        return CKR_OK;
+    }
+    if (session.hashContext == nullptr) {
+        const int status =
+            attempt([&] { return device_.velkor_initHash(session.device(), code, &session.hashContext, library_); });
+        if (status != 0)
+            return end(session, CKR_FUNCTION_FAILED, function + ": initHash failed " + std::to_string(status));
+    }
+    const int status = attempt([&] {
+        return device_.velkor_updateHash(session.hashContext, part.data(), static_cast<int>(part.size()), library_);
+    });
+    if (status == 0)
+        return CKR_OK;
+    session.hashContext = nullptr;
+    return end(session, CKR_FUNCTION_FAILED, function + ": updateHash failed " + std::to_string(status));
+}
+
+int Model::finishParts(ModelSession& session)
+{
+    DeviceBytes digest(HASH_CAPACITY);
+    int length = HASH_CAPACITY;
+    void* context = std::exchange(session.hashContext, nullptr);
+    const int status = attempt([&] { return device_.velkor_finalHash(context, digest.data(), &length, library_); });
+    session.hashed.clear();
+    if (status != 0)
+        return status;
+    digest.resize(static_cast<std::size_t>(length));
+    session.hashed = digest;
+    return 0;
+}
+
 CK_RV Model::C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
     ModelSession* session = goOn("C_SignUpdate", hSession, OP_SIGN);
@@ -419,23 +454,7 @@ CK_RV Model::C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULON
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=" + decimal(ulPartLen));
-    const int code = signatureRow(session->mechanism)->hash;
-    if (code == 0) {
-        session->hashed.insert(session->hashed.end(), pPart, pPart + ulPartLen);
-        return CKR_OK;
-    }
-    if (session->hashContext == nullptr) {
-        const int status =
-            attempt([&] { return device_.velkor_initHash(session->device(), code, &session->hashContext, library_); });
-        if (status != 0)
-            return end(*session, CKR_FUNCTION_FAILED, "C_SignUpdate: initHash failed " + std::to_string(status));
-    }
-    const int status = attempt(
-        [&] { return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_); });
-    if (status == 0)
-        return CKR_OK;
-    session->hashContext = nullptr;
-    return end(*session, CKR_FUNCTION_FAILED, "C_SignUpdate: updateHash failed " + std::to_string(status));
+    return addPart(*session, "C_SignUpdate", signatureRow(session->mechanism)->hash, bytesAt(pPart, ulPartLen));
 }
 
 CK_RV Model::C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen)
@@ -448,15 +467,8 @@ CK_RV Model::C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_
     if (!session->result.empty())
         return deliver(*session, session->result, pSignature, pulSignatureLen);
     if (signatureRow(session->mechanism)->hash != 0) {
-        DeviceBytes digest(HASH_CAPACITY);
-        int length = HASH_CAPACITY;
-        void* context = std::exchange(session->hashContext, nullptr);
-        const int status = attempt([&] { return device_.velkor_finalHash(context, digest.data(), &length, library_); });
-        session->hashed.clear();
-        if (status != 0)
+        if (const int status = finishParts(*session); status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed " + std::to_string(status));
-        digest.resize(static_cast<std::size_t>(length));
-        session->hashed = digest;
     }
     const DeviceBytes hashed = std::exchange(session->hashed, {});
     if (const int status = sign(*session, hashed); status != 0)
@@ -534,23 +546,8 @@ CK_RV Model::C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_UL
     if (pPart == nullptr || ulPartLen == 0)
         return refuse(CKR_ARGUMENTS_BAD,
                       "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=" + decimal(ulPartLen));
-    const int code = signatureRow(session->mechanism)->multiPartHash;
-    if (code == 0) {
-        session->hashed.insert(session->hashed.end(), pPart, pPart + ulPartLen);
-        return CKR_OK;
-    }
-    if (session->hashContext == nullptr) {
-        const int status =
-            attempt([&] { return device_.velkor_initHash(session->device(), code, &session->hashContext, library_); });
-        if (status != 0)
-            return end(*session, CKR_FUNCTION_FAILED, "C_VerifyUpdate: initHash failed " + std::to_string(status));
-    }
-    const int status = attempt(
-        [&] { return device_.velkor_updateHash(session->hashContext, pPart, static_cast<int>(ulPartLen), library_); });
-    if (status == 0)
-        return CKR_OK;
-    session->hashContext = nullptr;
-    return end(*session, CKR_FUNCTION_FAILED, "C_VerifyUpdate: updateHash failed " + std::to_string(status));
+    return addPart(*session, "C_VerifyUpdate", signatureRow(session->mechanism)->multiPartHash,
+                   bytesAt(pPart, ulPartLen));
 }
 
 CK_RV Model::C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen)
@@ -562,15 +559,8 @@ CK_RV Model::C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, C
         return refuse(CKR_ARGUMENTS_BAD, "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=" +
                                              decimal(ulSignatureLen));
     if (signatureRow(session->mechanism)->multiPartHash != 0) {
-        DeviceBytes digest(HASH_CAPACITY);
-        int length = HASH_CAPACITY;
-        void* context = std::exchange(session->hashContext, nullptr);
-        const int status = attempt([&] { return device_.velkor_finalHash(context, digest.data(), &length, library_); });
-        session->hashed.clear();
-        if (status != 0)
+        if (const int status = finishParts(*session); status != 0)
             return end(*session, CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed " + std::to_string(status));
-        digest.resize(static_cast<std::size_t>(length));
-        session->hashed = digest;
     }
     const DeviceBytes hashed = std::exchange(session->hashed, {});
     session->operation = OP_NONE;
