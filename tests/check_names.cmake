@@ -1,6 +1,7 @@
 # Fails when two files below FOLDER define a class, structure or enumeration of one name, or use one name for a test
 # suite that is not a fixture of a header, or one name for a test. googletest knows suites by name only: two fixtures of
-# one name in a program crash it, and outside an anonymous namespace the linker silently keeps one of the two.
+# one name in a program crash it, and outside an anonymous namespace the linker silently keeps one of the two. What is
+# defined inside another class is left out: it has that one's name in front.
 #     cmake -D FOLDER=... [-D STAMP=...] -P check_names.cmake
 cmake_minimum_required(VERSION 3.25)
 

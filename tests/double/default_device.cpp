@@ -213,7 +213,7 @@ int DefaultDevice::velkor_validatePassword(const char* deviceId, const char* pin
     DeviceRecords* device = find(deviceId);
     if (device == nullptr)
         return STATUS_UNKNOWN_DEVICE;
-    if ((userType == 1 ? device->userPin : device->soPin) == pin)
+    if ((userType == USER_TYPE_USER ? device->userPin : device->soPin) == pin)
         return 0;
     *triesLeft = --device->token.pinTriesLeft;
     return STATUS_WRONG_PIN;
