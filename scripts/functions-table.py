@@ -127,15 +127,22 @@ def mechanism_rows():
         yield name, f"{low}–{high}" if high != "0" else "", ", ".join(uses)
 
 
-def strict_signatures():
-    return re.findall(r"\{(CKM_\w+), CKK_\w+,[^}]*\}", table(source("strict/mechanisms.cpp"), "Mechanism SIGNATURES[]"))
+def strict_mechanisms(name):
+    return re.findall(r"\{(CKM_\w+), CKK_\w+,[^}]*\}", table(source("strict/mechanisms.cpp"), f"Mechanism {name}[]"))
 
 
 def mechanisms():
     module = list(mechanism_rows())
     known = {name for name, _, _ in module}
-    rows = [(f"`{name}`", keys, uses, uses) for name, keys, uses in module]
-    rows += [(f"`{name}`", "256–521", "", "sign, verify") for name in strict_signatures() if name not in known]
+    signatures, ciphers = strict_mechanisms("SIGNATURES"), strict_mechanisms("CIPHERS")
+
+    def of_strict(name, uses):
+        missing = [] if name in signatures else ["sign", "verify"]
+        missing += [] if name in ciphers else ["encrypt", "decrypt"]
+        return ", ".join(use for use in uses.split(", ") if use not in missing)
+
+    rows = [(f"`{name}`", keys, uses, of_strict(name, uses)) for name, keys, uses in module]
+    rows += [(f"`{name}`", "256–521", "", "sign, verify") for name in signatures if name not in known]
     return MECHANISMS + markdown(("Mechanism", "Keys", "Plain", "Strict"), rows)
 
 

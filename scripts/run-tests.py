@@ -222,6 +222,9 @@ class Runner:
 
 
 def main(preset, report, *options):
+    for number in (signal.SIGINT, signal.SIGQUIT):  # A shell's background jobs ignore them; tests see what they do.
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, signal.SIG_DFL)
     runner = Runner(preset, "--patient" in options)
     per_core = PROCESSES_PER_CORE_PATIENTLY if runner.patient else PROCESSES_PER_CORE
     with concurrent.futures.ThreadPoolExecutor(per_core * (os.cpu_count() or 1)) as pool:

@@ -85,6 +85,24 @@ private:
     std::vector<std::string> usable_; ///< Serial numbers of keys that hosts should see.
 };
 
+/// Whether the user may make a folder there, as far as rights tell. Nothing is made.
+bool canBeMade(fs::path folder)
+{
+    std::error_code failure;
+    while (folder.has_relative_path() && !fs::exists(folder, failure))
+        folder = folder.parent_path();
+    return fs::is_directory(folder, failure) && mayWrite(folder);
+}
+
+/// Whether a change of a key, which writes some pages before it takes them back, finds no room.
+bool isDiskFull(const fs::path& folder)
+{
+    constexpr std::uintmax_t ROOM_OF_A_CHANGE = 64 * 1024;
+    std::error_code failure;
+    const fs::space_info space = fs::space(folder, failure);
+    return !failure && space.available < ROOM_OF_A_CHANGE;
+}
+
 void Doctor::checkFolder()
 {
     folder_ = session_.home.empty() ? defaultKeysFolder() : fs::absolute(session_.home);
@@ -94,7 +112,12 @@ void Doctor::checkFolder()
         diagnosis_.problem("keys folder", "there is no home folder to keep keys in",
                            "set VELKOR_SOFTKEY_HOME to a folder of your own");
     } else if (!fs::exists(folder_, failure)) {
-        diagnosis_.problem("keys folder", "there is no " + shown + ": no key has been made", "velkor-softkey create");
+        if (canBeMade(folder_))
+            diagnosis_.problem("keys folder", "there is no " + shown + ": no key has been made",
+                               "velkor-softkey create");
+        else
+            diagnosis_.problem("keys folder", "there is no " + shown + ", and it cannot be made",
+                               "set VELKOR_SOFTKEY_HOME to a folder of your own");
         folder_.clear();
     } else if (fs::directory_iterator(folder_, failure); failure) {
         diagnosis_.problem("keys folder", shown + " cannot be read: " + failure.message(),
@@ -116,6 +139,10 @@ void Doctor::checkFolderRights()
         diagnosis_.problem("keys folder",
                            shown + " is read-only: keys are seen, but no PIN can be checked, since tries are counted",
                            "chmod u+w " + commandWord(folder_) + ", or mount its disk for writing");
+    else if (isDiskFull(folder_))
+        diagnosis_.problem("keys folder",
+                           shown + " is on a full disk: keys are seen, but no PIN is checked, since tries are counted",
+                           "make room on it");
     else
         diagnosis_.good("keys folder", shown);
     if (exposure == Exposure::Readable)

@@ -109,7 +109,7 @@ void exportCertificate(Session& session, const ExportOptions& options)
     const std::shared_ptr<const Contents> contents = session.key(options.serialNumber)->contents();
     const ByteVector& der = numbered(contents->certificates, options.number).der;
     if (options.isWanted("pkcs12")) {
-        requireFolderFor(options.file);
+        requireWritable(options.file);
         return writeOutput(options.file, pkcs12With(der, options.passPhrase.readTwice()));
     }
     const auto writePem = [&](BIO* out) {

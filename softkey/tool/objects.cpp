@@ -3,6 +3,7 @@
 #include "base/small_file.h"
 #include "crypto/certificate.h"
 #include "tool/activity.h"
+#include "tool/system_view.h"
 #include "velkor/record_fields.h"
 
 #include <algorithm>
@@ -105,10 +106,15 @@ VelkorCertificate storeCertificate(SoftKey& device, const Pin& pin, ByteVector d
     return certificate;
 }
 
-void requireFolderFor(const std::string& file)
+void requireWritable(const std::string& file)
 {
+    if (file.empty())
+        return;
     std::error_code failure;
-    if (!file.empty() && !std::filesystem::is_directory(std::filesystem::absolute(file).parent_path(), failure))
+    const std::filesystem::path path = std::filesystem::absolute(file);
+    const bool isThere = std::filesystem::exists(path, failure);
+    if (!std::filesystem::is_directory(path.parent_path(), failure) ||
+        (isThere && (std::filesystem::is_directory(path, failure) || !mayWrite(path))))
         throw notWritten(file);
 }
 

@@ -68,8 +68,8 @@ const typename Records::value_type& numbered(const Records& records, std::uint32
                   "number " + std::to_string(number) + " (velkor-softkey info shows the numbers)");
 }
 
-/// Before long work: throws a Failure when there is no folder for that file. An empty name is none.
-void requireFolderFor(const std::string& file);
+/// Before long work: throws a Failure when that file can be seen to be none that may be written. An empty name is none.
+void requireWritable(const std::string& file);
 /// To the file, or to standard output when its name is empty. Throws a Failure.
 void writeOutput(const std::string& file, std::string_view content);
 

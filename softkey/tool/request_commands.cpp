@@ -82,7 +82,7 @@ struct Signer {
 /// Everything that can be refused without the PIN is.
 Signer signerOf(Session& session, const RequestOptions& options)
 {
-    requireFolderFor(options.file);
+    requireWritable(options.file);
     DistinguishedName subject = nameFrom(options.subject);
     AlternativeNames names = alternativeNamesFrom(options.names);
     std::shared_ptr<SoftKey> device = session.pluggedKey(options.serialNumber);

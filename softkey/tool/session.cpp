@@ -39,7 +39,8 @@ const std::filesystem::path& Session::folder()
     if (wanted.empty())
         throw Refusal(SoftkeyStatus::StorageFailed, "there is no home folder; set VELKOR_SOFTKEY_HOME");
     if (!ensureFolder(wanted))
-        throw Refusal(SoftkeyStatus::StorageFailed, "cannot make the folder " + wanted.string());
+        throw Refusal(SoftkeyStatus::StorageFailed,
+                      "cannot make the folder " + wanted.string() + "; set VELKOR_SOFTKEY_HOME to another one");
     if (exposureOf(wanted) == Exposure::Writable)
         throw Refusal(SoftkeyStatus::FileExposed, wanted.string() + " has to be the user's own (chown, chmod go-w)");
     warnOfReaders(wanted);

@@ -72,7 +72,12 @@ no_home() {
     unset VELKOR_SOFTKEY_HOME
     export HOME=/proc/nowhere # Where nobody can make one.
     both_libraries run_without_home
-    expect_message "/proc/nowhere" tool create --serial CASE1 --pin-env PIN --so-pin-env SO_PIN
+    expect_message "/proc/nowhere.*; set VELKOR_SOFTKEY_HOME" tool create --serial CASE1 --pin-env PIN --so-pin-env SO_PIN
+    expect_finding "there is no /proc/nowhere.*, and it cannot be made"
+}
+expect_finding() { # expect_finding TEXT: of doctor, which finds other things, too
+    tool doctor >"$world/doctor" 2>&1 && fail "doctor finds nothing"
+    grep -q -e "$1" "$world/doctor" || { sed 's/^/    /' "$world/doctor"; fail "doctor does not say: $1"; }
 }
 run_without_home() {
     run
@@ -200,6 +205,7 @@ read_only_inside() {
     tool list | grep "^CASE1" >/dev/null || fail "the key is not listed"
     both_libraries run_refused_without_log
     expect_message "^velkor-softkey: the key file cannot be written$" tool generate CASE1 P-256 --pin-env PIN
+    expect_finding "is read-only: keys are seen"
     sign_once_there_is_room mount -o remount,rw "$world/disk"
 }
 full_disk_inside() {
@@ -207,6 +213,7 @@ full_disk_inside() {
     dd if=/dev/zero of="$world/disk/filling" bs=4096 2>/dev/null || true
     both_libraries run_refused
     expect_message "^velkor-softkey: the key file cannot be written$" tool generate CASE1 P-256 --pin-env PIN
+    expect_finding "is on a full disk: keys are seen"
     sign_once_there_is_room rm "$world/disk/filling"
 }
 

@@ -84,6 +84,7 @@ TEST_F(ToolTest, WhatCannotBeRequestedIsRefusedBeforeAPinIsAsked)
     expectFailure("self-sign KEY1 1 --subject CN=y --days 0" + unread, 2);
     expectFailure("self-sign KEY1 1 --subject CN=y --days 40000" + unread, 2);
     expectFailure("csr KEY1 1 --subject CN=y --out " + path("no/folder") + unread, 9, {}, "cannot write ");
+    expectFailure("csr KEY1 1 --subject CN=y --out " + path(".") + unread, 9, {}, "cannot write ");
     EXPECT_TRUE(certificates().empty());
     EXPECT_EQ(triesLeft(), 3) << "spent by the wrong PINs alone";
 }
