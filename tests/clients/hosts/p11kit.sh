@@ -65,6 +65,16 @@ serves_several() { # Eight at once, whose signatures are told from each other.
         openssl dgst -sha256 -verify tls.pub -signature "sig$number" "text$number"
     done
 }
+serves_container() { # What stands for one: a mount namespace with the socket, and with neither libraries nor key.
+    start_p11_kit
+    : >key
+    export -f sign_through
+    export build client folder P11_KIT_SERVER_ADDRESS="unix:path=$folder/key"
+    unshare --mount --map-root-user bash -euxc '
+        mount --bind run/server key
+        for hidden in "$build" "$VELKOR_SOFTKEY_HOME" run; do mount -t tmpfs none "$hidden"; done
+        sign_through "$client"'
+}
 serves_user() { # By ssh: the other user's end of the connection is a socket of theirs.
     make_common_folder
     chown "$other" "$far"
@@ -103,6 +113,7 @@ prepare_certificates
 check "p11-kit list-modules" registers
 check "p11-kit server, for another process" serves_process
 check "p11-kit server, for eight at once" serves_several
+check "p11-kit server, for a container with its socket" serves_container
 check "p11-kit server, for another user by ssh" serves_user
 check "p11-kit remote, started by a socket" serves_by_socket
 if [ "$library" = strict ]; then
