@@ -167,7 +167,7 @@ class Runner:
 
     @staticmethod
     def batches(wave):
-        """The longest first: what one test at a time has to wait for begins early."""
+        """The longest first: what one test at a time has to wait for, whole programs, many tests."""
         programs = defaultdict(list)
         for test in wave:
             if not test.alone:
@@ -175,7 +175,7 @@ class Runner:
         batches = [[test] for test in wave if test.alone]
         for tests in programs.values():
             batches += [tests[i:i + TESTS_IN_A_PROCESS] for i in range(0, len(tests), TESTS_IN_A_PROCESS)]
-        return sorted(batches, key=lambda batch: (not batch[0].locks, -len(batch)))
+        return sorted(batches, key=lambda batch: (not batch[0].locks, batch[0].filter is not None, -len(batch)))
 
     def run(self, tests):
         for lock in tests[0].locks:
