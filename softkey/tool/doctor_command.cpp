@@ -97,7 +97,7 @@ bool canBeMade(fs::path folder)
 /// Whether a change of a key, which writes some pages before it takes them back, finds no room.
 bool isDiskFull(const fs::path& folder)
 {
-    constexpr std::uintmax_t ROOM_OF_A_CHANGE = 64 * 1024;
+    constexpr std::uintmax_t ROOM_OF_A_CHANGE = 65536;
     std::error_code failure;
     const fs::space_info space = fs::space(folder, failure);
     return !failure && space.available < ROOM_OF_A_CHANGE;
