@@ -66,11 +66,17 @@ softkey_hard() {
     scripts/softkey-hard.sh --short >build/softkey-hard.log 2>&1 || { cat build/softkey-hard.log; return 1; }
 }
 
+# A minute of each fuzzer, over the libraries that have just been tested.
+fuzz() {
+    scripts/fuzz.sh 60 >build/fuzz.log 2>&1 || { cat build/fuzz.log; return 1; }
+}
+
 mkdir -p build
 for preset in release asan tsan; do
     before=$failed
     step "build $preset" count "build $preset" build "$preset"
     [ "$failed" -gt "$before" ] || step "test $preset" run_tests "$preset"
+    [ "$preset" != asan ] || step "fuzz" count "fuzz" fuzz
 done
 step "demo" count "demo" demo
 step "softkey-hard" count "softkey-hard" softkey_hard
