@@ -42,47 +42,47 @@ CK_RV notParallel(const char* name)
 
 CK_RV C_Initialize(CK_VOID_PTR pInitArgs)
 {
-    return enterAlways(__func__, [&] { return initialize(pInitArgs); });
+    return enterAlways(__func__, initialize, pInitArgs);
 }
 
 CK_RV C_Finalize(CK_VOID_PTR pReserved)
 {
-    return enterAlways(__func__, [&] { return finalize(pReserved); });
+    return enterAlways(__func__, finalize, pReserved);
 }
 
 CK_RV C_GetInfo(CK_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getInfo(pInfo); });
+    return enter(__func__, getInfo, pInfo);
 }
 
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList)
 {
-    return enterAlways(__func__, [&] { return getFunctionList(ppFunctionList); });
+    return enterAlways(__func__, getFunctionList, ppFunctionList);
 }
 
 CK_RV C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [&] { return getSlotList(tokenPresent, pSlotList, pulCount); });
+    return enter(__func__, getSlotList, tokenPresent, pSlotList, pulCount);
 }
 
 CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getSlotInfo(slotID, pInfo); });
+    return enter(__func__, getSlotInfo, slotID, pInfo);
 }
 
 CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getTokenInfo(slotID, pInfo); });
+    return enter(__func__, getTokenInfo, slotID, pInfo);
 }
 
 CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList, CK_ULONG_PTR pulCount)
 {
-    return enter(__func__, [&] { return getMechanismList(slotID, pMechanismList, pulCount); });
+    return enter(__func__, getMechanismList, slotID, pMechanismList, pulCount);
 }
 
 CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo)
 {
-    return enter(__func__, [&] { return getMechanismInfo(slotID, type, pInfo); });
+    return enter(__func__, getMechanismInfo, slotID, type, pInfo);
 }
 
 CK_RV C_InitToken(CK_SLOT_ID /*slotID*/, CK_UTF8CHAR_PTR /*pPin*/, CK_ULONG /*ulPinLen*/, CK_UTF8CHAR_PTR /*pLabel*/)
@@ -98,29 +98,28 @@ CK_RV C_InitPIN(CK_SESSION_HANDLE /*hSession*/, CK_UTF8CHAR_PTR /*pPin*/, CK_ULO
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
                CK_ULONG ulNewLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return setPin(session, pOldPin, ulOldLen, pNewPin, ulNewLen); });
+    return enterSession(__func__, hSession, setPin, pOldPin, ulOldLen, pNewPin, ulNewLen);
 }
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR /*pApplication*/, CK_NOTIFY /*Notify*/,
                     CK_SESSION_HANDLE_PTR phSession)
 {
-    return enter(__func__, [&] { return openSession(slotID, flags, phSession); });
+    return enter(__func__, openSession, slotID, flags, phSession);
 }
 
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession)
 {
-    return enter(__func__, [&] { return closeSession(hSession); });
+    return enter(__func__, closeSession, hSession);
 }
 
 CK_RV C_CloseAllSessions(CK_SLOT_ID slotID)
 {
-    return enter(__func__, [&] { return closeAllSessions(slotID); });
+    return enter(__func__, closeAllSessions, slotID);
 }
 
 CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return getSessionInfo(session, pInfo); });
+    return enterSession(__func__, hSession, getSessionInfo, pInfo);
 }
 
 CK_RV C_GetOperationState(CK_SESSION_HANDLE /*hSession*/, CK_BYTE_PTR /*pOperationState*/,
@@ -138,7 +137,7 @@ CK_RV C_SetOperationState(CK_SESSION_HANDLE /*hSession*/, CK_BYTE_PTR /*pOperati
 
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return login(session, userType, pPin, ulPinLen); });
+    return enterSession(__func__, hSession, login, userType, pPin, ulPinLen);
 }
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession)
@@ -149,54 +148,46 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession)
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                      CK_OBJECT_HANDLE_PTR phObject)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return createObject(session, pTemplate, ulCount, phObject); });
+    return enterSession(__func__, hSession, createObject, pTemplate, ulCount, phObject);
 }
 
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                    CK_OBJECT_HANDLE_PTR phNewObject)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return copyObject(session, hObject, pTemplate, ulCount, phNewObject);
-    });
+    return enterSession(__func__, hSession, copyObject, hObject, pTemplate, ulCount, phNewObject);
 }
 
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return destroyObject(session, hObject); });
+    return enterSession(__func__, hSession, destroyObject, hObject);
 }
 
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return getObjectSize(session, hObject, pulSize); });
+    return enterSession(__func__, hSession, getObjectSize, hObject, pulSize);
 }
 
 CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                           CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return getAttributeValue(session, hObject, pTemplate, ulCount); });
+    return enterSession(__func__, hSession, getAttributeValue, hObject, pTemplate, ulCount);
 }
 
 CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                           CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return setAttributeValue(session, hObject, pTemplate, ulCount); });
+    return enterSession(__func__, hSession, setAttributeValue, hObject, pTemplate, ulCount);
 }
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return findObjectsInit(session, pTemplate, ulCount); });
+    return enterSession(__func__, hSession, findObjectsInit, pTemplate, ulCount);
 }
 
 CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMaxObjectCount,
                     CK_ULONG_PTR pulObjectCount)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return findObjects(session, phObject, ulMaxObjectCount, pulObjectCount);
-    });
+    return enterSession(__func__, hSession, findObjects, phObject, ulMaxObjectCount, pulObjectCount);
 }
 
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
@@ -206,76 +197,64 @@ CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
 
 CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return encryptInit(session, pMechanism, hKey); });
+    return enterSession(__func__, hSession, encryptInit, pMechanism, hKey);
 }
 
 CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pEncryptedData,
                 CK_ULONG_PTR pulEncryptedDataLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return encrypt(session, pData, ulDataLen, {pEncryptedData, pulEncryptedDataLen});
-    });
+    return enterSession(__func__, hSession, encrypt, pData, ulDataLen, Output{pEncryptedData, pulEncryptedDataLen});
 }
 
 CK_RV C_EncryptUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen, CK_BYTE_PTR pEncryptedPart,
                       CK_ULONG_PTR pulEncryptedPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return encryptUpdate(session, pPart, ulPartLen, {pEncryptedPart, pulEncryptedPartLen});
-    });
+    return enterSession(__func__, hSession, encryptUpdate, pPart, ulPartLen,
+                        Output{pEncryptedPart, pulEncryptedPartLen});
 }
 
 CK_RV C_EncryptFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pLastEncryptedPart, CK_ULONG_PTR pulLastEncryptedPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return encryptFinal(session, {pLastEncryptedPart, pulLastEncryptedPartLen});
-    });
+    return enterSession(__func__, hSession, encryptFinal, Output{pLastEncryptedPart, pulLastEncryptedPartLen});
 }
 
 CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return decryptInit(session, pMechanism, hKey); });
+    return enterSession(__func__, hSession, decryptInit, pMechanism, hKey);
 }
 
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE_PTR pData,
                 CK_ULONG_PTR pulDataLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return decrypt(session, pEncryptedData, ulEncryptedDataLen, {pData, pulDataLen});
-    });
+    return enterSession(__func__, hSession, decrypt, pEncryptedData, ulEncryptedDataLen, Output{pData, pulDataLen});
 }
 
 CK_RV C_DecryptUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedPart, CK_ULONG ulEncryptedPartLen,
                       CK_BYTE_PTR pPart, CK_ULONG_PTR pulPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return decryptUpdate(session, pEncryptedPart, ulEncryptedPartLen, {pPart, pulPartLen});
-    });
+    return enterSession(__func__, hSession, decryptUpdate, pEncryptedPart, ulEncryptedPartLen,
+                        Output{pPart, pulPartLen});
 }
 
 CK_RV C_DecryptFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pLastPart, CK_ULONG_PTR pulLastPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return decryptFinal(session, {pLastPart, pulLastPartLen});
-    });
+    return enterSession(__func__, hSession, decryptFinal, Output{pLastPart, pulLastPartLen});
 }
 
 CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return digestInit(session, pMechanism); });
+    return enterSession(__func__, hSession, digestInit, pMechanism);
 }
 
 CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pDigest,
                CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return digest(session, pData, ulDataLen, {pDigest, pulDigestLen});
-    });
+    return enterSession(__func__, hSession, digest, pData, ulDataLen, Output{pDigest, pulDigestLen});
 }
 
 CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return digestUpdate(session, pPart, ulPartLen); });
+    return enterSession(__func__, hSession, digestUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_DigestKey(CK_SESSION_HANDLE /*hSession*/, CK_OBJECT_HANDLE /*hKey*/)
@@ -285,34 +264,28 @@ CK_RV C_DigestKey(CK_SESSION_HANDLE /*hSession*/, CK_OBJECT_HANDLE /*hKey*/)
 
 CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return digestFinal(session, {pDigest, pulDigestLen});
-    });
+    return enterSession(__func__, hSession, digestFinal, Output{pDigest, pulDigestLen});
 }
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return signInit(session, pMechanism, hKey); });
+    return enterSession(__func__, hSession, signInit, pMechanism, hKey);
 }
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
              CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return sign(session, pData, ulDataLen, {pSignature, pulSignatureLen});
-    });
+    return enterSession(__func__, hSession, sign, pData, ulDataLen, Output{pSignature, pulSignatureLen});
 }
 
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return signUpdate(session, pPart, ulPartLen); });
+    return enterSession(__func__, hSession, signUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return signFinal(session, {pSignature, pulSignatureLen});
-    });
+    return enterSession(__func__, hSession, signFinal, Output{pSignature, pulSignatureLen});
 }
 
 CK_RV C_SignRecoverInit(CK_SESSION_HANDLE /*hSession*/, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
@@ -328,26 +301,23 @@ CK_RV C_SignRecover(CK_SESSION_HANDLE /*hSession*/, CK_BYTE_PTR /*pData*/, CK_UL
 
 CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return verifyInit(session, pMechanism, hKey); });
+    return enterSession(__func__, hSession, verifyInit, pMechanism, hKey);
 }
 
 CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
                CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return verify(session, pData, ulDataLen, pSignature, ulSignatureLen);
-    });
+    return enterSession(__func__, hSession, verify, pData, ulDataLen, pSignature, ulSignatureLen);
 }
 
 CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen)
 {
-    return enterSession(__func__, hSession, [&](Session& session) { return verifyUpdate(session, pPart, ulPartLen); });
+    return enterSession(__func__, hSession, verifyUpdate, pPart, ulPartLen);
 }
 
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return verifyFinal(session, pSignature, ulSignatureLen); });
+    return enterSession(__func__, hSession, verifyFinal, pSignature, ulSignatureLen);
 }
 
 CK_RV C_VerifyRecoverInit(CK_SESSION_HANDLE /*hSession*/, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hKey*/)
@@ -396,10 +366,9 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                         CK_ULONG ulPrivateKeyAttributeCount, CK_OBJECT_HANDLE_PTR phPublicKey,
                         CK_OBJECT_HANDLE_PTR phPrivateKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return generateKeyPair(session, pMechanism, {pPublicKeyTemplate, ulPublicKeyAttributeCount},
-                               {pPrivateKeyTemplate, ulPrivateKeyAttributeCount}, phPublicKey, phPrivateKey);
-    });
+    return enterSession(__func__, hSession, generateKeyPair, pMechanism,
+                        GivenTemplate{pPublicKeyTemplate, ulPublicKeyAttributeCount},
+                        GivenTemplate{pPrivateKeyTemplate, ulPrivateKeyAttributeCount}, phPublicKey, phPrivateKey);
 }
 
 CK_RV C_WrapKey(CK_SESSION_HANDLE /*hSession*/, CK_MECHANISM_PTR /*pMechanism*/, CK_OBJECT_HANDLE /*hWrappingKey*/,
@@ -418,22 +387,19 @@ CK_RV C_UnwrapKey(CK_SESSION_HANDLE /*hSession*/, CK_MECHANISM_PTR /*pMechanism*
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hBaseKey,
                   CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount, CK_OBJECT_HANDLE_PTR phKey)
 {
-    return enterSession(__func__, hSession, [&](Session& session) {
-        return deriveKey(session, pMechanism, hBaseKey, pTemplate, ulAttributeCount, phKey);
-    });
+    return enterSession(__func__, hSession, deriveKey, pMechanism, hBaseKey, pTemplate, ulAttributeCount, phKey);
 }
 
 CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR /*pSeed*/, CK_ULONG /*ulSeedLen*/)
 {
-    return enterSession(__func__, hSession, [&](Session& /*session*/) {
+    return enterSession(__func__, hSession, [](Session& /*session*/) {
         return refuse(CKR_RANDOM_SEED_NOT_SUPPORTED, "C_SeedRandom: not supported");
     });
 }
 
 CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen)
 {
-    return enterSession(__func__, hSession,
-                        [&](Session& session) { return generateRandom(session, pRandomData, ulRandomLen); });
+    return enterSession(__func__, hSession, generateRandom, pRandomData, ulRandomLen);
 }
 
 CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE /*hSession*/)
@@ -448,5 +414,5 @@ CK_RV C_CancelFunction(CK_SESSION_HANDLE /*hSession*/)
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved)
 {
-    return enter(__func__, [&] { return waitForSlotEvent(flags, pSlot, pReserved); });
+    return enter(__func__, waitForSlotEvent, flags, pSlot, pReserved);
 }

@@ -1,5 +1,8 @@
 // The sequence that every entry point runs before its own work: initialisation test, session lookup; and the boundary
 // behind which no exception passes.
+//
+// Each `enter` function takes the entry point's name, what it checks, the function that does the work, and its
+// arguments.
 #pragma once
 
 #include "cryptoki.h"
@@ -32,40 +35,42 @@ private:
     bool isAdmitted_;
 };
 
-/// Runs `work`, initialised or not, and turns any exception into a return code.
-template <typename Work>
-CK_RV enterAlways(const char* name, const Work& work) noexcept
+/// Does the work, initialised or not, and turns any exception into a return code.
+template <typename Work, typename... Arguments>
+CK_RV enterAlways(const char* name, const Work& work, const Arguments&... arguments) noexcept
 {
     const platform::NoCancellation call;
     try {
-        return work();
+        return work(arguments...);
     } catch (...) {
         return codeOfCurrentException(name);
     }
 }
 
-/// Initialisation test, then `work`.
-template <typename Work>
-CK_RV enter(const char* name, const Work& work) noexcept
+/// Initialisation test, then the work.
+template <typename Work, typename... Arguments>
+CK_RV enter(const char* name, const Work& work, const Arguments&... arguments) noexcept
 {
     return enterAlways(name, [&]() -> CK_RV {
         const CallInside call;
         if (!call.isAdmitted())
             return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
-        return work();
+        return work(arguments...);
     });
 }
 
-/// Initialisation test and session lookup, then `work` with the session, which no other call uses meanwhile.
-template <typename Work>
-CK_RV enterSession(const char* name, CK_SESSION_HANDLE hSession, const Work& work) noexcept
+/// Initialisation test and session lookup; the session, which no other call uses meanwhile, is the first argument of
+/// the work.
+template <typename Work, typename... Arguments>
+CK_RV enterSession(const char* name, CK_SESSION_HANDLE hSession, const Work& work,
+                   const Arguments&... arguments) noexcept
 {
     return enter(name, [&]() -> CK_RV {
         const auto session = findSession(hSession);
         if (!session)
             return refuse(CKR_SESSION_HANDLE_INVALID, name, ": invalid hSession=", hSession);
         const std::scoped_lock use(session->use);
-        return work(*session);
+        return work(*session, arguments...);
     });
 }
 
