@@ -243,9 +243,9 @@ void PinCheckFirstTime(benchmark::State& state)
         static int round = 0;
         const std::string wrong = "wrong" + std::to_string(++round);
         int triesLeft = 0;
-        velkor_validatePassword(SERIAL, wrong.c_str(), 1, &triesLeft, device().instance);
+        velkor_validatePassword(SERIAL, wrong.c_str(), USER_TYPE_USER, &triesLeft, device().instance);
         state.PauseTiming();
-        velkor_validatePassword(SERIAL, PIN, 1, &triesLeft, device().instance);
+        velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &triesLeft, device().instance);
         state.ResumeTiming();
     }
 }

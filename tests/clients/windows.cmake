@@ -3,6 +3,8 @@
 set(FOLDER ${CMAKE_CURRENT_BINARY_DIR}/installed)
 add_executable(windows_host windows_host.cpp)
 target_include_directories(windows_host PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(windows_host PRIVATE VERSION_MAJOR=${PROJECT_VERSION_MAJOR}
+                                                VERSION_MINOR=${PROJECT_VERSION_MINOR})
 target_link_libraries(windows_host PRIVATE project_options version)
 add_custom_target(windows_host_folders ALL
     COMMAND ${CMAKE_COMMAND} -E make_directory ${FOLDER}/host ${FOLDER}/module ${FOLDER}/together

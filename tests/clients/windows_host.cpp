@@ -243,12 +243,13 @@ void readVersion()
     REQUIRE(GetFileVersionInfoA(modulePath().c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()));
     REQUIRE(versionText(resource, "CompanyName") == "Brenmoor");
     REQUIRE(versionText(resource, "ProductName") == "Velkor PKCS11 Library");
-    REQUIRE(versionText(resource, "ProductVersion") == "3.6");
-    REQUIRE(versionText(resource, "FileVersion") == "3.6");
+    const std::string version = std::to_string(VERSION_MAJOR) + "." + std::to_string(VERSION_MINOR);
+    REQUIRE(versionText(resource, "ProductVersion") == version);
+    REQUIRE(versionText(resource, "FileVersion") == version);
     void* fixed = nullptr;
     UINT size = 0;
     REQUIRE(VerQueryValueA(resource.data(), "\\", &fixed, &size) && size == sizeof(VS_FIXEDFILEINFO));
-    REQUIRE(static_cast<VS_FIXEDFILEINFO*>(fixed)->dwProductVersionMS == MAKELONG(6, 3));
+    REQUIRE(static_cast<VS_FIXEDFILEINFO*>(fixed)->dwProductVersionMS == MAKELONG(VERSION_MINOR, VERSION_MAJOR));
 }
 
 const std::map<std::string, std::function<void()>> ways = {

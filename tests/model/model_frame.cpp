@@ -234,7 +234,7 @@ CK_RV Model::C_GetInfo(CK_INFO_PTR pInfo)
     std::memcpy(pInfo->manufacturerID, "Brenmoor", sizeof "Brenmoor"); // What is behind the zero stays.
     pInfo->flags = 0;
     std::memcpy(pInfo->libraryDescription, "Velkor PKCS11 Library", sizeof "Velkor PKCS11 Library");
-    pInfo->libraryVersion = {3, 6};
+    pInfo->libraryVersion = {VERSION_MAJOR, VERSION_MINOR};
     return CKR_OK;
 }
 

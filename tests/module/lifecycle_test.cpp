@@ -185,8 +185,8 @@ TEST_F(GetInfoTest, DescribesTheModule)
     EXPECT_STREQ(reinterpret_cast<const char*>(info.manufacturerID), "Brenmoor");
     EXPECT_EQ(CK_FLAGS{info.flags}, 0u);
     EXPECT_STREQ(reinterpret_cast<const char*>(info.libraryDescription), "Velkor PKCS11 Library");
-    EXPECT_EQ(info.libraryVersion.major, 3);
-    EXPECT_EQ(info.libraryVersion.minor, 6);
+    EXPECT_EQ(info.libraryVersion.major, VERSION_MAJOR);
+    EXPECT_EQ(info.libraryVersion.minor, VERSION_MINOR);
 }
 
 TEST_F(GetInfoTest, LeavesTheBytesBehindTheTerminatorsAsTheyWere)

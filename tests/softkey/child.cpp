@@ -54,7 +54,7 @@ ByteVector contentOf(const char* file)
 
 void checkPins(int userType, const std::string& role)
 {
-    const char* right = userType == 1 ? pin : "87654321";
+    const char* right = userType == USER_TYPE_USER ? pin : "87654321";
     int tries = 0;
     tell("try wrong " + role);
     static int round = 0; // A PIN that was refused once is refused again without cost.
@@ -109,8 +109,8 @@ void importRsaKey(const ByteVector& components)
     const ByteVector components = contentOf(componentsFile);
     tell("ready");
     for (;;) {
-        checkPins(1, "user");
-        checkPins(2, "so");
+        checkPins(USER_TYPE_USER, "user");
+        checkPins(USER_TYPE_SECURITY_OFFICER, "so");
         VelkorKeyPair keyPair;
         if (!generate(keyPair))
             std::exit(2);
@@ -125,7 +125,7 @@ void importRsaKey(const ByteVector& components)
 [[noreturn]] void changePinUntilKilled(const char* otherPin)
 {
     int tries = 0;
-    const bool isFirst = velkor_validatePassword(serialNumber, pin, 1, &tries, instance) == 0;
+    const bool isFirst = velkor_validatePassword(serialNumber, pin, USER_TYPE_USER, &tries, instance) == 0;
     const char* now = isFirst ? pin : otherPin;
     const char* next = isFirst ? otherPin : pin;
     tell("ready");
@@ -168,7 +168,7 @@ int keepSecrets()
         kill(forked, SIGKILL);
     }
     int tries = 0;
-    velkor_validatePassword(serialNumber, "", 1, &tries, instance);
+    velkor_validatePassword(serialNumber, "", USER_TYPE_USER, &tries, instance);
     tell("logged out");
     waitForLine();
     signWithAll();
@@ -203,7 +203,7 @@ int runMode(const std::string& mode, const char* file, const char* secondFile)
             // A new instance has seen no PIN.
             velkor_releaseInstance(instance);
             velkor_createInstance(&instance);
-            return velkor_validatePassword(serialNumber, pin, 1, &tries, instance) == 0;
+            return velkor_validatePassword(serialNumber, pin, USER_TYPE_USER, &tries, instance) == 0;
         });
     if (mode == "generate")
         return repeat(15, [] {

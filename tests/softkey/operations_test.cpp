@@ -215,7 +215,10 @@ std::vector<Operation> OperationsTest::deviceOperations()
         {.name = "validatePassword",
          .parts = DEVICE | WHOLE_INSTANCE | PIN_TEXT,
          .valid = onDevice(),
-         .run = [](const Arguments& a) { return velkor_validatePassword(a.device, a.pin, 1, nullptr, a.instance); },
+         .run =
+             [](const Arguments& a) {
+                 return velkor_validatePassword(a.device, a.pin, USER_TYPE_USER, nullptr, a.instance);
+             },
          .answered = asCheckOfPin},
         {.name = "changeUserPassword",
          .parts = DEVICE | WHOLE_INSTANCE | PIN_TEXT,
@@ -528,7 +531,7 @@ TEST_F(OperationsTest, KeyUseAndChangesNeedTheRightPin)
             expectRefused(operation, arguments, code(status));
             EXPECT_EQ(triesLeft(), triesAfter);
             if (status == PinIncorrect) {
-                EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, nullptr, instance), 0);
+                EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, nullptr, instance), 0);
             }
         }
     };
@@ -537,11 +540,11 @@ TEST_F(OperationsTest, KeyUseAndChangesNeedTheRightPin)
     const auto anotherWrongPin = [](const Operation& operation) { return std::string(WRONG_PIN) + operation.name; };
     expectRefusals(always(""), PinRequired, 5);
     expectRefusals(anotherWrongPin, PinIncorrect, 4);
-    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, nullptr, instance), code(PinIncorrect));
-    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, nullptr, instance), 0);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, USER_TYPE_USER, nullptr, instance), code(PinIncorrect));
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, nullptr, instance), 0);
     expectRefusals(always(SO_PIN), PinIncorrect, 5);
     for (int i = 0; i < 5; ++i)
-        velkor_validatePassword(SERIAL, ("wrong" + std::to_string(i)).c_str(), 1, nullptr, instance);
+        velkor_validatePassword(SERIAL, ("wrong" + std::to_string(i)).c_str(), USER_TYPE_USER, nullptr, instance);
     expectRefusals(always(PIN), PinLocked, 0);
     expectRefusals(always(WRONG_PIN), PinLocked, 0);
     EXPECT_EQ(contents(), before);

@@ -17,7 +17,7 @@ namespace
 class PinsTest : public SoftkeyTest
 {
 protected:
-    int check(const char* pin, int userType = 1)
+    int check(const char* pin, int userType = USER_TYPE_USER)
     {
         return velkor_validatePassword(SERIAL, pin, userType, &tries, instance);
     }
@@ -45,7 +45,7 @@ TEST_F(PinsTest, TheRightPinsAreRight)
 {
     EXPECT_EQ(check(PIN), 0);
     EXPECT_EQ(tries, 5);
-    EXPECT_EQ(check(SO_PIN, 2), 0);
+    EXPECT_EQ(check(SO_PIN, USER_TYPE_SECURITY_OFFICER), 0);
     EXPECT_EQ(tries, 5);
 }
 
@@ -70,11 +70,12 @@ TEST_F(PinsTest, ARememberedPinGivesTriesBackToo)
 
 TEST_F(PinsTest, TheTwoPinsCountApart)
 {
-    EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check(WRONG_PIN, USER_TYPE_SECURITY_OFFICER), code(SoftkeyStatus::PinIncorrect));
     EXPECT_EQ(info().soPinTriesLeft, 4);
     EXPECT_EQ(info().pinTriesLeft, 5);
-    EXPECT_EQ(check(PIN, 2), code(SoftkeyStatus::PinIncorrect)) << "the user PIN is not the SO PIN";
-    EXPECT_EQ(check(SO_PIN, 1), code(SoftkeyStatus::PinIncorrect)) << "the SO PIN is not the user PIN";
+    EXPECT_EQ(check(PIN, USER_TYPE_SECURITY_OFFICER), code(SoftkeyStatus::PinIncorrect))
+        << "the user PIN is not the SO PIN";
+    EXPECT_EQ(check(SO_PIN, USER_TYPE_USER), code(SoftkeyStatus::PinIncorrect)) << "the SO PIN is not the user PIN";
 }
 
 TEST_F(PinsTest, AtZeroThePinIsLockedEvenForTheRightPin)
@@ -95,7 +96,7 @@ TEST_F(PinsTest, AnEmptyPinIsRefusedWithoutCost)
 {
     EXPECT_EQ(check(""), code(SoftkeyStatus::PinRequired));
     EXPECT_EQ(tries, 5);
-    EXPECT_EQ(check("", 2), code(SoftkeyStatus::PinRequired));
+    EXPECT_EQ(check("", USER_TYPE_SECURITY_OFFICER), code(SoftkeyStatus::PinRequired));
     EXPECT_EQ(info().pinTriesLeft, 5);
     EXPECT_EQ(info().soPinTriesLeft, 5);
 }
@@ -104,12 +105,12 @@ TEST_F(PinsTest, APinThatIsNotCheckedSaysSo)
 {
     EXPECT_EQ(check(PIN, 0), STATUS_CHECK_NOT_POSSIBLE);
     EXPECT_EQ(check(PIN, 3), STATUS_CHECK_NOT_POSSIBLE);
-    EXPECT_EQ(velkor_validatePassword(SERIAL, nullptr, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
-    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, nullptr), STATUS_CHECK_NOT_POSSIBLE);
-    EXPECT_EQ(velkor_validatePassword(nullptr, PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
-    EXPECT_EQ(velkor_validatePassword("NONE", PIN, 1, &tries, instance), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, nullptr, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &tries, nullptr), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(nullptr, PIN, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword("NONE", PIN, USER_TYPE_USER, &tries, instance), STATUS_DEVICE_REMOVED);
     EXPECT_EQ(tries, -1) << "nothing is known of the tries, least of all that none is left";
-    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, nullptr, instance), 0);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, nullptr, instance), 0);
     EXPECT_EQ(info().pinTriesLeft, 5);
 }
 
@@ -186,8 +187,8 @@ TEST_F(PinsTest, TheSoPinCanBeChanged)
     otherProcess()->changePin(PinRole::SecurityOfficer, SO_PIN, "another");
     EXPECT_EQ(info().soPinChanged, 1);
     EXPECT_EQ(info().pinChanged, 0);
-    EXPECT_EQ(check("another", 2), 0);
-    EXPECT_EQ(check(SO_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(check("another", USER_TYPE_SECURITY_OFFICER), 0);
+    EXPECT_EQ(check(SO_PIN, USER_TYPE_SECURITY_OFFICER), code(SoftkeyStatus::PinIncorrect));
 }
 
 TEST_F(PinsTest, KeyUseNeedsTheRightPin)
@@ -288,7 +289,7 @@ TEST_F(PinsTest, ARefusedPinStaysRefusedWhenItsWrappingIsRenewed)
 TEST_F(PinsTest, AWrongSoPinSpendsOneTryToo)
 {
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(check(WRONG_PIN, 2), code(SoftkeyStatus::PinIncorrect));
+        EXPECT_EQ(check(WRONG_PIN, USER_TYPE_SECURITY_OFFICER), code(SoftkeyStatus::PinIncorrect));
     EXPECT_EQ(tries, 4);
     EXPECT_THROW(otherProcess()->resetUserPin(WRONG_PIN, "new-pin"), Refusal);
     EXPECT_EQ(info().soPinTriesLeft, 3) << "that is another process";
@@ -312,7 +313,7 @@ TEST_F(PinsTest, ThreadsWithOneWrongPinSpendOneTry)
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([this] {
             int left = 0;
-            velkor_validatePassword(SERIAL, WRONG_PIN, 2, &left, instance);
+            velkor_validatePassword(SERIAL, WRONG_PIN, USER_TYPE_SECURITY_OFFICER, &left, instance);
         });
     for (std::thread& thread : threads)
         thread.join();

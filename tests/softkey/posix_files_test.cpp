@@ -67,7 +67,7 @@ TEST_F(PosixFilesTest, ALockOfSomebodyElseOnTheFolderKeepsNobodyFromAKey)
     const int folder = open(home.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(folder, LOCK_EX), 0); // Whoever may read a folder may lock it.
     int tries = 0;
-    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance), 0);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &tries, instance), 0);
     EXPECT_NO_THROW(createKey(cheapSettings("NEW")));
     close(folder);
 }
@@ -78,7 +78,7 @@ TEST_F(PosixFilesTest, WhoHoldsOneKeyKeepsNobodyFromAnother)
     const FileLock held(lockOfKey(keyPath()), Patience());
     EXPECT_EQ(permissionsOf(lockOfKey(keyPath())), 0600U);
     int tries = 0;
-    EXPECT_EQ(velkor_validatePassword("OTHER", PIN, 1, &tries, instance), 0);
+    EXPECT_EQ(velkor_validatePassword("OTHER", PIN, USER_TYPE_USER, &tries, instance), 0);
 }
 
 TEST_F(PosixFilesTest, ALockFileThatOthersMayOpenBecomesTheOwnersAlone)

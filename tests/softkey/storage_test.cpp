@@ -40,7 +40,8 @@ protected:
         EXPECT_EQ(velkor_getTokenInfo(serialNumber.c_str(), instance).serialNumber, "");
         EXPECT_EQ(devices(true), std::vector<std::string>{SERIAL});
         int tries = 0;
-        EXPECT_EQ(velkor_validatePassword(serialNumber.c_str(), PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+        EXPECT_EQ(velkor_validatePassword(serialNumber.c_str(), PIN, USER_TYPE_USER, &tries, instance),
+                  STATUS_CHECK_NOT_POSSIBLE);
         EXPECT_EQ(readFile(keyPath(serialNumber)), before);
     }
 
@@ -132,7 +133,7 @@ TEST_F(StorageTest, AFileThatBecomesNewerWhileOpenIsRefused)
     EXPECT_EQ(velkor_initDevice(SERIAL, true, instance), code(SoftkeyStatus::FileNewer));
     EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance), code(SoftkeyStatus::FileNewer));
     int tries = 0;
-    EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+    EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
     EXPECT_TRUE(keyPairs().empty());
     EXPECT_TRUE(devices().empty());
     try {
@@ -243,7 +244,7 @@ protected:
             EXPECT_TRUE(!refused || status != 0);
         };
         int tries = 0;
-        expectAnswer(velkor_validatePassword(SERIAL, PIN, 1, &tries, instance));
+        expectAnswer(velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &tries, instance));
         expectAnswer(trySign(key, Data(32, 1)));
         expectAnswer(velkor_updateKeyPairDetails(SERIAL, key.keyIdentifier, PIN, "new", nullptr, 0, instance));
         EXPECT_TRUE(!refused || devices(true).empty());
@@ -335,7 +336,7 @@ TEST_F(StorageTest, AReadOnlyFileIsNotChanged)
         request.keyKind = KEY_KIND_EC_P256;
         EXPECT_EQ(velkor_generateKeyPair("FIXED", PIN, &request, instance), code(SoftkeyStatus::StorageFailed));
         int tries = 0;
-        EXPECT_EQ(velkor_validatePassword("FIXED", PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+        EXPECT_EQ(velkor_validatePassword("FIXED", PIN, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
         EXPECT_EQ(tries, -1);
     }
     chmod(home.path().c_str(), 0755);
@@ -435,7 +436,8 @@ TEST_F(StorageTest, AFileKeptLockedIsBusy)
         EXPECT_EQ(velkor_deleteKeyPair(SERIAL, key.keyIdentifier, PIN, false, instance),
                   code(SoftkeyStatus::StorageBusy));
         int tries = 0;
-        EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE);
+        EXPECT_EQ(velkor_validatePassword(SERIAL, WRONG_PIN, USER_TYPE_USER, &tries, instance),
+                  STATUS_CHECK_NOT_POSSIBLE);
         test_system::takeOverSleeps({});
         EXPECT_GE(waited, std::chrono::seconds(20)) << "two refusals, each after ten seconds";
         EXPECT_EQ(readFile(keyPath()), before);
@@ -869,10 +871,11 @@ TEST_F(StorageTest, AWrappedMasterKeyBelongsToItsPinAlone)
     sqlite("UPDATE pin SET salt = (SELECT salt FROM pin WHERE role = 2), "
            "wrapped_master_key = (SELECT wrapped_master_key FROM pin WHERE role = 2) WHERE role = 1");
     int tries = 0;
-    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, &tries, instance), STATUS_CHECK_NOT_POSSIBLE)
+    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, USER_TYPE_USER, &tries, instance), STATUS_CHECK_NOT_POSSIBLE)
         << "the checksum is that of the other's record";
     sqlite("UPDATE pin SET checksum = X''");
-    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, 1, &tries, instance), code(SoftkeyStatus::PinIncorrect));
+    EXPECT_EQ(velkor_validatePassword(SERIAL, SO_PIN, USER_TYPE_USER, &tries, instance),
+              code(SoftkeyStatus::PinIncorrect));
 }
 
 TEST_F(StorageTest, ThreadsUseAndChangeOneKeyAtOnce)
@@ -903,7 +906,7 @@ TEST_F(StorageTest, ThreadsUseAndChangeOneKeyAtOnce)
     }));
     threads.push_back(repeat(10, [&] {
         int tries = 0;
-        return velkor_validatePassword(SERIAL, PIN, 1, &tries, instance) == 0;
+        return velkor_validatePassword(SERIAL, PIN, USER_TYPE_USER, &tries, instance) == 0;
     }));
     threads.push_back(repeat(20, [] {
         void* another = nullptr;
@@ -928,7 +931,7 @@ TEST_F(StorageTest, TheFirstUsesByManyThreadsSpendNoTry)
     for (int i = 0; i < 6; ++i)
         threads.emplace_back([&] {
             int tries = 0;
-            if (velkor_validatePassword("FEW", PIN, 1, &tries, instance) != 0)
+            if (velkor_validatePassword("FEW", PIN, USER_TYPE_USER, &tries, instance) != 0)
                 ++failures;
         });
     for (std::thread& thread : threads)

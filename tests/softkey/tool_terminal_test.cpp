@@ -81,8 +81,8 @@ TEST_F(ToolTest, PromptsShowNoPinAndAskTwiceForANewOne)
     EXPECT_EQ(shown.find("secret"), std::string::npos) << shown;
     EXPECT_NE(shown.find("user PIN again: "), std::string::npos);
     int tries = 0;
-    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-1", 1, &tries, instance), 0);
-    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-2", 2, &tries, instance), 0);
+    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-1", USER_TYPE_USER, &tries, instance), 0);
+    EXPECT_EQ(velkor_validatePassword("ASKED", "secret-2", USER_TYPE_SECURITY_OFFICER, &tries, instance), 0);
     const std::string differed = onTerminal({"create", "--serial", "DIFF"}, {"secret-1", "secret-x"}, exitCode);
     EXPECT_EQ(exitCode, 3);
     EXPECT_NE(differed.find("velkor-softkey: the two entries of the user PIN differ; nothing was changed\r\n"),
