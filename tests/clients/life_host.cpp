@@ -26,7 +26,7 @@ namespace
     }
 
 constexpr unsigned SECONDS_ALLOWED = 30;
-constexpr std::chrono::milliseconds A_MOMENT{50};
+constexpr std::chrono::milliseconds A_MOMENT{50}; // For threads to come to their waits, of which nothing tells.
 
 const char* path = nullptr;
 void* library = nullptr;

@@ -1,5 +1,4 @@
 // A host that loads the module and then leaves it in one of the ways that hosts do. It must end by itself, with 0.
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +12,7 @@
 
 #include "cryptoki.h"
 #include "eventually.h"
-#include "sleeps.h"
+#include "hurried_monitor.h"
 
 namespace
 {
@@ -41,20 +40,6 @@ Module load(const char* path)
     return module;
 }
 
-std::atomic<int> monitorCycles = 0;
-
-/// From here on the monitor's second lasts no longer than any other sleep.
-void hurryMonitor()
-{
-    test_system::takeOverSleeps([](std::chrono::milliseconds time) {
-        if (time != std::chrono::seconds(1))
-            return false;
-        ++monitorCycles;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return true;
-    });
-}
-
 Module start(const char* path)
 {
     const Module module = load(path);
@@ -74,8 +59,8 @@ void unload(const char* path)
     const Module module = start(path);
     REQUIRE(dlclose(module.library) == 0);
     // More than one cycle of the monitor, which must still have its code.
-    const int cycles = monitorCycles;
-    REQUIRE(test_system::eventually([&] { return monitorCycles >= cycles + 2; }));
+    const int cycles = test_system::monitorCycles;
+    REQUIRE(test_system::eventually([&] { return test_system::monitorCycles >= cycles + 2; }));
 }
 
 /// The library stays mapped, so its second load finds the module as the first left it.
@@ -132,7 +117,7 @@ int main(int argumentCount, char** arguments)
     REQUIRE(argumentCount == 3);
     const auto way = ways.find(arguments[2]);
     REQUIRE(way != ways.end());
-    hurryMonitor();
+    test_system::hurryMonitor();
     way->second(arguments[1]);
     return 0;
 }

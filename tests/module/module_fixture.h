@@ -97,7 +97,7 @@ protected:
     /// A failed start leaves a monitor behind, which a good one ends once it has begun to run.
     void stopLeftMonitor()
     {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // Nothing tells of its beginning, or whether it is.
         C_Initialize(nullptr);
         finalize();
     }

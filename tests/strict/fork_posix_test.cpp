@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "eventually.h"
+#include "sleeps.h"
 #include "strict_fixture.h"
 
 namespace
@@ -96,11 +98,16 @@ TEST_F(StrictForkTest, AChildGivesNoHandleThatItsParentGave)
 
 TEST_F(StrictForkTest, AChildThatIsForkedWhileAThreadStartsTheFrontMayBeginAnew)
 {
-    device->startDelayMilliseconds = 150;
+    device->isStartHeld = true;
     std::atomic<CK_RV> result = CKR_GENERAL_ERROR;
     std::thread starter([&] { result = p11.C_Initialize(nullptr); });
-    while (!device->isStarting)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(test_system::eventually([&] { return device->isStarting.load(); }));
+    // The fork waits for the start, which ends no earlier than that: this thread's next sleep is the fork's.
+    test_system::takeOverSleeps([&, forking = std::this_thread::get_id()](std::chrono::milliseconds) {
+        if (std::this_thread::get_id() == forking)
+            device->isStartHeld = false;
+        return false;
+    });
     EXPECT_EQ(
         inChild([&] {
             CK_INFO info;
@@ -113,6 +120,7 @@ TEST_F(StrictForkTest, AChildThatIsForkedWhileAThreadStartsTheFrontMayBeginAnew)
             return sign(own, {CKM_ECDSA, nullptr, 0}, privateKey(own, 5), ByteVector(32), signature) == CKR_OK ? 0 : 3;
         }),
         0);
+    test_system::takeOverSleeps({});
     starter.join();
     EXPECT_EQ(result, CKR_OK);
     EXPECT_EQ(slots().size(), 2U);
@@ -134,9 +142,7 @@ TEST_F(StrictForkTest, AProcessThatExitsWaitsForNoCallForLong)
                       ByteVector signature;
                       sign(session, {CKM_ECDSA, nullptr, 0}, pair.privateKey, ByteVector(32), signature);
                   }).detach();
-                  while (device->signing == 0)
-                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                  std::exit(0);
+                  std::exit(test_system::eventually([&] { return device->signing == 1; }) ? 0 : 1);
                   return 1;
               }),
               0);
@@ -147,12 +153,12 @@ TEST_F(StrictForkTest, AProcessMayForkWhileAThreadSigns)
 {
     start();
     const CK_SESSION_HANDLE session = userSession();
-    device->signingDelayMilliseconds = 50;
+    device->signingDelayMilliseconds = 50; // Which the fork has to wait for.
     std::thread signer([&] {
         ByteVector signature;
         EXPECT_EQ(sign(session, {CKM_ECDSA, nullptr, 0}, privateKey(session, 5), ByteVector(32), signature), CKR_OK);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(test_system::eventually([&] { return device->signing == 1; }));
     EXPECT_EQ(inChild([&] { return p11.C_Initialize(nullptr) == CKR_OK ? 0 : 1; }), 0);
     signer.join();
 }

@@ -40,4 +40,6 @@ std::filesystem::path programFile();
 void* loadLibrary(const std::string& file, bool globally);
 void* symbolOf(void* library, const char* name);
 bool unloadLibrary(void* library);
+/// Waits until the libraries have no thread any more.
+void awaitEndOfThreads();
 Ways waysOfThisSystem();

@@ -3,6 +3,7 @@
 #include <functional>
 #include <thread>
 
+#include "eventually.h"
 #include "strict_fixture.h"
 #include "test_system.h"
 
@@ -98,14 +99,13 @@ TEST_F(StrictLifecycleTest, FinalizesWithinFiftyMillisecondsWhileACallIsAtTheDev
     start();
     const CK_SESSION_HANDLE session = userSession();
     const CK_OBJECT_HANDLE key = privateKey(session, 5);
-    device->signingDelayMilliseconds = 300;
+    device->signingDelayMilliseconds = 300; // Which the next start has to wait for.
     CK_RV result = CKR_GENERAL_ERROR;
     std::thread signer([&] {
         ByteVector signature;
         result = sign(session, {CKM_ECDSA, nullptr, 0}, key, ByteVector(32), signature);
     });
-    while (device->signing == 0)
-        std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_TRUE(test_system::eventually([&] { return device->signing == 1; }));
     EXPECT_LE(timeOf([&] { EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK); }).count(), 50);
     EXPECT_EQ(device->signing, 1);
     EXPECT_EQ(p11.C_Initialize(nullptr), CKR_OK);

@@ -1,7 +1,7 @@
 // Slots, tokens, their texts and events, and mechanisms.
-#include <chrono>
 #include <thread>
 
+#include "eventually.h"
 #include "strict_fixture.h"
 
 namespace
@@ -15,6 +15,15 @@ protected:
         CK_SLOT_INFO info{};
         EXPECT_EQ(p11.C_GetSlotInfo(slot, &info), CKR_OK);
         return info;
+    }
+
+    /// Waits for an event beside the test, and has looked for one when this comes back.
+    std::thread waitBeside(CK_SLOT_ID& slot, CK_RV expected)
+    {
+        device->forgetLooks();
+        std::thread waiter([&slot, expected, this] { EXPECT_EQ(p11.C_WaitForSlotEvent(0, &slot, nullptr), expected); });
+        EXPECT_TRUE(test_system::eventually([&] { return device->hasLooked(waiter.get_id()); }));
+        return waiter;
     }
 
     CK_RV nextEvent(CK_SLOT_ID& slot) const { return p11.C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr); }
@@ -231,8 +240,7 @@ TEST_F(StrictSlotsTest, AWaiterIsToldOfAnEvent)
     start();
     const auto list = slots();
     CK_SLOT_ID slot = 0;
-    std::thread waiter([&] { EXPECT_EQ(p11.C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::thread waiter = waitBeside(slot, CKR_OK);
     device->setConnected({FIRST_DEVICE});
     waiter.join();
     EXPECT_EQ(slot, list[1]);
@@ -243,8 +251,7 @@ TEST_F(StrictSlotsTest, AWaiterIsToldOfTheFirstDevice)
     device->setConnected({});
     start();
     CK_SLOT_ID slot = 0;
-    std::thread waiter([&] { EXPECT_EQ(p11.C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::thread waiter = waitBeside(slot, CKR_OK);
     device->setConnected({FIRST_DEVICE});
     waiter.join();
     EXPECT_EQ(slots(), std::vector{slot});
@@ -255,11 +262,8 @@ TEST_F(StrictSlotsTest, FinalizeWakesThoseWhoWait)
     for (const bool isAnyThere : {true, false}) {
         device->setConnected(isAnyThere ? std::vector<std::string>{FIRST_DEVICE} : std::vector<std::string>{});
         start();
-        std::thread waiter([&] {
-            CK_SLOT_ID slot = 0;
-            EXPECT_EQ(p11.C_WaitForSlotEvent(0, &slot, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        CK_SLOT_ID slot = 0;
+        std::thread waiter = waitBeside(slot, CKR_CRYPTOKI_NOT_INITIALIZED);
         EXPECT_EQ(p11.C_Finalize(nullptr), CKR_OK);
         waiter.join();
     }

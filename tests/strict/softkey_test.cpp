@@ -2,11 +2,11 @@
 // memory ends.
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "eventually.h"
 #include "softkey_fixture.h"
 
 namespace
@@ -229,11 +229,14 @@ TEST_F(StrictSoftkeyTest, NoTryIsLostWhileKeysComeAndGo)
     std::atomic<bool> isOver = false;
     std::atomic<int> signatures = 0;
     std::atomic<int> wrongKeys = 0;
+    std::array<std::atomic<int>, 2> refusedSessions{}; // Of each token.
     const auto work = [&](std::size_t token, std::string label) {
         while (!isOver) {
             CK_SESSION_HANDLE session = 0;
-            if (p11().C_OpenSession(slots[token], CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
+            if (p11().C_OpenSession(slots[token], CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK) {
+                ++refusedSessions[token];
                 continue;
+            }
             login(session, token == 0 ? "first-pin" : "second-pin");
             signAndVerify(session, label, signatures, wrongKeys);
             p11().C_CloseSession(session);
@@ -242,14 +245,15 @@ TEST_F(StrictSoftkeyTest, NoTryIsLostWhileKeysComeAndGo)
     std::vector<std::thread> threads;
     for (std::size_t thread = 0; thread < 8; ++thread)
         threads.emplace_back(work, thread % 2, thread % 4 < 2 ? "here" : "there");
-    for (const char* serialNumber : {"STRICT1", "STRICT2", "STRICT1"}) {
-        tool(std::string("unplug ") + serialNumber);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        tool(std::string("plug ") + serialNumber);
+    for (const std::size_t token : {0U, 1U, 0U}) {
+        const std::string serialNumber = token == 0 ? "STRICT1" : "STRICT2";
+        const int before = refusedSessions[token];
+        tool("unplug " + serialNumber);
+        EXPECT_TRUE(test_system::eventually([&] { return refusedSessions[token] > before; }));
+        tool("plug " + serialNumber);
     }
     const int before = signatures;
-    while (signatures < before + 20)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(test_system::eventually([&] { return signatures >= before + 20; }));
     isOver = true;
     for (std::thread& thread : threads)
         thread.join();

@@ -71,10 +71,20 @@ int StrictDevice::checkPin(const std::string& device, const std::string& pin, co
 void StrictDevice::velkor_createInstance(void** libraryInstance)
 {
     isStarting = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(startDelayMilliseconds));
+    while (isStartHeld)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (doesStart)
         DefaultDevice::velkor_createInstance(libraryInstance);
     isStarting = false;
+}
+
+std::vector<std::string> StrictDevice::velkor_getConnectedDeviceList(bool refresh, void* libraryInstance)
+{
+    {
+        const std::scoped_lock guard(mutex_);
+        threadsThatLooked_.insert(std::this_thread::get_id());
+    }
+    return DefaultDevice::velkor_getConnectedDeviceList(refresh, libraryInstance);
 }
 
 TokenInfo StrictDevice::velkor_getTokenInfo(const char* deviceName, void* libraryInstance)
@@ -271,6 +281,18 @@ std::vector<Signed> StrictDevice::signatures()
 {
     const std::scoped_lock guard(mutex_);
     return signatures_;
+}
+
+bool StrictDevice::hasLooked(std::thread::id thread)
+{
+    const std::scoped_lock guard(mutex_);
+    return threadsThatLooked_.contains(thread);
+}
+
+void StrictDevice::forgetLooks()
+{
+    const std::scoped_lock guard(mutex_);
+    threadsThatLooked_.clear();
 }
 
 std::vector<unsigned char> StrictDevice::keyIdentifierOf(const VelkorKeyPair& keyPair)

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "default_device.h"
@@ -55,6 +57,7 @@ public:
                           const unsigned char* peerPublicKey, int peerPublicKeyLength, unsigned char** out,
                           int* outLength, void* libraryInstance) override;
     void velkor_createInstance(void** libraryInstance) override;
+    std::vector<std::string> velkor_getConnectedDeviceList(bool refresh, void* libraryInstance) override;
 
     int triesLeft(const std::string& device);
     void setTriesLeft(const std::string& device, int tries);
@@ -62,12 +65,15 @@ public:
     /// PINs that came to a device, in whatever call, without repetition.
     std::vector<std::string> pinsSeen(const std::string& device);
     std::vector<Signed> signatures();
+    /// Whether a thread has asked for the connected devices since looks were forgotten.
+    bool hasLooked(std::thread::id thread);
+    void forgetLooks();
     static std::vector<unsigned char> keyIdentifierOf(const VelkorKeyPair& keyPair);
 
     std::atomic<int> pinChecks = 0;
     std::atomic<int> keyListReads = 0;
     std::atomic<bool> doesStart = true;
-    std::atomic<int> startDelayMilliseconds = 0;
+    std::atomic<bool> isStartHeld = false; ///< A start stays where it is until this is false.
     std::atomic<bool> isStarting = false;
     /// So many looks at the key pairs find none once a pair has been generated.
     std::atomic<int> blindLooksAfterGeneration = 0;
@@ -85,4 +91,5 @@ private:
     std::map<std::string, std::string> userPins_;
     std::map<std::string, std::vector<std::string>> pinsSeen_;
     std::vector<Signed> signatures_;
+    std::set<std::thread::id> threadsThatLooked_;
 };

@@ -1,8 +1,9 @@
 // Many threads, several keys, two tokens that come and go.
 #include <atomic>
-#include <chrono>
 #include <thread>
 
+#include "eventually.h"
+#include "monitor_sleep.h"
 #include "strict_fixture.h"
 
 namespace
@@ -15,6 +16,12 @@ protected:
     {
         device->setUserPin(SECOND_DEVICE, "secret-2");
         start();
+    }
+
+    /// Waits for so many signatures more.
+    static bool goesOn(const std::atomic<int>& signatures, int more)
+    {
+        return test_system::eventually([&, before = signatures.load()] { return signatures >= before + more; });
     }
 
     /// Signs with one key of a slot in a session of its own, and counts signatures of other keys.
@@ -111,14 +118,17 @@ TEST_F(StrictThreadsTest, NoTryIsLostWhileDevicesComeAndGo)
         threads.emplace_back(work, list[0], "1234", copy % 2 == 0 ? "pair 2" : "pair 3", copy % 2 == 0 ? 0xA2 : 0xA3);
         threads.emplace_back(work, list[1], "secret-2", "other pair", 0xA1);
     }
+    MonitorSleep monitorSleep; // Of the module, which is loaded by now.
+    monitorSleep.hold();
     for (int round = 0; round < 10; ++round) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        EXPECT_TRUE(goesOn(signatures, 8));
         device->setConnected(round % 3 == 0   ? std::vector<std::string>{SECOND_DEVICE}
                              : round % 3 == 1 ? std::vector<std::string>{FIRST_DEVICE}
                                               : std::vector<std::string>{FIRST_DEVICE, SECOND_DEVICE});
+        EXPECT_TRUE(monitorSleep.runCycle());
     }
     device->setConnected({FIRST_DEVICE, SECOND_DEVICE});
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(goesOn(signatures, 16));
     isOver = true;
     for (std::thread& thread : threads)
         thread.join();
@@ -148,7 +158,7 @@ TEST_F(StrictThreadsTest, NobodyStarves)
     const CK_OBJECT_HANDLE other = privateKey(session, 6);
     const CK_SLOT_ID slot = slots()[0];
     std::atomic<bool> isOver = false;
-    device->signingDelayMilliseconds = 5;
+    device->signingDelayMilliseconds = 5; // Else they make many while this thread waits for a processor.
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread)
         threads.emplace_back([&] {
