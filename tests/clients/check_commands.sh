@@ -7,7 +7,7 @@
 # What stands in a table or in a sentence is not looked at.
 set -euo pipefail
 cd "$1"
-programs='(sudo|apt|adduser|cp|podman|systemctl|export|cmake|ctest|cpack|git|reg|msiexec|python3|p11-kit|p11tool|openssl)'
+programs='(sudo|apt|adduser|cp|podman|systemctl|export|cmake|ctest|cpack|git|reg|msiexec|python3|p11-kit|p11tool|openssl|set|setx)'
 command="^([\$] )?([A-Z_]+=[^ ]+ )*($programs|velkor-[a-z]+|pkcs11-tool|ssh[a-z-]*|(scripts|bench|build|tests)/[^ ]+)( |\$)"
 
 is_run() { # is_run PAGE: those of docs/hosts by ClientGuides.EachIsRunByItsHost
