@@ -1,9 +1,12 @@
 # What others need beside the libraries, on the systems that have a place for it.
 
-# Whoever asks p11-kit for modules holds the standard to its letter, so it is told of the strict front: by a full path,
-# which is known when it is installed.
-install(CODE "file(WRITE \"${PROJECT_BINARY_DIR}/velkor.module\"
-    \"module: \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/velkor/velkor-pkcs11-strict.so\\n\")" COMPONENT module)
+# Whoever asks p11-kit for modules holds the standard to its letter, so it is told of the strict front, and so is what
+# systemd may start: by a full path, which is known when it is installed.
+set(P11_KIT_SERVICE packaging/p11-kit/velkor-p11-kit@.service)
+install(CODE "set(LIBRARIES \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/velkor\")
+    file(WRITE \"${PROJECT_BINARY_DIR}/velkor.module\" \"module: \${LIBRARIES}/velkor-pkcs11-strict.so\\n\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/${P11_KIT_SERVICE}.in\" \"${PROJECT_BINARY_DIR}/${P11_KIT_SERVICE}\" @ONLY)"
+        COMPONENT module)
 install(FILES ${PROJECT_BINARY_DIR}/velkor.module DESTINATION ${CMAKE_INSTALL_DATADIR}/p11-kit/modules COMPONENT module)
 
 # What a host is compiled with, and where the modules are: for pkg-config, found from the file itself, so that the tree
@@ -36,7 +39,8 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     install(FILES packaging/velkor.conf DESTINATION /etc/brenmoor COMPONENT module)
 endif()
 install(FILES packaging/velkor.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT module)
-install(DIRECTORY packaging/p11-kit/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-pkcs11/examples COMPONENT module)
+install(FILES packaging/p11-kit/velkor-p11-kit.socket ${PROJECT_BINARY_DIR}/${P11_KIT_SERVICE}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velkor-pkcs11/examples COMPONENT module)
 install(FILES packaging/velkor-pkcs11.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)
 
 include(packaging/spdx.cmake)

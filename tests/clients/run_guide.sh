@@ -10,7 +10,7 @@
 # for whoever is asked for a PIN. At the end Firefox visits a server that knows the user's certificate.
 set -euo pipefail
 sources=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-installed=/usr/lib/x86_64-linux-gnu/velkor
+installed='/usr/lib/*/velkor' # In the words of the pages, on whatever machine.
 libraries=$installed
 [ "$1" = installed ] || { build=$(realpath "$1") && libraries=$build/lib; }
 folder=$2
@@ -30,7 +30,7 @@ trap leave EXIT
 # The block's commands behind the page's name, for whoever reads a failure.
 blocks_of() { # blocks_of PAGE
     echo "echo '# $(basename "$1")'"
-    awk '/^```/ { inside = !inside && $0 == "```sh"; next } inside' "$1" | sed "s|$installed|$libraries|g"
+    awk '/^```/ { inside = !inside && $0 == "```sh"; next } inside' "$1" | sed "s|${installed//\*/\\*}|$libraries|g"
 }
 for page in "${pages[@]}"; do
     blocks_of "$page" >"$folder/block"

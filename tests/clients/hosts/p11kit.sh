@@ -92,11 +92,17 @@ serves_user() { # By ssh: the other user's end of the connection is a socket of 
         --mechanism SHA256-RSA-PKCS --id 77 --input-file "$far/text" --output-file "$far/sig"
     openssl dgst -sha256 -verify tls.pub -signature "$far/sig" text
 }
+# As they are installed, but for the library.
+make_units() {
+    mkdir units
+    cp "$sources/packaging/p11-kit/velkor-p11-kit.socket" units
+    sed "s|@LIBRARIES@/velkor-pkcs11-strict.so|$module|" "$sources/packaging/p11-kit/velkor-p11-kit@.service.in" \
+        >units/velkor-p11-kit@.service
+}
 # What the service of packaging/p11-kit runs, over a socket that another program listens on as the system would.
 serves_by_socket() {
     local command
-    command=$(sed -n 's/^ExecStart=//p' "$sources/packaging/p11-kit/velkor-p11-kit@.service")
-    command=${command/\/usr\/lib\/x86_64-linux-gnu\/velkor\/velkor-pkcs11-strict.so/$module}
+    command=$(sed -n 's/^ExecStart=//p' units/velkor-p11-kit@.service)
     command=${command/pkcs11:*/$url}
     printf '#!/bin/sh\nexec %s\n' "$command" >serve
     cat serve
@@ -110,6 +116,7 @@ serves_by_socket() {
 }
 
 prepare_certificates
+make_units
 check "p11-kit list-modules" registers
 check "p11-kit server, for another process" serves_process
 check "p11-kit server, for eight at once" serves_several
@@ -117,7 +124,7 @@ check "p11-kit server, for a container with its socket" serves_container
 check "p11-kit server, for another user by ssh" serves_user
 check "p11-kit remote, started by a socket" serves_by_socket
 if [ "$library" = strict ]; then
-    check "the units of systemd are sound" systemd-analyze verify --man=no "$sources"/packaging/p11-kit/*
+    check "the units of systemd are sound" systemd-analyze verify --man=no units/*
     check "docs/remote.md" "$sources/tests/clients/run_guide.sh" "$build" "$folder/remote" \
         "$sources/docs/quickstart.md" "$sources/docs/remote.md"
 fi
