@@ -18,13 +18,28 @@ connects() {
     grep "Subject: CN=tls" page
 }
 
+java_client() { timeout 120 java -cp classes JavaClient java.cfg "$@"; }
+
 printf 'name = Velkor\nlibrary = %s\nslotListIndex = 0\n' "$module" >java.cfg
+javac -d classes "$sources/tests/clients/JavaClient.java"
+"$tool" generate CLIENT1 P-256 --label tec --id 31 --pin-env USER_PIN >tec.log
+"$tool" self-sign CLIENT1 1 --subject CN=tec --pin-env USER_PIN >>tec.log
 check "keytool -genkeypair, RSA" java_keytool -genkeypair -alias jrsa -keyalg RSA -keysize 2048 -dname CN=jrsa
 check "keytool -genkeypair, EC" java_keytool -genkeypair -alias jec -keyalg EC -groupname secp256r1 -dname CN=jec
 check "jarsigner, RSA" sign_jar jrsa
-check "jarsigner, EC" sign_jar jec
-check "Signature, Cipher, KeyAgreement in Java" timeout 120 java "$sources/tests/clients/JavaClient.java" java.cfg
-check "keytool -delete" java_keytool -delete -alias jec
+check "jarsigner, EC" sign_jar tec
+check "jarsigner, EC, with keytool's pair" sign_jar jec
+check "Signature in Java, RSA" java_client sign-rsa jrsa
+check "Signature in Java, EC" java_client sign-ec tec
+check "Signature in Java, EC, with keytool's pair" java_client sign-ec jec
+check "Signature in Java, RSA, verified on the token" java_client verify-rsa jrsa
+check "Signature in Java, EC, verified on the token" java_client verify-ec tec
+check "Cipher in Java" java_client decrypt jrsa
+check "Cipher in Java, encrypted on the token" java_client encrypt jrsa
+check "KeyAgreement in Java" java_client agree tec
+check "KeyPairGenerator in Java, EC" java_client generate jrsa
+check "keytool -delete" java_keytool -delete -alias jrsa
+check "keytool -delete, keytool's EC pair" java_keytool -delete -alias jec
 prepare_certificates
 check "TLS in Java with a client certificate" connects
 guide java
