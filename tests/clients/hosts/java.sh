@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Java: keytool, jarsigner, and programs that sign, decrypt, derive and speak TLS.
-# Needs: default-jdk-headless
+# Needs: default-jdk-headless opensc
 # Limit: 240
 . "$(dirname "$0")/common.sh"
 
@@ -19,6 +19,19 @@ connects() {
 }
 
 java_client() { timeout 120 java -cp classes JavaClient java.cfg "$@"; }
+# With another token there as well, in the way of docs/hosts/java.md.
+chooses_token() {
+    local slot label
+    "$tool" create --serial ANOTHER1 --label "Another key" --pin-env USER_PIN --so-pin-env SO_PIN
+    for label in "Client key" "Another key"; do
+        pkcs11-tool --module "$module" --list-token-slots >slots.txt
+        slot=$(awk -F '[()]' '/^Slot/ { slot = $2 } /token label *: '"$label"'$/ { print slot }' slots.txt)
+        printf 'name = Velkor\nlibrary = %s\nslot = %s\n' "$module" "$slot" >chosen.cfg
+        keytool "${store[@]/java.cfg/chosen.cfg}" -list | tee "entries of $label"
+    done
+    grep -q "^tec, PrivateKeyEntry" "entries of Client key"
+    grep -q "contains 0 entries" "entries of Another key"
+}
 
 printf 'name = Velkor\nlibrary = %s\nslotListIndex = 0\n' "$module" >java.cfg
 javac -d classes "$sources/tests/clients/JavaClient.java"
@@ -42,4 +55,5 @@ check "keytool -delete" java_keytool -delete -alias jrsa
 check "keytool -delete, keytool's EC pair" java_keytool -delete -alias jec
 prepare_certificates
 check "TLS in Java with a client certificate" connects
+check "keytool -list of one of two tokens" chooses_token
 guide java
