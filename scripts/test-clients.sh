@@ -5,11 +5,12 @@
 #   scripts/test-clients.sh            all hosts
 #   scripts/test-clients.sh HOST...    these only: names of tests/clients/hosts/*.sh
 #
-# Installs the hosts from Debian's packages, some of which start a service of the system (sshd, nginx). Each host has a software key and a time limit of its own, and writes below
-# build/clients alone, but for a folder in /tmp where another user is to reach it, and sshd's own in /run. Ends with a
-# table (host, library, checks passed, known limits, each with the line of docs/departures.md that explains it) and a last
-# line that counts; a known limit that passes fails the run, until it is taken out of
-# tests/clients/hosts/known_limits.txt. So does a run of more than a quarter of an hour.
+# Installs the hosts from Debian's packages, some of which start a service of the system (sshd, nginx). Each host has a
+# software key and a time limit of its own, and writes below build/clients alone, but for a folder in /tmp where another
+# user is to reach it, the X server's lock and socket there, and sshd's own folder in /run. Ends with a table
+# (host, library, checks passed, known limits, each with the line of docs/departures.md that explains it) and a last line
+# that counts; a known limit that passes fails the run, until it is taken out of tests/clients/hosts/known_limits.txt. So
+# does a run of more than a quarter of an hour.
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 . scripts/steps.sh

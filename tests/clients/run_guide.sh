@@ -7,7 +7,7 @@
 #
 # Of a page only the folder of the installed libraries is changed, for that of BUILD. What the pages speak of is there: a
 # letter, a program to sign, server.example with ssh and https, a Firefox that was started once, and a program that answers
-# for whoever is asked for a PIN. At the end Firefox visits a server that knows the user's certificate.
+# for whoever is asked for a PIN. At the end the page's browser visits a server that knows the user's certificate.
 set -euo pipefail
 sources=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 installed='/usr/lib/*/velkor' # In the words of the pages, on whatever machine.
@@ -45,20 +45,28 @@ as_user() {
         LANG=C.UTF-8 TMPDIR="$folder/tmp" XDG_RUNTIME_DIR="$folder/run" GNUPGHOME="$folder/home/.gnupg" \
         SSH_ASKPASS="$folder/world/askpass" SSH_ASKPASS_REQUIRE=force "$@" </dev/null)
 }
-# The server knows the certificate of the quickstart's key, and Firefox the server's issuer.
-visit_with_firefox() {
-    local profile pin
-    profile=$(find "$folder/home" -path '*.default-esr/cert9.db' -printf '%h\n')
-    pin=$(sed -n 's/^export PIN=\([0-9]*\) .*/\1/p' "$folder/commands")
+# The server knows the certificate of the quickstart's key, and the browser, by its databases, the server's issuer.
+start_server_to_visit() { # start_server_to_visit DATABASES
     as_user velkor-softkey export-certificate MYKEY1 1 --out "$PWD/ca.pem"
     openssl req -x509 -newkey rsa:2048 -nodes -keyout issuer.key -out issuer.pem -subj /CN=Issuer -days 2 2>/dev/null
     openssl req -x509 -CA issuer.pem -CAkey issuer.key -newkey rsa:2048 -nodes -keyout localhost.key -out localhost.pem \
         -subj /CN=localhost -days 2 -addext subjectAltName=DNS:localhost -addext basicConstraints=CA:FALSE 2>/dev/null
-    certutil -A -d "sql:$profile" -n issuer -t C,, -i issuer.pem
+    certutil -A -d "sql:$1" -n issuer -t C,, -i issuer.pem
     start_server
-    as_user timeout 150 python3 "$sources/tests/clients/firefox_client.py" "$profile" mykey "$pin" \
+}
+visit_with_firefox() {
+    local profile
+    profile=$(find "$folder/home" -path '*.default-esr/cert9.db' -printf '%h\n')
+    start_server_to_visit "$profile"
+    as_user timeout 150 python3 "$sources/tests/clients/firefox_client.py" "$profile" mykey "$(pin)" \
         "https://localhost:$port/" "Client certificate"
 }
+visit_with_chromium() {
+    start_server_to_visit "$folder/home/.pki/nssdb"
+    as_user timeout 150 python3 "$sources/tests/clients/chromium_client.py" "$folder/chromium" "$(pin)" \
+        "https://localhost:$port/" "Client certificate"
+}
+pin() { sed -n 's/^export PIN=\([0-9]*\) .*/\1/p' "$folder/commands"; }
 . "$sources/tests/clients/hosts/servers.sh"
 cd "$folder/world"
 if mentions "ssh"; then
@@ -117,3 +125,4 @@ python3 "$sources/tests/clients/hosts/make_program.py" "$folder/home/program.exe
 
 as_user timeout 120 bash -euxo pipefail "$folder/commands"
 ! mentions "default-esr" || visit_with_firefox
+! mentions "^echo '# chromium.md'" || visit_with_chromium
