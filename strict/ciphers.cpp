@@ -74,13 +74,16 @@ using Work = CK_RV (*)(CK_SESSION_HANDLE session, const KeyOperation& operation,
 /// What differs between the two directions.
 struct Direction {
     std::optional<KeyOperation> Operations::*operation;
+    Needs needs;
     CheckInput check;
     Work work;
     CK_RV failure; ///< What a failure of the device means where nothing else explains it.
 };
 
-constexpr Direction ENCRYPTION = {&Operations::encrypt, checkPlaintext, encryptInModule, CKR_FUNCTION_FAILED};
-constexpr Direction DECRYPTION = {&Operations::decrypt, checkCiphertext, decryptInModule, CKR_ENCRYPTED_DATA_INVALID};
+constexpr Direction ENCRYPTION = {&Operations::encrypt, Needs::Nothing, checkPlaintext, encryptInModule,
+                                  CKR_FUNCTION_FAILED};
+constexpr Direction DECRYPTION = {&Operations::decrypt, Needs::Login, checkCiphertext, decryptInModule,
+                                  CKR_ENCRYPTED_DATA_INVALID};
 
 /// The longest output there can be, until it is known.
 std::size_t outputSize(const KeyOperation& operation)
@@ -95,9 +98,9 @@ CK_RV transform(const char* name, Token& token, const Direction& direction, KeyO
         result = direction.check(name, operation, data.size());
     if (result != CKR_OK)
         return result;
-    result = useKeyPair(token, operation.pair, operation.contents->identity, [&](CK_SESSION_HANDLE session) {
-        return direction.work(session, operation, data, operation.result);
-    });
+    result = useKeyPair(
+        token, direction.needs, operation.pair, operation.contents->identity,
+        [&](CK_SESSION_HANDLE session) { return direction.work(session, operation, data, operation.result); });
     operation.isFinished = result == CKR_OK;
     operation.input = secretCopyOf(data);
     return result == CKR_FUNCTION_FAILED && direction.failure != result ? unlessPinIsWrong(token, direction.failure)
@@ -114,7 +117,7 @@ CK_RV transformInto(const char* name, Session& session, const Direction& directi
     if ((output.buffer == nullptr || isSizeKnown) && answersLength(name, output, outputSize(*operation), result))
         return result;
     if (!operation->isFinished)
-        result = transform(name, session.token, direction, *operation, data);
+        result = withoutKey(transform(name, session.token, direction, *operation, data));
     if (result != CKR_OK)
         return endUnless(operation, refuse(result, name, ": not done : ", result), false);
     if (answersLength(name, output, operation->result.size(), result))

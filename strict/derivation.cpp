@@ -110,7 +110,7 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
         result = findBase(session, hBaseKey, peer, base, view);
     SecretBytes secret;
     if (result == CKR_OK)
-        result = useKeyPair(session.token, base->moduleHandle & PAIR_NUMBER, view.contents->identity,
+        result = useKeyPair(session.token, Needs::Login, base->moduleHandle & PAIR_NUMBER, view.contents->identity,
                             [&](CK_SESSION_HANDLE moduleSession) {
                                 return deriveInModule(moduleSession, base->moduleHandle, peer, secret);
                             });

@@ -81,13 +81,50 @@ bool isOfDevice(CK_RV result)
 bool mayHideRemoval(CK_RV result)
 {
     return isOfDevice(result) || result == CKR_OBJECT_HANDLE_INVALID || result == CKR_KEY_HANDLE_INVALID ||
-           result == CKR_SIGNATURE_INVALID || result == CKR_PIN_INCORRECT || result == CKR_PIN_LOCKED;
+           result == CKR_SIGNATURE_INVALID || result == CKR_PIN_INCORRECT || result == CKR_PIN_LOCKED ||
+           result == LOGIN_LOST;
 }
 
 bool isPresent(const Token& token)
 {
     const std::scoped_lock lock(state().lock);
     return token.isPresent;
+}
+
+unsigned long insertionOf(const Token& token)
+{
+    const std::scoped_lock lock(state().lock);
+    return token.insertion;
+}
+
+PinInForce pinUnderLock(Token& token)
+{
+    return token.user == User::User ? PinInForce{&token, token.login} : PinInForce{};
+}
+
+CK_RV putInForce(KeyGate::Stay& stay, Token& token, const PinInForce& wanted, const SecretText& pin)
+{
+    if (stay.holds().pin == wanted)
+        return CKR_OK;
+    dropPin(stay);
+    if (wanted.token == nullptr)
+        return CKR_OK;
+    CK_SESSION_HANDLE session = 0;
+    CK_RV result = loginSessionOf(token, session);
+    if (result != CKR_OK)
+        return result;
+    result = loginUnderneath(session, CKU_USER, pin);
+    if (result == CKR_OK) {
+        stay.holds().pin = wanted;
+        return CKR_OK;
+    }
+    if (result != CKR_PIN_INCORRECT && result != CKR_PIN_LOCKED)
+        return result;
+    notePinAnswer(token, User::User, result);
+    const std::scoped_lock lock(state().lock);
+    if (token.login == wanted.login)
+        forgetLogin(token);
+    return refuse(CKR_USER_NOT_LOGGED_IN, "The user PIN has been changed elsewhere, slotID=", token.slotID);
 }
 
 } // namespace
@@ -120,7 +157,7 @@ CK_RV borrowSession(Token& token, ModuleSession& session)
                 result = openModuleSession(token, handle);
         }
         if (result != CKR_OK)
-            return causeOfFailure(token, result);
+            return causeOfFailure(token, insertion, result);
     }
     session = ModuleSession(token, insertion, handle);
     return CKR_OK;
@@ -129,16 +166,22 @@ CK_RV borrowSession(Token& token, ModuleSession& session)
 PinInForce pinOf(Token& token)
 {
     const std::scoped_lock lock(state().lock);
-    return token.user == User::User ? PinInForce{&token, token.login} : PinInForce{};
+    return pinUnderLock(token);
+}
+
+CK_RV checkPin(const KeyGate::Stay& stay, const Token& token, Needs needs)
+{
+    return needs == Needs::Nothing || stay.holds().pin.token == &token ? CKR_OK : LOGIN_LOST;
+}
+
+KeptPin keepPin(const Token& token)
+{
+    return {token.pin, token.pinChanges};
 }
 
 CK_RV loginSessionOf(Token& token, CK_SESSION_HANDLE& session)
 {
-    unsigned long insertion = 0;
-    {
-        const std::scoped_lock lock(state().lock);
-        insertion = token.insertion;
-    }
+    const unsigned long insertion = insertionOf(token);
     if (token.loginSession != 0 && token.loginSessionInsertion != insertion) {
         module().C_CloseSession(token.loginSession);
         token.loginSession = 0;
@@ -163,33 +206,30 @@ void dropPin(KeyGate::Stay& stay)
 
 CK_RV putPinInForce(KeyGate::Stay& stay, Token& token)
 {
-    const PinInForce wanted = pinOf(token);
-    if (stay.holds().pin == wanted)
-        return CKR_OK;
-    dropPin(stay);
-    if (wanted.token == nullptr)
-        return CKR_OK;
+    PinInForce wanted;
     SecretText pin;
-    {
+    { // In one look: a user who logs out takes the PIN along.
         const std::scoped_lock lock(state().lock);
+        wanted = pinUnderLock(token);
         pin = token.pin;
     }
-    CK_SESSION_HANDLE session = 0;
-    CK_RV result = loginSessionOf(token, session);
-    if (result != CKR_OK)
-        return result;
-    result = loginUnderneath(session, CKU_USER, pin);
-    if (result == CKR_OK) {
-        stay.holds().pin = wanted;
-        return CKR_OK;
+    return putInForce(stay, token, wanted, pin);
+}
+
+CK_RV putKeptPinInForce(KeyGate::Stay& stay, Token& token, const KeptPin& kept)
+{
+    PinInForce wanted{&token, 0}; // No login has this number: the next call takes the PIN away.
+    SecretText pin = kept.pin;
+    {
+        const std::scoped_lock lock(state().lock);
+        if (token.user == User::User) {
+            wanted = pinUnderLock(token);
+            pin = token.pin;
+        } else if (token.pinChanges != kept.changes) {
+            return CKR_PIN_INCORRECT;
+        }
     }
-    if (result != CKR_PIN_INCORRECT && result != CKR_PIN_LOCKED)
-        return result;
-    notePinAnswer(token, User::User, result);
-    const std::scoped_lock lock(state().lock);
-    if (token.login == wanted.login)
-        forgetLogin(token);
-    return refuse(CKR_USER_NOT_LOGGED_IN, "The user PIN has been changed elsewhere, slotID=", token.slotID);
+    return putInForce(stay, token, wanted, pin);
 }
 
 CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& pair, const SecretBytes& identity)
@@ -206,11 +246,12 @@ CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& p
     if (!std::equal(identity.begin(), identity.end(), value.begin(), value.begin() + attribute.ulValueLen))
         return refuse(CKR_KEY_HANDLE_INVALID, "Another key has taken the place of key pair ", pair.number);
     holds.pair = pair;
+    holds.identity = identity;
     holds.checked = std::chrono::steady_clock::now();
     return CKR_OK;
 }
 
-CK_RV causeOfFailure(Token& token, CK_RV result)
+CK_RV causeOfFailure(Token& token, unsigned long insertion, CK_RV result)
 {
     if (!mayHideRemoval(result))
         return result;
@@ -224,16 +265,20 @@ CK_RV causeOfFailure(Token& token, CK_RV result)
             dropPin(stay);
     }
     refreshSlots();
+    if (insertionOf(token) != insertion) // Its sessions have gone already; those of now are others.
+        return refuse(CKR_DEVICE_REMOVED, "The token was removed meanwhile, slotID=", token.slotID);
     if (isPinDropped)
         closeSessionsOf(token);
     if (isPinDropped || !isPresent(token))
         return refuse(CKR_DEVICE_REMOVED, "The token has been removed, slotID=", token.slotID);
+    if (result == LOGIN_LOST)
+        return refuse(CKR_USER_NOT_LOGGED_IN, "The user has logged out meanwhile, slotID=", token.slotID);
     return result;
 }
 
 CK_RV unlessPinIsWrong(Token& token, CK_RV otherwise)
 {
-    const CK_RV result = usePin(token, [](CK_SESSION_HANDLE) -> CK_RV { return CKR_OK; });
+    const CK_RV result = usePin(token, Needs::Login, [](CK_SESSION_HANDLE) -> CK_RV { return CKR_OK; });
     return result == CKR_OK ? otherwise : result;
 }
 

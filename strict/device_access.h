@@ -28,6 +28,8 @@ public:
     ~ModuleSession();
 
     CK_SESSION_HANDLE handle() const { return handle_; }
+    /// That of its token when it was lent.
+    unsigned long insertion() const { return insertion_; }
     bool isOpen() const { return token_ != nullptr; }
     /// Nobody shall have it after this: an operation may still be active in it.
     void spoil() { isSpoilt_ = true; }
@@ -45,6 +47,28 @@ CK_RV borrowSession(Token& token, ModuleSession& session);
 /// Whose PIN a token's calls want in the module: its user's, or nobody's.
 PinInForce pinOf(Token& token);
 
+/// What the work on a token cannot do without.
+enum class Needs { Nothing, Login };
+
+/// The user whom the work needs has logged out while it waited. Never leaves the front: `causeOfFailure` gives the
+/// code.
+inline constexpr CK_RV LOGIN_LOST = ~CK_RV{0};
+
+/// Whether the module holds the PIN that the work needs; it then does so as long as the stay lasts.
+CK_RV checkPin(const KeyGate::Stay& stay, const Token& token, Needs needs);
+
+/// A user's PIN, for what is still to be done when the user has logged out.
+struct KeptPin {
+    SecretText pin;
+    unsigned long changes = 0; ///< Token::pinChanges of its time.
+};
+/// Under State::lock.
+KeptPin keepPin(const Token& token);
+
+/// Brings the module to hold the PIN of whoever is logged in, or else the one that was kept, unless it has been changed
+/// since: a wrong one would cost a try.
+CK_RV putKeptPinInForce(KeyGate::Stay& stay, Token& token, const KeptPin& kept);
+
 /// Brings the module to hold what `pinOf` says. No PIN reaches another token, and a right one costs no try.
 CK_RV putPinInForce(KeyGate::Stay& stay, Token& token);
 
@@ -58,8 +82,8 @@ CK_RV loginSessionOf(Token& token, CK_SESSION_HANDLE& session);
 CK_RV lookUpPair(KeyGate::Stay& stay, CK_SESSION_HANDLE session, const PairId& pair, const SecretBytes& identity);
 
 /// Looks for the reason of a failure that the module gives no reason for; not from behind the gate. A token that turns
-/// out to be gone takes its sessions along.
-CK_RV causeOfFailure(Token& token, CK_RV result);
+/// out to be gone takes its sessions along; `insertion` is what it was when the call began.
+CK_RV causeOfFailure(Token& token, unsigned long insertion, CK_RV result);
 
 /// Forgets the module's sessions once the module has ended.
 void forgetModuleSessions();
@@ -68,7 +92,7 @@ inline constexpr std::chrono::milliseconds IDENTITY_HOLDS{1000};
 
 /// Runs `work(session)` while the module's key record is that pair's, beside other calls with the same key.
 template <typename Work>
-CK_RV useKeyPair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
+CK_RV useKeyPair(Token& token, Needs needs, CK_ULONG number, const SecretBytes& identity, const Work& work)
 {
     ModuleSession session;
     CK_RV result = borrowSession(token, session);
@@ -78,7 +102,7 @@ CK_RV useKeyPair(Token& token, CK_ULONG number, const SecretBytes& identity, con
     {
         const PinInForce pin = pinOf(token);
         KeyGate::Stay stay = state().gate.enter([&](const ModuleHolds& holds) {
-            return holds.pin == pin && holds.pair == pair &&
+            return holds.pin == pin && holds.pair == pair && holds.identity == identity &&
                    std::chrono::steady_clock::now() - holds.checked < IDENTITY_HOLDS;
         });
         if (stay.isAlone()) {
@@ -89,12 +113,14 @@ CK_RV useKeyPair(Token& token, CK_ULONG number, const SecretBytes& identity, con
                 stay.admitOthers();
         }
         if (result == CKR_OK)
+            result = checkPin(stay, token, needs);
+        if (result == CKR_OK)
             result = work(session.handle());
     }
     if (result == CKR_OK)
         return CKR_OK;
     session.spoil();
-    return causeOfFailure(token, result);
+    return causeOfFailure(token, session.insertion(), result);
 }
 
 /// Runs `work(session)`, which looks that pair up itself.
@@ -121,13 +147,13 @@ CK_RV lookAtPair(Token& token, CK_ULONG number, const Work& work)
             stay.holds().checked = {}; // Who uses the key compares it first.
         }
     }
-    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, session.insertion(), result);
 }
 
 /// Runs `work(session)` while the module holds the token's PIN and no other, beside other calls with that PIN. The work
 /// looks no key pair up.
 template <typename Work>
-CK_RV usePin(Token& token, const Work& work)
+CK_RV usePin(Token& token, Needs needs, const Work& work)
 {
     ModuleSession session;
     CK_RV result = borrowSession(token, session);
@@ -141,18 +167,21 @@ CK_RV usePin(Token& token, const Work& work)
             stay.admitOthers();
         }
         if (result == CKR_OK)
+            result = checkPin(stay, token, needs);
+        if (result == CKR_OK)
             result = work(session.handle());
     }
-    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, session.insertion(), result);
 }
 
 /// Behind a failure of the device: gives it the user's PIN anew, which another process may have changed, and answers
 /// `otherwise` where it is the right one.
 CK_RV unlessPinIsWrong(Token& token, CK_RV otherwise);
 
-/// Runs `work(stay, session)` alone: it changes or deletes a key pair.
+/// Runs `work(stay, session)` alone, with the user's PIN: it changes or deletes objects. What it deletes, it has the
+/// front forget before it returns.
 template <typename Work>
-CK_RV changeKeys(Token& token, const Work& work)
+CK_RV changeObjects(Token& token, const Work& work)
 {
     ModuleSession session;
     CK_RV result = borrowSession(token, session);
@@ -162,17 +191,19 @@ CK_RV changeKeys(Token& token, const Work& work)
         KeyGate::Stay stay = state().gate.enterAlone();
         result = putPinInForce(stay, token);
         if (result == CKR_OK)
+            result = checkPin(stay, token, Needs::Login);
+        if (result == CKR_OK)
             result = work(stay, session.handle());
         stay.holds().pair.reset();
     }
-    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, session.insertion(), result);
 }
 
 /// Runs `work(session)` alone on that pair, unless another one has taken its place.
 template <typename Work>
 CK_RV changePair(Token& token, CK_ULONG number, const SecretBytes& identity, const Work& work)
 {
-    return changeKeys(token, [&](KeyGate::Stay& stay, CK_SESSION_HANDLE session) {
+    return changeObjects(token, [&](KeyGate::Stay& stay, CK_SESSION_HANDLE session) {
         const CK_RV result = lookUpPair(stay, session, {&token, number}, identity);
         return result == CKR_OK ? work(session) : result;
     });
@@ -186,7 +217,7 @@ CK_RV useToken(Token& token, const Work& work)
     CK_RV result = borrowSession(token, session);
     if (result == CKR_OK)
         result = work(session.handle());
-    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, session.insertion(), result);
 }
 
 } // namespace velkor::strict

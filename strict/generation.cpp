@@ -180,16 +180,18 @@ CK_RV generateKeyPair(Session& session, CK_MECHANISM_PTR pMechanism, GivenTempla
     CK_RV result = readWanted(pMechanism, ofPublic, ofPrivate, wanted);
     if (result == CKR_OK)
         result = check(session, wanted);
-    CK_OBJECT_HANDLE publicKey = 0;
-    CK_OBJECT_HANDLE privateKey = 0;
-    if (result == CKR_OK)
-        result = usePin(session.token, [&](CK_SESSION_HANDLE moduleSession) {
-            return generateInModule(moduleSession, *pMechanism, wanted, publicKey, privateKey);
-        });
     if (result != CKR_OK)
         return result;
-    return adoptPair(GENERATE, session, privateKey & PAIR_NUMBER, wishesOf(wanted.ofPublic), wishesOf(wanted.ofPrivate),
-                     *phPublicKey, *phPrivateKey);
+    NewPair pair(session, wishesOf(wanted.ofPublic), wishesOf(wanted.ofPrivate));
+    result = usePin(session.token, Needs::Login, [&](CK_SESSION_HANDLE moduleSession) {
+        CK_OBJECT_HANDLE publicKey = 0;
+        CK_OBJECT_HANDLE privateKey = 0;
+        const CK_RV status = generateInModule(moduleSession, *pMechanism, wanted, publicKey, privateKey);
+        if (status == CKR_OK)
+            pair.adopt(privateKey & PAIR_NUMBER);
+        return status;
+    });
+    return result == CKR_OK ? pair.finish(GENERATE, *phPublicKey, *phPrivateKey) : result;
 }
 
 CK_RV generateRandom(Session& session, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen)

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "cryptoki.h"
+#include "util/secret.h"
 
 namespace velkor::strict
 {
@@ -34,7 +35,8 @@ struct PairId {
 struct ModuleHolds {
     PinInForce pin;
     std::optional<PairId> pair; ///< The key pair that was looked up last; none when that is not known.
-    std::chrono::steady_clock::time_point checked; ///< When its identity was last compared.
+    SecretBytes identity;       ///< Of that pair, when it was last compared: its number may become another's.
+    std::chrono::steady_clock::time_point checked; ///< When that was.
 };
 
 class KeyGate

@@ -44,18 +44,25 @@ CK_RV checkConflicts(const State& state, const Token& token, User wanted)
     return CKR_OK;
 }
 
-void rememberLogin(Token& token, User user, SecretText pin)
+/// Gives the login's number: somebody may log out right after. A session that has gone meanwhile would have taken the
+/// login along.
+CK_RV rememberLogin(const Session& session, User user, SecretText pin, unsigned long& login)
 {
     const std::scoped_lock lock(state().lock);
-    token.user = user;
-    token.pin = std::move(pin);
-    ++token.login;
+    const CK_RV result = checkStillOpen("C_Login", session, false);
+    if (result != CKR_OK)
+        return result;
+    session.token.user = user;
+    session.token.pin = std::move(pin);
+    login = ++session.token.login;
+    return CKR_OK;
 }
 
 /// Alone behind the gate, with no PIN in the module. The SO's login leaves the module again at once: it can do nothing
 /// there.
-CK_RV loginAlone(KeyGate::Stay& stay, Token& token, User user, const SecretText& pin)
+CK_RV loginAlone(KeyGate::Stay& stay, const Session& session, User user, const SecretText& pin)
 {
+    Token& token = session.token;
     {
         const std::scoped_lock lock(state().lock);
         const CK_RV result = checkConflicts(state(), token, user);
@@ -70,14 +77,13 @@ CK_RV loginAlone(KeyGate::Stay& stay, Token& token, User user, const SecretText&
     result = loginUnderneath(moduleSession, user == User::User ? CKU_USER : CKU_SO, pin);
     if (result != CKR_OK)
         return refuse(result, "C_Login: the PIN is refused, slotID=", token.slotID);
-    if (user == User::SecurityOfficer) {
+    unsigned long login = 0;
+    result = rememberLogin(session, user, user == User::User ? pin : SecretText(), login);
+    if (result == CKR_OK && user == User::User)
+        stay.holds().pin = {&token, login};
+    else
         module().C_Logout(moduleSession);
-        rememberLogin(token, user, {});
-        return CKR_OK;
-    }
-    rememberLogin(token, user, pin);
-    stay.holds().pin = pinOf(token);
-    return CKR_OK;
+    return result;
 }
 
 /// The device says nothing of why it does not change a PIN, but it does of why it refuses one at a login.
@@ -100,6 +106,7 @@ CK_RV changePinAlone(KeyGate::Stay& stay, Token& token, const SecretText& oldPin
     if (result != CKR_OK)
         return result;
     const std::scoped_lock lock(state().lock);
+    ++token.pinChanges;
     if (token.user == User::User)
         token.pin = newPin;
     return CKR_OK;
@@ -190,9 +197,9 @@ CK_RV login(Session& session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_UL
     CK_RV result = CKR_OK;
     {
         KeyGate::Stay stay = state().gate.enterAlone();
-        result = loginAlone(stay, token, user, pin);
+        result = loginAlone(stay, session, user, pin);
     }
-    result = causeOfFailure(token, result);
+    result = causeOfFailure(token, session.insertion, result);
     notePinAnswer(token, user, result);
     return result;
 }
@@ -226,7 +233,7 @@ CK_RV setPin(Session& session, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulOldLen, CK_UT
         KeyGate::Stay stay = state().gate.enterAlone();
         result = changePinAlone(stay, token, oldPin, newPin);
     }
-    result = causeOfFailure(token, result);
+    result = causeOfFailure(token, session.insertion, result);
     notePinAnswer(token, User::User, result);
     return result;
 }

@@ -56,10 +56,11 @@ struct Object {
     Token* token = nullptr;
     CK_OBJECT_CLASS objectClass = 0;
     CK_OBJECT_HANDLE moduleHandle = 0; ///< 0: only the front knows the object.
-    CK_SESSION_HANDLE owner = 0;       ///< The session that it goes with; 0: a token object.
+    unsigned long insertion = 0;       ///< Of the token, when the object got its handle.
     bool isPrivate = false;
 
     // Under State::lock.
+    CK_SESSION_HANDLE owner = 0; ///< The session that it goes with; 0: a token object.
     Fate fate = Fate::Live;
     bool ownsPair = false;    ///< The pair on the token goes with the session.
     bool followsPair = false; ///< A copy of the other half keeps the session's pair on the token; one of this may too.

@@ -17,6 +17,7 @@ namespace
 
 constexpr const char* CREATE = "C_CreateObject";
 constexpr const char* COPY = "C_CopyObject";
+constexpr const char* DESTROY = "C_DestroyObject";
 
 CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, const SecretBytes& value)
 {
@@ -41,13 +42,18 @@ CK_RV checkNames(const char* name, const Template& wanted)
     return CKR_OK;
 }
 
-/// The handle that the module gives stays 0 where the device does not list the new object.
-CK_RV createInModule(Session& session, std::vector<CK_ATTRIBUTE>& attributes, CK_OBJECT_HANDLE& created)
+/// The handle that the module gives stays 0 where the device does not list the new object. `adopt` is given it before
+/// the gate is left.
+template <typename Adopt>
+CK_RV createInModule(Session& session, std::vector<CK_ATTRIBUTE>& attributes, const Adopt& adopt)
 {
-    created = 0;
-    const CK_RV result = usePin(session.token, [&](CK_SESSION_HANDLE moduleSession) {
-        return module().C_CreateObject(moduleSession, attributes.data(), static_cast<CK_ULONG>(attributes.size()),
-                                       &created);
+    CK_OBJECT_HANDLE created = 0;
+    const CK_RV result = usePin(session.token, Needs::Login, [&](CK_SESSION_HANDLE moduleSession) {
+        const CK_RV status = module().C_CreateObject(moduleSession, attributes.data(),
+                                                     static_cast<CK_ULONG>(attributes.size()), &created);
+        if (status == CKR_OK && created != 0)
+            adopt(created);
+        return status;
     });
     if (result == CKR_DATA_INVALID)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": no certificate can be read from CKA_VALUE");
@@ -66,16 +72,13 @@ CK_RV storeCertificate(const char* name, Session& session, const SecretBytes& de
     std::vector<CK_ATTRIBUTE> attributes = {{CKA_CLASS, &objectClass, sizeof objectClass}, attribute(CKA_VALUE, der)};
     addIfGiven(attributes, CKA_LABEL, label);
     addIfGiven(attributes, CKA_ID, id);
-    CK_OBJECT_HANDLE created = 0;
-    result = createInModule(session, attributes, created);
-    if (result != CKR_OK)
-        return result;
-    const std::scoped_lock lock(state().lock);
-    const ObjectPtr object = objectOf(state(), session.token, created);
-    object->contents.reset(); // The device may have put it in the place of the same certificate.
-    object->isCopyable = wishes.isCopyable;
-    *phObject = object->handle;
-    return CKR_OK;
+    return createInModule(session, attributes, [&](CK_OBJECT_HANDLE created) {
+        const std::scoped_lock lock(state().lock);
+        const ObjectPtr object = objectOf(state(), session.token, created);
+        object->contents.reset(); // The device may have put it in the place of the same certificate.
+        object->isCopyable = wishes.isCopyable;
+        *phObject = object->handle;
+    });
 }
 
 CK_RV createCertificate(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -127,14 +130,18 @@ CK_RV renamePair(Session& session, CK_OBJECT_HANDLE half, const Template& wanted
     return names.empty() ? CKR_OK : setAttributeValue(session, half, names.data(), static_cast<CK_ULONG>(names.size()));
 }
 
-/// The token's own half of a pair, with the names of a template, and tied down as the host wishes.
-CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& wanted, const Wishes& wishes,
+/// The token's own half of a pair, by an object that stands for it, with the names of a template, and tied down as the
+/// host wishes.
+CK_RV giveHalf(const char* name, Session& session, const Object& source, const Template& wanted, const Wishes& wishes,
                CK_OBJECT_HANDLE_PTR phObject)
 {
     ObjectPtr object;
     {
         const std::scoped_lock lock(state().lock);
-        object = objectOf(state(), session.token, moduleHandle);
+        const CK_RV result = checkKnown(name, source, CKR_OBJECT_HANDLE_INVALID);
+        if (result != CKR_OK)
+            return result;
+        object = objectOf(state(), session.token, source.moduleHandle);
         object->fate = Fate::Live;
     }
     const CK_RV result = renamePair(session, object->handle, wanted);
@@ -148,13 +155,12 @@ CK_RV giveHalf(Session& session, CK_OBJECT_HANDLE moduleHandle, const Template& 
 }
 
 /// The token has public keys as halves of pairs only: to create one there is to name its pair.
-CK_RV nameHalfOfPair(Session& session, const Template& wanted, bool isThere, CK_ULONG number,
-                     CK_OBJECT_HANDLE_PTR phObject)
+CK_RV nameHalfOfPair(Session& session, const Template& wanted, const ObjectPtr& half, CK_OBJECT_HANDLE_PTR phObject)
 {
-    if (!isThere)
+    if (!half)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps public keys with their pair only");
     const CK_RV result = checkMayWrite(CREATE, session);
-    return result == CKR_OK ? giveHalf(session, PUBLIC_KEY_BASE + number, wanted, wishesOf(wanted), phObject) : result;
+    return result == CKR_OK ? giveHalf(CREATE, session, *half, wanted, wishesOf(wanted), phObject) : result;
 }
 
 CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -163,13 +169,12 @@ CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE
     CK_RV result = readPublicKey(wanted, *contents);
     if (result != CKR_OK)
         return result;
-    CK_ULONG number = 0;
-    bool isThere = false;
-    result = findPairOf(session.token, *contents, number, isThere);
+    ObjectPtr half;
+    result = findPairOf(session.token, *contents, half);
     if (result != CKR_OK)
         return result;
     if (wanted.flag(CKA_TOKEN, false))
-        return nameHalfOfPair(session, wanted, isThere, number, phObject);
+        return nameHalfOfPair(session, wanted, half, phObject);
     result = addSessionObject(CREATE, session, CKO_PUBLIC_KEY, wanted, contents, phObject);
     if (result != CKR_OK)
         return result;
@@ -178,8 +183,8 @@ CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE
     const auto set = [&](CK_ATTRIBUTE_TYPE type, bool able) {
         object.own[type] = {static_cast<unsigned char>(able && wanted.flag(type, true) ? CK_TRUE : CK_FALSE)};
     };
-    set(CKA_VERIFY, isThere);
-    set(CKA_ENCRYPT, isThere && contents->keyType == CKK_RSA);
+    set(CKA_VERIFY, half != nullptr);
+    set(CKA_ENCRYPT, half != nullptr && contents->keyType == CKK_RSA);
     object.own[CKA_LOCAL] = {CK_FALSE};
     object.own[CKA_KEY_GEN_MECHANISM] = bytesOfValue(CK_UNAVAILABLE_INFORMATION);
     object.own[CKA_EC_POINT] = derOctetString(contents->point);
@@ -229,13 +234,11 @@ CK_RV createPrivateKey(Session& session, const Template& wanted, CK_OBJECT_HANDL
                                             attribute(CKA_PRIME_1, values[2])};
     addIfGiven(attributes, CKA_LABEL, label);
     addIfGiven(attributes, CKA_ID, id);
-    CK_OBJECT_HANDLE created = 0;
-    result = createInModule(session, attributes, created);
-    if (result != CKR_OK)
-        return result;
-    CK_OBJECT_HANDLE publicKey = 0;
     const Wishes wishes = wishesOf(wanted);
-    return adoptPair(CREATE, session, created & PAIR_NUMBER, wishes, wishes, publicKey, *phObject);
+    NewPair pair(session, wishes, wishes);
+    result = createInModule(session, attributes, [&](CK_OBJECT_HANDLE created) { pair.adopt(created & PAIR_NUMBER); });
+    CK_OBJECT_HANDLE publicKey = 0;
+    return result == CKR_OK ? pair.finish(CREATE, publicKey, *phObject) : result;
 }
 
 CK_RV createData(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -267,6 +270,11 @@ CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& w
     if (isPrivate && !isUserLoggedIn(session.token))
         return refuse(CKR_USER_NOT_LOGGED_IN, COPY, ": the copy is private");
     const std::scoped_lock lock(state().lock);
+    CK_RV result = checkStillOpen(COPY, session, isPrivate);
+    if (result == CKR_OK)
+        result = checkKnown(COPY, *source, CKR_OBJECT_HANDLE_INVALID);
+    if (result != CKR_OK)
+        return result;
     auto copy = std::make_shared<Object>(*source);
     copy->owner = session.handle;
     copy->isPrivate = isPrivate;
@@ -286,10 +294,13 @@ CK_RV copyToSession(Session& session, const ObjectPtr& source, const Template& w
 
 /// A pair that was to go with its session stays on the token. The session's objects go on standing for it; the copy is
 /// what a search finds from now on.
-CK_OBJECT_HANDLE letPairStay(const Object& source, const Wishes& wishes)
+CK_RV letPairStay(const Object& source, const Wishes& wishes, CK_OBJECT_HANDLE_PTR phNewObject)
 {
     State& state = strict::state();
     const std::scoped_lock lock(state.lock);
+    const CK_RV result = checkKnown(COPY, source, CKR_OBJECT_HANDLE_INVALID);
+    if (result != CKR_OK)
+        return result;
     Token& token = *source.token;
     const CK_OBJECT_HANDLE number = source.moduleHandle & PAIR_NUMBER;
     for (const CK_OBJECT_HANDLE half : {PRIVATE_KEY_BASE + number, PUBLIC_KEY_BASE + number}) {
@@ -304,7 +315,8 @@ CK_OBJECT_HANDLE letPairStay(const Object& source, const Wishes& wishes)
     copy->contents = source.contents;
     copy->isModifiable = wishes.isModifiable;
     copy->isCopyable = wishes.isCopyable;
-    return copy->handle;
+    *phNewObject = copy->handle;
+    return CKR_OK;
 }
 
 CK_RV keepPair(Session& session, const ObjectPtr& source, const View& view, const Template& wanted,
@@ -316,9 +328,7 @@ CK_RV keepPair(Session& session, const ObjectPtr& source, const View& view, cons
     if (result != CKR_OK)
         return result;
     result = renamePair(session, source->handle, wanted);
-    if (result == CKR_OK)
-        *phNewObject = letPairStay(*source, wishesOfCopy(view, wanted));
-    return result;
+    return result == CKR_OK ? letPairStay(*source, wishesOfCopy(view, wanted), phNewObject) : result;
 }
 
 /// Whether the half of a former session pair has yet to follow the other one, which a copy keeps on the token.
@@ -337,7 +347,7 @@ CK_RV followPair(Session& session, const ObjectPtr& source, const View& view, co
     if (result == CKR_OK) // Another process may have put another pair in its place.
         result = readContents(COPY, session.token, source, CKR_OBJECT_HANDLE_INVALID);
     if (result == CKR_OK)
-        result = giveHalf(session, source->moduleHandle, wanted, wishesOfCopy(view, wanted), phNewObject);
+        result = giveHalf(COPY, session, *source, wanted, wishesOfCopy(view, wanted), phNewObject);
     const std::scoped_lock lock(state().lock);
     source->followsPair = result != CKR_OK;
     return result;
@@ -418,85 +428,66 @@ void noteNewNames(const Object& changed, const Template& wanted)
 
 CK_RV changeOnDevice(Session& session, const ObjectPtr& object, const View& view, const Template& wanted)
 {
-    CK_RV result = object->owner == 0 ? checkMayWrite("C_SetAttributeValue", session) : CKR_OK;
+    CK_RV result = view.isTokenObject ? checkMayWrite("C_SetAttributeValue", session) : CKR_OK;
     if (result != CKR_OK)
         return result;
     std::vector<CK_ATTRIBUTE> attributes(wanted.entries().begin(), wanted.entries().end());
     const CK_ULONG number = object->moduleHandle & PAIR_NUMBER;
     result = changePair(session.token, number, view.contents->identity, [&](CK_SESSION_HANDLE moduleSession) {
-        return module().C_SetAttributeValue(moduleSession, PRIVATE_KEY_BASE + number, attributes.data(),
-                                            static_cast<CK_ULONG>(attributes.size()));
+        const CK_RV status = module().C_SetAttributeValue(moduleSession, PRIVATE_KEY_BASE + number, attributes.data(),
+                                                          static_cast<CK_ULONG>(attributes.size()));
+        if (status == CKR_OK)
+            noteNewNames(*object, wanted);
+        return status;
     });
-    if (result == CKR_OK)
-        noteNewNames(*object, wanted);
     return result == CKR_KEY_HANDLE_INVALID ? CKR_OBJECT_HANDLE_INVALID : result;
 }
 
-void forgetObject(const ObjectPtr& object)
+void forgetObject(const Object& object)
 {
     const std::scoped_lock lock(state().lock);
-    const auto mapped = object->token->tokenObjects.find(object->moduleHandle);
-    if (mapped != object->token->tokenObjects.end() && mapped->second == object)
-        object->token->tokenObjects.erase(mapped);
-    state().objects.erase(object->handle);
+    const auto mapped = object.token->tokenObjects.find(object.moduleHandle);
+    if (mapped != object.token->tokenObjects.end() && mapped->second.get() == &object)
+        object.token->tokenObjects.erase(mapped);
+    state().objects.erase(object.handle);
 }
 
-/// Every object of a pair that is gone goes too; a public half may still be destroyed once by the host.
-void forgetPair(const Object& privateKey)
+CK_RV destroyCertificate(Session& session, const ObjectPtr& object)
 {
-    State& state = strict::state();
-    const std::scoped_lock lock(state.lock);
-    Token& token = *privateKey.token;
-    const CK_OBJECT_HANDLE number = privateKey.moduleHandle & PAIR_NUMBER;
-    std::erase_if(token.tokenObjects, [&](const auto& entry) {
-        return isKey(entry.second->objectClass) && (entry.first & PAIR_NUMBER) == number;
-    });
-    std::erase_if(state.objects, [&](const auto& entry) {
-        Object& object = *entry.second;
-        if (object.token != &token || object.moduleHandle == 0 || !isKey(object.objectClass) ||
-            (object.moduleHandle & PAIR_NUMBER) != number)
-            return false;
-        if (object.objectClass == CKO_PUBLIC_KEY && object.fate == Fate::Live) {
-            object.fate = Fate::HalfGone;
-            return false;
+    const CK_RV result = readContents(DESTROY, session.token, object, CKR_OBJECT_HANDLE_INVALID);
+    if (result != CKR_OK)
+        return result;
+    return changeObjects(session.token, [&](KeyGate::Stay& /*stay*/, CK_SESSION_HANDLE moduleSession) {
+        CK_RV status = CKR_OK;
+        {
+            const std::scoped_lock lock(state().lock);
+            status = checkKnown(DESTROY, *object, CKR_OBJECT_HANDLE_INVALID);
         }
-        return true;
+        if (status == CKR_OK)
+            status = module().C_DestroyObject(moduleSession, object->moduleHandle);
+        if (status != CKR_OK)
+            return status;
+        forgetObject(*object);
+        const std::scoped_lock lock(state().lock);
+        noteGone(session.token, object->moduleHandle);
+        return CKR_OK;
     });
 }
 
-CK_RV destroyOnDevice(Session& session, const ObjectPtr& object)
+CK_RV destroyPair(Session& session, const ObjectPtr& privateKey)
 {
     View view;
-    CK_RV result = isKey(object->objectClass)
-                       ? viewWithContents("C_DestroyObject", session.token, object, CKR_OBJECT_HANDLE_INVALID, view)
-                       : readContents("C_DestroyObject", session.token, object, CKR_OBJECT_HANDLE_INVALID);
+    CK_RV result = viewWithContents(DESTROY, session.token, privateKey, CKR_OBJECT_HANDLE_INVALID, view);
     if (result != CKR_OK)
         return result;
-    const auto destroy = [&](CK_SESSION_HANDLE moduleSession) {
-        return module().C_DestroyObject(moduleSession, object->moduleHandle);
-    };
-    if (object->objectClass == CKO_CERTIFICATE) {
-        result = usePin(session.token, destroy);
-        if (result == CKR_OK)
-            forgetObject(object);
-        return result;
-    }
-    result = changePair(session.token, object->moduleHandle & PAIR_NUMBER, view.contents->identity, destroy);
-    if (result == CKR_OK)
-        forgetPair(*object);
-    return result == CKR_KEY_HANDLE_INVALID ? CKR_OBJECT_HANDLE_INVALID : result;
-}
-
-/// Takes a fresh pair that cannot be read off the token again, so that none is left there that nobody knows of.
-void withdrawPair(const char* name, Token& token, CK_ULONG number, const ObjectPtr (&halves)[2])
-{
-    for (const ObjectPtr& half : halves)
-        forgetObject(half);
-    const CK_RV result = changeKeys(token, [&](KeyGate::Stay& /*stay*/, CK_SESSION_HANDLE session) {
-        return module().C_DestroyObject(session, PRIVATE_KEY_BASE + number);
+    const CK_ULONG number = privateKey->moduleHandle & PAIR_NUMBER;
+    result = changePair(session.token, number, view.contents->identity, [&](CK_SESSION_HANDLE moduleSession) {
+        const CK_RV status = module().C_DestroyObject(moduleSession, privateKey->moduleHandle);
+        if (status == CKR_OK)
+            forgetPair(session.token, number);
+        return status;
     });
-    if (result != CKR_OK)
-        logError(name, ": the new key pair can be neither read nor deleted, number=", number, " : ", result);
+    return result == CKR_KEY_HANDLE_INVALID ? CKR_OBJECT_HANDLE_INVALID : result;
 }
 
 /// A public half whose pair is gone already: the host, who knows two objects, may destroy this one too.
@@ -512,6 +503,25 @@ bool takeHalfGone(const Session& session, CK_OBJECT_HANDLE hObject)
 }
 
 } // namespace
+
+void forgetPair(Token& token, CK_ULONG number)
+{
+    State& state = strict::state();
+    const std::scoped_lock lock(state.lock);
+    noteGone(token, PUBLIC_KEY_BASE + number); // By which pairs are searched.
+    std::erase_if(token.tokenObjects, [&](const auto& entry) {
+        return isKey(entry.second->objectClass) && (entry.first & PAIR_NUMBER) == number;
+    });
+    std::erase_if(state.objects, [&](const auto& entry) {
+        Object& object = *entry.second;
+        if (object.token != &token || object.moduleHandle == 0 || !isKey(object.objectClass) ||
+            (object.moduleHandle & PAIR_NUMBER) != number)
+            return false;
+        if (object.objectClass == CKO_PUBLIC_KEY && object.fate == Fate::Live)
+            object.fate = Fate::HalfGone;
+        return object.fate != Fate::HalfGone;
+    });
+}
 
 CK_RV checkMayWrite(const char* name, const Session& session)
 {
@@ -555,41 +565,90 @@ CK_RV addSessionObject(const char* name, Session& session, CK_OBJECT_CLASS objec
     if (object->isPrivate && !isUserLoggedIn(session.token))
         return refuse(CKR_USER_NOT_LOGGED_IN, name, ": the object is private");
     const std::scoped_lock lock(state().lock);
-    *phObject = addObject(state(), std::move(object))->handle;
-    return CKR_OK;
+    const CK_RV result = checkStillOpen(name, session, object->isPrivate);
+    if (result == CKR_OK)
+        *phObject = addObject(state(), std::move(object))->handle;
+    return result;
 }
 
-CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishes& ofPublic, const Wishes& ofPrivate,
-                CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey)
+NewPair::NewPair(Session& session, const Wishes& ofPublic, const Wishes& ofPrivate)
+    : session_(session), ofPublic_(ofPublic), ofPrivate_(ofPrivate)
+{
+    const std::scoped_lock lock(state().lock);
+    lastObject_ = state().lastObject;
+    pin_ = keepPin(session.token);
+}
+
+/// Another call may have found the pair already: then the objects are there.
+void NewPair::adopt(CK_ULONG number)
 {
     State& state = strict::state();
-    ObjectPtr halves[2];
-    {
-        const std::scoped_lock lock(state.lock);
-        const Wishes* wishes[] = {&ofPublic, &ofPrivate};
-        const CK_OBJECT_HANDLE bases[] = {PUBLIC_KEY_BASE, PRIVATE_KEY_BASE};
-        for (std::size_t half = 0; half < 2; ++half) {
-            // What stood for a former pair of that number stands for nothing any more.
-            const auto old = session.token.tokenObjects.find(bases[half] + number);
-            if (old != session.token.tokenObjects.end()) {
-                state.objects.erase(old->second->handle);
-                session.token.tokenObjects.erase(old);
-            }
-            halves[half] = objectOf(state, session.token, bases[half] + number);
-            halves[half]->isModifiable = wishes[half]->isModifiable;
-            halves[half]->isCopyable = wishes[half]->isCopyable;
-            // The pair is one thing on the token: the private half decides where it stays.
-            halves[half]->owner = ofPrivate.onToken ? 0 : session.handle;
-            halves[half]->ownsPair = !ofPrivate.onToken;
+    const std::scoped_lock lock(state.lock);
+    const auto half = [&](CK_OBJECT_HANDLE base, const Wishes& wishes) {
+        const auto old = session_.token.tokenObjects.find(base + number);
+        if (old != session_.token.tokenObjects.end() && old->second->handle <= lastObject_) {
+            state.objects.erase(old->second->handle); // Of a pair that another process has deleted.
+            session_.token.tokenObjects.erase(old);
         }
+        ObjectPtr object = objectOf(state, session_.token, base + number);
+        object->isModifiable = wishes.isModifiable;
+        object->isCopyable = wishes.isCopyable;
+        // The pair is one thing on the token: the private half decides where it stays.
+        object->owner = ofPrivate_.onToken ? 0 : session_.handle;
+        object->ownsPair = !ofPrivate_.onToken;
+        return object;
+    };
+    publicKey_ = half(PUBLIC_KEY_BASE, ofPublic_);
+    privateKey_ = half(PRIVATE_KEY_BASE, ofPrivate_);
+    removals_ = session_.token.removals;
+}
+
+CK_RV NewPair::read(const char* name)
+{
+    const CK_RV result = readContents(name, session_.token, privateKey_, CKR_FUNCTION_FAILED);
+    const std::scoped_lock lock(state().lock);
+    const CK_RV cause = checkStillOpen(name, session_, true);
+    return cause == CKR_OK ? result : cause;
+}
+
+/// None is left on the token that nobody knows of, be it that it cannot be read or that its session or login is over.
+void NewPair::withdraw(const char* name)
+{
+    Token& token = session_.token;
+    const CK_OBJECT_HANDLE handle = privateKey_->moduleHandle;
+    CK_RV result = CKR_OK;
+    {
+        KeyGate::Stay stay = state().gate.enterAlone();
+        {
+            const std::scoped_lock lock(state().lock);
+            const bool isKnown = state().objects.contains(privateKey_->handle);
+            const bool isDoomed = !isKnown && privateKey_->contents; // With its session or login.
+            if (isDoomed || hasGoneSince(token, publicKey_->moduleHandle, removals_))
+                return;
+        }
+        result = putKeptPinInForce(stay, token, pin_);
+        if (result == CKR_OK)
+            result = module().C_DestroyObject(token.loginSession, handle);
+        stay.holds().pair.reset();
+        for (const ObjectPtr& half : {publicKey_, privateKey_})
+            forgetObject(*half);
+        if (result == CKR_OK)
+            forgetPair(token, handle - PRIVATE_KEY_BASE);
     }
-    const CK_RV result = readContents(name, session.token, halves[1], CKR_FUNCTION_FAILED);
+    if (result != CKR_OK)
+        logError(name, ": the new key pair can be neither read nor deleted, number=", handle - PRIVATE_KEY_BASE, " : ",
+                 result);
+}
+
+CK_RV NewPair::finish(const char* name, CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey)
+{
+    const CK_RV result = read(name);
     if (result != CKR_OK) {
-        withdrawPair(name, session.token, number, halves);
+        withdraw(name);
         return result;
     }
-    publicKey = halves[0]->handle;
-    privateKey = halves[1]->handle;
+    publicKey = publicKey_->handle;
+    privateKey = privateKey_->handle;
     return CKR_OK;
 }
 
@@ -650,13 +709,13 @@ CK_RV destroyObject(Session& session, CK_OBJECT_HANDLE hObject)
     if (takeHalfGone(session, hObject))
         return CKR_OK;
     ObjectPtr object;
-    CK_RV result = findObject("C_DestroyObject", session, hObject, CKR_OBJECT_HANDLE_INVALID, object);
-    if (result == CKR_OK && object->owner == 0)
-        result = checkMayWrite("C_DestroyObject", session);
+    CK_RV result = findObject(DESTROY, session, hObject, CKR_OBJECT_HANDLE_INVALID, object);
+    if (result == CKR_OK && viewOf(*object).isTokenObject)
+        result = checkMayWrite(DESTROY, session);
     if (result != CKR_OK)
         return result;
     if (!staysOnDevice(*object)) {
-        forgetObject(object);
+        forgetObject(*object);
         return CKR_OK;
     }
     if (object->objectClass == CKO_PUBLIC_KEY) { // It goes with its private half; until then it is out of sight.
@@ -664,7 +723,7 @@ CK_RV destroyObject(Session& session, CK_OBJECT_HANDLE hObject)
         object->fate = Fate::Hidden;
         return CKR_OK;
     }
-    return destroyOnDevice(session, object);
+    return isKey(object->objectClass) ? destroyPair(session, object) : destroyCertificate(session, object);
 }
 
 CK_RV setAttributeValue(Session& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)

@@ -142,18 +142,21 @@ void shareContents(Object& object)
         other->second->contents = object.contents;
 }
 
-/// Keeps what has been read, unless the object has become another one: then it is gone.
-bool keepContents(State& state, Object& object, std::shared_ptr<const Contents> contents)
+/// Keeps what has been read, unless it may be another object's: the number of one that is gone is given again.
+CK_RV keepContents(const char* name, Object& object, std::shared_ptr<const Contents> contents, CK_RV code)
 {
+    State& state = strict::state();
     const std::scoped_lock lock(state.lock);
-    const bool isSame = !object.contents || object.contents->identity == contents->identity;
-    if (isSame) {
-        object.contents = std::move(contents);
-        shareContents(object);
-    } else {
+    const CK_RV result = checkKnown(name, object, code);
+    if (result != CKR_OK)
+        return result;
+    if (object.contents && object.contents->identity != contents->identity) {
         forget(state, object);
+        return refuse(code, name, ": another object has taken its place, handle=", object.handle);
     }
-    return isSame;
+    object.contents = std::move(contents);
+    shareContents(object);
+    return CKR_OK;
 }
 
 void forgetGone(State& state, const Object& object)
@@ -182,7 +185,7 @@ void takeObjects(State& state, const IsMeant& isMeant, RemovedThings& removed)
         if (object->ownsPair && object->objectClass == CKO_PRIVATE_KEY && object->fate == Fate::Live &&
             object->contents)
             removed.doomed.push_back(
-                {object->token, object->moduleHandle, object->contents->identity, object->token->pin});
+                {object->token, object->moduleHandle, object->contents->identity, keepPin(*object->token)});
         removed.objects.push_back(object);
         forget(state, *object);
     }
@@ -231,6 +234,7 @@ CK_RV findObject(const char* name, const Session& session, CK_OBJECT_HANDLE hObj
 ObjectPtr addObject(State& state, ObjectPtr object)
 {
     object->handle = ++state.lastObject;
+    object->insertion = object->token->insertion;
     state.objects.emplace(object->handle, object);
     return object;
 }
@@ -274,11 +278,7 @@ CK_RV readContents(const char* name, Token& token, const ObjectPtr& object, CK_R
         forgetGone(state(), *object);
         return refuse(code, name, ": the object is no longer there, handle=", object->handle);
     }
-    if (result != CKR_OK)
-        return result;
-    if (!keepContents(state(), *object, std::move(contents)))
-        return refuse(code, name, ": another object has taken its place, handle=", object->handle);
-    return CKR_OK;
+    return result == CKR_OK ? keepContents(name, *object, std::move(contents), code) : result;
 }
 
 CK_RV viewWithContents(const char* name, Token& token, const ObjectPtr& object, CK_RV code, View& view)
@@ -306,7 +306,7 @@ CK_RV searchModule(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE>& criteri
     return result;
 }
 
-CK_RV findPairOf(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere)
+CK_RV findPairNumber(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere)
 {
     // The device has a modulus bare or in DER, and a point bare.
     std::vector<SecretBytes> forms;
@@ -336,6 +336,45 @@ CK_RV findPairOf(Token& token, const Contents& publicKey, CK_ULONG& number, bool
     });
 }
 
+CK_RV findPairOf(Token& token, const Contents& publicKey, ObjectPtr& half)
+{
+    half.reset();
+    CK_ULONG number = 0;
+    bool isThere = false;
+    const unsigned long removals = removalsOf(token);
+    const CK_RV result = findPairNumber(token, publicKey, number, isThere);
+    const std::scoped_lock lock(state().lock);
+    if (isThere && !hasGoneSince(token, PUBLIC_KEY_BASE + number, removals))
+        half = objectOf(state(), token, PUBLIC_KEY_BASE + number);
+    return result;
+}
+
+unsigned long removalsOf(const Token& token)
+{
+    const std::scoped_lock lock(state().lock);
+    return token.removals;
+}
+
+bool hasGoneSince(const Token& token, CK_OBJECT_HANDLE moduleHandle, unsigned long removals)
+{
+    const auto freed = token.freed.find(moduleHandle);
+    return token.allFreed > removals || (freed != token.freed.end() && freed->second > removals);
+}
+
+void noteGone(Token& token, CK_OBJECT_HANDLE moduleHandle)
+{
+    token.freed[moduleHandle] = ++token.removals;
+}
+
+CK_RV checkKnown(const char* name, const Object& object, CK_RV code)
+{
+    if (state().objects.contains(object.handle))
+        return CKR_OK;
+    if (object.token->insertion != object.insertion || !object.token->isPresent)
+        return refuse(CKR_DEVICE_REMOVED, "The token was removed meanwhile, slotID=", object.token->slotID);
+    return refuse(code, name, ": the object is no longer there, handle=", object.handle);
+}
+
 void takeObjectsOfSession(State& state, const Session& session, RemovedThings& removed)
 {
     takeObjects(
@@ -347,6 +386,8 @@ void takeObjectsOfToken(State& state, Token& token, RemovedThings& removed)
     takeObjects(
         state, [&](const Object& object) { return object.token == &token; }, removed);
     token.tokenObjects.clear();
+    token.freed.clear();
+    token.allFreed = ++token.removals;
 }
 
 void takeSessionPairs(State& state, RemovedThings& removed)

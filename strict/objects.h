@@ -5,6 +5,7 @@
 
 #include "cryptoki.h"
 #include "strict/attributes.h"
+#include "strict/device_access.h"
 #include "strict/object.h"
 #include "strict/state.h"
 
@@ -29,8 +30,24 @@ CK_RV readContents(const char* name, Token& token, const ObjectPtr& object, CK_R
 /// Reads the contents unless they are known, and gives a view of them.
 CK_RV viewWithContents(const char* name, Token& token, const ObjectPtr& object, CK_RV code, View& view);
 
-/// Finds the key pair on the token that has this public key. False when there is none.
-CK_RV findPairOf(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere);
+/// Finds the number of the key pair on the token that has this public key.
+CK_RV findPairNumber(Token& token, const Contents& publicKey, CK_ULONG& number, bool& isThere);
+
+/// Finds the public half of that pair; null when there is none.
+CK_RV findPairOf(Token& token, const Contents& publicKey, ObjectPtr& half);
+
+/// Whether nothing has made the object go. What the front deletes, it forgets before it leaves the gate, so that behind
+/// it a known object's number is still its own. `code` answers for one that has gone. Under State::lock.
+CK_RV checkKnown(const char* name, const Object& object, CK_RV code);
+
+/// What a search of the module begins with.
+unsigned long removalsOf(const Token& token);
+
+/// Whether an object that had that number has gone since then: it may be another's. Under State::lock.
+bool hasGoneSince(const Token& token, CK_OBJECT_HANDLE moduleHandle, unsigned long removals);
+
+/// Notes that the number of a deleted object is free. Alone behind the gate, and under State::lock.
+void noteGone(Token& token, CK_OBJECT_HANDLE moduleHandle);
 
 /// Adds an object of the front's own, or one for a fresh object of the module.
 ObjectPtr addObject(State& state, ObjectPtr object);
@@ -66,9 +83,33 @@ struct Wishes {
 };
 Wishes wishesOf(const Template& wanted);
 
-/// Gives the objects of a pair that has just come to the token, and reads them.
-CK_RV adoptPair(const char* name, Session& session, CK_ULONG number, const Wishes& ofPublic, const Wishes& ofPrivate,
-                CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey);
+/// A key pair that a call brings to the token: it becomes two objects, or is taken off the token again.
+class NewPair
+{
+public:
+    /// Before the pair is there.
+    NewPair(Session& session, const Wishes& ofPublic, const Wishes& ofPrivate);
+    /// Once it is there, and before the gate is left.
+    void adopt(CK_ULONG number);
+    /// Reads the pair; not from behind the gate.
+    CK_RV finish(const char* name, CK_OBJECT_HANDLE& publicKey, CK_OBJECT_HANDLE& privateKey);
+
+private:
+    CK_RV read(const char* name);
+    void withdraw(const char* name);
+
+    Session& session_;
+    Wishes ofPublic_;
+    Wishes ofPrivate_;
+    CK_OBJECT_HANDLE lastObject_; ///< All handles up to it stand for what was there before.
+    KeptPin pin_;
+    unsigned long removals_ = 0; ///< Token::removals when the pair was there.
+    ObjectPtr publicKey_;
+    ObjectPtr privateKey_;
+};
+
+/// Every object of a pair that is gone goes too; a public half may still be destroyed once by the host.
+void forgetPair(Token& token, CK_ULONG number);
 
 /// Whether the session may change token objects, and whether the user is there whose PIN the device wants.
 CK_RV checkMayWrite(const char* name, const Session& session);

@@ -61,6 +61,12 @@ inline void deliver(Output output, const SecretBytes& result)
     *output.length = static_cast<CK_ULONG>(result.size());
 }
 
+/// An operation whose key has gone: the standard has no code for a key here.
+inline CK_RV withoutKey(CK_RV result)
+{
+    return result == CKR_KEY_HANDLE_INVALID ? CKR_FUNCTION_FAILED : result;
+}
+
 inline CK_RV refuseParts(const char* name)
 {
     return refuse(CKR_OPERATION_ACTIVE, name, ": an operation in one part is active");

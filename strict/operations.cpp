@@ -47,16 +47,12 @@ CK_RV findPair(const Use& use, Token& token, const Object& key, KeyOperation& op
         operation.pair = key.moduleHandle & PAIR_NUMBER;
         return CKR_OK;
     }
-    bool isThere = false;
-    CK_RV result = findPairOf(token, *operation.contents, operation.pair, isThere);
+    CK_RV result = findPairOf(token, *operation.contents, operation.key);
     if (result != CKR_OK)
         return result;
-    if (!isThere)
+    if (!operation.key)
         return refuse(CKR_KEY_FUNCTION_NOT_PERMITTED, use.name, ": the pair of this public key is not on the token");
-    {
-        const std::scoped_lock lock(state().lock);
-        operation.key = objectOf(state(), token, PUBLIC_KEY_BASE + operation.pair);
-    }
+    operation.pair = operation.key->moduleHandle & PAIR_NUMBER;
     View view;
     result = viewWithContents(use.name, token, operation.key, CKR_KEY_HANDLE_INVALID, view);
     operation.contents = view.contents;
@@ -90,7 +86,7 @@ CK_RV HashRun::update(Token& token, Bytes data)
         result = module().C_DigestInit(session.handle(), &mechanism);
         if (result != CKR_OK) {
             session.spoil();
-            return causeOfFailure(token, result);
+            return causeOfFailure(token, session.insertion(), result);
         }
         session_ = std::move(session);
     }
@@ -99,7 +95,7 @@ CK_RV HashRun::update(Token& token, Bytes data)
         result = module().C_DigestUpdate(session_.handle(), inputPointer(piece), static_cast<CK_ULONG>(piece.size()));
         data = data.subspan(piece.size());
     }
-    return result == CKR_OK ? CKR_OK : causeOfFailure(token, result);
+    return result == CKR_OK ? CKR_OK : causeOfFailure(token, session_.insertion(), result);
 }
 
 CK_RV HashRun::finish(Token& token, SecretBytes& result)
@@ -114,7 +110,7 @@ CK_RV HashRun::finish(Token& token, SecretBytes& result)
     const CK_RV status = module().C_DigestFinal(session.handle(), result.data(), &length);
     if (status != CKR_OK) {
         session.spoil();
-        return causeOfFailure(token, status);
+        return causeOfFailure(token, session.insertion(), status);
     }
     result.resize(length);
     return CKR_OK;

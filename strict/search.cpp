@@ -97,7 +97,7 @@ CK_RV findInModule(Token& token, Query query, std::vector<CK_OBJECT_HANDLE>& fou
 {
     const auto work = [&](CK_SESSION_HANDLE session) { return runQuery(session, query, found); };
     if (query.criterion != nullptr && query.criterion->needsPin)
-        return usePin(token, work);
+        return usePin(token, Needs::Nothing, work);
     const CK_RV result = useToken(token, work);
     if (result != CKR_OK || !found.empty() || query.criterion == nullptr || query.criterion->asked != CKA_MODULUS)
         return result;
@@ -106,7 +106,7 @@ CK_RV findInModule(Token& token, Query query, std::vector<CK_OBJECT_HANDLE>& fou
     contents.modulus = query.value;
     CK_ULONG number = 0;
     bool isThere = false;
-    const CK_RV again = findPairOf(token, contents, number, isThere);
+    const CK_RV again = findPairNumber(token, contents, number, isThere);
     if (isThere)
         found.push_back(PUBLIC_KEY_BASE + number);
     return again;
@@ -119,45 +119,58 @@ struct Candidate {
 };
 constexpr CK_ATTRIBUTE_TYPE NOTHING = CK_UNAVAILABLE_INFORMATION;
 
-void addCandidate(State& state, Token& token, CK_OBJECT_HANDLE moduleHandle, const Query& query,
-                  std::vector<Candidate>& candidates)
+/// Makes candidates of what a look into the module found that began at that count of removals.
+class Finds
 {
-    const ObjectPtr object = objectOf(state, token, moduleHandle);
-    if (object->fate == Fate::Live)
-        candidates.push_back({object, query.criterion != nullptr ? query.criterion->asked : NOTHING});
-}
+public:
+    Finds(Token& token, Query query, std::vector<Candidate>& candidates)
+        : token_(token), query_(std::move(query)), candidates_(candidates), removals_(removalsOf(token))
+    {
+    }
+
+    CK_RV look() { return findInModule(token_, query_, found_); }
+
+    /// Under State::lock. `change` leads from the handles that were found to those of the objects.
+    void add(CK_OBJECT_HANDLE change = 0)
+    {
+        for (const CK_OBJECT_HANDLE handle : found_) {
+            if (hasGoneSince(token_, handle, removals_))
+                continue;
+            const ObjectPtr object = objectOf(state(), token_, handle - change);
+            if (object->fate == Fate::Live)
+                candidates_.push_back({object, query_.criterion != nullptr ? query_.criterion->asked : NOTHING});
+        }
+    }
+
+private:
+    Token& token_;
+    Query query_;
+    std::vector<Candidate>& candidates_;
+    unsigned long removals_;
+    std::vector<CK_OBJECT_HANDLE> found_;
+};
 
 /// The module is asked for public keys also where private ones are wanted: they are the same pairs, and their login is
 /// the front's to know.
 CK_RV addKeysOfToken(Session& session, const Template& wanted, CK_OBJECT_CLASS objectClass,
                      std::vector<Candidate>& candidates)
 {
-    Token& token = session.token;
-    const Query query = queryFor(CKO_PUBLIC_KEY, wanted);
-    std::vector<CK_OBJECT_HANDLE> found;
-    const CK_RV result = findInModule(token, query, found);
-    State& state = strict::state();
-    const std::scoped_lock lock(state.lock);
-    for (const CK_OBJECT_HANDLE handle : found) {
-        if (objectClass != CKO_PRIVATE_KEY)
-            addCandidate(state, token, handle, query, candidates);
-    }
-    for (const CK_OBJECT_HANDLE handle : found) {
-        if (objectClass != CKO_PUBLIC_KEY && token.user == User::User)
-            addCandidate(state, token, handle - PUBLIC_KEY_BASE + PRIVATE_KEY_BASE, query, candidates);
-    }
+    Finds finds(session.token, queryFor(CKO_PUBLIC_KEY, wanted), candidates);
+    const CK_RV result = finds.look();
+    const std::scoped_lock lock(state().lock);
+    if (objectClass != CKO_PRIVATE_KEY)
+        finds.add();
+    if (objectClass != CKO_PUBLIC_KEY && session.token.user == User::User)
+        finds.add(PUBLIC_KEY_BASE - PRIVATE_KEY_BASE);
     return result;
 }
 
 CK_RV addCertificatesOfToken(Session& session, const Template& wanted, std::vector<Candidate>& candidates)
 {
-    const Query query = queryFor(CKO_CERTIFICATE, wanted);
-    std::vector<CK_OBJECT_HANDLE> found;
-    const CK_RV result = findInModule(session.token, query, found);
-    State& state = strict::state();
-    const std::scoped_lock lock(state.lock);
-    for (const CK_OBJECT_HANDLE handle : found)
-        addCandidate(state, session.token, handle, query, candidates);
+    Finds finds(session.token, queryFor(CKO_CERTIFICATE, wanted), candidates);
+    const CK_RV result = finds.look();
+    const std::scoped_lock lock(state().lock);
+    finds.add();
     return result;
 }
 

@@ -75,6 +75,8 @@ CK_RV addSession(State& state, Token& token, CK_FLAGS flags, CK_SESSION_HANDLE_P
 {
     const bool isReadWrite = (flags & CKF_RW_SESSION) != 0;
     const std::scoped_lock lock(state.lock);
+    if (!token.isPresent)
+        return refuse(CKR_TOKEN_NOT_PRESENT, "C_OpenSession: no token in slotID=", token.slotID);
     if (!isReadWrite && token.user == User::SecurityOfficer)
         return refuse(CKR_SESSION_READ_WRITE_SO_EXISTS, "C_OpenSession: the SO is logged in, flags=", flags);
     const CK_SESSION_HANDLE handle = ++state.lastSession;
@@ -86,21 +88,16 @@ CK_RV addSession(State& state, Token& token, CK_FLAGS flags, CK_SESSION_HANDLE_P
 /// Deletes the pair, if it still is the one that the session made.
 CK_RV deleteAlone(KeyGate::Stay& stay, const DoomedPair& pair)
 {
-    CK_SESSION_HANDLE session = 0;
-    if (!(stay.holds().pin == pinOf(*pair.token)) || stay.holds().pin.token == nullptr) {
-        dropPin(stay);
-        CK_RV result = loginSessionOf(*pair.token, session);
-        if (result == CKR_OK)
-            result = loginUnderneath(session, CKU_USER, pair.pin);
-        if (result != CKR_OK)
-            return result;
-        stay.holds().pin = {pair.token, 0}; // No login has this number: the next call takes the PIN away.
-    }
-    session = pair.token->loginSession;
+    CK_RV result = putKeptPinInForce(stay, *pair.token, pair.pin);
+    if (result != CKR_OK)
+        return result;
+    const CK_SESSION_HANDLE session = pair.token->loginSession;
     const PairId id{pair.token, pair.privateKey - PRIVATE_KEY_BASE};
-    CK_RV result = lookUpPair(stay, session, id, pair.identity);
+    result = lookUpPair(stay, session, id, pair.identity);
     if (result == CKR_OK)
         result = module().C_DestroyObject(session, pair.privateKey);
+    if (result == CKR_OK)
+        forgetPair(*pair.token, id.number);
     stay.holds().pair.reset();
     return result;
 }
@@ -198,6 +195,17 @@ void destroyPairsAtExit() noexcept
     } catch (...) {
         logError("Key pairs of sessions were not deleted at the end of the process");
     }
+}
+
+CK_RV checkStillOpen(const char* name, const Session& session, bool isPrivate)
+{
+    if (session.token.insertion != session.insertion || !session.token.isPresent)
+        return refuse(CKR_DEVICE_REMOVED, "The token was removed meanwhile, slotID=", session.token.slotID);
+    if (!state().sessions.contains(session.handle))
+        return refuse(CKR_SESSION_CLOSED, name, ": the session has been closed meanwhile");
+    if (isPrivate && session.token.user != User::User)
+        return refuse(CKR_USER_NOT_LOGGED_IN, "The user has logged out meanwhile, slotID=", session.token.slotID);
+    return CKR_OK;
 }
 
 CK_STATE stateOf(const Session& session)

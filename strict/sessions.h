@@ -14,13 +14,15 @@ namespace velkor::strict
 {
 
 struct Session {
+    /// Under State::lock.
     Session(CK_SESSION_HANDLE newHandle, Token& itsToken, bool mayWrite)
-        : handle(newHandle), token(itsToken), isReadWrite(mayWrite)
+        : handle(newHandle), token(itsToken), insertion(itsToken.insertion), isReadWrite(mayWrite)
     {
     }
 
     const CK_SESSION_HANDLE handle;
     Token& token;
+    const unsigned long insertion; ///< That of its token.
     const bool isReadWrite;
     std::mutex use; ///< Held by the call that uses the session; guards its operations.
     Operations operations;
@@ -31,7 +33,7 @@ struct DoomedPair {
     Token* token = nullptr;
     CK_OBJECT_HANDLE privateKey = 0;
     SecretBytes identity;
-    SecretText pin;
+    KeptPin pin;
 };
 
 /// What has been taken out of the front's tables under its lock, and is released outside of it.
@@ -60,6 +62,9 @@ void destroyPairs(const std::vector<DoomedPair>& doomed);
 
 /// Deletes what a host leaves that ends without C_Finalize, unless calls of other threads are in the way for too long.
 void destroyPairsAtExit() noexcept;
+
+/// Whether a call may still give the session an object, and a private one to its user. Under State::lock.
+CK_RV checkStillOpen(const char* name, const Session& session, bool isPrivate);
 
 /// Of a session, from its token's login.
 CK_STATE stateOf(const Session& session);

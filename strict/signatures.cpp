@@ -69,9 +69,9 @@ CK_RV makeSignature(const char* name, Token& token, KeyOperation& operation, Byt
         result = prepareCall(name, token, operation, data, call);
     if (result != CKR_OK)
         return result;
-    return useKeyPair(token, operation.pair, operation.contents->identity, [&](CK_SESSION_HANDLE session) {
-        return signInModule(session, operation, call, operation.result);
-    });
+    return useKeyPair(
+        token, Needs::Login, operation.pair, operation.contents->identity,
+        [&](CK_SESSION_HANDLE session) { return signInModule(session, operation, call, operation.result); });
 }
 
 CK_RV signInto(const char* name, Session& session, Bytes data, Output output)
@@ -82,7 +82,7 @@ CK_RV signInto(const char* name, Session& session, Bytes data, Output output)
     if (answersLength(name, output, expected, result))
         return result;
     if (!operation->isFinished)
-        result = makeSignature(name, session.token, *operation, data);
+        result = withoutKey(makeSignature(name, session.token, *operation, data));
     if (result != CKR_OK)
         return endUnless(operation, refuse(result, name, ": not signed : ", result), false);
     operation->isFinished = true;
@@ -113,8 +113,9 @@ CK_RV checkSignature(const char* name, Token& token, KeyOperation& operation, By
     CK_RV result = prepareCall(name, token, operation, data, call);
     if (result != CKR_OK)
         return result;
-    return useKeyPair(token, operation.pair, operation.contents->identity,
-                      [&](CK_SESSION_HANDLE session) { return verifyInModule(session, operation, call, signature); });
+    result = useKeyPair(token, Needs::Nothing, operation.pair, operation.contents->identity,
+                        [&](CK_SESSION_HANDLE session) { return verifyInModule(session, operation, call, signature); });
+    return withoutKey(result);
 }
 
 } // namespace

@@ -46,7 +46,13 @@ struct Token {
     SecretText pin; ///< Of the user, while logged in.
     PinAnswer answerToUser;
     PinAnswer answerToSecurityOfficer;
-    unsigned long login = 0;                                          ///< Counts logins and logouts.
+    unsigned long login = 0;      ///< Counts logins and logouts.
+    unsigned long pinChanges = 0; ///< Counts those that this process has made.
+    /// Counts what gives numbers of the module free: deleted objects, whose numbers stand in `freed` with the count,
+    /// and the token's going, which frees all.
+    unsigned long removals = 0;
+    unsigned long allFreed = 0;
+    std::map<CK_OBJECT_HANDLE, unsigned long> freed;
     std::vector<CK_SESSION_HANDLE> idleSessions;                      ///< The module's sessions that nobody uses.
     std::map<CK_OBJECT_HANDLE, std::shared_ptr<Object>> tokenObjects; ///< By the module's handle.
 

@@ -85,6 +85,7 @@ constexpr CodeMeaning CODES[] = {
     {CKR_PIN_INCORRECT, "The PIN is wrong, and a try has been spent. Do not repeat it."},
     {CKR_PIN_LEN_RANGE, "A PIN has at least 4 and at most 63 bytes. No try was spent."},
     {CKR_PIN_LOCKED, "The PIN is locked after too many wrong tries. A user PIN is unlocked with the SO PIN."},
+    {CKR_SESSION_CLOSED, "Another thread closed the session while the call was at work."},
     {CKR_SESSION_HANDLE_INVALID,
      "There is no such session, or a public read-only session was asked for what it cannot do."},
     {CKR_SESSION_PARALLEL_NOT_SUPPORTED, "CKF_SERIAL_SESSION has to be set."},
