@@ -367,6 +367,11 @@ int DefaultDevice::velkor_generateKeyPair(const char* deviceId, const char* /*pi
         return STATUS_UNKNOWN_DEVICE;
     keyPair->id = nextId(device->keyPairs);
     fillGenerated(*keyPair);
+    if (areKeysDistinct) {
+        ++generated_;
+        std::memcpy(keyPair->keyIdentifier + 8, &generated_, sizeof generated_);
+        std::memcpy(keyPair->publicKey + 1, &generated_, sizeof generated_);
+    }
     device->keyPairs.push_back(*keyPair);
     return 0;
 }

@@ -97,6 +97,7 @@ public:
     /// Changes the connected devices, also while the monitor runs.
     void setConnected(std::vector<std::string> names);
 
+    bool areKeysDistinct = false; ///< Each generated pair has bytes of its own, whatever its number.
     std::map<std::string, DeviceRecords> devices;
     std::vector<std::pair<std::string, std::vector<unsigned char>>> files;
 
@@ -108,6 +109,7 @@ private:
     std::mutex lock_;
     std::map<std::string, CertificateDetails> details_; ///< By DER.
     std::vector<std::unique_ptr<HashContext>> hashContexts_;
+    std::uint64_t generated_ = 0;
     /// Each thread's own, until its next call.
     std::map<std::thread::id, std::vector<VelkorKeyPair>> keyPairLists_;
     std::map<std::thread::id, std::vector<VelkorCertificate>> certificateLists_;

@@ -3,6 +3,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -479,6 +480,13 @@ TEST_F(StrictMeanwhileTest, ADecryptionThatIsAtWorkOutlivesTheLogin)
 
 /// Calls that need the login, each with what has to be done before it.
 enum class Needing { Sign, Decrypt, Derive, Generate, Create, Change, DestroyPair, DestroyCertificate };
+
+void PrintTo(Needing call, std::ostream* stream)
+{
+    constexpr const char* NAMES[] = {"Sign",   "Decrypt", "Derive",      "Generate",
+                                     "Create", "Change",  "DestroyPair", "DestroyCertificate"};
+    *stream << NAMES[static_cast<std::size_t>(call)];
+}
 
 class StrictMeanwhileCallTest : public StrictMeanwhileTest, public testing::WithParamInterface<Needing>
 {
