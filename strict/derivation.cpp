@@ -123,7 +123,7 @@ CK_RV deriveKey(Session& session, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE 
     const std::size_t length = wanted.number(CKA_VALUE_LEN, static_cast<CK_ULONG>(secret.size()));
     if (length == 0 || length > secret.size())
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, DERIVE, ": the secret is shorter, CKA_VALUE_LEN=", length);
-    secret.resize(length);
+    shorten(secret, length);
     auto contents = std::make_shared<Contents>();
     contents->keyType = wanted.number(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
     contents->value = std::move(secret);

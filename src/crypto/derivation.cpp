@@ -51,13 +51,6 @@ std::optional<CK_ECDH1_DERIVE_PARAMS> readParameter(const CK_MECHANISM& mechanis
     return parameter;
 }
 
-/// Cuts a value; a limit that is not below its size changes nothing.
-void cut(SecretBytes& value, std::size_t limit)
-{
-    if (limit < value.size())
-        value.resize(limit);
-}
-
 CK_RV deriveSecret(const SessionRecord& session, const VelkorKeyPair& keyPair, Bytes peer, SecretBytes& secret)
 {
     LibraryBuffer shared;
@@ -82,7 +75,7 @@ CK_RV applyKdf(const SessionRecord& session, CK_EC_KDF_TYPE kdf, SecretBytes& va
         hashData(session, row->hash, value.data(), static_cast<CK_ULONG>(value.size()), KDF_HASH_FAILURES, hash);
     if (result != CKR_OK)
         return result;
-    cut(hash, row->size);
+    shorten(hash, row->size);
     value.swap(hash);
     return CKR_OK;
 }
@@ -144,7 +137,7 @@ CK_RV deriveKey(const SessionRecord& session, const CK_MECHANISM* pMechanism, CK
     if (result != CKR_OK)
         return result;
     if (const CK_ULONG length = requestedLength(pTemplate, ulAttributeCount); length != 0)
-        cut(value, length);
+        shorten(value, length);
     *phKey = store(std::move(value));
     logDebug("C_DeriveKey: done, handle=", *phKey);
     return CKR_OK;

@@ -40,6 +40,13 @@ inline void wipe(SecretBytes& bytes)
     SecretBytes().swap(bytes);
 }
 
+/// Drops what is behind so many bytes, which are kept without it.
+inline void shorten(SecretBytes& bytes, std::size_t size)
+{
+    if (size < bytes.size())
+        SecretBytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)).swap(bytes);
+}
+
 /// A PIN: bytes with a terminating zero behind them. Assignment wipes what was there.
 class SecretText
 {

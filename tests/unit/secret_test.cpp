@@ -58,4 +58,14 @@ TEST(SecretBytes, AreWipedWhenTheyGrow)
     EXPECT_EQ(releasedBlocksWith(PIN_TEXT, [&] { bytes.resize(1000, 7); }), 0);
 }
 
+TEST(SecretBytes, KeepNothingOfWhatIsCutOff)
+{
+    SecretBytes bytes(PIN, PIN + sizeof PIN);
+    EXPECT_EQ(releasedBlocksWith(PIN_TEXT, [&] { shorten(bytes, 4); }), 0);
+    EXPECT_EQ(bytes, SecretBytes(PIN, PIN + 4));
+    EXPECT_EQ(bytes.capacity(), 4U);
+    shorten(bytes, 5);
+    EXPECT_EQ(bytes, SecretBytes(PIN, PIN + 4));
+}
+
 } // namespace
