@@ -40,6 +40,7 @@ template <typename Work, typename... Arguments>
 CK_RV enterAlways(const char* name, const Work& work, const Arguments&... arguments) noexcept
 {
     const platform::NoCancellation call;
+    const platform::CleanStack stack;
     try {
         return work(arguments...);
     } catch (...) {

@@ -42,6 +42,7 @@ template <typename Work, typename... Arguments>
 CK_RV enterAlways(const char* name, const Work& work, const Arguments&... arguments) noexcept
 {
     const platform::NoCancellation call;
+    const platform::CleanStack stack;
     logDebug(name);
     return guarded(name, work, arguments...);
 }

@@ -74,4 +74,17 @@ private:
 /// Overwrites memory with zeros in a way that the compiler does not drop.
 void secureWipe(void* memory, std::size_t size);
 
+/// Overwrites what earlier calls of the caller have left on the stack.
+void wipeStack();
+
+/// A call that leaves nothing on the stack: compilers put copies there of what loops over secrets have in registers.
+class CleanStack
+{
+public:
+    CleanStack() = default;
+    ~CleanStack() { wipeStack(); }
+    CleanStack(const CleanStack&) = delete;
+    CleanStack& operator=(const CleanStack&) = delete;
+};
+
 } // namespace velkor::platform

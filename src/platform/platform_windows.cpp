@@ -114,4 +114,11 @@ void secureWipe(void* memory, std::size_t size)
         SecureZeroMemory(memory, size);
 }
 
+void wipeStack()
+{
+    constexpr std::size_t DEPTH = 8192; // Threads of hosts may have little more.
+    unsigned char below[DEPTH];         // NOLINT: what is in it does not matter.
+    secureWipe(below, sizeof below);
+}
+
 } // namespace velkor::platform
