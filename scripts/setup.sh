@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build ccache mold binutils git python3
     libgtest-dev libgmock-dev libp11-kit-dev libbenchmark-dev libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
-    openssl opensc sqlite3 pkg-config chromium)
+    openssl opensc sqlite3 pkg-config chromium gdb)
 [ $# -eq 0 ] || packages=("$@")
 
 missing=()

@@ -70,17 +70,6 @@ std::uint32_t smallestFreeNumber(Database& database, const char* selectNumbers)
     return static_cast<std::uint32_t>(candidate);
 }
 
-SecretBuffer openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
-                            std::string_view serialNumber)
-{
-    Statement row(database, "SELECT sealed_private_key FROM key_pair WHERE identifier = ?");
-    row.bind(Bytes(record.keyIdentifier));
-    require(row.step(), SoftkeyStatus::NoSuchObject);
-    std::optional<SecretBuffer> pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
-    require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
-    return std::move(*pkcs8);
-}
-
 constexpr const char* SELECT_KEY_PAIR = "SELECT id FROM key_pair WHERE identifier = ?";
 constexpr const char* SELECT_KEY_PAIR_FOR_ALL_PADDINGS =
     "SELECT id FROM key_pair WHERE identifier = ? AND oaep_only = 0";
@@ -97,6 +86,17 @@ void deleteObject(Database& database, const char* statement, const Identifier& i
 PaddingsTaken paddingsOf(const VelkorKeyPair& record)
 {
     return record.deviceFlag ? PaddingsTaken::OaepOnly : PaddingsTaken::All;
+}
+
+SecretBuffer openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
+                            std::string_view serialNumber)
+{
+    Statement row(database, "SELECT sealed_private_key FROM key_pair WHERE identifier = ?");
+    row.bind(Bytes(record.keyIdentifier));
+    require(row.step(), SoftkeyStatus::NoSuchObject);
+    std::optional<SecretBuffer> pkcs8 = unseal(masterKey, row.bytes(0), privateKeyIdentity(record, serialNumber));
+    require(pkcs8.has_value(), SoftkeyStatus::FileDamaged);
+    return std::move(*pkcs8);
 }
 
 NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,

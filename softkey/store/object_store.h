@@ -31,7 +31,9 @@ PaddingsTaken paddingsOf(const VelkorKeyPair& record);
 
 NewKeyPair prepareKeyPair(const EVP_PKEY* key, const ObjectAttributes& attributes, const KeyUsage& usage,
                           Bytes masterKey, std::string_view serialNumber);
-/// Opens a stored private key; throws FileDamaged when it does not belong to the record.
+/// Opens a stored private key, which is DER of PKCS #8; throws FileDamaged when it does not belong to the record.
+SecretBuffer openPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
+                            std::string_view serialNumber);
 std::shared_ptr<const PrivateKey> loadPrivateKey(Database& database, const VelkorKeyPair& record, Bytes masterKey,
                                                  std::string_view serialNumber);
 

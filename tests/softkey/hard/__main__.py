@@ -11,6 +11,7 @@ import time
 
 import crashes
 import crowds
+import leaks
 import memory
 import mutations
 from world import Material, scratch
@@ -66,6 +67,10 @@ def searches(folder, material, _):
     return f"{secrets} secrets, at 6 places; dropped {seconds:.1f} s after the last use where 1 s was asked for"
 
 
+def searches_for_leaks(folder, material, _):
+    return "\n".join(f"{name}: {row}" for name, row in leaks.leaks(folder, material).items())
+
+
 def checks(seconds):
     """Name, check, its size in full and in short."""
     return (("kills at random moments", kills_at_random, 500, 20),
@@ -78,7 +83,8 @@ def checks(seconds):
             ("first signatures", beginners, (200, 17), (24, 15)),
             # A machine that does other things as well makes single calls late.
             ("contention", contenders, (seconds, 0), (4, 3)),
-            ("memory", searches, None, None))
+            ("memory", searches, None, None),
+            ("leaks", searches_for_leaks, None, None))
 
 
 def run_check(name, check, size, folder, material):

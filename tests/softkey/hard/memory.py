@@ -4,7 +4,7 @@ import re
 import subprocess
 import time
 
-from world import HOST, MASTER_KEY, SERIAL, environment, key_file, make_key, require, require_whole, run, tool
+from world import HOST, KEY_SECRETS, SERIAL, environment, key_file, make_key, require, require_whole, run, tool
 
 PART = 24  # Bytes of a number that are searched for.
 IDLE_LIMIT = 20  # Seconds; a key counts as idle after one, and the module looks every second.
@@ -23,15 +23,20 @@ def both_orders(name, number):
     return {f"{name}, big end first": number[-PART:], f"{name}, small end first": number[::-1][:PART]}
 
 
+def secrets_of_key(folder, pin):
+    """Names and contents of what a PIN opens: the master key, the key that the PIN makes, and the private keys."""
+    code, out, error = run([KEY_SECRETS, key_file(folder), pin], environment(folder))
+    require(code == 0, f"no master key: {error}")
+    return [(name, bytes.fromhex(digits)) for name, digits in (line.split(": ") for line in out.splitlines())]
+
+
 def needles(folder, material, pin):
     found = {}
     for pem in (material.rsa, material.ec):
         for name, number in numbers_of(pem).items():
             found.update(both_orders(f"{pem.stem} {name}", number))
     require(len(found) == 14, f"there are {len(found)} numbers to search for")
-    code, out, error = run([MASTER_KEY, key_file(folder), pin], environment(folder))
-    require(code == 0, f"no master key: {error}")
-    found["master key"] = bytes.fromhex(out)
+    found["master key"] = secrets_of_key(folder, pin)[0][1]
     found["PIN"] = pin.encode()
     return found
 

@@ -10,7 +10,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[3]
 BUILD = pathlib.Path(os.environ.get("SOFTKEY_HARD_BUILD", ROOT / "build/release"))
 AGENT = BUILD / "bin/softkey_hard_agent"
 HOST = BUILD / "bin/softkey_hard_host"
-MASTER_KEY = BUILD / "bin/softkey_hard_master_key"
+KEY_SECRETS = BUILD / "bin/softkey_hard_key_secrets"
 TOOL = BUILD / "bin/velkor-softkey"
 FAULT = BUILD / "lib/libsoftkey_hard_fault.so"
 
