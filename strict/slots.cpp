@@ -56,6 +56,10 @@ CK_RV fetchDevices(std::vector<Seen>& devices)
     for (const CK_SLOT_ID slot : slots) {
         Seen seen{slot, {}, {}};
         result = module().C_GetSlotInfo(slot, &seen.slotInfo);
+        if (result == CKR_SLOT_ID_INVALID) { // Devices of one name have an ID each, and one slot behind the first.
+            result = CKR_OK;
+            continue;
+        }
         if (result == CKR_OK)
             result = module().C_GetTokenInfo(slot, &seen.tokenInfo);
         if (result != CKR_OK)

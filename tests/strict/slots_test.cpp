@@ -61,6 +61,16 @@ TEST_F(StrictSlotsTest, CountAndListAgreeThoughADeviceHasNoSerialNumber)
     EXPECT_EQ(slots().size(), 1U);
 }
 
+TEST_F(StrictSlotsTest, ADeviceThatIsListedTwiceIsOneSlot)
+{
+    device->setConnected({FIRST_DEVICE, FIRST_DEVICE, SECOND_DEVICE});
+    start();
+    const auto list = slots();
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(textIn(tokenInfo(list[0]).serialNumber), padded(FIRST_DEVICE, 16));
+    EXPECT_EQ(textIn(tokenInfo(list[1]).serialNumber), padded(SECOND_DEVICE, 16));
+}
+
 TEST_F(StrictSlotsTest, AShortListTellsTheCountNeeded)
 {
     start();
