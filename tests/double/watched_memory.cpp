@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
 
@@ -30,7 +31,8 @@ void* operator new(std::size_t size)
     if (block == nullptr)
         throw std::bad_alloc();
     *reinterpret_cast<std::size_t*>(block) = size;
-    return block + HEADER_SIZE;
+    // What an earlier block held there, maybe one of the test's own, is none of this one's.
+    return std::memset(block + HEADER_SIZE, 0, size);
 }
 
 void operator delete(void* memory) noexcept
