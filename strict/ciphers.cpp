@@ -122,7 +122,7 @@ CK_RV transformInto(const char* name, Session& session, const Direction& directi
         return endUnless(operation, refuse(result, name, ": not done : ", result), false);
     if (answersLength(name, output, operation->result.size(), result))
         return result;
-    deliver(output, operation->result);
+    copyOut(output, operation->result);
     return endUnless(operation, CKR_OK, false);
 }
 

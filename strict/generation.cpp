@@ -11,6 +11,7 @@
 #include "strict/mechanisms.h"
 #include "strict/objects.h"
 #include "strict/sessions.h"
+#include "util/der.h"
 
 namespace velkor::strict
 {
@@ -70,11 +71,10 @@ CK_RV checkRsa(const Template& ofPublic)
     const CK_ULONG bits = ofPublic.number(CKA_MODULUS_BITS, 0);
     if (std::find(std::begin(SIZES), std::end(SIZES), bits) == std::end(SIZES))
         return refuse(CKR_KEY_SIZE_RANGE, GENERATE, ": unsupported RSA modulusBits=", bits);
-    constexpr unsigned char ONLY_EXPONENT[] = {0x01, 0x00, 0x01};
     Bytes exponent = ofPublic.bytes(CKA_PUBLIC_EXPONENT);
     while (!exponent.empty() && exponent.front() == 0)
         exponent = exponent.subspan(1);
-    if (!exponent.empty() && !sameBytes(exponent, ONLY_EXPONENT))
+    if (!exponent.empty() && !sameBytes(exponent, RSA_PUBLIC_EXPONENT))
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, GENERATE, ": the public exponent has to be 65537");
     return CKR_OK;
 }

@@ -10,6 +10,8 @@
 #include "strict/state.h"
 #include "util/bytes.h"
 #include "util/secret.h"
+#include "velkor/device_service.h"
+#include "velkor/record_fields.h"
 
 namespace velkor::strict
 {
@@ -42,7 +44,7 @@ struct Contents {
 };
 
 /// The part of the module's handles that numbers a key pair.
-inline constexpr CK_OBJECT_HANDLE PAIR_NUMBER = 0xFFF;
+inline constexpr CK_OBJECT_HANDLE PAIR_NUMBER = OBJECT_NUMBER_LIMIT - 1;
 
 enum class Fate {
     Live,
@@ -87,11 +89,6 @@ struct View {
 inline bool isKey(CK_OBJECT_CLASS objectClass)
 {
     return objectClass == CKO_PUBLIC_KEY || objectClass == CKO_PRIVATE_KEY;
-}
-
-inline bool sameBytes(Bytes left, Bytes right)
-{
-    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
 }
 
 inline SecretBytes secretCopyOf(Bytes bytes)

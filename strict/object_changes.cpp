@@ -9,6 +9,7 @@
 #include "strict/login.h"
 #include "strict/objects.h"
 #include "strict/sessions.h"
+#include "util/der.h"
 
 namespace velkor::strict
 {
@@ -201,8 +202,7 @@ CK_RV checkPrivateKey(const Template& wanted)
             return refuse(CKR_TEMPLATE_INCOMPLETE, CREATE, ": a component is missing, type=", CK_ATTRIBUTE_TYPE{type});
     }
     const Bytes exponent = withoutLeadingZeros(wanted.bytes(CKA_PUBLIC_EXPONENT));
-    constexpr unsigned char ONLY_EXPONENT[] = {0x01, 0x00, 0x01};
-    if (!exponent.empty() && !sameBytes(exponent, ONLY_EXPONENT))
+    if (!exponent.empty() && !sameBytes(exponent, RSA_PUBLIC_EXPONENT))
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the public exponent has to be 65537");
     constexpr std::size_t SIZES[] = {256, 384, 512};
     const std::size_t size = withoutLeadingZeros(wanted.bytes(CKA_MODULUS)).size();

@@ -55,7 +55,7 @@ inline bool answersLength(const char* name, Output output, std::size_t size, CK_
     return true;
 }
 
-inline void deliver(Output output, const SecretBytes& result)
+inline void copyOut(Output output, const SecretBytes& result)
 {
     std::copy(result.begin(), result.end(), output.buffer);
     *output.length = static_cast<CK_ULONG>(result.size());

@@ -238,7 +238,7 @@ CK_RV digest(Session& session, CK_BYTE_PTR pData, CK_ULONG ulDataLen, Output out
     if (result == CKR_OK)
         result = operation->run.finish(session.token, hash);
     if (result == CKR_OK)
-        deliver(output, hash);
+        copyOut(output, hash);
     return endUnless(operation, result, false);
 }
 
@@ -271,7 +271,7 @@ CK_RV digestFinal(Session& session, Output output)
     SecretBytes hash;
     result = operation->run.finish(session.token, hash);
     if (result == CKR_OK)
-        deliver(output, hash);
+        copyOut(output, hash);
     return endUnless(operation, result, false);
 }
 

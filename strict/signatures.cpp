@@ -88,7 +88,7 @@ CK_RV signInto(const char* name, Session& session, Bytes data, Output output)
     operation->isFinished = true;
     if (answersLength(name, output, operation->result.size(), result))
         return result;
-    deliver(output, operation->result);
+    copyOut(output, operation->result);
     return endUnless(operation, CKR_OK, false);
 }
 

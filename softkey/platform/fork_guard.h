@@ -1,5 +1,5 @@
-// Keeps the library usable in a forked child: no fork happens while a thread is inside storage or holds one of the
-// library's locks, and what cannot be carried across a fork is made anew in the child.
+// Keeps the library usable in a forked child: no fork happens while a thread is inside storage or holds a lock
+// that a child needs, and what cannot be carried across a fork is made anew in the child.
 #pragma once
 
 #include <atomic>

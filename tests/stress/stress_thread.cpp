@@ -25,12 +25,12 @@ CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, Value& value)
     return {type, &value, sizeof value};
 }
 
-CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, StressThread::Bytes& value)
+CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, StressThread::ByteVector& value)
 {
     return {type, value.data(), static_cast<CK_ULONG>(value.size())};
 }
 
-CK_ULONG sizeOf(const StressThread::Bytes& bytes)
+CK_ULONG sizeOf(const StressThread::ByteVector& bytes)
 {
     return static_cast<CK_ULONG>(bytes.size());
 }
@@ -159,9 +159,9 @@ CK_OBJECT_HANDLE StressThread::findById(CK_OBJECT_CLASS objectClass, unsigned ch
     return found->empty() ? 0 : found->front();
 }
 
-std::optional<StressThread::Bytes> StressThread::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
+std::optional<StressThread::ByteVector> StressThread::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
 {
-    Bytes bytes(ROOM);
+    ByteVector bytes(ROOM);
     CK_ATTRIBUTE entry = attribute(type, bytes);
     if (!DID(C_GetAttributeValue, session_, object, &entry, 1))
         return {};
@@ -169,11 +169,11 @@ std::optional<StressThread::Bytes> StressThread::value(CK_OBJECT_HANDLE object, 
     return bytes;
 }
 
-std::optional<StressThread::Bytes> StressThread::sign(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data,
-                                                      bool inParts)
+std::optional<StressThread::ByteVector> StressThread::sign(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key,
+                                                           ByteVector data, bool inParts)
 {
     CK_MECHANISM mechanism = {type, nullptr, 0};
-    Bytes signature(ROOM);
+    ByteVector signature(ROOM);
     CK_ULONG length = ROOM;
     if (!DID(C_SignInit, session_, &mechanism, key))
         return {};
@@ -187,7 +187,8 @@ std::optional<StressThread::Bytes> StressThread::sign(CK_MECHANISM_TYPE type, CK
     return isDone ? std::optional(signature) : std::nullopt;
 }
 
-void StressThread::verify(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data, Bytes signature, bool inParts)
+void StressThread::verify(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, ByteVector data, ByteVector signature,
+                          bool inParts)
 {
     CK_MECHANISM mechanism = {type, nullptr, 0};
     if (!DID(C_VerifyInit, session_, &mechanism, key))
@@ -205,7 +206,7 @@ void StressThread::verify(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes da
 
 /// The double's signature says which key of which device made it. The module signs with the key that was looked up
 /// last, by whatever session.
-void StressThread::checkSignature(const Bytes& signature, const Bytes& identifier)
+void StressThread::checkSignature(const ByteVector& signature, const ByteVector& identifier)
 {
     const std::string name = StressWorld::NAMES[token_];
     expect(signature.size() >= 32 && std::equal(name.begin(), name.end(), signature.begin() + 24),
@@ -299,7 +300,7 @@ void StressThread::findAndRead()
     if (DID(C_GetObjectSize, session_, certificate, &size))
         expect(size != 0, "an object has no size");
     if (const auto der = value(certificate, CKA_VALUE))
-        expect(*der == Bytes{0x30, 0x03, 0x02, 0x01, 0x01}, "a certificate is another one");
+        expect(*der == ByteVector{0x30, 0x03, 0x02, 0x01, 0x01}, "a certificate is another one");
     if (!StressWorld::IS_STRICT)
         return;
     CK_BBOOL no = CK_FALSE;
@@ -308,14 +309,14 @@ void StressThread::findAndRead()
     if (!DID(C_CopyObject, session_, certificate, &place, 1, &copy))
         return;
     if (const auto der = value(copy, CKA_VALUE))
-        expect(*der == Bytes{0x30, 0x03, 0x02, 0x01, 0x01}, "a copy is of another certificate");
+        expect(*der == ByteVector{0x30, 0x03, 0x02, 0x01, 0x01}, "a copy is of another certificate");
     DID(C_DestroyObject, session_, copy);
     destroyed(copy);
 }
 
 void StressThread::useCertificate()
 {
-    Bytes der = StressWorld::derOf(number_, round_ % StressWorld::DERS);
+    ByteVector der = StressWorld::derOf(number_, round_ % StressWorld::DERS);
     CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
     CK_BBOOL yes = CK_TRUE;
     CK_ATTRIBUTE entries[] = {attribute(CKA_CLASS, objectClass), attribute(CKA_VALUE, der), attribute(CKA_TOKEN, yes)};
@@ -334,8 +335,8 @@ void StressThread::useCertificate()
 
 void StressThread::generateAndUse()
 {
-    Bytes curve = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    Bytes label = {'k', static_cast<unsigned char>('0' + number_)};
+    ByteVector curve = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+    ByteVector label = {'k', static_cast<unsigned char>('0' + number_)};
     CK_BBOOL onToken = !StressWorld::IS_STRICT || round_ % 2 == 0 ? CK_TRUE : CK_FALSE;
     CK_KEY_TYPE keyType = CKK_EC;
     CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
@@ -346,19 +347,19 @@ void StressThread::generateAndUse()
     CK_OBJECT_HANDLE privateKey = 0;
     if (!DID(C_GenerateKeyPair, session_, &mechanism, ofPublic, 2, ofPrivate, 3, &publicKey, &privateKey))
         return;
-    Bytes renamed = {'r', static_cast<unsigned char>('0' + number_)};
+    ByteVector renamed = {'r', static_cast<unsigned char>('0' + number_)};
     CK_ATTRIBUTE change = attribute(CKA_LABEL, renamed);
     if (DID(C_SetAttributeValue, session_, privateKey, &change, 1)) {
         const auto read = value(publicKey, CKA_LABEL);
         expect(!read || *read == renamed || !StressWorld::IS_STRICT, "a pair has another label");
     }
     const auto point = value(publicKey, CKA_EC_POINT);
-    const auto signature = sign(CKM_ECDSA_SHA256, privateKey, Bytes(20, 1), false);
+    const auto signature = sign(CKM_ECDSA_SHA256, privateKey, ByteVector(20, 1), false);
     if (point && signature && StressWorld::IS_STRICT && point->size() == 67 && signature->size() == 64) {
         // What makes this pair different from all others stands in its point and in its identifier.
         expect(std::equal(point->begin() + 3, point->begin() + 11, signature->begin() + 8),
                "a signature is another pair's");
-        verify(CKM_ECDSA_SHA256, publicKey, Bytes(20, 1), *signature, false);
+        verify(CKM_ECDSA_SHA256, publicKey, ByteVector(20, 1), *signature, false);
     }
     if (!DID(C_DestroyObject, session_, privateKey))
         return;
@@ -377,11 +378,11 @@ void StressThread::signAndVerify()
     const CK_OBJECT_HANDLE publicKey = findById(CKO_PUBLIC_KEY, id);
     if (privateKey == 0 || publicKey == 0)
         return;
-    const Bytes data(30, static_cast<unsigned char>(number_));
+    const ByteVector data(30, static_cast<unsigned char>(number_));
     const auto signature = sign(type, privateKey, data, inParts);
     if (!signature)
         return;
-    checkSignature(*signature, Bytes(IDENTIFIER_SIZE, static_cast<unsigned char>(0xA0 + id)));
+    checkSignature(*signature, ByteVector(IDENTIFIER_SIZE, static_cast<unsigned char>(0xA0 + id)));
     verify(type, publicKey, data, *signature, inParts);
 }
 
@@ -390,9 +391,9 @@ void StressThread::encryptAndDecrypt()
     const CK_OBJECT_HANDLE privateKey = findById(CKO_PRIVATE_KEY, RSA_PAIR);
     const CK_OBJECT_HANDLE publicKey = findById(CKO_PUBLIC_KEY, RSA_PAIR);
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
-    Bytes data(20, static_cast<unsigned char>(number_));
-    Bytes cipher(ROOM);
-    Bytes plain(ROOM);
+    ByteVector data(20, static_cast<unsigned char>(number_));
+    ByteVector cipher(ROOM);
+    ByteVector plain(ROOM);
     CK_ULONG length = ROOM;
     if (publicKey == 0 || privateKey == 0 || !DID(C_EncryptInit, session_, &mechanism, publicKey) ||
         !DID(C_Encrypt, session_, data.data(), sizeOf(data), cipher.data(), &length))
@@ -413,9 +414,9 @@ void StressThread::encryptAndDecrypt()
 
 void StressThread::encryptAndDecryptInParts()
 {
-    Bytes data(20, static_cast<unsigned char>(number_));
-    Bytes cipher(ROOM);
-    Bytes plain(ROOM);
+    ByteVector data(20, static_cast<unsigned char>(number_));
+    ByteVector cipher(ROOM);
+    ByteVector plain(ROOM);
     CK_ULONG length = ROOM;
     if (!StressWorld::IS_STRICT) {
         REFUSED(CKR_FUNCTION_NOT_SUPPORTED, C_EncryptUpdate, session_, data.data(), 20, cipher.data(), &length);
@@ -450,8 +451,8 @@ void StressThread::encryptAndDecryptInParts()
 void StressThread::digest()
 {
     CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
-    Bytes data(1 + static_cast<std::size_t>(round_ % 30), static_cast<unsigned char>(number_));
-    Bytes hash(64);
+    ByteVector data(1 + static_cast<std::size_t>(round_ % 30), static_cast<unsigned char>(number_));
+    ByteVector hash(64);
     CK_ULONG length = 64;
     if (!DID(C_DigestInit, session_, &mechanism) ||
         !DID(C_Digest, session_, data.data(), sizeOf(data), hash.data(), &length))
@@ -465,8 +466,8 @@ void StressThread::digest()
 void StressThread::digestInParts()
 {
     CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
-    Bytes data(10, static_cast<unsigned char>(number_));
-    Bytes hash(64);
+    ByteVector data(10, static_cast<unsigned char>(number_));
+    ByteVector hash(64);
     CK_ULONG length = 64;
     if (!DID(C_DigestInit, session_, &mechanism) || !DID(C_DigestUpdate, session_, data.data(), 10) ||
         !DID(C_DigestUpdate, session_, data.data(), 10) || !DID(C_DigestFinal, session_, hash.data(), &length))
@@ -480,7 +481,7 @@ void StressThread::digestInParts()
 void StressThread::derive()
 {
     const CK_OBJECT_HANDLE base = findById(CKO_PRIVATE_KEY, EC_PAIR);
-    Bytes point(65, static_cast<unsigned char>(round_));
+    ByteVector point(65, static_cast<unsigned char>(round_));
     point[0] = 0x04;
     CK_ECDH1_DERIVE_PARAMS parameter = {CKD_NULL, 0, nullptr, 65, point.data()};
     CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameter, sizeof parameter};
@@ -488,16 +489,16 @@ void StressThread::derive()
     if (base == 0 || !DID(C_DeriveKey, session_, &mechanism, base, nullptr, 0, &secret))
         return;
     if (const auto derived = value(secret, CKA_VALUE))
-        expect(*derived == Bytes(point.begin() + 1, point.end()), "a secret is another one");
+        expect(*derived == ByteVector(point.begin() + 1, point.end()), "a secret is another one");
     if (StressWorld::IS_STRICT && DID(C_DestroyObject, session_, secret))
         destroyed(secret);
 }
 
 void StressThread::random()
 {
-    Bytes bytes(16);
+    ByteVector bytes(16);
     if (DID(C_GenerateRandom, session_, bytes.data(), 16))
-        expect(bytes == Bytes(16, 0x5A), "the random bytes are others");
+        expect(bytes == ByteVector(16, 0x5A), "the random bytes are others");
 }
 
 void StressThread::callTheUnsupported()

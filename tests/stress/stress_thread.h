@@ -11,7 +11,7 @@
 class StressThread
 {
 public:
-    using Bytes = std::vector<unsigned char>;
+    using ByteVector = std::vector<unsigned char>;
 
     StressThread(StressWorld& world, int number, unsigned long seed, CK_SLOT_ID slot);
     ~StressThread();
@@ -34,10 +34,10 @@ private:
 
     std::optional<std::vector<CK_OBJECT_HANDLE>> find(CK_OBJECT_CLASS objectClass, CK_ATTRIBUTE criterion);
     CK_OBJECT_HANDLE findById(CK_OBJECT_CLASS objectClass, unsigned char id);
-    std::optional<Bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
-    std::optional<Bytes> sign(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data, bool inParts);
-    void verify(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, Bytes data, Bytes signature, bool inParts);
-    void checkSignature(const Bytes& signature, const Bytes& identifier);
+    std::optional<ByteVector> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+    std::optional<ByteVector> sign(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, ByteVector data, bool inParts);
+    void verify(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, ByteVector data, ByteVector signature, bool inParts);
+    void checkSignature(const ByteVector& signature, const ByteVector& identifier);
     void destroyed(CK_OBJECT_HANDLE object);
 
     void describe();
