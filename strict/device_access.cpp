@@ -67,6 +67,7 @@ void closeSessionsOf(Token& token)
     {
         const std::scoped_lock lock(state().lock);
         removed = takeFromRemovedToken(token);
+        ++token.insertion; // What has lost sight of it was at work with the token as it was before.
     }
     removed.release();
 }
@@ -204,6 +205,12 @@ void dropPin(KeyGate::Stay& stay)
     holds.pin = {};
 }
 
+void dropKeptPin(KeyGate::Stay& stay)
+{
+    if (stay.holds().pin.login == 0)
+        dropPin(stay);
+}
+
 CK_RV putPinInForce(KeyGate::Stay& stay, Token& token)
 {
     PinInForce wanted;
@@ -218,7 +225,7 @@ CK_RV putPinInForce(KeyGate::Stay& stay, Token& token)
 
 CK_RV putKeptPinInForce(KeyGate::Stay& stay, Token& token, const KeptPin& kept)
 {
-    PinInForce wanted{&token, 0}; // No login has this number: the next call takes the PIN away.
+    PinInForce wanted{&token, 0}; // No login has this number.
     SecretText pin = kept.pin;
     {
         const std::scoped_lock lock(state().lock);

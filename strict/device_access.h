@@ -75,6 +75,9 @@ CK_RV putPinInForce(KeyGate::Stay& stay, Token& token);
 /// Takes the PIN from the module.
 void dropPin(KeyGate::Stay& stay);
 
+/// Takes it when it is one that was kept for a pair whose login is over.
+void dropKeptPin(KeyGate::Stay& stay);
+
 /// The module's session for logins of a token; the module must hold no PIN.
 CK_RV loginSessionOf(Token& token, CK_SESSION_HANDLE& session);
 

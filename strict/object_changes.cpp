@@ -160,8 +160,10 @@ CK_RV nameHalfOfPair(Session& session, const Template& wanted, const ObjectPtr& 
 {
     if (!half)
         return refuse(CKR_ATTRIBUTE_VALUE_INVALID, CREATE, ": the token keeps public keys with their pair only");
-    const CK_RV result = checkMayWrite(CREATE, session);
-    return result == CKR_OK ? giveHalf(CREATE, session, *half, wanted, wishesOf(wanted), phObject) : result;
+    CK_RV result = checkMayWrite(CREATE, session);
+    if (result == CKR_OK)
+        result = giveHalf(CREATE, session, *half, wanted, wishesOf(wanted), phObject);
+    return result == CKR_OBJECT_HANDLE_INVALID ? CKR_ATTRIBUTE_VALUE_INVALID : result; // The host has named no object.
 }
 
 CK_RV createPublicKey(Session& session, const Template& wanted, CK_OBJECT_HANDLE_PTR phObject)
@@ -303,6 +305,8 @@ CK_RV letPairStay(const Object& source, const Wishes& wishes, CK_OBJECT_HANDLE_P
         return result;
     Token& token = *source.token;
     const CK_OBJECT_HANDLE number = source.moduleHandle & PAIR_NUMBER;
+    if (!token.tokenObjects.contains(PRIVATE_KEY_BASE + number)) // It is about to be deleted with its login.
+        return refuse(CKR_OBJECT_HANDLE_INVALID, COPY, ": the object is no longer there, handle=", source.handle);
     for (const CK_OBJECT_HANDLE half : {PRIVATE_KEY_BASE + number, PUBLIC_KEY_BASE + number}) {
         const auto mapped = token.tokenObjects.find(half);
         if (mapped == token.tokenObjects.end())
@@ -426,6 +430,13 @@ void noteNewNames(const Object& changed, const Template& wanted)
     }
 }
 
+/// The same pair may have come back under its number, as another object, before the gate let the call in.
+CK_RV checkKnownBehindGate(const char* name, const Object& object)
+{
+    const std::scoped_lock lock(state().lock);
+    return checkKnown(name, object, CKR_OBJECT_HANDLE_INVALID);
+}
+
 CK_RV changeOnDevice(Session& session, const ObjectPtr& object, const View& view, const Template& wanted)
 {
     CK_RV result = view.isTokenObject ? checkMayWrite("C_SetAttributeValue", session) : CKR_OK;
@@ -434,22 +445,15 @@ CK_RV changeOnDevice(Session& session, const ObjectPtr& object, const View& view
     std::vector<CK_ATTRIBUTE> attributes(wanted.entries().begin(), wanted.entries().end());
     const CK_ULONG number = object->moduleHandle & PAIR_NUMBER;
     result = changePair(session.token, number, view.contents->identity, [&](CK_SESSION_HANDLE moduleSession) {
-        const CK_RV status = module().C_SetAttributeValue(moduleSession, PRIVATE_KEY_BASE + number, attributes.data(),
-                                                          static_cast<CK_ULONG>(attributes.size()));
+        CK_RV status = checkKnownBehindGate("C_SetAttributeValue", *object);
+        if (status == CKR_OK)
+            status = module().C_SetAttributeValue(moduleSession, PRIVATE_KEY_BASE + number, attributes.data(),
+                                                  static_cast<CK_ULONG>(attributes.size()));
         if (status == CKR_OK)
             noteNewNames(*object, wanted);
         return status;
     });
     return result == CKR_KEY_HANDLE_INVALID ? CKR_OBJECT_HANDLE_INVALID : result;
-}
-
-void forgetObject(const Object& object)
-{
-    const std::scoped_lock lock(state().lock);
-    const auto mapped = object.token->tokenObjects.find(object.moduleHandle);
-    if (mapped != object.token->tokenObjects.end() && mapped->second.get() == &object)
-        object.token->tokenObjects.erase(mapped);
-    state().objects.erase(object.handle);
 }
 
 CK_RV destroyCertificate(Session& session, const ObjectPtr& object)
@@ -458,11 +462,7 @@ CK_RV destroyCertificate(Session& session, const ObjectPtr& object)
     if (result != CKR_OK)
         return result;
     return changeObjects(session.token, [&](KeyGate::Stay& /*stay*/, CK_SESSION_HANDLE moduleSession) {
-        CK_RV status = CKR_OK;
-        {
-            const std::scoped_lock lock(state().lock);
-            status = checkKnown(DESTROY, *object, CKR_OBJECT_HANDLE_INVALID);
-        }
+        CK_RV status = checkKnownBehindGate(DESTROY, *object);
         if (status == CKR_OK)
             status = module().C_DestroyObject(moduleSession, object->moduleHandle);
         if (status != CKR_OK)
@@ -482,7 +482,9 @@ CK_RV destroyPair(Session& session, const ObjectPtr& privateKey)
         return result;
     const CK_ULONG number = privateKey->moduleHandle & PAIR_NUMBER;
     result = changePair(session.token, number, view.contents->identity, [&](CK_SESSION_HANDLE moduleSession) {
-        const CK_RV status = module().C_DestroyObject(moduleSession, privateKey->moduleHandle);
+        CK_RV status = checkKnownBehindGate(DESTROY, *privateKey);
+        if (status == CKR_OK)
+            status = module().C_DestroyObject(moduleSession, privateKey->moduleHandle);
         if (status == CKR_OK)
             forgetPair(session.token, number);
         return status;
@@ -517,8 +519,10 @@ void forgetPair(Token& token, CK_ULONG number)
         if (object.token != &token || object.moduleHandle == 0 || !isKey(object.objectClass) ||
             (object.moduleHandle & PAIR_NUMBER) != number)
             return false;
-        if (object.objectClass == CKO_PUBLIC_KEY && object.fate == Fate::Live)
+        if (object.objectClass == CKO_PUBLIC_KEY && object.fate == Fate::Live) {
             object.fate = Fate::HalfGone;
+            object.contents.reset();
+        }
         return object.fate != Fate::HalfGone;
     });
 }
@@ -601,6 +605,8 @@ void NewPair::adopt(CK_ULONG number)
     publicKey_ = half(PUBLIC_KEY_BASE, ofPublic_);
     privateKey_ = half(PRIVATE_KEY_BASE, ofPrivate_);
     removals_ = session_.token.removals;
+    if (session_.token.user == User::User)
+        pin_ = keepPin(session_.token);
 }
 
 CK_RV NewPair::read(const char* name)
@@ -622,7 +628,7 @@ void NewPair::withdraw(const char* name)
         {
             const std::scoped_lock lock(state().lock);
             const bool isKnown = state().objects.contains(privateKey_->handle);
-            const bool isDoomed = !isKnown && privateKey_->contents; // With its session or login.
+            const bool isDoomed = !isKnown && privateKey_->ownsPair && privateKey_->contents; // With session or login.
             if (isDoomed || hasGoneSince(token, publicKey_->moduleHandle, removals_))
                 return;
         }
@@ -634,6 +640,7 @@ void NewPair::withdraw(const char* name)
             forgetObject(*half);
         if (result == CKR_OK)
             forgetPair(token, handle - PRIVATE_KEY_BASE);
+        dropKeptPin(stay);
     }
     if (result != CKR_OK)
         logError(name, ": the new key pair can be neither read nor deleted, number=", handle - PRIVATE_KEY_BASE, " : ",

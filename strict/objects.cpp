@@ -159,12 +159,6 @@ CK_RV keepContents(const char* name, Object& object, std::shared_ptr<const Conte
     return CKR_OK;
 }
 
-void forgetGone(State& state, const Object& object)
-{
-    const std::scoped_lock lock(state.lock);
-    forget(state, object);
-}
-
 CK_RV readOf(Token& token, const Object& object, Contents& contents)
 {
     if (!isKey(object.objectClass))
@@ -275,7 +269,7 @@ CK_RV readContents(const char* name, Token& token, const ObjectPtr& object, CK_R
     auto contents = std::make_shared<Contents>();
     const CK_RV result = readOf(token, *object, *contents);
     if (result == CKR_OBJECT_HANDLE_INVALID) {
-        forgetGone(state(), *object);
+        forgetObject(*object);
         return refuse(code, name, ": the object is no longer there, handle=", object->handle);
     }
     return result == CKR_OK ? keepContents(name, *object, std::move(contents), code) : result;
@@ -366,9 +360,16 @@ void noteGone(Token& token, CK_OBJECT_HANDLE moduleHandle)
     token.freed[moduleHandle] = ++token.removals;
 }
 
+void forgetObject(const Object& object)
+{
+    const std::scoped_lock lock(state().lock);
+    if (object.fate != Fate::HalfGone)
+        forget(state(), object);
+}
+
 CK_RV checkKnown(const char* name, const Object& object, CK_RV code)
 {
-    if (state().objects.contains(object.handle))
+    if (state().objects.contains(object.handle) && object.fate != Fate::HalfGone)
         return CKR_OK;
     if (object.token->insertion != object.insertion || !object.token->isPresent)
         return refuse(CKR_DEVICE_REMOVED, "The token was removed meanwhile, slotID=", object.token->slotID);
@@ -386,8 +387,6 @@ void takeObjectsOfToken(State& state, Token& token, RemovedThings& removed)
     takeObjects(
         state, [&](const Object& object) { return object.token == &token; }, removed);
     token.tokenObjects.clear();
-    token.freed.clear();
-    token.allFreed = ++token.removals;
 }
 
 void takeSessionPairs(State& state, RemovedThings& removed)

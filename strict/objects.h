@@ -40,6 +40,9 @@ CK_RV findPairOf(Token& token, const Contents& publicKey, ObjectPtr& half);
 /// it a known object's number is still its own. `code` answers for one that has gone. Under State::lock.
 CK_RV checkKnown(const char* name, const Object& object, CK_RV code);
 
+/// What is no longer there goes from the tables; not a public half that the host may still destroy once.
+void forgetObject(const Object& object);
+
 /// What a search of the module begins with.
 unsigned long removalsOf(const Token& token);
 

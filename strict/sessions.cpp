@@ -99,6 +99,7 @@ CK_RV deleteAlone(KeyGate::Stay& stay, const DoomedPair& pair)
     if (result == CKR_OK)
         forgetPair(*pair.token, id.number);
     stay.holds().pair.reset();
+    dropKeptPin(stay);
     return result;
 }
 
@@ -141,6 +142,8 @@ RemovedThings takeFromRemovedToken(Token& token)
     RemovedThings removed = takeSessions(state, [&](const Session& session) { return &session.token == &token; });
     removed.doomed.clear(); // They are out of reach.
     takeObjectsOfToken(state, token, removed);
+    token.freed.clear();
+    token.allFreed = ++token.removals;
     append(removed.moduleSessions, token.idleSessions);
     token.idleSessions.clear();
     return removed;
