@@ -28,7 +28,7 @@ decrypts_message() {
     cms -D -i encrypted -o decrypted
     cmp decrypted text
 }
-lists_certificate() { nss -L | grep "Client key:nec"; }
+lists_certificate() { nss -L | grep "Client key:nrsa"; }
 lists_key() { nss -K | grep "nrsa"; }
 leaves() {
     modutil -dbdir sql:nss -delete Velkor -force </dev/null
@@ -47,7 +47,7 @@ check "certutil -L" lists_certificate
 check "certutil -K" lists_key
 check "cmsutil -S" signs_message
 check "cmsutil -D" decrypts_message
-check "certutil -D" nss -D -n "Client key:nadd"
-check "certutil -F" nss -F -n "Client key:nec"
+check "certutil -D" nss -D -n "Client key:nrsa"
+check "certutil -F" nss -F -n "Client key:nmail"
 check "modutil -delete" leaves
 guide nss
