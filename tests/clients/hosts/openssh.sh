@@ -15,6 +15,15 @@ wrong_pin() {
     ssh-add -l || [ $? -eq 1 ] # 2 when there is no agent any more.
     add_with 1234 # Which gives the try back.
 }
+refuses_elsewhere() { # An agent that knows no more folders than its own.
+    ssh-agent -d -a "$folder/run/agent" 2>agent.log &
+    await_socket "$folder/run/agent"
+    export SSH_AUTH_SOCK=$folder/run/agent
+    if add_with 1234 2>answer; then return 1; fi
+    cat answer agent.log
+    grep "agent refused operation" answer
+    grep "provider not allowed" agent.log
+}
 # On a machine that has never logged anything.
 adds_on_fresh_machine() {
     export TMPDIR=$folder/fresh
@@ -67,6 +76,7 @@ check "ssh-agent on a machine without a log" adds_on_fresh_machine
 for program in ssh ssh-keygen ssh-pkcs11-helper; do make_log_folder $program; done
 check "ssh-keygen -D" lists_keys
 check "ssh-agent gets a wrong PIN and lives" with_agent wrong_pin
+check "ssh-agent without -P refuses the module where it was built" refuses_elsewhere
 check "ssh-agent signs" with_agent signs_file
 ssh-keygen -q -t ed25519 -N "" -f user_ca
 grep rsa listed >authorized || true
