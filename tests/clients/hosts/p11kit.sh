@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# p11-kit: the registered module, and keys that another process, and another user by ssh, works with.
+# p11-kit: the registered module, and keys that another process works with, by ssh as well.
 # Needs: p11-kit p11-kit-modules opensc gnutls-bin openssh-client openssh-server socat systemd
 # Limit: 120
 . "$(dirname "$0")/common.sh"
@@ -10,8 +10,8 @@ sign_through() { # sign_through LIBRARY: with the key 77 of the token, as anothe
         --mechanism SHA256-RSA-PKCS --id 77 --input-file text --output-file sig
     openssl dgst -sha256 -verify tls.pub -signature sig text
 }
-# The other user is nobody, who has neither a shell nor a key, where this user may become that; else this one. Root is no
-# choice for what follows: p11-kit passes over the files of root's home.
+# The other user is nobody, who has neither a shell nor a key, where this user may become that; else this one, so that no
+# check's name says that there are two. Root is no choice for what follows: p11-kit passes over the files of root's home.
 other=$(id -un)
 as_other=(env)
 if [ "$(id -u)" -eq 0 ]; then
@@ -121,7 +121,7 @@ check "p11-kit list-modules" registers
 check "p11-kit server, for another process" serves_process
 check "p11-kit server, for eight at once" serves_several
 check "p11-kit server, for a container with its socket" serves_container
-check "p11-kit server, for another user by ssh" serves_user
+check "p11-kit server, by ssh" serves_user
 check "p11-kit remote, started by a socket" serves_by_socket
 if [ "$library" = strict ]; then
     check "the units of systemd are sound" systemd-analyze verify --man=no units/*
