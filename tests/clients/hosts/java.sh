@@ -29,7 +29,7 @@ chooses_token() {
         printf 'name = Velkor\nlibrary = %s\nslot = %s\n' "$module" "$slot" >chosen.cfg
         keytool "${store[@]/java.cfg/chosen.cfg}" -list | tee "entries of $label"
     done
-    grep -q "^tec, PrivateKeyEntry" "entries of Client key"
+    grep -q "^tls, PrivateKeyEntry" "entries of Client key"
     grep -q "contains 0 entries" "entries of Another key"
 }
 
@@ -52,6 +52,7 @@ check "Cipher in Java, encrypted on the token" java_client encrypt jrsa
 check "KeyAgreement in Java" java_client agree tec
 check "KeyPairGenerator in Java, EC" java_client generate jrsa
 check "keytool -delete" java_keytool -delete -alias jrsa
+check "keytool -delete, EC" java_keytool -delete -alias tec
 check "keytool -delete, keytool's EC pair" java_keytool -delete -alias jec
 prepare_certificates
 check "TLS in Java with a client certificate" connects
