@@ -2,7 +2,6 @@
 // throws, or answers with records, lengths and texts of the input, as far as a device library may.
 #pragma once
 
-#include <atomic>
 #include <thread>
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -22,11 +21,6 @@ public:
     /// From here on everything is answered as usual, or again from the input.
     void setCalm(bool isCalm) { isCalm_ = isCalm; }
     bool isCalm() const { return isCalm_; }
-
-    /// How often a library has ended.
-    int releases() const { return releases_; }
-    /// Waits for more of them than that.
-    void waitForMoreReleasesThan(int count) { releases_.wait(count); }
 
     void velkor_createInstance(void** libraryInstance) override;
     void velkor_releaseInstance(void* libraryInstance) override;
@@ -106,7 +100,6 @@ private:
 
     FuzzedDataProvider& input_;
     bool isCalm_ = false;
-    std::atomic<int> releases_ = 0;
     std::thread::id host_ = std::this_thread::get_id();
     std::vector<VelkorKeyPair> keyPairs_;         ///< The last list that was not the usual one.
     std::vector<VelkorCertificate> certificates_; ///< The same.
