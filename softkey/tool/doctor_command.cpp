@@ -69,6 +69,8 @@ private:
     void checkCertificate(const std::string& part, const Contents& contents, const VelkorCertificate& certificate);
     void checkModule();
     void loadModule();
+    void checkDeviceLibrary();
+    std::string remedyForDeviceLibrary(const std::string& reason) const;
     void checkStrictFront();
     void loadLibrary(const fs::path& library, const std::string& part);
     void checkConfiguration();
@@ -290,6 +292,10 @@ void Doctor::checkModule()
     diagnosis_.problem("module", "it is not there: " + places, "install it, or say where it is with --module FILE");
 }
 
+constexpr const char* INSTALLATION = "install it again, for this machine and with all of its package";
+constexpr const char* OUT_OF_LOADER_PATH =
+    "take its folder out of LD_LIBRARY_PATH, in the environment of the host, too: what is there comes first";
+
 void Doctor::loadModule()
 {
     if (!folder_.empty())
@@ -297,14 +303,37 @@ void Doctor::loadModule()
     try {
         loadLibrary(module_, "module");
         isModuleWorking_ = true;
-        diagnosis_.good("device library", loadedDeviceLibrary().string());
     } catch (const Failure& failure) {
         const std::string reason = failure.what();
         const bool isDeviceLibrary = reason.find("VelkorDSCLibrary") != std::string::npos;
         diagnosis_.problem(isDeviceLibrary ? "device library" : "module", module_.string() + ": " + reason,
-                           isDeviceLibrary ? "put the device library into " + module_.parent_path().string()
-                                           : "install it again, for this machine and with all of its package");
+                           isDeviceLibrary ? remedyForDeviceLibrary(reason) : INSTALLATION);
     }
+    checkDeviceLibrary();
+}
+
+/// The one in the module's folder, where there is one, is that which hosts are to get.
+void Doctor::checkDeviceLibrary()
+{
+    const fs::path loaded = loadedDeviceLibrary();
+    const fs::path own = module_.parent_path() / loaded.filename();
+    std::error_code failure;
+    if (loaded.has_filename() && fs::exists(own, failure) && !fs::equivalent(own, loaded, failure))
+        diagnosis_.problem("device library", "the module loads " + loaded.string() + ", not " + own.string(),
+                           OUT_OF_LOADER_PATH);
+    else if (isModuleWorking_)
+        diagnosis_.good("device library", loaded.string());
+}
+
+/// The reason names a broken file with its folder, and one that was not found without.
+std::string Doctor::remedyForDeviceLibrary(const std::string& reason) const
+{
+    const fs::path own = module_.parent_path() / libraryFileName("libVelkorDSCLibrary");
+    std::error_code failure;
+    if (reason.find("/" + own.filename().string() + ":") != std::string::npos &&
+        !reason.starts_with(own.string() + ":"))
+        return OUT_OF_LOADER_PATH;
+    return fs::exists(own, failure) ? INSTALLATION : "put the device library into " + module_.parent_path().string();
 }
 
 /// Throws a Failure when it does not work. Keys that it should show, and does not, are problems.

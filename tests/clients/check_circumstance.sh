@@ -167,6 +167,8 @@ loader_path_broken() {
     library=velkor-pkcs11
     run
     expect_outcome "dlopen 0"
+    expect_finding "device library: .*/elsewhere/libVelkorDSCLibrary.so: "
+    expect_finding "take its folder out of LD_LIBRARY_PATH"
 }
 
 # The two that need a disk of their own: in namespaces where one can be mounted.

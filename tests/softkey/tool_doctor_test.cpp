@@ -246,6 +246,33 @@ std::string folderOfModule(const std::string& folder)
     return folder;
 }
 
+TEST_F(DoctorTest, ADeviceLibraryThatIsNotTheModulesOwnIsFound)
+{
+    const std::string folder = folderOfModule(path("whole"));
+    std::filesystem::copy_file(SOFTKEY_STRICT, folder + "/velkor-pkcs11-strict.so");
+    const std::string module = "--module " + folder + "/velkor-pkcs11.so";
+    const std::string own = folder + "/libVelkorDSCLibrary.so";
+    std::filesystem::create_directory(path("elsewhere"));
+    const std::string other = path("elsewhere/libVelkorDSCLibrary.so");
+    const std::string loaderPath = "LD_LIBRARY_PATH=" + path("elsewhere");
+    const std::string outOfPath = "take its folder out of LD_LIBRARY_PATH";
+    EXPECT_EQ(run(loaderPath + " " + softkeyTool() + " doctor " + module).exitCode, 0) << "nothing is there";
+
+    std::filesystem::copy_file(SOFTKEY_LIBRARY, other);
+    std::string fix =
+        remedy(findings(module, loaderPath), "device library", "the module loads " + other + ", not " + own);
+    EXPECT_TRUE(fix.starts_with(outOfPath)) << fix;
+    writeFile(other, bytesOf("junk"));
+    fix = remedy(findings(module, loaderPath), "device library", "/velkor-pkcs11.so: " + other + ": ");
+    EXPECT_TRUE(fix.starts_with(outOfPath)) << fix;
+    EXPECT_EQ(tool("doctor " + module).exitCode, 0);
+
+    std::filesystem::remove(own);
+    writeFile(own, bytesOf("junk"));
+    fix = remedy(findings(module), "device library", "/velkor-pkcs11.so: " + own + ": ");
+    EXPECT_TRUE(fix.starts_with("install it again")) << fix;
+}
+
 TEST_F(DoctorTest, AStrictFrontThatIsNotThereOrDoesNotLoadIsFound)
 {
     const std::string folder = folderOfModule(path("partial"));
