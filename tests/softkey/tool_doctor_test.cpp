@@ -1,6 +1,8 @@
 // The tool's doctor: each thing that keeps a host from a token is found, with a way to mend it.
 #include "tool_fixture.h"
 
+#include "store/schema.h"
+
 #include <map>
 #include <unistd.h>
 
@@ -150,6 +152,34 @@ TEST_F(DoctorTest, FilesThatAreNoUsableKeysAreFound)
     EXPECT_NE(remedy(findings(), GOOD_KEY, "others may write").find("chmod go-w"), std::string::npos);
 }
 
+TEST_F(DoctorTest, AKeyOfANewerLayoutIsFound)
+{
+    const Data before = readFile(keyPath(GOOD));
+    const std::string newer = "PRAGMA user_version = " + std::to_string(SCHEMA_VERSION + 1);
+    EXPECT_EQ(run("sqlite3 " + keyPath(GOOD).string(), newer).exitCode, 0);
+    EXPECT_EQ(remedy(findings(), GOOD_KEY, "the key file was written by a newer version"),
+              "install the version of the software key that wrote it");
+    writeFile(keyPath(GOOD), before);
+    expectWell();
+}
+
+TEST_F(DoctorTest, AKeyThatIsBoundToAnotherMachineIsFound)
+{
+    const std::string secret = path("state/secret");
+    const std::string there = "VELKOR_SOFTKEY_MACHINE_SECRET=" + secret;
+    EXPECT_EQ(run(there + " " + softkeyTool() + " create --serial BOUND1 --bind-to-machine" + WITH_PINS).exitCode, 0);
+    EXPECT_EQ(run(there + " " + softkeyTool() + " doctor").exitCode, 0);
+    std::filesystem::rename(secret, path("kept"));
+    const std::string text = "the key is bound to another machine or user";
+    const std::string fix = "put the secret of its machine to " + secret;
+    EXPECT_EQ(remedy(findings("", there), "key BOUND1", text), fix);
+    EXPECT_EQ(run(there + " " + softkeyTool() + " create --serial OTHER1 --bind-to-machine" + WITH_PINS).exitCode, 0);
+    EXPECT_EQ(remedy(findings("", there), "key BOUND1", text), fix) << "the secret is another's";
+    std::filesystem::remove(keyPath("OTHER1"));
+    std::filesystem::rename(path("kept"), secret);
+    EXPECT_EQ(run(there + " " + softkeyTool() + " doctor").exitCode, 0);
+}
+
 TEST_F(DoctorTest, AFolderThatIsNotThereIsEmptyOrOpenToOthersIsFound)
 {
     EXPECT_EQ(remedy(findings("--home " + path("none")), "keys folder", "there is no " + path("none")),
@@ -198,6 +228,17 @@ TEST_F(DoctorTest, ACertificateWithoutItsKeyOrWithAnotherIdIsFound)
     EXPECT_EQ(tool("import-key GOOD1 " + path("k.pem") + " --id 01" + WITH_CHOSEN_PIN).exitCode, 0);
     const std::string fix = remedy(findings(), GOOD_KEY, "has another ID than its key pair 1");
     EXPECT_EQ(fix, "velkor-softkey relabel GOOD1 --certificate 1 --id 01");
+    follow(fix);
+    expectWell();
+}
+
+TEST_F(DoctorTest, ACertificateThatCannotBeReadIsFound)
+{
+    VelkorCertificate certificate;
+    certificate.der = bytesOf("junk");
+    otherProcess(GOOD)->addCertificate(CHOSEN_PIN, certificate);
+    const std::string fix = remedy(findings(), GOOD_KEY, "certificate 1 cannot be read");
+    EXPECT_EQ(fix, "velkor-softkey delete GOOD1 --certificate 1");
     follow(fix);
     expectWell();
 }
