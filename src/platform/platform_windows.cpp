@@ -114,7 +114,7 @@ void secureWipe(void* memory, std::size_t size)
         SecureZeroMemory(memory, size);
 }
 
-void wipeStack()
+[[gnu::noinline]] void wipeStack() // Inlined, it would have its room above what it is to wipe.
 {
     constexpr std::size_t DEPTH = 8192; // Threads of hosts may have little more.
     unsigned char below[DEPTH];         // NOLINT: what is in it does not matter.
